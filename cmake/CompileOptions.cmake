@@ -1,0 +1,10 @@
+# Flags of every target of ours. Rounding is part of the results: products are never fused into
+# sums and nothing is reassociated, so that every word size, thread count and vector width agrees.
+function(ctessel_compile_options target)
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  target_compile_options(${target} PRIVATE
+    -ffp-contract=off -fno-math-errno -fno-trapping-math -Wall -Wextra -Wshadow -Wconversion
+    $<$<BOOL:${CTESSEL_WERROR}>:-Werror>)
+  # Safe only beside -ffp-contract=off: the wide versions have fused instructions at hand.
+  target_compile_definitions(${target} PRIVATE CTESSEL_DISPATCH)
+endfunction()

@@ -1,0 +1,112 @@
+#include <memory>
+
+#include "cTessel.h"
+#include "support.h"
+
+TEST_CASE("TS_linspace adds its step up in double and rounds each value", "[grid]") {
+  struct Case {
+    float start, stop;
+    int n;
+  };
+  for (const Case& c : {Case{0, 1, 4}, Case{0, 63, 256}, Case{0, 5, 1}, Case{0, -1, 3},
+                        Case{0, 12345, 100000}, Case{0, 5, 0}, Case{0, 5, -3}}) {
+    CAPTURE(c.stop, c.n);
+    const std::unique_ptr<float[]> grid(TS_linspace(c.start, c.stop, c.n));
+    REQUIRE(grid);
+    double value = c.start;
+    for (int i = 0; i < c.n; ++i) {
+      CHECK(grid[static_cast<std::size_t>(i)] == static_cast<float>(value));
+      if (c.n > 1) value += (static_cast<double>(c.stop) - c.start) / (c.n - 1);
+    }
+  }
+}
+
+// On a function that is linear along each axis the interpolant is exact inside the volume, which
+// pins the axis each coordinate belongs to.
+TEST_CASE("Trilinear interpolation takes the second dimension's coordinate first",
+          "[interpolation]") {
+  const int nx = 3, ny = 4, nz = 5;
+  int dims[] = {nx, ny, nz};
+  std::vector<float> v;
+  for (int z = 0; z < nz; ++z)
+    for (int y = 0; y < ny; ++y)
+      for (int x = 0; x < nx; ++x)
+        v.push_back(static_cast<float>(1 + x + 10 * y + 100 * z + x * y * z));
+  const Eigen::VectorXi extents = Eigen::Map<Eigen::VectorXi>(dims, 3);
+  const Eigen::VectorXf volume = Eigen::Map<Eigen::VectorXf>(v.data(), nx * ny * nz);
+  Eigen::VectorXcd complex_volume(2 * nx * ny * nz);  // two volumes: the end of the first counts
+  complex_volume << volume.cast<double>() * std::complex<double>(1, -2),
+      Eigen::VectorXcd::Constant(nx * ny * nz, 1e9);
+  Random random;
+  CAPTURE(run_seed());
+  for (int i = 0; i < 200; ++i) {
+    const float a = random.real(0, ny - 1.001f), b = random.real(0, nx - 1.001f),
+                c = random.real(0, nz - 1.001f);
+    const double want = 1 + b + 10 * a + 100 * c + static_cast<double>(b) * a * c;
+    const float got = TS_linear_interpolation(v.data(), a, b, c, dims);
+    CHECK(got == Approx(want).epsilon(1e-6));
+    CHECK(TS_linear_interpolation(v.data(), a, b, c, extents) == got);
+    CHECK(TS_linear_interpolation(volume, a, b, c, extents) == got);
+    const int ia = static_cast<int>(a), ib = static_cast<int>(b), ic = static_cast<int>(c);
+    const std::complex<double> z =
+        TS_linear_interpolation(complex_volume, extents, nx * ia + ib + nx * ny * ic, a - ia,
+                                b - ib, c - ic, nx * ny, nx * ny * nz);
+    CHECK(std::abs(z - want * std::complex<double>(1, -2)) < 1e-4);
+  }
+}
+
+TEST_CASE("Corners past the end count as 0 and rows wrap around", "[interpolation]") {
+  std::vector<float> v = {1, 2, 3, 4};
+  int dims[] = {2, 2, 1};
+  auto at = [&](float a, float b, float c) {
+    return TS_linear_interpolation(v.data(), a, b, c, dims);
+  };
+  CHECK(at(0, 0.5f, 0) == 1.5f);
+  CHECK(at(0.5f, 0, 0) == 2.0f);
+  CHECK(at(1, 1, 0) == 4.0f);
+  CHECK(at(0, 1.5f, 0) == 2.5f);   // half of sample 2 and half of the next row's 3
+  CHECK(at(1.5f, 0, 0) == 1.5f);   // the row past the end counts as 0
+  CHECK(at(1, 1.25f, 0) == 3.0f);  // so does the sample past the last
+  CHECK(at(0, 0, 0.5f) == 0.5f);   // and the plane
+  CHECK(at(5, 0, 0) == 0.0f);
+  CHECK(at(0, -0.5f, 0) == 0.5f);  // -0.5 truncates to sample 0 with fraction -0.5: 1.5 - 1
+}
+
+TEST_CASE("With one row per plane a corner past the end is not read", "[interpolation]") {
+  // Corner 4 (next row, next sample) lies past the end while corner 5 (next plane) does not.
+  Eigen::VectorXcd v(4);
+  v << 1, 2, 3, 4;
+  Eigen::VectorXi dims(3);
+  dims << 2, 1, 2;
+  CHECK(TS_linear_interpolation(v, dims, 1, 0.0, 0.5, 0.5, 2, 4).real() ==
+        0.25 * 2 + 0.25 * 3 + 0.25 * 4);
+  CHECK(TS_linear_interpolation(v, dims, 4, 0.0, 0.0, 0.0, 2, 4) == 0.0);
+}
+
+TEST_CASE("pos2interpolate: the first matching rule decides", "[interpolation]") {
+  const float A[] = {10, 20}, B[] = {3.5f, 7.5f};
+  struct Case {
+    double pos;
+    int idx;
+    double want;
+  };
+  for (const Case& c : {
+           Case{3.0, 10, 3.5},  // on the first jump
+           Case{8.0, 21, 8.5},  // one past the second
+           Case{4.2, 9, 3.5},   // crossed the first from below
+           Case{7.9, 22, 8.5},  // not yet past the second
+           Case{4.1, 11, 4.5},  // one past the first
+           Case{7.4, 20, 7.5},  // on the second
+           Case{3.2, 15, 4.5},  // not yet past the first
+           Case{8.2, 15, 7.5},  // crossed the second from below
+           Case{6.0, 15, 6.0},  // free
+           Case{3.0, 9, 3.0},   // below the first and still below its coordinate
+       }) {
+    CAPTURE(c.pos, c.idx);
+    CHECK(pos2interpolate(c.pos, c.idx, A, B) == c.want);
+  }
+  const float none[] = {-1, -1}, nan[] = {NAN, NAN};
+  CHECK(pos2interpolate(4.2, 9, none, B) == 4.2);
+  CHECK(pos2interpolate(4.2, 9, A, none) == 4.2);
+  CHECK(pos2interpolate(4.2, 9, nan, nan) == 4.2);
+}
