@@ -1,0 +1,90 @@
+// Back end for 64-bit hosts that store complex values as (real, imaginary) pairs: GNU Octave 7 and
+// MATLAB from R2018a on.
+//
+// mxGetData hands out the caller's own storage, so writing through it reaches the caller's variable
+// and every variable that shares it. Exception: Octave keeps a 1 x 1 value apart from its array
+// interface and hands out a copy of it.
+
+#include <mex.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "host.h"
+
+namespace host {
+
+namespace {
+
+const mxArray* own(const Array* a) { return reinterpret_cast<const mxArray*>(a); }
+
+int to_int(mwSize n) {
+  if (n > static_cast<mwSize>(INT_MAX)) error("Extents beyond 2147483647 are not supported.");
+  return static_cast<int>(n);
+}
+
+#ifdef CTESSEL_OCTAVE
+// Octave 7 allocates complex single arrays half as large as they are. Give them a buffer of their
+// own.
+void mend_buffer(mxArray* a) {
+  const std::size_t n = mxGetNumberOfElements(a);
+  if (n == 0) return;
+  mxFree(mxGetData(a));
+  mxSetData(a, mxCalloc(n, 2 * sizeof(float)));
+}
+#else
+void mend_buffer(mxArray*) {}
+#endif
+
+}  // namespace
+
+bool is_char(const Array* a) { return mxIsChar(own(a)); }
+bool is_complex(const Array* a) { return mxIsComplex(own(a)); }
+bool is_class(const Array* a, const char* name) {
+  return std::strcmp(mxGetClassName(own(a)), name) == 0;
+}
+std::size_t rows(const Array* a) { return mxGetM(own(a)); }
+std::size_t columns(const Array* a) { return mxGetN(own(a)); }
+bool copy_text(const Array* a, char* buffer, std::size_t size) {
+  return mxGetString(own(a), buffer, static_cast<mwSize>(size)) == 0;
+}
+
+int dimensions(const Array* a) { return to_int(mxGetNumberOfDimensions(own(a))); }
+int extent(const Array* a, int d) {
+  return d < dimensions(a) ? to_int(mxGetDimensions(own(a))[d]) : 1;
+}
+
+Samples samples(const Array* a) {
+  float* values = static_cast<float*>(mxGetData(own(a)));
+  if (!is_complex(a)) return {values, nullptr, 1};
+  return {values, values + 1, 2};
+}
+double* doubles(const Array* a) { return static_cast<double*>(mxGetData(own(a))); }
+
+Array* create_complex_single(int ndims, const int* dims) {
+  mxArray* a;
+  {
+    const std::vector<mwSize> wide(dims, dims + ndims);
+    a = mxCreateNumericArray(static_cast<mwSize>(ndims), wide.data(), mxSINGLE_CLASS, mxCOMPLEX);
+  }
+  mend_buffer(a);
+  return reinterpret_cast<Array*>(a);
+}
+
+void error(const char* text) {
+  mexErrMsgTxt(text);
+  std::abort();  // not reached: the host does not come back from its error call
+}
+void warn(const char* text) { mexWarnMsgTxt(text); }
+
+}  // namespace host
+
+#ifdef CTESSEL_OCTAVE
+// Tells Octave which complex layout the module expects.
+extern "C" {
+extern const int __mx_has_interleaved_complex__ __attribute__((visibility("default")));
+const int __mx_has_interleaved_complex__ = 1;
+}
+#endif
