@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# What the 32-bit module binds, exports and needs: exactly the host entries, the library interface of
+# the header, and the C runtime.
+#
+#   check_module.sh PATH/homodyne.mexglx PATH/cTessel.h
+set -u
+module=$1 header=$2 status=0
+same() {  # name, wanted, got
+  if ! diff <(printf '%s\n' "$2") <(printf '%s\n' "$3") >/tmp/ctessel_diff.$$; then
+    printf '%s differ (< wanted, > found):\n' "$1"
+    cat /tmp/ctessel_diff.$$
+    status=1
+  fi
+  rm -f /tmp/ctessel_diff.$$
+}
+
+readelf -h "$module" | grep -q 'ELF32' || { echo 'not a 32-bit module'; status=1; }
+
+same 'host entries' "$(printf '%s\n' mexErrMsgTxt mexWarnMsgTxt mxCreateNumericArray_700 \
+  mxGetClassName mxGetDimensions_700 mxGetM mxGetN mxGetNumberOfDimensions_700 mxGetPi mxGetPr \
+  mxGetString_700 mxIsChar mxIsComplex | sort)" \
+  "$(nm -D --undefined-only "$module" | awk '{print $2}' | grep -E '^(mx|mex)' | sort)"
+
+# Declarations of the header start at the margin with a type and end their name with a bracket.
+routines=$(sed -nE 's/^[A-Za-z][A-Za-z0-9_:<>]*( [a-z]+)*[ *&]+([A-Za-z_0-9]+)\(.*/\2/p' "$header")
+same 'exports' "$(printf '%s\n' mexFunction mexVersion $routines | sort -u)" \
+  "$(nm -DC --defined-only "$module" | cut -d' ' -f3- | sed 's/(.*//' | sort -u)"
+
+# ld-linux is the loader itself, a part of libc.
+extra=$(readelf -d "$module" | sed -nE 's/.*NEEDED.*\[(.*)\]/\1/p' |
+  grep -vE '^(libgomp\.so\.1|libm\.so\.6|libc\.so\.6|ld-linux\.so\.2)$')
+[ -z "$extra" ] || { echo "needs more than the C runtime: $extra"; status=1; }
+exit $status
