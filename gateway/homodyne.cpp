@@ -343,60 +343,37 @@ bool same_size(const mxArray* a, const mxArray* b) {
   return true;
 }
 
-/// out = Re(d conj(L) / |L|), each product and the difference in double. A missing imaginary part
-/// of L is no part of the magnitude; a missing one of the data takes the sine's term away.
-template <bool ComplexData, bool ComplexLow>
-[[gnu::always_inline]] inline void project(float* out, const float* dr, const float* di,
-                                           const float* lr, const float* li, std::ptrdiff_t n) {
-#pragma omp simd
+/// d = Re(d conj(L) / |L|), each product and the difference in double. A missing imaginary part of
+/// L is no part of the magnitude; a missing one of the data takes the sine's term away. Steps and
+/// parts are known when compiled, so that either layout is read and written as whole vectors.
+template <int DataStep, bool DataComplex, int LowStep, bool LowComplex>
+[[gnu::always_inline]] inline void project(const Samples& data, const Samples& low,
+                                           std::ptrdiff_t n) {
+  float *dr = data.re, *di = DataStep == 2 ? dr + 1 : data.im;
+  const float *lr = low.re, *li = LowStep == 2 ? lr + 1 : low.im;
+#pragma omp simd  // L may be the data itself, but only sample for sample
   for (std::ptrdiff_t i = 0; i < n; ++i) {
-    const double re = lr[i], im = ComplexLow ? li[i] : 0.0f;
+    const double re = lr[LowStep * i], im = LowComplex ? li[LowStep * i] : 0.0f;
     const double magnitude = std::sqrt(re * re + im * im);
-    const double c = re / magnitude, s = ComplexLow ? -im / magnitude : 0.0;
-    const double along = c * dr[i];
-    out[i] = static_cast<float>(ComplexData ? along - s * di[i] : along);
+    const double c = re / magnitude, s = LowComplex ? -im / magnitude : 0.0;
+    const double along = c * dr[DataStep * i];
+    dr[DataStep * i] = static_cast<float>(DataComplex ? along - s * di[DataStep * i] : along);
+    if (DataComplex) di[DataStep * i] = 0.0f;
   }
 }
 
-/// The same with absent imaginary parts as null. out may be dr, and L may be the data.
-CTESSEL_CLONES void project_parts(float* out, const float* dr, const float* di, const float* lr,
-                                  const float* li, std::ptrdiff_t n) {
-  if (di && li) return project<true, true>(out, dr, di, lr, li, n);
-  if (di) return project<true, false>(out, dr, di, lr, li, n);
-  if (li) return project<false, true>(out, dr, di, lr, li, n);
-  project<false, false>(out, dr, di, lr, li, n);
+template <int DataStep, bool DataComplex>
+[[gnu::always_inline]] inline void project_onto(const Samples& data, const Samples& low,
+                                                std::ptrdiff_t n) {
+  if (!low.im) return project<DataStep, DataComplex, 1, false>(data, low, n);
+  if (low.step == 1) return project<DataStep, DataComplex, 1, true>(data, low, n);
+  project<DataStep, DataComplex, 2, true>(data, low, n);
 }
 
-constexpr std::ptrdiff_t kBlock = 1024;  // samples taken apart at a time: they stay in the L1 cache
-
-/// The parts of at most kBlock samples: where they are, or taken apart into the buffer.
-Samples as_parts(const Samples& s, std::ptrdiff_t n, float* buffer) {
-  if (s.step == 1) return s;
-  for (std::ptrdiff_t i = 0; i < n; ++i) {
-    buffer[i] = s.re[2 * i];
-    buffer[kBlock + i] = s.re[2 * i + 1];
-  }
-  return {buffer, buffer + kBlock, 1};
-}
-
-void remove_phase_of_block(const Samples& data, const Samples& low, std::ptrdiff_t n) {
-  float of_data[2 * kBlock], of_low[2 * kBlock];
-  const Samples d = as_parts(data, n, of_data), l = as_parts(low, n, of_low);
-  project_parts(d.re, d.re, d.im, l.re, l.im, n);
-  if (data.step == 2) {
-    for (std::ptrdiff_t i = 0; i < n; ++i) {
-      data.re[2 * i] = d.re[i];
-      data.re[2 * i + 1] = 0.0f;
-    }
-  } else if (data.im) {
-    std::fill_n(data.im, n, 0.0f);
-  }
-}
-
-void remove_phase(const Samples& data, const Samples& low, std::ptrdiff_t n) {
-  for (std::ptrdiff_t i = 0; i < n; i += kBlock) {
-    remove_phase_of_block(data.from(i), low.from(i), std::min(kBlock, n - i));
-  }
+CTESSEL_CLONES void remove_phase(const Samples& data, const Samples& low, std::ptrdiff_t n) {
+  if (!data.im) return project_onto<1, false>(data, low, n);
+  if (data.step == 1) return project_onto<1, true>(data, low, n);
+  project_onto<2, true>(data, low, n);
 }
 
 /// Where the samples of the data's axis lie on the low-resolution axis.

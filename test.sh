@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds and tests everything on a bare Debian 12: the 64-bit library, the 32-bit module, the module in
+# GNU Octave, and the formatting of the sources.
+set -uo pipefail
+
+cd "$(dirname "$0")"
+tools/install_packages.sh packages.txt || exit 1
+
+passed=0 failed=0 skipped=0
+count() {  # adds up ctest's log
+  local total bad none
+  total=$(sed -nE 's/.* tests? failed out of ([0-9]+)$/\1/p' "$1" | tail -n 1)
+  bad=$(sed -nE 's/^[0-9]+% tests passed, ([0-9]+) tests? failed.*/\1/p' "$1" | tail -n 1)
+  none=$(grep -cE '\*\*\*Skipped' "$1")
+  passed=$((passed + ${total:-0} - ${bad:-0} - none))
+  failed=$((failed + ${bad:-0}))
+  skipped=$((skipped + none))
+}
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+for preset in default mex32 octave; do
+  echo "== $preset"
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+    grep -E 'error|FAILED|CMake Error' -A 5 "$log" || tail -n 30 "$log"
+    echo "building $preset failed"
+    failed=$((failed + 1))
+    continue
+  fi
+  ctest --preset "$preset" 2>&1 | tee "$log"
+  grep -q 'tests passed' "$log" || failed=$((failed + 1))
+  count "$log"
+done
+
+echo "== formatting"
+if find recon gateway tests bench examples \( -name '*.cpp' -o -name '*.h' \) -print0 |
+    xargs -0 clang-format --dry-run -Werror; then
+  passed=$((passed + 1))
+else
+  failed=$((failed + 1))
+fi
+
+echo
+echo "$passed passed, $failed failed, $skipped skipped"
+[ "$failed" -eq 0 ]
