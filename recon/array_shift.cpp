@@ -53,11 +53,13 @@ void rotate_blocks(float* line, std::ptrdiff_t N, std::ptrdiff_t shift, std::ptr
   }
 }
 
-/// Turns a short line by way of a copy of its end.
-void rotate_floats(float* line, std::ptrdiff_t n, std::ptrdiff_t shift, float* scratch) {
-  copy_floats(scratch, line + n - shift, shift);
+/// Turns a line by way of a copy of its end. Plain loops: lines are too short for library calls.
+CTESSEL_CLONES void rotate_floats(float* line, std::ptrdiff_t n, std::ptrdiff_t shift,
+                                  float* scratch) {
+  const float* end = line + n - shift;
+  for (std::ptrdiff_t i = 0; i < shift; ++i) scratch[i] = end[i];
   std::memmove(line + shift, line, static_cast<std::size_t>(n - shift) * sizeof(float));
-  copy_floats(line, scratch, shift);
+  for (std::ptrdiff_t i = 0; i < shift; ++i) line[i] = scratch[i];
 }
 
 /// The lines of one axis: how long, how far apart, how many in each outer volume.

@@ -32,19 +32,38 @@ struct Coils {
 
 // ---- Sum of squares -----------------------------------------------------------------------------
 
-constexpr std::ptrdiff_t kBlock = 2048;  // sums of one block: 8 KiB, a quarter of an L1 cache
-constexpr std::ptrdiff_t kTile = 16;     // voxels taken together where coils lie closer than that
+constexpr std::ptrdiff_t kBlock = 16384;  // sums of one block: 64 KiB, a part of the L2 cache
+constexpr std::ptrdiff_t kTile = 16;      // voxels taken together where coils lie closer than that
 
-CTESSEL_CLONES void add_squares(float* out, const float* re, const float* im, std::ptrdiff_t n) {
-  if (im) {
+/// Adds the squares of C coils that lie S apart to the sums.
+template <int C, bool Complex>
+[[gnu::always_inline]] inline void add_coils(float* out, const float* re, const float* im,
+                                             std::ptrdiff_t S, std::ptrdiff_t n) {
 #pragma omp simd
-    for (std::ptrdiff_t i = 0; i < n; ++i) {
-      const float sum = out[i] + re[i] * re[i];
-      out[i] = sum + im[i] * im[i];
+  for (std::ptrdiff_t i = 0; i < n; ++i) {
+    float sum = out[i];
+    for (int c = 0; c < C; ++c) {
+      sum += re[i + c * S] * re[i + c * S];
+      if (Complex) sum += im[i + c * S] * im[i + c * S];
     }
-  } else {
-#pragma omp simd
-    for (std::ptrdiff_t i = 0; i < n; ++i) out[i] += re[i] * re[i];
+    out[i] = sum;
+  }
+}
+
+/// Coils together in one pass over the sums: fewer passes, and no more streams than the processor's
+/// prefetchers follow.
+constexpr int kTogether = 4;
+
+CTESSEL_CLONES void add_squares(float* out, const float* re, const float* im, std::ptrdiff_t S,
+                                std::ptrdiff_t coils, std::ptrdiff_t n) {
+  std::ptrdiff_t c = 0;
+  for (; c + kTogether <= coils; c += kTogether) {
+    if (im) add_coils<kTogether, true>(out, re + c * S, im + c * S, S, n);
+    if (!im) add_coils<kTogether, false>(out, re + c * S, nullptr, S, n);
+  }
+  for (; c < coils; ++c) {
+    if (im) add_coils<1, true>(out, re + c * S, im + c * S, S, n);
+    if (!im) add_coils<1, false>(out, re + c * S, nullptr, S, n);
   }
 }
 
@@ -78,10 +97,7 @@ void sum_block(const float* re, const float* im, const Coils& coils, float* out,
   if (coils.S < kTile) return sum_tiles(re, im, coils, out, first, last);
   for (std::ptrdiff_t n = first; n < last;) {
     const std::ptrdiff_t count = std::min(coils.run(n), last - n), base = coils.base(n);
-    for (std::ptrdiff_t c = 0; c < coils.count; ++c) {
-      const std::ptrdiff_t i = base + c * coils.S;
-      add_squares(out + n, re + i, im ? im + i : nullptr, count);
-    }
+    add_squares(out + n, re + base, im ? im + base : nullptr, coils.S, coils.count, count);
     n += count;
   }
 }
