@@ -1,7 +1,8 @@
 // Uses the installed library: needs its header, Eigen's headers, its objects and OpenMP's runtime.
 #include <cTessel.h>
 
-// However wide the vectors that this program is compiled for: the library resizes its Eigen vectors.
+// However wide the vectors that this program is compiled for: the library resizes its Eigen
+// vectors.
 static_assert(EIGEN_MAX_ALIGN_BYTES == 16);
 
 int main() {
