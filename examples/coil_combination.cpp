@@ -77,7 +77,7 @@ void write_pictures(const std::string& folder, const ComplexArray& coils, const 
   const float largest = *std::max_element(c.magnitude.begin(), c.magnitude.end());
   const Picture phase = scaled(plane(c.image, middle,
                                      [&](std::size_t i) {
-                                       return c.magnitude[i] < 0.05f * largest
+                                       return c.magnitude[i] < 0.1f * largest
                                                   ? -4.0f
                                                   : std::atan2(c.image.im[i], c.image.re[i]);
                                      }),
