@@ -119,6 +119,9 @@ double* doubles(const Array* a) { return const_cast<Array*>(a)->values.data(); }
 Array* create_complex_single(int ndims, const int* dims) {
   Array shape;
   shape.dims.assign(dims, dims + ndims);
+  double count = 1;
+  for (int d : shape.dims) count *= d;
+  if (count > 1e8) error("Out of memory.");  // as a host does
   const std::vector<float> zeros(shape.count());
   state().created.push_back(
       std::make_unique<Array>(single(shape.dims, zeros, zeros, state().layout)));
