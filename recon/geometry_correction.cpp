@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 
+#include "block_sincos.h"
 #include "cTessel.h"
 #include "dispatch.h"
 #include "legendre.h"
@@ -141,13 +142,12 @@ struct Angles {
   float sin[kDegrees][kLanes], cos[kDegrees][kLanes];  // of m phi
 };
 
-void multiples(const float* azimuth, int count, Angles& angles) {
-  for (int j = 0; j < count; ++j)
-    for (int m = 1; m < kDegrees; ++m) {
-      const float angle = static_cast<float>(m) * azimuth[j];
-      angles.sin[m][j] = std::sin(angle);
-      angles.cos[m][j] = std::cos(angle);
-    }
+void multiples(const float* azimuth, Angles& angles) {
+  for (int m = 1; m < kDegrees; ++m) {
+    float angle[kLanes];
+    for (int j = 0; j < kLanes; ++j) angle[j] = static_cast<float>(m) * azimuth[j];
+    ctessel::block_sincos(angle, angles.sin[m], angles.cos[m]);
+  }
 }
 
 struct Sums {
@@ -187,8 +187,8 @@ struct Task {
 
 /// Completes the points of a batch and empties it.
 void finish(const Task& task, const Terms& terms, Batch& batch) {
-  Angles angles = {};
-  multiples(batch.azimuth, batch.count, angles);
+  Angles angles;
+  multiples(batch.azimuth, angles);
   Sums sums;
   add_up(task.e, batch.ratio, angles, terms, sums);
   for (int j = 0; j < batch.count; ++j) {
