@@ -30,7 +30,7 @@ constexpr float kLargest = 100;              // the reduction's error is known u
 constexpr float kSmallest = 1e-3f;           // below, cancelled digits could show
 constexpr std::uint32_t kMargin = 1u << 16;  // in units of a double's last place
 
-Pair polynomials(float angle) {
+[[gnu::always_inline]] inline Pair polynomials(float angle) {
   const double x = angle;
   const int quarter = (static_cast<int>(x * kQuarterTurnsPerRadian) + 0x800000) >> 24;  // nearest
   const double y = x - quarter * kQuarterTurn, y2 = y * y, y3 = y * y2, y4 = y2 * y2;
@@ -43,7 +43,7 @@ Pair polynomials(float angle) {
 }
 
 /// Whether v, an ulp or two of a double off, might round to another float.
-bool in_doubt(double v) {
+[[gnu::always_inline]] inline bool in_doubt(double v) {
   const auto dropped = static_cast<std::uint32_t>(std::bit_cast<std::uint64_t>(v)) << 3;
   const bool near_tie = dropped - (0x80000000u - 8 * kMargin) <= 16 * kMargin;
   return near_tie | (std::abs(v) < kSmallest);
