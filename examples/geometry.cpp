@@ -6,8 +6,9 @@
 // A coefficient file has one term per line, `axis n m value`, with axis x, y or z, order n and
 // degree m (0 for z); `r0 value` gives the reference radius in mm, 250 without it, and # starts a
 // comment. Linear terms are 1 unless given. Values belong to unnormalised Legendre functions
-// without the phase (-1)^m. A letter between axis and order (A for cosine, B for sine terms) and a
-// heading that starts with `axis` are passed over, so common tables can be read as they are.
+// without the phase (-1)^m. A letter between axis and order (A for cosine, B for sine terms), as
+// published tables have it, says that they belong to functions normalised for m > 0 by
+// (-1)^m sqrt((2n + 1) (n - m)! / (2 (n + m)!)). A heading that starts with `axis` is passed over.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -57,6 +58,12 @@ float& term(Coil& coil, char axis, int n, int m) {
   throw std::runtime_error("no such term");
 }
 
+/// Factor of a function normalised for m > 0, beside the phase.
+double normalisation(int n, int m) {
+  if (m == 0) return 1;
+  return std::sqrt((2 * n + 1) / 2.0 * std::tgamma(n - m + 1.0) / std::tgamma(n + m + 1.0));
+}
+
 void read_line(const std::string& line, Coil& coil) {
   std::istringstream words(line.substr(0, line.find('#')));
   std::string axis;
@@ -67,9 +74,10 @@ void read_line(const std::string& line, Coil& coil) {
     words >> coil.r0;
   } else {
     if (axis != "x" && axis != "y" && axis != "z") throw std::runtime_error("unknown axis " + axis);
-    if (std::isalpha((words >> std::ws).peek())) words.get();
+    const bool lettered = std::isalpha((words >> std::ws).peek()) != 0;
+    if (lettered) words.get();
     words >> n >> m >> value;
-    term(coil, axis[0], n, m) = value;
+    term(coil, axis[0], n, m) = lettered ? static_cast<float>(value * normalisation(n, m)) : value;
   }
   if (!words) throw std::runtime_error("too few numbers");
 }

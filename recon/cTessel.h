@@ -50,9 +50,9 @@
 ///   r0          in   reference radius of the expansion
 ///
 /// For |cos theta| < 0.9 the Legendre functions are taken at the nearest of 10000 samples at or
-/// below cos theta, not interpolated. With the linear terms alone, r0 = 250 mm and points within r0
-/// this costs up to 0.095 mm in x and y and 0.050 mm in z, RMS 0.013 mm in x and y and 0.022 mm in
-/// z. Sums run in single precision, n inside m.
+/// below cos theta, not interpolated. With the linear terms alone, r0 = 250 mm and points anywhere
+/// within r0 this costs up to 0.10 mm in x and y and 0.05 mm in z, RMS 0.012 mm in x and y and
+/// 0.021 mm in z. Sums run in single precision, n inside m.
 ///
 /// Errors: none reported; a linear coefficient of 0 gives infinities or NaN, and so does a point
 /// that is not finite, for itself alone. Threads: split over the points.
