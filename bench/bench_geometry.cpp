@@ -1,6 +1,6 @@
 // Figure of merit: time per call, one thread, against the straight transcription in
 // tests/naive_geometry.h. Each iteration times both in turn, so that a busy machine slows both; the
-// counter `ratio` is the quotient of the two fastest runs. `per_point_ns` includes the set-up.
+// counter `ratio` is the quotient of the two fastest runs. Set-up is part of every call.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 

@@ -42,7 +42,8 @@ constexpr std::uint32_t kMargin = 1u << 16;  // in units of a double's last plac
   return {quarter & 2 ? -sine : sine, (quarter + 1) & 2 ? -cosine : cosine};
 }
 
-/// Whether v, an ulp or two of a double off, might round to another float.
+/// Whether v, off by at most kMargin, might round to another float. The product of the reduction is
+/// off by 2^-47 at most, which is half of kMargin at kSmallest.
 [[gnu::always_inline]] inline bool in_doubt(double v) {
   const auto dropped = static_cast<std::uint32_t>(std::bit_cast<std::uint64_t>(v)) << 3;
   const bool near_tie = dropped - (0x80000000u - 8 * kMargin) <= 16 * kMargin;

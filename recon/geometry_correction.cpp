@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 
 #include "block_sincos.h"
@@ -86,28 +85,23 @@ std::unique_ptr<float[]> build_table(float step) {
   return table;
 }
 
-using Four [[gnu::vector_size(16)]] = float;
+using Four [[gnu::vector_size(16), gnu::aligned(4), gnu::may_alias]] = float;
 
-Four load(const float* p) {
-  Four v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-void store(float* p, Four v) { std::memcpy(p, &v, sizeof v); }
+const Four& four(const float* p) { return *reinterpret_cast<const Four*>(p); }
+Four& four(float* p) { return *reinterpret_cast<Four*>(p); }
 
 /// Turns four rows, one per lane, into four terms across those lanes.
 void transpose4(const float* const* rows, int term, int lane, Terms& terms) {
-  const Four a = load(rows[0] + term), b = load(rows[1] + term), c = load(rows[2] + term),
-             d = load(rows[3] + term);
+  const Four a = four(rows[0] + term), b = four(rows[1] + term), c = four(rows[2] + term),
+             d = four(rows[3] + term);
   const Four ab = __builtin_shufflevector(a, b, 0, 4, 1, 5);
   const Four ab2 = __builtin_shufflevector(a, b, 2, 6, 3, 7);
   const Four cd = __builtin_shufflevector(c, d, 0, 4, 1, 5);
   const Four cd2 = __builtin_shufflevector(c, d, 2, 6, 3, 7);
-  store(&terms[term][lane], __builtin_shufflevector(ab, cd, 0, 1, 4, 5));
-  store(&terms[term + 1][lane], __builtin_shufflevector(ab, cd, 2, 3, 6, 7));
-  store(&terms[term + 2][lane], __builtin_shufflevector(ab2, cd2, 0, 1, 4, 5));
-  store(&terms[term + 3][lane], __builtin_shufflevector(ab2, cd2, 2, 3, 6, 7));
+  four(&terms[term][lane]) = __builtin_shufflevector(ab, cd, 0, 1, 4, 5);
+  four(&terms[term + 1][lane]) = __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
+  four(&terms[term + 2][lane]) = __builtin_shufflevector(ab2, cd2, 0, 1, 4, 5);
+  four(&terms[term + 3][lane]) = __builtin_shufflevector(ab2, cd2, 2, 3, 6, 7);
 }
 
 /// The terms of one table row per lane.
