@@ -93,17 +93,9 @@ TEST_CASE("TS_zero_pad places every sample and writes nothing else", "[zero_pad]
                       n_out = naive::product(to.data(), 0, static_cast<int>(to.size()));
     std::vector<float> re = random.reals(n), im = random.reals(n), want_re(n_out, -9),
                        want_im(n_out, -9);
-    const int d2 = ndims > 2 ? dims[2] : 1;
-    const auto shifted = [](int from, int target) { return (target - from + 1) / 2; };
-    for (std::size_t i = 0; i < n; ++i) {
-      const int x = static_cast<int>(i) % dims[0] + shifted(dims[0], to[0]);
-      const int y = static_cast<int>(i) / dims[0] % dims[1] + shifted(dims[1], to[1]);
-      const int z = static_cast<int>(i) / dims[0] / dims[1] % d2 + shifted(d2, nz);
-      const int p = static_cast<int>(i) / dims[0] / dims[1] / d2;
-      const std::size_t o = static_cast<std::size_t>(x + to[0] * (y + to[1] * (z + nz * p)));
-      want_re[o] = re[i];
-      want_im[o] = im[i];
-    }
+    const double target[] = {to[0] * 1.0, to[1] * 1.0, nz * 1.0};
+    naive::zero_pad(re, dims, target, want_re);
+    naive::zero_pad(im, dims, target, want_im);
     CAPTURE(dims, to);
     with_thread_counts([&] {
       Guarded<float> out_re(n_out, -9), out_im(n_out, -9), alone(n_out, -9);
