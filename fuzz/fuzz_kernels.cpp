@@ -249,10 +249,10 @@ constexpr double kUntouched = 1234567;
 /// A SENSE problem of any geometry, with maps and data of any values.
 struct Scene {
   explicit Scene(Input& input) : maps(4), folded(4), full(3), slots(4) {
-    for (int d = 0; d < 4; ++d) maps[d] = input.ConsumeIntegralInRange(1, d == 0 ? 9 : 5);
+    for (int d = 0; d < 4; ++d) maps[d] = input.ConsumeIntegralInRange(1, d == 0 ? 9 : 4);
     for (int d = 0; d < 3; ++d) {
-      folded[d] = input.ConsumeIntegralInRange(1, 5);
-      full[d] = folded[d] + (d == 0 ? 0 : input.ConsumeIntegralInRange(0, 9));
+      folded[d] = input.ConsumeIntegralInRange(1, 3);
+      full[d] = folded[d] + (d == 0 ? 0 : input.ConsumeIntegralInRange(0, 3));
       R[d] = static_cast<float>(full[d]) / static_cast<float>(folded[d]);
     }
     folded[3] = maps[3];
