@@ -50,23 +50,25 @@ struct Call {
 
 /// Sensitivity of coil c of n at (u, v, w), each -0.5 ... 0.5: smooth, coil 0 never 0 in its
 /// real part, with phases that tell up to four aliases along y apart.
-Complex coil(int c, int n, double u, double v, double w) {
+Complex coil(int c, int n, double u, double v, double w, double turns) {
   const double a = 2 * kPi * c / n, dx = u - 0.8 * std::cos(a), dy = v - 0.8 * std::sin(a),
                dz = w - (c % 2 ? 0.3 : -0.3);
   return std::polar(1 / (0.1 + dx * dx + dy * dy + dz * dz),
-                    2 * kPi * (c % 4) * v + 0.5 * std::sin(3 * u + 2 * v + c));
+                    2 * kPi * turns * (c % 4) * v + 0.5 * std::sin(3 * u + 2 * v + c));
 }
 
 struct Phantom {
   int nx, ny, nz, nc;
   Image truth;
+  double turns = 1;  // phase of the maps across the field of view
   double place(int i, int n) const { return n > 1 ? double(i) / (n - 1) - 0.5 : 0; }
   Phantom(int x_, int y_, int z_, int c_) : nx(x_), ny(y_), nz(z_), nc(c_) {
     Random random(5);
     for (int i = 0; i < nx * ny * nz; ++i) truth.emplace_back(random.real(), random.real());
   }
   Complex seen(int c, int x, int y, int z) const {
-    return truth[x + nx * (y + ny * z)] * coil(c, nc, place(x, nx), place(y, ny), place(z, nz));
+    return truth[x + nx * (y + ny * z)] *
+           coil(c, nc, place(x, nx), place(y, ny), place(z, nz), turns);
   }
   void put_maps(Call& call, int my, int mz) const {
     call.sens = {nx, my, mz, nc};
@@ -74,7 +76,7 @@ struct Phantom {
       for (int z = 0; z < mz; ++z)
         for (int y = 0; y < my; ++y)
           for (int x = 0; x < nx; ++x) {
-            const Complex s = coil(c, nc, place(x, nx), place(y, my), place(z, mz));
+            const Complex s = coil(c, nc, place(x, nx), place(y, my), place(z, mz), turns);
             call.sens_re.push_back(float(s.real()));
             call.sens_im.push_back(float(s.imag()));
           }
@@ -136,7 +138,8 @@ TEST_CASE("A phantom folded by the sampling model comes back", "[sense_recon]") 
            Case{96, 1, 48, 1, 48, 1, 4e-2},  // maps at half resolution
        }) {
     CAPTURE(c.ny, c.fy, c.fz, c.my);
-    const Phantom phantom(9, c.ny, c.nz, 12);
+    Phantom phantom(9, c.ny, c.nz, 12);
+    if (c.my < c.ny) phantom.turns = 0;  // coarse maps need smooth coils
     Call call = phantom.folded(c.fy, c.fz, c.my, c.mz);
     CHECK(worst(call.image(), phantom.truth) < c.tolerance);
   }
