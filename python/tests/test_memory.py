@@ -32,8 +32,8 @@ print((peak - before - own) / data.nbytes)
 
 VOLUME, COILS = (192, 160, 96), (128, 96, 16, 16)
 CALLS = [
-    ("ctessel.fftshift(data)", VOLUME, 0.05),
-    ("ctessel.fftshift(data, inplace=True)", VOLUME, 0.05),
+    ("ctessel.fftshift(data)", VOLUME, 0.55),
+    ("ctessel.fftshift(data, inplace=True)", VOLUME, 0.55),
     ("ctessel.zero_pad(data, [n + n // 2 for n in data.shape[:3]])", VOLUME, 0.05),
     ("ctessel.ringing_filter(data, 0.5)", VOLUME, 0.55),
     ("ctessel.ringing_filter(data, 0.5)", COILS, 0.3),
