@@ -117,6 +117,22 @@ double root_mean_square(py::handle data) {
   return TS_SA(parts.re(), parts.im(), static_cast<int>(in.view.size()));
 }
 
+// For the benchmark: what it costs to take pairs apart and to put them together.
+
+void split_into(py::handle data, const py::array_t<float>& re, const py::array_t<float>& im,
+                py::handle threads) {
+  const Input in = input(data, "data", Kind::kComplex);
+  const Threads team(threads);
+  split(in.view, const_cast<float*>(re.data()), const_cast<float*>(im.data()));
+}
+
+void join_into(const py::array_t<float>& re, const py::array_t<float>& im, py::handle data,
+               py::handle threads) {
+  const Input in = input(data, "data", Kind::kComplex);
+  const Threads team(threads);
+  join(re.data(), im.data(), in.view);
+}
+
 }  // namespace
 
 void bind_helpers(py::module_& m) {
@@ -127,6 +143,8 @@ void bind_helpers(py::module_& m) {
   m.def("round_float", py::vectorize(static_cast<int (*)(float)>(TS_round)));
   m.def("sub2ind", sub2ind);
   m.def("find", find);
+  m.def("split", split_into);
+  m.def("join", join_into);
   m.def("sa", root_mean_square);
 }
 

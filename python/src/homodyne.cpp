@@ -2,9 +2,11 @@
 
 #include "homodyne.h"
 
+#include <atomic>
 #include <cmath>
 
 #include "arguments.h"
+#include "dispatch.h"
 #include "numpy_host.h"
 
 namespace ctessel_python {
@@ -117,6 +119,23 @@ void multiply_in_place(const View& data, const View& low) {
   });
 }
 
+CTESSEL_CLONES ptrdiff_t count_nan(const float* v, ptrdiff_t n) {
+  ptrdiff_t count = 0;
+#pragma omp simd reduction(+ : count)
+  for (ptrdiff_t i = 0; i < n; ++i) count += v[i] != v[i];
+  return count;
+}
+
+/// Samples whose real part is not a number.
+ptrdiff_t count_nan(const View& v) {
+  std::atomic<ptrdiff_t> count{0};
+  for_each_piece(cut({v.complex ? v.part(0) : v}, {}, kPiece), [&](const Views& piece) {
+    const Parts values(piece[0]);
+    count += count_nan(values.re(), piece[0].size());
+  });
+  return count;
+}
+
 void check_low(const View& data, const View& low) {
   check_not_empty(low, "low");
   if (low.ndim() != data.ndim()) {
@@ -142,10 +161,10 @@ py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace
   ptrdiff_t lost;
   {
     const py::gil_scoped_release unlocked;
-    const ptrdiff_t before = count_nan(in.view.complex ? in.view.part(0) : in.view);
+    const ptrdiff_t before = count_nan(in.view);
     if (!to.same) copy(in.view, to.view);
     multiply_in_place(to.view, image.view);
-    lost = count_nan(to.view.complex ? to.view.part(0) : to.view) - before;
+    lost = count_nan(to.view) - before;
   }
   return py::make_tuple(to.array, lost);
 }

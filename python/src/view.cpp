@@ -201,13 +201,6 @@ struct Copy {
   }
 };
 
-CTESSEL_CLONES ptrdiff_t count_nan_run(const float* v, ptrdiff_t n) {
-  ptrdiff_t count = 0;
-#pragma omp simd reduction(+ : count)
-  for (ptrdiff_t i = 0; i < n; ++i) count += v[i] != v[i];
-  return count;
-}
-
 std::vector<ptrdiff_t> packed_strides(const std::vector<ptrdiff_t>& shape, ptrdiff_t item) {
   std::vector<ptrdiff_t> strides;
   for (ptrdiff_t n : shape) {
@@ -305,17 +298,6 @@ void copy(const View& from, const View& to) {
   } else {
     walk(Copy<std::uint32_t>{from.data, to.data}, from.shape, from.strides, to.strides);
   }
-}
-
-ptrdiff_t count_nan(const View& v) {
-  ptrdiff_t count = 0;
-  for (const Views& piece : cut({v}, {}, kPiece)) {
-    const Parts parts(piece.front());
-    const ptrdiff_t n = piece.front().size();
-    count += count_nan_run(parts.re(), n);
-    if (parts.im()) count += count_nan_run(parts.im(), n);
-  }
-  return count;
 }
 
 Parts::Parts(const View& from) {

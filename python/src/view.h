@@ -46,9 +46,6 @@ void join(const float* re, const float* im, const View& to);
 /// Copies samples between views of the same shape and kind.
 void copy(const View& from, const View& to);
 
-/// Samples that are not a number, in either part.
-std::ptrdiff_t count_nan(const View& v);
-
 /// Parts of a view in the kernels' order. Real samples that already are in it are not copied.
 class Parts {
  public:
