@@ -6,9 +6,11 @@ which counts as complex with imaginary parts of zero); other types raise ``TypeE
 being converted behind the caller's back. On a centred axis of N samples the zero frequency lies at
 index ``N // 2``.
 
-Nothing changes its input unless ``inplace=True`` or ``out=`` says so. New arrays have the first
-axis fastest (Fortran order), which every function here reads without rearranging; the shifts keep
-the order of their input. ``threads=`` sets the number of threads of one call; results are the same
+Nothing changes its input unless ``inplace=True`` or ``out=`` says so. The kernels read arrays whose
+first axis is fastest (Fortran order). Results of the ringing filter, of SENSE and of
+`homodyne.filter` come in that order; everything else keeps the order of its input and is as fast in
+C order. Beyond arguments and result a call needs at most 0.5 of a copy of its data (in C order:
+`homodyne.multiply` in place with resampling and SENSE, one copy). ``threads=`` sets the number of threads of one call; results are the same
 bits for every number. The interpreter's lock is released while kernels run.
 
 Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what

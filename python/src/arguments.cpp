@@ -4,7 +4,6 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <numeric>
 
 namespace ctessel_python {
 
@@ -63,6 +62,18 @@ void check_apart(const View& result, const View& read, const char* name) {
   if (overlap(result, read)) {
     fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
   }
+}
+
+py::dtype sample_type(const View& v) {
+  return v.complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
+}
+
+void clear(const View& v) {
+  const double zero = 0;
+  View source = v;
+  source.data = reinterpret_cast<char*>(const_cast<double*>(&zero));
+  std::fill(source.strides.begin(), source.strides.end(), 0);
+  copy(source, v);
 }
 
 std::string plural(std::size_t n) { return std::to_string(n) + (n == 1 ? " value" : " values"); }
@@ -132,67 +143,48 @@ View output(py::handle object, const char* name, const std::vector<std::ptrdiff_
   return v;
 }
 
-py::array new_array(const std::vector<std::ptrdiff_t>& shape, bool complex) {
-  if (complex) return py::array_t<std::complex<float>, py::array::f_style>(shape);
-  return py::array_t<float, py::array::f_style>(shape);
+View layout_like(const View& like, const std::vector<std::ptrdiff_t>& shape, bool complex) {
+  View v{nullptr, shape, shape, complex};
+  std::ptrdiff_t step = v.item();
+  for (int axis : like.memory_order()) {
+    const auto d = static_cast<std::size_t>(axis);
+    v.strides[d] = step;
+    step *= std::max<std::ptrdiff_t>(shape[d], 1);
+  }
+  return v;
 }
 
-py::array new_zeros(const std::vector<std::ptrdiff_t>& shape, bool complex) {
-  View v = packed(nullptr, shape, complex);
-  const auto bytes = static_cast<std::size_t>(std::max<std::ptrdiff_t>(v.size(), 1) * v.item());
-  void* memory = std::calloc(bytes, 1);  // large blocks come from the system cleared
+py::array new_array(const View& layout) {
+  return py::array(sample_type(layout), layout.shape, layout.strides);
+}
+
+py::array new_zeros(const View& layout) {
+  const auto count = static_cast<std::size_t>(std::max<std::ptrdiff_t>(layout.size(), 1));
+  void* memory = std::calloc(count, static_cast<std::size_t>(layout.item()));
   if (!memory) throw std::bad_alloc();
   const py::capsule owner(memory, [](void* p) { std::free(p); });
-  const py::dtype type = complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
-  return py::array(type, v.shape, v.strides, memory, owner);
-}
-
-py::array new_like(const View& like) {
-  std::vector<std::size_t> order(like.shape.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-    return std::abs(like.strides[a]) < std::abs(like.strides[b]);
-  });
-  std::vector<std::ptrdiff_t> strides(order.size());
-  std::ptrdiff_t step = like.item();
-  for (std::size_t d : order) {
-    strides[d] = step;
-    step *= std::max<std::ptrdiff_t>(like.shape[d], 1);
-  }
-  const py::dtype type =
-      like.complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
-  return py::array(type, like.shape, strides);
+  return py::array(sample_type(layout), layout.shape, layout.strides, memory, owner);
 }
 
 Destination destination(const Input& data, py::handle object, py::handle out, bool inplace,
-                        Order order) {
+                        const View& layout) {
   if (inplace && !out.is_none()) fail_value("out", "None beside inplace=True", describe(out));
   if (inplace || out.is(object)) {
     const View v = output(object, inplace ? "data" : "out", data.view.shape, data.view.complex);
     return {py::reinterpret_borrow<py::object>(object), v, true};
   }
-  if (!out.is_none())
-    return destination({data.view}, out, data.view.shape, data.view.complex, false);
-  const py::array a =
-      order == Order::kKeep ? new_like(data.view) : new_array(data.view.shape, data.view.complex);
-  return {a, view_of(a), false};
+  return destination({data.view}, out, layout, false);
 }
 
-Destination destination(const std::vector<View>& read, py::handle out,
-                        const std::vector<std::ptrdiff_t>& shape, bool complex, bool zeros) {
+Destination destination(const std::vector<View>& read, py::handle out, const View& layout,
+                        bool zeros) {
   if (out.is_none()) {
-    const py::array a = zeros ? new_zeros(shape, complex) : new_array(shape, complex);
+    const py::array a = zeros ? new_zeros(layout) : new_array(layout);
     return {a, view_of(a), false};
   }
-  const View v = output(out, "out", shape, complex);
+  const View v = output(out, "out", layout.shape, layout.complex);
   for (const View& r : read) check_apart(v, r, "out");
-  if (zeros) {
-    const std::ptrdiff_t zero[1] = {0};
-    View source = v;
-    source.data = reinterpret_cast<char*>(const_cast<std::ptrdiff_t*>(zero));
-    std::fill(source.strides.begin(), source.strides.end(), 0);
-    copy(source, v);
-  }
+  if (zeros) clear(v);
   return {py::reinterpret_borrow<py::object>(out), v, false};
 }
 

@@ -43,12 +43,10 @@ Input input(py::handle object, const char* name, Kind kind, int min_ndim = 1, in
 View output(py::handle object, const char* name, const std::vector<std::ptrdiff_t>& shape,
             bool complex);
 
-/// A new array, first axis fastest.
-py::array new_array(const std::vector<std::ptrdiff_t>& shape, bool complex);
-py::array new_zeros(const std::vector<std::ptrdiff_t>& shape, bool complex);
-
-/// A new array whose axes lie in memory in the same order as those of `like`.
-py::array new_like(const View& like);
+/// Memory without gaps whose axes lie in the same order as those of `like`; and new arrays.
+View layout_like(const View& like, const std::vector<std::ptrdiff_t>& shape, bool complex);
+py::array new_array(const View& layout);
+py::array new_zeros(const View& layout);
 
 View view_of(const py::array& a);
 
@@ -59,13 +57,12 @@ struct Destination {
   bool same;  // the result replaces the data themselves
 };
 
-enum class Order { kFirstAxisFastest, kKeep };
 Destination destination(const Input& data, py::handle object, py::handle out, bool inplace,
-                        Order order);
+                        const View& layout);
 
-/// `out` when given, of this shape and kind and apart from the data; otherwise a new array.
-Destination destination(const std::vector<View>& read, py::handle out,
-                        const std::vector<std::ptrdiff_t>& shape, bool complex, bool zeros);
+/// `out` when given, of this shape and kind and apart from what is read; otherwise a new array.
+Destination destination(const std::vector<View>& read, py::handle out, const View& layout,
+                        bool zeros);
 
 /// A result may replace samples that are read at the same place only.
 void check_apart_or_same(const View& result, const View& read, const char* name);

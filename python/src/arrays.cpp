@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 
 #include "arguments.h"
 #include "cTessel.h"
@@ -24,21 +23,15 @@ struct Lines {
 
 /// False where the array has gaps, or counts that do not fit the kernels' extents.
 bool lines_of(const View& v, int axis, Lines& lines) {
-  std::vector<std::size_t> order;
-  for (std::size_t d = 0; d < v.shape.size(); ++d) {
-    if (v.shape[d] > 1 || static_cast<int>(d) == axis) order.push_back(d);
-  }
-  std::stable_sort(order.begin(), order.end(),
-                   [&](std::size_t a, std::size_t b) { return v.strides[a] < v.strides[b]; });
   lines = {v.complex ? 2 : 1, v.extent(axis), 1};
   ptrdiff_t step = v.item(), *count = &lines.block;
-  for (std::size_t d : order) {
-    if (v.strides[d] != step) return false;
-    step *= v.shape[d];
-    if (static_cast<int>(d) == axis) {
+  for (int d : v.memory_order()) {
+    if (v.extent(d) > 1 && v.strides[static_cast<std::size_t>(d)] != step) return false;
+    step *= v.extent(d);
+    if (d == axis) {
       count = &lines.outer;
     } else {
-      *count *= v.shape[d];
+      *count *= v.extent(d);
     }
   }
   return lines.block <= INT_MAX && lines.outer <= INT_MAX;
@@ -83,7 +76,8 @@ py::object shifted(Shift shift, py::handle data, py::handle axes, py::handle out
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const std::vector<int> list = axes_of(axes, in.view.ndim());
-  const Destination to = destination(in, data, out, inplace, Order::kKeep);
+  const Destination to =
+      destination(in, data, out, inplace, layout_like(in.view, in.view.shape, in.view.complex));
   const Threads team(threads, in.view.size() * in.view.item());
   {
     const py::gil_scoped_release unlocked;
@@ -111,23 +105,31 @@ std::vector<ptrdiff_t> padded_shape(const View& data, py::handle shape) {
   }
   for (std::size_t d = 0; d < sequence.size(); ++d) {
     const py::object entry = sequence[d];
-    target[d] = whole_number(entry, "shape[" + std::to_string(d) + "]", data.shape[d], INT_MAX);
+    target[d] = whole_number(entry, "shape[" + std::to_string(d) + "]", data.shape[d],
+                             INT_MAX / (data.complex ? 2 : 1));
   }
   return target;
 }
 
-/// Rows and columns are the kernel's affair; planes and volumes lie where `to` has them.
+/// The kernel pads the two fastest axes in memory, whichever they are; the others are a matter of
+/// where `to` has the rows.
 void pad(const View& from, const View& to) {
-  const View data = from.with_axes(3), out = to.with_axes(3);
-  const ptrdiff_t spare = out.extent(2) - data.extent(2);
-  const View planes = out.slice(2, (spare + 1) / 2, data.extent(2));
-  for_each_piece(cut({data, planes}, {0, 1}, kPiece), [&](const Views& piece) {
+  const std::vector<int> order = from.with_axes(2).memory_order();
+  const View data = from.with_axes(2).permuted(order), out = to.with_axes(2).permuted(order);
+  View inner = out;
+  for (int d = 2; d < data.ndim(); ++d) {
+    inner = inner.slice(d, (out.extent(d) - data.extent(d) + 1) / 2, data.extent(d));
+  }
+  // Of pairs an odd spare number is an even one of floats: the kernel would put half a pair in
+  // front.
+  const ptrdiff_t floats = data.item() / 4, spare = out.extent(0) - data.extent(0);
+  const ptrdiff_t half = floats == 2 ? spare % 2 : 0, plane = data.extent(0) * data.extent(1);
+  for_each_piece(cut({data, inner}, {0, 1}, kPiece), [&](const Views& piece) {
     const Packed source(piece[0]), target(piece[1], Packed::Fill::kZeros);
-    const ptrdiff_t plane = data.extent(0) * data.extent(1);
-    int dims[] = {data.complex ? 2 : 1, static_cast<int>(data.extent(0)),
-                  static_cast<int>(data.extent(1)), static_cast<int>(piece[0].size() / plane)};
-    TS_zero_pad(source.floats(), nullptr, 4, dims, dims[0], static_cast<double>(out.extent(0)),
-                static_cast<double>(out.extent(1)), target.floats(), nullptr);
+    int dims[] = {static_cast<int>(floats * data.extent(0)), static_cast<int>(data.extent(1)), 1,
+                  static_cast<int>(piece[0].size() / plane)};
+    TS_zero_pad(source.floats(), nullptr, 4, dims, static_cast<double>(floats * out.extent(0)),
+                static_cast<double>(out.extent(1)), 1, target.floats() + half, nullptr);
     target.put_back();
   });
 }
@@ -135,7 +137,8 @@ void pad(const View& from, const View& to) {
 py::object zero_pad(py::handle data, py::handle shape, py::handle out, py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const std::vector<ptrdiff_t> target = padded_shape(in.view, shape);
-  const Destination to = destination({in.view}, out, target, in.view.complex, true);
+  const Destination to =
+      destination({in.view}, out, layout_like(in.view, target, in.view.complex), true);
   const Threads team(threads, to.view.size() * to.view.item());
   if (in.view.size() > 0) {
     const py::gil_scoped_release unlocked;
@@ -194,7 +197,8 @@ py::object ringing_filter(py::handle data, py::handle strength, py::handle width
                           bool inplace, py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const Window window = window_of(in.view, strength, width);
-  const Destination to = destination(in, data, out, inplace, Order::kFirstAxisFastest);
+  const Destination to =
+      destination(in, data, out, inplace, packed(nullptr, in.view.shape, in.view.complex));
   const Threads team(threads, in.view.size() * in.view.item());
   if (in.view.size() > 0) {
     const py::gil_scoped_release unlocked;

@@ -97,9 +97,10 @@ py::tuple geometry_correction(py::handle x, py::handle y, py::handle z, py::hand
   Tables tables = tables_of(coeff_x, coeff_y, coeff_z);
   const auto r0 = static_cast<float>(number(radius, "r0"));
   if (!(r0 > 0)) fail_value("r0", "a radius above 0", std::to_string(r0));
-  const bool dense = alike_and_dense(first, in[1].view, in[2].view, view_of(new_like(first)));
-  const auto result = [&] { return dense ? new_like(first) : new_array(first.shape, false); };
-  const py::array out[] = {result(), result(), result()};
+  const View same = layout_like(first, first.shape, false);
+  const bool dense = alike_and_dense(first, in[1].view, in[2].view, same);
+  const View layout = dense ? same : packed(nullptr, first.shape, false);
+  const py::array out[] = {new_array(layout), new_array(layout), new_array(layout)};
   const Threads team(threads);
   {
     const py::gil_scoped_release unlocked;

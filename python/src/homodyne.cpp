@@ -2,6 +2,7 @@
 
 #include "homodyne.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 
@@ -90,7 +91,8 @@ py::tuple filter(py::handle data, py::handle kx, py::handle ky, py::handle kz, b
   check_not_empty(in.view, "data");
   Ranges ranges{{range_of(kx, "kx"), range_of(ky, "ky"), range_of(kz, "kz")}};
   const py::list warnings = rejected(in.view, ranges);
-  const Destination to = destination(in, data, py::none(), inplace, Order::kFirstAxisFastest);
+  const Destination to =
+      destination(in, data, py::none(), inplace, packed(nullptr, in.view.shape, in.view.complex));
   const Threads team(threads, in.view.size() * in.view.item());
   Centre centre;
   {
@@ -107,15 +109,19 @@ void multiply_packed(const View& data, const View& low) {
   AddLowResPhase(0, nullptr, 3, arguments);
 }
 
-/// Samples of equal arrays are independent of each other; otherwise volumes are.
-void multiply_in_place(const View& data, const View& low) {
+/// Samples of equal arrays are independent of each other, and any order of the axes will do;
+/// otherwise volumes are.
+void multiply_in_place(const View& samples, const View& image) {
+  const bool equal = samples.shape == image.shape;
+  std::vector<int> order = samples.memory_order();
+  if (!equal) std::sort(order.begin(), order.end());
+  const View data = samples.permuted(order), low = image.permuted(order);
   if (data.first_axis_fastest() && low.first_axis_fastest()) return multiply_packed(data, low);
-  const std::vector<int> whole =
-      data.shape == low.shape ? std::vector<int>{} : std::vector{0, 1, 2};
+  const std::vector<int> whole = equal ? std::vector<int>{} : std::vector{0, 1, 2};
   for_each_piece(cut({data, low}, whole, kPiece), [](const Views& piece) {
-    const Packed samples(piece[0]), image(piece[1]);
-    multiply_packed(samples.view(), image.view());
-    samples.put_back();
+    const Packed block(piece[0]), phase(piece[1]);
+    multiply_packed(block.view(), phase.view());
+    block.put_back();
   });
 }
 
@@ -155,7 +161,8 @@ py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace
   const Input in = input(data, "data", Kind::kEither), image = input(low, "low", Kind::kEither);
   check_not_empty(in.view, "data");
   check_low(in.view, image.view);
-  const Destination to = destination(in, data, out, inplace, Order::kFirstAxisFastest);
+  const Destination to =
+      destination(in, data, out, inplace, layout_like(in.view, in.view.shape, in.view.complex));
   check_apart_or_same(to.view, image.view, inplace ? "low" : "out");
   const Threads team(threads, in.view.size() * in.view.item());
   ptrdiff_t lost;

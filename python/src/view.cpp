@@ -1,6 +1,6 @@
-// One walk over two strided arrays serves every copy. Where both sides are fastest along the same
-// axis it goes row by row; otherwise through square tiles, read along one side's rows and written
-// along the other's, so that every cache line is used whole.
+// One walk over two strided arrays serves every copy. Where other axes than the written one run on
+// without a gap on the reading side it goes through square tiles, read along the one and written
+// along the other, so that every cache line is used whole; otherwise row by row.
 
 #include "view.h"
 
@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 #include "dispatch.h"
 #include "loops.h"
@@ -47,11 +48,10 @@ std::vector<Axis> walk_order(const std::vector<ptrdiff_t>& shape,
   return joined;
 }
 
-std::size_t fastest_to_read(const std::vector<Axis>& axes) {
-  const auto it = std::min_element(axes.begin(), axes.end(), [](const Axis& a, const Axis& b) {
-    return std::abs(a.from) < std::abs(b.from);
-  });
-  return static_cast<std::size_t>(it - axes.begin());
+ptrdiff_t count_of(const std::vector<Axis>& axes) {
+  ptrdiff_t n = 1;
+  for (const Axis& a : axes) n *= a.n;
+  return n;
 }
 
 struct Offsets {
@@ -75,28 +75,27 @@ void move_row(const Move& m, Offsets o, const Axis& axis, ptrdiff_t n) {
   for (ptrdiff_t i = 0; i < n; ++i) m.put(o.to + i * axis.to, m.get(o.from + i * axis.from));
 }
 
+/// Reading runs along j without a gap; `to` holds where each of its samples goes.
 template <class Move>
-void move_tile(const Move& m, Offsets o, const Axis& w, const Axis& r, ptrdiff_t nw, ptrdiff_t nr) {
+void move_tile(const Move& m, Offsets o, const Axis& w, ptrdiff_t nw, const ptrdiff_t* to,
+               ptrdiff_t nr) {
   using Cell = decltype(m.get(0));
   std::array<Cell, kTile * kTile> tile;
   for (ptrdiff_t i = 0; i < nw; ++i) {
     Cell* row = tile.data() + kTile * i;
-    for (ptrdiff_t j = 0; j < nr; ++j) row[j] = m.get(o.from + i * w.from + j * r.from);
+    const ptrdiff_t from = o.from + i * w.from;
+    for (ptrdiff_t j = 0; j < nr; ++j) row[j] = m.get(from + j * Move::kFrom);
   }
   for (ptrdiff_t j = 0; j < nr; ++j) {
     const Cell* column = tile.data() + j;
-    for (ptrdiff_t i = 0; i < nw; ++i) m.put(o.to + i * w.to + j * r.to, column[kTile * i]);
+    for (ptrdiff_t i = 0; i < nw; ++i) m.put(o.to + to[j] + i * w.to, column[kTile * i]);
   }
 }
 
 template <class Move>
-void walk_rows(const Move& m, std::vector<Axis> axes) {
-  const Axis row = axes.front();
-  axes.erase(axes.begin());
-  ptrdiff_t outer = 1;
-  for (const Axis& a : axes) outer *= a.n;
+void walk_rows(const Move& m, const Axis& row, const std::vector<Axis>& axes) {
   const ptrdiff_t pieces = (row.n + kRow - 1) / kRow;
-  ctessel::for_each_chunk(outer * pieces, [&](std::int64_t begin, std::int64_t end) {
+  ctessel::for_each_chunk(count_of(axes) * pieces, [&](std::int64_t begin, std::int64_t end) {
     for (auto u = static_cast<ptrdiff_t>(begin); u < end; ++u) {
       const ptrdiff_t first = u % pieces * kRow;
       Offsets o = offsets_of(axes, u / pieces);
@@ -107,23 +106,39 @@ void walk_rows(const Move& m, std::vector<Axis> axes) {
   });
 }
 
+/// Takes the axes out along which reading runs on without a gap, fastest first.
 template <class Move>
-void walk_tiles(const Move& m, std::vector<Axis> axes, std::size_t reading) {
-  const Axis w = axes.front(), r = axes[reading];
-  axes.erase(axes.begin() + static_cast<ptrdiff_t>(reading));
-  axes.erase(axes.begin());
-  ptrdiff_t outer = 1;
-  for (const Axis& a : axes) outer *= a.n;
-  const ptrdiff_t columns = (r.n + kTile - 1) / kTile;
-  ctessel::for_each_chunk(outer * columns, [&](std::int64_t begin, std::int64_t end) {
+std::vector<Axis> take_reading_run(std::vector<Axis>& axes) {
+  std::vector<Axis> run;
+  ptrdiff_t step = Move::kFrom;
+  for (std::size_t d = 1; d < axes.size();) {
+    if (axes[d].from != step) {
+      ++d;
+      continue;
+    }
+    run.push_back(axes[d]);
+    step *= axes[d].n;
+    axes.erase(axes.begin() + static_cast<ptrdiff_t>(d));
+    d = 1;
+  }
+  return run;
+}
+
+template <class Move>
+void walk_tiles(const Move& m, const Axis& w, const std::vector<Axis>& run,
+                const std::vector<Axis>& others) {
+  const ptrdiff_t length = count_of(run), columns = (length + kTile - 1) / kTile;
+  ctessel::for_each_chunk(count_of(others) * columns, [&](std::int64_t begin, std::int64_t end) {
     for (auto u = static_cast<ptrdiff_t>(begin); u < end; ++u) {
-      const ptrdiff_t j = u % columns * kTile;
-      Offsets o = offsets_of(axes, u / columns);
-      o.from += j * r.from;
-      o.to += j * r.to;
+      const ptrdiff_t j = u % columns * kTile, nr = std::min(kTile, length - j);
+      Offsets o = offsets_of(others, u / columns);
+      o.from += j * Move::kFrom;
+      std::array<ptrdiff_t, kTile> to;
+      for (ptrdiff_t k = 0; k < nr; ++k)
+        to[static_cast<std::size_t>(k)] = offsets_of(run, j + k).to;
       for (ptrdiff_t i = 0; i < w.n; i += kTile) {
-        move_tile(m, {o.from + i * w.from, o.to + i * w.to}, w, r, std::min(kTile, w.n - i),
-                  std::min(kTile, r.n - j));
+        move_tile(m, {o.from + i * w.from, o.to + i * w.to}, w, std::min(kTile, w.n - i), to.data(),
+                  nr);
       }
     }
   });
@@ -133,10 +148,12 @@ template <class Move>
 void walk(const Move& m, const std::vector<ptrdiff_t>& shape, const std::vector<ptrdiff_t>& from,
           const std::vector<ptrdiff_t>& to) {
   if (std::find(shape.begin(), shape.end(), 0) != shape.end()) return;
-  const std::vector<Axis> axes = walk_order(shape, from, to);
-  const std::size_t reading = fastest_to_read(axes);
-  if (reading == 0) return walk_rows(m, axes);
-  walk_tiles(m, axes, reading);
+  std::vector<Axis> axes = walk_order(shape, from, to);
+  const std::vector<Axis> run = take_reading_run<Move>(axes);
+  const Axis first = axes.front();
+  axes.erase(axes.begin());
+  if (run.empty()) return walk_rows(m, first, axes);
+  walk_tiles(m, first, run, axes);
 }
 
 CTESSEL_CLONES void split_run(const float* pairs, float* re, float* im, ptrdiff_t n) {
@@ -267,6 +284,32 @@ View View::with_axis(int axis) const {
   out.shape.insert(out.shape.begin() + axis, 1);
   out.strides.insert(out.strides.begin() + axis, 0);
   return out;
+}
+
+View View::without_axis(int axis) const {
+  View out = *this;
+  out.shape.erase(out.shape.begin() + axis);
+  out.strides.erase(out.strides.begin() + axis);
+  return out;
+}
+
+View View::permuted(const std::vector<int>& order) const {
+  View out = *this;
+  for (std::size_t d = 0; d < order.size(); ++d) {
+    out.shape[d] = shape[static_cast<std::size_t>(order[d])];
+    out.strides[d] = strides[static_cast<std::size_t>(order[d])];
+  }
+  return out;
+}
+
+std::vector<int> View::memory_order() const {
+  std::vector<int> order(shape.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(), [this](int a, int b) {
+    return std::abs(strides[static_cast<std::size_t>(a)]) <
+           std::abs(strides[static_cast<std::size_t>(b)]);
+  });
+  return order;
 }
 
 View View::part(int which) const {

@@ -29,8 +29,13 @@ struct View {
   /// The same samples with further axes of extent 1 at the end, up to n axes.
   View with_axes(int n) const;
 
-  /// The same samples with one more axis of extent 1 before axis `axis`.
+  /// The same samples with an axis of extent 1 put in, or taken out.
   View with_axis(int axis) const;
+  View without_axis(int axis) const;
+
+  /// Axes from the fastest to the slowest in memory, and the view with its axes in such an order.
+  std::vector<int> memory_order() const;
+  View permuted(const std::vector<int>& order) const;
 
   /// The real parts (0) or imaginary parts (1) of pairs, as floats with gaps.
   View part(int which) const;
