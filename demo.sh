@@ -5,7 +5,7 @@
 #   ./demo.sh FILE    measured, fully sampled k-space: a MATLAB .mat file or a BART .cfl/.hdr pair
 set -euo pipefail
 
-if [ $# -gt 1 ]; then
+if [ $# -gt 1 ] || [ "${1-file}" = '' ]; then
   echo "usage: ./demo.sh [FILE]" >&2
   exit 2
 fi

@@ -18,11 +18,103 @@
 
 // ---- Circular shifts (array_shift.cpp) ----------------------------------------------------------
 
+/// Moves the first element of one axis to its centre, in place: element i goes to (i + m) mod N with
+/// m = floor(N / 2), so 0 1 2 3 4 becomes 3 4 0 1 2.
+///
+///   re, im       in/out  k-space or image array, x fastest; im may be null
+///   dims, ndims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
+///   dim          in      axis to shift, 1 to 3; any other leaves the array as it is
+///
+/// Errors: none reported. dim <= ndims is the caller's duty, and in the routines for one axis that
+/// dim is the axis of their name: they read the axis length as dims[dim - 1].
+/// Threads: split over P, so data of up to three dimensions use one thread.
+/// Memory: a line's half at most, per thread, and only where lines of odd length are short.
+void TS_fftshift(float* re, float* im, int* dims, int ndims, int dim);
+void TS_fftshift_dim1(float* re, float* im, int* dims, int ndims, int dim);
+void TS_fftshift_dim2(float* re, float* im, int* dims, int ndims, int dim);
+void TS_fftshift_dim3(float* re, float* im, int* dims, int ndims, int dim);
+
+/// Undoes TS_fftshift for odd and even N: the centre goes to the first element, i to
+/// (i + N - m) mod N, so 0 1 2 3 4 becomes 2 3 4 0 1. All else as there.
+void TS_ifftshift(float* re, float* im, int* dims, int ndims, int dim);
+void TS_ifftshift_dim1(float* re, float* im, int* dims, int ndims, int dim);
+void TS_ifftshift_dim2(float* re, float* im, int* dims, int ndims, int dim);
+void TS_ifftshift_dim3(float* re, float* im, int* dims, int ndims, int dim);
+
 // ---- Zero padding (zero_pad.cpp) ----------------------------------------------------------------
+
+/// Places a k-space or image array in the centre of a larger, zero-filled one.
+///
+/// Sample (x, y, z, p) goes to (x + x0, y + y0, z + z0, p) with x0 = ceil((nx - d0) / 2), y0 and z0
+/// alike: an odd spare zero goes in front, so (a b) padded to 5 is (0 0 a b 0). Values are copied,
+/// never scaled.
+///
+///   re, im          in   (d0, d1, d2, P), x fastest; im is read only if out_im is given
+///   ndims, dims     in   extents, at least two; d2 = 1 below three, dims[3..] merge into P
+///   nx, ny, nz      in   target extents in samples: whole, nx >= d0, ny >= d1, nz >= d2
+///   out_re, out_im  out  (nx, ny, nz, P), owned and zero-filled by the caller: only samples with
+///                        input are written; out_im may be null
+///
+/// Errors: none reported; a target smaller than the input, or not whole, writes nothing.
+/// Threads: split over P, so data of up to three dimensions use one thread. Memory: none.
+void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double ny, double nz,
+                 float* out_re, float* out_im);
 
 // ---- Ringing filter (ringing_filter.cpp) --------------------------------------------------------
 
+/// Weights centred k-space with a separable Hamming-type window against truncation ringing, in place.
+///
+/// Along each of the first three axes, at j samples from the centre floor(N / 2), the weight is
+/// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half the
+/// window's width is 1 - strength.
+///
+///   re, im       in/out  k-space, x fastest; im may be null and then counts as 0
+///   ndims, dims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
+///   strength     in      three values, clamped to 0 (flat) .. 0.915 (nearly a full Hamming window)
+///   width        in      three window widths in samples, read for two-dimensional data too, where
+///                        width[2] must be at least 1; 0 clears everything
+///
+/// A sample of exactly 0 keeps its value even where its weight is not a number.
+/// Errors: none reported. Threads: split over P. Memory: one float per sample of a plane, and the
+/// three windows.
+/// Source: F. J. Harris, Proc. IEEE 66:51 (1978).
+void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* strength, int* width);
+
 // ---- Coil combination (coil_combine.cpp) --------------------------------------------------------
+
+/// Root sum of squares over the coils: out = sqrt(out + sum over coils of re^2 + im^2).
+///
+/// The sum starts with what `out` holds, so that sets of coils can be taken in turn; pass zeros
+/// otherwise. It runs coil by coil, real part before imaginary part, rounded to float at each step.
+///
+///   re, im       in      coil images, x fastest; im may be null
+///   ndims, dims  in      their extents
+///   coildim      in      coil dimension, counted from 1, at most ndims
+///   out          in/out  magnitudes, the input's shape with one coil
+///   outdims      in      extents of out, ndims entries; their product is the number of voxels
+///
+/// Errors: none reported; that outdims fits dims is the caller's duty.
+/// Threads: split over the output voxels. Memory: none.
+/// Source: Roemer et al., Magn. Reson. Med. 16:192 (1990).
+void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, float* out,
+                    int* outdims);
+
+/// Sum-of-squares magnitude with the phase of the coil images summed with weights; a coil's weight at
+/// a voxel is its mean magnitude along the tenth dimension, so all images along it are combined alike.
+///
+///   re, im          in   coil images, x fastest; im may be null
+///   ndims, dims     in   extents; AT LEAST TEN ENTRIES are read whatever ndims is (ones where unused)
+///   coildim         in   coil dimension, counted from 1
+///   out_re, out_im  out  the input's shape with one coil, both required; written, not added to
+///   outdims         in   extents of the output, ndims entries
+///
+/// Sums run coil by coil in single precision. No signal gives 0 + 0i; a tenth extent of 0 gives NaN.
+/// Errors: none reported; that outdims fits dims is the caller's duty.
+/// Threads: split over blocks of output voxels. Memory: 3 KiB per thread and entry of the tenth
+/// dimension.
+/// Source: Roemer et al., Magn. Reson. Med. 16:192 (1990).
+void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, float* out_re,
+                      float* out_im, int* outdims);
 
 // ---- SENSE (sense_recon.cpp, fold_geometry.cpp, combination_factors.cpp, unfold.cpp) ------------
 
