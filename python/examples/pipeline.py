@@ -40,7 +40,7 @@ def phantom():
 def coil_maps():
     x, y = np.meshgrid(np.linspace(-1, 1, N), np.linspace(-1, 1, N), indexing="ij")
     angles = 2 * np.pi * np.arange(COILS) / COILS
-    maps = [np.exp(-((x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2) / 1.5 + 1j * a) for a in angles]
+    maps = [np.exp(-((x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2) / 0.8 + 1j * a) for a in angles]
     return np.stack(maps, -1)[:, :, None].astype(np.complex64)  # (x, y, z, coil)
 
 
@@ -62,7 +62,7 @@ def homodyne_reconstruction(truth):
     return image_of(kspace), homodyne.multiply(image_of(weighted), low)
 
 
-def sense_with_noise(truth, reduction=4):
+def sense_with_noise(truth, reduction=2):
     """Unfolded image, and the noise of unfolding 64 samples of noise alone."""
     sens = coil_maps()
     kspace = kspace_of(sens[:, :, 0] * truth[..., None])[:, ::reduction]
@@ -78,8 +78,8 @@ def corrected_grid():
     """Lines of a straight grid as gradients with a cubic and a quintic term encode them."""
     coeff_x, coeff_y, coeff_z = np.zeros((14, 12)), np.zeros((14, 12)), np.zeros(17)
     coeff_x[1, 1] = coeff_y[1, 1] = coeff_z[1] = 1
-    coeff_x[3, 1] = coeff_y[3, 1] = -0.015
-    coeff_x[5, 1] = coeff_y[5, 1] = -0.004
+    coeff_x[3, 1] = coeff_y[3, 1] = -0.05
+    coeff_x[5, 1] = coeff_y[5, 1] = -0.01
     x, y = np.meshgrid(np.linspace(-0.2, 0.2, 17), np.linspace(-0.2, 0.2, 17), indexing="ij")
     x, y = x.astype(np.float32), y.astype(np.float32)
     z = np.full_like(x, 0.02)
@@ -101,9 +101,9 @@ def main(folder):
     zero_filled, result = homodyne_reconstruction(truth)
     error = np.abs(np.abs(result[..., 0]) - np.abs(truth))
     show(folder / "homodyne.png", [("zero-filled", np.abs(zero_filled[..., 0]), None),
-                                   ("homodyne", np.abs(result[..., 0]), None), ("error", error, 0.5)])
+                                   ("homodyne", np.abs(result[..., 0]), None), ("error", error, 0.1)])
     image, noise = sense_with_noise(truth)
-    show(folder / "sense.png", [("SENSE, R = 4", np.abs(image[..., 0]), None),
+    show(folder / "sense.png", [("SENSE, R = 2", np.abs(image[..., 0]), None),
                                 ("noise map", noise[..., 0], float(np.percentile(noise, 99)))])
     show_grids(folder / "geometry.png", *corrected_grid())
     return truth, zero_filled[..., 0], result[..., 0], image[..., 0]

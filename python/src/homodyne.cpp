@@ -135,7 +135,8 @@ CTESSEL_CLONES ptrdiff_t count_nan(const float* v, ptrdiff_t n) {
 /// Samples whose real part is not a number.
 ptrdiff_t count_nan(const View& v) {
   std::atomic<ptrdiff_t> count{0};
-  for_each_piece(cut({v.complex ? v.part(0) : v}, {}, kPiece), [&](const Views& piece) {
+  const View real = v.complex ? v.part(0) : v;
+  for_each_piece(cut({real.permuted(v.memory_order())}, {}, kPiece), [&](const Views& piece) {
     const Parts values(piece[0]);
     count += count_nan(values.re(), piece[0].size());
   });
