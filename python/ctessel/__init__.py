@@ -7,18 +7,25 @@ being converted behind the caller's back. On a centred axis of N samples the zer
 index ``N // 2``.
 
 Nothing changes its input unless ``inplace=True`` or ``out=`` says so. The kernels read arrays whose
-first axis is fastest (Fortran order). Results of the ringing filter, of SENSE and of
-`homodyne.filter` come in that order; everything else keeps the order of its input and is as fast in
-C order. Beyond arguments and result a call needs at most 0.5 of a copy of its data (in C order:
-`homodyne.multiply` in place with resampling and SENSE, one copy). ``threads=`` sets the number of threads of one call; results are the same
-bits for every number. The interpreter's lock is released while kernels run.
+first axis is fastest (Fortran order). Shifts, padding, coil combination and `homodyne.multiply` use
+data without gaps as they lie and keep their order. The ringing filter, SENSE and `homodyne.filter`
+rearrange what is not in Fortran order, which takes longer, and return results in it.
+
+Beyond arguments and result a call needs at most half a copy of its data. Exceptions: SENSE (see
+there), and `homodyne.multiply` with resampling in place on data in C order, a copy of the volumes
+that are worked on.
+
+``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
+one. Results are the same bits for every number. The interpreter's lock is released while kernels
+run. Processes may be forked between calls.
 
 Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what
 was expected and what was got.
 """
 
-from . import homodyne
-from ._core import __version__
+import os
+
+from . import _core, homodyne
 from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
 from ._coils import pcsos, sos
 from ._geometry import (
@@ -34,6 +41,11 @@ from ._geometry import (
 from ._helpers import find, linear_interpolation, linspace, pos2interpolate, round, sa, sub2ind
 from ._sense import compartments, folded_pos, sense_recon, unfolded_positions
 from .homodyne import HomodyneWarning
+
+__version__ = _core.__version__
+
+# A forked child would wait for threads that it does not have.
+os.register_at_fork(before=_core.release_threads)
 
 __all__ = [
     "HomodyneWarning",

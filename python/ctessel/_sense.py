@@ -49,7 +49,8 @@ def sense_recon(
     Notes
     -----
     The kernel reads separate real and imaginary parts of everything at once, so a call needs as
-    much memory again as its inputs. Without regularisation that is one location's share.
+    much memory again as its inputs, and twice the memory of the sensitivities for the unfolding
+    factors in double precision. Without regularisation that is one location's share.
 
     References
     ----------

@@ -162,8 +162,10 @@ py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace
   const Input in = input(data, "data", Kind::kEither), image = input(low, "low", Kind::kEither);
   check_not_empty(in.view, "data");
   check_low(in.view, image.view);
-  const Destination to =
-      destination(in, data, out, inplace, layout_like(in.view, in.view.shape, in.view.complex));
+  const std::vector<ptrdiff_t>& shape = in.view.shape;
+  const View layout = shape == image.view.shape ? layout_like(in.view, shape, in.view.complex)
+                                                : packed(nullptr, shape, in.view.complex);
+  const Destination to = destination(in, data, out, inplace, layout);
   check_apart_or_same(to.view, image.view, inplace ? "low" : "out");
   const Threads team(threads, in.view.size() * in.view.item());
   ptrdiff_t lost;

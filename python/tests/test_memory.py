@@ -43,12 +43,15 @@ CALLS = [
     ("homodyne.filter(data, ky=(-1, data.shape[1] // 2 - 1), inplace=True)", VOLUME, 0.6),
     ("homodyne.multiply(data, other)", VOLUME, 0.1),
     ("homodyne.multiply(data, other, inplace=True)", COILS, 0.1),
+    # The exception: parts of all that goes in (1.5 copies here, as the folded data are half as large
+    # as the maps), and the kernel's unfolding factors, two copies of the maps in double precision.
+    ("ctessel.sense_recon(data[:, ::2], other)", COILS, 3.55),
 ]
 
 
 @pytest.mark.parametrize("order", ["C", "F"])
 @pytest.mark.parametrize("call, shape, most", CALLS, ids=[c[0] for c in CALLS])
-def test_peak_memory_stays_below_one_copy(call, shape, most, order):
+def test_peak_memory(call, shape, most, order):
     script = MEASURE.format(call=call, shape=shape, order=order)
     run = subprocess.run([sys.executable, "-W", "ignore", "-c", script], capture_output=True, text=True)
     assert run.returncode == 0, run.stderr

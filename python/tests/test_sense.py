@@ -80,6 +80,14 @@ def test_regularisation_pulls_towards_zero_where_no_signal_is_expected():
     np.testing.assert_allclose(strong, truth, atol=1e-3)
 
 
+def test_a_real_covariance_and_real_folded_data_count_as_complex():
+    folded, sens = random_complex((2, 4, 1, 3)), random_complex((2, 8, 1, 3), 1)
+    unit = np.eye(3, dtype=np.float32)
+    same_bits(ctessel.sense_recon(folded, sens, psi=unit), ctessel.sense_recon(folded, sens))
+    want = ctessel.sense_recon(folded.real.astype(np.complex64), sens)
+    same_bits(ctessel.sense_recon(folded.real, sens), want)
+
+
 def test_measured_brain_unfolds_close_to_the_full_data(measured):
     kspace, sens, psi = measured("brain16_ksp"), measured("brain16_sens"), measured("brain16_ncov")
     psi = psi.reshape(16, 16, order="F")

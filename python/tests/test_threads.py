@@ -1,6 +1,7 @@
 """Any number of threads, inside one call and calling at once."""
 
 import ctypes
+import multiprocessing
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -71,3 +72,17 @@ def test_other_python_threads_run_meanwhile():
     done.set()
     other.join()
     assert counted[0] > 10 * took  # held by one call, it would get a few turns in all
+
+
+def call_in_child(queue):
+    queue.put(float(ctessel.sos(DATA, threads=2).sum()))
+
+
+def test_a_forked_child_can_call():
+    want = float(ctessel.sos(DATA, threads=2).sum())
+    context = multiprocessing.get_context("fork")
+    queue = context.Queue()
+    child = context.Process(target=call_in_child, args=(queue,), daemon=True)
+    child.start()
+    assert queue.get(timeout=60) == want
+    child.join()
