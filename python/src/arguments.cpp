@@ -143,6 +143,12 @@ View output(py::handle object, const char* name, const std::vector<std::ptrdiff_
   return v;
 }
 
+void check_count(const std::vector<std::ptrdiff_t>& shape, const char* name) {
+  double count = 1;
+  for (std::ptrdiff_t n : shape) count *= static_cast<double>(n);
+  if (count > 1e18) fail_value(name, "at most 10^18 samples", "shape " + text_of(shape));
+}
+
 View layout_like(const View& like, const std::vector<std::ptrdiff_t>& shape, bool complex) {
   View v{nullptr, shape, shape, complex};
   std::ptrdiff_t step = v.item();

@@ -43,6 +43,9 @@ Input input(py::handle object, const char* name, Kind kind, int min_ndim = 1, in
 View output(py::handle object, const char* name, const std::vector<std::ptrdiff_t>& shape,
             bool complex);
 
+/// Refuses extents whose product does not fit an address.
+void check_count(const std::vector<std::ptrdiff_t>& shape, const char* name);
+
 /// Memory without gaps whose axes lie in the same order as those of `like`; and new arrays.
 View layout_like(const View& like, const std::vector<std::ptrdiff_t>& shape, bool complex);
 py::array new_array(const View& layout);

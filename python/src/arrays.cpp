@@ -108,6 +108,7 @@ std::vector<ptrdiff_t> padded_shape(const View& data, py::handle shape) {
     target[d] = whole_number(entry, "shape[" + std::to_string(d) + "]", data.shape[d],
                              INT_MAX / (data.complex ? 2 : 1));
   }
+  check_count(target, "shape");
   return target;
 }
 

@@ -57,6 +57,7 @@ FullSize full_size_of(const View& folded, const View& sens, py::handle object) {
 Shape unfolded_shape(const View& folded, const FullSize& full) {
   Shape shape(full.n, full.n + 3);
   for (int d = kCoil + 1; d < folded.ndim(); ++d) shape.push_back(folded.extent(d));
+  check_count(shape, "full_size");
   return shape;
 }
 
