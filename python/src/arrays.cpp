@@ -203,7 +203,10 @@ py::object ringing_filter(py::handle data, py::handle strength, py::handle width
   const Threads team(threads, in.view.size() * in.view.item());
   if (in.view.size() > 0) {
     const py::gil_scoped_release unlocked;
-    const auto pieces = cut({in.view, to.view}, {0, 1, 2}, kPiece);
+    // Volumes of another order share their cache lines: rearranged all at once, those are read once.
+    const bool rearrange = !to.same && !in.view.first_axis_fastest();
+    if (rearrange) copy(in.view, to.view);
+    const auto pieces = cut({rearrange ? to.view : in.view, to.view}, {0, 1, 2}, kPiece);
     const bool plenty = pieces.size() >= 2 * static_cast<std::size_t>(omp_get_max_threads());
     for_each_piece(pieces, [&](const Views& piece) {
       (plenty && in.view.complex ? filter_by_volume : filter_by_part)(piece[0], piece[1], window);
