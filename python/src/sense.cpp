@@ -174,9 +174,12 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
                        py::handle ref, py::handle reg, py::handle scale, py::handle out,
                        py::handle threads) {
   const Arguments a = arguments(folded, sens, psi, full_size, ref, reg, scale);
+  Views read{a.folded.view, a.sens.view};
+  for (const Optional* o : {&a.psi, &a.ref, &a.reg}) {
+    if (o->given) read.push_back(o->in.view);
+  }
   const Destination to =
-      destination({a.folded.view, a.sens.view}, out,
-                  packed(nullptr, unfolded_shape(a.folded.view, a.full), true), true);
+      destination(read, out, packed(nullptr, unfolded_shape(a.folded.view, a.full), true), true);
   const Threads team(threads);
   int status;
   {

@@ -10,6 +10,7 @@ from ctessel import homodyne
 DATA = random_complex((4, 6, 2, 3))
 HUGE = np.lib.stride_tricks.as_strided(np.zeros(1, np.complex64), (2**31, 1, 1, 1), (0, 0, 0, 0))
 FLAT = np.broadcast_to(np.complex64(1), (4, 6, 2, 3))  # read-only
+FOLDED = random_complex((4, 6, 2))
 ONES = np.ones((14, 12)), np.ones((14, 12)), np.ones(17)
 POINT = np.ones(1, np.float32)
 
@@ -71,6 +72,7 @@ def test_every_array_argument_is_checked(call, good):
     (ctessel.sense_recon, SENSE, {"full_size": (4, 5, 2)}, r"full_size\[1\]: .* at least .* 6, got 5"),
     (ctessel.sense_recon, SENSE, {"full_size": (8, 6, 2)}, r"full_size\[0\]: .* 4, got 8"),
     (ctessel.sense_recon, SENSE, {"reg": DATA[..., 0]}, "ref: expected an array beside reg"),
+    (ctessel.sense_recon, SENSE, {"ref": DATA, "reg": FOLDED, "out": FOLDED}, "out: .* shares memory"),
     (ctessel.sense_recon, SENSE, {"folded": DATA[:, :0]}, "folded: expected at least one sample"),
     (homodyne.filter, {"data": DATA}, {"kx": 3}, "kx: .* got int 3"),
     (homodyne.filter, {"data": DATA}, {"ky": (1, 2, 3)}, "ky: expected 2 values, got 3"),
