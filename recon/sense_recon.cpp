@@ -132,7 +132,7 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
   // Cleared: voxels with fewer aliases than the most leave slots unwritten, and their neighbours'
   // interpolation may read those.
   Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factor_dims.prod());
-  Eigen::VectorXf expected(regularised ? Reg.volume() : 0);
+  Eigen::VectorXf expected(static_cast<Eigen::Index>(regularised ? Reg.volume() : 0));
   Eigen::VectorXi fold4 = F.first_four();
   const Eigen::VectorXi full = Eigen::Map<const Eigen::VectorXi>(full_size, 3);
 

@@ -1,7 +1,8 @@
 // Unfolding of one multi-coil volume with interpolated combination factors.
 //
-// Rows of x are the innermost loops: the factors of a slot are blended between rows and slices once
-// per folded line, then interpolated along x, and multiplied with the folded samples of their coil
+// Rows of x are the innermost loops. Factors are read slot by slot for a block of folded lines that
+// have their aliases in common: the rows of a slot are blended between slices once, then between
+// rows for each line, interpolated along x, and multiplied with the folded samples of their coil
 // while they are in the cache. Each pixel adds its coils up in ascending order.
 
 #include <algorithm>
@@ -23,6 +24,7 @@ using ctessel::Range;
 using std::int64_t;
 
 constexpr int64_t kTile = 256;  // columns at a time: keeps the rows in work in the first cache
+constexpr int kBlock = 8;       // folded lines at a time
 
 /// Full lines of every folded line and its coordinate on the factor grid, along one axis.
 struct Axis {
@@ -69,7 +71,8 @@ RowGrid row_grid(int folded_len, int factor_len) {
 struct Problem {
   const float *fold_re, *fold_im;
   int64_t nx, ny, nz, nc;
-  const Eigen::VectorXcd& factors;
+  const std::complex<double>* factors;
+  int64_t factor_count;
   int64_t fx, fy, fz, voxels;
   int64_t X, Y;
   float *out_re, *out_im;
@@ -134,6 +137,16 @@ void apply_between(const double* __restrict row, const int* __restrict index,
   }
 }
 
+/// A folded line in work.
+struct Line {
+  int y;
+  double fraction;      // between its two rows
+  Corners around;       // rows of a slot around it, of both slices
+  int64_t low, high;    // the same rows among those blended between slices
+  unsigned char* mask;  // by alias and column
+  float* u;             // by alias, part and column
+};
+
 /// Unfolds some columns x.
 class Columns {
  public:
@@ -141,33 +154,34 @@ class Columns {
       : p_(problem),
         x0_(columns.begin),
         width_(columns.end - columns.begin),
-        first_(p_.x.index[static_cast<std::size_t>(x0_)]),
-        span_(p_.x.index[static_cast<std::size_t>(columns.end - 1)] - first_ + 1),
+        first_(p_.x.index[size(x0_)]),
+        span_(p_.x.index[size(columns.end - 1)] - first_ + 1),
         row_(size(2 * (span_ + 1))),
+        blended_(size(2 * kBlock * 2 * span_)),
         matrix_(size(2 * width_)),
-        u_(size(2 * room() * width_)),
-        present_(size(room() * width_)),
-        used_(size(room())),
+        u_(size(kBlock * 2 * room() * width_)),
+        mask_(size(kBlock * room() * width_)),
         zeros_(size(width_)) {
     for (int64_t i = x0_; i < columns.end; ++i) {
-      const double f = p_.x.fraction[static_cast<std::size_t>(i)];
-      index_.push_back(p_.x.index[static_cast<std::size_t>(i)] - static_cast<int>(first_));
+      const double f = p_.x.fraction[size(i)];
+      index_.push_back(p_.x.index[size(i)] - static_cast<int>(first_));
       low_.insert(low_.end(), 2, 1 - f);
       high_.insert(high_.end(), 2, f);
     }
+    block_.reserve(kBlock);
+    rows_.reserve(2 * kBlock);
   }
 
   /// False if a position fell outside its volume.
   bool run() {
     bool inside = true;
-    for (int y = 0; y < p_.y.lines; ++y) {
-      for (int z = 0; z < p_.z.lines; ++z) {
-        n_ = int64_t{p_.y.count[y]} * p_.z.count[z];
-        if (!find_present(y, z)) continue;
-        if (p_.nc < 1) return false;  // no sample to unfold
-        multiply(y, z);
-        inside &= deliver(y, z);
+    for (int y = 0; y < p_.y.lines;) {
+      int end = y + 1;
+      while (end < p_.y.lines && end < y + kBlock && p_.y.count[size(end)] == p_.y.count[size(y)]) {
+        ++end;
       }
+      for (int z = 0; z < p_.z.lines; ++z) inside &= unfold_block(y, end, z);
+      y = end;
     }
     return inside;
   }
@@ -176,87 +190,151 @@ class Columns {
   static std::size_t size(int64_t n) { return static_cast<std::size_t>(n); }
   int64_t room() const { return int64_t{p_.y.room} * p_.z.room; }
 
-  /// Marks the aliases whose factor at the nearest grid point is not 0.
-  bool find_present(int y, int z) {
-    const int64_t row = TS_round(p_.y.coord[y]) * p_.fx + TS_round(p_.z.coord[z]) * p_.fx * p_.fy;
+  bool unfold_block(int begin, int end, int z) {
+    n_ = int64_t{p_.y.count[size(begin)]} * p_.z.count[size(z)];
+    start_block(begin, end, z);
+    if (block_.empty()) return true;
+    if (p_.nc < 1) return false;  // no sample to unfold
+    std::fill(u_.begin(), u_.end(), 0.0f);
+    for (int64_t c = 0; c < p_.nc; ++c) {
+      for (int64_t k = 0; k < n_; ++k) apply_slot(c, k, z);
+    }
+    bool inside = true;
+    for (const Line& line : block_) inside &= deliver(line, z);
+    return inside;
+  }
+
+  /// Lists the lines that have an alias present, and the rows of a slot around them.
+  void start_block(int begin, int end, int z) {
+    block_.clear();
+    rows_.clear();
+    for (int y = begin; y < end; ++y) {
+      const int64_t at = static_cast<int64_t>(block_.size()) * room() * width_;
+      const float py = p_.y.coord[size(y)];
+      Line line{y,
+                static_cast<double>(py) - ctessel::to_int(py),
+                corners(y, z),
+                0,
+                0,
+                mask_.data() + at,
+                u_.data() + 2 * at};
+      if (!find_present(line, z)) continue;
+      line.low = row_number(line.around.offset[0]);
+      line.high = row_number(line.around.offset[1]);
+      block_.push_back(line);
+    }
+  }
+
+  /// Place of a row among the block's.
+  int64_t row_number(int64_t offset) {
+    const auto known = std::find(rows_.begin(), rows_.end(), offset);
+    const int64_t number = known - rows_.begin();
+    if (known == rows_.end()) rows_.push_back(offset);
+    return number;
+  }
+
+  /// Marks the aliases whose factor at the nearest grid point is not 0; false if there is none.
+  bool find_present(const Line& line, int z) {
+    const int64_t row =
+        TS_round(p_.y.coord[size(line.y)]) * p_.fx + TS_round(p_.z.coord[size(z)]) * p_.fx * p_.fy;
     bool any = false;
     for (int64_t k = 0; k < n_; ++k) {
-      bool used = false;
       for (int64_t i = 0; i < width_; ++i) {
         const int64_t at = row + k * p_.voxels + p_.x.nearest[size(x0_ + i)];
-        const bool there = at >= 0 && at < p_.factors.size() && p_.factors[at] != 0.0;
-        present_[size(k * width_ + i)] = there;
-        used |= there;
+        const bool there = at >= 0 && at < p_.factor_count && p_.factors[at] != 0.0;
+        line.mask[k * width_ + i] = there;
+        any |= there;
       }
-      used_[size(k)] = used;
-      any |= used;
     }
     return any;
   }
 
-  /// Rows of a slot around the folded line.
   Corners corners(int y, int z) const {
-    const float py = p_.y.coord[y], pz = p_.z.coord[z];
+    const float py = p_.y.coord[size(y)], pz = p_.z.coord[size(z)];
     const int iy = ctessel::to_int(py), iz = ctessel::to_int(pz);
     return ctessel::corner_rows(first_ + p_.fx * (iy + p_.fy * iz), p_.fx, p_.fx * p_.fy, p_.voxels,
                                 static_cast<double>(py) - iy, static_cast<double>(pz) - iz);
   }
 
-  /// Blends the rows of slot j, with the sample after the last, which may be the next row's first.
-  void blend_slot(int64_t j, const Corners& around) {
-    const double* slot = reinterpret_cast<const double*>(p_.factors.data() + j * p_.voxels);
-    blend(slot, around, span_, row_.data());
+  /// Blends the block's rows of a slot between slice and next slice.
+  void blend_slices(const double* slot, int z) {
+    const float pz = p_.z.coord[size(z)];
+    const double fc = static_cast<double>(pz) - ctessel::to_int(pz);
+    for (std::size_t r = 0; r < rows_.size(); ++r) {
+      Corners slices{{rows_[r], rows_[r] + p_.fx * p_.fy}, {1 - fc, fc}, 0};
+      while (slices.count < 2 && slices.offset[slices.count] < p_.voxels) ++slices.count;
+      blend(slot, slices, span_, blended_.data() + size(2 * span_) * r);
+    }
+  }
+
+  /// Interpolates slot j between rows, with the sample after the last one of a row.
+  void blend_lines(int64_t j, const Line& line, bool between_slices) {
+    if (between_slices) {
+      const Corners rows{
+          {line.low * span_, line.high * span_}, {1 - line.fraction, line.fraction}, 2};
+      blend(blended_.data(), rows, span_, row_.data());
+    } else {
+      blend(reinterpret_cast<const double*>(p_.factors + j * p_.voxels), line.around, span_,
+            row_.data());
+    }
+    const std::complex<double> past = sample_past(j, line.around);
+    row_[size(2 * span_)] = past.real();
+    row_[size(2 * span_ + 1)] = past.imag();
+  }
+
+  /// The sample after the last one of a row, which may be the next row's first.
+  std::complex<double> sample_past(int64_t j, const Corners& around) const {
     std::complex<double> past = 0;
     for (int r = 0; r < around.count; ++r) {
       const int64_t at = around.offset[r] + span_;
       // A grid of one row per slice counts its corners so that the second row may read one sample
       // of the next slot.
       const bool counted = at < p_.voxels || (r == 1 && p_.fy == 1 && around.count > 2);
-      if (counted && j * p_.voxels + at < p_.factors.size()) {
+      if (counted && j * p_.voxels + at < p_.factor_count) {
         past += around.weight[r] * p_.factors[j * p_.voxels + at];
       }
     }
-    row_[size(2 * span_)] = past.real();
-    row_[size(2 * span_ + 1)] = past.imag();
+    return past;
   }
 
-  void multiply(int y, int z) {
-    const Corners around = corners(y, z);
-    std::fill(u_.begin(), u_.end(), 0.0f);
-    for (int64_t c = 0; c < p_.nc; ++c) {
-      const int64_t at = x0_ + p_.nx * (y + p_.ny * (z + p_.nz * c));
+  /// u += M v of the block's lines for coil c and alias k.
+  void apply_slot(int64_t c, int64_t k, int z) {
+    const int64_t j = ctessel::factor_slot(c, n_, k);
+    const bool between_slices = p_.fz > 1;
+    if (between_slices) {
+      blend_slices(reinterpret_cast<const double*>(p_.factors + j * p_.voxels), z);
+    }
+    for (const Line& line : block_) {
+      blend_lines(j, line, between_slices);
+      const int64_t at = x0_ + p_.nx * (line.y + p_.ny * (z + p_.nz * c));
       const float* v_re = p_.fold_re + at;
       const float* v_im = p_.fold_im ? p_.fold_im + at : zeros_.data();
-      for (int64_t k = 0; k < n_; ++k) {
-        if (!used_[size(k)]) continue;
-        blend_slot(ctessel::factor_slot(c, n_, k), around);
-        float *u_re = u_.data() + 2 * k * width_, *u_im = u_re + width_;
-        if (p_.x.regular) {
-          apply_regular(row_.data(), low_.data(), high_.data(), v_re, v_im, width_, matrix_.data(),
-                        u_re, u_im);
-        } else {
-          apply_between(row_.data(), index_.data(), low_.data(), high_.data(), v_re, v_im, width_,
-                        u_re, u_im);
-        }
+      float *u_re = line.u + 2 * k * width_, *u_im = u_re + width_;
+      if (p_.x.regular) {
+        apply_regular(row_.data(), low_.data(), high_.data(), v_re, v_im, width_, matrix_.data(),
+                      u_re, u_im);
+      } else {
+        apply_between(row_.data(), index_.data(), low_.data(), high_.data(), v_re, v_im, width_,
+                      u_re, u_im);
       }
     }
   }
 
   /// Output position of alias k at this thread's first column.
   int64_t target(int y, int z, int64_t k) const {
-    const int nz = p_.z.count[z];
+    const int nz = p_.z.count[size(z)];
     return x0_ + p_.X * (p_.y.full[size(y * p_.y.room + k / nz)] +
                          p_.Y * p_.z.full[size(z * p_.z.room + k % nz)]);
   }
 
-  bool deliver(int y, int z) {
+  bool deliver(const Line& line, int z) {
     bool inside = true;
-    for (int64_t k = 0; k < n_; ++k) inside &= target(y, z, k) + width_ <= p_.out_size;
-    if (!inside) return deliver_partly(y, z);
+    for (int64_t k = 0; k < n_; ++k) inside &= target(line.y, z, k) + width_ <= p_.out_size;
+    if (!inside) return deliver_partly(line, z);
     for (int64_t k = 0; k < n_; ++k) {
-      const int64_t out = target(y, z, k);
-      const unsigned char* present = present_.data() + k * width_;
-      const float *re = u_.data() + 2 * k * width_, *im = re + width_;
+      const int64_t out = target(line.y, z, k);
+      const unsigned char* present = line.mask + k * width_;
+      const float *re = line.u + 2 * k * width_, *im = re + width_;
       for (int64_t i = 0; i < width_; ++i) {
         if (!present[i]) continue;
         p_.out_re[out + i] = re[i];
@@ -268,22 +346,22 @@ class Columns {
 
   /// Where a position is out of range, the next position takes its place in the walk through mask
   /// and results. Callers with clipped outputs have come to rely on what that delivers.
-  bool deliver_partly(int y, int z) {
+  bool deliver_partly(const Line& line, int z) {
     bool inside = true;
     for (int64_t i = 0; i < width_; ++i) {
       int64_t k = 0;
       for (int64_t position = 0; position < n_; ++position) {
-        if (!present_[size(k * width_ + i)]) {
+        if (!line.mask[k * width_ + i]) {
           ++k;
           continue;
         }
-        const int64_t out = target(y, z, position) + i;
+        const int64_t out = target(line.y, z, position) + i;
         if (out >= p_.out_size) {
           inside = false;
           continue;
         }
-        p_.out_re[out] = u_[size(2 * k * width_ + i)];
-        p_.out_im[out] = u_[size((2 * k + 1) * width_ + i)];
+        p_.out_re[out] = line.u[2 * k * width_ + i];
+        p_.out_im[out] = line.u[(2 * k + 1) * width_ + i];
         ++k;
       }
     }
@@ -292,11 +370,13 @@ class Columns {
 
   const Problem& p_;
   const int64_t x0_, width_, first_, span_;  // columns, and the factor samples they span
-  int64_t n_ = 0;                            // aliases of the line in work
+  int64_t n_ = 0;                            // aliases of the lines in work
+  std::vector<Line> block_;
+  std::vector<int64_t> rows_;  // offsets of the rows around the block's lines
   std::vector<int> index_;
-  std::vector<double> low_, high_, row_;
-  std::vector<float> matrix_, u_;  // u_: by alias, part and column
-  std::vector<unsigned char> present_, used_;
+  std::vector<double> low_, high_, row_, blended_;
+  std::vector<float> matrix_, u_;
+  std::vector<unsigned char> mask_;
   const std::vector<float> zeros_;
 };
 
@@ -326,7 +406,8 @@ int ctessel::unfold_within(const float* fold_re, const float* fold_im, const Eig
                         fold4[1],
                         fold4[2],
                         nc,
-                        factors,
+                        factors.data(),
+                        factors.size(),
                         fx,
                         fy,
                         fz,
