@@ -118,6 +118,109 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 
 // ---- SENSE (sense_recon.cpp, fold_geometry.cpp, combination_factors.cpp, unfold.cpp) ------------
 
+/// SENSE reconstruction of folded multi-coil images: 1 on success, -1 on failure.
+///
+/// For each location the unfolding matrices are formed once from the coil sensitivities and applied
+/// to every folded volume. Reduction factors are full_size / fold_dims per axis; fractions are
+/// allowed along y and z, x is not reduced. Extents past a caller's count are 1.
+///
+///   fold_re, fold_im    in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
+///                            null (zeros). fold_ndims >= 2
+///   sens_re, sens_im    in   (x', y', z', coil, location): maps over the full field of view, on any
+///                            grid with x' >= 1. A sample of real part 0 is outside the object. With
+///                            sens_im null nothing is inside and the output stays untouched
+///   psi_re, psi_im      in   (coil, coil): noise covariance, any unit; psi_re null means the identity
+///   psi_ndims           in   not read
+///   psi_dims            in   rows and columns of the covariance, also when psi_re is null
+///   full_size           in   unfolded extents x, y, z
+///   ref_re, ref_im      in   reference image for the regularisation weight; ref_im may be null
+///   reg_re, reg_im      in   (x', y', z', location): expected magnitude; reg_im may be null
+///   scale               in   divisor of the folded level in the regularisation weight
+///   out_re, out_im      out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
+///                            only pixels inside the object are written
+///   outdims             in   fold_ndims extents of the output
+///
+/// Regularised only when both ref_re and reg_re are given. The weight is lambda = ((rms(fold) /
+/// scale) / rms(ref))^2 / (reduction over x, y, z), where data of two dimensions still count
+/// full_size[2] although they are unfolded with a reduction of 1 along z.
+/// Errors: -1 before anything is read if an extent is negative or a product of extents exceeds int;
+/// -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
+/// earlier volumes written. Too few locations in sens or reg are the caller's fault.
+/// Threads: split over x within each step.
+/// Source: Pruessmann et al., SENSE: sensitivity encoding for fast MRI, MRM 1999;42:952.
+int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dims, float* sens_re,
+                   float* sens_im, int sens_ndims, int* sens_dims, float* psi_re, float* psi_im,
+                   int psi_ndims, int* psi_dims, int* full_size, float* ref_re, float* ref_im,
+                   int ref_ndims, int* ref_dims, float* reg_re, float* reg_im, int reg_ndims,
+                   int* reg_dims, double scale, float* out_re, float* out_im, int* outdims);
+
+/// Unfolding matrices U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every folded voxel, on the grid of the
+/// sensitivity maps: 1, or -1 if an aliased position lies outside the maps, or 0 if refused.
+///
+///   sens_re, sens_im  in   (nx, ny, nz, nc); with sens_im null all factors are 0
+///   sens_dims         in   nx, ny, nz, nc
+///   psi               in   (nc, nc) noise covariance
+///   reduction         in   [1] = Ry, [2] = Rz; [0] is not read
+///   lambda            in   regularisation weight, 0 = off
+///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is diagonal,
+///                          1 / (reference^2 lambda), and 0 where the reference is 0
+///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the caller.
+///                          Coil c and alias k of a voxel with n aliases are in slot c n + k, aliases
+///                          in the order of TS_get_unfolded_positions, y outer and z inner; exactly 0
+///                          marks an absent alias
+///   folded, full      in   extents of the folded and unfolded images; [0] is not read
+///   edges_y, edges_z  out  two values each: row or slice before a jump of the aliasing pattern, in
+///                          ascending order. Entries without a jump keep the caller's value (-1)
+///
+/// Alias k of a voxel is absent until the nearest map sample of coil 0 first has a real part other
+/// than 0, and stays present from then on for all later voxels (z fastest, then y) of its column x:
+/// holes in a map do not tear the object. A singular matrix gives non-finite factors.
+/// Errors: 0, with nothing written, if psi is not (nc, nc) or factors is too small.
+/// Threads: split over x.
+int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorXi& sens_dims,
+                            const Eigen::MatrixXcd& psi, const Eigen::Vector3f& reduction,
+                            double lambda, const Eigen::VectorXf& reference,
+                            Eigen::VectorXcd& factors, Eigen::VectorXi& folded,
+                            Eigen::VectorXi full, float* edges_y, float* edges_z);
+
+/// 1 if two alias lists of na and nb coordinates differ in length or some pair by more than N / 2
+/// (whole division), else 0.
+int find_edges(Eigen::VectorXf a, Eigen::VectorXf b, int na, int nb, int N);
+
+/// Unfolds one multi-coil volume with factors of get_combination_factors: 1, or -1 if a position
+/// fell outside its volume, the others being processed all the same.
+///
+///   fold_re, fold_im      in   (nx, ny, nz, nc); fold_im may be null (zeros)
+///   fold4                 in   nx, ny, nz, nc
+///   factors, factor_dims  in   as left by get_combination_factors; extents x, y, z, slots
+///   sens4                 in   not read
+///   full_size             in   X = nx, Y, Z
+///   edges_y, edges_z      in   as left by get_combination_factors
+///   out_re, out_im        out  (X, Y, Z); pixels of absent aliases are left as they are
+///
+/// An alias is present if its factor at the nearest grid point is not 0; the factors themselves are
+/// interpolated. They are interpolated in double and applied in single precision.
+/// Threads: split over x.
+int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::VectorXcd& factors,
+           Eigen::VectorXi& factor_dims, Eigen::VectorXi& sens4, Eigen::VectorXi full_size,
+           float* edges_y, float* edges_z, float* out_re, float* out_im);
+
+/// Folded line, 0 ... fold_len - 1, onto which the full line pos falls. The central fold_len lines
+/// of the full field of view are the folded image: full line ceil((full_len - fold_len) / 2) falls
+/// onto line 0. Needs full_len >= fold_len >= 1.
+int TS_folded_pos(int pos, int full_len, int fold_len);
+
+/// Folded lines where the number of aliased lines changes: lines f with compartments[0] < f <=
+/// compartments[1] form one compartment, the others the other. The caller presets both to -1, which
+/// stays where there is no such boundary. Needs full_len >= fold_len >= 1.
+void get_compartments(int full_len, int fold_len, float* compartments);
+
+/// Number of full lines that alias onto folded line fold_pos, listed in positions: those below the
+/// central copy descending, then the central line and those above ascending. The rest of positions
+/// is set to -1. positions has room for ceil(full_len / fold_len); lines beyond its room are left
+/// out. Needs full_len >= fold_len >= 1.
+int TS_get_unfolded_positions(int full_len, int fold_len, int fold_pos, Eigen::VectorXi& positions);
+
 // ---- Geometry correction (geometry_correction.cpp) ----------------------------------------------
 
 // ---- Spherical harmonics (spherical_harmonics.cpp) ----------------------------------------------
