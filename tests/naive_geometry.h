@@ -90,7 +90,8 @@ inline void geometry_correction(const float* x, const float* y, const float* z, 
     float sx = 0, sy = 0, sz = 0;
     for (int m = 1; m <= 11; ++m) {
       const float angle = static_cast<float>(m) * p.phi, sign = m % 2 ? -1.0f : 1.0f;
-      const float s = std::sin(angle), k = std::cos(angle);
+      float s, k;
+      sincosf(angle, &s, &k);
       for (int n = m; n <= 13; ++n) {
         float P =
             sign * (tabulated ? entry[m * nl + n] : static_cast<float>(naive::plgndr(n, m, c)));
