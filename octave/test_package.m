@@ -19,6 +19,7 @@ function test_package(tarball, folder)
   run_tests(folder, numel(functions));
   for name = functions, run_example(name{1}); end
   printf('examples of %d help texts ran\n', numel(functions));
+  run_tour(folder);
   run_measured();
 end
 
@@ -59,6 +60,14 @@ function run_example(name)
     evalc(code);
   catch problem
     error('the example of %s fails: %s\n%s', name, problem.message, code);
+  end
+end
+
+function run_tour(folder)
+  tour(folder);
+  for name = {'homodyne', 'sense', 'sense_noise', 'geometry'}
+    picture = imread(fullfile(folder, [name{1} '.png']));
+    assert(mean(picture(:)) > 2 && max(picture(:)) == 255)
   end
 end
 

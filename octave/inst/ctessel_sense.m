@@ -8,8 +8,11 @@
 %   folded       x, y, z, coil, then up to nine more dimensions that are reconstructed one by one;
 %                the eighth is the location. Single or double, as all arrays here.
 %   maps         coil sensitivities x, y, z, coil, location over the full field of view; the grid may
-%                be coarser or finer than the image's. Samples of exactly 0 are outside the object,
-%                and so is every sample whose REAL part is 0.
+%                be coarser or finer than the image's. Let them reach into the air: they mark the
+%                object only roughly, by the samples of coil 1 whose REAL part is not 0, and a line
+%                of a column x stays in from the first of them on. Where no coil has a sensitivity
+%                at a line that is in, the voxels that alias with it are not finite (a warning says
+%                so).
 %   full_size    unfolded extents [X Y] or [X Y Z]. X is that of FOLDED; the factors Y / y and Z / z
 %                may be fractions. Left out or []: x of FOLDED with y and z of MAPS.
 %   covariance   noise of the coils, coil x coil, any unit. Left out or []: the identity.
@@ -64,6 +67,15 @@ function image = ctessel_sense(folded, maps, full_size, covariance, expected, re
   [image, status] = __ctessel__('sense', folded, maps, full_size, covariance, expected, ...
                                 reference, scale);
   if status ~= 1, refuse_size(who); end  % more unfolding factors than that
+  warn_of_singular(who, image, folded);
+end
+
+function warn_of_singular(who, image, folded)
+  lost = nnz(~isfinite(image));
+  if lost > 0 && all(isfinite(folded(:)))
+    warning('ctessel:singular', ['%s: %d voxels are not finite; MAPS must have a coil that sees ' ...
+                                 'each of the lines that alias'], who, lost);
+  end
 end
 
 function refuse_size(who)
@@ -170,6 +182,8 @@ end
 %! assert(norm(weak(:) - plain(:)) < 1e-2 * norm(plain(:)))
 %! assert(norm(strong(:)) < .1 * norm(plain(:)))
 %! assert(folded, kept)
+%!warning <voxels are not finite; MAPS must have a coil that sees>
+%! ctessel_sense(ones(12, 12, 1, 6), maps .* (1:24 < 20));
 %!test % real values
 %! real_maps = abs(maps);
 %! image = ctessel_sense(fold(real_maps .* abs(object), 12), real_maps);
