@@ -33,7 +33,7 @@ for preset in default mex32 octave; do
 done
 
 echo "== formatting"
-if find recon gateway tests bench examples \( -name '*.cpp' -o -name '*.h' \) -print0 |
+if find recon gateway tests bench examples fuzz \( -name '*.cpp' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror; then
   passed=$((passed + 1))
 else

@@ -38,6 +38,9 @@ struct Axis {
   int lines, room;
   std::vector<int> count, nearest;
   std::vector<float> coord;
+  std::size_t entry(int line, int64_t k) const {
+    return static_cast<std::size_t>(int64_t{line} * room + k);
+  }
 };
 
 Axis list_aliases(int lines, int room, int map_len, int full_len, int fold_len) {
@@ -361,13 +364,13 @@ class Columns {
   int64_t nearest(int y, int z, int64_t k) const {
     const int64_t ky = k / p_.z.count[z], kz = k % p_.z.count[z];
     return x0_ +
-           p_.nx * (p_.y.nearest[y * p_.y.room + ky] + p_.ny * p_.z.nearest[z * p_.z.room + kz]);
+           p_.nx * (p_.y.nearest[p_.y.entry(y, ky)] + p_.ny * p_.z.nearest[p_.z.entry(z, kz)]);
   }
 
   /// Corners around an alias, from the first of this thread's columns on.
   Corners corners(int y, int z, int64_t k) const {
-    const float a = p_.y.coord[y * p_.y.room + k / p_.z.count[z]];
-    const float c = p_.z.coord[z * p_.z.room + k % p_.z.count[z]];
+    const float a = p_.y.coord[p_.y.entry(y, k / p_.z.count[z])];
+    const float c = p_.z.coord[p_.z.entry(z, k % p_.z.count[z])];
     const int ia = static_cast<int>(a), ic = static_cast<int>(c);
     const int64_t plane = p_.nx * p_.ny;
     return ctessel::corner_rows(x0_ + p_.nx * ia + plane * ic, p_.nx, plane, p_.volume,
@@ -398,7 +401,7 @@ class Columns {
   }
 
   double regularisation(int64_t at) const {
-    const double expected = at < p_.reference.size() ? p_.reference[at] : 0.0f;
+    const double expected = at < p_.reference.size() ? p_.reference.data()[at] : 0.0f;
     return expected != 0 ? 1.0 / (std::pow(expected, 2.0) * p_.lambda) : 0.0;
   }
 
@@ -484,7 +487,7 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
   if (nc == 0) return grid > 0 ? -1 : 1;
 
   const Eigen::MatrixXcd inverse = Eigen::PartialPivLU<Eigen::MatrixXcd>(psi).inverse();
-  const bool identity = inverse == Eigen::MatrixXcd::Identity(nc, nc);
+  const bool identity = inverse == Eigen::MatrixXcd::Identity(psi.rows(), psi.cols());
   const Problem problem{sens_re,
                         sens_im,
                         nx,

@@ -71,7 +71,8 @@ RowGrid row_grid(int folded_len, int factor_len) {
 struct Problem {
   const float *fold_re, *fold_im;
   int64_t nx, ny, nz, nc;
-  const Eigen::VectorXcd& factors;
+  const std::complex<double>* factors;
+  int64_t factor_count;
   int64_t fx, fy, fz, voxels;
   int64_t X, Y;
   float *out_re, *out_im;
@@ -240,7 +241,7 @@ class Columns {
     for (int64_t k = 0; k < n_; ++k) {
       for (int64_t i = 0; i < width_; ++i) {
         const int64_t at = row + k * p_.voxels + p_.x.nearest[size(x0_ + i)];
-        const bool there = at >= 0 && at < p_.factors.size() && p_.factors[at] != 0.0;
+        const bool there = at >= 0 && at < p_.factor_count && p_.factors[at] != 0.0;
         line.mask[k * width_ + i] = there;
         any |= there;
       }
@@ -273,7 +274,7 @@ class Columns {
           {line.low * span_, line.high * span_}, {1 - line.fraction, line.fraction}, 2};
       blend(blended_.data(), rows, span_, row_.data());
     } else {
-      blend(reinterpret_cast<const double*>(p_.factors.data() + j * p_.voxels), line.around, span_,
+      blend(reinterpret_cast<const double*>(p_.factors + j * p_.voxels), line.around, span_,
             row_.data());
     }
     const std::complex<double> past = sample_past(j, line.around);
@@ -289,7 +290,7 @@ class Columns {
       // A grid of one row per slice counts its corners so that the second row may read one sample
       // of the next slot.
       const bool counted = at < p_.voxels || (r == 1 && p_.fy == 1 && around.count > 2);
-      if (counted && j * p_.voxels + at < p_.factors.size()) {
+      if (counted && j * p_.voxels + at < p_.factor_count) {
         past += around.weight[r] * p_.factors[j * p_.voxels + at];
       }
     }
@@ -301,7 +302,7 @@ class Columns {
     const int64_t j = ctessel::factor_slot(c, n_, k);
     const bool between_slices = p_.fz > 1;
     if (between_slices) {
-      blend_slices(reinterpret_cast<const double*>(p_.factors.data() + j * p_.voxels), z);
+      blend_slices(reinterpret_cast<const double*>(p_.factors + j * p_.voxels), z);
     }
     for (const Line& line : block_) {
       blend_lines(j, line, between_slices);
@@ -405,7 +406,8 @@ int ctessel::unfold_within(const float* fold_re, const float* fold_im, const Eig
                         fold4[1],
                         fold4[2],
                         nc,
-                        factors,
+                        factors.data(),
+                        factors.size(),
                         fx,
                         fy,
                         fz,
