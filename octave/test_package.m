@@ -66,8 +66,8 @@ end
 function run_tour(folder)
   tour(folder);
   for name = {'homodyne', 'sense', 'sense_noise', 'geometry'}
-    picture = imread(fullfile(folder, [name{1} '.png']));
-    assert(mean(picture(:)) > 2 && max(picture(:)) == 255)
+    picture = double(imread(fullfile(folder, [name{1} '.png'])));
+    assert(mean(picture(:)) > .02 * max(picture(:)))  % neither black nor a few hot pixels
   end
 end
 

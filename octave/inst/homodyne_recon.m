@@ -71,7 +71,10 @@ end
 % missing ones.
 function [range, turned] = check_range(who, name, range, n)
   turned = false;
-  if isempty(range), return, end
+  if isnumeric(range) && isempty(range)
+    range = [];
+    return
+  end
   lowest = -floor(n / 2);
   highest = ceil(n / 2) - 1;
   given = range;
@@ -179,7 +182,7 @@ end
 %!test % full and symmetric ranges are plain transforms
 %! full = abs(inverse(kspace));
 %! assert(homodyne_recon(kspace, [-10 9], [-16 15]), single(full), 1e-5)
-%! assert(homodyne_recon(kspace, []), single(full), 1e-5)
+%! assert(homodyne_recon(kspace, single([]), zeros(2, 0), zeros(1, 1, 0)), single(full), 1e-5)
 %! assert(homodyne_recon(kspace, [-5 5]), single(abs(inverse(kspace .* (abs((-10:9)') <= 5)))), 1e-5)
 %!test % no signal gives 0, one axis and real values are enough
 %! assert(homodyne_recon(zeros(16, 16, 1, 2), [-3 7], [-3 7]), zeros(16, 16, 1, 2, 'single'))
@@ -191,6 +194,7 @@ end
 %!error <KX must be 2 whole numbers from -8 to 7; got \[-3 8\]> homodyne_recon(ones(16), [-3 8])
 %!error <KY must be 2 whole numbers from -8 to 7; got \[-3.5 7\]> homodyne_recon(ones(16), [], [-3.5 7])
 %!error <KZ must be 2 whole numbers from 0 to 0; got \[-3 7\]> homodyne_recon(ones(16), [], [], [-3 7])
+%!error <KX must be 2 whole numbers from -8 to 7; got 0x0 cell array> homodyne_recon(ones(16), {})
 %!error <KX must be \[first last\] with first <= last; got \[7 -3\]> homodyne_recon(ones(16), [7 -3])
 %!error <KX must be a range of at least 70 lines \(0.55 of the 127 from -63 to 63\); got \[-5 63\]>
 %! homodyne_recon(ones(128, 2), [-5 63])

@@ -3,7 +3,7 @@ function check_array(who, name, x)
   if ~isfloat(x) || issparse(x)
     reject(who, name, 'a full single or double array', x);
   end
-  if any(size(x) > double(intmax))
+  if any(size(x) > 2147483647)
     reject(who, name, 'an array with extents up to 2147483647', x);
   end
 end
