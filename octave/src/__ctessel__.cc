@@ -8,6 +8,7 @@
 #include <octave/oct.h>
 
 #include <algorithm>
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -92,16 +93,39 @@ int count(const std::vector<int>& e) { return static_cast<int>(e.size()); }
 
 // ---- Arrays -------------------------------------------------------------------------------------
 
-/// x, axes: each axis shifted in turn
-template <void (*shift)(float*, float*, int*, int, int)>
-Values shift_axes(const Values& args) {
-  Parts x(args(1));
-  std::vector<int> dims = extents(x.re.dims(), 3);
-  const Array<int> axes = args(2).int_vector_value();
-  for (octave_idx_type i = 0; i < axes.numel(); ++i) {
-    shift(x.real(), x.imaginary(), dims.data(), count(dims), axes(i));
+using Shift = void(float*, float*, int*, int, int);
+
+/// Pairs stay together as they are, so no parts are split: as floats, an array of pairs has one more
+/// axis of two in front, or rows of twice the length.
+void shift_pairs(Shift* shift, float* pairs, std::vector<int> dims, int axis) {
+  if (axis < 3) {
+    dims.insert(dims.begin(), 2);
+    ++axis;
+  } else if (dims[0] > INT_MAX / 2) {
+    error("__ctessel__: too many rows to shift along dimension 3");
+  } else {
+    dims[0] *= 2;
   }
-  return ovl(x.joined());
+  shift(pairs, nullptr, dims.data(), count(dims), axis);
+}
+
+/// x, axes: each axis shifted in turn, on the copy that writing makes
+template <Shift* shift>
+Values shift_axes(const Values& args) {
+  const Array<int> axes = args(2).int_vector_value();
+  std::vector<int> dims = extents(args(1).dims(), 3);
+  if (args(1).iscomplex()) {
+    FloatComplexNDArray x = args(1).float_complex_array_value();
+    auto* pairs = reinterpret_cast<float*>(x.fortran_vec());
+    for (octave_idx_type i = 0; i < axes.numel(); ++i) shift_pairs(shift, pairs, dims, axes(i));
+    return ovl(x);
+  }
+  FloatNDArray x = args(1).float_array_value();
+  float* values = x.fortran_vec();
+  for (octave_idx_type i = 0; i < axes.numel(); ++i) {
+    shift(values, nullptr, dims.data(), count(dims), axes(i));
+  }
+  return ovl(x);
 }
 
 /// x, [nx ny nz]
