@@ -54,7 +54,8 @@ function check_table(who, name, table, most, linear)
     reject_shape(who, name, expected, table);
   end
   if table(linear(1), linear(2)) == 0
-    reject(who, name, sprintf('a table with a linear coefficient, (%d, %d), other than 0', linear), table);
+    expected = sprintf('a table with a linear coefficient, (%d, %d), other than 0', linear);
+    reject(who, name, expected, table);
   end
 end
 
@@ -93,13 +94,17 @@ end
 %! assert(xd, single(want{1}), 0.15)
 %! assert(yd, single(want{2}), 0.15)
 %! assert(zd, single(want{3}), 0.15)
-%!assert(nthargout(1:3, @ctessel_geometry, zeros(0, 3), zeros(0, 3), zeros(0, 3), [0 0; 0 1], [0 0; 0 1], [0 1], 1), repmat({zeros(0, 3, 'single')}, 1, 3))
+%!test
+%! none = zeros(0, 3);
+%! [xd, yd, zd] = ctessel_geometry(none, none, none, linear, linear, [0 1], 1);
+%! assert({xd, yd, zd}, repmat({single(none)}, 1, 3))
 %!error <ctessel_geometry: Y must be 1x2 like X; got 1x3>
 %! ctessel_geometry([1 2], [1 2 3], [1 2], linear, linear, [0 1], 1)
 %!error <COEFF_X must be from 2x2 to 14x12 coefficients; got 15x12>
 %! ctessel_geometry(1, 1, 1, zeros(15, 12), linear, [0 1], 1)
 %!error <COEFF_Y must be a table with a linear coefficient, \(2, 2\), other than 0>
 %! ctessel_geometry(1, 1, 1, linear, zeros(3), [0 1], 1)
-%!error <COEFF_Z must be from 2x1 to 17x1 coefficients; got 1x1> ctessel_geometry(1, 1, 1, linear, linear, 1, 1)
+%!error <COEFF_Z must be from 2x1 to 17x1 coefficients; got 1x1>
+%! ctessel_geometry(1, 1, 1, linear, linear, 1, 1)
 %!error <R0 must be a positive number; got -2> ctessel_geometry(1, 1, 1, linear, linear, [0 1], -2)
 %!error <Z must be real; got 0\+1i> ctessel_geometry(1, 1, 1i, linear, linear, [0 1], 1)
