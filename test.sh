@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and tests everything on a bare Debian 12: the 64-bit library, the 32-bit module, the module in
-# GNU Octave, and the formatting of the sources.
+# GNU Octave, the Python package, and the formatting of the sources.
 set -uo pipefail
 
 cd "$(dirname "$0")"
@@ -32,8 +32,19 @@ for preset in default mex32 octave; do
   count "$log"
 done
 
+echo "== python"
+if python/test.sh >"$log" 2>&1; then
+  tail -n 1 "$log"
+else
+  tail -n 40 "$log"
+  failed=$((failed + 1))
+fi
+python_count() { sed -nE "s/(.* )?([0-9]+) $1.*/\2/p" "$log" | tail -n 1; }
+passed=$((passed + $(python_count passed || true) + 0))
+skipped=$((skipped + $(python_count skipped || true) + 0))
+
 echo "== formatting"
-if find recon gateway tests bench examples fuzz \( -name '*.cpp' -o -name '*.h' \) -print0 |
+if find recon gateway tests bench examples fuzz python \( -name '*.cpp' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror; then
   passed=$((passed + 1))
 else

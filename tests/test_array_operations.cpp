@@ -26,7 +26,7 @@ TEST_CASE("Shifts turn one axis by floor(N / 2) and back", "[shift]") {
   CAPTURE(run_seed());
   const Shift forward[] = {TS_fftshift_dim1, TS_fftshift_dim2, TS_fftshift_dim3},
               back[] = {TS_ifftshift_dim1, TS_ifftshift_dim2, TS_ifftshift_dim3};
-  for (int run = 0; run < 200; ++run) {
+  for (int run = 0; run < 60; ++run) {
     std::vector<int> dims = random_dims(random);
     const int ndims = static_cast<int>(dims.size()), dim = random.integer(1, std::min(ndims, 3));
     const std::size_t n = naive::product(dims.data(), 0, ndims);
@@ -83,7 +83,7 @@ TEST_CASE("TS_zero_pad puts an odd spare zero in front", "[zero_pad]") {
 TEST_CASE("TS_zero_pad places every sample and writes nothing else", "[zero_pad]") {
   Random random(5);
   CAPTURE(run_seed());
-  for (int run = 0; run < 200; ++run) {
+  for (int run = 0; run < 60; ++run) {
     std::vector<int> dims = random_dims(random), to = dims;
     const int ndims = static_cast<int>(dims.size());
     for (int d = 0; d < std::min(ndims, 3); ++d) to[d] += random.integer(0, 4);
@@ -139,7 +139,7 @@ TEST_CASE("TS_zero_pad writes nothing for a target that does not hold the input"
 TEST_CASE("TS_ringing_filter equals the straight transcription to the bit", "[ringing_filter]") {
   Random random(6);
   CAPTURE(run_seed());
-  for (int run = 0; run < 200; ++run) {
+  for (int run = 0; run < 60; ++run) {
     std::vector<int> dims = random_dims(random);
     const int ndims = static_cast<int>(dims.size());
     const int first[] = {dims[0], dims[1], ndims > 2 ? dims[2] : 1};
