@@ -18,8 +18,8 @@
 
 // ---- Circular shifts (array_shift.cpp) ----------------------------------------------------------
 
-/// Moves the first element of one axis to its centre, in place: element i goes to (i + m) mod N with
-/// m = floor(N / 2), so 0 1 2 3 4 becomes 3 4 0 1 2.
+/// Moves the first element of one axis to its centre, in place: element i goes to (i + m) mod N
+/// with m = floor(N / 2), so 0 1 2 3 4 becomes 3 4 0 1 2.
 ///
 ///   re, im       in/out  k-space or image array, x fastest; im may be null
 ///   dims, ndims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
@@ -28,7 +28,7 @@
 /// Errors: none reported. dim <= ndims is the caller's duty, and in the routines for one axis that
 /// dim is the axis of their name: they read the axis length as dims[dim - 1].
 /// Threads: split over P, so data of up to three dimensions use one thread.
-/// Memory: a line's half at most, per thread, and only where lines of odd length are short.
+/// Memory: on an axis of odd length one of its blocks (sample, row or plane), per thread.
 void TS_fftshift(float* re, float* im, int* dims, int ndims, int dim);
 void TS_fftshift_dim1(float* re, float* im, int* dims, int ndims, int dim);
 void TS_fftshift_dim2(float* re, float* im, int* dims, int ndims, int dim);
@@ -62,11 +62,11 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 
 // ---- Ringing filter (ringing_filter.cpp) --------------------------------------------------------
 
-/// Weights centred k-space with a separable Hamming-type window against truncation ringing, in place.
+/// Weights centred k-space in place with a separable cosine window against truncation ringing.
 ///
 /// Along each of the first three axes, at j samples from the centre floor(N / 2), the weight is
-/// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half the
-/// window's width is 1 - strength.
+/// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half
+/// the window's width is 1 - strength.
 ///
 ///   re, im       in/out  k-space, x fastest; im may be null and then counts as 0
 ///   ndims, dims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
@@ -99,19 +99,22 @@ void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* stren
 void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, float* out,
                     int* outdims);
 
-/// Sum-of-squares magnitude with the phase of the coil images summed with weights; a coil's weight at
-/// a voxel is its mean magnitude along the tenth dimension, so all images along it are combined alike.
+/// Sum-of-squares magnitude with the phase of the coil images summed with weights.
+///
+/// A coil's weight at a voxel is its mean magnitude along the tenth dimension, so all images along
+/// that dimension are combined alike. Sums run coil by coil in single precision. No signal gives
+/// 0 + 0i; a tenth extent of 0 gives NaN.
 ///
 ///   re, im          in   coil images, x fastest; im may be null
-///   ndims, dims     in   extents; AT LEAST TEN ENTRIES are read whatever ndims is (ones where unused)
-///   coildim         in   coil dimension, counted from 1
+///   ndims           in   number of extents
+///   dims            in   extents: AT LEAST TEN ENTRIES are read whatever ndims is, 1 where unused
+///   coildim         in   coil dimension, counted from 1, not the tenth
 ///   out_re, out_im  out  the input's shape with one coil, both required; written, not added to
 ///   outdims         in   extents of the output, ndims entries
 ///
-/// Sums run coil by coil in single precision. No signal gives 0 + 0i; a tenth extent of 0 gives NaN.
 /// Errors: none reported; that outdims fits dims is the caller's duty.
-/// Threads: split over blocks of output voxels. Memory: 3 KiB per thread and entry of the tenth
-/// dimension.
+/// Threads: split over blocks of output voxels.
+/// Memory: 3 KiB per thread and entry of the tenth dimension.
 /// Source: Roemer et al., Magn. Reson. Med. 16:192 (1990).
 void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, float* out_re,
                       float* out_im, int* outdims);
