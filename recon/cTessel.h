@@ -127,21 +127,21 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// to every folded volume. Reduction factors are full_size / fold_dims per axis; fractions are
 /// allowed along y and z, x is not reduced. Extents past a caller's count are 1.
 ///
-///   fold_re, fold_im    in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
-///                            null (zeros). fold_ndims >= 2
-///   sens_re, sens_im    in   (x', y', z', coil, location): maps over the full field of view, on any
-///                            grid with x' >= 1. A sample of real part 0 is outside the object. With
-///                            sens_im null nothing is inside and the output stays untouched
-///   psi_re, psi_im      in   (coil, coil): noise covariance, any unit; psi_re null means the identity
-///   psi_ndims           in   not read
-///   psi_dims            in   rows and columns of the covariance, also when psi_re is null
-///   full_size           in   unfolded extents x, y, z
-///   ref_re, ref_im      in   reference image for the regularisation weight; ref_im may be null
-///   reg_re, reg_im      in   (x', y', z', location): expected magnitude; reg_im may be null
-///   scale               in   divisor of the folded level in the regularisation weight
-///   out_re, out_im      out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
-///                            only pixels inside the object are written
-///   outdims             in   fold_ndims extents of the output
+///   fold_re, fold_im  in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
+///                          null (zeros). fold_ndims >= 2
+///   sens_re, sens_im  in   (x', y', z', coil, location): maps over the full field of view, on any
+///                          grid. A sample of real part 0 in coil 0 is outside the object. With
+///                          sens_im null nothing is inside and the output stays untouched
+///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit; psi_re null: the identity
+///   psi_ndims         in   not read
+///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
+///   full_size         in   unfolded extents x, y, z
+///   ref_re, ref_im    in   reference image for the regularisation weight; ref_im may be null
+///   reg_re, reg_im    in   (x', y', z', location): expected magnitude; reg_im may be null
+///   scale             in   divisor of the folded level in the regularisation weight
+///   out_re, out_im    out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
+///                          only pixels inside the object are written
+///   outdims           in   fold_ndims extents of the output
 ///
 /// Regularised only when both ref_re and reg_re are given. The weight is lambda = ((rms(fold) /
 /// scale) / rms(ref))^2 / (reduction over x, y, z), where data of two dimensions still count
@@ -157,20 +157,20 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
                    int ref_ndims, int* ref_dims, float* reg_re, float* reg_im, int reg_ndims,
                    int* reg_dims, double scale, float* out_re, float* out_im, int* outdims);
 
-/// Unfolding matrices U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every folded voxel, on the grid of the
-/// sensitivity maps: 1, or -1 if an aliased position lies outside the maps, or 0 if refused.
+/// Unfolding matrices U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every folded voxel, on the grid of
+/// the maps: 1, or -1 if an aliased position lies outside the maps, or 0 if refused.
 ///
 ///   sens_re, sens_im  in   (nx, ny, nz, nc); with sens_im null all factors are 0
 ///   sens_dims         in   nx, ny, nz, nc
 ///   psi               in   (nc, nc) noise covariance
 ///   reduction         in   [1] = Ry, [2] = Rz; [0] is not read
 ///   lambda            in   regularisation weight, 0 = off
-///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is diagonal,
-///                          1 / (reference^2 lambda), and 0 where the reference is 0
-///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the caller.
-///                          Coil c and alias k of a voxel with n aliases are in slot c n + k, aliases
-///                          in the order of TS_get_unfolded_positions, y outer and z inner; exactly 0
-///                          marks an absent alias
+///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is
+///                          diagonal, 1 / (reference^2 lambda), and 0 where the reference is 0
+///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the
+///                          caller. Coil c and alias k of a voxel with n aliases are in slot
+///                          c n + k, aliases in the order of TS_get_unfolded_positions, y outer and
+///                          z inner; exactly 0 marks an absent alias
 ///   folded, full      in   extents of the folded and unfolded images; [0] is not read
 ///   edges_y, edges_z  out  two values each: row or slice before a jump of the aliasing pattern, in
 ///                          ascending order. Entries without a jump keep the caller's value (-1)
