@@ -4,33 +4,18 @@
 // and nothing changed or created; for well-formed ones the samples of the naive reference; and in
 // every case no access outside an array (guard zones and the sanitizers) and nothing leaked.
 
-#include <fuzzer/FuzzedDataProvider.h>
-
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <limits>
+#include <algorithm>
+#include <string>
 
 #include "homodyne.h"
 #include "host/memory.h"
+#include "input.h"
 #include "naive_homodyne.h"
 
 namespace {
 
 using host::Array;
 using host::Layout;
-
-void require(bool ok, const char* what) {
-  if (ok) return;
-  std::fprintf(stderr, "violated: %s\n", what);
-  std::abort();
-}
-
-float any_float(FuzzedDataProvider& input) {
-  constexpr float kSpecial[] = {0.0f, -0.0f, 1.0f, INFINITY, -INFINITY, NAN, 3e38f, 1e-45f};
-  if (input.ConsumeIntegralInRange(0, 7) == 0) return input.PickValueInArray(kSpecial);
-  return static_cast<float>(input.ConsumeIntegral<std::int8_t>()) / 8;
-}
 
 double any_line(FuzzedDataProvider& input) {
   constexpr double kSpecial[] = {INFINITY,     -INFINITY,    NAN,           1e300,         -1e300,

@@ -59,7 +59,8 @@ bool by_polynomials(const float* angle, float* sine, float* cosine, std::int32_t
     const Pair p = polynomials(inside ? angle[j] : 0.0f);  // a sine of 0 is in doubt
     sine[j] = static_cast<float>(p.sine);
     cosine[j] = static_cast<float>(p.cosine);
-    doubt[j] = in_doubt(p.sine) | in_doubt(p.cosine);
+    const bool doubtful_sine = in_doubt(p.sine), doubtful_cosine = in_doubt(p.cosine);
+    doubt[j] = doubtful_sine | doubtful_cosine;
     any |= doubt[j];
   }
   return any != 0;

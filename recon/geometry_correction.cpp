@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "block_sincos.h"
@@ -64,7 +65,7 @@ void compute_terms(const float* x, Terms& terms) {
   ctessel::legendre_start(lanes, x);
   float zonal[kZonalOrders][kLanes];
   ctessel::legendre_degree(lanes, 0, kZonalOrders, zonal);
-  std::copy(zonal[1], zonal[1] + kZonal * kLanes, terms[kTesseral]);
+  std::memcpy(terms + kTesseral, zonal + 1, kZonal * sizeof *zonal);
   for (int m = 1, k = 0; m < kDegrees; k += kOrders - m, ++m)
     ctessel::legendre_degree(lanes, m, kOrders, terms + k);
 }

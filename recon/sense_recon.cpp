@@ -129,7 +129,9 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
                         TS_SA(fold_re, fold_im, static_cast<int>(F.total())), scale,
                         TS_SA(ref_re, ref_im, static_cast<int>(Ref.total())), F, full_size)
                   : 0.0;
-  Eigen::VectorXcd factors(factor_dims.prod());
+  // Cleared: voxels with fewer aliases than the most leave slots unwritten, and their neighbours'
+  // interpolation may read those.
+  Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factor_dims.prod());
   Eigen::VectorXf expected(static_cast<Eigen::Index>(regularised ? Reg.volume() : 0));
   Eigen::VectorXi fold4 = F.first_four();
   const Eigen::VectorXi full = Eigen::Map<const Eigen::VectorXi>(full_size, 3);
