@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and tests everything on a bare Debian 12: the 64-bit library, the 32-bit module, the module in
-# GNU Octave, the Python package, the library under the address and undefined-behaviour
+# GNU Octave, the Python and Octave packages, the library under the address and undefined-behaviour
 # sanitizers, and the formatting of the sources.
 #
 #   ./test.sh --all   also the unoptimised build with every assertion, the thread sanitizer, fuzzing
@@ -77,8 +77,17 @@ python_count() { sed -nE "s/(.* )?([0-9]+) $1.*/\2/p" "$log" | tail -n 1; }
 passed=$((passed + $(python_count passed || true) + 0))
 skipped=$((skipped + $(python_count skipped || true) + 0))
 
+echo "== octave package"
+if octave/test.sh >"$log" 2>&1; then
+  tail -n 3 "$log"
+  passed=$((passed + 1))
+else
+  tail -n 40 "$log"
+  failed=$((failed + 1))
+fi
+
 echo "== formatting"
-if find recon gateway tests bench examples fuzz python \( -name '*.cpp' -o -name '*.h' \) -print0 |
+if find recon gateway tests bench examples fuzz python octave \( -name '*.cpp' -o -name '*.cc' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror; then
   passed=$((passed + 1))
 else

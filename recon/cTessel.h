@@ -18,8 +18,8 @@
 
 // ---- Circular shifts (array_shift.cpp) ----------------------------------------------------------
 
-/// Moves the first element of one axis to its centre, in place: element i goes to (i + m) mod N with
-/// m = floor(N / 2), so 0 1 2 3 4 becomes 3 4 0 1 2.
+/// Moves the first element of one axis to its centre, in place: element i goes to (i + m) mod N
+/// with m = floor(N / 2), so 0 1 2 3 4 becomes 3 4 0 1 2.
 ///
 ///   re, im       in/out  k-space or image array, x fastest; im may be null
 ///   dims, ndims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
@@ -28,7 +28,7 @@
 /// Errors: none reported. dim <= ndims is the caller's duty, and in the routines for one axis that
 /// dim is the axis of their name: they read the axis length as dims[dim - 1].
 /// Threads: split over P, so data of up to three dimensions use one thread.
-/// Memory: a line's half at most, per thread, and only where lines of odd length are short.
+/// Memory: on an axis of odd length one of its blocks (sample, row or plane), per thread.
 void TS_fftshift(float* re, float* im, int* dims, int ndims, int dim);
 void TS_fftshift_dim1(float* re, float* im, int* dims, int ndims, int dim);
 void TS_fftshift_dim2(float* re, float* im, int* dims, int ndims, int dim);
@@ -62,11 +62,11 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 
 // ---- Ringing filter (ringing_filter.cpp) --------------------------------------------------------
 
-/// Weights centred k-space with a separable Hamming-type window against truncation ringing, in place.
+/// Weights centred k-space in place with a separable cosine window against truncation ringing.
 ///
 /// Along each of the first three axes, at j samples from the centre floor(N / 2), the weight is
-/// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half the
-/// window's width is 1 - strength.
+/// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half
+/// the window's width is 1 - strength.
 ///
 ///   re, im       in/out  k-space, x fastest; im may be null and then counts as 0
 ///   ndims, dims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P
@@ -99,19 +99,22 @@ void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* stren
 void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, float* out,
                     int* outdims);
 
-/// Sum-of-squares magnitude with the phase of the coil images summed with weights; a coil's weight at
-/// a voxel is its mean magnitude along the tenth dimension, so all images along it are combined alike.
+/// Sum-of-squares magnitude with the phase of the coil images summed with weights.
+///
+/// A coil's weight at a voxel is its mean magnitude along the tenth dimension, so all images along
+/// that dimension are combined alike. Sums run coil by coil in single precision. No signal gives
+/// 0 + 0i; a tenth extent of 0 gives NaN.
 ///
 ///   re, im          in   coil images, x fastest; im may be null
-///   ndims, dims     in   extents; AT LEAST TEN ENTRIES are read whatever ndims is (ones where unused)
-///   coildim         in   coil dimension, counted from 1
+///   ndims           in   number of extents
+///   dims            in   extents: AT LEAST TEN ENTRIES are read whatever ndims is, 1 where unused
+///   coildim         in   coil dimension, counted from 1, not the tenth
 ///   out_re, out_im  out  the input's shape with one coil, both required; written, not added to
 ///   outdims         in   extents of the output, ndims entries
 ///
-/// Sums run coil by coil in single precision. No signal gives 0 + 0i; a tenth extent of 0 gives NaN.
 /// Errors: none reported; that outdims fits dims is the caller's duty.
-/// Threads: split over blocks of output voxels. Memory: 3 KiB per thread and entry of the tenth
-/// dimension.
+/// Threads: split over blocks of output voxels.
+/// Memory: 3 KiB per thread and entry of the tenth dimension.
 /// Source: Roemer et al., Magn. Reson. Med. 16:192 (1990).
 void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, float* out_re,
                       float* out_im, int* outdims);
@@ -124,21 +127,21 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// to every folded volume. Reduction factors are full_size / fold_dims per axis; fractions are
 /// allowed along y and z, x is not reduced. Extents past a caller's count are 1.
 ///
-///   fold_re, fold_im    in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
-///                            null (zeros). fold_ndims >= 2
-///   sens_re, sens_im    in   (x', y', z', coil, location): maps over the full field of view, on any
-///                            grid with x' >= 1. A sample of real part 0 is outside the object. With
-///                            sens_im null nothing is inside and the output stays untouched
-///   psi_re, psi_im      in   (coil, coil): noise covariance, any unit; psi_re null means the identity
-///   psi_ndims           in   not read
-///   psi_dims            in   rows and columns of the covariance, also when psi_re is null
-///   full_size           in   unfolded extents x, y, z
-///   ref_re, ref_im      in   reference image for the regularisation weight; ref_im may be null
-///   reg_re, reg_im      in   (x', y', z', location): expected magnitude; reg_im may be null
-///   scale               in   divisor of the folded level in the regularisation weight
-///   out_re, out_im      out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
-///                            only pixels inside the object are written
-///   outdims             in   fold_ndims extents of the output
+///   fold_re, fold_im  in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
+///                          null (zeros). fold_ndims >= 2
+///   sens_re, sens_im  in   (x', y', z', coil, location): maps over the full field of view, on any
+///                          grid. A sample of real part 0 in coil 0 is outside the object. With
+///                          sens_im null nothing is inside and the output stays untouched
+///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit; psi_re null: the identity
+///   psi_ndims         in   not read
+///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
+///   full_size         in   unfolded extents x, y, z
+///   ref_re, ref_im    in   reference image for the regularisation weight; ref_im may be null
+///   reg_re, reg_im    in   (x', y', z', location): expected magnitude; reg_im may be null
+///   scale             in   divisor of the folded level in the regularisation weight
+///   out_re, out_im    out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
+///                          only pixels inside the object are written
+///   outdims           in   fold_ndims extents of the output
 ///
 /// Regularised only when both ref_re and reg_re are given. The weight is lambda = ((rms(fold) /
 /// scale) / rms(ref))^2 / (reduction over x, y, z), where data of two dimensions still count
@@ -154,20 +157,20 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
                    int ref_ndims, int* ref_dims, float* reg_re, float* reg_im, int reg_ndims,
                    int* reg_dims, double scale, float* out_re, float* out_im, int* outdims);
 
-/// Unfolding matrices U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every folded voxel, on the grid of the
-/// sensitivity maps: 1, or -1 if an aliased position lies outside the maps, or 0 if refused.
+/// Unfolding matrices U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every folded voxel, on the grid of
+/// the maps: 1, or -1 if an aliased position lies outside the maps, or 0 if refused.
 ///
 ///   sens_re, sens_im  in   (nx, ny, nz, nc); with sens_im null all factors are 0
 ///   sens_dims         in   nx, ny, nz, nc
 ///   psi               in   (nc, nc) noise covariance
 ///   reduction         in   [1] = Ry, [2] = Rz; [0] is not read
 ///   lambda            in   regularisation weight, 0 = off
-///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is diagonal,
-///                          1 / (reference^2 lambda), and 0 where the reference is 0
-///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the caller.
-///                          Coil c and alias k of a voxel with n aliases are in slot c n + k, aliases
-///                          in the order of TS_get_unfolded_positions, y outer and z inner; exactly 0
-///                          marks an absent alias
+///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is
+///                          diagonal, 1 / (reference^2 lambda), and 0 where the reference is 0
+///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the
+///                          caller. Coil c and alias k of a voxel with n aliases are in slot
+///                          c n + k, aliases in the order of TS_get_unfolded_positions, y outer and
+///                          z inner; exactly 0 marks an absent alias
 ///   folded, full      in   extents of the folded and unfolded images; [0] is not read
 ///   edges_y, edges_z  out  two values each: row or slice before a jump of the aliasing pattern, in
 ///                          ascending order. Entries without a jump keep the caller's value (-1)

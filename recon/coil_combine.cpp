@@ -32,7 +32,7 @@ struct Coils {
 
 // ---- Sum of squares -----------------------------------------------------------------------------
 
-constexpr std::ptrdiff_t kBlock = 16384;  // sums of one block: 64 KiB, a part of the L2 cache
+constexpr std::ptrdiff_t kBlock = 65536;  // sums of one block: 256 KiB, a part of the L2 cache
 constexpr std::ptrdiff_t kTile = 16;      // voxels taken together where coils lie closer than that
 
 /// Adds the squares of C coils that lie S apart to the sums.

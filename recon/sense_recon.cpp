@@ -83,7 +83,7 @@ Eigen::VectorXi factor_extents(const Extents& sens, const Eigen::Vector3f& R) {
   return dims;
 }
 
-/// How far the reference lies below the folded data, per voxel that aliases; in powers. The ratio
+/// Level of the folded data over the reference, squared, per unfolded pixel. The ratio
 /// along z is not forced to 1 for data of two dimensions, unlike the reduction factor: the weight
 /// has always been tuned with it.
 double regularisation_weight(double fold_rms, double scale, double reference_rms,

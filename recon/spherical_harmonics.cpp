@@ -40,29 +40,10 @@ float azimuth(float x, float y) {
   return y < 0 ? kThreeHalfPi : 0.0f;
 }
 
-/// Writes the samples i0 .. i0 + count - 1 of the table: |x| <= 1 decides sample by sample.
-void write_samples(const ctessel::LegendreLanes& lanes, const float (*column)[ctessel::kLanes],
-                   std::int64_t count, int length, std::int64_t stride, float* out) {
-  for (int j = 0; j < count; ++j, out += stride) {
-    const bool inside = std::abs(lanes.x[j]) <= 1;
-    for (int l = 0; l < length; ++l) out[l] = inside ? column[l][j] : 0.0f;
-  }
-}
-
-}  // namespace
-
-namespace ctessel {
-
-void legendre_start(LegendreLanes& lanes, const float* x) {
-  for (int j = 0; j < kLanes; ++j) {
-    lanes.x[j] = x[j];
-    lanes.sine[j] = sine_of(x[j]);
-    lanes.diagonal[j] = 1;
-  }
-}
-
+/// Here and not under its outer name: the choice between versions would show outside the library.
 CTESSEL_CLONES
-void legendre_degree(LegendreLanes& lanes, int m, int orders, float (*out)[kLanes]) {
+void recur(ctessel::LegendreLanes& lanes, int m, int orders, float (*out)[ctessel::kLanes]) {
+  using ctessel::kLanes;
   double now[kLanes], before[kLanes];
   for (int j = 0; j < kLanes; ++j) {
     if (m > 0) lanes.diagonal[j] *= -(2.0 * m - 1) * lanes.sine[j];
@@ -84,6 +65,31 @@ void legendre_degree(LegendreLanes& lanes, int m, int orders, float (*out)[kLane
     }
     for (int j = 0; j < kLanes; ++j) out[l - m][j] = static_cast<float>(now[j]);
   }
+}
+
+/// Writes the samples i0 .. i0 + count - 1 of the table: |x| <= 1 decides sample by sample.
+void write_samples(const ctessel::LegendreLanes& lanes, const float (*column)[ctessel::kLanes],
+                   std::int64_t count, int length, std::int64_t stride, float* out) {
+  for (int j = 0; j < count; ++j, out += stride) {
+    const bool inside = std::abs(lanes.x[j]) <= 1;
+    for (int l = 0; l < length; ++l) out[l] = inside ? column[l][j] : 0.0f;
+  }
+}
+
+}  // namespace
+
+namespace ctessel {
+
+void legendre_start(LegendreLanes& lanes, const float* x) {
+  for (int j = 0; j < kLanes; ++j) {
+    lanes.x[j] = x[j];
+    lanes.sine[j] = sine_of(x[j]);
+    lanes.diagonal[j] = 1;
+  }
+}
+
+void legendre_degree(LegendreLanes& lanes, int m, int orders, float (*out)[kLanes]) {
+  recur(lanes, m, orders, out);
 }
 
 }  // namespace ctessel

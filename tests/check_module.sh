@@ -21,8 +21,7 @@ same 'host entries' "$(printf '%s\n' mexErrMsgTxt mexWarnMsgTxt mxCreateNumericA
   mxGetString_700 mxIsChar mxIsComplex | sort)" \
   "$(nm -D --undefined-only "$module" | awk '{print $2}' | grep -E '^(mx|mex)' | sort)"
 
-# Declarations of the header start at the margin with a type and end their name with a bracket.
-routines=$(sed -nE 's/^[A-Za-z][A-Za-z0-9_:<>]*( [a-z]+)*[ *&]+([A-Za-z_0-9]+)\(.*/\2/p' "$header")
+routines=$("$(dirname "$0")/header_routines.sh" "$header")
 same 'exports' "$(printf '%s\n' mexFunction mexVersion $routines | sort -u)" \
   "$(nm -DC --defined-only "$module" | cut -d' ' -f3- | sed 's/(.*//' | sort -u)"
 

@@ -119,6 +119,7 @@ TEST_CASE("TS_zero_pad writes nothing for a target that does not hold the input"
                             {NAN, 3, 4},
                             {2, INFINITY, 4},
                             {1e10, 1e10, 1e10},
+                            {3e9, 3e9, 4},
                             {-2, -3, -4}}) {
     CAPTURE(nx, ny, nz);
     Guarded<float> out(24, 0.0f);
