@@ -269,6 +269,7 @@ TEST_CASE("Extents that cannot be are refused before memory is touched", "[sense
   auto refused = [&](auto change) {
     Call call = good;
     change(call);
+    call.out.resize(call.fold.size(), 1);
     return call.run(nullptr, nullptr) == -1;
   };
   CHECK(refused([](Call& c) { c.fold = {70000, 70000, 1, 2}; }));
