@@ -87,7 +87,7 @@ else
 fi
 
 echo "== formatting"
-if find recon gateway tests bench examples fuzz python octave \( -name '*.cpp' -o -name '*.cc' -o -name '*.h' \) -print0 |
+if find recon gateway tests bench examples fuzz python/src octave/src \( -name '*.cpp' -o -name '*.cc' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror; then
   passed=$((passed + 1))
 else
