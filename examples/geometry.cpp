@@ -95,7 +95,7 @@ Coil read_coil(std::istream& text) {
 
 Coil read_coil_file(const std::string& path) {
   std::ifstream file(path);
-  if (!file) throw std::runtime_error("cannot read " + path);
+  if (!file || file.peek() == EOF) throw std::runtime_error(path + " cannot be read or is empty");
   return read_coil(file);
 }
 
