@@ -1,10 +1,26 @@
 #!/usr/bin/env bash
 # Builds and tests everything on a bare Debian 12: the 64-bit library, the 32-bit module, the module in
-# GNU Octave, and the formatting of the sources.
+# GNU Octave, the Python and Octave packages, the library under the address and undefined-behaviour
+# sanitizers, and the formatting of the sources.
+#
+#   ./test.sh --all   also the unoptimised build with every assertion, the thread sanitizer, fuzzing
+#                     for a fixed number of runs, and the 32-bit programs under Valgrind
 set -uo pipefail
 
 cd "$(dirname "$0")"
+all=false
+case "${1:-}" in
+  --all) all=true ;;
+  '') ;;
+  *) echo "usage: $0 [--all]" >&2; exit 2 ;;
+esac
+
 tools/install_packages.sh packages.txt || exit 1
+presets=(default mex32 octave asan)
+if $all; then
+  tools/install_packages.sh packages-all.txt || exit 1
+  presets+=(dev tsan fuzz)
+fi
 
 passed=0 failed=0 skipped=0
 count() {  # adds up ctest's log
@@ -19,7 +35,7 @@ count() {  # adds up ctest's log
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-for preset in default mex32 octave; do
+for preset in "${presets[@]}"; do
   echo "== $preset"
   if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
     grep -E 'error|FAILED|CMake Error' -A 5 "$log" || tail -n 30 "$log"
@@ -32,8 +48,46 @@ for preset in default mex32 octave; do
   count "$log"
 done
 
+# The module's own host and the tests that stay within a few minutes there.
+if $all; then
+  echo "== valgrind"
+  mex32=build/mex32
+  for program in "tests/module_host $mex32/gateway/homodyne.mexglx" tests/test_homodyne \
+    tests/test_concurrency tests/test_spherical_harmonics; do
+    # shellcheck disable=SC2086  # the arguments are words of their own
+    if tools/valgrind32.sh $mex32/$program >"$log" 2>&1; then
+      echo "passed: ${program%% *}"
+      passed=$((passed + 1))
+    else
+      tail -n 30 "$log"
+      echo "failed: ${program%% *}"
+      failed=$((failed + 1))
+    fi
+  done
+fi
+
+echo "== python"
+if python/test.sh >"$log" 2>&1; then
+  tail -n 1 "$log"
+else
+  tail -n 40 "$log"
+  failed=$((failed + 1))
+fi
+python_count() { sed -nE "s/(.* )?([0-9]+) $1.*/\2/p" "$log" | tail -n 1; }
+passed=$((passed + $(python_count passed || true) + 0))
+skipped=$((skipped + $(python_count skipped || true) + 0))
+
+echo "== octave package"
+if octave/test.sh >"$log" 2>&1; then
+  tail -n 3 "$log"
+  passed=$((passed + 1))
+else
+  tail -n 40 "$log"
+  failed=$((failed + 1))
+fi
+
 echo "== formatting"
-if find recon gateway tests bench examples \( -name '*.cpp' -o -name '*.h' \) -print0 |
+if find recon gateway tests bench examples fuzz python/src octave/src \( -name '*.cpp' -o -name '*.cc' -o -name '*.h' \) -print0 |
     xargs -0 clang-format --dry-run -Werror; then
   passed=$((passed + 1))
 else

@@ -48,11 +48,15 @@ function kspace = read_cfl(name)
     refuse(name, 'does not exist as .mat file or as .cfl and .hdr pair');
   end
   fgetl(header);
-  extents = sscanf(fgetl(header), '%d')';
+  line = fgetl(header);
+  extents = [];
+  if ischar(line), extents = str2double(strsplit(strtrim(line))); end
   values = fread(data, Inf, 'single=>single');
   fclose(header);
   fclose(data);
-  if numel(extents) < 2 || numel(values) ~= 2 * prod(extents)
+  if numel(extents) < 2 || ~all(extents >= 1 & extents == fix(extents))
+    refuse([name '.hdr'], 'needs the extents in its second line, whole numbers from 1 on');
+  elseif numel(values) ~= 2 * prod(extents)
     refuse([name '.cfl'], sprintf('holds %d floats; its header %s asks for %d', numel(values), ...
                                   mat2str(extents), 2 * prod(extents)));
   end

@@ -11,6 +11,7 @@ function run_demo(folder, file)
     kspace = read_kspace(file);
     ny = size(kspace, 2);
     [~, name] = fileparts(file);
+    name = regexprep(name, '[^A-Za-z0-9_.-]', '_');  % the shell will see it
     % 84 of 128 lines, and the same share of any other axis
     reconstruct(folder, name, kspace, {[], [-round(ny * 20 / 128), ceil(ny / 2) - 1], []});
   end

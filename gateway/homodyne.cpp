@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -351,7 +352,7 @@ template <int DataStep, bool DataComplex, int LowStep, bool LowComplex>
                                            std::ptrdiff_t n) {
   float *dr = data.re, *di = DataStep == 2 ? dr + 1 : data.im;
   const float *lr = low.re, *li = LowStep == 2 ? lr + 1 : low.im;
-#pragma omp simd  // L may be the data itself, but only sample for sample
+#pragma omp simd  // L can be the data itself, sample for sample; other overlaps are copied before
   for (std::ptrdiff_t i = 0; i < n; ++i) {
     const double re = lr[LowStep * i], im = LowComplex ? li[LowStep * i] : 0.0f;
     const double magnitude = std::sqrt(re * re + im * im);
@@ -374,6 +375,24 @@ CTESSEL_CLONES void remove_phase(const Samples& data, const Samples& low, std::p
   if (!data.im) return project_onto<1, false>(data, low, n);
   if (data.step == 1) return project_onto<1, true>(data, low, n);
   project_onto<2, true>(data, low, n);
+}
+
+/// Hosts let contiguous parts of an array share its storage, so an image and a low-resolution image
+/// can overlap with an offset.
+bool overlap(const Samples& a, std::ptrdiff_t n, const Samples& b, std::ptrdiff_t m) {
+  const std::less<const float*> before;
+  const auto apart = [&](const float* p, const float* q) {
+    return !p || !q || !before(p, q + b.step * m) || !before(q, p + a.step * n);
+  };
+  return !(apart(a.re, b.re) && apart(a.re, b.im) && apart(a.im, b.re) && apart(a.im, b.im));
+}
+
+Samples copy_of(const Samples& s, std::ptrdiff_t n, std::vector<float>& store) {
+  store.assign(s.re, s.re + n * s.step);
+  if (s.step == 2) return {store.data(), store.data() + 1, 2};
+  if (!s.im) return {store.data(), nullptr, 1};
+  store.insert(store.end(), s.im, s.im + n);
+  return {store.data(), store.data() + n, 1};
 }
 
 /// Where the samples of the data's axis lie on the low-resolution axis.
@@ -482,11 +501,17 @@ void AddLowResPhase(int, mxArray**, int nrhs, const mxArray** prhs) {
   const mxArray *image = prhs[1], *low_image = prhs[2];
   const Shape s = shape_of(image), l = shape_of(low_image);
   if (s.volumes == 0 || l.volumes == 0) return;
-  const Samples data = host::samples(image), low = host::samples(low_image);
-  if (!same_size(image, low_image)) return remove_resampled_phase(data, s, low, l);
+  const bool same = same_size(image, low_image);
+  const Samples data = host::samples(image), shared = host::samples(low_image);
+  std::vector<float> copy;
+  const std::ptrdiff_t n = s.volume() * s.volumes, m = l.volume() * l.volumes;
+  const bool sample_for_sample = same && data.re == shared.re && data.step == shared.step;
+  const Samples low =
+      !sample_for_sample && overlap(data, n, shared, m) ? copy_of(shared, m, copy) : shared;
+  if (!same) return remove_resampled_phase(data, s, low, l);
   ctessel::for_each_chunk(s.volumes, [&](std::int64_t begin, std::int64_t end) {
-    const auto first = static_cast<std::ptrdiff_t>(begin),
-               n = static_cast<std::ptrdiff_t>(end) - first;
-    remove_phase(data.from(s.volume() * first), low.from(s.volume() * first), s.volume() * n);
+    const std::ptrdiff_t first = s.volume() * static_cast<std::ptrdiff_t>(begin),
+                         last = s.volume() * static_cast<std::ptrdiff_t>(end);
+    remove_phase(data.from(first), low.from(first), last - first);
   });
 }

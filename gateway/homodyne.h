@@ -19,8 +19,7 @@ extern "C" const char* mexVersion();
 /// "filter": homodyne weighting of partial-Fourier k-space.
 ///
 ///   prhs[1]     in/out  k-space, single, centred on each axis; real or complex. Multiplied IN
-///   PLACE
-///                       by the F-th root of the product of the weightings of F filtered axes.
+///                       PLACE by the F-th root of the product of the weightings of F filtered axes.
 ///   prhs[2..4]  in      sampled range [kmin kmax] of kx, ky, kz in lines from the centre, double;
 ///                       empty for an axis without filter. A range with |kmin + kmax| <= 1 counts
 ///                       as symmetric.
@@ -35,8 +34,8 @@ void ApplyHomodyneFilter(int nlhs, mxArray** plhs, int nrhs, const mxArray** prh
 /// Homodyne weighting of one axis of N samples whose lines range[0]..range[1] were sampled.
 ///
 ///   range    in   first and last sampled line relative to the centre; truncated toward zero
-///   weights  out  N entries: 0 on the missing side, a ramp 1 -+ t^2 across the symmetric centre, 2
-///                 beyond. Null to get the bounds alone.
+///   weights  out  N entries: 0 on the missing side, a ramp 1 -+ t^2 across the symmetric centre,
+///                 2 beyond. Null to get the bounds alone.
 ///   bounds   out  first and last position of the symmetric centre
 ///
 /// Returns 1, or 0 with nothing written when the range covers less than 0.55 of the extent that its
@@ -46,11 +45,10 @@ int calculate_filter(int N, double* range, float* weights, int* bounds);
 /// "multiply": removal of a low-resolution phase.
 ///
 ///   prhs[1]  in/out  image, single, real or complex. Each sample d becomes, IN PLACE, the real
-///   part
-///                    of d conj(L) / |L|; its imaginary part, if it has one, becomes 0.
-///   prhs[2]  in      low-resolution image L, single, with as many dimensions; resampled
-///   trilinearly
-///                    over the first three where any extent differs
+///                    part of d conj(L) / |L|; its imaginary part, if it has one, becomes 0.
+///   prhs[2]  in      low-resolution image L, single, with as many dimensions; resampled trilinearly
+///                    over the first three where any extent differs. Where it shares storage with
+///                    the image, it counts as it was before the call.
 ///
 /// L = 0 gives NaN. Volumes (beyond the third dimension) for which L has no samples stay as they
 /// are. Wrong arguments end the call with their own message, the data unchanged. Assigns no output.

@@ -4,11 +4,14 @@
 %   homodyne('multiply', data, low)
 %
 % Both operations change DATA IN PLACE: the variable itself and every other variable that shares
-% its storage, such as one made by "b = data". Make a real copy first if you need the original:
+% its storage. The host shares storage wherever it can: "b = data", data(:), reshape, squeeze,
+% single(data) of single data, and even contiguous parts such as coil = data(:, :, 1, 2) change
+% together. Make a real copy first if you need the original, or if DATA is such a part:
 %
 %   data = original + 0;          % a copy of its own, safe to change
 %
-% (A value of a single sample is the exception: the host may pass a copy of it.)
+% Values that the host keeps in a compact form are the exception: of a diagonal matrix (eye) or a
+% single number it may pass a copy, and DATA stays as it is. full(x) makes a plain array.
 %
 % low = homodyne('filter', DATA, KX, KY, KZ) weights k-space.
 %   DATA        single, real or complex, at least 1 dimension: kx, ky, kz, then coils, slices ...
@@ -25,7 +28,8 @@
 %   The missing lines must lie on the negative side, and the range must cover at least 0.55 of
 %   2 * last + 1 lines. Any other asymmetric range is REJECTED WITHOUT A MESSAGE: the axis is left
 %   unweighted and low keeps only its first position, so check size(low). Flip the data (and the
-%   range) for scans that miss the positive side.
+%   range) for scans that miss the positive side. A range that reaches beyond the axis has no mirror
+%   image there: low then keeps one position or none. Ranges must be full, not sparse.
 %
 % homodyne('multiply', DATA, LOW) removes the phase of a low-resolution image.
 %   DATA        single image, real or complex. Every sample d becomes real(d * conj(L) / abs(L)),

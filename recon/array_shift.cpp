@@ -1,111 +1,117 @@
 // Circular shifts between the first element of an axis and its centre, in place.
 //
-// Six routines over one rotation: an axis of N blocks of B contiguous floats is turned by
-// floor(N / 2) blocks, or back. Every float is read once and written once: an even axis swaps its
-// halves, an odd one follows the single cycle that its rotation consists of, a slice of a block at
-// a time.
+// Six routines over one rotation. An axis of N blocks of B contiguous floats is turned by
+// m = floor(N / 2) blocks, or back. Its first m blocks and m later ones trade places in one pass
+// that reads and writes every float once. On an odd axis one block is left over, the traded parts
+// land one block apart from where they came from, and only that block needs scratch memory.
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "cTessel.h"
-#include "dispatch.h"
 #include "loops.h"
 
 namespace {
 
-CTESSEL_CLONES void swap_halves(float* line, std::ptrdiff_t half) {
-  float* upper = line + half;
-#pragma omp simd
-  for (std::ptrdiff_t i = 0; i < half; ++i) {
-    const float lower = line[i];
-    line[i] = upper[i];
-    upper[i] = lower;
-  }
+/// Floats traded at once: all are loaded before any is stored, as the two sides may overlap. Held
+/// as vectors, because the compiler would keep an array of floats in memory.
+constexpr std::ptrdiff_t kTrade = 16;
+using Quad [[gnu::vector_size(16)]] = float;
+struct Quads {
+  Quad q[kTrade / 4];
+};
+
+/// The values from `low` on go to `to`, those from `high` on take their place.
+template <class Values>
+[[gnu::always_inline]] inline void trade(float* low, const float* high, float* to) {
+  Values from_low, from_high;
+  std::memcpy(&from_low, low, sizeof from_low);
+  std::memcpy(&from_high, high, sizeof from_high);
+  std::memcpy(low, &from_high, sizeof from_high);
+  std::memcpy(to, &from_low, sizeof from_low);
 }
 
-/// Floats of a block that move together on an odd axis. The slices stay in the L1 cache while the
-/// pages that the cycle touches stay in the TLB.
-constexpr std::ptrdiff_t kSlice = 1024;
-
-/// Blocks too small to be moved one by one.
-constexpr std::ptrdiff_t kSmallBlock = 16;
+/// One line: `half` = m B floats trade places; `odd` floats, B or none, are left over.
+struct Line {
+  std::ptrdiff_t half, odd;
+};
 
 void copy_floats(float* to, const float* from, std::ptrdiff_t n) {
-  std::memcpy(to, from, static_cast<std::size_t>(n) * sizeof(float));
+  for (std::ptrdiff_t i = 0; i < n; ++i) to[i] = from[i];
 }
 
-/// Turns N blocks by `shift` where N and `shift` have no common factor: one cycle visits all
-/// blocks.
-void rotate_blocks(float* line, std::ptrdiff_t N, std::ptrdiff_t shift, std::ptrdiff_t B) {
-  float held[kSlice];
-  for (std::ptrdiff_t from = 0; from < B; from += kSlice) {
-    const std::ptrdiff_t n = std::min(kSlice, B - from);
-    copy_floats(held, line + from, n);
-    std::ptrdiff_t to = 0;
-    for (std::ptrdiff_t moved = 1; moved < N; ++moved) {
-      const std::ptrdiff_t source = to < shift ? to + N - shift : to - shift;
-      copy_floats(line + to * B + from, line + source * B + from, n);
-      to = source;
-    }
-    copy_floats(line + to * B + from, held, n);
+/// Element 0 to the centre. Upwards: what a step stores over was read `odd` floats before or is
+/// held.
+void turn_forward(float* line, Line l, float* held) {
+  float *to = line + l.half, *high = to + l.odd;
+  copy_floats(held, to, l.odd);
+  std::ptrdiff_t i = 0;
+  for (; i + kTrade <= l.half; i += kTrade) trade<Quads>(line + i, high + i, to + i);
+  for (; i < l.half; ++i) trade<float>(line + i, high + i, to + i);
+  copy_floats(high + l.half - l.odd, held, l.odd);
+}
+
+/// The centre to element 0: the same steps with the two ends exchanged, hence downwards.
+void turn_back(float* line, Line l, float* held) {
+  float *high = line + l.half, *to = high + l.odd;
+  copy_floats(held, high + l.half, l.odd);
+  std::ptrdiff_t i = l.half;
+  for (; i >= kTrade; i -= kTrade) {
+    trade<Quads>(line + i - kTrade, high + i - kTrade, to + i - kTrade);
   }
+  for (; i > 0; --i) trade<float>(line + i - 1, high + i - 1, to + i - 1);
+  copy_floats(high, held, l.odd);
 }
 
-/// Turns a line by way of a copy of its end. Plain loops: lines are too short for library calls.
-CTESSEL_CLONES void rotate_floats(float* line, std::ptrdiff_t n, std::ptrdiff_t shift,
-                                  float* scratch) {
-  const float* end = line + n - shift;
-  for (std::ptrdiff_t i = 0; i < shift; ++i) scratch[i] = end[i];
-  std::memmove(line + shift, line, static_cast<std::size_t>(n - shift) * sizeof(float));
-  for (std::ptrdiff_t i = 0; i < shift; ++i) line[i] = scratch[i];
-}
-
-/// The lines of one axis: how long, how far apart, how many in each outer volume.
+/// The lines of one axis: blocks in a line, floats in a block, from line to line and in a volume.
 struct Axis {
-  std::ptrdiff_t N, block, step, lines, volume;
+  std::ptrdiff_t N, block, step, volume;
   std::int64_t outer;
 };
 
 /// The axis length comes from the caller's own dimension number, all else from the axis.
 Axis axis_of(const int* dims, int ndims, int axis, int dim) {
   const std::ptrdiff_t nx = dims[0], ny = dims[1], nz = ndims > 2 ? dims[2] : 1;
-  const std::ptrdiff_t blocks[] = {1, nx, nx * ny}, steps[] = {nx, nx * ny, nx * ny * nz},
-                       lines[] = {ny * nz, nz, 1};
-  return {dims[dim - 1],   blocks[axis - 1], steps[axis - 1],
-          lines[axis - 1], nx * ny * nz,     ctessel::merged_outer(ndims, dims)};
+  const std::ptrdiff_t blocks[] = {1, nx, nx * ny, nx * ny * nz};
+  return {dims[dim - 1], blocks[axis - 1], blocks[axis], blocks[3],
+          ctessel::merged_outer(ndims, dims)};
 }
 
-void rotate_lines(float* first, const Axis& a, std::ptrdiff_t shift, float* scratch) {
-  for (std::ptrdiff_t j = 0; j < a.lines; ++j) {
-    float* line = first + a.step * j;
-    if (a.N % 2 == 0) {
-      swap_halves(line, a.N / 2 * a.block);
-    } else if (a.block < kSmallBlock) {
-      rotate_floats(line, a.N * a.block, shift * a.block, scratch);
+/// Asks for memory a few short lines ahead: their two halves lie so close that the processor's own
+/// prefetching does not make out either.
+void prefetch_ahead(const float* line, std::ptrdiff_t length, const float* end) {
+  constexpr std::ptrdiff_t kShort = 4096, kAhead = 2048, kCacheLine = 16;
+  if (length > kShort || end - line < length + kAhead) return;
+  for (std::ptrdiff_t i = 0; i < length; i += kCacheLine) __builtin_prefetch(line + kAhead + i, 1);
+}
+
+void rotate_volume(float* volume, const Axis& a, bool forward, float* held) {
+  const Line l{a.N / 2 * a.block, a.N % 2 * a.block};
+  const float* end = volume + a.volume;
+  for (float* line = volume; line < end; line += a.step) {
+    prefetch_ahead(line, a.step, end);
+    if (forward) {
+      turn_forward(line, l, held);
     } else {
-      rotate_blocks(line, a.N, shift, a.block);
+      turn_back(line, l, held);
     }
   }
 }
 
-void rotate_part(float* part, const Axis& a, std::ptrdiff_t shift) {
-  const bool copies = a.N % 2 != 0 && a.block < kSmallBlock;
+void rotate_part(float* part, const Axis& a, bool forward) {
   ctessel::for_each_chunk(a.outer, [&](std::int64_t begin, std::int64_t end) {
-    std::vector<float> scratch(copies ? static_cast<std::size_t>(shift * a.block) : 0);
+    std::vector<float> held(static_cast<std::size_t>(a.N % 2 * a.block));
     for (auto o = static_cast<std::ptrdiff_t>(begin); o < end; ++o) {
-      rotate_lines(part + o * a.volume, a, shift, scratch.data());
+      rotate_volume(part + o * a.volume, a, forward, held.data());
     }
   });
 }
 
 void rotate(float* re, float* im, const int* dims, int ndims, int axis, int dim, bool forward) {
   const Axis a = axis_of(dims, ndims, axis, dim);
-  const std::ptrdiff_t m = a.N / 2, shift = forward ? m : a.N - m;
-  if (a.N <= 1) return;  // also keeps negative extents from anything below
-  rotate_part(re, a, shift);
-  if (im) rotate_part(im, a, shift);
+  if (a.N <= 1 || a.step <= 0) return;
+  rotate_part(re, a, forward);
+  if (im) rotate_part(im, a, forward);
 }
 
 }  // namespace

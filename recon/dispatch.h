@@ -7,7 +7,15 @@
 // The sanitizers' runtimes are not up yet when the choice is made, so they get the baseline.
 #pragma once
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define CTESSEL_SANITIZED
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define CTESSEL_SANITIZED
+#endif
+
+#if defined(CTESSEL_SANITIZED)
 #define CTESSEL_CLONES
 #elif defined(CTESSEL_TARGET)
 #define CTESSEL_CLONES __attribute__((target(CTESSEL_TARGET)))

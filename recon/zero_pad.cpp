@@ -1,6 +1,7 @@
 // Centred placement of an array in a larger, zero-filled one.
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "cTessel.h"
@@ -35,9 +36,10 @@ void copy_plane(const float* in, float* out, const Placement& x, const Placement
 void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double ny, double nz,
                  float* out_re, float* out_im) {
   const std::ptrdiff_t d0 = dims[0], d1 = dims[1], d2 = ndims > 2 ? dims[2] : 1;
-  constexpr double kAddressable = 4e18;
-  if (!fits(d0, nx) || !fits(d1, ny) || !fits(d2, nz) || nx * ny * nz > kAddressable) return;
+  // No array has more samples, and below this the extents convert to integers on every word size.
+  constexpr auto kAddressable = static_cast<double>(PTRDIFF_MAX / sizeof(float));
   if (d0 <= 0 || d1 <= 0 || d2 <= 0) return;
+  if (!fits(d0, nx) || !fits(d1, ny) || !fits(d2, nz) || nx * ny * nz > kAddressable) return;
   const Placement x = place(d0, nx), y = place(d1, ny), z = place(d2, nz);
   ctessel::for_each_chunk(
       ctessel::merged_outer(ndims, dims), [&](std::int64_t begin, std::int64_t end) {

@@ -181,7 +181,7 @@ void run_operations() {
 void run_errors() {
   const mxArray filter = text("filter"), multiply = text("multiply");
   const mxArray data = single(ramp({2, 3}, true)), doubles("double", {2, 3}, true, 8);
-  const mxArray none("single", {0, 3}, false, 4), r = range({-1, 5}), cube = range({});
+  const mxArray none("single", {0, 3}, false, 4), r = range({-1, 5});
   const mxArray volume = single(ramp({2, 3, 2}, false)), complex_range("double", {1, 2}, true, 8);
   const mxArray tall("double", {1, 2, 2}, false, 8), square("double", {2, 2}, false, 8),
       longer("double", {1, 3}, false, 8);
@@ -196,10 +196,20 @@ void run_errors() {
       {{&filter, &data, &r, &r, &r, &r}, "Too many input arguments."},
       {{&filter, &doubles, &r, &r, &r}, "Data must be of type single."},
       {{&filter, &none, &r, &r, &r}, "Data cannot be empty."},
+      {{&filter, &data, &data, &r, &r}, "kx-range must be of type double."},
       {{&filter, &data, &r, &data, &r}, "ky-range must be of type double."},
+      {{&filter, &data, &r, &r, &data}, "kz-range must be of type double."},
+      {{&filter, &data, &complex_range, &r, &r}, "kx-range must be real valued."},
+      {{&filter, &data, &r, &complex_range, &r}, "ky-range must be real valued."},
       {{&filter, &data, &r, &r, &complex_range}, "kz-range must be real valued."},
-      {{&filter, &data, &tall, &r, &cube}, "The kx-range must be 1 dimensional vector."},
+      {{&filter, &data, &tall, &r, &r}, "The kx-range must be 1 dimensional vector."},
+      {{&filter, &data, &square, &r, &r}, "The kx-range coordinates must be 1 dimensional vector."},
+      {{&filter, &data, &longer, &r, &r}, "The kx-range must be of length 2."},
+      {{&filter, &data, &r, &tall, &r}, "The ky-range must be 1 dimensional vector."},
       {{&filter, &data, &r, &square, &r}, "The ky-range coordinates must be 1 dimensional vector."},
+      {{&filter, &data, &r, &longer, &r}, "The ky-range must be of length 2."},
+      {{&filter, &data, &r, &r, &tall}, "The kz-range must be 1 dimensional vector."},
+      {{&filter, &data, &r, &r, &square}, "The kz-range coordinates must be 1 dimensional vector."},
       {{&filter, &data, &r, &r, &longer}, "The kz-range must be of length 2."},
       {{&multiply, &data}, "There must be at least 3 inputs."},
       {{&multiply, &data, &data, &data}, "Too many input arguments."},

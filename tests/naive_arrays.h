@@ -38,6 +38,23 @@ inline void shift_by_copies(float* part, std::size_t line, std::size_t shift, st
   }
 }
 
+/// Copies each sample to the centre of its target volume.
+inline void zero_pad(const std::vector<float>& in, const std::vector<int>& dims, const double* to,
+                     std::vector<float>& out) {
+  std::size_t from[] = {1, 1, 1}, target[3], offset[3];
+  for (std::size_t d = 0; d < 3; ++d) {
+    if (d < dims.size()) from[d] = static_cast<std::size_t>(dims[d]);
+    target[d] = static_cast<std::size_t>(to[d]);
+    offset[d] = (target[d] - from[d] + 1) / 2;
+  }
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    const std::size_t x = i % from[0] + offset[0], y = i / from[0] % from[1] + offset[1],
+                      z = i / from[0] / from[1] % from[2] + offset[2],
+                      p = i / from[0] / from[1] / from[2];
+    std::memcpy(&out[x + target[0] * (y + target[1] * (z + target[2] * p))], &in[i], sizeof(float));
+  }
+}
+
 inline std::vector<float> window(int N, double strength, int width) {
   const double s = strength > 0.915 ? 0.085 : strength < 0 ? 1.0 : 1 - strength;
   const double L = static_cast<double>(width) * 6.2831855f * 0.5 / std::acos((s - 0.54) / 0.46);

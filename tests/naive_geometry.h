@@ -72,12 +72,18 @@ inline Polar polar(float x, float y, float z) {
   return {r, theta, phi};
 }
 
-inline void geometry_correction(const float* x, const float* y, const float* z, float* xd,
-                                float* yd, float* zd, int npts, const float (*coeff_y)[12],
-                                const float (*coeff_x)[12], const float (*coeff_z)[1], float r0) {
-  const int samples = 10000, nm = 12, nl = 17;
+constexpr int samples = 10000, nm = 12, nl = 17;
+
+inline std::vector<float> lookup() {
   std::vector<float> table(static_cast<std::size_t>(samples) * nm * nl);
   naive::create_plgndr_lookup(nl, nm, samples, table.data());
+  return table;
+}
+
+inline void geometry_correction(const float* x, const float* y, const float* z, float* xd,
+                                float* yd, float* zd, int npts, const float (*coeff_y)[12],
+                                const float (*coeff_x)[12], const float (*coeff_z)[1], float r0,
+                                const std::vector<float>& table = lookup()) {
   const float step = static_cast<float>(2.0 / (samples - 1));
   for (int i = 0; i < npts; ++i) {
     const Polar p = polar(x[i], y[i], z[i]);
@@ -90,7 +96,8 @@ inline void geometry_correction(const float* x, const float* y, const float* z, 
     float sx = 0, sy = 0, sz = 0;
     for (int m = 1; m <= 11; ++m) {
       const float angle = static_cast<float>(m) * p.phi, sign = m % 2 ? -1.0f : 1.0f;
-      const float s = std::sin(angle), k = std::cos(angle);
+      float s, k;
+      sincosf(angle, &s, &k);
       for (int n = m; n <= 13; ++n) {
         float P =
             sign * (tabulated ? entry[m * nl + n] : static_cast<float>(naive::plgndr(n, m, c)));

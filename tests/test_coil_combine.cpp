@@ -39,7 +39,7 @@ Case random_case(Random& random, bool tenth) {
 TEST_CASE("TS_perform_sos equals the straight loop to the bit", "[sos]") {
   Random random(7);
   CAPTURE(run_seed());
-  for (int run = 0; run < 200; ++run) {
+  for (int run = 0; run < 60; ++run) {
     Case c = random_case(random, false);
     const std::vector<float> prior = random.reals(c.voxels, 0, random.integer(0, 1));
     std::vector<float> want = prior, want_real = prior;
@@ -61,7 +61,7 @@ TEST_CASE("TS_perform_sos equals the straight loop to the bit", "[sos]") {
 TEST_CASE("TS_perform_pcsos equals the straight loop to the bit", "[pcsos]") {
   Random random(8);
   CAPTURE(run_seed());
-  for (int run = 0; run < 200; ++run) {
+  for (int run = 0; run < 60; ++run) {
     Case c = random_case(random, random.integer(0, 2));
     std::vector<float> re(c.voxels), im(c.voxels), real_re(c.voxels), real_im(c.voxels);
     naive::perform_pcsos(c.re.data(), c.im.data(), c.dims.data(), c.coildim, re.data(), im.data(),

@@ -72,6 +72,19 @@ TEST_CASE("Corners past the end count as 0 and rows wrap around", "[interpolatio
   CHECK(at(0, -0.5f, 0) == 0.5f);  // -0.5 truncates to sample 0 with fraction -0.5: 1.5 - 1
 }
 
+TEST_CASE("What lies behind the volume never counts", "[interpolation]") {
+  std::vector<float> v = {1, 2, 3, 4, NAN, NAN, NAN, NAN, NAN};  // overload 1 over its first four
+  int dims[] = {2, 2, 1};
+  CHECK(TS_linear_interpolation(v.data(), 1, 1.5f, 0, dims) == 2.0f);
+  CHECK(TS_linear_interpolation(v.data(), 1.5f, 1.5f, 0.5f, dims) == 0.5f);
+  int row[] = {2, 1, 2};  // one row per plane: corner 4 lies past the end, corner 5 does not
+  CHECK(TS_linear_interpolation(v.data(), 0, 1.5f, 0.5f, row) == 0.25f * 2 + 0.25f * 3 + 0.25f * 4);
+  Eigen::VectorXcd longer(6);
+  longer << 1, 2, 3, 4, 1e9, 1e9;
+  const Eigen::VectorXi extents = Eigen::Map<Eigen::VectorXi>(dims, 3);
+  CHECK(TS_linear_interpolation(longer, extents, 3, 0.0, 0.5, 0.0, 4, 4) == 2.0);
+}
+
 TEST_CASE("With one row per plane a corner past the end is not read", "[interpolation]") {
   // Corner 4 (next row, next sample) lies past the end while corner 5 (next plane) does not.
   Eigen::VectorXcd v(4);
@@ -105,6 +118,12 @@ TEST_CASE("pos2interpolate: the first matching rule decides", "[interpolation]")
     CAPTURE(c.pos, c.idx);
     CHECK(pos2interpolate(c.pos, c.idx, A, B) == c.want);
   }
+  // Two rules hold at once: which one is tried first decides.
+  const float touching[] = {10, 9}, next[] = {10, 11}, apart[] = {10, 5};
+  CHECK(pos2interpolate(3.0, 10, touching, B) == 3.5);  // on the first, one past the second
+  CHECK(pos2interpolate(3.0, 11, next, B) == 4.5);      // one past the first, on the second
+  CHECK(pos2interpolate(5.0, 9, apart, B) == 3.5);      // both crossed, the first from below
+  CHECK(pos2interpolate(4.0, 12, next, B) == 8.5);      // one past the second
   const float none[] = {-1, -1}, nan[] = {NAN, NAN};
   CHECK(pos2interpolate(4.2, 9, none, B) == 4.2);
   CHECK(pos2interpolate(4.2, 9, A, none) == 4.2);

@@ -2,12 +2,14 @@
 // MATLAB from R2018a on.
 //
 // mxGetData hands out the caller's own storage, so writing through it reaches the caller's variable
-// and every variable that shares it. Exception: Octave keeps a 1 x 1 value apart from its array
-// interface and hands out a copy of it.
+// and every variable that shares it. Exceptions are values that Octave keeps in a form of their own,
+// such as the diagonal matrix that eye makes: it hands out a full copy of those.
 
 #include <mex.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -43,7 +45,8 @@ void mend_buffer(mxArray*) {}
 bool is_char(const Array* a) { return mxIsChar(own(a)); }
 bool is_complex(const Array* a) { return mxIsComplex(own(a)); }
 bool is_class(const Array* a, const char* name) {
-  return std::strcmp(mxGetClassName(own(a)), name) == 0;
+  // A sparse array has the class of its values, but stores only some of them.
+  return !mxIsSparse(own(a)) && std::strcmp(mxGetClassName(own(a)), name) == 0;
 }
 std::size_t rows(const Array* a) { return mxGetM(own(a)); }
 std::size_t columns(const Array* a) { return mxGetN(own(a)); }
@@ -64,9 +67,14 @@ Samples samples(const Array* a) {
 double* doubles(const Array* a) { return static_cast<double*>(mxGetData(own(a))); }
 
 Array* create_complex_single(int ndims, const int* dims) {
+  double bytes = 2 * sizeof(float);
+  for (int d = 0; d < ndims; ++d) bytes *= dims[d];
+  // The host's own byte count would wrap around.
+  if (bytes > static_cast<double>(PTRDIFF_MAX)) error("out of memory");
   mxArray* a;
   {
-    const std::vector<mwSize> wide(dims, dims + ndims);
+    std::vector<mwSize> wide(static_cast<std::size_t>(ndims));
+    std::copy_n(dims, wide.size(), wide.begin());
     a = mxCreateNumericArray(static_cast<mwSize>(ndims), wide.data(), mxSINGLE_CLASS, mxCOMPLEX);
   }
   mend_buffer(a);

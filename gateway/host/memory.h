@@ -1,7 +1,6 @@
 // Arrays of the test host, in either layout of complex values, with guard zones around every part.
 #pragma once
 
-#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -34,7 +33,8 @@ struct Array {
   std::vector<double> values;  // class "double"
   bool complex = false;
   Layout layout = Layout::kParts;
-  Guarded re, im;  // class "single"; pairs are all in re
+  Guarded re, im;             // class "single"; pairs are all in re
+  float* borrowed = nullptr;  // pairs in another array's storage, instead of re
 
   std::size_t count() const;
   std::vector<float> real() const;
@@ -42,7 +42,7 @@ struct Array {
   bool intact() const { return re.intact() && im.intact(); }
 };
 
-/// What error() throws, unless State::leave is set.
+/// What error() throws.
 struct Error {
   std::string text;
 };
@@ -53,7 +53,6 @@ struct State {
   std::vector<std::unique_ptr<Array>> created;
   std::vector<std::string> warnings;
   std::size_t text_limit = std::string::npos;  // copies no more characters than this
-  std::function<void(const char*)> leave;      // how error() leaves, instead of by exception
 };
 State& state();
 

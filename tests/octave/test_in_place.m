@@ -83,6 +83,7 @@ faults = {
   {'filter', d, ones(1, 2, 2), r, r},  'The kx-range must be 1 dimensional vector.'
   {'filter', d, r, ones(2, 2), r},     'The ky-range coordinates must be 1 dimensional vector.'
   {'filter', d, r, r, 1:3},            'The kz-range must be of length 2.'
+  {'filter', d, [], sparse([0 7]), []}, 'ky-range must be of type double.'
   {'filter', d, zeros(1, 0), r, r},    'The kx-range must be of length 2.'
   {'multiply', d},                     'There must be at least 3 inputs.'
   {'multiply', d, d, d},               'Too many input arguments.'
@@ -107,6 +108,25 @@ end
 homodyne('Filter', d, r, r, r);
 homodyne('filt');
 assert(d, kept);
+
+% Outputs that no memory holds: our own error, then the host's, which passes through the module.
+for planes = [2147483647 2^24]
+  message = '';
+  try
+    homodyne('filter', zeros(2147483647, 0, planes, 'single'), [], [-5 2], []);
+  catch problem
+    message = problem.message;
+  end
+  assert(~isempty(strfind(message, 'memory')));
+end
+
+% Parts of an array share its storage: the low-resolution image counts as it was.
+v = random(4001, 1);
+data = reshape(v(2:end), 10, 1, 1, []);
+low = reshape(v(1:end - 1), 10, 1, 1, []);
+want = real(data .* conj(low)) ./ abs(low);
+homodyne('multiply', data, low);
+assert(real(data), want, 1e-5);
 
 % Extents and ranges that no scan has.
 for bad = {[-Inf 63], [NaN NaN], [-1e300 1e300], [1e300 2], [-5 Inf], [0 1.9], [-3 9]}

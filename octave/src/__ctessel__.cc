@@ -1,0 +1,294 @@
+// The kernels of cTessel for GNU Octave, behind one entry: the first argument names the kernel.
+//
+// Octave keeps complex values as pairs, the kernels take separate parts: values are split, worked on
+// and joined here. The m-files are the interface for users; they check every argument, so nothing is
+// checked again but the number of arguments. Input values are never changed: Octave's arrays copy
+// themselves before they hand out storage to write into.
+
+#include <octave/oct.h>
+
+#include <algorithm>
+#include <climits>
+#include <string>
+#include <vector>
+
+#include "cTessel.h"
+
+namespace {
+
+using Values = octave_value_list;
+
+void split(const FloatComplex* pairs, float* re, float* im, octave_idx_type n) {
+  const float* from = reinterpret_cast<const float*>(pairs);
+#pragma omp simd
+  for (octave_idx_type i = 0; i < n; ++i) {
+    re[i] = from[2 * i];
+    im[i] = from[2 * i + 1];
+  }
+}
+
+void join(const float* re, const float* im, FloatComplex* pairs, octave_idx_type n) {
+  float* to = reinterpret_cast<float*>(pairs);
+#pragma omp simd
+  for (octave_idx_type i = 0; i < n; ++i) {
+    to[2 * i] = re[i];
+    to[2 * i + 1] = im[i];
+  }
+}
+
+/// Real and imaginary parts in arrays of their own; the latter is left out for real values.
+struct Parts {
+  FloatNDArray re, im;
+  bool is_complex;
+
+  explicit Parts(const octave_value& v) : is_complex(v.iscomplex()) {
+    if (!is_complex) {
+      re = v.float_array_value();
+      return;
+    }
+    const FloatComplexNDArray pairs = v.float_complex_array_value();
+    re = FloatNDArray(pairs.dims());
+    im = FloatNDArray(pairs.dims());
+    split(pairs.data(), re.fortran_vec(), im.fortran_vec(), pairs.numel());
+  }
+  Parts(const dim_vector& dims, bool with_imaginary) : re(dims, 0.0f), is_complex(with_imaginary) {
+    if (is_complex) im = FloatNDArray(dims, 0.0f);
+  }
+
+  /// To write into. Storage shared with a variable of the user's is copied first.
+  float* real() { return re.fortran_vec(); }
+  float* imaginary() { return is_complex ? im.fortran_vec() : nullptr; }
+  /// For kernels that only read, whose parameters lack the const.
+  float* real() const { return const_cast<float*>(re.data()); }
+  float* imaginary() const { return is_complex ? const_cast<float*>(im.data()) : nullptr; }
+  void add_imaginary() {
+    if (!is_complex) im = FloatNDArray(re.dims(), 0.0f);
+    is_complex = true;
+  }
+
+  octave_value joined() const {
+    if (!is_complex) return re;
+    FloatComplexNDArray pairs(re.dims());
+    join(re.data(), im.data(), pairs.fortran_vec(), re.numel());
+    return pairs;
+  }
+};
+
+/// Extents as the kernels take them, filled up with ones to `least` entries.
+std::vector<int> extents(const dim_vector& dims, int least) {
+  const int n = static_cast<int>(dims.ndims());
+  std::vector<int> e(static_cast<std::size_t>(std::max(n, least)), 1);
+  for (int d = 0; d < n; ++d) e[static_cast<std::size_t>(d)] = static_cast<int>(dims(d));
+  return e;
+}
+
+dim_vector shape(const std::vector<int>& e) {
+  dim_vector dims = dim_vector::alloc(static_cast<int>(e.size()));
+  for (int d = 0; d < dims.ndims(); ++d) dims(d) = e[static_cast<std::size_t>(d)];
+  dims.chop_trailing_singletons();
+  return dims;
+}
+
+int count(const std::vector<int>& e) { return static_cast<int>(e.size()); }
+
+// ---- Arrays -------------------------------------------------------------------------------------
+
+using Shift = void(float*, float*, int*, int, int);
+
+/// Pairs stay together as they are, so no parts are split: as floats, an array of pairs has one more
+/// axis of two in front, or rows of twice the length.
+void shift_pairs(Shift* shift, float* pairs, std::vector<int> dims, int axis) {
+  if (axis < 3) {
+    dims.insert(dims.begin(), 2);
+    ++axis;
+  } else if (dims[0] > INT_MAX / 2) {
+    error("__ctessel__: too many rows to shift along dimension 3");
+  } else {
+    dims[0] *= 2;
+  }
+  shift(pairs, nullptr, dims.data(), count(dims), axis);
+}
+
+/// x, axes: each axis shifted in turn, on the copy that writing makes
+template <Shift* shift>
+Values shift_axes(const Values& args) {
+  const Array<int> axes = args(2).int_vector_value();
+  std::vector<int> dims = extents(args(1).dims(), 3);
+  if (args(1).iscomplex()) {
+    FloatComplexNDArray x = args(1).float_complex_array_value();
+    auto* pairs = reinterpret_cast<float*>(x.fortran_vec());
+    for (octave_idx_type i = 0; i < axes.numel(); ++i) shift_pairs(shift, pairs, dims, axes(i));
+    return ovl(x);
+  }
+  FloatNDArray x = args(1).float_array_value();
+  float* values = x.fortran_vec();
+  for (octave_idx_type i = 0; i < axes.numel(); ++i) {
+    shift(values, nullptr, dims.data(), count(dims), axes(i));
+  }
+  return ovl(x);
+}
+
+/// x, [nx ny nz]
+Values zero_pad(const Values& args) {
+  const Parts x(args(1));
+  std::vector<int> dims = extents(x.re.dims(), 3), target = dims;
+  const Array<int> n = args(2).int_vector_value();
+  std::copy_n(n.data(), 3, target.begin());
+  Parts out(shape(target), x.is_complex);
+  TS_zero_pad(x.real(), x.imaginary(), count(dims), dims.data(), n(0), n(1), n(2), out.real(),
+              out.imaginary());
+  return ovl(out.joined());
+}
+
+/// x, three strengths, three widths
+Values ringing_filter(const Values& args) {
+  Parts x(args(1));
+  std::vector<int> dims = extents(x.re.dims(), 3);
+  NDArray strength = args(2).array_value();
+  Array<int> width = args(3).int_vector_value();
+  TS_ringing_filter(x.real(), x.imaginary(), count(dims), dims.data(), strength.fortran_vec(),
+                    width.fortran_vec());
+  return ovl(x.joined());
+}
+
+// ---- Coils --------------------------------------------------------------------------------------
+
+struct Combination {
+  const Parts coils;
+  int dim;
+  std::vector<int> dims, combined;
+
+  explicit Combination(const Values& args)
+      : coils(args(1)),
+        dim(args(2).int_value()),
+        dims(extents(coils.re.dims(), std::max(10, dim))),
+        combined(dims) {
+    combined[static_cast<std::size_t>(dim - 1)] = 1;
+  }
+};
+
+/// x, coil dimension
+Values sos(const Values& args) {
+  Combination c(args);
+  Parts out(shape(c.combined), false);
+  TS_perform_sos(c.coils.real(), c.coils.imaginary(), count(c.dims), c.dims.data(), c.dim,
+                 out.real(), c.combined.data());
+  return ovl(out.joined());
+}
+
+/// x, coil dimension
+Values pcsos(const Values& args) {
+  Combination c(args);
+  Parts out(shape(c.combined), true);
+  TS_perform_pcsos(c.coils.real(), c.coils.imaginary(), count(c.dims), c.dims.data(), c.dim,
+                   out.real(), out.imaginary(), c.combined.data());
+  return ovl(out.joined());
+}
+
+// ---- SENSE --------------------------------------------------------------------------------------
+
+/// Values that may have been left out ([]): their pointers are null then.
+struct Optional {
+  Parts parts;
+  bool given;
+  std::vector<int> dims;
+
+  explicit Optional(const octave_value& v)
+      : parts(v), given(!v.isempty()), dims(extents(parts.re.dims(), 4)) {}
+  float* real() const { return given ? parts.real() : nullptr; }
+  float* imaginary() const { return given ? parts.imaginary() : nullptr; }
+};
+
+/// folded, sensitivities, [X Y Z], covariance or [], regularisation image or [], reference or [],
+/// scale
+Values sense(const Values& args) {
+  const Parts folded(args(1));
+  Parts sens(args(2));
+  sens.add_imaginary();  // without one the kernel takes every sample as outside the object
+  Array<int> full = args(3).int_vector_value();
+  Optional psi(args(4)), reg(args(5)), ref(args(6));
+  if (psi.given) psi.parts.add_imaginary();
+  // Never two-dimensional, so that a missing third extent and one of 1 are unfolded alike.
+  std::vector<int> fold_dims = extents(folded.re.dims(), 4), out_dims = fold_dims,
+                   sens_dims = extents(sens.re.dims(), 4);
+  std::copy_n(full.data(), 3, out_dims.begin());
+  out_dims[3] = 1;
+  std::vector<int> psi_dims(2, fold_dims[3]);
+  Parts out(shape(out_dims), true);
+  const int status = TS_sense_recon(
+      folded.real(), folded.imaginary(), count(fold_dims), fold_dims.data(), sens.real(),
+      sens.imaginary(), count(sens_dims), sens_dims.data(), psi.real(), psi.imaginary(), 2,
+      psi_dims.data(), full.fortran_vec(), ref.real(), ref.imaginary(), count(ref.dims),
+      ref.dims.data(), reg.real(), reg.imaginary(), count(reg.dims), reg.dims.data(),
+      args(7).double_value(), out.real(), out.imaginary(), out_dims.data());
+  return ovl(out.joined(), status);
+}
+
+// ---- Geometry -----------------------------------------------------------------------------------
+
+/// Coefficients by order (rows) and degree (columns), zero where the caller's table ends.
+template <std::size_t Orders, std::size_t Degrees>
+struct Table {
+  float at[Orders][Degrees] = {};
+  explicit Table(const octave_value& v) {
+    const FloatMatrix m = v.float_matrix_value();
+    for (octave_idx_type n = 0; n < m.rows(); ++n) {
+      for (octave_idx_type d = 0; d < m.columns(); ++d) at[n][d] = m(n, d);
+    }
+  }
+};
+
+/// x, y, z, coefficients of x, y, z, reference radius
+Values geometry(const Values& args) {
+  const Parts x(args(1)), y(args(2)), z(args(3));
+  Parts xd(x.re.dims(), false), yd = xd, zd = xd;
+  Table<14, 12> cx(args(4)), cy(args(5));
+  Table<17, 1> cz(args(6));
+  TS_geometry_correction(x.real(), y.real(), z.real(), xd.real(), yd.real(), zd.real(),
+                         static_cast<int>(x.re.numel()), cy.at, cx.at, cz.at,
+                         args(7).float_value());
+  return ovl(xd.joined(), yd.joined(), zd.joined());
+}
+
+/// order, degree, x
+Values legendre(const Values& args) {
+  const int l = args(1).int_value(), m = args(2).int_value();
+  const FloatNDArray x = args(3).float_array_value();
+  NDArray values(x.dims());
+  for (octave_idx_type i = 0; i < x.numel(); ++i) values(i) = plgndr(l, m, x(i));
+  return ovl(values);
+}
+
+struct Kernel {
+  const char* name;
+  int arguments;
+  Values (*run)(const Values& args);
+};
+
+constexpr Kernel kKernels[] = {
+    {"fftshift", 2, shift_axes<TS_fftshift>},
+    {"ifftshift", 2, shift_axes<TS_ifftshift>},
+    {"zero_pad", 2, zero_pad},
+    {"ringing_filter", 3, ringing_filter},
+    {"sos", 2, sos},
+    {"pcsos", 2, pcsos},
+    {"sense", 7, sense},
+    {"geometry", 7, geometry},
+    {"legendre", 3, legendre},
+};
+
+}  // namespace
+
+DEFUN_DLD(__ctessel__, args, ,
+          "Kernels of cTessel, for the ctessel_* functions. Arguments are not checked here.") {
+  const std::string name = args.length() > 0 ? args(0).xstring_value("__ctessel__: no kernel") : "";
+  for (const Kernel& kernel : kKernels) {
+    if (name != kernel.name) continue;
+    if (args.length() != 1 + kernel.arguments) {
+      error("__ctessel__: %s takes %d arguments; got %d", kernel.name, kernel.arguments,
+            static_cast<int>(args.length()) - 1);
+    }
+    return kernel.run(args);
+  }
+  error("__ctessel__: no kernel \"%s\"", name.c_str());
+}

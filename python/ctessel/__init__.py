@@ -1,0 +1,77 @@
+"""Reconstruction kernels for magnetic-resonance imaging, on NumPy arrays.
+
+Arrays are indexed ``data[x, y, z, coil, ...]``, whatever their order in memory: C order, Fortran
+order, slices and negative strides all give the same numbers. Samples are complex64 (or float32,
+which counts as complex with imaginary parts of zero); other types raise ``TypeError`` instead of
+being converted behind the caller's back. On a centred axis of N samples the zero frequency lies at
+index ``N // 2``.
+
+Nothing changes its input unless ``inplace=True`` or ``out=`` says so. The kernels read arrays whose
+first axis is fastest (Fortran order). Shifts, padding, coil combination and `homodyne.multiply` use
+data without gaps as they lie and keep their order. The ringing filter, SENSE and `homodyne.filter`
+rearrange what is not in Fortran order, which takes longer, and return results in it.
+
+Beyond arguments and result a call needs at most half a copy of its data. Exceptions: SENSE (see
+there), and `homodyne.multiply` with resampling in place on data in C order, a copy of the volumes
+that are worked on.
+
+``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
+one. Results are the same bits for every number. The interpreter's lock is released while kernels
+run. Processes may be forked between calls.
+
+Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what
+was expected and what was got.
+"""
+
+import os
+
+from . import _core, homodyne
+from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
+from ._coils import pcsos, sos
+from ._geometry import (
+    create_plgndr_lookup,
+    func_yc,
+    func_ys,
+    geometry_correction,
+    plgndr,
+    radial_factor,
+    radius_theta_phi,
+    realign_corr_coeffs,
+)
+from ._helpers import find, linear_interpolation, linspace, pos2interpolate, round, sa, sub2ind
+from ._sense import compartments, folded_pos, sense_recon, unfolded_positions
+from .homodyne import HomodyneWarning
+
+__version__ = _core.__version__
+
+# A forked child would wait for threads that it does not have.
+os.register_at_fork(before=_core.release_threads)
+
+__all__ = [
+    "HomodyneWarning",
+    "compartments",
+    "create_plgndr_lookup",
+    "fftshift",
+    "find",
+    "folded_pos",
+    "func_yc",
+    "func_ys",
+    "geometry_correction",
+    "homodyne",
+    "ifftshift",
+    "linear_interpolation",
+    "linspace",
+    "pcsos",
+    "plgndr",
+    "pos2interpolate",
+    "radial_factor",
+    "radius_theta_phi",
+    "realign_corr_coeffs",
+    "ringing_filter",
+    "sa",
+    "sense_recon",
+    "sos",
+    "sub2ind",
+    "unfolded_positions",
+    "zero_pad",
+]  # without round: a star import is not to hide the built-in function

@@ -1,0 +1,55 @@
+"""Coil combination."""
+
+from . import _core
+
+
+def sos(data, axis=3, *, out=None, threads=None):
+    """Combine coil images by the root of their sum of squares.
+
+    Parameters
+    ----------
+    data : ndarray of complex64 or float32
+        Coil images, ``(x, y, z, coil, ...)``.
+    axis : int, optional
+        The coils' axis.
+    out : ndarray of float32, optional
+        Array of the result's shape, overwritten. It must not overlap `data`.
+    threads : int, optional
+        Threads of this call; they share the voxels.
+
+    Returns
+    -------
+    ndarray of float32
+        Magnitude, in the shape of `data` without the coils' axis. The sum runs over the coils in
+        order and is rounded to single precision at every step.
+
+    References
+    ----------
+    P. B. Roemer et al., "The NMR phased array", Magn. Reson. Med. 16:192 (1990).
+    """
+    return _core.sos(data, axis, out, threads)
+
+
+def pcsos(data, axis=3, *, out=None, threads=None):
+    """Combine coil images by the root of their sum of squares, with a phase.
+
+    The phase is that of the sum of the coil images, each weighted with its magnitude averaged over
+    the tenth axis (repetitions, say), so that all images along that axis are combined alike.
+
+    Parameters
+    ----------
+    data : ndarray of complex64 or float32
+        Coil images, ``(x, y, z, coil, ...)``; axes up to the tenth that are missing count as 1.
+    axis : int, optional
+        The coils' axis.
+    out : ndarray of complex64, optional
+        Array of the result's shape, overwritten. It must not overlap `data`.
+    threads : int, optional
+        Threads of this call; they share the voxels.
+
+    Returns
+    -------
+    ndarray of complex64
+        Combined image, in the shape of `data` without the coils' axis; 0 where all coils are 0.
+    """
+    return _core.pcsos(data, axis, out, threads)

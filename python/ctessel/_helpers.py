@@ -1,0 +1,93 @@
+"""Grids, interpolation, rounding, indices and search."""
+
+import numpy as np
+
+from . import _core
+
+
+def linspace(start, stop, n):
+    """Grid of `n` float32 values from `start` on, about evenly spaced up to `stop`.
+
+    The step is added up in double precision, so the last value approximates `stop` without being
+    forced to it; for n = 1 the grid is `start`.
+    """
+    return _core.linspace(start, stop, n)
+
+
+def linear_interpolation(volume, x, y, z=0.0):
+    """Trilinear interpolation of a volume.
+
+    Parameters
+    ----------
+    volume : ndarray of complex64 or float32
+        Up to three axes, ``(x, y, z)``.
+    x, y, z : float or array_like
+        Positions in samples from the first one, broadcast against each other; taken in single
+        precision.
+
+    Returns
+    -------
+    ndarray
+        Values in the type of `volume` and the shape of the positions. Samples past the end of the
+        volume's memory count as 0, and a step past the end of a row reads the first sample of the
+        next row: stay within the extents, or on them, for values without surprises.
+    """
+    x, y, z = np.broadcast_arrays(_real(x, "x"), _real(y, "y"), _real(z, "z"))
+    kind = getattr(volume, "dtype", np.dtype(np.float32))
+    out = np.empty(x.shape, np.complex64 if kind == np.complex64 else np.float32)
+    _core.linear_interpolation(volume, x, y, z, out)
+    return out
+
+
+def pos2interpolate(pos, idx, A, B):
+    """Coordinate at which to interpolate for sample `idx`, whose plain coordinate is `pos`.
+
+    `A` holds the last samples before two jumps of a folding pattern and `B` their coordinates on the
+    other grid, -1 marking a missing one. Samples next to a jump are snapped to it, and a coordinate
+    that has crossed it is pulled back.
+    """
+    return _core.pos2interpolate(pos, idx, A, B)
+
+
+def round(x):
+    """Nearest integer with halves up for x >= 0; negative values round toward zero.
+
+    NaN and values outside 32 bits give -2147483648.
+
+    Examples
+    --------
+    >>> import ctessel
+    >>> ctessel.round(2.5), ctessel.round(-2.7)
+    (3, -2)
+    """
+    values = np.asarray(x)
+    if values.dtype == np.float32:
+        return _core.round_float(values)
+    if values.dtype.kind not in "fiu":
+        raise TypeError(f"x: expected real numbers, got {values.dtype}")
+    return _core.round(values)
+
+
+def sub2ind(dims, sub):
+    """Linear index of the 0-based subscript `sub` in an array of extents `dims`, first axis fastest."""
+    return _core.sub2ind(dims, sub)
+
+
+def find(array, value):
+    """Index of the first entry of `array` that equals `value`, or -1.
+
+    `array` has one axis and is of type int16, uint16, int32 or uint32.
+    """
+    return _core.find(array, value)
+
+
+def sa(data):
+    """Root-mean-square magnitude of an array of complex64 or float32, summed in 80 bits on x86."""
+    return _core.sa(data)
+
+
+def _real(value, name):
+    values = np.asarray(value)
+    if values.dtype.kind not in "fiu":
+        raise TypeError(f"{name}: expected real numbers, got {values.dtype}")
+    return values.astype(np.float32, copy=False)

@@ -1,0 +1,137 @@
+"""Homodyne reconstruction of partial-Fourier data.
+
+Three steps: `filter` weighs k-space and hands back its symmetric centre; the caller transforms
+both to images; `multiply` takes the phase of the low-resolution image away.
+
+>>> import numpy as np, ctessel
+>>> from ctessel import homodyne
+>>> def image(k):
+...     k = np.fft.ifft2(ctessel.ifftshift(k), axes=(0, 1)).astype(np.complex64)
+...     return ctessel.fftshift(k)
+>>> kspace = np.ones((128, 128, 1, 4), np.complex64)
+>>> kspace[:, :44] = 0                                         # lines -64 to -21 were not measured
+>>> weighted, centre = homodyne.filter(kspace, ky=(-20, 63))
+>>> low = ctessel.zero_pad(centre, kspace.shape[:3])
+>>> centre.shape, low.shape
+((128, 41, 1, 4), (128, 128, 1, 4))
+
+Method: D. C. Noll, D. G. Nishimura, A. Macovski, "Homodyne detection in magnetic resonance
+imaging", IEEE Trans. Med. Imaging 10:154 (1991).
+"""
+
+import warnings
+from typing import NamedTuple
+
+import numpy as np
+
+from . import _core
+
+__all__ = ["Filtered", "HomodyneWarning", "calculate_filter", "filter", "multiply"]
+
+
+class HomodyneWarning(RuntimeWarning):
+    """An operation ran, but part of its result is not what a reconstruction needs."""
+
+
+class Filtered(NamedTuple):
+    """Result of `filter`."""
+
+    weighted: np.ndarray
+    centre: np.ndarray
+
+
+def filter(data, *, kx=None, ky=None, kz=None, inplace=False, threads=None):
+    """Weigh partial-Fourier k-space and take out its symmetric centre.
+
+    Parameters
+    ----------
+    data : ndarray of complex64 or float32
+        Centred k-space, ``(kx, ky, kz, ...)``.
+    kx, ky, kz : sequence of two float, optional
+        First and last measured line along an axis, counted from the centre (line 0 is index
+        ``N // 2``). None, or a range with ``|first + last| <= 1``, leaves the axis alone. The
+        missing lines must be on the negative side, and more than 0.55 of the extent measured.
+    inplace : bool, optional
+        Weigh `data` itself.
+    threads : int, optional
+        Threads of this call; they share the axes beyond the third.
+
+    Returns
+    -------
+    weighted : ndarray
+        `data` times the F-th root of the product of the weightings of F axes: 0 on the missing
+        side, a ramp across the centre, 2 beyond.
+    centre : ndarray of complex64
+        The unweighted symmetric centre. ``zero_pad(centre, data.shape[:3])`` puts it back in place.
+
+    Warns
+    -----
+    HomodyneWarning
+        A range is asymmetric but cannot be used. Its axis stays unweighted, and `centre` keeps only
+        the first position along it.
+    """
+    weighted, centre, rejected = _core.filter(data, kx, ky, kz, inplace, threads)
+    for name in rejected:
+        warnings.warn(
+            f"{name}: range rejected, axis left unweighted and the centre cut to one position; "
+            "expected missing lines on the negative side only and at least 0.55 of the extent",
+            HomodyneWarning,
+            stacklevel=2,
+        )
+    return Filtered(weighted, centre)
+
+
+def multiply(data, low, *, out=None, inplace=False, threads=None):
+    """Remove the phase of a low-resolution image and keep the real part.
+
+    Parameters
+    ----------
+    data : ndarray of complex64 or float32
+        Image of the weighted k-space, ``(x, y, z, ...)``.
+    low : ndarray of complex64 or float32
+        Low-resolution image L with as many axes, equal from the fourth on; resampled trilinearly
+        over the first three where any of those differs.
+    out : ndarray, optional
+        Array of the shape and type of `data` for the result; may be `data` itself.
+    inplace : bool, optional
+        Write the result into `data`.
+    threads : int, optional
+        Threads of this call; they share the axes beyond the third.
+
+    Returns
+    -------
+    ndarray
+        ``Re(data conj(L) / |L|)``; the imaginary parts are 0.
+
+    Warns
+    -----
+    HomodyneWarning
+        L is 0, or not finite, at some samples, which became NaN.
+    """
+    result, lost = _core.multiply(data, low, out, inplace, threads)
+    if lost > 0:
+        warnings.warn(
+            f"low: zero or not finite at {lost} samples, which became NaN",
+            HomodyneWarning,
+            stacklevel=2,
+        )
+    return result
+
+
+def calculate_filter(n, range):
+    """Homodyne weighting of one axis.
+
+    Parameters
+    ----------
+    n : int
+        Samples of the axis.
+    range : sequence of two float
+        First and last measured line from the centre; truncated toward zero.
+
+    Returns
+    -------
+    (weights, (first, last)) or None
+        Weights as float32 and the positions that the symmetric centre keeps; None for a range that
+        is rejected.
+    """
+    return _core.calculate_filter(n, range)

@@ -1,0 +1,151 @@
+// Grids, interpolation, rounding, indices, search.
+
+#include <climits>
+#include <limits>
+#include <memory>
+
+#include "arguments.h"
+#include "cTessel.h"
+
+namespace ctessel_python {
+
+namespace {
+
+using std::ptrdiff_t;
+using Floats = py::array_t<float, py::array::c_style>;
+
+py::array linspace(py::handle start, py::handle stop, py::handle n) {
+  const int count = whole_number(n, "n", 0, INT_MAX);
+  const std::unique_ptr<float[]> grid(TS_linspace(static_cast<float>(number(start, "start")),
+                                                  static_cast<float>(number(stop, "stop")), count));
+  return py::array_t<float>(count, grid.get());
+}
+
+void check_positions(const Floats& at, const char* name, ptrdiff_t extent) {
+  for (ptrdiff_t i = 0; i < at.size(); ++i) {
+    const float v = at.data()[i];
+    if (!(v > -1 && v <= static_cast<float>(extent))) {
+      fail_value(name, "positions above -1 and up to " + std::to_string(extent), std::to_string(v));
+    }
+  }
+}
+
+/// Values at positions of the same count; pairs are interpolated part by part.
+void linear_interpolation(py::handle volume, const Floats& x, const Floats& y, const Floats& z,
+                          py::array out) {
+  const Input in = input(volume, "volume", Kind::kEither, 1, 3);
+  check_positions(x, "x", in.view.extent(0));
+  check_positions(y, "y", in.view.extent(1));
+  check_positions(z, "z", in.view.extent(2));
+  std::vector<int> dims = extents(in.view, 3);
+  auto* to = static_cast<float*>(out.mutable_data());
+  const float *p = x.data(), *q = y.data(), *r = z.data();
+  const ptrdiff_t n = x.size(), step = in.view.complex ? 2 : 1;
+  const py::gil_scoped_release unlocked;
+  const Parts parts(in.view);
+  for (ptrdiff_t i = 0; i < n; ++i) {
+    to[step * i] = TS_linear_interpolation(parts.re(), q[i], p[i], r[i], dims.data());
+    if (!parts.im()) continue;
+    to[step * i + 1] = TS_linear_interpolation(parts.im(), q[i], p[i], r[i], dims.data());
+  }
+}
+
+double position(py::handle pos, py::handle idx, py::handle a, py::handle b) {
+  const std::vector<double> A = numbers(a, "A", 2, 2), B = numbers(b, "B", 2, 2);
+  const float fa[] = {static_cast<float>(A[0]), static_cast<float>(A[1])};
+  const float fb[] = {static_cast<float>(B[0]), static_cast<float>(B[1])};
+  return pos2interpolate(number(pos, "pos"), whole_number(idx, "idx", INT_MIN, INT_MAX), fa, fb);
+}
+
+Eigen::VectorXi whole_numbers(py::handle object, const char* name) {
+  const std::vector<double> checked = numbers(object, name, 0, 64);
+  Eigen::VectorXi values(static_cast<Eigen::Index>(checked.size()));
+  const auto sequence = py::reinterpret_borrow<py::sequence>(object);
+  for (std::size_t i = 0; i < sequence.size(); ++i) {
+    const py::object entry = sequence[i];
+    values[static_cast<Eigen::Index>(i)] =
+        whole_number(entry, std::string(name) + "[" + std::to_string(i) + "]", 0, INT_MAX);
+  }
+  return values;
+}
+
+int sub2ind(py::handle dims, py::handle sub) {
+  const Eigen::VectorXi n = whole_numbers(dims, "dims"), at = whole_numbers(sub, "sub");
+  if (n.size() != at.size()) {
+    fail_value("sub", std::to_string(n.size()) + " entries", std::to_string(at.size()));
+  }
+  double stride = 1, index = 0;
+  for (Eigen::Index d = 0; d < n.size(); ++d) {
+    index += stride * at[d];
+    if (index > INT_MAX || (d + 1 < n.size() && stride * n[d] > INT_MAX)) {
+      fail_value("dims", "strides and an index of at most 2147483647", "more");
+    }
+    stride *= n[d];
+  }
+  return TS_sub2ind(n, at);
+}
+
+template <class T>
+int find_in(const py::array& a, py::handle value) {
+  long most = std::numeric_limits<T>::max(), least = std::numeric_limits<T>::min();
+  if (!PyIndex_Check(value.ptr())) fail_type("value", "a whole number", describe(value));
+  const auto v = value.cast<py::int_>().cast<long>();
+  if (v < least || v > most) return -1;  // no entry can be equal to it
+  const auto list = py::array_t<T, py::array::c_style>::ensure(a);
+  return TS_find(const_cast<T*>(list.data()), static_cast<T>(v), static_cast<int>(list.size()));
+}
+
+int find(py::handle array, py::handle value) {
+  const std::string expected = "a one-dimensional array of int16, uint16, int32 or uint32";
+  if (!py::isinstance<py::array>(array)) fail_type("array", expected, describe(array));
+  const auto a = py::reinterpret_borrow<py::array>(array);
+  if (a.ndim() != 1 || a.size() > INT_MAX) fail_value("array", expected, describe(array));
+  if (py::isinstance<py::array_t<short>>(a)) return find_in<short>(a, value);
+  if (py::isinstance<py::array_t<unsigned short>>(a)) return find_in<unsigned short>(a, value);
+  if (py::isinstance<py::array_t<int>>(a)) return find_in<int>(a, value);
+  if (py::isinstance<py::array_t<unsigned>>(a)) return find_in<unsigned>(a, value);
+  fail_type("array", expected, describe(array));
+}
+
+double root_mean_square(py::handle data) {
+  const Input in = input(data, "data", Kind::kEither);
+  if (in.view.size() > INT_MAX) {
+    fail_value("data", "at most 2147483647 samples", "shape " + text_of(in.view.shape));
+  }
+  const py::gil_scoped_release unlocked;
+  const Parts parts(in.view);
+  return TS_SA(parts.re(), parts.im(), static_cast<int>(in.view.size()));
+}
+
+// For the benchmark: what it costs to take pairs apart and to put them together.
+
+void split_into(py::handle data, const py::array_t<float>& re, const py::array_t<float>& im,
+                py::handle threads) {
+  const Input in = input(data, "data", Kind::kComplex);
+  const Threads team(threads);
+  split(in.view, const_cast<float*>(re.data()), const_cast<float*>(im.data()));
+}
+
+void join_into(const py::array_t<float>& re, const py::array_t<float>& im, py::handle data,
+               py::handle threads) {
+  const Input in = input(data, "data", Kind::kComplex);
+  const Threads team(threads);
+  join(re.data(), im.data(), in.view);
+}
+
+}  // namespace
+
+void bind_helpers(py::module_& m) {
+  m.def("linspace", linspace);
+  m.def("linear_interpolation", linear_interpolation);
+  m.def("pos2interpolate", position);
+  m.def("round", py::vectorize(static_cast<int (*)(double)>(TS_round)));
+  m.def("round_float", py::vectorize(static_cast<int (*)(float)>(TS_round)));
+  m.def("sub2ind", sub2ind);
+  m.def("find", find);
+  m.def("split", split_into);
+  m.def("join", join_into);
+  m.def("sa", root_mean_square);
+}
+
+}  // namespace ctessel_python

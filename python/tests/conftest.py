@@ -1,0 +1,66 @@
+"""What the tests share: random arrays in every kind of memory order, and measured data."""
+
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+
+def random_complex(shape, seed=0):
+    rng = np.random.default_rng(seed)
+    return (rng.standard_normal(shape) + 1j * rng.standard_normal(shape)).astype(np.complex64)
+
+
+def layouts(a):
+    """Copies in C order, Fortran order, reversed, with gaps, and with permuted axes."""
+    reverse = (slice(None, None, -1),) * a.ndim
+    yield "C", np.array(a, order="C")
+    yield "F", np.array(a, order="F")
+    yield "reversed", np.array(a[reverse], order="C")[reverse]
+    yield "gaps", np.repeat(a, 2, axis=0)[::2]
+    order = np.roll(np.arange(a.ndim), 1)
+    yield "permuted", np.array(a.transpose(order), order="C").transpose(np.argsort(order))
+
+
+def same_bits(a, b):
+    assert a.dtype == b.dtype and a.shape == b.shape
+    np.testing.assert_array_equal(
+        np.ascontiguousarray(a).view(np.uint32), np.ascontiguousarray(b).view(np.uint32)
+    )
+
+
+@pytest.fixture
+def measured():
+    """Loader of measured arrays, by name; the test is skipped where they are absent."""
+    beside = Path(__file__).resolve().parents[3] / "shared" / "data"
+    folder = Path(os.environ.get("CTESSEL_DATA", beside))
+
+    def load(name):
+        if not (folder / f"{name}.cfl").exists():
+            pytest.skip(f"no {name}.cfl in {folder}")
+        extents = (folder / f"{name}.hdr").read_text().splitlines()[1].split()
+        shape = [int(n) for n in extents[:4]]
+        return np.fromfile(folder / f"{name}.cfl", "<c8").reshape(shape, order="F")
+
+    return load
+
+
+@pytest.fixture
+def bart(tmp_path):
+    """Runs one BART command on one array; skips where BART is not installed."""
+    if not shutil.which("bart"):
+        pytest.skip("BART is not installed")
+
+    def run(array, *command):
+        np.asarray(array, np.complex64).ravel(order="F").tofile(tmp_path / "in.cfl")
+        (tmp_path / "in.hdr").write_text("# Dimensions\n" + " ".join(map(str, array.shape)) + "\n")
+        subprocess.run(["bart", *map(str, command), "in", "out"], cwd=tmp_path, check=True,
+                       stdout=subprocess.DEVNULL)
+        dims = list(map(int, (tmp_path / "out.hdr").read_text().splitlines()[1].split()))
+        out = np.fromfile(tmp_path / "out.cfl", "<c8").reshape(dims, order="F")
+        return out.reshape(dims[: array.ndim], order="F")
+
+    return run

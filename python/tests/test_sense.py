@@ -1,0 +1,119 @@
+"""SENSE against dense least squares in NumPy, and on measured data."""
+
+import numpy as np
+import pytest
+from conftest import layouts, random_complex, same_bits
+
+import ctessel
+
+
+def fold(images, fold_y, fold_z):
+    """Coil images (x, y, z, coil, ...) summed over the lines that land on each folded line."""
+    nx, ny, nz = images.shape[:3]
+    folded = np.zeros((nx, fold_y, fold_z) + images.shape[3:], complex)
+    for y in range(ny):
+        for z in range(nz):
+            at = ctessel.folded_pos(y, ny, fold_y), ctessel.folded_pos(z, nz, fold_z)
+            folded[:, at[0], at[1]] += images[:, y, z]
+    return folded.astype(np.complex64)
+
+
+def covariance(coils):
+    a = random_complex((coils, 3 * coils), 5).astype(complex)
+    return (a @ a.conj().T / (3 * coils)).astype(np.complex64)
+
+
+def least_squares(folded, sens, psi):
+    nx, ny, nz, coils = sens.shape
+    out = np.zeros((nx, ny, nz), complex)
+    inverse = np.linalg.inv(psi.astype(complex))
+    for y in range(folded.shape[1]):
+        for z in range(folded.shape[2]):
+            lines = [(a, b) for a in ctessel.unfolded_positions(ny, folded.shape[1], y)
+                     for b in ctessel.unfolded_positions(nz, folded.shape[2], z)]
+            for x in range(nx):
+                S = np.array([sens[x, a, b] for a, b in lines]).T.astype(complex)
+                SP = S.conj().T @ inverse
+                for (a, b), u in zip(lines, np.linalg.solve(SP @ S, SP @ folded[x, y, z])):
+                    out[x, a, b] = u
+    return out
+
+
+@pytest.mark.parametrize("full, folded_yz, coils", [
+    ((3, 8, 1), (4, 1), 4), ((3, 8, 4), (4, 2), 8), ((2, 10, 1), (4, 1), 6), ((1, 6, 6), (6, 2), 5),
+])
+def test_unfolding_is_noise_weighted_least_squares(full, folded_yz, coils):
+    truth = random_complex(full, 1)
+    sens, psi = random_complex(full + (coils,), 2), covariance(coils)
+    folded = fold(sens * truth[..., None], *folded_yz)
+    folded += 0.1 * random_complex(folded.shape, 3)
+    want = least_squares(folded, sens, psi)
+    first = ctessel.sense_recon(folded, sens, psi=psi)
+    assert first.dtype == np.complex64
+    np.testing.assert_allclose(first, want, atol=2e-4 * np.abs(want).max())
+    for (name, f), (_, s) in zip(layouts(folded), layouts(sens)):
+        out = np.full(full, np.nan, np.complex64)
+        assert ctessel.sense_recon(f, s, psi=psi, out=out, threads=2) is out
+        same_bits(out, first)
+
+
+def test_further_axes_share_factors_and_locations_have_their_own():
+    full, coils, shape = (2, 6, 1), 4, (2, 6, 1, 4, 2, 1, 1, 3, 2)
+    truth = random_complex(full + shape[4:], 1)
+    sens = random_complex(full + (coils, 3), 2)
+    by_location = sens[:, :, :, :, None, None, None, :, None]
+    folded = fold(by_location * truth[:, :, :, None], 3, 1)
+    image = ctessel.sense_recon(folded, sens)
+    assert image.shape == truth.shape
+    np.testing.assert_allclose(image, truth, atol=1e-3)
+    first = ctessel.sense_recon(folded[..., 1:2, :], sens[..., 1:2])
+    same_bits(image[..., 1:2, :], first)
+
+
+def test_regularisation_pulls_towards_zero_where_no_signal_is_expected():
+    full = (2, 8, 1)
+    truth, sens = random_complex(full, 1), random_complex(full + (4,), 2)
+    folded = fold(sens * truth[..., None], 4, 1)
+    weak = ctessel.sense_recon(folded, sens, ref=truth, reg=1e-4 * np.abs(truth), scale=1.0)
+    strong = ctessel.sense_recon(folded, sens, ref=truth, reg=np.full(full, 1e4, np.float32))
+    assert np.linalg.norm(weak) < 1e-3 * np.linalg.norm(truth)
+    np.testing.assert_allclose(strong, truth, atol=1e-3)
+
+
+def test_a_real_covariance_and_real_folded_data_count_as_complex():
+    folded, sens = random_complex((2, 4, 1, 3)), random_complex((2, 8, 1, 3), 1)
+    unit = np.eye(3, dtype=np.float32)
+    same_bits(ctessel.sense_recon(folded, sens, psi=unit), ctessel.sense_recon(folded, sens))
+    want = ctessel.sense_recon(folded.real.astype(np.complex64), sens)
+    same_bits(ctessel.sense_recon(folded.real, sens), want)
+
+
+def test_measured_brain_unfolds_close_to_the_full_data(measured):
+    kspace, sens, psi = measured("brain16_ksp"), measured("brain16_sens"), measured("brain16_ncov")
+    psi = psi.reshape(16, 16, order="F")
+
+    def image(k):
+        k = np.fft.ifft2(np.fft.ifftshift(k, (0, 1)), axes=(0, 1), norm="ortho")
+        return np.fft.fftshift(k, (0, 1)).astype(np.complex64)
+
+    full = image(kspace)
+    everything = ctessel.sense_recon(full, sens, psi=psi)
+    half = ctessel.sense_recon(np.sqrt(2).astype(np.float32) * image(kspace[:, ::2]), sens, psi=psi)
+    rss = ctessel.sos(full)
+    head = rss > 0.1 * rss.max()
+    error = np.linalg.norm((half - everything)[head]) / np.linalg.norm(everything[head])
+    assert error < 0.04  # NumPy's least squares: 0.024
+
+
+@pytest.mark.parametrize("full_len, fold_len", [(10, 4), (200, 80), (256, 128), (7, 4), (5, 5)])
+def test_positions_invert_folding(full_len, fold_len):
+    seen = []
+    for line in range(fold_len):
+        positions = ctessel.unfolded_positions(full_len, fold_len, line)
+        assert all(ctessel.folded_pos(int(p), full_len, fold_len) == line for p in positions)
+        seen += positions.tolist()
+    assert sorted(seen) == list(range(full_len))
+    lower, upper = ctessel.compartments(full_len, fold_len)
+    assert -1 <= lower <= upper
+    if (full_len, fold_len) == (200, 80):
+        assert (lower, upper) == (19, 59)

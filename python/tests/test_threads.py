@@ -1,0 +1,88 @@
+"""Any number of threads, inside one call and calling at once."""
+
+import ctypes
+import multiprocessing
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import numpy as np
+import pytest
+from conftest import random_complex, same_bits
+
+import ctessel
+from ctessel import homodyne
+
+DATA = random_complex((48, 40, 6, 8))
+SENS = random_complex((48, 40, 6, 8), 1)
+POINTS = DATA.real[..., 0] * np.float32(0.05)
+TABLES = np.ones((14, 12)) * 1e-9, np.ones((14, 12)) * 1e-9, np.ones(17)
+
+CALLS = [
+    lambda **k: ctessel.fftshift(DATA, (0, 1, 2, 3), **k),
+    lambda **k: ctessel.zero_pad(DATA, (64, 48, 9), **k),
+    lambda **k: ctessel.ringing_filter(DATA, 0.7, **k),
+    lambda **k: ctessel.sos(DATA, **k),
+    lambda **k: ctessel.pcsos(DATA, **k),
+    lambda **k: ctessel.sense_recon(DATA[:, ::2], SENS, **k),
+    lambda **k: ctessel.geometry_correction(POINTS, POINTS, POINTS, *TABLES, 0.2, **k)[0],
+    lambda **k: homodyne.filter(DATA, kx=(-8, 23), ky=(-6, 19), **k).weighted,
+    lambda **k: homodyne.multiply(DATA, SENS, **k),
+]
+IDS = "fftshift zero_pad ringing_filter sos pcsos sense_recon geometry filter multiply".split()
+
+
+@pytest.mark.parametrize("call", CALLS, ids=IDS)
+def test_same_bits_from_any_number_of_threads_and_callers(call):
+    want = call(threads=1)
+    for threads in (2, 3, 7, None):
+        same_bits(call(threads=threads), want)
+    with ThreadPoolExecutor(8) as pool:
+        for got in pool.map(lambda k: call(threads=1 + k % 3), range(24)):
+            same_bits(got, want)
+
+
+def test_threads_of_one_call_do_not_outlast_it():
+    omp = ctypes.CDLL("libgomp.so.1")
+    omp.omp_set_num_threads(3)
+    ctessel.sos(DATA, threads=2)
+    with pytest.raises(ValueError):
+        ctessel.sos(DATA, axis=9, threads=2)
+    assert omp.omp_get_max_threads() == 3
+    omp.omp_set_num_threads(2)
+
+
+def test_other_python_threads_run_meanwhile():
+    big = random_complex((192, 192, 16, 8))
+    done, counted = threading.Event(), []
+
+    def count():
+        n = 0
+        while not done.is_set():
+            n += 1
+            time.sleep(0.001)
+        counted.append(n)
+
+    other = threading.Thread(target=count)
+    other.start()
+    start = time.perf_counter()
+    for _ in range(3):
+        ctessel.pcsos(big, threads=1)
+    took = time.perf_counter() - start
+    done.set()
+    other.join()
+    assert counted[0] > 10 * took  # held by one call, it would get a few turns in all
+
+
+def call_in_child(queue):
+    queue.put(float(ctessel.sos(DATA, threads=2).sum()))
+
+
+def test_a_forked_child_can_call():
+    want = float(ctessel.sos(DATA, threads=2).sum())
+    context = multiprocessing.get_context("fork")
+    queue = context.Queue()
+    child = context.Process(target=call_in_child, args=(queue,), daemon=True)
+    child.start()
+    assert queue.get(timeout=60) == want
+    child.join()

@@ -1,0 +1,173 @@
+// What happens when memory runs out at the first, second, ... request of a routine.
+//
+// operator new is this file's and malloc, which Eigen asks, goes through the linker's wrapper; both
+// count. Each attempt runs in a child process, because a request that fails on a team's thread ends
+// the process.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+
+#include "every_kernel.h"
+#include "support.h"
+
+namespace {
+
+std::atomic<long> live{0}, until_failure{0};  // 0: none is to fail
+bool* failed_on_a_team = nullptr;             // shared with the parent process
+
+bool to_fail() {
+  if (until_failure == 0 || --until_failure != 0) return false;
+  *failed_on_a_team = omp_get_level() > 0;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+void* __real_malloc(std::size_t);
+void* __real_calloc(std::size_t, std::size_t);
+void __real_free(void*);
+void* __wrap_malloc(std::size_t n) {
+  if (to_fail()) return nullptr;
+  ++live;
+  return __real_malloc(n);
+}
+// The compiler turns a malloc whose memory is then cleared into this.
+void* __wrap_calloc(std::size_t n, std::size_t size) {
+  if (to_fail()) return nullptr;
+  ++live;
+  return __real_calloc(n, size);
+}
+void __wrap_free(void* p) {
+  if (p) --live;
+  __real_free(p);
+}
+}
+
+void* operator new(std::size_t n) {
+  if (void* p = __wrap_malloc(n > 0 ? n : 1)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { __wrap_free(p); }
+void operator delete(void* p, std::size_t) noexcept { __wrap_free(p); }
+
+namespace {
+
+enum Outcome { kReturned, kThrew, kWrote, kLeaked, kAborted, kElse };
+
+/// Every output holds its value from before the call or that of an undisturbed one.
+bool allowed(const every::Kernel& k, const every::Outputs& out, const every::Floats& want) {
+  const auto before = bits(every::Outputs(k).values()), after = bits(want),
+             got = bits(out.values());
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    if (got[i] != before[i] && got[i] != after[i]) return false;
+  }
+  return out.intact();
+}
+
+Outcome attempt_here(const every::Kernel& k, long request) {
+  const every::Floats want = every::result(k);
+  every::Outputs out(k);
+  const long before = live;
+  until_failure = request;
+  try {
+    k.call(out.pointers);
+    until_failure = 0;
+    return kReturned;
+  } catch (const std::bad_alloc&) {
+    until_failure = 0;
+  }
+  if (live != before) return kLeaked;
+  return allowed(k, out, want) ? kThrew : kWrote;
+}
+
+Outcome attempt(const every::Kernel& k, long request, int threads) {
+  const pid_t child = fork();
+  if (child == 0) {
+    std::freopen("/dev/null", "w", stderr);  // the runtime names the exception that ended it
+    std::signal(SIGABRT, SIG_DFL);
+    omp_set_num_threads(threads);
+    _exit(attempt_here(k, request));
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGABRT ? kAborted : kElse;
+  return static_cast<Outcome>(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+TEST_CASE("std::bad_alloc reaches the caller, without a leak; on a team it ends the process",
+          "[memory]") {
+  failed_on_a_team = static_cast<bool*>(
+      mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  int thrown = 0, aborted = 0;
+  std::vector<every::Kernel> kernels = every::kernels();
+  for (const every::Kernel& k : every::gateway_kernels()) kernels.push_back(k);
+  for (const every::Kernel& k : kernels) {
+    for (int threads : {1, 2}) {
+      CAPTURE(k.name, threads);
+      for (long request = 1;; ++request) {
+        CAPTURE(request);
+        const Outcome outcome = attempt(k, request, threads);
+        if (outcome == kReturned) break;
+        REQUIRE(outcome == (*failed_on_a_team ? kAborted : kThrew));
+        ++(outcome == kThrew ? thrown : aborted);
+      }
+    }
+  }
+  CHECK((thrown > 50 && aborted > 10));  // requests of both kinds were met
+}
+
+TEST_CASE("Errors that leave by exception thousands of times leave nothing behind", "[memory]") {
+  const host::Array filter = host::text("filter"), multiply = host::text("multiply");
+  const host::Array none = host::doubles({0, 0}, {}), two = host::doubles({1, 2}, {-1, 2}),
+                    three = host::doubles({1, 3}, {1, 2, 3}),
+                    cube = host::doubles({1, 2, 1}, {1, 2}),
+                    square = host::doubles({2, 2}, {1, 2, 3, 4});
+  for (host::Layout layout : {host::Layout::kParts, host::Layout::kPairs}) {
+    host::state().layout = layout;
+    const host::Array data = host::single({3, 2}, every::noise(6, 1), every::noise(6, 2), layout),
+                      deep =
+                          host::single({3, 2, 1}, every::noise(6, 1), every::noise(6, 2), layout),
+                      empty = host::single({0, 2}, {}, {}, layout);
+    std::vector<std::vector<const host::Array*>> calls = {{&filter, &data},
+                                                          {&filter, &data, &two, &two, &two, &two},
+                                                          {&filter, &two, &two, &two, &two},
+                                                          {&filter, &empty, &two, &two, &two},
+                                                          {&filter, &data, &data, &two, &two},
+                                                          {&filter, &data, &two, &cube, &two},
+                                                          {&filter, &data, &two, &none, &square},
+                                                          {&filter, &data, &three, &two, &two},
+                                                          {&multiply, &data},
+                                                          {&multiply, &data, &data, &data},
+                                                          {&multiply, &data, &empty},
+                                                          {&multiply, &two, &data},
+                                                          {&multiply, &empty, &data},
+                                                          {&multiply, &data, &two},
+                                                          {&multiply, &data, &deep}};
+    const auto all_fail = [&] {
+      int errors = 0;
+      for (auto& in : calls) {
+        host::Array* out[1] = {nullptr};
+        try {
+          mexFunction(1, out, static_cast<int>(in.size()), in.data());
+        } catch (const host::Error&) {
+          ++errors;
+        }
+      }
+      return errors == static_cast<int>(calls.size());
+    };
+    const long before = live;
+    bool every_time = true;
+    for (int run = 0; run < 2000; ++run) every_time &= all_fail();
+    CHECK(every_time);
+    CHECK(live == before);
+    CHECK(host::state().created.empty());
+  }
+}

@@ -1,0 +1,255 @@
+#include <array>
+#include <cmath>
+#include <complex>
+#include <numeric>
+
+#include "naive_sense.h"
+#include "support.h"
+
+namespace {
+
+using Complex = std::complex<double>;
+
+struct Setup {
+  std::array<int, 4> maps;          // nx, ny, nz, coils
+  std::array<int, 3> folded, full;  // x, y, z
+  bool correlated = true;           // noise covariance other than the identity
+  double lambda = 0;
+  int holes = 0;  // share of map samples without signal, in tenths
+};
+
+/// Smooth maps with holes, covariance, folded data, and everything the steps are called with.
+struct Scene {
+  explicit Scene(const Setup& s)
+      : setup(s), random(1), maps(4), folded(4), full(3), factor_dims(4) {
+    maps << s.maps[0], s.maps[1], s.maps[2], s.maps[3];
+    folded << s.folded[0], s.folded[1], s.folded[2], s.maps[3];
+    full << s.full[0], s.full[1], s.full[2];
+    for (int i = 0; i < 3; ++i) R[i] = float(s.full[i]) / float(s.folded[i]);
+    const int cRy = int(std::ceil(R[1])), cRz = int(std::ceil(R[2]));
+    factor_dims << maps[0], int(std::ceil(maps[1] / R[1])), int(std::ceil(maps[2] / R[2])),
+        cRy * cRz * maps[3];
+    make_maps();
+    make_noise();
+    reference = Eigen::VectorXf::Constant(maps.head(3).prod() * 2 / 3, 0.5f);
+    for (int i = 0; i < reference.size(); i += 5) reference[i] = 0;
+    fold_re = random.reals(folded.prod());
+    fold_im = random.reals(folded.prod());
+  }
+
+  void make_maps() {
+    for (int c = 0; c < maps[3]; ++c)
+      for (int z = 0; z < maps[2]; ++z)
+        for (int y = 0; y < maps[1]; ++y)
+          for (int x = 0; x < maps[0]; ++x) {
+            const double angle = 2.4 * c, u = double(x) / maps[0] - 0.5 - 0.7 * std::cos(angle),
+                         v = double(y) / maps[1] - 0.5 - 0.7 * std::sin(angle),
+                         w = double(z) / maps[2] - 0.5 - 0.5 * std::cos(1.7 * c);
+            // Some roughness, so that many aliases can be told apart.
+            const Complex value =
+                std::polar(std::exp(-2 * (u * u + v * v + w * w)), 5 * u + c + 4 * v) +
+                0.4 * Complex(random.real(), random.real());
+            re.push_back(float(value.real()));
+            im.push_back(float(value.imag()));
+          }
+    for (int i = 0; i < maps.head(3).prod(); ++i) {
+      if (random.integer(0, 9) >= setup.holes) continue;
+      for (int c = 0; c < maps[3]; ++c) re[i + c * maps.head(3).prod()] = 0;
+    }
+  }
+
+  void make_noise() {
+    const int nc = maps[3];
+    psi = Eigen::MatrixXcd::Identity(nc, nc);
+    if (!setup.correlated) return;
+    for (Complex& p : psi.reshaped()) p += 0.3 * Complex(random.real(), random.real()) / double(nc);
+    psi = (psi * psi.adjoint()).eval();
+  }
+
+  Eigen::VectorXcd fresh_factors() const {
+    return Eigen::VectorXcd::Constant(factor_dims.prod(), Complex(7, 7));
+  }
+
+  int factors(Eigen::VectorXcd& out) {
+    edges_y = edges_z = {-1, -1};
+    return get_combination_factors(re.data(), im.data(), maps, psi, R, setup.lambda, reference, out,
+                                   folded, full, edges_y.data(), edges_z.data());
+  }
+
+  Setup setup;
+  Random random;
+  Eigen::VectorXi maps, folded, full, factor_dims;
+  Eigen::Vector3f R;
+  Eigen::MatrixXcd psi;
+  Eigen::VectorXf reference;
+  std::vector<float> re, im, fold_re, fold_im;
+  std::array<float, 2> edges_y{-1, -1}, edges_z{-1, -1};
+};
+
+const std::vector<Setup> kSetups = {
+    {{12, 16, 1, 4}, {12, 8, 1}, {12, 16, 1}},
+    {{12, 16, 1, 4}, {12, 8, 1}, {12, 16, 1}, false},
+    {{13, 20, 1, 5}, {13, 8, 1}, {13, 20, 1}, true, 0.02, 2},  // 2.5
+    {{13, 10, 1, 5}, {26, 8, 1}, {26, 20, 1}, true, 0, 2},     // maps at half resolution
+    {{9, 12, 8, 8}, {9, 6, 4}, {9, 12, 8}, true, 0, 3},        // 2 x 2
+    {{9, 9, 7, 12}, {11, 8, 4}, {11, 18, 7}, true, 0.1, 1},    // 2.25 x 1.75
+    {{300, 6, 1, 3}, {300, 3, 1}, {300, 6, 1}, true, 0, 4},    // more than one tile
+    {{5, 24, 6, 24}, {5, 6, 2}, {5, 24, 6}, false, 0, 1},      // 4 x 3: the general alias count
+    {{6, 7, 5, 3}, {6, 7, 5}, {6, 7, 5}, true, 0, 3},          // no reduction
+    {{1, 3, 4, 6}, {1, 2, 2}, {1, 3, 4}, true, 0, 0},          // single samples along x,
+    {{4, 1, 6, 6}, {7, 3, 3}, {7, 3, 6}, true, 0, 0},          // along y
+    {{7, 14, 1, 6}, {7, 4, 1}, {7, 14, 1}, true, 0, 0},        // 3.5
+};
+
+/// Largest difference from the naive factors over the voxel's largest, where it is well
+/// conditioned.
+double factor_error(const Scene& s, const Eigen::VectorXcd& got, const Eigen::VectorXcd& want) {
+  const int grid = s.factor_dims.head(3).prod();
+  double worst = 0;
+  for (int v = 0; v < grid; ++v) {
+    double largest = 0, error = 0;
+    for (int slot = 0; slot < s.factor_dims[3]; ++slot) {
+      const Complex a = got[v + slot * grid], b = want[v + slot * grid];
+      REQUIRE((a == Complex(7, 7)) == (b == Complex(7, 7)));  // the same slots are written
+      if (b != Complex(7, 7)) largest = std::max(largest, std::abs(b));
+      REQUIRE((a == 0.0) == (b == 0.0));
+      error = std::max(error, std::abs(a - b));
+    }
+    if (largest > 0 && largest < 1e3) worst = std::max(worst, error / largest);
+  }
+  return worst;
+}
+
+}  // namespace
+
+TEST_CASE("Factors, edges and unfolding agree with the transcription", "[sense]") {
+  CAPTURE(run_seed());
+  for (std::size_t i = 0; i < kSetups.size(); ++i) {
+    CAPTURE(i);
+    Scene s(kSetups[i]);
+    Eigen::VectorXcd got = s.fresh_factors(), want = got;
+    CHECK(s.factors(got) == 1);
+    std::array<float, 2> ey{-1, -1}, ez{-1, -1};
+    CHECK(naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R,
+                                         s.setup.lambda, s.reference, want, s.folded, s.full,
+                                         ey.data(), ez.data()) == 1);
+    CHECK(s.edges_y == ey);
+    CHECK(s.edges_z == ez);
+    CHECK(factor_error(s, got, want) < 1e-9);
+
+    for (float* fold_im : {s.fold_im.data(), static_cast<float*>(nullptr)}) {
+      Guarded<float> re(s.full.prod(), 3.0f), im(s.full.prod(), 3.0f);
+      std::vector<float> want_re(s.full.prod(), 3.0f), want_im(want_re);
+      CHECK(unfold(s.fold_re.data(), fold_im, s.folded, want, s.factor_dims, s.maps, s.full,
+                   ey.data(), ez.data(), re.data(), im.data()) ==
+            naive::unfold(s.fold_re.data(), fold_im, s.folded, want, s.factor_dims, s.full,
+                          ey.data(), ez.data(), want_re.data(), want_im.data()));
+      CHECK((re.intact() && im.intact()));
+      const double size = want.cwiseAbs().maxCoeff() * s.maps[3];
+      double worst = 0;
+      for (std::size_t j = 0; j < want_re.size(); ++j) {
+        CHECK((re.values()[j] == 3.0f) == (want_re[j] == 3.0f));
+        worst = std::max<double>(worst, std::abs(re.values()[j] - want_re[j]));
+        worst = std::max<double>(worst, std::abs(im.values()[j] - want_im[j]));
+      }
+      CHECK(worst < 4 * std::numeric_limits<float>::epsilon() * size);
+    }
+  }
+}
+
+TEST_CASE("Factors and images are the same bits on every thread count", "[sense]") {
+  CAPTURE(run_seed());
+  for (std::size_t i : {3u, 4u, 6u}) {
+    Scene s(kSetups[i]);
+    std::vector<Complex> first;
+    std::vector<std::uint32_t> image;
+    with_thread_counts([&] {
+      Eigen::VectorXcd factors = s.fresh_factors();
+      s.factors(factors);
+      std::vector<float> re(s.full.prod()), im(re);
+      unfold(s.fold_re.data(), s.fold_im.data(), s.folded, factors, s.factor_dims, s.maps, s.full,
+             s.edges_y.data(), s.edges_z.data(), re.data(), im.data());
+      if (first.empty()) first.assign(factors.begin(), factors.end()), image = bits(re);
+      CHECK(std::equal(first.begin(), first.end(), factors.begin()));
+      CHECK(bits(re) == image);
+    });
+  }
+}
+
+TEST_CASE("An alias once included stays in its column; without imaginary parts none is",
+          "[sense]") {
+  Scene s({{2, 6, 1, 2}, {2, 6, 1}, {2, 6, 1}, false});
+  for (int y : {0, 3}) s.re[0 + 2 * y] = 0;  // column 0, coil 0
+  s.re[1 + 2 * 3] = NAN;                     // NaN is not 0
+  Eigen::VectorXcd f = s.fresh_factors();
+  s.factors(f);
+  CHECK(f[0] == 0.0);      // nothing yet
+  CHECK(f[2 * 2] != 0.0);  // included
+  CHECK(f[2 * 3] != 0.0);  // a hole, but included before
+  CHECK(f[1] != 0.0);      // column 1 has its own flags
+  CHECK(std::isnan(f[1 + 2 * 3].real()));
+  CHECK(std::isnan(f[2 * 3].real()));  // the next sample takes part with weight 0
+  CHECK(get_combination_factors(s.re.data(), nullptr, s.maps, s.psi, s.R, 0, s.reference, f,
+                                s.folded, s.full, s.edges_y.data(), s.edges_z.data()) == 1);
+  CHECK(f.isZero(0));
+}
+
+TEST_CASE("Singular matrices give non-finite factors and regularisation mends them", "[sense]") {
+  Scene s({{3, 4, 1, 2}, {3, 1, 1}, {3, 4, 1}, false});  // four aliases, two coils
+  Eigen::VectorXcd f = s.fresh_factors();
+  std::fill(s.im.begin(), s.im.end(), 0.0f);
+  std::fill(s.re.begin(), s.re.end(), 1.0f);
+  CHECK(s.factors(f) == 1);
+  for (const Complex& z : f) CHECK(!std::isfinite(std::abs(z)));
+  s.setup.lambda = 0.1;
+  s.reference = Eigen::VectorXf::Constant(12, 1.0f);
+  CHECK(s.factors(f) == 1);
+  // Four equal aliases: (2 ones + 10)^-1 gives each 1 / (4 * 2 + 10).
+  for (const Complex& z : f) CHECK(std::abs(z - 1.0 / 18) < 1e-12);
+}
+
+TEST_CASE("find_edges compares lengths, then distances with half the lines", "[sense]") {
+  Eigen::VectorXf a(2), b(2);
+  a << 1, 5;
+  b << 1, 8;
+  CHECK(find_edges(a, b, 2, 1, 7) == 1);
+  CHECK(find_edges(a, b, 2, 2, 7) == 0);  // 3 is not more than 7 / 2 = 3
+  CHECK(find_edges(a, b, 2, 2, 5) == 1);
+  CHECK(find_edges(a, b, 0, 0, 0) == 0);
+}
+
+TEST_CASE("Recorded edges are sorted together with what the caller had", "[sense]") {
+  Scene s({{1, 10, 1, 2}, {1, 4, 1}, {1, 10, 1}, false});
+  Eigen::VectorXcd f = s.fresh_factors();
+  s.factors(f);
+  CHECK(s.edges_y == std::array<float, 2>{0, 2});
+  Scene two({{1, 8, 1, 2}, {1, 4, 1}, {1, 8, 1}, false});
+  f = two.fresh_factors();
+  two.factors(f);
+  CHECK(two.edges_y == std::array<float, 2>{-1, 1});
+}
+
+TEST_CASE("unfold keeps its place in the mask at a position out of range", "[sense]") {
+  // Rows of one sample but four columns: of column 3, the only one with factors, the aliases
+  // (y, z) = (1, 1) and (3, 1) of folded line 0 lie past the end, and (3, 0) comes between them.
+  Eigen::VectorXi folded(4), dims(4), full(3), sens(4);
+  folded << 4, 2, 1, 1;
+  dims << 4, 2, 1, 4;
+  full << 1, 4, 2;
+  sens << 4, 4, 2, 1;
+  Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(32);
+  for (int k : {0, 1, 3}) factors[3 + 8 * k] = factors[7 + 8 * k] = k + 1;
+  std::vector<float> data = {1, 2, 3, 4, 5, 6, 7, 8};
+  float edges[] = {-1, -1};
+  with_thread_counts([&] {
+    Guarded<float> re(8, 0.0f), im(8, 0.0f);
+    std::vector<float> want_re(8), want_im(8);
+    CHECK(naive::unfold(data.data(), nullptr, folded, factors, dims, full, edges, edges,
+                        want_re.data(), want_im.data()) == -1);
+    CHECK(unfold(data.data(), nullptr, folded, factors, dims, sens, full, edges, edges, re.data(),
+                 im.data()) == -1);
+    CHECK((re.intact() && im.intact()));
+    CHECK(re.values() == want_re);
+    CHECK(re.values()[6] == 8.0f);  // alias (3, 0) with the result of the skipped (1, 1)
+  });
+}
