@@ -5,23 +5,15 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <random>
 #include <vector>
 
 #include "cTessel.h"
 #include "naive_geometry.h"
+#include "ratio.h"
 
 namespace {
-
-template <class F>
-double seconds(const F& f) {
-  const auto start = std::chrono::steady_clock::now();
-  f();
-  benchmark::ClobberMemory();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 /// Times naive and ours alternately; the reported time is ours.
 template <class Naive, class Ours>
@@ -29,8 +21,8 @@ void compare(benchmark::State& state, const Naive& naive, const Ours& ours) {
   omp_set_num_threads(1);
   double best_naive = INFINITY, best_ours = INFINITY;
   for (auto _ : state) {
-    best_naive = std::min(best_naive, seconds(naive));
-    const double t = seconds(ours);
+    best_naive = std::min(best_naive, bench::seconds(naive));
+    const double t = bench::seconds(ours);
     best_ours = std::min(best_ours, t);
     state.SetIterationTime(t);
   }
