@@ -16,7 +16,7 @@ from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Scan
 
-__all__ = ["Contents", "DoesNotFitError", "RawError", "contents", "describe", "facts", "groups", "read"]
+__all__ = ["Contents", "DoesNotFitError", "RawError", "contents", "describe", "facts", "outline", "read"]
 
 BLOCK_BYTES = 4 << 20
 
@@ -123,26 +123,6 @@ def facts(found):
     return {name: text for name, text in texts.items() if text}
 
 
-def groups(scan):
-    """Scans of one sampling pattern each, with the positions of their repetitions.
-
-    A scan whose lines are the same in all images is the only one of its group. Where they move from
-    repetition to repetition, the mean over the repetitions, which has them all, is the calibration.
-    """
-    if scan.lines is None:
-        return [(np.arange(scan.kspace.shape[-1]), scan)]
-    patterns = scan.lines.reshape(-1, scan.lines.shape[-1])
-    _, which = np.unique(patterns, axis=1, return_inverse=True)
-    calibration = _mean_of_repetitions(scan)
-    found = []
-    for i in range(which.max() + 1):
-        at = np.flatnonzero(which == i)
-        sampled = scan.lines[..., at[0]].any((2, 3))
-        kspace = np.asfortranarray(scan.kspace[..., at])
-        found.append((at, Scan(kspace, sampled, scan.header, calibration=calibration, noise=scan.noise)))
-    return found
-
-
 def mend_memory(found):
     """What to do about a scan that does not fit into memory."""
     extents = {name: found.scan.shape[AXES.index(name)] for name in RANGE_AXES}
@@ -197,16 +177,14 @@ def _heads(reader):
     return np.concatenate(parts).view(HEAD)[:, 0]
 
 
-def _empty_scan(found):
-    measured = found.scan.times > 0
-    sampled = measured.any((2, 3, 4))
-    scan = Scan(np.zeros(found.scan.shape, np.complex64, order="F"), sampled, found.header)
-    if (measured != sampled[:, :, None, None, None]).any():
-        scan.lines = measured
+def _empty_scan(found, zeros):
+    lines = (found.scan.times > 0)[:, :, 0, 0]
+    sampled = lines[:, :, 0] if (lines == lines[:, :, :1]).all() else lines
+    scan = Scan(zeros(found.scan.shape), sampled, found.header, selection=found.range)
     if found.flagged.any():
         scan.calibration_lines = found.flagged
     if found.apart:
-        scan.calibration = np.zeros(found.apart.shape, np.complex64, order="F")
+        scan.calibration = zeros(found.apart.shape)
     return scan
 
 
@@ -249,12 +227,6 @@ def _divide(array, times):
     for y, z, slice, echo, repetition in np.argwhere(times > 1):
         count = np.float32(times[y, z, slice, echo, repetition])
         array[:, y, z, :, slice, echo, repetition] /= count
-
-
-def _mean_of_repetitions(scan):
-    times = np.maximum(scan.lines.sum(-1, keepdims=True), 1).astype(np.float32)
-    total = scan.kspace.sum(-1, keepdims=True)
-    return np.asfortranarray(total / times[None, :, :, None])
 
 
 def _times(numbers):

@@ -56,9 +56,7 @@ class Scan:
     summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines.
     `calibration` is k-space of a separate calibration scan on its own grid, same axes, or None;
     calibration lines inside the scan are part of `kspace`. `calibration_lines` marks, ``(y, z)`` of
-    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. `lines`, ``(y, z, slice,
-    echo, repetition)`` of bool, is given where images differ in their lines (undersampling that moves
-    from repetition to repetition); `sampled` marks the lines of any of them then.
+    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None.
     """
 
     kspace: np.ndarray
@@ -67,4 +65,3 @@ class Scan:
     calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
-    lines: np.ndarray | None = None
