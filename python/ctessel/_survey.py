@@ -310,8 +310,7 @@ def _apart_places(heads, role, encodings, header, coils, index, slices):
         which &= heads[name] == heads[name][which].min()
     role[(role == APART) & ~which] = IGNORED
     own = encodings[space[which][0]]
-    if not np.allclose(own.encoded_fov, header.encoded_fov, rtol=0.01):
-        raise DefectError("its calibration scan has another field of view", "only equal ones can be used")
+    header.calibration_fov = own.encoded_fov
     x = _readouts(heads, own, which)
     places = {name: index[name].copy() for name in ("y", "z")}
     shape = []

@@ -44,6 +44,7 @@ class Header:
     protocol: str = ""
     patient_position: str = ""
     noise_bandwidth_ratio: float = 1.0  # receiver dwell time of the noise scan over that of the image
+    calibration_fov: tuple[float, float, float] | None = None  # of a separate scan; None: the image's
     spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
 
 
@@ -53,10 +54,12 @@ class Scan:
 
     `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout oversampling
     still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0. Averages are
-    summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines.
+    summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines, or
+    ``(y, z, repetition)`` where repetitions differ in them.
     `calibration` is k-space of a separate calibration scan on its own grid, same axes, or None;
     calibration lines inside the scan are part of `kspace`. `calibration_lines` marks, ``(y, z)`` of
-    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None.
+    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. A part of a scan has in
+    `selection` its axis, first and last index, and in `levels` the levels of the whole scan.
     """
 
     kspace: np.ndarray
@@ -65,3 +68,5 @@ class Scan:
     calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
+    selection: tuple[str, int, int] | None = None
+    levels: tuple[float, float] | None = None
