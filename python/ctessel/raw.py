@@ -176,7 +176,7 @@ def _reason(text, group):
         return "no HDF5 file; convert the scanner's data to ISMRMRD first"
     if "truncated" in text:
         return f"the file is cut short ({text}); copy it again"
-    if text.startswith("no header") or text.startswith("no acquisitions"):
+    if "No XML Header" in text or text.startswith("no acquisitions"):
         return f'no raw data in its group "{group}"; name the right one with --group'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
