@@ -496,8 +496,7 @@ def _noise_words(scan, setup):
 def _sense_words(scan, setups):
     setup, options = setups[0], setups[0].options
     lines = _calibration_region(scan, options.calibration_size)[1]
-    source = "calibration scan" if scan.calibration is not None else "calibration lines"
-    words = f"sensitivity maps from {_times(lines)} {source}"
+    words = f"sensitivity maps from {_times(lines)} calibration lines"
     factors = ", ".join(f"R = {lattice.reduction} along {axis}"
                         for axis, lattice in zip("yz", setup.lattices) if lattice.reduction > 1)
     regularised = f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
