@@ -24,9 +24,6 @@ import numpy as np
 import ctessel
 from ctessel import _steps
 
-#: How often a block is tried again when its worker has ended.
-RETRIES = 3
-
 
 # ---- Operations on arrays ------------------------------------------------------------------------
 
@@ -79,11 +76,11 @@ def whiten(kspace, covariance):
 def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, **keywords):
     """`ctessel.geometry_correction`, independent over all points; returns ``(3, ...)``."""
     points = [_chunked(a, ()) for a in (x, y, z)]
-    labels = tuple(range(points[0].ndim))
+    labels, parts = tuple(range(points[0].ndim)), points[0].ndim
     pairs = [part for a in points for part in (a, labels)]
-    return da.blockwise(_stacked_correction, ("xyz", *labels), *pairs, new_axes={"xyz": 3},
+    return da.blockwise(_stacked_correction, (parts, *labels), *pairs, new_axes={parts: 3},
                         tables=(coeff_x, coeff_y, coeff_z, r0), keywords=keywords, dtype=np.float32,
-                        meta=np.empty((0,) * (points[0].ndim + 1), np.float32))
+                        meta=np.empty((0,) * (parts + 1), np.float32))
 
 
 def _stacked_correction(x, y, z, tables, keywords):
@@ -166,7 +163,7 @@ def _call(data, function, arguments):
 
 
 @contextlib.contextmanager
-def connect(workers=None, scheduler=None, memory=None):
+def connect(workers=None, scheduler=None, memory=None, patience=10):
     """Client of a running scheduler, or of worker processes started here.
 
     Parameters
@@ -179,6 +176,8 @@ def connect(workers=None, scheduler=None, memory=None):
     memory : int or str, optional
         Bound of each process that is started here, such as "2GiB"; one that comes close to it is
         paused, one that exceeds it restarted. By default none.
+    patience : float, optional
+        Seconds to wait for a scheduler.
 
     Yields
     ------
@@ -198,7 +197,7 @@ def connect(workers=None, scheduler=None, memory=None):
         else:
             address = scheduler
         try:
-            client = stack.enter_context(Client(address, timeout="10s"))
+            client = stack.enter_context(Client(address, timeout=patience))
         except (OSError, TimeoutError):
             raise ConnectionError(f"no Dask scheduler answers at {scheduler}; start one with "
                                   "'dask-scheduler', or use --workers") from None
@@ -245,9 +244,16 @@ def _submit(client, function, arguments):
     with warnings.catch_warnings():
         # Blocks scattered to a worker would be lost with it; those in a task are not.
         warnings.filterwarnings("ignore", "Large object")
-        return client.submit(function, *arguments, pure=False, retries=RETRIES)
+        return client.submit(function, *arguments, pure=False)
 
 
 def _next(finished, running):
+    from distributed import KilledWorker
+
     future = next(finished)
-    return running.pop(future), future.result()
+    place = running.pop(future)
+    try:
+        return place, future.result()
+    except KilledWorker:
+        raise MemoryError("a block has ended several workers, for want of memory perhaps; give them more, "
+                          "or start fewer on each machine") from None

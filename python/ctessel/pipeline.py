@@ -262,11 +262,12 @@ def _maps(setup, calibration):
 
 def _patterns(scan):
     """The masks of measured lines with the repetitions that have them."""
-    if scan.sampled.ndim == 2:
+    if scan.lines is None:
         return [(scan.sampled, np.arange(scan.kspace.shape[6]))]
-    _, first, which = np.unique(scan.sampled.reshape(-1, scan.sampled.shape[2]), axis=1,
-                                return_index=True, return_inverse=True)
-    return [(scan.sampled[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
+    lines = scan.lines.any((2, 3))
+    _, first, which = np.unique(lines.reshape(-1, lines.shape[2]), axis=1, return_index=True,
+                                return_inverse=True)
+    return [(lines[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
 
 
 def _setup(scan, options, mask):
@@ -351,8 +352,8 @@ def _calibration_region(scan, size):
         extents = scan.calibration.shape[1:3]
         block = [slice(0, n) for n in extents]
     else:
-        extents = scan.sampled.shape[:2]
-        block = calibration_block(scan.sampled.reshape(*extents, -1).any(2))
+        extents = scan.sampled.shape
+        block = calibration_block(scan.sampled)
     region = []
     for n, lines in zip(extents, block):
         reach = min(n // 2 - lines.start, lines.stop - n // 2, size // 2)
@@ -366,9 +367,9 @@ def _calibration(scan, index, size):
     source = scan.kspace if scan.calibration is None else scan.calibration
     at = min(index, source.shape[4] - 1)
     lines = source[:, y, z, :, at, 0, :]
-    if scan.calibration is None and scan.sampled.ndim == 3:
-        count = scan.sampled[y, z].sum(2)
-        return np.asfortranarray(lines.sum(-1) / count[None, :, :, None].astype(np.float32))
+    if scan.calibration is None and scan.lines is not None:
+        count = np.maximum(scan.lines[y, z, at, 0].sum(-1), 1).astype(np.float32)
+        return np.asfortranarray(lines.sum(-1) / count[None, :, :, None])
     return np.asfortranarray(lines.mean(-1, dtype=np.complex64))
 
 
@@ -495,8 +496,7 @@ def _noise_words(scan, setup):
 def _sense_words(scan, setups):
     setup, options = setups[0], setups[0].options
     lines = _calibration_region(scan, options.calibration_size)[1]
-    source = "calibration scan" if scan.calibration is not None else "calibration lines"
-    words = f"sensitivity maps from {_times(lines)} {source}"
+    words = f"sensitivity maps from {_times(lines)} calibration lines"
     factors = ", ".join(f"R = {lattice.reduction} along {axis}"
                         for axis, lattice in zip("yz", setup.lattices) if lattice.reduction > 1)
     regularised = f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
@@ -576,8 +576,8 @@ def select(scan, axis, first, last, options=None):
         changes |= _whole_calibration(scan, setups[0], kept if axis == "slice" else slice(None))
     if axis == "slice":
         changes["header"] = replace(scan.header, placements=scan.header.placements[kept])
-    if axis == "repetition" and scan.sampled.ndim == 3:
-        changes["sampled"] = scan.sampled[:, :, kept]
+    if scan.lines is not None:
+        changes["lines"] = scan.lines[(slice(None),) * (at - 2) + (kept,)]
     return replace(scan, **changes)
 
 

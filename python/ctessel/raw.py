@@ -197,9 +197,11 @@ def _heads(reader):
 
 
 def _empty_scan(found, zeros):
-    lines = (found.scan.times > 0)[:, :, 0, 0]
-    sampled = lines[:, :, 0] if (lines == lines[:, :, :1]).all() else lines
+    lines = found.scan.times > 0
+    sampled = lines.any((2, 3, 4))
     scan = Scan(zeros(found.scan.shape), sampled, found.header, selection=found.range)
+    if (lines != sampled[:, :, None, None, None]).any():
+        scan.lines = lines
     if found.flagged.any():
         scan.calibration_lines = found.flagged
     if found.apart:

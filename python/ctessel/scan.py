@@ -54,12 +54,14 @@ class Scan:
 
     `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout oversampling
     still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0. Averages are
-    summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines, or
-    ``(y, z, repetition)`` where repetitions differ in them.
+    summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines.
     `calibration` is k-space of a separate calibration scan on its own grid, same axes, or None;
     calibration lines inside the scan are part of `kspace`. `calibration_lines` marks, ``(y, z)`` of
-    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. A part of a scan has in
-    `selection` its axis, first and last index, and in `levels` the levels of the whole scan.
+    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. `lines`, ``(y, z, slice,
+    echo, repetition)`` of bool, is given where images differ in their lines (undersampling that moves
+    from repetition to repetition); `sampled` marks the lines of any of them then.
+    A part of a scan has in `selection` its axis, first and last index, and in `levels` what
+    regularisation needs to know of the whole.
     """
 
     kspace: np.ndarray
@@ -70,3 +72,4 @@ class Scan:
     noise: np.ndarray | None = None
     selection: tuple[str, int, int] | None = None
     levels: tuple[float, float] | None = None
+    lines: np.ndarray | None = None
