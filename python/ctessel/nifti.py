@@ -7,6 +7,7 @@ and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the 
 import contextlib
 import json
 import os
+import threading
 from pathlib import Path
 
 import numpy as np
@@ -32,8 +33,12 @@ class Staged(contextlib.AbstractContextManager):
     ['a.txt']
     """
 
+    _lock = threading.Lock()
+    _open = []
+
     def __init__(self):
         self._names = {}
+        self._open.append(self)
 
     def path(self, final):
         """Where to write what is to become `final`: beside it, hidden, with its endings."""
@@ -42,14 +47,27 @@ class Staged(contextlib.AbstractContextManager):
         return self._names[final]
 
     def commit(self):
-        for final, written in list(self._names.items()):
-            os.replace(written, final)
-            del self._names[final]
+        with self._lock:
+            for final, written in list(self._names.items()):
+                os.replace(written, final)
+                del self._names[final]
 
     def __exit__(self, *_):
+        with self._lock:
+            self._discard()
+            self._open.remove(self)
+
+    def _discard(self):
         for written in self._names.values():
             with contextlib.suppress(FileNotFoundError):
                 written.unlink()
+
+    @classmethod
+    def discard_all(cls):
+        """Remove what other threads have not committed, for a process that is about to end."""
+        with cls._lock:
+            for files in cls._open:
+                files._discard()
 
 
 def affine(header, shape, field):
@@ -116,7 +134,7 @@ def _step(places):
     return step
 
 
-def write(path, volumes, matrix, known, repetition_time, sidecar):
+def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
     """Write an image and what was done beside it. Names are the caller's, see `Staged`.
 
     Parameters
@@ -130,7 +148,7 @@ def write(path, volumes, matrix, known, repetition_time, sidecar):
     repetition_time : float
         Seconds; 0 where it is not known.
     sidecar : dict
-        Goes to the file of `sidecar_path`.
+        Goes to `sidecar_file`.
     """
     import nibabel
 
@@ -139,7 +157,7 @@ def write(path, volumes, matrix, known, repetition_time, sidecar):
     while data.ndim > 3 and data.shape[-1] == 1:
         data = data[..., 0]
     _save(nibabel.Nifti1Image(data, matrix), path, matrix, known, repetition_time)
-    sidecar_path(path).write_text(json.dumps(sidecar, indent=2) + "\n")
+    sidecar_file.write_text(json.dumps(sidecar, indent=2) + "\n")
 
 
 def _save(image, path, matrix, known, repetition_time):
