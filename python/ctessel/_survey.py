@@ -266,10 +266,15 @@ def _readouts(heads, header, which):
         i = odd[0]
         raise DefectError(f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, "
                           f"which do not fit the {extent} samples of the encoded matrix")
-    kinds = np.unique(np.stack([first[which], length[which]]), axis=1)
-    if kinds.shape[1] > 1:
-        raise DefectError("its readouts cover different parts of k-space", "reconstruct one echo at a time, --range echo 0 0")
-    header.limits["x"] = Limit(int(kinds[0, 0]), int(kinds.sum()) - 1, extent // 2)
+    one = np.flatnonzero(which)[0]
+    odd = np.flatnonzero(which & ((first != first[one]) | (length != length[one])))
+    if odd.size:
+        i = odd[0]
+        apart = heads["contrast"][i] != heads["contrast"][one]
+        raise DefectError(
+            f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, which cover another part of "
+            "k-space than the first ones", *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []))
+    header.limits["x"] = Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
     return first
 
 

@@ -176,7 +176,9 @@ def _reason(text, group):
         return "no HDF5 file; convert the scanner's data to ISMRMRD first"
     if "truncated" in text:
         return f"the file is cut short ({text}); copy it again"
-    if "No XML Header" in text or text.startswith("no acquisitions"):
+    if text.startswith("no acquisitions"):
+        return "it holds no acquisitions; copy or convert it again"
+    if "No XML Header" in text:
         return f'no raw data in its group "{group}"; name the right one with --group'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
