@@ -242,8 +242,8 @@ def _unfold(setup, kspace, calibration):
 def _folded(setup, kspace):
     lines = fold_lines(kspace, setup.lattices)
     threads = setup.options.threads
-    image = to_image(lines, threads=threads)
-    return np.asfortranarray(image[central(len(image), setup.readout)])
+    image = to_image(lines, (0,), threads)[central(len(lines), setup.readout)]
+    return to_image(image, (1, 2), threads)
 
 
 def _maps(setup, calibration):
@@ -385,7 +385,7 @@ def _tasks(scan, setups, patterns):
             calibration = _calibration(scan, index, setups[0].options.calibration_size)
         for setup, (_, repetitions) in zip(setups, patterns):
             for part in _groups(scan, repetitions):
-                kspace = np.asfortranarray(scan.kspace[:, :, :, :, index][..., part])
+                kspace = scan.kspace[:, :, :, :, index][..., part]
                 yield (index, part), (setup, kspace, calibration, placement)
 
 
