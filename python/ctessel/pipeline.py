@@ -195,6 +195,7 @@ def reconstruct_block(setup, kspace, calibration, placement):
     ----------
     setup : Setup
     kspace : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
+        As measured; of undersampled scans the regular lines, as `fold_lines` returns them.
     calibration : ndarray of complex64, ``(x, y, z, coil)``, or None
     placement : Placement or None
 
@@ -240,9 +241,8 @@ def _unfold(setup, kspace, calibration):
 
 
 def _folded(setup, kspace):
-    lines = fold_lines(kspace, setup.lattices)
     threads = setup.options.threads
-    image = to_image(lines, (0,), threads)[central(len(lines), setup.readout)]
+    image = to_image(kspace, (0,), threads)[central(len(kspace), setup.readout)]
     return to_image(image, (1, 2), threads)
 
 
@@ -386,6 +386,8 @@ def _tasks(scan, setups, patterns):
         for setup, (_, repetitions) in zip(setups, patterns):
             for part in _groups(scan, repetitions):
                 kspace = scan.kspace[:, :, :, :, index][..., part]
+                if setup.unfolds:
+                    kspace = fold_lines(kspace, setup.lattices)
                 yield (index, part), (setup, kspace, calibration, placement)
 
 
