@@ -210,7 +210,7 @@ def _join_calibration(heads, role, flagged, header, space, index):
     """Calibration lines join the images where they complete each of them. `role` is changed.
 
     They stay apart where the file says so, where they repeat lines of the images, which need not
-    have the same contrast, and where only some images have them.
+    have the same contrast, and where some images have fewer of them than others.
     """
     candidates = role == APART
     apart = header.calibration_mode in ("separate", "external")
@@ -218,7 +218,7 @@ def _join_calibration(heads, role, flagged, header, space, index):
     if not apart and candidates.any():
         shape = _image_shape(role == IMAGING, header, index)
         images, lines = (_times(which, index, shape) > 0 for which in (role == IMAGING, candidates))
-        if (lines.any((2, 3, 4)) == lines.all((2, 3, 4))).all() and not (images & lines).any():
+        if np.ptp(lines.sum((0, 1))) == 0 and not (images & lines).any():
             role[candidates] = IMAGING
     return flagged & (role == IMAGING)
 
@@ -242,6 +242,7 @@ def _scan_places(heads, role, header, coils, index):
     shape = _image_shape(which, header, index)
     times = _times(which, index, shape)
     _check_complete(times > 0)
+    _check_pattern(times > 0)
     shape = (header.encoded_matrix[0], *shape[:2], coils, *shape[2:])
     return Places(shape, which, x, index["y"], index["z"], *(index[name] for name in RANGE_AXES), times)
 
@@ -288,6 +289,15 @@ def _check_complete(measured):
     raise DefectError(f"slice {s}, echo {e}, repetition {r} has {count[s, e, r]} lines, others {count.max()}", mend)
 
 
+def _check_pattern(measured):
+    """Lines may differ from repetition to repetition only."""
+    odd = np.argwhere((measured != measured[:, :, :1, :1]).any((0, 1)))
+    if odd.size:
+        s, e, r = odd[0]
+        raise DefectError(f"slice {s}, echo {e}, repetition {r} has other lines than slice 0, echo 0",
+                          "reconstruct slices and echoes one at a time with --range")
+
+
 def _apart_places(heads, role, encodings, header, coils, index, slices):
     """Places of a separate calibration scan: first echo and repetition, smallest centred grid."""
     which = role == APART
@@ -300,8 +310,7 @@ def _apart_places(heads, role, encodings, header, coils, index, slices):
         which &= heads[name] == heads[name][which].min()
     role[(role == APART) & ~which] = IGNORED
     own = encodings[space[which][0]]
-    if not np.allclose(own.encoded_fov, header.encoded_fov, rtol=0.01):
-        raise DefectError("its calibration scan has another field of view", "only equal ones can be used")
+    header.calibration_fov = own.encoded_fov
     x = _readouts(heads, own, which)
     places = {name: index[name].copy() for name in ("y", "z")}
     shape = []

@@ -7,6 +7,7 @@ their places in one array.
 
 import errno
 import os
+import tempfile
 
 import numpy as np
 
@@ -16,7 +17,7 @@ from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Scan
 
-__all__ = ["Contents", "DoesNotFitError", "RawError", "contents", "describe", "facts", "groups", "read"]
+__all__ = ["Contents", "DoesNotFitError", "RawError", "contents", "describe", "facts", "outline", "read"]
 
 BLOCK_BYTES = 4 << 20
 
@@ -25,7 +26,7 @@ class RawError(ValueError):
     """A raw data file cannot be used. One line: the file, what is wrong, and what mends it."""
 
 
-def read(path, *, group="dataset", range=None, progress=None, found=None):
+def read(path, *, group="dataset", range=None, scratch=None, progress=None, found=None):
     """Samples of a Cartesian scan at their places in k-space.
 
     Parameters
@@ -37,6 +38,9 @@ def read(path, *, group="dataset", range=None, progress=None, found=None):
     range : tuple of str, int, int, optional
         Axis ("slice", "echo" or "repetition") and the first and last position to be read along it,
         from 0. Slices count along the slice direction, whatever the order of their measurement.
+    scratch : str or path, optional
+        Folder for a file that holds k-space in place of memory. It has no name any more when this
+        returns, so that nothing is left of it once the scan is forgotten.
     progress : callable, optional
         Called with the number of acquisitions done and their total.
     found : Contents, optional
@@ -57,8 +61,9 @@ def read(path, *, group="dataset", range=None, progress=None, found=None):
     """
     path = os.fspath(path)
     found = found or contents(path, group=group, range=range)
-    _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
-    scan = _empty_scan(found)
+    if scratch is None:
+        _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
+    scan = _empty_scan(found, lambda shape: _zeros(shape, scratch))
     try:
         noise = _fill(_open(path, found.group), found, scan, progress)
     except (DefectError, RuntimeError) as error:
@@ -84,6 +89,19 @@ def contents(path, *, group="dataset", range=None):
         return survey(path, group, parse(reader.header), _heads(reader), range)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
+
+
+def outline(found):
+    """A scan with the noise but without the other samples, which are 0 and take no memory.
+
+    Enough for `pipeline.plan` and `pipeline.memory_estimate`.
+    """
+    scan = _empty_scan(found, lambda shape: np.broadcast_to(np.complex64(0), shape))
+    at = np.flatnonzero(found.role == NOISE_SCAN)
+    if at.size:
+        reader = _open(found.path, found.group)
+        scan.noise = np.concatenate([_kept(found, i, reader.read(int(i), 1)[1][0]) for i in at])
+    return scan
 
 
 def describe(path, *, group="dataset", range=None):
@@ -123,26 +141,6 @@ def facts(found):
     return {name: text for name, text in texts.items() if text}
 
 
-def groups(scan):
-    """Scans of one sampling pattern each, with the positions of their repetitions.
-
-    A scan whose lines are the same in all images is the only one of its group. Where they move from
-    repetition to repetition, the mean over the repetitions, which has them all, is the calibration.
-    """
-    if scan.lines is None:
-        return [(np.arange(scan.kspace.shape[-1]), scan)]
-    patterns = scan.lines.reshape(-1, scan.lines.shape[-1])
-    _, which = np.unique(patterns, axis=1, return_inverse=True)
-    calibration = _mean_of_repetitions(scan)
-    found = []
-    for i in range(which.max() + 1):
-        at = np.flatnonzero(which == i)
-        sampled = scan.lines[..., at[0]].any((2, 3))
-        kspace = np.asfortranarray(scan.kspace[..., at])
-        found.append((at, Scan(kspace, sampled, scan.header, calibration=calibration, noise=scan.noise)))
-    return found
-
-
 def mend_memory(found):
     """What to do about a scan that does not fit into memory."""
     extents = {name: found.scan.shape[AXES.index(name)] for name in RANGE_AXES}
@@ -151,7 +149,8 @@ def mend_memory(found):
         return "use a machine with more memory"
     first = found.range[1] if found.range and found.range[0] == axis else 0
     last = first + extents[axis] // 2 - 1
-    return f"reconstruct it in parts, the first with --range {axis} {first} {last}, then ctessel merge"
+    return (f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first with "
+            f"--range {axis} {first} {last}, and merge them")
 
 
 def _open(path, group):
@@ -177,7 +176,7 @@ def _reason(text, group):
         return "no HDF5 file; convert the scanner's data to ISMRMRD first"
     if "truncated" in text:
         return f"the file is cut short ({text}); copy it again"
-    if text.startswith("no header") or text.startswith("no acquisitions"):
+    if "No XML Header" in text or text.startswith("no acquisitions"):
         return f'no raw data in its group "{group}"; name the right one with --group'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
@@ -197,16 +196,16 @@ def _heads(reader):
     return np.concatenate(parts).view(HEAD)[:, 0]
 
 
-def _empty_scan(found):
-    measured = found.scan.times > 0
-    sampled = measured.any((2, 3, 4))
-    scan = Scan(np.zeros(found.scan.shape, np.complex64, order="F"), sampled, found.header)
-    if (measured != sampled[:, :, None, None, None]).any():
-        scan.lines = measured
+def _empty_scan(found, zeros):
+    lines = found.scan.times > 0
+    sampled = lines.any((2, 3, 4))
+    scan = Scan(zeros(found.scan.shape), sampled, found.header, selection=found.range)
+    if (lines != sampled[:, :, None, None, None]).any():
+        scan.lines = lines
     if found.flagged.any():
         scan.calibration_lines = found.flagged
     if found.apart:
-        scan.calibration = np.zeros(found.apart.shape, np.complex64, order="F")
+        scan.calibration = zeros(found.apart.shape)
     return scan
 
 
@@ -226,17 +225,12 @@ def _fill(reader, found, scan, progress):
 
 
 def _place(found, scan, noise, i, samples):
-    role, head = found.role[i], found.heads[i]
-    if role == IGNORED:
+    if found.role[i] == IGNORED:
         return
-    samples = samples[head["discard_pre"] : samples.shape[0] - head["discard_post"]]
-    if not np.isfinite(samples).all():
-        raise DefectError(f"acquisition {i} holds values that are not finite")
-    if role == NOISE_SCAN:
+    samples = _kept(found, i, samples)
+    if found.role[i] == NOISE_SCAN:
         noise.append(samples)
         return
-    if head["flags"] & REVERSE:
-        samples = samples[::-1]
     for places, array in ((found.scan, scan.kspace), (found.apart, scan.calibration)):
         if places and places.which[i]:
             x = slice(places.x[i], places.x[i] + samples.shape[0])
@@ -244,17 +238,28 @@ def _place(found, scan, noise, i, samples):
             array[x, y, z, :, s, e, r] += samples
 
 
+def _kept(found, i, samples):
+    """The samples of an acquisition that count, in the order of k-space."""
+    head = found.heads[i]
+    samples = samples[head["discard_pre"] : samples.shape[0] - head["discard_post"]]
+    if not np.isfinite(samples).all():
+        raise DefectError(f"acquisition {i} holds values that are not finite")
+    return samples[::-1] if head["flags"] & REVERSE else samples
+
+
+def _zeros(shape, scratch):
+    if scratch is None:
+        return np.zeros(shape, np.complex64, order="F")
+    with tempfile.TemporaryFile(dir=scratch) as file:
+        file.truncate(8 * int(np.prod(shape, dtype=float)))
+        return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")
+
+
 def _divide(array, times):
     """Turn sums of several measurements of a line into means."""
     for y, z, slice, echo, repetition in np.argwhere(times > 1):
         count = np.float32(times[y, z, slice, echo, repetition])
         array[:, y, z, :, slice, echo, repetition] /= count
-
-
-def _mean_of_repetitions(scan):
-    times = np.maximum(scan.lines.sum(-1, keepdims=True), 1).astype(np.float32)
-    total = scan.kspace.sum(-1, keepdims=True)
-    return np.asfortranarray(total / times[None, :, :, None])
 
 
 def _times(numbers):
