@@ -16,6 +16,7 @@ Whole scans: `connect`, and ``pipeline.reconstruct(scan, options, client=client)
 
 import contextlib
 import os
+import shutil
 import tempfile
 import warnings
 from dataclasses import dataclass
@@ -199,7 +200,8 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
             threads = max(1, len(os.sched_getaffinity(0)) // workers)
             address = stack.enter_context(LocalCluster(
                 n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None,
-                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)}))  # fmt: skip
+                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)},
+                local_directory=stack.enter_context(_folder(tempfile.gettempdir()))))  # fmt: skip
             shared = shared or ("/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
         try:
             client = stack.enter_context(Client(address, timeout=patience))
@@ -211,10 +213,23 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         yield client
 
 
+_folders = set()
+
+
+@contextlib.contextmanager
 def _folder(parent):
     if not os.path.isdir(parent):
         raise ValueError(f"shared: {parent} is no folder; name one that all workers see")
-    return tempfile.TemporaryDirectory(prefix="ctessel-", dir=parent)
+    with tempfile.TemporaryDirectory(prefix="ctessel-", dir=parent, ignore_cleanup_errors=True) as folder:
+        _folders.add(folder)
+        yield folder
+        _folders.discard(folder)
+
+
+def discard_all():
+    """Remove what lies in folders for the workers; for a process that is about to end at once."""
+    for folder in _folders:
+        shutil.rmtree(folder, ignore_errors=True)
 
 
 def run_tasks(client, function, tasks, ahead=2):
