@@ -205,12 +205,14 @@ def fold_lines(kspace, lattices):
     for axis, lattice in enumerate(lattices, 1):
         if (lattice.step, kspace.shape[axis]) == (1, lattice.folded):
             continue
-        slots = np.arange(lattice.folded)
-        lines = (slots - lattice.folded // 2) * lattice.step + lattice.offset + kspace.shape[axis] // 2
-        there = (lines >= 0) & (lines < kspace.shape[axis])
+        start = lattice.offset - lattice.folded // 2 * lattice.step + kspace.shape[axis] // 2
+        skipped = max(0, -(start // lattice.step))  # slots before the first line
+        start += skipped * lattice.step
+        count = max(0, min(lattice.folded - skipped, -((start - kspace.shape[axis]) // lattice.step)))
         shape = kspace.shape[:axis] + (lattice.folded,) + kspace.shape[axis + 1 :]
         out = np.zeros(shape, np.complex64, order="F")
         before = (slice(None),) * axis
-        out[before + (slots[there],)] = kspace[before + (lines[there],)]
+        source = before + (slice(start, start + count * lattice.step, lattice.step),)
+        out[before + (slice(skipped, skipped + count),)] = kspace[source]
         kspace = out
     return np.asfortranarray(kspace)

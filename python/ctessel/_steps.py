@@ -110,13 +110,14 @@ def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
     images = to_image(resize(lines, size, threads), threads=threads)
     combined = pcsos(images, threads=threads)
     empty = combined == 0
-    maps = images / np.where(empty, 1, combined)[..., None]
+    maps = images
+    maps *= (1 / np.where(empty, np.complex64(1), combined))[..., None]
     maps[empty] = 1 / np.sqrt(np.float32(images.shape[3]))  # all zeros would be a singular matrix
     if mask > 0:
         outside = ~_object(np.abs(combined), mask)
         # The kernel may still use such a voxel for other columns: the imaginary parts stay.
         maps.real[..., 0][outside] = 0
-    return np.asfortranarray(maps), combined
+    return maps, combined
 
 
 def _object(magnitude, threshold):

@@ -100,6 +100,8 @@ def _end(number):
     for other in (signal.SIGINT, signal.SIGTERM):
         signal.signal(other, signal.SIG_IGN)
     Staged.discard_all()
+    if workers := sys.modules.get("ctessel.dask"):
+        workers.discard_all()
     print("\nctessel: cancelled, nothing was written", file=sys.stderr, flush=True)
     os._exit(128 + number)
 

@@ -16,7 +16,10 @@ Whole scans: `connect`, and ``pipeline.reconstruct(scan, options, client=client)
 
 import contextlib
 import os
+import shutil
+import tempfile
 import warnings
+from dataclasses import dataclass
 
 import dask.array as da
 import numpy as np
@@ -163,7 +166,7 @@ def _call(data, function, arguments):
 
 
 @contextlib.contextmanager
-def connect(workers=None, scheduler=None, memory=None, patience=10):
+def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10):
     """Client of a running scheduler, or of worker processes started here.
 
     Parameters
@@ -176,6 +179,9 @@ def connect(workers=None, scheduler=None, memory=None, patience=10):
     memory : int or str, optional
         Bound of each process that is started here, such as "2GiB"; one that comes close to it is
         paused, one that exceeds it restarted. By default none.
+    shared : str or Path, optional
+        Folder through which blocks reach the workers, which must all see it: several times as fast as
+        messages. By default memory of this machine for processes started here, and messages else.
     patience : float, optional
         Seconds to wait for a scheduler.
 
@@ -189,30 +195,53 @@ def connect(workers=None, scheduler=None, memory=None, patience=10):
     from distributed import Client, LocalCluster
 
     with contextlib.ExitStack() as stack:
+        address = scheduler
         if scheduler is None:
             threads = max(1, len(os.sched_getaffinity(0)) // workers)
             address = stack.enter_context(LocalCluster(
                 n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None,
-                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)}))  # fmt: skip
-        else:
-            address = scheduler
+                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)},
+                local_directory=stack.enter_context(_folder(tempfile.gettempdir()))))  # fmt: skip
+            shared = shared or ("/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
         try:
             client = stack.enter_context(Client(address, timeout=patience))
         except (OSError, TimeoutError):
             raise ConnectionError(f"no Dask scheduler answers at {scheduler}; start one with "
                                   "'dask-scheduler', or use --workers") from None
+        if shared:
+            client.ctessel_folder = stack.enter_context(_folder(shared))
         yield client
+
+
+_folders = set()
+
+
+@contextlib.contextmanager
+def _folder(parent):
+    if not os.path.isdir(parent):
+        raise ValueError(f"shared: {parent} is no folder; name one that all workers see")
+    with tempfile.TemporaryDirectory(prefix="ctessel-", dir=parent, ignore_cleanup_errors=True) as folder:
+        _folders.add(folder)
+        yield folder
+        _folders.discard(folder)
+
+
+def discard_all():
+    """Remove what lies in folders for the workers; for a process that is about to end at once."""
+    for folder in _folders:
+        shutil.rmtree(folder, ignore_errors=True)
 
 
 def run_tasks(client, function, tasks, ahead=2):
     """Run a function on the workers, as results come in.
 
-    A few blocks per worker are sent ahead, so that memory stays bounded here and there. The
-    scheduler keeps a block until its result is here: a block whose worker ends is tried elsewhere.
+    A few blocks per worker are sent ahead, so that memory stays bounded here and there. A block is
+    kept until its result is here: one whose worker ends is worked on elsewhere.
 
     Parameters
     ----------
     client : distributed.Client
+        Of `connect`, or any.
     function : callable
     tasks : iterable of (place, arguments)
         Read as blocks are sent.
@@ -226,11 +255,13 @@ def run_tasks(client, function, tasks, ahead=2):
     """
     from distributed import as_completed
 
+    folder = getattr(client, "ctessel_folder", None)
     running, finished = {}, as_completed()
     try:
-        for place, arguments in tasks:
-            future = _submit(client, function, arguments)
-            running[future] = place
+        for number, (place, arguments) in enumerate(tasks):
+            stored = [_store(folder, f"{id(running)}-{number}-{i}", a) for i, a in enumerate(arguments)]
+            future = _submit(client, function, stored)
+            running[future] = place, stored
             finished.add(future)
             while len(running) >= ahead * max(1, sum(client.nthreads().values())):
                 yield _next(finished, running)
@@ -240,20 +271,48 @@ def run_tasks(client, function, tasks, ahead=2):
         client.cancel(list(running))
 
 
+@dataclass
+class _Stored:
+    """An array in a file of the folder that the workers see."""
+
+    path: str
+    shape: tuple
+    dtype: str
+
+    def load(self):
+        return np.memmap(self.path, self.dtype, "r", shape=self.shape, order="F").view(np.ndarray)
+
+
+def _store(folder, name, argument):
+    if folder is None or not isinstance(argument, np.ndarray) or argument.nbytes < 1 << 16:
+        return argument
+    path = os.path.join(folder, name)
+    np.asfortranarray(argument).T.tofile(path)
+    return _Stored(path, argument.shape, argument.dtype.str)
+
+
 def _submit(client, function, arguments):
     with warnings.catch_warnings():
         # Blocks scattered to a worker would be lost with it; those in a task are not.
         warnings.filterwarnings("ignore", "Large object")
-        return client.submit(function, *arguments, pure=False)
+        return client.submit(_run, function, arguments, pure=False)
+
+
+def _run(function, arguments):
+    return function(*(a.load() if isinstance(a, _Stored) else a for a in arguments))
 
 
 def _next(finished, running):
     from distributed import KilledWorker
 
     future = next(finished)
-    place = running.pop(future)
+    place, stored = running.pop(future)
     try:
         return place, future.result()
     except KilledWorker:
         raise MemoryError("a block has ended several workers, for want of memory perhaps; give them more, "
                           "or start fewer on each machine") from None
+    finally:
+        for argument in stored:
+            if isinstance(argument, _Stored):
+                os.unlink(argument.path)
