@@ -31,6 +31,8 @@ class Job:
     def reconstruct(self, scan, progress):
         from . import dask
 
+        # A cancelled run leaves its semaphores to a helper process, which would complain on stderr.
+        os.environ.setdefault("PYTHONWARNINGS", "ignore:resource_tracker")
         with dask.connect(self.arguments.workers, self.arguments.scheduler) as client:
             return pipeline.reconstruct(scan, self.options, progress, client)
 

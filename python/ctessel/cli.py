@@ -26,10 +26,14 @@ class UsageError(Exception):
 
 def main(argv=None):
     """Run the command; returns its exit code. SIGINT and SIGTERM end the process at once."""
+    return _interruptible(lambda: _main(argv))
+
+
+def _main(argv):
     parser = _parser()
     arguments = parser.parse_args(argv)
     try:
-        return _interruptible(lambda: arguments.run(arguments)) or DONE
+        return arguments.run(arguments) or DONE
     except UsageError as error:
         parser.error(str(error))
     except Exception as error:
@@ -95,13 +99,18 @@ def _interruptible(run):
 
 
 def _end(number):
-    from .nifti import Staged
+    import logging
+    import multiprocessing
 
+    logging.disable()  # Dask tells of every process that ends
     for other in (signal.SIGINT, signal.SIGTERM):
         signal.signal(other, signal.SIG_IGN)
-    Staged.discard_all()
-    if workers := sys.modules.get("ctessel.dask"):
-        workers.discard_all()
+    for child in multiprocessing.active_children():
+        child.kill()
+    for name, discard in (("nifti", lambda m: m.Staged.discard_all()), ("dask", lambda m: m.discard_all())):
+        # A module that is not there, or not complete yet, has written nothing.
+        with contextlib.suppress(AttributeError):
+            discard(sys.modules.get(f"ctessel.{name}"))
     print("\nctessel: cancelled, nothing was written", file=sys.stderr, flush=True)
     os._exit(128 + number)
 

@@ -48,6 +48,8 @@ class Staged(contextlib.AbstractContextManager):
 
     def commit(self):
         with self._lock:
+            if self not in self._open:
+                return  # the process is about to end
             for final, written in list(self._names.items()):
                 os.replace(written, final)
                 del self._names[final]
@@ -55,7 +57,8 @@ class Staged(contextlib.AbstractContextManager):
     def __exit__(self, *_):
         with self._lock:
             self._discard()
-            self._open.remove(self)
+            if self in self._open:
+                self._open.remove(self)
 
     def _discard(self):
         for written in self._names.values():
@@ -66,8 +69,8 @@ class Staged(contextlib.AbstractContextManager):
     def discard_all(cls):
         """Remove what other threads have not committed, for a process that is about to end."""
         with cls._lock:
-            for files in cls._open:
-                files._discard()
+            while cls._open:
+                cls._open.pop()._discard()
 
 
 def affine(header, shape, field):
