@@ -1,5 +1,6 @@
 """One run of ``ctessel recon``: what is to be done, whether it fits, and the files it ends in."""
 
+import contextlib
 import os
 import platform
 from dataclasses import dataclass, replace
@@ -29,12 +30,17 @@ class Job:
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
     def reconstruct(self, scan, progress):
+        with self._client() as client:
+            return pipeline.reconstruct(scan, self.options, progress, client)
+
+    def _client(self):
+        if not (self.arguments.workers or self.arguments.scheduler):
+            return contextlib.nullcontext()  # Dask takes a second to load
         from . import dask
 
         # A cancelled run leaves its semaphores to a helper process, which would complain on stderr.
         os.environ.setdefault("PYTHONWARNINGS", "ignore:resource_tracker")
-        with dask.connect(self.arguments.workers, self.arguments.scheduler) as client:
-            return pipeline.reconstruct(scan, self.options, progress, client)
+        return dask.connect(self.arguments.workers, self.arguments.scheduler)
 
     def write(self, result):
         with nifti.Staged() as files:

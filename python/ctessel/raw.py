@@ -237,7 +237,10 @@ def _place(found, scan, noise, i, samples):
         if places and places.which[i]:
             x = slice(places.x[i], places.x[i] + samples.shape[0])
             y, z, s, e, r = places[i]
-            array[x, y, z, :, s, e, r] += samples
+            if places.times[y, z, s, e, r] == 1:
+                array[x, y, z, :, s, e, r] = samples  # adding would touch new memory twice
+            else:
+                array[x, y, z, :, s, e, r] += samples
 
 
 def _kept(found, i, samples):
