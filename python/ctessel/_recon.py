@@ -29,6 +29,8 @@ class Job:
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
     def reconstruct(self, scan, progress):
+        if not (self.arguments.workers or self.arguments.scheduler):
+            return pipeline.reconstruct(scan, self.options, progress)
         from . import dask
 
         with dask.connect(self.arguments.workers, self.arguments.scheduler) as client:

@@ -237,7 +237,11 @@ def _place(found, scan, noise, i, samples):
         if places and places.which[i]:
             x = slice(places.x[i], places.x[i] + samples.shape[0])
             y, z, s, e, r = places[i]
-            array[x, y, z, :, s, e, r] += samples
+            line = array[x, y, z, :, s, e, r]
+            if places.times[y, z, s, e, r] > 1:
+                line += samples
+            else:  # reading fresh memory first would cost as much again
+                line[...] = samples
 
 
 def _kept(found, i, samples):
