@@ -237,10 +237,11 @@ def _place(found, scan, noise, i, samples):
         if places and places.which[i]:
             x = slice(places.x[i], places.x[i] + samples.shape[0])
             y, z, s, e, r = places[i]
-            if places.times[y, z, s, e, r] == 1:
-                array[x, y, z, :, s, e, r] = samples  # adding would touch new memory twice
-            else:
-                array[x, y, z, :, s, e, r] += samples
+            line = array[x, y, z, :, s, e, r]
+            if places.times[y, z, s, e, r] > 1:
+                line += samples
+            else:  # reading fresh memory first would cost as much again
+                line[...] = samples
 
 
 def _kept(found, i, samples):

@@ -2,6 +2,9 @@
 
 import os
 import signal
+import subprocess
+import sys
+from pathlib import Path
 
 import numpy as np
 import pytest
@@ -122,3 +125,27 @@ def test_no_scheduler_is_one_line():
             pass
     with ctessel.dask.connect() as nothing:
         assert nothing is None
+
+
+def test_array_of_batch_jobs_makes_the_image_of_one_run(tmp_path):
+    nibabel = pytest.importorskip("nibabel")
+    pytest.importorskip("ctessel._raw")
+    from ctessel import cli, phantom
+
+    phantom.write(tmp_path / "raw.h5", "undersampled", size=48, coils=4, slices=2, repetitions=2, noise=0.02)
+    cli.main(["recon", str(tmp_path / "raw.h5"), "-o", str(tmp_path / "whole.nii.gz"), "--ringing", "0.3"])
+    command = tmp_path / "ctessel"  # the module that is tested, under the command's name
+    command.write_text(f'#!/bin/sh\nexec {sys.executable} -m ctessel "$@"\n')
+    command.chmod(0o755)
+    script = Path(__file__).resolve().parents[1] / "examples" / "slurm_array.sh"
+    for task in range(1, 4):  # three tasks that count from 1, for two repetitions: one has none
+        job = {**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}", "OPTIONS": "--ringing 0.3",
+               "AXIS": "repetition", "PYTHONPATH": os.pathsep.join(sys.path), "SLURM_ARRAY_TASK_MIN": "1",
+               "SLURM_ARRAY_TASK_ID": str(task), "SLURM_ARRAY_TASK_COUNT": "3"}
+        subprocess.run(["bash", script, "raw.h5", "image.nii.gz", "2"], cwd=tmp_path, env=job, check=True)
+    parts = sorted(map(str, tmp_path.glob("image.part-*.nii.gz")))
+    assert len(parts) == 2 and cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
+    got, want = (nibabel.load(tmp_path / f"{name}.nii.gz") for name in ("image", "whole"))
+    assert got.shape == want.shape == (48, 48, 2, 2)
+    np.testing.assert_array_equal(got.get_fdata(), want.get_fdata())
+    np.testing.assert_array_equal(got.affine, want.affine)
