@@ -4,7 +4,6 @@ import contextlib
 import os
 import platform
 from dataclasses import dataclass, replace
-from pathlib import Path
 
 import numpy as np
 import scipy
@@ -126,10 +125,8 @@ def _check(job):
     """Refuse what does not fit, and folders that cannot be written to, before the work."""
     on_disk = 8 * int(np.prod(job.found.scan.shape, dtype=float)) if job.arguments.scratch else 0
     _memory.check(job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found))
-    for name in (job.arguments.output, job.arguments.preview):
-        folder = Path(name or job.arguments.output).absolute().parent
-        if not os.access(folder, os.W_OK):
-            raise ValueError(f"{folder}: cannot be written to; name another folder")
+    for name in (job.arguments.output, job.arguments.preview or job.arguments.output):
+        nifti.check_folder(name)
 
 
 def report(job):

@@ -143,7 +143,7 @@ def _add_recon(commands):
     command.add_argument("raw", metavar="RAW.h5")
     command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name,
                          help="NIfTI file; IMAGE.json beside it tells what was done")
-    command.add_argument("--preview", metavar="IMAGE.png", help="also a picture of the slices")
+    command.add_argument("--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices")
     command.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
     _add_steps(command)
     _add_resources(command)
@@ -218,6 +218,12 @@ def _number(kind, accept, what):
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def _png_name(text):
+    if not text.endswith(".png"):
+        raise argparse.ArgumentTypeError(f"{text}: is to be a PNG file; give it a name that ends in .png")
+    return Path(text)
 
 
 def _nifti_name(text):

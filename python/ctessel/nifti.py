@@ -43,6 +43,7 @@ class Staged(contextlib.AbstractContextManager):
     def path(self, final):
         """Where to write what is to become `final`: beside it, hidden, with its endings."""
         final = Path(final)
+        check_folder(final)
         self._names[final] = final.with_name(f".{os.getpid()}-{final.name}")
         return self._names[final]
 
@@ -71,6 +72,13 @@ class Staged(contextlib.AbstractContextManager):
         with cls._lock:
             while cls._open:
                 cls._open.pop()._discard()
+
+
+def check_folder(path):
+    """ValueError unless a file of this name can be made."""
+    folder = Path(path).absolute().parent
+    if not os.access(folder, os.W_OK | os.X_OK):
+        raise ValueError(f"{folder}: cannot be written to; name a folder that can")
 
 
 def affine(header, shape, field):
