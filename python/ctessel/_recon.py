@@ -1,9 +1,9 @@
 """One run of ``ctessel recon``: what is to be done, whether it fits, and the files it ends in."""
 
+import contextlib
 import os
 import platform
 from dataclasses import dataclass, replace
-from pathlib import Path
 
 import numpy as np
 import scipy
@@ -29,12 +29,17 @@ class Job:
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
     def reconstruct(self, scan, progress):
+        with self._client() as client:
+            return pipeline.reconstruct(scan, self.options, progress, client)
+
+    def _client(self):
         if not (self.arguments.workers or self.arguments.scheduler):
-            return pipeline.reconstruct(scan, self.options, progress)
+            return contextlib.nullcontext()  # Dask takes a second to load
         from . import dask
 
-        with dask.connect(self.arguments.workers, self.arguments.scheduler) as client:
-            return pipeline.reconstruct(scan, self.options, progress, client)
+        # A cancelled run leaves its semaphores to a helper process, which would complain on stderr.
+        os.environ.setdefault("PYTHONWARNINGS", "ignore:resource_tracker")
+        return dask.connect(self.arguments.workers, self.arguments.scheduler)
 
     def write(self, result):
         with nifti.Staged() as files:
@@ -120,10 +125,8 @@ def _check(job):
     """Refuse what does not fit, and folders that cannot be written to, before the work."""
     on_disk = 8 * int(np.prod(job.found.scan.shape, dtype=float)) if job.arguments.scratch else 0
     _memory.check(job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found))
-    for name in (job.arguments.output, job.arguments.preview):
-        folder = Path(name or job.arguments.output).absolute().parent
-        if not os.access(folder, os.W_OK):
-            raise ValueError(f"{folder}: cannot be written to; name another folder")
+    for name in (job.arguments.output, job.arguments.preview or job.arguments.output):
+        nifti.check_folder(name)
 
 
 def report(job):

@@ -26,10 +26,14 @@ class UsageError(Exception):
 
 def main(argv=None):
     """Run the command; returns its exit code. SIGINT and SIGTERM end the process at once."""
+    return _interruptible(lambda: _main(argv))
+
+
+def _main(argv):
     parser = _parser()
     arguments = parser.parse_args(argv)
     try:
-        return _interruptible(lambda: arguments.run(arguments)) or DONE
+        return arguments.run(arguments) or DONE
     except UsageError as error:
         parser.error(str(error))
     except Exception as error:
@@ -95,13 +99,18 @@ def _interruptible(run):
 
 
 def _end(number):
-    from .nifti import Staged
+    import logging
+    import multiprocessing
 
+    logging.disable()  # Dask tells of every process that ends
     for other in (signal.SIGINT, signal.SIGTERM):
         signal.signal(other, signal.SIG_IGN)
-    Staged.discard_all()
-    if workers := sys.modules.get("ctessel.dask"):
-        workers.discard_all()
+    for child in multiprocessing.active_children():
+        child.kill()
+    for name, discard in (("nifti", lambda m: m.Staged.discard_all()), ("dask", lambda m: m.discard_all())):
+        # A module that is not there, or not complete yet, has written nothing.
+        with contextlib.suppress(AttributeError):
+            discard(sys.modules.get(f"ctessel.{name}"))
     print("\nctessel: cancelled, nothing was written", file=sys.stderr, flush=True)
     os._exit(128 + number)
 
@@ -134,7 +143,7 @@ def _add_recon(commands):
     command.add_argument("raw", metavar="RAW.h5")
     command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name,
                          help="NIfTI file; IMAGE.json beside it tells what was done")
-    command.add_argument("--preview", metavar="IMAGE.png", help="also a picture of the slices")
+    command.add_argument("--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices")
     command.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
     _add_steps(command)
     _add_resources(command)
@@ -209,6 +218,12 @@ def _number(kind, accept, what):
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def _png_name(text):
+    if not text.endswith(".png"):
+        raise argparse.ArgumentTypeError(f"{text}: is to be a PNG file; give it a name that ends in .png")
+    return Path(text)
 
 
 def _nifti_name(text):

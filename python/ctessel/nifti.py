@@ -43,11 +43,14 @@ class Staged(contextlib.AbstractContextManager):
     def path(self, final):
         """Where to write what is to become `final`: beside it, hidden, with its endings."""
         final = Path(final)
+        check_folder(final)
         self._names[final] = final.with_name(f".{os.getpid()}-{final.name}")
         return self._names[final]
 
     def commit(self):
         with self._lock:
+            if self not in self._open:
+                return  # the process is about to end
             for final, written in list(self._names.items()):
                 os.replace(written, final)
                 del self._names[final]
@@ -55,7 +58,8 @@ class Staged(contextlib.AbstractContextManager):
     def __exit__(self, *_):
         with self._lock:
             self._discard()
-            self._open.remove(self)
+            if self in self._open:
+                self._open.remove(self)
 
     def _discard(self):
         for written in self._names.values():
@@ -66,8 +70,15 @@ class Staged(contextlib.AbstractContextManager):
     def discard_all(cls):
         """Remove what other threads have not committed, for a process that is about to end."""
         with cls._lock:
-            for files in cls._open:
-                files._discard()
+            while cls._open:
+                cls._open.pop()._discard()
+
+
+def check_folder(path):
+    """ValueError unless a file of this name can be made."""
+    folder = Path(path).absolute().parent
+    if not os.access(folder, os.W_OK | os.X_OK):
+        raise ValueError(f"{folder}: cannot be written to; name a folder that can")
 
 
 def affine(header, shape, field):

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import numpy as np
 
-from . import _ismrmrd
+from . import _ismrmrd, raw
 from ._fourier import to_kspace
 from ._ismrmrd import HEAD
 from .nifti import Staged
@@ -93,24 +93,22 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     ndarray of complex64, ``(x, y, z, slice, echo, repetition)``
         The object, as an image without artefacts or noise shows it.
     """
-    from . import _raw
-
     if kind not in KINDS:
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)
     _check(phantom)
-    lines = list(_measurements(phantom))
-    image = truth(phantom)
+    library, lines, image = raw.library(path), list(_measurements(phantom)), truth(phantom)
     with Staged() as files:
         target = files.path(Path(path))
-        writer = _raw.Writer(str(target), group, _header_text(phantom))
         try:
+            writer = library.Writer(str(target), group, _header_text(phantom))
             for done, (head, samples) in enumerate(_acquisitions(phantom, image, lines), 1):
                 writer.append(np.frombuffer(head.tobytes(), np.uint8), samples)
                 if progress:
                     progress(done, len(lines))
-        finally:
             writer.close()
+        except RuntimeError as error:
+            raise raw.RawError(f"{path}: cannot be written ({error}); check folder and free space") from None
         files.commit()
     return image
 

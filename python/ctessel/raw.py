@@ -153,7 +153,8 @@ def mend_memory(found):
             f"--range {axis} {first} {last}, and merge them")
 
 
-def _open(path, group):
+def library(path):
+    """The module that reads and writes raw data files; RawError where it was left out."""
     try:
         from . import _raw
     except ImportError:
@@ -161,6 +162,11 @@ def _open(path, group):
             f"{path}: ctessel was built without raw data; apt-get install libismrmrd-dev libhdf5-dev, "
             "then install ctessel again"
         ) from None
+    return _raw
+
+
+def _open(path, group):
+    _raw = library(path)
     if not os.path.isfile(path):
         code = errno.EISDIR if os.path.isdir(path) else errno.ENOENT
         raise RawError(f"{path}: {os.strerror(code)}; name a raw data file")

@@ -77,9 +77,12 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     one_line("none: cannot be written to")
     assert code("recon", scan, "-o", target, "--geometry", tmp_path / "no.coef") == cli.DEFECT
     one_line("no.coef: No such file")
+    assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
+    one_line("none: cannot be written to")
     assert code("merge", target, "-o", target) == cli.DEFECT
     one_line("is missing")
-    for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--ringing", 2],
+    for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--preview", "i.gif"],
+                  ["recon", scan, "-o", target, "--ringing", 2],
                   ["recon", scan, "-o", target, "--range", "x", 0, 1], ["phantom", "cube", "-o", target]):  # fmt: skip
         assert code(*wrong) == cli.USAGE
     capsys.readouterr()
