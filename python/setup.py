@@ -42,7 +42,7 @@ setup(
     version=version(),
     description="Reconstruction kernels for magnetic-resonance imaging",
     license="BSD-2-Clause",
-    python_requires=">=3.9",
+    python_requires=">=3.10",
     install_requires=["numpy>=1.20"],
     packages=["ctessel"],
     package_data={"ctessel": ["*.pyi", "py.typed"]},

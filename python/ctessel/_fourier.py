@@ -6,7 +6,7 @@ from scipy import fft
 from ._arrays import fftshift, ifftshift, zero_pad
 
 
-def to_image(kspace, axes=(0, 1, 2), threads=None):
+def to_image(kspace, axes=(0, 1, 2), threads=None, overwrite=False):
     """Image of centred k-space: a unitary inverse transform.
 
     Parameters
@@ -17,25 +17,29 @@ def to_image(kspace, axes=(0, 1, 2), threads=None):
         Axes to transform.
     threads : int, optional
         Threads of the transform and of the shifts.
+    overwrite : bool, optional
+        Allow `kspace` to be overwritten, which spares a copy.
 
     Returns
     -------
     ndarray of complex64
         Image in Fortran order, centre at ``N // 2``. Noise keeps its standard deviation.
     """
-    return _transform(fft.ifftn, kspace, axes, threads)
+    return _transform(fft.ifftn, kspace, axes, threads, overwrite)
 
 
-def to_kspace(image, axes=(0, 1, 2), threads=None):
+def to_kspace(image, axes=(0, 1, 2), threads=None, overwrite=False):
     """Centred k-space of an image: undoes `to_image`, with the same parameters."""
-    return _transform(fft.fftn, image, axes, threads)
+    return _transform(fft.fftn, image, axes, threads, overwrite)
 
 
-def _transform(transform, data, axes, threads):
+def _transform(transform, data, axes, threads, overwrite):
     axes = tuple(axis for axis in axes if data.shape[axis] > 1)
     if not axes:
         return np.array(data, np.complex64, order="F")
-    shifted = ifftshift(np.asfortranarray(data), axes, threads=threads)
+    ordered = np.asfortranarray(data)
+    free = (overwrite or not np.may_share_memory(ordered, data)) and ordered.flags.writeable
+    shifted = ifftshift(ordered, axes, inplace=free, threads=threads)
     turned = tuple(data.ndim - 1 - axis for axis in axes)  # SciPy works and returns in C order
     out = transform(shifted.T, axes=turned, norm="ortho", overwrite_x=True, workers=threads).T
     return fftshift(out, axes, inplace=True, threads=threads)

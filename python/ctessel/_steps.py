@@ -107,7 +107,7 @@ def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
     (1999).
     """
     lines = ringing_filter(np.asfortranarray(calibration), window, threads=threads)
-    images = to_image(resize(lines, size, threads), threads=threads)
+    images = to_image(resize(lines, size, threads), threads=threads, overwrite=True)
     combined = pcsos(images, threads=threads)
     empty = combined == 0
     maps = images
@@ -222,8 +222,8 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None):
     data = flip(kspace, mirrored) if mirrored else kspace
     weighted, centre = homodyne.filter(np.asfortranarray(data), threads=threads,
                                        **dict(zip(("kx", "ky", "kz"), usable)))
-    low = to_image(zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads)
-    image = to_image(weighted, threads=threads)
+    low = to_image(zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads, overwrite=True)
+    image = to_image(weighted, threads=threads, overwrite=True)
     if mirrored:
         low, image = flip(low, mirrored), flip(image, mirrored)
     low, image = _cut(low, field), _cut(image, field)

@@ -74,7 +74,8 @@ def test_workers_run_operations_and_whole_scans(client, monkeypatch):
     images = da.from_array(DATA, chunks=CHUNKS)
     same_bits(client.compute(ctessel.dask.sos(images)).result(), ctessel.sos(DATA))
     monkeypatch.setattr(pipeline, "BLOCK", 1)  # one repetition at a time
-    for options in (Options(), Options(regularisation=0.5)):
+    for folder, options in ((client.ctessel_folder, Options()), (None, Options(regularisation=0.5))):
+        monkeypatch.setattr(client, "ctessel_folder", folder)  # None: blocks are sent as messages
         _, under = scan((24, 32, 1), 4, lines(32, 2, 0, 16), slices=3, repetitions=3, noise=0.05)
         seen = []
         got = pipeline.reconstruct(under, options, lambda *done: seen.append(done), client)
@@ -92,13 +93,17 @@ def deadly(number, folder, data):
 
 
 @pytest.mark.filterwarnings("ignore")
-def test_nothing_is_lost_with_a_worker(client, tmp_path):
+def test_nothing_is_lost_with_a_worker(client, tmp_path, monkeypatch):
     blocks = [np.full(1000, i, np.complex64) for i in range(12)]
     tasks = ((i, (i, str(tmp_path), block)) for i, block in enumerate(blocks))
     results = dict(ctessel.dask.run_tasks(client, deadly, tasks))
     assert (tmp_path / "died").exists() and sorted(results) == list(range(12))
     for i, result in results.items():
         np.testing.assert_array_equal(result, blocks[i] * i)
+    (tmp_path / "died").unlink()
+    monkeypatch.setattr(client.cluster.scheduler, "allowed_failures", 0)
+    with pytest.raises(MemoryError, match="give them more"):
+        list(ctessel.dask.run_tasks(client, deadly, [(0, (3, str(tmp_path), blocks[0]))]))
 
 
 def held():
@@ -108,15 +113,13 @@ def held():
 
 
 def test_memory_of_workers_does_not_grow_with_the_scan(client):
-    _, small = scan((96, 96, 1), 8, lines(96, 2, 0, 24), slices=8)
-    options = Options()
+    _, first = scan((96, 96, 1), 8, lines(96, 2, 0, 24), slices=8)
+    pipeline.reconstruct(pipeline.select(first, "slice", 0, 1), client=client)  # workers import what they need
     client.run(lambda: open("/proc/self/clear_refs", "w").write("5"))
     before = max(client.run(held).values())
-    pipeline.reconstruct(small, options, client=client)
-    after = max(client.run(held).values())
-    blocks = 2 + 1  # two sent ahead and one worked on
-    one = pipeline.memory_estimate(small, options) - pipeline.memory_estimate(small, options, 0)
-    assert after - before < blocks * one + (16 << 20)
+    pipeline.reconstruct(first, client=client)
+    block = pipeline.memory_estimate(first) - pipeline.memory_estimate(first, workers=0)
+    assert max(client.run(held).values()) - before < block + (8 << 20)
 
 
 def test_no_scheduler_is_one_line():
