@@ -185,6 +185,13 @@ def _lines(extent, share, step, offset=0):
     return lines[(lines - extent // 2 - offset) % step == 0]
 
 
+def _line_zero(phantom, axis):
+    """The line that the file calls 0: the first one that is measured, as scanners count."""
+    extent = (phantom.size, phantom.size, phantom.partitions)[axis]
+    first = _lines(extent, phantom.partial[axis], 1)[0]
+    return int(min(first, _block(extent, phantom.calibration_lines)[0]) if phantom.calibration else first)
+
+
 def _block(extent, count):
     """Calibration lines around k = 0."""
     count = min(extent, count)
@@ -271,8 +278,9 @@ def _head(phantom, number, flag, y, z, average, s, echo, repetition):
         "center_sample": phantom.size * phantom.oversampling // 2 - first,
         "read_dir": read, "phase_dir": phase, "slice_dir": normal,
         "position": np.asarray(phantom.position) + away * normal,
-        "kspace_encode_step_1": y, "kspace_encode_step_2": z, "average": average, "slice": s,
-        "contrast": echo, "repetition": repetition,
+        "kspace_encode_step_1": y - _line_zero(phantom, 1),
+        "kspace_encode_step_2": z - _line_zero(phantom, 2),
+        "average": average, "slice": s, "contrast": echo, "repetition": repetition,
     }  # fmt: skip
     for name, value in values.items():
         head[name] = value
@@ -292,9 +300,10 @@ def _header_text(phantom):
     field = [n * v for n, v in zip(matrix, phantom.voxel)]
     mode = "interleaved" if phantom.turns else phantom.calibration
     limits = {"x": Limit(0, 0, 0)}
-    for name, n, share in zip("yz", matrix[1:], phantom.partial[1:]):
-        lines = _lines(n, share, 1)
-        limits[name] = Limit(int(lines[0]), int(lines[-1]), n // 2)
+    for axis, name in ((1, "y"), (2, "z")):
+        lines = _lines(matrix[axis], phantom.partial[axis], 1) - _line_zero(phantom, axis)
+        centre = matrix[axis] // 2 - _line_zero(phantom, axis)
+        limits[name] = Limit(int(lines[0]), int(lines[-1]), centre)
     header = Header(
         encoded_matrix=(matrix[0] * phantom.oversampling, *matrix[1:]),
         encoded_fov=(field[0] * phantom.oversampling, *field[1:]),
