@@ -63,7 +63,7 @@ class Job:
 
     def _images(self, image):
         output = self.arguments.output
-        yield output, np.abs(image), "magnitude"
+        yield output, np.abs(image) if np.iscomplexobj(image) else image, "magnitude"
         if self.arguments.combine == "phase":
             base = nifti.base_name(output)
             name = output.with_name(f"{base}_phase{output.name[len(base):]}")

@@ -3,13 +3,14 @@
 import shutil
 import subprocess
 import tracemalloc
+from pathlib import Path
 
 import h5py
 import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _ismrmrd, _raw, cli, nifti, phantom, pipeline, raw
+from ctessel import _ismrmrd, _memory, _raw, cli, nifti, phantom, pipeline, raw
 from ctessel._ismrmrd import HEAD, flag
 from ctessel.scan import Header, Limit, Placement
 
@@ -236,6 +237,14 @@ def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, word
     with pytest.raises(raw.RawError, match=words):
         raw.read(path)
     assert not (tmp_path / "i.nii").exists()
+
+
+def test_free_memory_is_what_the_control_group_leaves(tmp_path):
+    if "0::" not in Path("/proc/self/cgroup").read_text():
+        pytest.skip("no control groups of version 2")
+    for name, text in (("max", "9000"), ("current", "5000"), ("stat", "anon 1\ninactive_file 700")):
+        (tmp_path / f"memory.{name}").write_text(text)
+    assert 4700 in _memory._group_rests(tmp_path)
 
 
 def test_samples_are_in_memory_once(tmp_path):
