@@ -30,7 +30,7 @@ NOISE = flag(19)
 CALIBRATION = flag(20)
 CALIBRATION_AND_IMAGING = flag(21)
 REVERSE = flag(22)
-#: Navigators, phase correction, feedback, dummies, coil correction, phase stabilisation: no image data.
+#: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
 NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
 
 
@@ -62,7 +62,9 @@ def parse(text):
 def _header(root, encoding):
     trajectory = _text(encoding, "trajectory", "cartesian").lower()
     if trajectory != "cartesian":
-        raise DefectError(f'its trajectory is "{trajectory}"', "only Cartesian scans can be reconstructed")
+        raise DefectError(
+            f'its trajectory is "{trajectory}"', "only Cartesian scans can be reconstructed"
+        )
     matrix = _triple(encoding, "encodedSpace/matrixSize", int)
     return Header(
         encoded_matrix=matrix,
@@ -75,7 +77,9 @@ def _header(root, encoding):
             "z": _limit(encoding, "kspace_encoding_step_2", matrix[2]),
         },
         acceleration=tuple(
-            _number(encoding, f"parallelImaging/accelerationFactor/kspace_encoding_step_{i}", int, 1)
+            _number(
+                encoding, f"parallelImaging/accelerationFactor/kspace_encoding_step_{i}", int, 1
+            )
             for i in (1, 2)
         ),
         calibration_mode=_text(encoding, "parallelImaging/calibrationMode", "").lower(),
@@ -141,7 +145,10 @@ def _limit(encoding, name, extent):
 
 def header_text(header, *, coils, counts):
     """Header text of a scan with one encoding; `counts` are the extents of the other counters."""
-    limits = {"kspace_encoding_step_1": header.limits["y"], "kspace_encoding_step_2": header.limits["z"]}
+    limits = {
+        "kspace_encoding_step_1": header.limits["y"],
+        "kspace_encoding_step_2": header.limits["z"],
+    }
     limits.update({name: Limit(0, n - 1, 0) for name, n in counts.items()})
     encoding = {
         "encodedSpace": _space(header.encoded_matrix, header.encoded_fov),
@@ -152,7 +159,9 @@ def header_text(header, *, coils, counts):
     if header.calibration_mode:
         factors = {f"kspace_encoding_step_{i}": n for i, n in enumerate(header.acceleration, 1)}
         encoding["parallelImaging"] = {
-            "accelerationFactor": factors, "calibrationMode": header.calibration_mode}
+            "accelerationFactor": factors,
+            "calibrationMode": header.calibration_mode,
+        }
     root = ElementTree.Element("ismrmrdHeader", xmlns="http://www.ismrm.org/ISMRMRD")
     _add(root, {
         "measurementInformation": {

@@ -8,7 +8,7 @@ class DoesNotFitError(Exception):
 
 
 def available():
-    """Bytes that this process can still get: what is free, or what its control group leaves of it."""
+    """Bytes that this process can still get: what is free, or what its control group leaves."""
     return min([_free(), *_group_rests()])
 
 
@@ -16,7 +16,9 @@ def check(needed, what, mend):
     """Refuse `what`, which needs `needed` bytes, where they are not to be had."""
     rest = available()
     if needed > rest:
-        raise DoesNotFitError(f"{what} needs {text(needed)} of memory, {text(rest)} are free; {mend}")
+        raise DoesNotFitError(
+            f"{what} needs {text(needed)} of memory, {text(rest)} are free; {mend}"
+        )
 
 
 def text(count):
@@ -36,9 +38,11 @@ def _free():
 
 
 def _group_rests(root=Path("/sys/fs/cgroup")):
-    """Rests of the control groups (version 2) that the process is in: batch systems set their limits."""
+    """Rests of the control groups (version 2) of the process: batch systems limit these."""
     try:
-        name = next(n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::"))
+        name = next(
+            n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::")
+        )
     except (OSError, StopIteration):
         return
     group = root / name[3:].lstrip("/")

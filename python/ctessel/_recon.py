@@ -25,7 +25,9 @@ class Job:
     known: bool
 
     def read(self, progress):
-        scan = raw.read(self.found.path, found=self.found, scratch=self.arguments.scratch, progress=progress)
+        scan = raw.read(
+            self.found.path, found=self.found, scratch=self.arguments.scratch, progress=progress
+        )
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
     def reconstruct(self, scan, progress):
@@ -46,8 +48,15 @@ class Job:
             for name, volumes, kind in self._images(result.image):
                 target = files.path(name)
                 sidecar = self._sidecar(result, kind)
-                nifti.write(target, volumes, self.affine, self.known, self._repetition_time(), sidecar,
-                            files.path(nifti.sidecar_path(name)))
+                nifti.write(
+                    target,
+                    volumes,
+                    self.affine,
+                    self.known,
+                    self._repetition_time(),
+                    sidecar,
+                    files.path(nifti.sidecar_path(name)),
+                )
             if self.arguments.preview:
                 save_preview(files.path(self.arguments.preview), result.image, result.field)
             files.commit()
@@ -75,7 +84,9 @@ class Job:
             "SpacingBetweenSlices": header.spacing,
             "ImageType": kind,
             "Sources": [os.path.basename(self.found.path)],
-            "Position": "of the file" if self.known else "not in the file; axial at the isocentre assumed",
+            "Position": "of the file"
+            if self.known
+            else "not in the file; axial at the isocentre assumed",
             "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
             "Steps": result.steps,
             "Parameters": {**result.parameters, "geometry": self.arguments.geometry},
@@ -87,13 +98,18 @@ class Job:
 
 
 def prepare(arguments, part):
-    """A `Job` from the command's arguments; refuses what is not possible before anything is read."""
+    """A `Job` from the command's arguments; refuses what is not possible before any work."""
     coefficients = arguments.geometry and pipeline.read_coefficients(arguments.geometry)
     options = pipeline.Options(
-        combine="pcsos" if arguments.combine == "phase" else "sos", ringing=arguments.ringing,
-        matrix=arguments.pad and tuple(arguments.pad), homodyne=not arguments.no_homodyne,
-        whiten=not arguments.no_noise, regularisation=arguments.regularise,
-        coefficients=coefficients or None, threads=arguments.threads)
+        combine="pcsos" if arguments.combine == "phase" else "sos",
+        ringing=arguments.ringing,
+        matrix=arguments.pad and tuple(arguments.pad),
+        homodyne=not arguments.no_homodyne,
+        whiten=not arguments.no_noise,
+        regularisation=arguments.regularise,
+        coefficients=coefficients or None,
+        threads=arguments.threads,
+    )
     # Slices do not depend on each other, other parts on the calibration or the level of the whole.
     alone = part is not None and part[0] == "slice" and options.regularisation == 0
     found = raw.contents(arguments.raw, group=arguments.group, range=part if alone else None)
@@ -124,16 +140,23 @@ def _geometry(found, options, part):
 def _check(job):
     """Refuse what does not fit, and folders that cannot be written to, before the work."""
     on_disk = 8 * int(np.prod(job.found.scan.shape, dtype=float)) if job.arguments.scratch else 0
-    _memory.check(job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found))
+    _memory.check(
+        job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
+    )
     for name in (job.arguments.output, job.arguments.preview or job.arguments.output):
         nifti.check_folder(name)
 
 
 def report(job):
     """What a job would do, for people."""
-    lines = [*_aligned(raw.facts(job.found)), "", "would be done:", *(f"  {step}" for step in job.steps),
-             f"  memory {_memory.text(job.needed)}, free {_memory.text(_memory.available())}",
-             f"  write {job.arguments.output} and {nifti.sidecar_path(job.arguments.output)}"]
+    lines = [
+        *_aligned(raw.facts(job.found)),
+        "",
+        "would be done:",
+        *(f"  {step}" for step in job.steps),
+        f"  memory {_memory.text(job.needed)}, free {_memory.text(_memory.available())}",
+        f"  write {job.arguments.output} and {nifti.sidecar_path(job.arguments.output)}",
+    ]
     return "\n".join(lines)
 
 
@@ -143,8 +166,12 @@ def information(path, group):
     scan = raw.outline(found)
     lines = _aligned(raw.facts(found))
     try:
-        lines += ["", "ctessel recon would:", *(f"  {step}" for step in pipeline.plan(scan)),
-                  f"  memory {_memory.text(pipeline.memory_estimate(scan))}"]
+        lines += [
+            "",
+            "ctessel recon would:",
+            *(f"  {step}" for step in pipeline.plan(scan)),
+            f"  memory {_memory.text(pipeline.memory_estimate(scan))}",
+        ]
     except ValueError as error:
         lines += ["", f"ctessel recon would refuse it: {error}"]
     return "\n".join(lines)
@@ -159,8 +186,12 @@ def versions():
     """Versions that a result may depend on."""
     import nibabel
 
-    return {"python": platform.python_version(), "numpy": np.__version__, "scipy": scipy.__version__,
-            "nibabel": nibabel.__version__}
+    return {
+        "python": platform.python_version(),
+        "numpy": np.__version__,
+        "scipy": scipy.__version__,
+        "nibabel": nibabel.__version__,
+    }
 
 
 def save_preview(path, image, field):

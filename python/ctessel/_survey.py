@@ -108,10 +108,15 @@ def _roles(heads):
 def _encoding(encodings, heads, imaging):
     spaces = np.unique(heads["encoding_space_ref"])
     if spaces.max() >= len(encodings):
-        raise DefectError(f"an acquisition refers to encoding {spaces.max()}, its header has {len(encodings)}")
+        raise DefectError(
+            f"an acquisition refers to encoding {spaces.max()}, its header has {len(encodings)}"
+        )
     spaces = np.unique(heads["encoding_space_ref"][imaging])
     if spaces.size > 1:
-        raise DefectError("its imaging acquisitions belong to several encodings", "write them to files of their own")
+        raise DefectError(
+            "its imaging acquisitions belong to several encodings",
+            "write them to files of their own",
+        )
     return spaces[0], encodings[spaces[0]]
 
 
@@ -152,11 +157,14 @@ def _has_directions(head):
 
 def _placement(head):
     position, read, phase, normal = (
-        head[name].astype(float) for name in ("position", "read_dir", "phase_dir", "slice_dir"))
+        head[name].astype(float) for name in ("position", "read_dir", "phase_dir", "slice_dir")
+    )
     normal = normal if normal.any() else np.cross(read, phase)
     axes = np.array([read, phase, normal])
     if not np.allclose(axes @ axes.T, np.eye(3), atol=0.02) or not np.isfinite(position).all():
-        raise DefectError("read, phase and slice directions of its acquisitions are not at right angles")
+        raise DefectError(
+            "read, phase and slice directions of its acquisitions are not at right angles"
+        )
     return Placement(position, read, phase, normal)
 
 
@@ -166,9 +174,13 @@ def _restrict(role, header, index, extents, part):
         return
     axis, first, last = part
     if axis not in RANGE_AXES:
-        raise DefectError(f"it cannot be read along {axis}", f"--range takes {', '.join(RANGE_AXES)}")
+        raise DefectError(
+            f"it cannot be read along {axis}", f"--range takes {', '.join(RANGE_AXES)}"
+        )
     if not 0 <= first <= last < extents[axis]:
-        raise DefectError(f"{axis} {first} to {last} is not in it", f"it has {axis} 0 to {extents[axis] - 1}")
+        raise DefectError(
+            f"{axis} {first} to {last} is not in it", f"it has {axis} 0 to {extents[axis] - 1}"
+        )
     kinds = [IMAGING, APART] if axis == "slice" else [IMAGING]
     role[np.isin(role, kinds) & ((index[axis] < first) | (index[axis] > last))] = IGNORED
     index[axis] -= first
@@ -183,7 +195,10 @@ def _coils(heads, role):
     coils = heads["active_channels"][used]
     odd = used[coils != coils[0]]
     if odd.size:
-        raise DefectError(f"acquisition {odd[0]} has {heads['active_channels'][odd[0]]} coils, the first one {coils[0]}")
+        raise DefectError(
+            f"acquisition {odd[0]} has {heads['active_channels'][odd[0]]} coils, "
+            f"the first one {coils[0]}"
+        )
     if coils[0] == 0:
         raise DefectError("its acquisitions have no coils")
     return int(coils[0])
@@ -202,7 +217,8 @@ def _lines(heads, encodings, role):
             if odd.size:
                 raise DefectError(
                     f"acquisition {odd[0]} has line {number[odd[0]]} along {name}, outside the "
-                    f"{extent} encoded lines with centre {header.limits[name].center}")
+                    f"{extent} encoded lines with centre {header.limits[name].center}"
+                )
     return y, z
 
 
@@ -244,7 +260,9 @@ def _scan_places(heads, role, header, coils, index):
     _check_complete(times > 0)
     _check_pattern(times > 0)
     shape = (header.encoded_matrix[0], *shape[:2], coils, *shape[2:])
-    return Places(shape, which, x, index["y"], index["z"], *(index[name] for name in RANGE_AXES), times)
+    return Places(
+        shape, which, x, index["y"], index["z"], *(index[name] for name in RANGE_AXES), times
+    )
 
 
 def _readouts(heads, header, which):
@@ -256,7 +274,8 @@ def _readouts(heads, header, which):
     extent = header.encoded_matrix[0]
     samples, pre, post, centre = (
         heads[field].astype(int)
-        for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample"))
+        for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
+    )
     centre = np.where(centre > 0, centre, samples // 2)
     reverse = heads["flags"] & REVERSE != 0
     first = extent // 2 + np.where(reverse, centre - samples + post, pre - centre)
@@ -264,16 +283,20 @@ def _readouts(heads, header, which):
     odd = np.flatnonzero(which & ((first < 0) | (first + length > extent) | (length < 1)))
     if odd.size:
         i = odd[0]
-        raise DefectError(f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, "
-                          f"which do not fit the {extent} samples of the encoded matrix")
+        raise DefectError(
+            f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, "
+            f"which do not fit the {extent} samples of the encoded matrix"
+        )
     one = np.flatnonzero(which)[0]
     odd = np.flatnonzero(which & ((first != first[one]) | (length != length[one])))
     if odd.size:
         i = odd[0]
         apart = heads["contrast"][i] != heads["contrast"][one]
         raise DefectError(
-            f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, which cover another part of "
-            "k-space than the first ones", *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []))
+            f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, which cover "
+            "another part of k-space than the first ones",
+            *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []),
+        )
     header.limits["x"] = Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
     return first
 
@@ -291,7 +314,10 @@ def _check_complete(measured):
     mend = "convert the scanner's data again"
     if whole.size and (np.diff(whole) == 1).all():
         mend = f"leave it out with --range repetition {whole[0]} {whole[-1]}"
-    raise DefectError(f"slice {s}, echo {e}, repetition {r} has {count[s, e, r]} lines, others {count.max()}", mend)
+    raise DefectError(
+        f"slice {s}, echo {e}, repetition {r} has {count[s, e, r]} lines, others {count.max()}",
+        mend,
+    )
 
 
 def _check_pattern(measured):
@@ -299,8 +325,10 @@ def _check_pattern(measured):
     odd = np.argwhere((measured != measured[:, :, :1, :1]).any((0, 1)))
     if odd.size:
         s, e, r = odd[0]
-        raise DefectError(f"slice {s}, echo {e}, repetition {r} has other lines than slice 0, echo 0",
-                          "reconstruct slices and echoes one at a time with --range")
+        raise DefectError(
+            f"slice {s}, echo {e}, repetition {r} has other lines than slice 0, echo 0",
+            "reconstruct slices and echoes one at a time with --range",
+        )
 
 
 def _apart_places(heads, role, encodings, header, coils, index, slices):

@@ -52,15 +52,24 @@ def _explain(error):
     if isinstance(error, DoesNotFitError):
         return MEMORY, text
     if isinstance(error, MemoryError):
-        return MEMORY, f"out of memory{f' ({text})' if text else ''}; use fewer --workers, --scratch or --range"
+        return (
+            MEMORY,
+            f"out of memory{f' ({text})' if text else ''}; use fewer --workers, --scratch or --range",
+        )
     if isinstance(error, ModuleNotFoundError):
         package = error.name.split(".")[0]
         return DEFECT, f"needs the Python package {package}; apt-get install python3-{package}"
     if isinstance(error, OSError) and error.strerror:
-        return DEFECT, f"{error.filename or 'output'}: {error.strerror}; check name, permissions and free space"
+        return (
+            DEFECT,
+            f"{error.filename or 'output'}: {error.strerror}; check name, permissions and free space",
+        )
     if isinstance(error, (ValueError, ConnectionError)):
         return DEFECT, text
-    return FAULT, f"fault of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where"
+    return (
+        FAULT,
+        f"fault of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where",
+    )
 
 
 class _CancelledError(BaseException):
@@ -107,7 +116,10 @@ def _end(number):
         signal.signal(other, signal.SIG_IGN)
     for child in multiprocessing.active_children():
         child.kill()
-    for name, discard in (("nifti", lambda m: m.Staged.discard_all()), ("dask", lambda m: m.discard_all())):
+    for name, discard in (
+        ("nifti", lambda m: m.Staged.discard_all()),
+        ("dask", lambda m: m.discard_all()),
+    ):
         # A module that is not there, or not complete yet, has written nothing.
         with contextlib.suppress(AttributeError):
             discard(sys.modules.get(f"ctessel.{name}"))
@@ -122,8 +134,11 @@ def _parser():
     from . import __version__
 
     parser = argparse.ArgumentParser(
-        prog="ctessel", description="From MRI raw data to images.", epilog=EXIT_CODES,
-        formatter_class=argparse.RawDescriptionHelpFormatter)
+        prog="ctessel",
+        description="From MRI raw data to images.",
+        epilog=EXIT_CODES,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
     parser.add_argument("--version", action="version", version=f"ctessel {__version__}")
     commands = parser.add_subparsers(metavar="COMMAND", required=True)
     for add in (_add_recon, _add_info, _add_merge, _add_phantom):
@@ -132,34 +147,72 @@ def _parser():
 
 
 def _command(commands, name, run, text):
-    command = commands.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".",
-                                  epilog=EXIT_CODES, formatter_class=argparse.RawDescriptionHelpFormatter)
+    command = commands.add_parser(
+        name,
+        help=text,
+        description=text[0].upper() + text[1:] + ".",
+        epilog=EXIT_CODES,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
     command.set_defaults(run=run)
     return command
 
 
 def _add_recon(commands):
-    command = _command(commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD)")
+    command = _command(
+        commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD)"
+    )
     command.add_argument("raw", metavar="RAW.h5")
-    command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name,
-                         help="NIfTI file; IMAGE.json beside it tells what was done")
-    command.add_argument("--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices")
-    command.add_argument("--dry-run", action="store_true", help="say what would be done, and do nothing")
+    command.add_argument(
+        "-o",
+        "--output",
+        required=True,
+        metavar="IMAGE.nii.gz",
+        type=_nifti_name,
+        help="NIfTI file; IMAGE.json beside it tells what was done",
+    )
+    command.add_argument(
+        "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
+    )
+    command.add_argument(
+        "--dry-run", action="store_true", help="say what would be done, and do nothing"
+    )
     _add_steps(command)
     _add_resources(command)
 
 
 def _add_steps(command):
     steps = command.add_argument_group("steps")
-    steps.add_argument("--ringing", type=_share, default=0.0, metavar="S",
-                       help="filter against ringing, strength 0 (none, the default) to 0.915")
-    steps.add_argument("--pad", type=_positive, nargs=3, metavar=("X", "Y", "Z"),
-                       help="voxels of the image; more than were measured interpolate by zero filling")
-    steps.add_argument("--regularise", type=_level, default=0.0, metavar="SCALE",
-                       help="regularise SENSE; 1 trusts the level of the calibration image")
-    steps.add_argument("--geometry", metavar="FILE", help="correct the geometry with gradient coefficients")
-    steps.add_argument("--combine", choices=("sos", "phase"), default="sos",
-                       help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians")
+    steps.add_argument(
+        "--ringing",
+        type=_share,
+        default=0.0,
+        metavar="S",
+        help="filter against ringing, strength 0 (none, the default) to 0.915",
+    )
+    steps.add_argument(
+        "--pad",
+        type=_positive,
+        nargs=3,
+        metavar=("X", "Y", "Z"),
+        help="voxels of the image; more than were measured interpolate by zero filling",
+    )
+    steps.add_argument(
+        "--regularise",
+        type=_level,
+        default=0.0,
+        metavar="SCALE",
+        help="regularise SENSE; 1 trusts the level of the calibration image",
+    )
+    steps.add_argument(
+        "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
+    )
+    steps.add_argument(
+        "--combine",
+        choices=("sos", "phase"),
+        default="sos",
+        help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
+    )
     steps.add_argument("--no-homodyne", action="store_true", help="zero-fill partial Fourier scans")
     steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
 
@@ -167,20 +220,30 @@ def _add_steps(command):
 def _add_resources(command):
     resources = command.add_argument_group("resources")
     resources.add_argument("--threads", type=_positive, metavar="N", help="threads of the kernels")
-    resources.add_argument("--range", nargs=3, metavar=("AXIS", "FIRST", "LAST"),
-                           help="only a part along slice, echo or repetition, from 0; see ctessel merge")
-    resources.add_argument("--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory")
+    resources.add_argument(
+        "--range",
+        nargs=3,
+        metavar=("AXIS", "FIRST", "LAST"),
+        help="only a part along slice, echo or repetition, from 0; see ctessel merge",
+    )
+    resources.add_argument(
+        "--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory"
+    )
     resources.add_argument("--workers", type=_positive, metavar="N", help="processes to start here")
     resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
     _add_group(resources)
 
 
 def _add_group(command):
-    command.add_argument("--group", default="dataset", help="group of the HDF5 file (default: dataset)")
+    command.add_argument(
+        "--group", default="dataset", help="group of the HDF5 file (default: dataset)"
+    )
 
 
 def _add_info(commands):
-    command = _command(commands, "info", info, "tell what is in a raw data file and what would be done with it")
+    command = _command(
+        commands, "info", info, "tell what is in a raw data file and what would be done with it"
+    )
     command.add_argument("raw", metavar="RAW.h5")
     _add_group(command)
 
@@ -198,7 +261,9 @@ def _add_phantom(commands):
     command.add_argument("-o", "--output", metavar="RAW.h5")
     for name in ("size", "coils", "slices", "partitions", "repetitions", "echoes", "averages"):
         command.add_argument(f"--{name}", type=_positive, metavar="N")
-    command.add_argument("--noise", type=_level, metavar="LEVEL", help="standard deviation per sample and part")
+    command.add_argument(
+        "--noise", type=_level, metavar="LEVEL", help="standard deviation per sample and part"
+    )
     command.add_argument("--seed", type=int, metavar="N")
 
 
@@ -222,7 +287,9 @@ _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
 
 def _png_name(text):
     if not text.endswith(".png"):
-        raise argparse.ArgumentTypeError(f"{text}: is to be a PNG file; give it a name that ends in .png")
+        raise argparse.ArgumentTypeError(
+            f"{text}: is to be a PNG file; give it a name that ends in .png"
+        )
     return Path(text)
 
 
@@ -243,8 +310,10 @@ def _range(words):
         return None
     axis, first, last = words
     if axis not in RANGE_AXES or not (first.isdigit() and last.isdigit()) or int(first) > int(last):
-        raise UsageError(f"argument --range: expected {', '.join(RANGE_AXES)} with the first and last position "
-                         f"from 0, got {' '.join(words)}")
+        raise UsageError(
+            f"argument --range: expected {', '.join(RANGE_AXES)} with the first and last position "
+            f"from 0, got {' '.join(words)}"
+        )
     return axis, int(first), int(last)
 
 
@@ -288,11 +357,25 @@ def phantom(arguments):
         print("\n".join(phantoms.KINDS))
         return
     if arguments.kind not in phantoms.KINDS:
-        raise UsageError(f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}")
+        raise UsageError(
+            f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}"
+        )
     if arguments.output is None:
         raise UsageError("the following arguments are required: -o/--output")
-    names = ("size", "coils", "slices", "partitions", "repetitions", "echoes", "averages", "noise", "seed")
-    changes = {name: getattr(arguments, name) for name in names if getattr(arguments, name) is not None}
+    names = (
+        "size",
+        "coils",
+        "slices",
+        "partitions",
+        "repetitions",
+        "echoes",
+        "averages",
+        "noise",
+        "seed",
+    )
+    changes = {
+        name: getattr(arguments, name) for name in names if getattr(arguments, name) is not None
+    }
     with _progress("writing", "acquisitions") as progress:
         phantoms.write(arguments.output, arguments.kind, progress=progress, **changes)
 

@@ -1,7 +1,8 @@
-"""Images in NIfTI files: where their voxels lie in the patient, what was done, and nothing half-written.
+"""Images in NIfTI files: where voxels lie in the patient, what was done, nothing half-written.
 
-A placement is in ISMRMRD's patient axes (left, posterior, superior); NIfTI's point to right, anterior
-and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the placement's position.
+A placement is in ISMRMRD's patient axes (left, posterior, superior); NIfTI's point to right,
+anterior and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the placement's
+position.
 """
 
 import contextlib
@@ -108,12 +109,19 @@ def affine(header, shape, field):
     """
     nx, ny, nz, slices = shape[:4]
     if nz > 1 and slices > 1:
-        raise ValueError("several slabs fit no single file; reconstruct them one at a time, --range slice 0 0")
+        raise ValueError(
+            "several slabs fit no single file; reconstruct them one at a time, --range slice 0 0"
+        )
     size = np.array(field, float) / (nx, ny, nz)
     places = header.placements
-    known = len(places) == slices and (slices == 1 or any(np.any(p.position != places[0].position) for p in places))
+    known = len(places) == slices and (
+        slices == 1 or any(np.any(p.position != places[0].position) for p in places)
+    )
     if known:
-        columns, first = _in_patient(places, size, header.spacing if nz == 1 else 0), places[0].position
+        columns, first = (
+            _in_patient(places, size, header.spacing if nz == 1 else 0),
+            places[0].position,
+        )
     else:
         columns, first = np.diag(size), np.zeros(3)
     matrix = np.eye(4)
@@ -136,12 +144,17 @@ def _step(places):
     positions = np.array([place.position for place in places], float)
     step = (positions[-1] - positions[0]) / (len(places) - 1)
     off = positions - (positions[0] + np.arange(len(places))[:, None] * step)
-    turned = max(np.abs(getattr(p, name) - getattr(places[0], name)).max()
-                 for p in places for name in ("read", "phase", "slice"))
+    turned = max(
+        np.abs(getattr(p, name) - getattr(places[0], name)).max()
+        for p in places
+        for name in ("read", "phase", "slice")
+    )
     if turned > 1e-3 or np.abs(off).max() > 0.02 * np.linalg.norm(step):
         what = "not parallel" if turned > 1e-3 else "unevenly spaced"
-        raise ValueError(f"slices are {what} and fit no single file; reconstruct them one at a time, "
-                         "--range slice 0 0")
+        raise ValueError(
+            f"slices are {what} and fit no single file; reconstruct them one at a time, "
+            "--range slice 0 0"
+        )
     return step
 
 
@@ -217,12 +230,20 @@ def merge(paths, output):
     first, axis = parts[0], parts[0].axis
     data = [_with_axes(np.asanyarray(part.image.dataobj), FILE_AXES[axis] + 1) for part in parts]
     joined = np.concatenate(data, FILE_AXES[axis])
-    sidecar = {**first.sidecar, "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last}}
+    sidecar = {
+        **first.sidecar,
+        "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last},
+    }
     known = bool(first.image.header["sform_code"])
     with Staged() as files:
         target = files.path(output)
-        _save(nibabel.Nifti1Image(joined, first.image.affine), target, first.image.affine, known,
-              float(first.image.header["pixdim"][4]))
+        _save(
+            nibabel.Nifti1Image(joined, first.image.affine),
+            target,
+            first.image.affine,
+            known,
+            float(first.image.header["pixdim"][4]),
+        )
         files.path(sidecar_path(output)).write_text(json.dumps(sidecar, indent=2) + "\n")
         files.commit()
 
@@ -234,14 +255,18 @@ class _Part:
             part = sidecar["Range"]
             self.axis, self.first, self.last = part["Axis"], int(part["First"]), int(part["Last"])
         except (KeyError, TypeError):
-            raise ValueError(f"{path}: is no part; only images made with --range can be merged") from None
+            raise ValueError(
+                f"{path}: is no part; only images made with --range can be merged"
+            ) from None
 
 
 def _part(nibabel, path):
     try:
         return _Part(path, nibabel.load(path), json.loads(sidecar_path(path).read_text()))
     except FileNotFoundError as error:
-        raise ValueError(f"{error.filename or path}: is missing; a part is an image and its .json") from None
+        raise ValueError(
+            f"{error.filename or path}: is missing; a part is an image and its .json"
+        ) from None
     except (nibabel.filebasedimages.ImageFileError, json.JSONDecodeError) as error:
         raise ValueError(f"{path}: cannot be read ({error}); reconstruct this part again") from None
 
@@ -250,16 +275,22 @@ def _check_parts(parts):
     first, following = parts[0], parts[0].first
     for part in parts:
         if part.axis != first.axis or part.sidecar.get("Steps") != first.sidecar.get("Steps"):
-            raise ValueError(f"{part.path}: is of another scan or was reconstructed otherwise than {first.path}")
+            raise ValueError(
+                f"{part.path}: is of another scan or was reconstructed otherwise than {first.path}"
+            )
         if part.first != following:
-            raise ValueError(f"{part.path}: starts at {part.axis} {part.first}, {following} is due; "
-                             "give every part once")
+            raise ValueError(
+                f"{part.path}: starts at {part.axis} {part.first}, {following} is due; "
+                "give every part once"
+            )
         following = part.last + 1
         moved = part.image.affine[:3] - first.image.affine[:3]
         if part.axis == "slice":
             moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
         if np.abs(moved).max() > 0.02:
-            raise ValueError(f"{part.path}: does not lie where {first.path} ends; is it of another scan?")
+            raise ValueError(
+                f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
+            )
 
 
 def _with_axes(data, count):

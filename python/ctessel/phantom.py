@@ -67,7 +67,9 @@ KINDS = {
     "echoes": Phantom(echoes=3),
     "averages": Phantom(averages=4, noise=0.05),
     "3d": Phantom(partitions=16, size=64, partial=(1.0, 1.0, 0.75)),
-    "3d-undersampled": Phantom(partitions=24, size=64, reduction=(2, 2), calibration="embedded", calibration_lines=16),
+    "3d-undersampled": Phantom(
+        partitions=24, size=64, reduction=(2, 2), calibration="embedded", calibration_lines=16
+    ),
     "oblique": Phantom(slices=3, tilt=(30.0, 20.0), position=(12.0, -30.0, 45.0)),
 }
 
@@ -108,14 +110,24 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
                     progress(done, len(lines))
             writer.close()
         except RuntimeError as error:
-            raise raw.RawError(f"{path}: cannot be written ({error}); check folder and free space") from None
+            raise raw.RawError(
+                f"{path}: cannot be written ({error}); check folder and free space"
+            ) from None
         files.commit()
     return image
 
 
 def _check(phantom):
-    least = {"size": 16, "coils": 1, "partitions": 1, "slices": 1, "echoes": 1, "repetitions": 1,
-             "averages": 1, "oversampling": 1}
+    least = {
+        "size": 16,
+        "coils": 1,
+        "partitions": 1,
+        "slices": 1,
+        "echoes": 1,
+        "repetitions": 1,
+        "averages": 1,
+        "oversampling": 1,
+    }
     for name, n in least.items():
         if getattr(phantom, name) < n:
             raise ValueError(f"{name}: expected at least {n}, got {getattr(phantom, name)}")
@@ -138,26 +150,30 @@ def _grid(shape):
 
 
 def _object(shape, index, slices):
-    """Ellipses and bars with a smooth phase, which shrink towards the outer slices or partitions."""
+    """Ellipses and bars with a smooth phase, smaller in the outer slices or partitions."""
     x, y, z = _grid(shape)
     away = (index - (slices - 1) / 2) / slices if slices > 1 else z * 1.2
     r = np.maximum(1 - away**2, 0)
     body = 1.0 * ((x / 0.75) ** 2 + (y / 0.85) ** 2 < r)
     body -= 0.5 * ((x - 0.2) ** 2 + (y + 0.25) ** 2 < 0.05 * r)
     body += 0.4 * (((x + 0.25) / 0.5) ** 2 + (y - 0.3) ** 2 < 0.06 * r)
-    bars = (np.abs(x + 0.3) < 0.2) & (np.abs(y + 0.3) < 0.25) & (np.floor(y * shape[1] / 4) % 2 == 0)
+    bars = (
+        (np.abs(x + 0.3) < 0.2) & (np.abs(y + 0.3) < 0.25) & (np.floor(y * shape[1] / 4) % 2 == 0)
+    )
     return (body + 0.3 * bars * (body > 0)) * np.exp(1j * (0.5 + 0.8 * x + 0.6 * y * y))
 
 
 def _coil_maps(shape, coils):
-    """Smooth sensitivities of coils around the object, ``(x, y, z, coil)``; their squares sum to 1."""
+    """Smooth sensitivities around the object, ``(x, y, z, coil)``; their squares sum to 1."""
     x, y, z = _grid(shape)
     maps = []
     for c in range(coils):
         angle = 2 * np.pi * c / coils
         height = 0.8 * (-1) ** c if shape[2] > 1 else 0.0
         away = (x - 1.2 * np.cos(angle)) ** 2 + (y - 1.2 * np.sin(angle)) ** 2 + (z - height) ** 2
-        maps.append(np.exp(-away / 1.5 + 1j * (angle + 0.7 * x * np.sin(angle) - 0.7 * y * np.cos(angle))))
+        maps.append(
+            np.exp(-away / 1.5 + 1j * (angle + 0.7 * x * np.sin(angle) - 0.7 * y * np.cos(angle)))
+        )
     maps = np.stack(maps, -1)
     return maps / np.sqrt((np.abs(maps) ** 2).sum(-1, keepdims=True))
 
@@ -167,6 +183,13 @@ def _lines(extent, share, step, offset=0):
     kept = max(extent // 2 + 1, min(extent, round(abs(share) * extent)))
     lines = np.arange(kept) + (extent - kept if share > 0 else 0)
     return lines[(lines - extent // 2 - offset) % step == 0]
+
+
+def _line_zero(phantom, axis):
+    """The line that the file calls 0: the first one that is measured, as scanners count."""
+    extent = (phantom.size, phantom.size, phantom.partitions)[axis]
+    first = _lines(extent, phantom.partial[axis], 1)[0]
+    return int(min(first, _block(extent, phantom.calibration_lines)[0]) if phantom.calibration else first)
 
 
 def _block(extent, count):
@@ -180,20 +203,33 @@ def _measurements(phantom):
     ny, nz = phantom.size, phantom.partitions
     if phantom.noise_scan:
         yield "noise", 0, 0, 0, 0, 0, 0
-    block = [(y, z) for z in _block(nz, phantom.calibration_lines) for y in _block(ny, phantom.calibration_lines)]
-    order = [*range(0, phantom.slices, 2), *range(1, phantom.slices, 2)]  # interleaved, as scanners do
+    block = [
+        (y, z)
+        for z in _block(nz, phantom.calibration_lines)
+        for y in _block(ny, phantom.calibration_lines)
+    ]
+    order = [
+        *range(0, phantom.slices, 2),
+        *range(1, phantom.slices, 2),
+    ]  # interleaved, as scanners do
     if phantom.calibration == "separate":
         yield from (("apart", y, z, 0, s, 0, 0) for s in order for y, z in block)
     for repetition in range(phantom.repetitions):
         offset = repetition % phantom.reduction[0] if phantom.turns else 0
         y_lines = _lines(ny, phantom.partial[1], phantom.reduction[0], offset)
-        lines = {(y, z): "" for z in _lines(nz, phantom.partial[2], phantom.reduction[1]) for y in y_lines}
+        lines = {
+            (y, z): ""
+            for z in _lines(nz, phantom.partial[2], phantom.reduction[1])
+            for y in y_lines
+        }
         if phantom.calibration == "embedded":
             lines |= {line: "both" if line in lines else "calibration" for line in block}
         for average in range(phantom.averages):
             for s in order:
                 for (y, z), flag in sorted(lines.items()):
-                    yield from ((flag, y, z, average, s, e, repetition) for e in range(phantom.echoes))
+                    yield from (
+                        (flag, y, z, average, s, e, repetition) for e in range(phantom.echoes)
+                    )
 
 
 _FLAGS = {
@@ -242,8 +278,9 @@ def _head(phantom, number, flag, y, z, average, s, echo, repetition):
         "center_sample": phantom.size * phantom.oversampling // 2 - first,
         "read_dir": read, "phase_dir": phase, "slice_dir": normal,
         "position": np.asarray(phantom.position) + away * normal,
-        "kspace_encode_step_1": y, "kspace_encode_step_2": z, "average": average, "slice": s,
-        "contrast": echo, "repetition": repetition,
+        "kspace_encode_step_1": y - _line_zero(phantom, 1),
+        "kspace_encode_step_2": z - _line_zero(phantom, 2),
+        "average": average, "slice": s, "contrast": echo, "repetition": repetition,
     }  # fmt: skip
     for name, value in values.items():
         head[name] = value
@@ -263,9 +300,10 @@ def _header_text(phantom):
     field = [n * v for n, v in zip(matrix, phantom.voxel)]
     mode = "interleaved" if phantom.turns else phantom.calibration
     limits = {"x": Limit(0, 0, 0)}
-    for name, n, share in zip("yz", matrix[1:], phantom.partial[1:]):
-        lines = _lines(n, share, 1)
-        limits[name] = Limit(int(lines[0]), int(lines[-1]), n // 2)
+    for axis, name in ((1, "y"), (2, "z")):
+        lines = _lines(matrix[axis], phantom.partial[axis], 1) - _line_zero(phantom, axis)
+        centre = matrix[axis] // 2 - _line_zero(phantom, axis)
+        limits[name] = Limit(int(lines[0]), int(lines[-1]), centre)
     header = Header(
         encoded_matrix=(matrix[0] * phantom.oversampling, *matrix[1:]),
         encoded_fov=(field[0] * phantom.oversampling, *field[1:]),
@@ -273,6 +311,10 @@ def _header_text(phantom):
         calibration_mode=mode, tr=[500.0], te=[5.0 * (e + 1) for e in range(phantom.echoes)],
         protocol="phantom", patient_position="HFS",
     )  # fmt: skip
-    counts = {"average": phantom.averages, "slice": phantom.slices, "contrast": phantom.echoes,
-              "repetition": phantom.repetitions}
+    counts = {
+        "average": phantom.averages,
+        "slice": phantom.slices,
+        "contrast": phantom.echoes,
+        "repetition": phantom.repetitions,
+    }
     return _ismrmrd.header_text(header, coils=phantom.coils, counts=counts)

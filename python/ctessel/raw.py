@@ -1,8 +1,8 @@
 """Raw data files in ISMRMRD's format: what is in them, and their samples as a `Scan`.
 
-Headers of the acquisitions are read first; they tell the extents, so that a file which is defective,
-or does not fit into memory, is refused before any sample is read. Samples then go block by block to
-their places in one array.
+Headers of the acquisitions are read first; they tell the extents, so that a file which is
+defective, or does not fit into memory, is refused before any sample is read. Samples then go block
+by block to their places in one array.
 """
 
 import errno
@@ -17,7 +17,16 @@ from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Scan
 
-__all__ = ["Contents", "DoesNotFitError", "RawError", "contents", "describe", "facts", "outline", "read"]
+__all__ = [
+    "Contents",
+    "DoesNotFitError",
+    "RawError",
+    "contents",
+    "describe",
+    "facts",
+    "outline",
+    "read",
+]
 
 BLOCK_BYTES = 4 << 20
 
@@ -55,7 +64,7 @@ def read(path, *, group="dataset", range=None, scratch=None, progress=None, foun
     Raises
     ------
     RawError
-        The file is missing, no raw data file, cut short, empty, not Cartesian, or contradicts itself.
+        The file is missing, no raw data, cut short, empty, not Cartesian, or contradicts itself.
     DoesNotFitError
         The samples need more memory than is free.
     """
@@ -86,7 +95,7 @@ def contents(path, *, group="dataset", range=None):
     path = os.fspath(path)
     reader = _open(path, group)
     try:
-        return survey(path, group, parse(reader.header), _heads(reader), range)
+        return survey(path, group, parse(reader.header), _heads(reader, path), range)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
 
@@ -149,8 +158,10 @@ def mend_memory(found):
         return "use a machine with more memory"
     first = found.range[1] if found.range and found.range[0] == axis else 0
     last = first + extents[axis] // 2 - 1
-    return (f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first with "
-            f"--range {axis} {first} {last}, and merge them")
+    return (
+        f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first with "
+        f"--range {axis} {first} {last}, and merge them"
+    )
 
 
 def library(path):
@@ -159,8 +170,8 @@ def library(path):
         from . import _raw
     except ImportError:
         raise RawError(
-            f"{path}: ctessel was built without raw data; apt-get install libismrmrd-dev libhdf5-dev, "
-            "then install ctessel again"
+            f"{path}: ctessel was built without raw data; apt-get install libismrmrd-dev "
+            "libhdf5-dev, then install ctessel again"
         ) from None
     return _raw
 
@@ -196,8 +207,10 @@ def _named(path, error):
     return RawError(f"{path}: {text}")
 
 
-def _heads(reader):
+def _heads(reader, path):
     step = 1 << 14
+    if 32 * len(reader) > os.path.getsize(path):  # no reading of billions that are not there
+        raise DefectError(f"it is too short for its {len(reader)} acquisitions", "copy it again")
     parts = [reader.heads(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
     if not parts:
         raise DefectError("it holds no acquisitions")
@@ -282,7 +295,9 @@ def _calibration_text(found):
     if found.apart:
         lines = int(found.apart.times.any((2, 3, 4)).sum())
         return f"a scan of its own, {lines} lines"
-    return f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
+    return (
+        f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
+    )
 
 
 def _position_text(header):

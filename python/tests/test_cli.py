@@ -17,7 +17,9 @@ from ctessel import _memory, cli, phantom
 @pytest.fixture(scope="module")
 def scan(tmp_path_factory):
     file = tmp_path_factory.mktemp("scan") / "scan.h5"
-    phantom.write(file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0))
+    phantom.write(
+        file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0)
+    )
     return file
 
 
@@ -35,20 +37,43 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     np.testing.assert_allclose(image.get_qform(), image.get_sform(), atol=1e-4)
     assert image.header["qform_code"] == image.header["sform_code"] == 1
     told = json.loads((tmp_path / "i.json").read_text())
-    assert told["RepetitionTime"] == 0.5 and told["EchoTime"] == 0.005 and told["SpacingBetweenSlices"] == pytest.approx(5)
-    assert told["Parameters"]["options"]["regularisation"] == 1 and told["Versions"]["numpy"] == np.__version__
-    assert any("ringing" in step for step in told["Steps"]) and any("SENSE: R = 2" in step for step in told["Steps"])
+    assert (
+        told["RepetitionTime"] == 0.5
+        and told["EchoTime"] == 0.005
+        and told["SpacingBetweenSlices"] == pytest.approx(5)
+    )
+    assert (
+        told["Parameters"]["options"]["regularisation"] == 1
+        and told["Versions"]["numpy"] == np.__version__
+    )
+    assert any("ringing" in step for step in told["Steps"]) and any(
+        "SENSE: R = 2" in step for step in told["Steps"]
+    )
     phase = nibabel.load(tmp_path / "i_phase.nii.gz").get_fdata()
     assert 0 < np.abs(phase).max() <= np.float32(np.pi)
     names = {"i.nii.gz", "i.json", "i_phase.nii.gz", "i_phase.json", "i.png"}
-    assert {p.name for p in tmp_path.iterdir()} == names and (tmp_path / "i.png").stat().st_size > 1000
+    assert {p.name for p in tmp_path.iterdir()} == names and (
+        tmp_path / "i.png"
+    ).stat().st_size > 1000
 
 
-@pytest.mark.parametrize("axis, cuts, scale", [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1)])
+@pytest.mark.parametrize(
+    "axis, cuts, scale",
+    [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1)],
+)
 def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale):
     whole = recon(scan, tmp_path / "whole.nii.gz", "--regularise", scale)
     for first, after in zip(cuts, cuts[1:]):
-        recon(scan, tmp_path / f"part{first}.nii.gz", "--range", axis, first, after - 1, "--regularise", scale)
+        recon(
+            scan,
+            tmp_path / f"part{first}.nii.gz",
+            "--range",
+            axis,
+            first,
+            after - 1,
+            "--regularise",
+            scale,
+        )
     parts = [str(tmp_path / f"part{first}.nii.gz") for first in cuts[-2::-1]]
     assert cli.main(["merge", *parts, "-o", str(tmp_path / "merged.nii")]) == 0
     merged = nibabel.load(tmp_path / "merged.nii")
@@ -89,7 +114,9 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     monkeypatch.setattr(_memory, "available", lambda: 1_000_000)
     assert code("recon", scan, "-o", target) == cli.MEMORY
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
-    assert code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
+    assert (
+        code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
+    )
     monkeypatch.delattr("ctessel._raw")
     monkeypatch.setitem(sys.modules, "ctessel._raw", None)
     assert code("info", scan) == cli.DEFECT
@@ -129,7 +156,9 @@ def test_cancel_leaves_nothing(scan, tmp_path, number, code):
     told = run.communicate()[1]
     assert (run.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
     assert time.monotonic() - before < 5
-    assert [p.name for p in tmp_path.iterdir()] == ["i.nii"] and (tmp_path / "i.nii").read_text() == "older"
+    assert [p.name for p in tmp_path.iterdir()] == ["i.nii"] and (
+        tmp_path / "i.nii"
+    ).read_text() == "older"
 
 
 def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):

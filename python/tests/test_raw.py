@@ -34,7 +34,9 @@ def acquisition(samples=16, coils=2, seed=0, **fields):
 
 
 def write(path, acquisitions, text=None):
-    writer = _raw.Writer(str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={}))
+    writer = _raw.Writer(
+        str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={})
+    )
     for head, samples in acquisitions:
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples))
     writer.close()
@@ -52,11 +54,15 @@ def lines(**fields):
     ("-n 0.001 -C", "", 2e-2),
     ("-n 0.0005 -a 2 -w 16 -r 2 -C", "", 2e-2),
 ], ids=["full", "repetitions", "noise scan left out", "whitened", "undersampled"])  # fmt: skip
-def test_images_of_foreign_files_agree_with_foreign_reconstructions(tmp_path, options, recon, bound):
+def test_images_of_foreign_files_agree_with_foreign_reconstructions(
+    tmp_path, options, recon, bound
+):
     if not shutil.which("ismrmrd_recon_cartesian_2d"):
         pytest.skip("ismrmrd-tools is not installed")
-    for command in (f"ismrmrd_generate_cartesian_shepp_logan -m 64 -c 8 {options} -o raw.h5",
-                    "ismrmrd_recon_cartesian_2d raw.h5"):
+    for command in (
+        f"ismrmrd_generate_cartesian_shepp_logan -m 64 -c 8 {options} -o raw.h5",
+        "ismrmrd_recon_cartesian_2d raw.h5",
+    ):
         subprocess.run(command.split(), cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
     with h5py.File(tmp_path / "raw.h5") as file:
         theirs = file["dataset/cpp/data"][0, 0, 0].T
@@ -87,9 +93,14 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
         wide["discard_pre"], wide["discard_post"], wide["center_sample"] = 3, 1, 11
         wide["average"] = 1
         padding = np.full((1, 2), 1e9, np.complex64)
-        mixed += [(turned, samples[::-1]), (wide, np.concatenate([*[padding] * 3, 2 * samples, padding]))]
+        mixed += [
+            (turned, samples[::-1]),
+            (wide, np.concatenate([*[padding] * 3, 2 * samples, padding])),
+        ]
     scan = raw.read(write(tmp_path / "mixed.h5", mixed))
-    np.testing.assert_array_equal(scan.kspace, np.float32(3) * plain.kspace / np.float32(2))  # once, and twice it
+    np.testing.assert_array_equal(
+        scan.kspace, np.float32(3) * plain.kspace / np.float32(2)
+    )  # once, and twice it
     for y, (_, samples) in enumerate(lines()):
         np.testing.assert_array_equal(plain.kspace[:, y, 0, :, 0, 0, 0], samples)
     assert scan.noise.shape == (32, 2) and plain.noise is None
@@ -106,10 +117,14 @@ def test_calibration_completes_each_image_or_stays_apart(tmp_path):
             *(a for r in range(1, repetitions) for a in measured(0, [4], repetition=r)),
         ]))  # fmt: skip
         assert (scan.calibration is None) == joined
-        assert scan.sampled[:, 0].tolist() == [y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)]
+        assert scan.sampled[:, 0].tolist() == [
+            y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)
+        ]
         if not joined:  # its own grid has k = 0 in the middle
             assert scan.calibration.shape == (16, 3, 1, 2, 1, 1, 1)
-            np.testing.assert_array_equal(scan.calibration[:, 1, 0, :, 0, 0, 0], acquisition(seed=4)[1])
+            np.testing.assert_array_equal(
+                scan.calibration[:, 1, 0, :, 0, 0, 0], acquisition(seed=4)[1]
+            )
 
 
 @pytest.mark.parametrize("read, phase, normal, matrix", [
@@ -120,26 +135,37 @@ def test_calibration_completes_each_image_or_stays_apart(tmp_path):
 ], ids=["axial", "sagittal", "oblique"])  # fmt: skip
 def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
     normal = np.array(normal, float)
-    places = [Placement((10, 20, 30) + 5 * i * normal, np.array(read), np.array(phase), normal) for i in range(3)]
+    places = [
+        Placement((10, 20, 30) + 5 * i * normal, np.array(read), np.array(phase), normal)
+        for i in range(3)
+    ]
     found, known = nifti.affine(header(placements=places), (64, 32, 1, 3), (128, 96, 4))
     assert known
     np.testing.assert_allclose(found[:3], matrix, atol=1e-12)
     slab, _ = nifti.affine(header(placements=places[2:]), (64, 32, 5, 1), (128, 96, 25))
     np.testing.assert_allclose(slab[:3], matrix, atol=1e-12)  # its middle partition is slice 2
-    single, _ = nifti.affine(header(placements=places[:1], spacing=5.0), (64, 32, 1, 1), (128, 96, 4))
+    single, _ = nifti.affine(
+        header(placements=places[:1], spacing=5.0), (64, 32, 1, 1), (128, 96, 4)
+    )
     np.testing.assert_allclose(single[:3], matrix, atol=1e-12)  # the gap counts
 
 
 def test_slices_are_put_in_the_order_of_their_places(tmp_path):
     where = [7.0, 1.0, 4.0]
-    file = write(tmp_path / "s.h5", [a for s, z in enumerate(where) for a in lines(slice=s, position=(0, 0, z), user_int=s)])
+    file = write(
+        tmp_path / "s.h5",
+        [a for s, z in enumerate(where) for a in lines(slice=s, position=(0, 0, z), user_int=s)],
+    )
     scan = raw.read(file)
     assert [p.position[2] for p in scan.header.placements] == [1, 4, 7] and scan.header.spacing == 3
     part = raw.read(file, range=("slice", 1, 2))
     np.testing.assert_array_equal(part.kspace, scan.kspace[:, :, :, :, 1:])
     turned = [Placement(p.position, p.phase, p.read, p.slice) for p in scan.header.placements[:1]]
     uneven = [*scan.header.placements[:2], Placement(np.array([0, 0, 9.0]), *np.eye(3))]
-    for places, words in ((turned + scan.header.placements[1:], "not parallel"), (uneven, "unevenly")):
+    for places, words in (
+        (turned + scan.header.placements[1:], "not parallel"),
+        (uneven, "unevenly"),
+    ):
         with pytest.raises(ValueError, match=words):
             nifti.affine(header(placements=places), (8, 8, 1, 3), (16, 24, 3))
 
