@@ -18,6 +18,7 @@ import contextlib
 import os
 import shutil
 import tempfile
+import uuid
 import warnings
 from dataclasses import dataclass
 
@@ -258,19 +259,22 @@ def run_tasks(client, function, tasks, ahead=2):
     from distributed import as_completed
 
     folder = getattr(client, "ctessel_folder", None)
-    running, finished = {}, as_completed()
+    running, finished, spare = {}, as_completed(), []
     try:
-        for number, (place, arguments) in enumerate(tasks):
-            stored = [_store(folder, f"{id(running)}-{number}-{i}", a) for i, a in enumerate(arguments)]
+        for place, arguments in tasks:
+            stored = [_store(folder, spare, argument) for argument in arguments]
             future = _submit(client, function, stored)
             running[future] = place, stored
             finished.add(future)
             while len(running) >= ahead * max(1, sum(client.nthreads().values())):
-                yield _next(finished, running)
+                yield _next(finished, running, spare)
         while running:
-            yield _next(finished, running)
+            yield _next(finished, running, spare)
     finally:
         client.cancel(list(running))
+        kept = [argument for _, stored in running.values() for argument in stored]
+        for path in spare + [argument.path for argument in kept if isinstance(argument, _Stored)]:
+            os.unlink(path)
 
 
 @dataclass
@@ -285,11 +289,13 @@ class _Stored:
         return np.memmap(self.path, self.dtype, "r", shape=self.shape, order="F").view(np.ndarray)
 
 
-def _store(folder, name, argument):
+def _store(folder, spare, argument):
     if folder is None or not isinstance(argument, np.ndarray) or argument.nbytes < 1 << 16:
         return argument
-    path = os.path.join(folder, name)
-    np.asfortranarray(argument).T.tofile(path)
+    # Files are used again: to write to memory that is there costs a fraction of new memory.
+    path = spare.pop() if spare else os.path.join(folder, uuid.uuid4().hex)
+    with open(path, "r+b" if os.path.exists(path) else "wb") as file:
+        np.asfortranarray(argument).T.tofile(file)
     return _Stored(path, argument.shape, argument.dtype.str)
 
 
@@ -304,7 +310,7 @@ def _run(function, arguments):
     return function(*(a.load() if isinstance(a, _Stored) else a for a in arguments))
 
 
-def _next(finished, running):
+def _next(finished, running, spare):
     from distributed import KilledWorker
 
     future = next(finished)
@@ -315,6 +321,4 @@ def _next(finished, running):
         raise MemoryError("a block has ended several workers, for want of memory perhaps; give them more, "
                           "or start fewer on each machine") from None
     finally:
-        for argument in stored:
-            if isinstance(argument, _Stored):
-                os.unlink(argument.path)
+        spare += [argument.path for argument in stored if isinstance(argument, _Stored)]

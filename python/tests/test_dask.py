@@ -74,13 +74,15 @@ def test_workers_run_operations_and_whole_scans(client, monkeypatch):
     images = da.from_array(DATA, chunks=CHUNKS)
     same_bits(client.compute(ctessel.dask.sos(images)).result(), ctessel.sos(DATA))
     monkeypatch.setattr(pipeline, "BLOCK", 1)  # one repetition at a time
-    for folder, options in ((client.ctessel_folder, Options()), (None, Options(regularisation=0.5))):
+    ctessel_folder = client.ctessel_folder
+    for folder, options in ((ctessel_folder, Options()), (None, Options(regularisation=0.5))):
         monkeypatch.setattr(client, "ctessel_folder", folder)  # None: blocks are sent as messages
         _, under = scan((24, 32, 1), 4, lines(32, 2, 0, 16), slices=3, repetitions=3, noise=0.05)
         seen = []
         got = pipeline.reconstruct(under, options, lambda *done: seen.append(done), client)
         assert seen == [(n, 9) for n in range(1, 10)]
         same_bits(got.image, pipeline.reconstruct(under, options).image)
+    assert os.listdir(ctessel_folder) == []
 
 
 def deadly(number, folder, data):
