@@ -113,6 +113,39 @@ Offsets offsets_of(const std::vector<Axis>& axes, ptrdiff_t index) {
   return o;
 }
 
+ptrdiff_t into_line(const char* p) {
+  return static_cast<ptrdiff_t>(reinterpret_cast<std::uintptr_t>(p) % kLine);
+}
+
+void copy_bytes(char* to, const char* from, ptrdiff_t bytes) {
+  std::memcpy(to, from, static_cast<std::size_t>(bytes));
+}
+
+/// Writes whole lines past the cache, which would read them first.
+void stream_bytes(char* to, const char* from, ptrdiff_t bytes) {
+#ifdef __SSE2__
+  const ptrdiff_t head = std::min(bytes, (kLine - into_line(to)) % kLine);
+  copy_bytes(to, from, head);
+  ptrdiff_t i = head;
+  for (; i + kLine <= bytes; i += kLine) {
+    for (ptrdiff_t k = i; k < i + kLine; k += 16) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(to + k),
+                       _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + k)));
+    }
+  }
+  copy_bytes(to + i, from + i, bytes - i);
+#else
+  copy_bytes(to, from, bytes);
+#endif
+}
+
+/// Others may read what was written past the cache.
+void finish_streams() {
+#ifdef __SSE2__
+  _mm_sfence();
+#endif
+}
+
 // ---- Row by row ----
 
 CTESSEL_CLONES void split_run(const float* pairs, float* re, float* im, ptrdiff_t n) {
@@ -141,7 +174,10 @@ void move_run(const M& m, Offsets o, ptrdiff_t n) {
   } else if constexpr (M::kIns == 2) {
     join_run(floats(m.in[0] + o.from), floats(m.in[1] + o.from), floats(m.out[0] + o.to), n);
   } else {
-    std::memcpy(m.out[0] + o.to, m.in[0] + o.from, static_cast<std::size_t>(n * M::kTo));
+    const ptrdiff_t bytes = n * M::kTo;
+    const bool stream =
+        m.stream && bytes >= 16 * kLine;  // the lines at both ends count little then
+    (stream ? stream_bytes : copy_bytes)(m.out[0] + o.to, m.in[0] + o.from, bytes);
   }
 }
 
@@ -173,6 +209,7 @@ void walk_rows(const M& m, const Axis& row, std::vector<Axis> axes) {
         move_row(m, {from[i], to[i]}, row, std::min(kRow, row.n - (u + k) % pieces * kRow));
       }
     }
+    finish_streams();
   });
 }
 
@@ -285,39 +322,6 @@ CTESSEL_CLONES void turn_words(std::uint32_t, const char* const* rows, ptrdiff_t
 CTESSEL_CLONES void turn_words(std::uint64_t, const char* const* rows, ptrdiff_t n, ptrdiff_t m,
                                char* to, ptrdiff_t pitch) {
   turn<std::uint64_t>(rows, n, m, to, pitch);
-}
-
-ptrdiff_t into_line(const char* p) {
-  return static_cast<ptrdiff_t>(reinterpret_cast<std::uintptr_t>(p) % kLine);
-}
-
-void copy_bytes(char* to, const char* from, ptrdiff_t bytes) {
-  std::memcpy(to, from, static_cast<std::size_t>(bytes));
-}
-
-/// Writes whole lines past the cache, which would read them first.
-void stream_bytes(char* to, const char* from, ptrdiff_t bytes) {
-#ifdef __SSE2__
-  const ptrdiff_t head = std::min(bytes, (kLine - into_line(to)) % kLine);
-  copy_bytes(to, from, head);
-  ptrdiff_t i = head;
-  for (; i + kLine <= bytes; i += kLine) {
-    for (ptrdiff_t k = i; k < i + kLine; k += 16) {
-      _mm_stream_si128(reinterpret_cast<__m128i*>(to + k),
-                       _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + k)));
-    }
-  }
-  copy_bytes(to + i, from + i, bytes - i);
-#else
-  copy_bytes(to, from, bytes);
-#endif
-}
-
-/// Others may read what was written past the cache.
-void finish_streams() {
-#ifdef __SSE2__
-  _mm_sfence();
-#endif
 }
 
 /// Tiles that share their rows: part of the writing run, a long part of the reading run, one entry of
