@@ -83,23 +83,34 @@ struct Turn {
 constexpr Turn kFftshift{TS_fftshift, [](ptrdiff_t n) { return n / 2; }};
 constexpr Turn kIfftshift{TS_ifftshift, [](ptrdiff_t n) { return n - n / 2; }};
 
-/// Copies with all samples moved, around the end to the start, by a distance along every axis.
-void copy_turned(const View& from, const View& to, const std::vector<ptrdiff_t>& distance,
-                 int axis = 0) {
-  while (axis < from.ndim() && distance[static_cast<std::size_t>(axis)] == 0) ++axis;
-  if (axis == from.ndim()) return copy(from, to);
-  const ptrdiff_t m = distance[static_cast<std::size_t>(axis)], k = from.extent(axis) - m;
-  copy_turned(from.slice(axis, 0, k), to.slice(axis, m, k), distance, axis + 1);
-  copy_turned(from.slice(axis, k, m), to.slice(axis, 0, m), distance, axis + 1);
+/// An axis and by how far its samples move, around its end to its start.
+struct Distance {
+  int axis;
+  ptrdiff_t m;
+};
+
+/// The last axis in pieces, so that lines which both of its halves write to stay in the cache.
+void copy_turned(const View& from, const View& to, const std::vector<Distance>& distances,
+                 std::size_t next = 0) {
+  if (next == distances.size()) return copy(from, to);
+  const auto [axis, m] = distances[next];
+  const auto halves = [&, a = axis, n = from.extent(axis), k = m](const View& f, const View& t) {
+    copy_turned(f.slice(a, 0, n - k), t.slice(a, k, n - k), distances, next + 1);
+    copy_turned(f.slice(a, n - k, k), t.slice(a, 0, k), distances, next + 1);
+  };
+  if (next + 1 < distances.size()) return halves(from, to);
+  for_each_piece(cut({from, to}, {axis}, kPiece), [&](const Views& p) { halves(p[0], p[1]); });
 }
 
+/// Axes that are slow in memory come first.
 void shift_into(const View& from, const View& to, const std::vector<int>& axes, const Turn& turn) {
-  std::vector<ptrdiff_t> distance(from.shape.size());
-  for (int axis : axes) {
-    ptrdiff_t& along = distance[static_cast<std::size_t>(axis)];
-    along = (along + turn.distance(from.extent(axis))) % from.extent(axis);
+  std::vector<Distance> distances;
+  for (int axis : from.memory_order()) {
+    const ptrdiff_t n = from.extent(axis), times = std::count(axes.begin(), axes.end(), axis);
+    const ptrdiff_t m = times * turn.distance(n) % n;
+    if (m > 0) distances.insert(distances.begin(), {axis, m});
   }
-  copy_turned(from, to, distance);
+  copy_turned(from, to, distances);
 }
 
 py::object shifted(const Turn& turn, py::handle data, py::handle axes, py::handle out, bool inplace,
