@@ -18,23 +18,19 @@ namespace {
 using Input = FuzzedDataProvider;
 using Floats = std::vector<float>;
 
-std::vector<int> any_dims(Input& input, std::size_t least, int most = 9) {
+/// At least two of them, at most six; their product stays below `room`, so that a run stays short.
+std::vector<int> any_dims(Input& input, std::size_t least, int room = 256) {
   std::vector<int> dims(input.ConsumeIntegralInRange<std::size_t>(least, 6));
-  for (int& d : dims) d = input.ConsumeIntegralInRange(input.ConsumeBool() ? 1 : 0, most);
-  if (input.ConsumeIntegralInRange(0, 7) == 0) dims[0] = input.ConsumeIntegralInRange(10, 70);
+  for (std::size_t d = 0; d < dims.size(); ++d) {
+    const int most = d == 0 && input.ConsumeIntegralInRange(0, 7) == 0 ? 70 : 9;
+    dims[d] = std::min(input.ConsumeIntegralInRange(input.ConsumeBool() ? 1 : 0, most), room);
+    room /= std::max(dims[d], 1);
+  }
   return dims;
 }
 
 std::size_t count(const std::vector<int>& dims) {
   return naive::product(dims.data(), 0, static_cast<int>(dims.size()));
-}
-
-/// The first values are the input's, the others repeat them: long arrays cost few bytes.
-Floats any_floats(Input& input, std::size_t n) {
-  Floats v(n);
-  const std::size_t own = input.ConsumeIntegralInRange<std::size_t>(1, 32);
-  for (std::size_t i = 0; i < n; ++i) v[i] = i < own ? any_float(input) : v[i - own];
-  return v;
 }
 
 /// Imaginary parts, or none.
@@ -54,13 +50,13 @@ void shifts(Input& input) {
   const Floats re = any_floats(input, n), im = any_floats(input, n);
   const bool back = input.ConsumeBool(), direct = input.ConsumeBool(), real = input.ConsumeBool();
   Guarded<float> a(re), b(im);
-  float* imaginary = real ? nullptr : b.data();
+  float *values = n > 0 ? a.data() : nullptr, *imaginary = real || n == 0 ? nullptr : b.data();
   const bool axis = dim >= 1 && dim <= std::min(ndims, 3);
   if (!axis && dim >= 1 && dim <= 3) return;  // an axis that the data do not have
   if (direct && axis) {
-    one_axis[back][dim - 1](a.data(), imaginary, dims.data(), ndims, dim);
+    one_axis[back][dim - 1](values, imaginary, dims.data(), ndims, dim);
   } else {
-    (back ? TS_ifftshift : TS_fftshift)(a.data(), imaginary, dims.data(), ndims, dim);
+    (back ? TS_ifftshift : TS_fftshift)(values, imaginary, dims.data(), ndims, dim);
   }
   const std::size_t N = axis ? static_cast<std::size_t>(dims[dim - 1]) : 1, m = N / 2;
   const auto want = [&](const Floats& v) {
@@ -77,7 +73,7 @@ double any_target(Input& input, int from) {
 }
 
 void zero_pad(Input& input) {
-  std::vector<int> dims = any_dims(input, 2, 5);
+  std::vector<int> dims = any_dims(input, 2, 48);
   const int ndims = static_cast<int>(dims.size()), d2 = ndims > 2 ? dims[2] : 1;
   const int from[] = {dims[0], dims[1], d2};
   double to[3];
@@ -121,7 +117,8 @@ void ringing_filter(Input& input) {
   }
   Floats re = any_floats(input, n), im = any_imaginary(input, n);
   Guarded<float> a(re), b(im);
-  TS_ringing_filter(a.data(), im.empty() ? nullptr : b.data(), ndims, dims.data(), strength, width);
+  TS_ringing_filter(n > 0 ? a.data() : nullptr, im.empty() ? nullptr : b.data(), ndims, dims.data(),
+                    strength, width);
   if (n > 0) {
     naive::ringing_filter(re.data(), pointer(im), first,
                           ndims > 3 ? naive::product(dims.data(), 3, ndims) : 1, strength, width);
@@ -131,7 +128,7 @@ void ringing_filter(Input& input) {
 }
 
 void combination(Input& input) {
-  std::vector<int> dims = any_dims(input, 1, 5);
+  std::vector<int> dims = any_dims(input, 1);
   const int ndims = input.ConsumeBool() ? 10 : static_cast<int>(dims.size());
   dims.resize(10, 1);
   if (ndims == 10) dims[9] = input.ConsumeIntegralInRange(0, 3);
@@ -150,52 +147,104 @@ void combination(Input& input) {
     require(same(out.values(), want) && out.intact(), "sum of squares");
     return;
   }
-  if (dims[9] == 0 || coildim == 10) return;  // the reference divides by the tenth extent
   Guarded<float> a(voxels, 9), b(voxels, 9);
   Floats want_re(voxels), want_im(voxels);
   TS_perform_pcsos(re.data(), pointer(im), ndims, dims.data(), coildim, a.data(), b.data(),
                    outdims.data());
+  require(a.intact() && b.intact(), "guard zones of the combined image");
+  if (dims[9] == 0) {
+    const Floats out = a.values();
+    return require(std::all_of(out.begin(), out.end(), [](float v) { return std::isnan(v); }),
+                   "a mean over nothing");
+  }
+  if (coildim == 10) return;  // not a coil dimension: only the guard zones count
   naive::perform_pcsos(re.data(), pointer(im), dims.data(), coildim, want_re.data(), want_im.data(),
                        voxels);
-  require(same(a.values(), want_re) && a.intact(), "combined real parts");
-  require(same(b.values(), want_im) && b.intact(), "combined imaginary parts");
+  require(same(a.values(), want_re), "combined real parts");
+  require(same(b.values(), want_im), "combined imaginary parts");
 }
 
-/// Weighted corners from the last one inside the volume down; a double beside the sum of its
-/// magnitudes.
-float interpolated(const Floats& v, const float at[3], const int* dims) {
-  const std::ptrdiff_t nx = dims[0], plane = nx * dims[1], total = plane * dims[2];
-  const int i[] = {static_cast<int>(at[0]), static_cast<int>(at[1]), static_cast<int>(at[2])};
-  const double f[] = {static_cast<double>(at[0]) - i[0], static_cast<double>(at[1]) - i[1],
-                      at[2] - static_cast<float>(i[2])};
-  const std::ptrdiff_t base = nx * i[0] + i[1] + plane * i[2];
-  int last = 8;
+/// Corners weighted from the last one before `total` down; every number double or wider.
+template <class Sum, class Values>
+Sum weighted(const Values& v, std::ptrdiff_t base, const double f[3], std::ptrdiff_t nx,
+             std::ptrdiff_t plane, std::ptrdiff_t total) {
   const auto offset = [&](int k) { return base + (k & 1) + (k >> 1 & 1) * nx + (k >> 2) * plane; };
+  int last = 8;
   while (last > 0 && offset(last - 1) >= total) --last;
-  double sum = 0;
+  Sum sum = 0;
   for (int k = 0; k < last; ++k) {
     const double b = k & 1 ? f[1] : 1 - f[1], a = k & 2 ? f[0] : 1 - f[0],
                  c = k & 4 ? f[2] : 1 - f[2];
-    if (offset(k) < total) sum += b * a * c * v[static_cast<std::size_t>(offset(k))];
+    if (offset(k) < static_cast<std::ptrdiff_t>(v.size())) sum += b * a * c * Sum(v[offset(k)]);
   }
-  return static_cast<float>(sum);
+  return sum;
 }
 
 void interpolation(Input& input) {
   int dims[3];
   for (int& d : dims) d = input.ConsumeIntegralInRange(1, 5);
-  Floats v = any_floats(input, static_cast<std::size_t>(dims[0] * dims[1] * dims[2]));
-  float at[3];
+  const int nx = dims[0], plane = nx * dims[1], total = plane * dims[2];
+  Floats v = any_floats(input, static_cast<std::size_t>(total));
   const int along[] = {dims[1], dims[0], dims[2]};
-  for (int d = 0; d < 3; ++d)
+  float at[3];
+  int i[3];
+  double f[3];
+  for (int d = 0; d < 3; ++d) {
     at[d] = static_cast<float>(input.ConsumeIntegralInRange(-7, 8 * along[d] + 7)) / 8;
+    i[d] = static_cast<int>(at[d]);
+    f[d] = at[d] - static_cast<float>(i[d]);
+  }
   const Eigen::VectorXi extents = Eigen::Map<Eigen::VectorXi>(dims, 3);
-  const Eigen::VectorXf volume =
-      Eigen::Map<Eigen::VectorXf>(v.data(), static_cast<Eigen::Index>(v.size()));
-  const float want = interpolated(v, at, dims);
+  const Eigen::VectorXf volume = Eigen::Map<Eigen::VectorXf>(v.data(), total);
+  const float want =
+      static_cast<float>(weighted<double>(v, nx * i[0] + i[1] + plane * i[2], f, nx, plane, total));
   require(same(TS_linear_interpolation(v.data(), at[0], at[1], at[2], dims), want), "overload 1");
   require(same(TS_linear_interpolation(v.data(), at[0], at[1], at[2], extents), want), "2");
   require(same(TS_linear_interpolation(volume, at[0], at[1], at[2], extents), want), "3");
+
+  using Complex = std::complex<double>;
+  Eigen::VectorXcd several(input.ConsumeIntegralInRange(0, 2 * total));
+  for (Eigen::Index k = 0; k < several.size(); ++k) several[k] = {v[k % total], any_float(input)};
+  const int base = input.ConsumeIntegralInRange(0, 2 * total),
+            end = input.ConsumeIntegralInRange(0, static_cast<int>(several.size()));
+  const Complex got = TS_linear_interpolation(several, extents, base, f[0], f[1], f[2], plane, end);
+  const Complex sum = weighted<Complex>(several, base, f, nx, plane, end);
+  const auto equal = [](double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); };
+  require(equal(got.real(), sum.real()) && equal(got.imag(), sum.imag()), "complex overload");
+}
+
+template <class T>
+void find(Input& input) {
+  std::vector<T> a(input.ConsumeIntegralInRange<std::size_t>(0, 40));
+  for (T& v : a) v = static_cast<T>(input.ConsumeIntegralInRange(-1, 40));
+  const T wanted = static_cast<T>(input.ConsumeIntegralInRange(-1, 40));
+  const auto at = std::find(a.begin(), a.end(), wanted);
+  require(TS_find(a.data(), wanted, static_cast<int>(a.size())) ==
+              (at == a.end() ? -1 : static_cast<int>(at - a.begin())),
+          "found");
+}
+
+void rms(Input& input) {
+  Floats re = any_floats(input, input.ConsumeIntegralInRange<std::size_t>(0, 40)),
+         im = any_imaginary(input, re.size());
+  long double sum = 0;
+  for (std::size_t i = 0; i < re.size(); ++i) {
+    sum += static_cast<long double>(re[i]) * re[i];
+    if (!im.empty()) sum += static_cast<long double>(im[i]) * im[i];
+  }
+  const double want = static_cast<double>(std::sqrt(sum / re.size())),
+               got = TS_SA(re.data(), pointer(im), static_cast<int>(re.size()));
+  require(std::isnan(want) ? std::isnan(got) : want == got || std::abs(want - got) < 1e-15 * want,
+          "root mean square");
+}
+
+void grid(Input& input) {
+  const float start = any_float(input), stop = any_float(input);
+  const int n = input.ConsumeIntegralInRange(-3, 70);
+  const std::unique_ptr<float[]> got(TS_linspace(start, stop, n));
+  double value = start;
+  for (int i = 0; i < n; ++i, value += (static_cast<double>(stop) - start) / (n - 1.0))
+    require(same(got[static_cast<std::size_t>(i)], static_cast<float>(value)), "grid");
 }
 
 void helpers(Input& input) {
@@ -203,23 +252,23 @@ void helpers(Input& input) {
   const double whole = x >= 0 ? std::floor(x) + (x - std::floor(x) >= 0.5) : std::ceil(x);
   const bool fits = whole >= INT_MIN && whole <= INT_MAX;
   require(TS_round(x) == (fits ? static_cast<int>(whole) : INT_MIN), "rounded");
-  Floats re = any_floats(input, input.ConsumeIntegralInRange<std::size_t>(0, 40)),
-         im = input.ConsumeBool() ? any_floats(input, re.size()) : Floats();
-  long double sum = 0;
-  for (std::size_t i = 0; i < re.size(); ++i) {
-    sum += static_cast<long double>(re[i]) * re[i];
-    if (!im.empty()) sum += static_cast<long double>(im[i]) * im[i];
+  rms(input);
+  grid(input);
+  find<unsigned short>(input);
+  find<short>(input);
+  find<int>(input);
+  find<unsigned int>(input);
+
+  const int entries = input.ConsumeIntegralInRange(0, 5);
+  Eigen::VectorXi extents(entries), sub(entries);
+  unsigned index = 0;  // from the last dimension down
+  for (int d = entries; d-- > 0;) {
+    extents[d] = input.ConsumeIntegral<int>();
+    sub[d] = input.ConsumeIntegral<int>();
+    index = static_cast<unsigned>(sub[d]) + static_cast<unsigned>(extents[d]) * index;
   }
-  const double rms = static_cast<double>(std::sqrt(sum / re.size())),
-               got = TS_SA(re.data(), pointer(im), static_cast<int>(re.size()));
-  require(std::isnan(rms) ? std::isnan(got) : rms == got || std::abs(rms - got) < 1e-15 * rms,
-          "root mean square");
-  std::vector<int> a(input.ConsumeIntegralInRange<std::size_t>(0, 40));
-  for (int& v : a) v = input.ConsumeIntegralInRange(0, 40);
-  const auto found = std::find(a.begin(), a.end(), 7);
-  require(TS_find(a.data(), 7, static_cast<int>(a.size())) ==
-              (found == a.end() ? -1 : static_cast<int>(found - a.begin())),
-          "found");
+  require(TS_sub2ind(extents, sub) == static_cast<int>(index), "linear index");
+
   const float A[] = {any_float(input), any_float(input)},
               B[] = {any_float(input), any_float(input)};
   const double pos = any_float(input),
@@ -338,7 +387,7 @@ void sense_steps(Input& input) {
                                                         want_re.data(), want_im.data()),
           "status of the unfolding");
   require(re.intact() && im.intact(), "guard zones of the image");
-  const double bound = 1e-5 * sum(fold_re, fold_im) * want.cwiseAbs().sum();
+  const double bound = sum(fold_re, fold_im) * (1e-5 * want.cwiseAbs().sum() + 1e-43);
   for (std::size_t i = 0; i < pixels; ++i) {
     const float a = re.values()[i], b = want_re[i];
     require((a == static_cast<float>(kUntouched)) == (b == static_cast<float>(kUntouched)),
@@ -349,13 +398,163 @@ void sense_steps(Input& input) {
   }
 }
 
+/// A call of the driver, whose arrays have the sizes that the extents say.
+struct Call {
+  enum Part { kFold = 0, kSens = 2, kPsi = 4, kRef = 6, kReg = 8, kOut = 10, kParts = 10 };
+  explicit Call(Input& input) : scale(any_float(input)) {
+    fold.resize(input.ConsumeIntegralInRange<std::size_t>(2, 9), 1);
+    for (std::size_t d = 0; d < fold.size(); ++d) fold[d] = extent(input, d < 4 ? 3 : 2);
+    const auto folded = [&](std::size_t d) { return d < fold.size() ? fold[d] : 1; };
+    full = {folded(0), folded(1) + extent(input, 3) - 1, folded(2) + extent(input, 3) - 1};
+    sens = {extent(input, 5), extent(input, 4), extent(input, 4), folded(3), folded(7)};
+    reg = {sens[0], sens[1], sens[2], folded(7)};
+    ref = {extent(input, 3), extent(input, 3)};
+    psi = {folded(3), folded(3)};
+    out = fold;
+    std::copy_n(full.begin(), std::min<std::size_t>(out.size(), 3), out.begin());
+    if (out.size() > 3) out[3] = 1;
+    fits = fold.size() > 2 || full[2] == 1;
+    if (input.ConsumeIntegralInRange(0, 3) == 0) spoil(input);
+    regularised = input.ConsumeBool();
+  }
+  static int extent(Input& input, int most) {
+    return input.ConsumeIntegralInRange(input.ConsumeIntegralInRange(0, 63) == 0 ? 0 : 1, most);
+  }
+  /// Changes one extent, so that shapes need not fit each other or any memory.
+  void spoil(Input& input) {
+    constexpr int kExtents[] = {-1, 0, 1, 2, 3, 50000, INT_MAX};
+    std::vector<int>* lists[] = {&fold, &sens, &out, &reg, &ref, &psi, &full};
+    std::vector<int>& list = *input.PickValueInArray(lists);
+    list[input.ConsumeIntegralInRange<std::size_t>(0, list.size() - 1)] =
+        input.PickValueInArray(kExtents);
+    fits = false;
+  }
+  /// What is refused before anything is read. Of the maps and the expected magnitude one location
+  /// counts.
+  bool refused() const {
+    const std::vector<int> maps(sens.begin(), sens.begin() + 4),
+        expected(reg.begin(), reg.end() - 1);
+    for (const auto* list : {&fold, &out, &full, &psi, &maps, &ref, &expected}) {
+      if (!regularised && (list == &ref || list == &expected)) continue;
+      double samples = 1;
+      for (int d : *list) samples *= d;
+      if (samples > INT_MAX || *std::min_element(list->begin(), list->end()) < 0) return true;
+    }
+    return false;
+  }
+  /// Small enough to run, with as many locations of everything as the folded data have.
+  bool runs() const {
+    const int locations = fold.size() > 7 ? fold[7] : 1;
+    for (const auto* list : {&fold, &sens, &out, &reg, &ref, &psi, &full})
+      if (*std::max_element(list->begin(), list->end()) > 100) return false;
+    return sens[4] >= locations && reg[3] >= locations && sens[4] >= 0 && reg[3] >= 0;
+  }
+  int operator()(float* const* parts, float* re, float* im) {
+    return TS_sense_recon(parts[kFold], parts[kFold + 1], static_cast<int>(fold.size()),
+                          fold.data(), parts[kSens], parts[kSens + 1], 5, sens.data(), parts[kPsi],
+                          parts[kPsi + 1], 2, psi.data(), full.data(), parts[kRef], parts[kRef + 1],
+                          2, ref.data(), parts[kReg], parts[kReg + 1], 4, reg.data(), scale, re, im,
+                          out.data());
+  }
+  std::vector<int> fold, sens, out, reg, ref, psi, full;
+  double scale;
+  bool fits, regularised;
+};
+
+/// The steps of a call, one volume at a time.
+void recon_by_steps(Call& call, float* const* parts, float* out_re, float* out_im) {
+  const auto folded = [&](std::size_t d) { return d < call.fold.size() ? call.fold[d] : 1; };
+  Eigen::VectorXi fold(4), sens = Eigen::Map<Eigen::VectorXi>(call.sens.data(), 4), slots(4);
+  const Eigen::VectorXi full = Eigen::Map<Eigen::VectorXi>(call.full.data(), 3);
+  Eigen::Vector3f R;
+  double reduction = 1;
+  for (int d = 0; d < 4; ++d) fold[d] = folded(static_cast<std::size_t>(d));
+  for (int d = 0; d < 3; ++d) {
+    R[d] = static_cast<float>(full[d]) / static_cast<float>(fold[d]);
+    reduction *= static_cast<double>(full[d]) / fold[d];
+  }
+  slots << sens[0], static_cast<int>(std::ceil(static_cast<float>(sens[1]) / R[1])),
+      static_cast<int>(std::ceil(static_cast<float>(sens[2]) / R[2])),
+      static_cast<int>(std::ceil(R[1])) * static_cast<int>(std::ceil(R[2])) * sens[3];
+  Eigen::MatrixXcd psi = Eigen::MatrixXcd::Identity(fold[3], fold[3]);
+  for (Eigen::Index k = 0; k < psi.size() && parts[Call::kPsi]; ++k)
+    psi.data()[k] = {parts[Call::kPsi][k], parts[Call::kPsi + 1][k]};
+  const int samples = static_cast<int>(count(call.fold)), voxels = sens.head(3).prod();
+  double ratio = 0;
+  if (call.regularised)
+    ratio = TS_SA(parts[Call::kFold], parts[Call::kFold + 1], samples) / call.scale /
+            TS_SA(parts[Call::kRef], parts[Call::kRef + 1], static_cast<int>(count(call.ref)));
+  const auto at = [&](int part, std::ptrdiff_t n) {
+    return parts[part] ? parts[part] + n : nullptr;
+  };
+  const std::ptrdiff_t middle =
+                           naive::product(call.fold.data(), 4,
+                                          std::min<int>(static_cast<int>(call.fold.size()), 7)),
+                       volumes = samples / fold.prod();
+  Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(slots.prod());
+  for (int l = 0; l < folded(7); ++l) {
+    Eigen::VectorXf expected(call.regularised ? voxels : 0);
+    for (Eigen::Index i = 0; i < expected.size(); ++i) {
+      const double x = parts[Call::kReg][l * voxels + i],
+                   y = parts[Call::kReg + 1] ? parts[Call::kReg + 1][l * voxels + i] : 0;
+      expected[i] = static_cast<float>(std::sqrt(x * x + y * y));
+    }
+    float ey[] = {-1, -1}, ez[] = {-1, -1};
+    get_combination_factors(at(Call::kSens, l * sens.prod()), at(Call::kSens + 1, l * sens.prod()),
+                            sens, psi, R, call.regularised ? ratio * ratio / reduction : 0,
+                            expected, factors, fold, full, ey, ez);
+    for (std::ptrdiff_t v = 0; v < volumes; ++v) {
+      if (v / middle % folded(7) != l) continue;
+      unfold(at(Call::kFold, v * fold.prod()), at(Call::kFold + 1, v * fold.prod()), fold, factors,
+             slots, sens, full, ey, ez, out_re + v * full.prod(), out_im + v * full.prod());
+    }
+  }
+}
+
+void sense_recon(Input& input) {
+  Call call(input);
+  const bool refused = call.refused();
+  if (!refused && !call.runs()) return;
+  float *parts[Call::kParts] = {}, unread = 0;
+  if (refused) {
+    if (call.regularised) parts[Call::kRef] = parts[Call::kReg] = &unread;
+    return require(call(parts, nullptr, nullptr) == -1, "refused");
+  }
+  const std::vector<int>* extents[] = {&call.fold, &call.sens, &call.psi, &call.ref, &call.reg};
+  Floats store[Call::kParts];
+  for (int p = 0; p < Call::kParts; ++p) {
+    const std::size_t n = count(*extents[p / 2]);
+    // The real parts of the covariance may be left out, those of the reference and of the expected
+    // magnitude to switch the regularisation off; the imaginary parts of the covariance may not.
+    const bool present = p == Call::kFold || p == Call::kSens ? true
+                         : p == Call::kPsi + 1                ? parts[Call::kPsi] != nullptr
+                         : p >= Call::kRef && !call.regularised
+                             ? false
+                             : p == Call::kRef || p == Call::kReg || input.ConsumeBool();
+    if (!present) continue;
+    store[p] = any_floats(input, n);
+    parts[p] = n > 0 ? store[p].data() : &unread;
+  }
+  const Floats before(count(call.out), static_cast<float>(kUntouched));
+  Guarded<float> re(before), im(before);
+  const int status = call(parts, re.data(), im.data());
+  require(re.intact() && im.intact(), "guard zones of the output");
+  require(status == 1 || status == -1, "status");
+  const auto empty = [](const std::vector<int>& list) { return count(list) == 0; };
+  if (!call.fits || empty(call.fold) || empty(call.sens) || empty(call.full)) return;
+  require(status == 1, "success");
+  Floats want_re = before, want_im = before;
+  recon_by_steps(call, parts, want_re.data(), want_im.data());
+  require(same(re.values(), want_re) && same(im.values(), want_im), "image, by steps");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  constexpr void (*kTargets[])(Input&) = {shifts,        zero_pad, ringing_filter, combination,
-                                          interpolation, helpers,  fold_geometry,  sense_steps};
+  constexpr void (*kTargets[])(Input&) = {shifts,        zero_pad,    ringing_filter,
+                                          combination,   helpers,     interpolation,
+                                          fold_geometry, sense_steps, sense_recon};
   Input input(bytes, size);
-  // The provider takes single values from the end of the bytes.
-  kTargets[input.ConsumeIntegralInRange<std::size_t>(0, std::size(kTargets) - 1)](input);
+  kTargets[static_cast<std::size_t>(start(input)) % std::size(kTargets)](input);
   return 0;
 }
