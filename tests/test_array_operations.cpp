@@ -1,6 +1,4 @@
 // Circular shifts, zero padding and the ringing filter.
-#include <sys/mman.h>
-
 #include <array>
 #include <cmath>
 
@@ -185,54 +183,3 @@ TEST_CASE("TS_ringing_filter: the strength is how far the window falls at its ed
     CHECK((line[13] > 0 && line[13] == Approx(line[3])));
   }
 }
-
-#if __SIZEOF_POINTER__ == 8
-namespace {
-
-/// 3 x 2^30 floats, of which only the pages that hold samples take memory.
-class Sparse {
- public:
-  Sparse()
-      : memory_(mmap(nullptr, kBytes, PROT_READ | PROT_WRITE,
-                     MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)) {
-    REQUIRE(memory_ != MAP_FAILED);
-  }
-  ~Sparse() { munmap(memory_, kBytes); }
-  Sparse(const Sparse&) = delete;
-  Sparse& operator=(const Sparse&) = delete;
-  float* data() { return static_cast<float*>(memory_); }
-
- private:
-  static constexpr std::size_t kBytes = std::size_t{3} << 32;
-  void* memory_;
-};
-
-}  // namespace
-
-TEST_CASE("Padding forms offsets beyond 2^31 samples in 64 bits", "[zero_pad][large]") {
-  Sparse big;
-  float re[] = {1, 2, 3};
-  int dims[] = {1, 1, 1, 3};
-  TS_zero_pad(re, nullptr, 4, dims, 32768, 32768, 1, big.data(), nullptr);
-  const std::size_t volume = std::size_t{1} << 30, centre = 16384 + std::size_t{32768} * 16384;
-  for (std::size_t p = 0; p < 3; ++p) CHECK(big.data()[p * volume + centre] == re[p]);
-}
-
-// A shift touches all that it moves, so that only one that moves nothing can be this large.
-TEST_CASE("Extents whose product overflows int are multiplied in 64 bits", "[shift][sos][large]") {
-  Sparse big;
-  const std::size_t last = (std::size_t{2} << 30) + 5;  // the third coil's sample 5
-  big.data()[5] = 3;
-  big.data()[last] = 4;
-  int dims[] = {1 << 15, 1 << 15, 1, 3, 1, 1, 1, 1, 1, 1}, outdims[] = {8, 1, 1, 1};
-  Guarded<float> sum(8, 0.0f), re(8, 9.0f), im(8, 9.0f);
-  TS_perform_sos(big.data(), nullptr, 4, dims, 4, sum.data(), outdims);
-  TS_perform_pcsos(big.data(), nullptr, 4, dims, 4, re.data(), im.data(), outdims);
-  CHECK(sum.values() == std::vector<float>{0, 0, 0, 0, 0, 5, 0, 0});
-  CHECK(re.values() == sum.values());
-  CHECK((sum.intact() && re.intact() && im.intact()));
-  int none[] = {1 << 20, 1 << 20, 1 << 20, 0};
-  for (int dim : {1, 2, 3}) TS_fftshift(big.data(), nullptr, none, 4, dim);
-  CHECK((big.data()[5] == 3 && big.data()[last] == 4));
-}
-#endif
