@@ -10,9 +10,9 @@
 
 namespace {
 
-void harmonics(FuzzedDataProvider& input) {
-  const int l = input.ConsumeIntegralInRange(0, 40), m = input.ConsumeIntegralInRange(0, l);
-  const float x = static_cast<float>(input.ConsumeIntegral<std::int8_t>()) / 128;
+void harmonics(Input& input) {
+  const int l = input.within(0, 40), m = input.within(0, l);
+  const float x = static_cast<float>(input.any<std::int8_t>()) / 128;
   require(plgndr(l, m, x) == naive::plgndr(l, m, x), "plgndr");
   const float at[] = {any_float(input), any_float(input), any_float(input)};
   float polar[3];
@@ -20,15 +20,14 @@ void harmonics(FuzzedDataProvider& input) {
   const naive::Polar want = naive::polar(at[0], at[1], at[2]);
   require(same(polar[0], want.r) && same(polar[1], want.theta) && same(polar[2], want.phi),
           "polar");
-  const int n = input.ConsumeIntegral<int>();
+  const int n = input.any<int>();
   const float q = any_float(input), r0 = any_float(input);
   const float factor = naive::power(q / r0, n), p = any_float(input), phi = any_float(input);
   require(same(radialFactor(q, r0, n), factor), "radial factor");
   const float angle = static_cast<float>(m) * phi;
   require(same(funcYS(n, m, q, phi, r0, p), std::sin(angle) * (factor * p)), "sine term");
   require(same(funcYC(n, m, q, phi, r0, p), std::cos(angle) * (factor * p)), "cosine term");
-  const int nl = input.ConsumeIntegralInRange(0, 9), nm = input.ConsumeIntegralInRange(0, 9),
-            npts = input.ConsumeIntegralInRange(-1, 12);
+  const int nl = input.within(0, 9), nm = input.within(0, 9), npts = input.within(-1, 12);
   Guarded<float> table(static_cast<std::size_t>(nl * nm * std::max(npts, 0)), 9);
   std::vector<float> entries(table.values());
   create_plgndr_lookup(nl, nm, npts, table.data());
@@ -37,9 +36,8 @@ void harmonics(FuzzedDataProvider& input) {
 }
 
 /// Tables of any size that the routine takes apart, with a mark in front of what it must not read.
-void packing(FuzzedDataProvider& input) {
-  const int nm = input.ConsumeIntegralInRange(0, 12), nn = input.ConsumeIntegralInRange(0, 14),
-            nz = input.ConsumeIntegralInRange(0, 17);
+void packing(Input& input) {
+  const int nm = input.within(0, 12), nn = input.within(0, 14), nz = input.within(0, 17);
   std::vector<float> a(static_cast<std::size_t>(12 * nn)), b(a.size()),
       c(static_cast<std::size_t>(nz)), tesseral[2], zonal;
   for (auto* table : {&a, &b, &c})
@@ -60,15 +58,15 @@ void packing(FuzzedDataProvider& input) {
 }
 
 /// An axis of points, or the terms of a coefficient table, times `scale`.
-std::vector<float> any_values(FuzzedDataProvider& input, std::size_t n, float scale) {
+std::vector<float> any_values(Input& input, std::size_t n, float scale) {
   std::vector<float> v = any_floats(input, n);
   for (float& x : v) x *= scale;
   return v;
 }
 
-void correction(FuzzedDataProvider& input) {
-  const std::size_t n = input.ConsumeIntegralInRange<std::size_t>(0, 20);
-  const bool usual = input.ConsumeBool();
+void correction(Input& input) {
+  const std::size_t n = input.within<std::size_t>(0, 20);
+  const bool usual = input.flag();
   const float r0 = any_float(input), scale = usual ? 1e-3f : any_float(input);
   float cy[14][12], cx[14][12], cz[17][1];
   std::copy_n(any_values(input, 168, scale).data(), 168, cy[0]);
@@ -93,7 +91,7 @@ void correction(FuzzedDataProvider& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  FuzzedDataProvider input(bytes, size);
+  Input input(bytes, size);
   const int choice = start(input);
   if (choice < 160) {
     harmonics(input);
