@@ -2,6 +2,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cmath>
+
 #include "cTessel.h"
 #include "dispatch.h"
 #include "support.h"
@@ -91,7 +93,7 @@ TEST_CASE("Kernels that touch every sample run past 2^31", "[large]") {
   std::fill_n(v, 1 << 19, 2.0f);
   int dims[] = {1 << 12, 1 << 9, 1 << 4, 65}, width[] = {1 << 12, 1 << 9, 1 << 4};
   double flat[] = {0, 0, 0};
-  for (int dim : {1, 2, 3}) TS_fftshift(v, nullptr, dims, 4, dim);
+  TS_fftshift(v, nullptr, dims, 4, 3);
   TS_ringing_filter(v, nullptr, 4, dims, flat, width);
   CHECK(v[last] == 2);
   TS_zero_pad(v + (1 << 20), nullptr, 4, dims, dims[0], dims[1], dims[2], v, nullptr);
@@ -100,4 +102,21 @@ TEST_CASE("Kernels that touch every sample run past 2^31", "[large]") {
   CHECK(v[last] == 0);
 #endif
 }
+
+#ifndef CTESSEL_SANITIZED
+// Some ten seconds, so not among the usual runs: test_large "[.]".
+TEST_CASE("Combinations of coils run past 2^31", "[.][large]") {
+  Mapped big(false);
+  if (!big.ok()) return;
+  float* const v = big.data();
+  std::fill_n(v, 1 << 19, 2.0f);
+  int coils[] = {128, 1 << 14, 1040, 1, 1, 1, 1, 1, 1, 1}, close[] = {1 << 21, 1040};
+  int out[] = {128, 1, 1040}, few[] = {1, 1040};
+  std::vector<float> re(128 * 1040), im(re), sum(1040);
+  TS_perform_pcsos(v, nullptr, 3, coils, 2, re.data(), im.data(), out);
+  TS_perform_sos(v, nullptr, 2, close, 1, sum.data(), few);
+  CHECK(std::count(re.begin(), re.end(), 256.0f) == 128 * 1040);
+  CHECK(std::count(sum.begin(), sum.end(), std::sqrt(8388608.0f)) == 1040);
+}
+#endif
 #endif
