@@ -77,6 +77,7 @@ def survey(path, group, encodings, heads, part=None):
     space, header = _encoding(encodings, heads, role == IMAGING)
     index = {"slice": heads["slice"], "echo": heads["contrast"], "repetition": _repetitions(heads)}
     index = {name: _compact(values, role == IMAGING) for name, values in index.items()}
+    role[(role == APART) & (index["slice"] < 0)] = IGNORED  # calibrates slices that have no images
     _order_slices(heads, role == IMAGING, header, index["slice"])
     extents = {name: int(index[name][role == IMAGING].max()) + 1 for name in RANGE_AXES}
     _restrict(role, header, index, extents, part)
@@ -226,7 +227,8 @@ def _join_calibration(heads, role, flagged, header, space, index):
     """Calibration lines join the images where they complete each of them. `role` is changed.
 
     They stay apart where the file says so, where they repeat lines of the images, which need not
-    have the same contrast, and where some images have fewer of them than others.
+    have the same contrast, where some images have fewer of them than others, and where they belong
+    to echoes or repetitions without images.
     """
     candidates = role == APART
     apart = header.calibration_mode in ("separate", "external")
@@ -234,8 +236,9 @@ def _join_calibration(heads, role, flagged, header, space, index):
     if not apart and candidates.any():
         shape = _image_shape(role == IMAGING, header, index)
         images, lines = (_times(which, index, shape) > 0 for which in (role == IMAGING, candidates))
-        if np.ptp(lines.sum((0, 1))) == 0 and not (images & lines).any():
-            role[candidates] = IMAGING
+        if lines.any() and np.ptp(lines.sum((0, 1))) == 0 and not (images & lines).any():
+            here = _inside([index[name][candidates] for name in RANGE_AXES], shape[2:])
+            role[candidates] = np.where(here, IMAGING, IGNORED)
     return flagged & (role == IMAGING)
 
 
@@ -247,9 +250,13 @@ def _image_shape(which, header, index):
 def _times(which, index, shape):
     """How often each line was measured, (y, z, slice, echo, repetition)."""
     at = [index[name][which] for name in ("y", "z", *RANGE_AXES)]
-    inside = np.all([(a >= 0) & (a < n) for a, n in zip(at, shape)], axis=0)
+    inside = _inside(at, shape)
     flat = np.ravel_multi_index([a[inside] for a in at], shape)
     return np.bincount(flat, minlength=int(np.prod(shape))).reshape(shape)
+
+
+def _inside(at, shape):
+    return np.all([(a >= 0) & (a < n) for a, n in zip(at, shape)], axis=0)
 
 
 def _scan_places(heads, role, header, coils, index):

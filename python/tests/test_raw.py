@@ -151,6 +151,31 @@ def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
     np.testing.assert_allclose(single[:3], matrix, atol=1e-12)  # the gap counts
 
 
+@pytest.mark.parametrize("name, calibrated, joined", [
+    ("slice", (0, 1, 2, 3), True), ("slice", (0, 1, 2, 3), False), ("contrast", (3,), False), ("repetition", (0,), False),
+])  # fmt: skip
+def test_calibration_for_other_images_spoils_none(tmp_path, name, calibrated, joined):
+    """Images have the numbers 1 and 2 of an axis."""
+
+    def measured(ys, number, **fields):
+        return [acquisition(kspace_encode_step_1=y, seed=10 * number + y, **{name: number}, **fields) for y in ys]
+
+    repeated = [3, 5] if joined or name != "slice" else [3, 4, 5]
+    scan = raw.read(write(tmp_path / "c.h5", [
+        *(a for n in (1, 2) for a in measured([0, 2, 4, 6], n)),
+        *(a for n in calibrated for a in measured(repeated, n, flags=flag(20))),
+    ]))  # fmt: skip
+    kspace = np.moveaxis(scan.kspace, {"slice": 4, "contrast": 5, "repetition": 6}[name], 0)
+    want = {y: [acquisition(seed=10 * n + y)[1] for n in (1, 2)] for y in range(8)}
+    for y in (0, 2, 3, 4, 5, 6) if joined else (0, 2, 4, 6):
+        np.testing.assert_array_equal(kspace[:, :, y, 0].reshape(2, 16, 2), want[y])
+    assert (scan.calibration is None) == joined
+    if not joined:
+        lines = np.moveaxis(scan.calibration[:, 0, 0, :, :, 0, 0], 2, 0)
+        own = want[3] if name == "slice" else [acquisition(seed=10 * calibrated[0] + 3)[1]]
+        np.testing.assert_array_equal(lines, own)
+
+
 def test_slices_are_put_in_the_order_of_their_places(tmp_path):
     where = [7.0, 1.0, 4.0]
     file = write(
