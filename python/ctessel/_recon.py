@@ -78,7 +78,9 @@ class Job:
 
     def _sidecar(self, result, kind):
         header = self.found.header
-        echoes = [time / 1000 for time in header.te]
+        axis, first, last = result.selection or ("", 0, 0)
+        times = header.te[first : last + 1] if axis == "echo" else header.te
+        echoes = [time / 1000 for time in times]
         known = {
             "ProtocolName": header.protocol,
             "PatientPosition": header.patient_position,
@@ -166,14 +168,14 @@ def report(job):
 def information(path, group):
     """What is in a raw data file and what `ctessel recon` would do with it, for people."""
     found = raw.contents(path, group=group)
-    scan = raw.outline(found)
+    scan, options = raw.outline(found), pipeline.Options(combine="sos")
     lines = _aligned(raw.facts(found))
     try:
         lines += [
             "",
             "ctessel recon would:",
-            *(f"  {step}" for step in pipeline.plan(scan)),
-            f"  memory {_memory.text(pipeline.memory_estimate(scan) + INTERPRETER)}",
+            *(f"  {step}" for step in pipeline.plan(scan, options)),
+            f"  memory {_memory.text(pipeline.memory_estimate(scan, options) + INTERPRETER)}",
         ]
     except ValueError as error:
         lines += ["", f"ctessel recon would refuse it: {error}"]

@@ -234,6 +234,8 @@ def merge(paths, output):
         **first.sidecar,
         "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last},
     }
+    if axis == "echo":
+        sidecar["EchoTime"] = np.hstack([p.sidecar.get("EchoTime", []) for p in parts]).tolist()
     known = bool(first.image.header["sform_code"])
     with Staged() as files:
         target = files.path(output)

@@ -341,6 +341,10 @@ def _check_calibration(scan, setup):
     if any(p < n for p, n in zip(setup.calibration_pixels, setup.full)):
         raise ValueError("calibration: its field of view is smaller than the image's; expected a "
                          "calibration scan over the whole field")
+    reduction, coils = prod(lattice.reduction for lattice in setup.lattices), scan.kspace.shape[3]
+    if reduction > coils:
+        raise ValueError(f"sampled: R = {reduction} is more than SENSE can unfold with {coils} "
+                         f"coil{'s' * (coils > 1)}; measure more lines, or with more coils")
     shape = _calibration_region(scan, setup.options.calibration_size)[1]
     for axis, lattice, n in zip("yz", setup.lattices, shape):
         if lattice.reduction > 1 and n < FEWEST_LINES:

@@ -59,9 +59,11 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
 
 @pytest.mark.parametrize(
     "axis, cuts, scale",
-    [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1)],
+    [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1), ("echo", [0, 1, 3], 0)],
 )
 def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale):
+    if axis == "echo":
+        phantom.write(scan := tmp_path / "echoes.h5", "echoes", size=16, coils=2)
     whole = recon(scan, tmp_path / "whole.nii.gz", "--regularise", scale)
     for first, after in zip(cuts, cuts[1:]):
         recon(
@@ -79,6 +81,9 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale
     merged = nibabel.load(tmp_path / "merged.nii")
     np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
     np.testing.assert_allclose(merged.affine, whole.affine, atol=1e-4)
+    names = ("merged", "whole", f"part{cuts[1]}")
+    *times, last = (json.loads((tmp_path / f"{name}.json").read_text())["EchoTime"] for name in names)
+    assert times[0] == times[1] and last == (times[0][1:] if axis == "echo" else times[0])
     assert cli.main(["merge", parts[0], parts[0], "-o", str(tmp_path / "twice.nii")]) == cli.DEFECT
     assert not (tmp_path / "twice.nii").exists()
 

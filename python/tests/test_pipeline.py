@@ -290,6 +290,7 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     few = scan((32, 48, 1), 8, lines(48, 2, 0, 4))[1]
     for faulty, options, message in (
         (few, Options(), "at least 8 are needed; add calibration lines"),
+        (scan((16, 48, 1), 1, lines(48, 2, 0, 20))[1], Options(), "R = 2 is more than SENSE can unfold with 1 coil;"),
         (replace(few, sampled=few.sampled & False), Options(), "no line was measured"),
         (full, Options(matrix=(32, 48, 2)), "expected one voxel along z"),
         (full, Options(combine="mean"), 'expected "pcsos" or "sos"'),
