@@ -19,7 +19,8 @@ def noise_covariance(noise, bandwidth_ratio=1.0):
     noise : ndarray of complex64, ``(sample, coil)``
         Samples without signal.
     bandwidth_ratio : float, optional
-        Dwell time of the noise scan over that of the image: variance goes with the bandwidth.
+        Dwell time of the noise scan over that of the image, times its averages: variance goes with
+        the bandwidth.
 
     Returns
     -------

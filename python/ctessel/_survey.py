@@ -88,7 +88,8 @@ def survey(path, group, encodings, heads, part=None):
     marked = np.zeros(scan.times.shape[:2], bool)
     marked[scan.y[calibration_in_scan], scan.z[calibration_in_scan]] = True
     apart = _apart_places(heads, role, encodings, header, coils, index, scan.shape[4])
-    header.noise_bandwidth_ratio = _dwell_ratio(heads, role)
+    averages = float(np.median(scan.times[scan.times > 0]))
+    header.noise_bandwidth_ratio = _dwell_ratio(heads, role) / averages
     return Contents(path, group, header, heads, role, scan, marked, apart, part, extents)
 
 

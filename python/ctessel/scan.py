@@ -43,7 +43,7 @@ class Header:
     te: list[float] = field(default_factory=list)
     protocol: str = ""
     patient_position: str = ""
-    noise_bandwidth_ratio: float = 1.0  # receiver dwell time of the noise scan over that of the image
+    noise_bandwidth_ratio: float = 1.0  # dwell time of the noise scan over that of a line, averages summed
     calibration_fov: tuple[float, float, float] | None = None  # of a separate scan; None: the image's
     spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
 

@@ -87,8 +87,8 @@ def test_phantoms_come_back(tmp_path, kind, bound):
 def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
     plain = raw.read(write(tmp_path / "plain.h5", lines()))
     mixed = [acquisition(flags=flag(23), seed=99)]  # a navigator
-    mixed += [acquisition(32, flags=flag(19), seed=50)]
-    for head, samples in lines()[::-1]:
+    mixed += [acquisition(32, flags=flag(19), seed=50, sample_time_us=6)]
+    for head, samples in lines(sample_time_us=4)[::-1]:
         turned, wide = head.copy(), head.copy()
         turned["flags"] = flag(22)
         wide["discard_pre"], wide["discard_post"], wide["center_sample"] = 3, 1, 11
@@ -105,6 +105,7 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
     for y, (_, samples) in enumerate(lines()):
         np.testing.assert_array_equal(plain.kspace[:, y, 0, :, 0, 0, 0], samples)
     assert scan.noise.shape == (32, 2) and plain.noise is None
+    assert scan.header.noise_bandwidth_ratio == 6 / 4 / 2  # of the mean of two
 
 
 def test_calibration_completes_each_image_or_stays_apart(tmp_path):
