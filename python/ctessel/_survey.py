@@ -141,6 +141,8 @@ def _order_slices(heads, imaging, header, index):
     if not all(_has_directions(heads[i]) for i in first):
         return
     places = [_placement(heads[i]) for i in first]
+    if len(places) > 1 and not np.ptp([np.hstack([*vars(p).values()]) for p in places], 0).any():
+        return  # the file does not tell the slices apart
     along = np.array([p.position @ places[0].slice for p in places])
     order = np.argsort(along, kind="stable")
     steps = np.diff(along[order])

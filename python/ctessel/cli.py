@@ -383,7 +383,9 @@ def _progress(what, unit):
     with tqdm.tqdm(desc=what, unit=f" {unit}", leave=False) as bar:
 
         def show(done, total):
-            bar.total = total
             bar.update(done - bar.n)
+            if bar.total != total:  # shown even if all is done before the next picture is due
+                bar.total = total
+                bar.refresh()
 
         yield show

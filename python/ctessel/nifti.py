@@ -114,9 +114,7 @@ def affine(header, shape, field):
         )
     size = np.array(field, float) / (nx, ny, nz)
     places = header.placements
-    known = len(places) == slices and (
-        slices == 1 or any(np.any(p.position != places[0].position) for p in places)
-    )
+    known = len(places) == slices
     if known:
         columns, first = (
             _in_patient(places, size, header.spacing if nz == 1 else 0),
@@ -149,7 +147,7 @@ def _step(places):
         for p in places
         for name in ("read", "phase", "slice")
     )
-    if turned > 1e-3 or np.abs(off).max() > 0.02 * np.linalg.norm(step):
+    if turned > 1e-3 or np.abs(off).max() >= 0.02 * np.linalg.norm(step):
         what = "not parallel" if turned > 1e-3 else "unevenly spaced"
         raise ValueError(
             f"slices are {what} and fit no single file; reconstruct them one at a time, "
@@ -289,7 +287,7 @@ def _check_parts(parts):
         moved = part.image.affine[:3] - first.image.affine[:3]
         if part.axis == "slice":
             moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
-        if np.abs(moved).max() > 0.02:
+        if part.image.header["sform_code"] and np.abs(moved).max() > 0.02:
             raise ValueError(
                 f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
             )

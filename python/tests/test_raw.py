@@ -189,12 +189,27 @@ def test_slices_are_put_in_the_order_of_their_places(tmp_path):
     np.testing.assert_array_equal(part.kspace, scan.kspace[:, :, :, :, 1:])
     turned = [Placement(p.position, p.phase, p.read, p.slice) for p in scan.header.placements[:1]]
     uneven = [*scan.header.placements[:2], Placement(np.array([0, 0, 9.0]), *np.eye(3))]
+    through_centre = [Placement(np.zeros(3), *np.roll(np.eye(3), i, 0)) for i in range(3)]
     for places, words in (
         (turned + scan.header.placements[1:], "not parallel"),
+        (through_centre, "not parallel"),
         (uneven, "unevenly"),
     ):
         with pytest.raises(ValueError, match=words):
             nifti.affine(header(placements=places), (8, 8, 1, 3), (16, 24, 3))
+
+
+def test_slices_without_places_merge(tmp_path):
+    file = write(tmp_path / "s.h5", [a for s in range(2) for a in lines(slice=s)])
+    for name, part in (("whole", ()), ("a", (0, 0)), ("b", (1, 1))):
+        options = ["--range", "slice", *map(str, part)] if part else []
+        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii", *options]) == 0
+    names = [f"{tmp_path}/{name}.nii" for name in "ab"]
+    assert cli.main(["merge", *names, "-o", f"{tmp_path}/merged.nii"]) == 0
+    merged, whole = (nibabel.load(tmp_path / f"{name}.nii") for name in ("merged", "whole"))
+    np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
+    np.testing.assert_array_equal(merged.affine, whole.affine)
+    assert merged.header["sform_code"] == whole.header["sform_code"] == 0
 
 
 def edit(change):
