@@ -115,9 +115,7 @@ def prepare(arguments, part):
         coefficients=coefficients or None,
         threads=arguments.threads,
     )
-    # Slices do not depend on each other, other parts on the calibration or the level of the whole.
-    alone = part is not None and part[0] == "slice" and options.regularisation == 0
-    found = raw.contents(arguments.raw, group=arguments.group, range=part if alone else None)
+    found, alone = _contents(arguments, part, options)
     scan = raw.outline(found)
     try:
         steps = pipeline.plan(scan, options)
@@ -131,6 +129,20 @@ def prepare(arguments, part):
     if not arguments.dry_run:
         _check(job)
     return job
+
+
+def _contents(arguments, part, options):
+    """What the file holds, and whether of the part alone."""
+    # Slices do not depend on each other, other parts on the calibration or the level of the whole.
+    alone = part is not None and part[0] == "slice" and options.regularisation == 0
+    try:
+        own = part if alone else None
+        return raw.contents(arguments.raw, group=arguments.group, range=own), alone
+    except raw.RawError:
+        if part is None or alone:
+            raise
+        # The part may leave out just what the whole is refused for.
+        return raw.contents(arguments.raw, group=arguments.group, range=part), True
 
 
 def _geometry(found, options, part):

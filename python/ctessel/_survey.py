@@ -80,7 +80,7 @@ def survey(path, group, encodings, heads, part=None):
     role[(role == APART) & (index["slice"] < 0)] = IGNORED  # calibrates slices that have no images
     _order_slices(heads, role == IMAGING, header, index["slice"])
     extents = {name: int(index[name][role == IMAGING].max()) + 1 for name in RANGE_AXES}
-    _restrict(role, header, index, extents, part)
+    _restrict(heads, role, header, index, extents, part)
     coils = _coils(heads, role)
     index["y"], index["z"] = _lines(heads, encodings, role)
     calibration_in_scan = _join_calibration(heads, role, flagged, header, space, index)
@@ -172,8 +172,11 @@ def _placement(head):
     return Placement(position, read, phase, normal)
 
 
-def _restrict(role, header, index, extents, part):
-    """Leave out what is not in `part`: (axis, first, last). Roles and indices are changed."""
+def _restrict(heads, role, header, index, extents, part):
+    """Leave out what is not in `part`: (axis, first, last). Roles and indices are changed.
+
+    Other echoes and repetitions still calibrate.
+    """
     if part is None:
         return
     axis, first, last = part
@@ -186,7 +189,9 @@ def _restrict(role, header, index, extents, part):
             f"{axis} {first} to {last} is not in it", f"it has {axis} 0 to {extents[axis] - 1}"
         )
     kinds = [IMAGING, APART] if axis == "slice" else [IMAGING]
-    role[np.isin(role, kinds) & ((index[axis] < first) | (index[axis] > last))] = IGNORED
+    outside = np.isin(role, kinds) & ((index[axis] < first) | (index[axis] > last))
+    both = heads["flags"] & CALIBRATION_AND_IMAGING != 0
+    role[outside] = np.where(both[outside] & (axis != "slice"), APART, IGNORED)
     index[axis] -= first
     if axis == "slice":
         header.placements = header.placements[first : last + 1]

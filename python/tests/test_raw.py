@@ -177,6 +177,16 @@ def test_calibration_for_other_images_spoils_none(tmp_path, name, calibrated, jo
         np.testing.assert_array_equal(lines, own)
 
 
+def test_calibration_of_the_first_repetition_serves_a_part(tmp_path):
+    file = write(tmp_path / "c.h5", [
+        acquisition(kspace_encode_step_1=y, seed=y, repetition=r, flags=f)
+        for r, f, ys in ((0, flag(20), (3, 5)), (0, flag(21), (4,)), (0, 0, (2, 6)), (1, 0, (2, 4, 6))) for y in ys
+    ])  # fmt: skip
+    scan = raw.read(file, range=("repetition", 1, 1))
+    for i, y in enumerate((3, 4, 5)):
+        np.testing.assert_array_equal(scan.calibration[:, i, 0, :, 0, 0, 0], acquisition(seed=y)[1])
+
+
 def test_slices_are_put_in_the_order_of_their_places(tmp_path):
     where = [7.0, 1.0, 4.0]
     file = write(
@@ -266,6 +276,8 @@ def cut(path):
     (change_head("encoding_space_ref", 1), "refers to encoding 1"),
     (change_head("read_dir", (0, 1, 0), [0]), "right angles"),
     (lambda path: write(path, [*lines(), *lines(repetition=1)[:5]]), "--range repetition 0 0"),
+    (lambda path: write(path, [acquisition(12, kspace_encode_step_1=y, center_sample=4, contrast=e, flags=e * flag(22))
+                               for e in (0, 1) for y in range(8)]), "--range echo 0 0"),
     (lambda path: write(path, [*lines()[:7], acquisition(kspace_encode_step_1=7, seed=7) ]
                         and [(h, s * np.float32(np.nan)) for h, s in lines()]), "not finite"),
 ])  # fmt: skip
@@ -278,6 +290,9 @@ def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, word
     with pytest.raises(raw.RawError, match=words):
         raw.read(path)
     assert not (tmp_path / "i.nii").exists()
+    _, found, mend = told.partition("--range")
+    if found:
+        assert cli.main(["recon", str(path), "-o", f"{tmp_path}/i.nii", found, *mend.split()]) == 0
 
 
 def test_free_memory_is_what_the_control_group_leaves(tmp_path):
