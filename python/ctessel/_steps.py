@@ -157,7 +157,7 @@ def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.
 
     Notes
     -----
-    The kernel weighs with the level of all that it is given. A part of a scan gets the weight of
+    The kernel weighs with the level of all that it is given, coils of both alike. A part of a scan gets the weight of
     the whole by a scale that differs by the ratio of the levels.
 
     References
@@ -170,6 +170,7 @@ def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.
     level = sa(folded) if expected is not None else 0
     if level > 0:
         whole, reference = levels or (level, sa(expected))
+        reference /= np.sqrt(folded.shape[3])  # that of a coil, as the folded level is
         weight = {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32),
                   "scale": strength * level / whole}
     image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)

@@ -191,10 +191,18 @@ def test_partial_and_undersampled(side):
     assert not image.imag.any()
 
 
-def test_regularised_sense_has_less_noise():
+def test_regularised_sense_has_less_noise_and_a_weight_that_does_not_depend_on_the_number_of_coils():
     truth, noisy = scan((32, 48, 1), 6, lines(48, 3, 0, 24), noise=0.1)
-    plain, regular = (pipeline.reconstruct(noisy, Options(regularisation=r)).image for r in (0, 0.5))
+    plain, regular = (pipeline.reconstruct(noisy, Options(regularisation=r)).image for r in (0, 1))
     assert error(regular, truth) < 0.8 * error(plain, truth)
+    lattices, covariance = pipeline.undersampling(noisy.sampled), pipeline.noise_covariance(noisy.noise)
+    folded = pipeline.to_image(pipeline.fold_lines(noisy.kspace[..., 0, 0, 0], lattices))
+    maps, expected = coils((32, 48, 1), 6), np.abs(phantom((32, 48, 1)))
+    single = pipeline.sense(folded, maps, lattices, covariance=covariance, expected=expected)
+    twice = (np.concatenate([a, a], 3) for a in (folded, maps / np.float32(2**0.5)))  # and twice the noise
+    double = pipeline.sense(*twice, lattices, covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
+                            expected=expected * np.float32(2**0.5))
+    np.testing.assert_allclose(double, single * 2**0.5, atol=1e-4)
     with pytest.raises(ValueError, match="needs a noise scan"):
         pipeline.plan(replace(noisy, noise=None), Options(regularisation=1))
 
