@@ -12,7 +12,7 @@ from pathlib import Path
 
 import numpy as np
 
-from . import _ismrmrd, raw
+from . import _ismrmrd, _memory, raw
 from ._fourier import to_kspace
 from ._ismrmrd import HEAD
 from .nifti import Staged
@@ -133,6 +133,12 @@ def _check(phantom):
             raise ValueError(f"{name}: expected at least {n}, got {getattr(phantom, name)}")
     if not 0 <= phantom.noise < np.inf:
         raise ValueError(f"noise: expected a level of at least 0, got {phantom.noise}")
+    samples = phantom.size * phantom.oversampling
+    if max(samples, phantom.coils) > 65535:
+        raise ValueError(f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}")
+    volume = 8 * samples * phantom.size * phantom.partitions * phantom.coils
+    mend = "choose a smaller size, fewer coils or fewer slices"
+    _memory.check((phantom.slices + 3) * volume, "the phantom", mend)
 
 
 def truth(phantom):

@@ -119,6 +119,8 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     monkeypatch.setattr(_memory, "available", lambda: 1_000_000)
     assert code("recon", scan, "-o", target) == cli.MEMORY
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
+    assert code("phantom", "full", "-o", tmp_path / "p.h5") == cli.MEMORY
+    one_line("the phantom needs", "smaller size")
     assert (
         code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
     )
