@@ -181,6 +181,8 @@ def _open(path, group):
     if not os.path.isfile(path):
         code = errno.EISDIR if os.path.isdir(path) else errno.ENOENT
         raise RawError(f"{path}: {os.strerror(code)}; name a raw data file")
+    if os.path.getsize(path) == 0:
+        raise RawError(f"{path}: the file is empty; copy it again")
     try:
         return _raw.Reader(path, group)
     except RuntimeError as error:

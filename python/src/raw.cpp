@@ -72,14 +72,18 @@ void check(herr_t status) {
   if (status < 0) throw std::runtime_error(hdf5_reason());
 }
 
-/// Keeps HDF5 from printing, and one thread at a time in it.
+/// Keeps HDF5 from printing, also of errors that it finds on its stack when the process ends, and one
+/// thread at a time in it.
 class Quiet {
  public:
   Quiet() : guard_(file_lock) {
     H5Eget_auto2(H5E_DEFAULT, &print_, &data_);
     H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
   }
-  ~Quiet() { H5Eset_auto2(H5E_DEFAULT, print_, data_); }
+  ~Quiet() {
+    H5Eclear2(H5E_DEFAULT);
+    H5Eset_auto2(H5E_DEFAULT, print_, data_);
+  }
   Quiet(const Quiet&) = delete;
   Quiet& operator=(const Quiet&) = delete;
 
@@ -95,9 +99,11 @@ class File {
   File(const std::string& path, const std::string& group, bool create) {
     if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
       throw std::runtime_error(library_reason());
-    if (ismrmrd_open_dataset(&set_, create) != ISMRMRD_NOERROR) {
+    try {
+      create ? open_to_write() : open_to_read();
+    } catch (...) {
       free_names();
-      throw std::runtime_error(library_reason());
+      throw;
     }
   }
   ~File() { ismrmrd_close_dataset(&set_); }
@@ -107,6 +113,18 @@ class File {
   const ISMRMRD_Dataset* get() const { return &set_; }
 
  private:
+  void open_to_write() {
+    if (ismrmrd_open_dataset(&set_, true) != ISMRMRD_NOERROR)
+      throw std::runtime_error(library_reason());
+  }
+
+  /// libismrmrd opens for writing, always: that needs the permission, turns an empty file into one of
+  /// HDF5, and locks out others, such as the jobs that reconstruct other parts.
+  void open_to_read() {
+    set_.fileid = H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT);
+    if (set_.fileid < 0) throw std::runtime_error(hdf5_reason());
+  }
+
   void free_names() {
     std::free(set_.filename);
     std::free(set_.groupname);

@@ -2,6 +2,7 @@
 
 import shutil
 import subprocess
+import sys
 import tracemalloc
 from pathlib import Path
 
@@ -293,6 +294,22 @@ def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, word
     _, found, mend = told.partition("--range")
     if found:
         assert cli.main(["recon", str(path), "-o", f"{tmp_path}/i.nii", found, *mend.split()]) == 0
+
+
+def test_reading_changes_no_file_and_locks_nobody_out(tmp_path):
+    """Other processes read at the same time, and say one line about what they cannot read."""
+    whole, empty, short = (tmp_path / name for name in ("whole.h5", "empty.h5", "short.h5"))
+    write(whole, lines())
+    empty.touch()
+    cut(short)
+    before = {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in (whole, empty, short)}
+    held = _raw.Reader(str(whole), "dataset")
+    for path, words in ((whole, ""), (empty, "the file is empty"), (short, "cut short")):
+        command = [sys.executable, "-m", "ctessel", "info", str(path)]
+        told = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True).stderr
+        assert words in told and told.count("\n") == bool(words), told
+    assert len(held) == 8
+    assert before == {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in before}
 
 
 def test_free_memory_is_what_the_control_group_leaves(tmp_path):
