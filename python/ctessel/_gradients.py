@@ -164,10 +164,7 @@ def warp(shape, placement, field, coefficients, position="HFS", intensity=True, 
         Sample positions in voxels.
     factor : ndarray of float32, ``(x, y, z)``, or None
     """
-    if position not in GRADIENT_AXES:
-        raise ValueError(f"position: expected one of {', '.join(GRADIENT_AXES)}, got {position!r}; "
-                         "state how the patient lay")
-    signs = np.reshape(GRADIENT_AXES[position], (3, 1, 1, 1))
+    signs = np.reshape(gradient_axes(position), (3, 1, 1, 1))
     points = signs * voxel_positions(shape, placement, field)
     encoded = _encoded(points, coefficients, threads)
     axes = np.stack([placement.read, placement.phase, placement.slice]).astype(float)
@@ -177,6 +174,14 @@ def warp(shape, placement, field, coefficients, position="HFS", intensity=True, 
         place += n // 2
     factor = _jacobian(points, coefficients, threads) if intensity else None
     return places.astype(np.float32), factor
+
+
+def gradient_axes(position):
+    """Signs of `GRADIENT_AXES`; ValueError for other positions."""
+    if position not in GRADIENT_AXES:
+        raise ValueError(f"position: expected one of {', '.join(GRADIENT_AXES)}, got {position!r}; "
+                         "state how the patient lay, or reconstruct without geometry correction")
+    return GRADIENT_AXES[position]
 
 
 def _encoded(points, table, threads):

@@ -35,7 +35,7 @@ def noise_covariance(noise, bandwidth_ratio=1.0):
     samples = np.asarray(noise, np.complex128)
     if samples.ndim != 2 or len(samples) < 2 * samples.shape[1]:
         raise ValueError(f"noise: expected (sample, coil) with at least twice as many samples as "
-                         f"coils, got shape {samples.shape}; reconstruct without the noise scan")
+                         f"coils, got shape {samples.shape}; leave the noise scan out (--no-noise)")
     covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(np.complex64)
     _cholesky(covariance)
     return covariance
@@ -46,7 +46,7 @@ def _cholesky(covariance):
         return np.linalg.cholesky(np.asarray(covariance, np.complex128))
     except np.linalg.LinAlgError:
         raise ValueError("noise: the covariance of the coils is singular (a coil without signal?); "
-                         "reconstruct without the noise scan") from None
+                         "leave the noise scan out (--no-noise)") from None
 
 
 def whiten(kspace, covariance):
@@ -157,8 +157,8 @@ def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.
 
     Notes
     -----
-    The kernel weighs with the level of all that it is given, coils of both alike. A part of a scan gets the weight of
-    the whole by a scale that differs by the ratio of the levels.
+    The kernel weighs with the level of all that it is given, that of a coil. A part of a scan gets
+    the weight of the whole by a scale that differs by the ratio of the levels.
 
     References
     ----------

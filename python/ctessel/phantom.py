@@ -135,7 +135,9 @@ def _check(phantom):
         raise ValueError(f"noise: expected a level of at least 0, got {phantom.noise}")
     samples = phantom.size * phantom.oversampling
     if max(samples, phantom.coils) > 65535:
-        raise ValueError(f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}")
+        raise ValueError(
+            f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}"
+        )
     volume = 8 * samples * phantom.size * phantom.partitions * phantom.coils
     mend = "choose a smaller size, fewer coils or fewer slices"
     _memory.check((phantom.slices + 3) * volume, "the phantom", mend)

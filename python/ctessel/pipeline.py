@@ -24,7 +24,15 @@ import numpy as np
 from . import __version__
 from ._arrays import ringing_filter
 from ._fourier import central, flip, remove_oversampling, resize, to_image, to_kspace
-from ._gradients import Coefficients, apply_warp, geometry, read_coefficients, voxel_positions, warp
+from ._gradients import (
+    Coefficients,
+    apply_warp,
+    geometry,
+    gradient_axes,
+    read_coefficients,
+    voxel_positions,
+    warp,
+)
 from ._helpers import sa
 from ._sampling import (
     Lattice,
@@ -320,7 +328,10 @@ def _check(scan, setup):
     if options.regularisation > 0 and setup.unfolds and setup.covariance is None:
         raise ValueError("regularisation: needs a noise scan, which says how far data are to be "
                          "trusted; reconstruct without it")
-    if options.coefficients is not None and len(scan.header.placements) < scan.kspace.shape[4]:
+    if options.coefficients is None:
+        return
+    gradient_axes(setup.position)
+    if len(scan.header.placements) < scan.kspace.shape[4]:
         raise ValueError("coefficients: the positions of the slices are unknown; reconstruct without "
                          "geometry correction")
 

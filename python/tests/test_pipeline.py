@@ -305,7 +305,7 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
         (full, Options(coefficients=pipeline.Coefficients(0, 0, 0, 1), position="up"), "expected one of HFS"),
     ):
         with pytest.raises(ValueError, match=re.escape(message)):
-            pipeline.reconstruct(faulty, options)
+            pipeline.plan(faulty, options)
 
 
 def test_cancel_passes_through():
