@@ -139,8 +139,7 @@ inline std::vector<Kernel> gateway_kernels() {
 
 inline std::vector<Kernel> kernels() {
   std::vector<Kernel> all = array_kernels();
-  all.push_back(sense_kernel("TS_sense_recon", 27));
-  all.push_back(sense_kernel("TS_sense_recon, coarser maps", 22));
+  all.push_back(sense_kernel("TS_sense_recon", 22));
   for (Kernel& k : geometry_kernels()) all.push_back(k);
   return all;
 }

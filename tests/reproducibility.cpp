@@ -25,6 +25,7 @@ struct Result {
 
 std::vector<every::Kernel> all_kernels() {
   std::vector<every::Kernel> kernels = every::kernels();
+  kernels.push_back(every::sense_kernel("TS_sense_recon, maps of the image's columns", 27));
   for (const every::Kernel& k : every::gateway_kernels()) kernels.push_back(k);
   return kernels;
 }
