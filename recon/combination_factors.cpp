@@ -18,8 +18,6 @@
 #include "sense_steps.h"
 #include "unfolding_matrices.h"
 
-#define CTESSEL_INLINE __attribute__((always_inline)) inline
-
 namespace {
 
 using ctessel::Corners;
@@ -87,28 +85,9 @@ struct Problem {
 
 // ---- Samples along a row ----
 
-template <int Rows>
-CTESSEL_INLINE void blend_rows(const float* volume, const Corners& corners, int64_t length,
-                               float* __restrict out) {
-  for (int64_t i = 0; i < length; ++i) {
-    double sum = 0;
-    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * volume[corners.offset[r] + i];
-    out[i] = static_cast<float>(sum);
-  }
-}
-
 CTESSEL_CLONES
 void blend(const float* volume, const Corners& corners, int64_t length, float* out) {
-  switch (corners.count) {
-    case 4:
-      return blend_rows<4>(volume, corners, length, out);
-    case 3:
-      return blend_rows<3>(volume, corners, length, out);
-    case 2:
-      return blend_rows<2>(volume, corners, length, out);
-    default:
-      return blend_rows<1>(volume, corners, length, out);
-  }
+  ctessel::blend_rows<1>(volume, corners, length, out);
 }
 
 CTESSEL_CLONES

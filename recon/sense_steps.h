@@ -10,6 +10,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <algorithm>
 #include <cstdint>
 
 namespace ctessel {
@@ -44,6 +45,36 @@ inline Corners corner_rows(std::int64_t row, std::int64_t nx, std::int64_t plane
       {row, row + nx, row + plane, row + nx + plane}, {ga * gc, fa * gc, ga * fc, fa * fc}, 0};
   while (corners.count < 4 && corners.offset[corners.count] < volume) ++corners.count;
   return corners;
+}
+
+template <int Rows, int Parts, class Value>
+__attribute__((always_inline)) inline void sum_rows(const Value* volume, const Corners& corners,
+                                                    std::int64_t n, Value* __restrict out) {
+  for (std::int64_t i = 0; i < n; ++i) {
+    double sum = 0;
+    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * volume[Parts * corners.offset[r] + i];
+    out[i] = static_cast<Value>(sum);
+  }
+}
+
+/// Weighted sum of the rows inside, `length` samples of `Parts` values each. Inline, for callers
+/// that come in versions for wider vectors.
+template <int Parts, class Value>
+__attribute__((always_inline)) inline void blend_rows(const Value* volume, const Corners& corners,
+                                                      std::int64_t length, Value* out) {
+  const std::int64_t n = Parts * length;
+  switch (corners.count) {
+    case 4:
+      return sum_rows<4, Parts>(volume, corners, n, out);
+    case 3:
+      return sum_rows<3, Parts>(volume, corners, n, out);
+    case 2:
+      return sum_rows<2, Parts>(volume, corners, n, out);
+    case 1:
+      return sum_rows<1, Parts>(volume, corners, n, out);
+    default:
+      std::fill_n(out, n, Value(0));
+  }
 }
 
 /// unfold for an output of out_size samples, which may be fewer than the full size has.
