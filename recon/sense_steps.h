@@ -12,6 +12,8 @@
 #include <Eigen/Core>
 #include <algorithm>
 #include <cstdint>
+#include <new>
+#include <vector>
 
 namespace ctessel {
 
@@ -76,6 +78,22 @@ __attribute__((always_inline)) inline void blend_rows(const Value* volume, const
       std::fill_n(out, n, Value(0));
   }
 }
+
+/// Arrays that begin with a cache line: of vectors that long, every second access would cross into
+/// the next one elsewhere.
+template <class T>
+struct LineAllocator {
+  using value_type = T;
+  static constexpr std::align_val_t kLine{64};
+  LineAllocator() = default;
+  template <class U>
+  explicit LineAllocator(const LineAllocator<U>&) {}
+  T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T), kLine)); }
+  void deallocate(T* p, std::size_t) { ::operator delete(p, kLine); }
+  bool operator==(const LineAllocator&) const = default;
+};
+template <class T>
+using LineVector = std::vector<T, LineAllocator<T>>;
 
 /// unfold for an output of out_size samples, which may be fewer than the full size has.
 int unfold_within(const float* fold_re, const float* fold_im, const Eigen::VectorXi& fold4,

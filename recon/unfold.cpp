@@ -353,8 +353,8 @@ class Columns {
   std::vector<Line> block_;
   std::vector<int64_t> rows_;  // offsets of the rows around the block's lines
   std::vector<int> index_;
-  std::vector<double> low_, high_, row_, blended_;
-  std::vector<float> matrix_, u_;
+  ctessel::LineVector<double> low_, high_, row_, blended_;
+  ctessel::LineVector<float> matrix_, u_;
   std::vector<unsigned char> mask_;
   const std::vector<float> zeros_;
 };
