@@ -21,10 +21,15 @@
 #if defined(CTESSEL_DISPATCH) && defined(__x86_64__) && defined(__GNUC__) && \
     !defined(CTESSEL_SANITIZED)
 #define CTESSEL_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
-#define CTESSEL_BY_WIDTH(declaration, body, arguments)                         \
-  __attribute__((target("avx512f"))) declaration { return body<8> arguments; } \
-  __attribute__((target("avx2"))) declaration { return body<4> arguments; }    \
-  __attribute__((target("default"))) declaration { return body<2> arguments; }
+#define CTESSEL_BY_WIDTH(declaration, body, arguments)                                 \
+  _Pragma("GCC diagnostic push")                                                       \
+      _Pragma("GCC diagnostic ignored \"-Wunused-function\"") /* clang: of versions */ \
+      [[gnu::target("avx512f")]] declaration {                                         \
+    return body<8> arguments;                                                          \
+  }                                                                                    \
+  [[gnu::target("avx2")]] declaration { return body<4> arguments; }                    \
+  [[gnu::target("default")]] declaration { return body<2> arguments; }                 \
+  _Pragma("GCC diagnostic pop")
 #else
 #define CTESSEL_CLONES
 #define CTESSEL_BY_WIDTH(declaration, body, arguments) \
