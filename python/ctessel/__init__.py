@@ -20,6 +20,10 @@ resampling in place on data in C order, a copy of the volumes that are worked on
 one. Results are the same bits for every number. The interpreter's lock is released while kernels
 run. Processes may be forked between calls.
 
+Submodules for whole scans, which need SciPy: `raw` reads ISMRMRD files, `pipeline` has the steps from
+k-space to image, `nifti` writes images, `phantom` makes test data, `dask` works on clusters. The
+command ``ctessel`` puts them together.
+
 Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what
 was expected and what was got.
 """
