@@ -116,11 +116,13 @@ def growth(sweeps):
 
 def plot(entries, axis, path):
     figure, axes = plt.subplots(figsize=(9, 6), constrained_layout=True)
-    for i, entry in enumerate(e for e in entries if e["axis"] == axis):
+    chosen = [e for e in entries if e["axis"] == axis]
+    for i, entry in enumerate(chosen):
         first = entry["points"][0]["cost"]
         x, y = ([p[k] / scale for p in entry["points"]] for k, scale in (("x", 1), ("cost", first)))
         axes.loglog(x, y, marker="o.sv^"[i // 10 % 5], markersize=4, label=entry["routine"])
-    ends = np.array([min(x), max(x)])
+    every_x = [p["x"] for e in chosen for p in e["points"]]
+    ends = np.array([min(every_x), max(every_x)])
     ideal = (ends / ends[0]) ** (-1 if axis == "threads" else 1)
     axes.loglog(ends, ideal, "k--", label="proportional")
     axes.set_xlabel(axis)
@@ -174,6 +176,8 @@ def findings(rows, peers, curves):
             yield f"{r['routine']}, {r['data']}: {r['naive']:.2f} of the transcription's speed"
         if r["scratch"] > 1.1 * r["documented"] + 4096:
             yield f"{r['routine']}, {r['data']}: {size(r['scratch'])}, more than documented"
+        if r["documented"] > 2 * r["scratch"] + 4096:
+            yield f"{r['routine']}, {r['data']}: {size(r['scratch'])}, far below what is documented"
     for p in peers:
         if p["ratio"] < 1:
             yield f"{p['routine']}, {p['data']}: {p['ratio']:.2f} of the speed of {p['peer']}"
