@@ -47,7 +47,8 @@ the same result.
 GROWTH = """\
 Fitted exponent of cost against each parameter (slope of the upper half, both axes logarithmic),
 and in brackets that of the limit on the same points: leaving a cache behind makes both steeper
-than the work. Threads: cost on one over cost on all of them, by the shortest times on the clock.
+than the work. Threads: cost on one over cost on all of them, by the shortest times on the clock;
+on a machine with more load than cores this says nothing.
 """
 PACKAGE = """\
 Arrays in either order of memory, F (first axis fastest) or C; the small call is on 8 x 8 samples.
