@@ -133,7 +133,8 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///   sens_re, sens_im  in   (x', y', z', coil, location): maps over the full field of view, on any
 ///                          grid. A sample of real part 0 in coil 0 is outside the object. With
 ///                          sens_im null nothing is inside and the output stays untouched
-///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit; psi_re null: the identity
+///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit, both parts; psi_re null:
+///                          the identity
 ///   psi_ndims         in   not read
 ///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
 ///   full_size         in   unfolded extents x, y, z
@@ -313,11 +314,11 @@ void getRadiusThetaPhi(float x, float y, float z, float* out);
 /// of the positive power. n = 0 gives 1 for every r and r0. Memory: none.
 float radialFactor(float r, float r0, int n);
 
-/// One sine term of the expansion, sin(m phi) (r / r0)^n p, in single precision throughout. p is
+/// One sine term of the expansion, sin(m phi) ((r / r0)^n p), in single precision throughout. p is
 /// the Legendre function of the term; phi is in radians. Memory: none.
 float funcYS(int n, int m, float r, float phi, float r0, float p);
 
-/// The cosine term, cos(m phi) (r / r0)^n p. Memory: none.
+/// The cosine term, cos(m phi) ((r / r0)^n p). Memory: none.
 float funcYC(int n, int m, float r, float phi, float r0, float p);
 
 // ---- Interpolation and grids (interpolation.cpp) ------------------------------------------------

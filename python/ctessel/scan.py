@@ -44,6 +44,8 @@ class Header:
     protocol: str = ""
     patient_position: str = ""
     noise_bandwidth_ratio: float = 1.0  # receiver dwell time of the noise scan over that of the image
+    calibration_fov: tuple[float, float, float] | None = None  # of a separate scan; None: the image's
+    spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
 
 
 @dataclass
@@ -55,7 +57,11 @@ class Scan:
     summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines.
     `calibration` is k-space of a separate calibration scan on its own grid, same axes, or None;
     calibration lines inside the scan are part of `kspace`. `calibration_lines` marks, ``(y, z)`` of
-    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None.
+    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. `lines`, ``(y, z, slice,
+    echo, repetition)`` of bool, is given where images differ in their lines (undersampling that moves
+    from repetition to repetition); `sampled` marks the lines of any of them then.
+    A part of a scan has in `selection` its axis, first and last index, and in `levels` what
+    regularisation needs to know of the whole.
     """
 
     kspace: np.ndarray
@@ -64,3 +70,6 @@ class Scan:
     calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
+    selection: tuple[str, int, int] | None = None
+    levels: tuple[float, float] | None = None
+    lines: np.ndarray | None = None
