@@ -27,8 +27,9 @@ one thread; a ratio is the median of the turns' ratios, and results were compare
 nothing elsewhere.
 
 - **of limit**: the least that the routine must do, over its own time. memcpy: every byte that
-  must be read and written, copied between two arrays (in place, less memory is touched, so more
-  than 1 can be had); read, memset: bytes read or written; multiply-add: the products and sums of
+  must be read and written, copied between two arrays; in-place pass: as many bytes read, changed
+  and written where they are, for routines that work in place, as memcpy touches twice the memory
+  and would flatter; read, memset: bytes read or written; multiply-add: the products and sums of
   the formulas at this processor's peak for single (f) or double (d) precision, products not fused
   into sums. Of several limits the slowest counts.
 - **x transcription**: the naive loops that the tests compare with.
@@ -169,7 +170,7 @@ def growth_cell(entry):
 
 def findings(rows, peers, curves):
     """What falls short, a line each."""
-    memory = ("memcpy", "read", "memset")
+    memory = ("memcpy", "in-place pass", "read", "memset")
     for r in rows:
         if r["limit_kind"] in memory and r["limit"] < 0.85:
             yield f"{r['routine']}, {r['data']}: {r['limit']:.2f} of {r['limit_kind']}"
