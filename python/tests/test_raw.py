@@ -216,7 +216,7 @@ def cut(path):
     (change_text("cartesian", "spiral"), 'trajectory is "spiral"'),
     (change_text("<trajectory>", "<other>"), "no XML"),
     (change_text("<encodedSpace>", "<encodedSpace><matrixSize><x>no</x></matrixSize>"), "no number"),
-    (change_text("<maximum>7<", "<maximum>9<"), "do not fit its 8 encoded lines"),
+    (change_text("<maximum>7<", "<maximum>3<"), "limits 0 to 3 with centre 4"),
     (change_head("number_of_samples", 60000), "do not fit the 16 samples"),
     (change_head("number_of_samples", 14), "another part of k-space"),
     (change_head("number_of_samples", 14, range(8)), "has 32 values, its header says 14 samples of 2 coils"),
