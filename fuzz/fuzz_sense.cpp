@@ -298,6 +298,6 @@ void sense_recon(Input& input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   constexpr void (*kTargets[])(Input&) = {fold_geometry, sense_steps, sense_recon};
   Input input(bytes, size);
-  kTargets[static_cast<std::size_t>(start(input)) % std::size(kTargets)](input);
+  input.pick(kTargets)(input);
   return 0;
 }
