@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# From a bare Debian 12 to pictures in demo-output/: homodyne reconstruction in GNU Octave, and SENSE.
+# From a bare Debian 12 to pictures in demo-output/: homodyne reconstruction in GNU Octave, SENSE, and
+# from a raw data file to NIfTI images.
 #
 #   ./demo.sh         a built-in phantom
 #   ./demo.sh FILE    measured, fully sampled k-space: a MATLAB .mat file or a BART .cfl/.hdr pair
@@ -33,8 +34,20 @@ sense() {  # NAME [k-space]
   build/default/examples/example_sense demo-output "${@:2}" | sed 's/^/  /'
   mv demo-output/sense.png "demo-output/$1_sense.png"
 }
+# From file to file: six slices, every second line, calibration lines and a noise scan.
+recon() {
+  local environment
+  environment=$(tools/python_environment.sh)
+  "$environment/bin/ctessel" phantom noise --slices 6 --noise 0.03 -o demo-output/scan.h5
+  echo "demo-output/scan.h5: ctessel recon"
+  "$environment/bin/ctessel" info demo-output/scan.h5 | sed -n '/would:/,$p' | tail -n +2
+  "$environment/bin/ctessel" recon demo-output/scan.h5 -o demo-output/recon.nii.gz \
+    --preview demo-output/recon.png
+  echo "  demo-output/recon.nii.gz, recon.json, recon.png"
+}
 if [ $# -eq 0 ]; then
   sense phantom
+  recon
 else
   name=${1%.*}
   if [ -f "$name.hdr" ] && [ -f "$name.cfl" ] &&

@@ -18,16 +18,23 @@ def version():
 
 
 class CMakeBuild(build_ext):
-    def build_extension(self, ext):
+    def build_extensions(self):
         build = Path(self.build_temp).resolve()
-        target = Path(self.get_ext_fullpath(ext.name)).resolve()
-        target.parent.mkdir(parents=True, exist_ok=True)
         configure = ["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCTESSEL_PYTHON=ON",
                      "-DCMAKE_BUILD_TYPE=Release", f"-DPYTHON_EXECUTABLE={sys.executable}"]
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
         subprocess.run(configure, check=True)
-        subprocess.run(["cmake", "--build", build, "--target", "_core", "-j", jobs], check=True)
-        self.copy_file(str(build / "python" / target.name), str(target))
+        subprocess.run(["cmake", "--build", build, "--target", "python_modules", "-j", jobs], check=True)
+        for ext in list(self.extensions):
+            self.take(ext, build / "python")
+
+    def take(self, ext, built):
+        target = Path(self.get_ext_fullpath(ext.name)).resolve()
+        if ext.optional and not (built / target.name).exists():  # left out: see CMakeLists.txt
+            self.extensions.remove(ext)
+            return
+        target.parent.mkdir(parents=True, exist_ok=True)
+        self.copy_file(str(built / target.name), str(target))
 
 
 setup(
@@ -35,11 +42,15 @@ setup(
     version=version(),
     description="Reconstruction kernels for magnetic-resonance imaging",
     license="BSD-2-Clause",
-    python_requires=">=3.9",
+    python_requires=">=3.10",
     install_requires=["numpy>=1.20"],
     packages=["ctessel"],
     package_data={"ctessel": ["*.pyi", "py.typed"]},
-    ext_modules=[Extension("ctessel._core", sources=[])],
+    ext_modules=[Extension("ctessel._core", sources=[]),
+                 Extension("ctessel._raw", sources=[], optional=True)],
+    extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib"],
+                    "dask": ["dask", "distributed"]},
+    entry_points={"console_scripts": ["ctessel = ctessel.cli:main"]},
     cmdclass={"build_ext": CMakeBuild},
     zip_safe=False,
 )

@@ -16,6 +16,7 @@ umask 022
 /usr/bin/python3 -m pip install --no-build-isolation --no-deps --no-index --no-compile \
   --target "$packages" ./python >"$root.log" 2>&1 || { cat "$root.log" >&2; exit 1; }
 rm -f "$packages"/*.dist-info/{direct_url.json,RECORD,REQUESTED}
+mv "$packages/bin" "$root/usr/bin"
 
 libraries=$(cd "$root" && mkdir -p debian && touch debian/control &&
   dpkg-shlibdeps -O --ignore-missing-info usr/lib/python3/dist-packages/ctessel/*.so 2>/dev/null |
@@ -29,10 +30,14 @@ Architecture: $architecture
 Maintainer: cTessel developers <ctessel@example.org>
 Installed-Size: $(du -ks "$root/usr" | cut -f1)
 Depends: python3 (>= 3.11), python3 (<< 3.12), python3-numpy, $libraries
+Recommends: python3-scipy, python3-nibabel, python3-matplotlib, python3-tqdm
+Suggests: python3-dask, python3-distributed
 Description: reconstruction kernels for magnetic-resonance imaging (Python)
  Homodyne reconstruction of partial-Fourier scans, SENSE, coil combination,
  geometry correction, ringing filter, zero padding and shifts on NumPy arrays
  of any memory order, with results that are the same on any number of threads.
+ The command ctessel reconstructs ISMRMRD raw data to NIfTI images; it needs
+ the recommended packages.
 CONTROL
 cp LICENSE "$doc/copyright"
 printf 'python3-ctessel (%s) unstable; urgency=low\n\n  * See CHANGELOG.md of the sources.\n\n -- cTessel developers <ctessel@example.org>  %s\n' \
@@ -41,5 +46,6 @@ printf 'python3-ctessel (%s) unstable; urgency=low\n\n  * See CHANGELOG.md of th
 (cd "$root" && find usr -type f -exec md5sum {} + >DEBIAN/md5sums)
 chmod -R u+rwX,go+rX,go-w "$root"
 find "$root/usr" -type f -exec chmod 644 {} +
+chmod 755 "$root/usr/bin/ctessel"
 dpkg-deb --root-owner-group --build "$root" build/python >/dev/null
 echo "build/python/python3-ctessel_${version}_$architecture.deb"

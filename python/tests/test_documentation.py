@@ -10,7 +10,7 @@ import pytest
 
 import ctessel
 
-MODULES = ["_arrays", "_coils", "_geometry", "_helpers", "_sense", "homodyne"]
+MODULES = ["_arrays", "_coils", "_geometry", "_helpers", "_sense", "homodyne", "nifti", "phantom"]
 
 
 @pytest.mark.parametrize("name", MODULES)

@@ -1,0 +1,117 @@
+"""Centred Fourier transforms and changes of grid."""
+
+import numpy as np
+from scipy import fft
+
+from ._arrays import fftshift, ifftshift, zero_pad
+
+
+def to_image(kspace, axes=(0, 1, 2), threads=None, overwrite=False):
+    """Image of centred k-space: a unitary inverse transform.
+
+    Parameters
+    ----------
+    kspace : ndarray of complex64
+        k-space, ``(x, y, z, ...)``, k = 0 at index ``N // 2`` of every transformed axis.
+    axes : sequence of int, optional
+        Axes to transform.
+    threads : int, optional
+        Threads of the transform and of the shifts.
+    overwrite : bool, optional
+        Allow `kspace` to be overwritten, which spares a copy.
+
+    Returns
+    -------
+    ndarray of complex64
+        Image in Fortran order, centre at ``N // 2``. Noise keeps its standard deviation.
+    """
+    return _transform(fft.ifftn, kspace, axes, threads, overwrite)
+
+
+def to_kspace(image, axes=(0, 1, 2), threads=None, overwrite=False):
+    """Centred k-space of an image: undoes `to_image`, with the same parameters."""
+    return _transform(fft.fftn, image, axes, threads, overwrite)
+
+
+def _transform(transform, data, axes, threads, overwrite):
+    axes = tuple(axis for axis in axes if data.shape[axis] > 1)
+    if not axes:
+        return np.array(data, np.complex64, order="F")
+    ordered = np.asfortranarray(data)
+    free = (overwrite or not np.may_share_memory(ordered, data)) and ordered.flags.writeable
+    shifted = ifftshift(ordered, axes, inplace=free, threads=threads)
+    turned = tuple(data.ndim - 1 - axis for axis in axes)  # SciPy works and returns in C order
+    out = transform(shifted.T, axes=turned, norm="ortho", overwrite_x=True, workers=threads).T
+    return fftshift(out, axes, inplace=True, threads=threads)
+
+
+def central(n, kept):
+    """Slice of the `kept` central samples of `n`: centre ``n // 2`` becomes ``kept // 2``."""
+    first = n // 2 - kept // 2
+    return slice(first, first + kept)
+
+
+def resize(data, shape, threads=None):
+    """Cut or zero-fill the leading axes around their centres ``N // 2``.
+
+    On k-space this changes the pixel size, on images the field of view. Values are not scaled.
+
+    Parameters
+    ----------
+    data : ndarray of complex64 or float32
+        Any axes.
+    shape : sequence of up to 3 int
+        New extents of the first axes.
+    threads : int, optional
+        Threads of the padding.
+
+    Returns
+    -------
+    ndarray
+        `data` itself, or a view of it, if nothing is padded.
+    """
+    cut = tuple(central(n, min(n, m)) for n, m in zip(data.shape, shape))
+    data = data[cut]
+    if data.shape[: len(shape)] == tuple(shape):
+        return data
+    # The kernel puts an odd spare zero in front, which moves an even extent's centre in an odd one.
+    odd = [axis for axis, m in enumerate(shape) if data.shape[axis] % 2 == 0 and m % 2]
+    out = zero_pad(np.asfortranarray(data), shape, threads=threads)
+    return np.roll(out, [-1] * len(odd), odd) if odd else out
+
+
+def remove_oversampling(kspace, n, axis=0, threads=None):
+    """Cut the field of view along the readout to its central `n` samples.
+
+    Parameters
+    ----------
+    kspace : ndarray of complex64
+        Centred k-space, fully measured along `axis`.
+    n : int
+        Samples that remain; the spacing of the lines grows by the ratio.
+
+    Returns
+    -------
+    ndarray of complex64
+        k-space with `n` samples along `axis`. Both transforms are unitary: noise keeps its
+        standard deviation.
+    """
+    length = kspace.shape[axis]
+    if n > length:
+        raise ValueError(f"n: expected at most the {length} samples along axis {axis}, got {n}")
+    if n == length:
+        return kspace
+    kept = (slice(None),) * axis + (central(length, n),)
+    return to_kspace(to_image(kspace, (axis,), threads)[kept], (axis,), threads)
+
+
+def flip(data, axes):
+    """Mirror axes at their centre ``N // 2``: line k becomes line -k.
+
+    On an even axis line -N/2 has no mirror image and stays where it is.
+    """
+    for axis in axes:
+        data = np.flip(data, axis)
+        if data.shape[axis] % 2 == 0:
+            data = np.roll(data, 1, axis)
+    return data

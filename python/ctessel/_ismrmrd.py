@@ -1,0 +1,188 @@
+"""ISMRMRD's header text and the fields of its acquisitions."""
+
+import xml.etree.ElementTree as ElementTree
+
+import numpy as np
+
+from .scan import Header, Limit
+
+#: One acquisition's header as libismrmrd lays it out, without gaps.
+HEAD = np.dtype([
+    ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
+    ("acquisition_time_stamp", "<u4"), ("physiology_time_stamp", "<u4", 3),
+    ("number_of_samples", "<u2"), ("available_channels", "<u2"), ("active_channels", "<u2"),
+    ("channel_mask", "<u8", 16), ("discard_pre", "<u2"), ("discard_post", "<u2"),
+    ("center_sample", "<u2"), ("encoding_space_ref", "<u2"), ("trajectory_dimensions", "<u2"),
+    ("sample_time_us", "<f4"), ("position", "<f4", 3), ("read_dir", "<f4", 3),
+    ("phase_dir", "<f4", 3), ("slice_dir", "<f4", 3), ("patient_table_position", "<f4", 3),
+    ("kspace_encode_step_1", "<u2"), ("kspace_encode_step_2", "<u2"), ("average", "<u2"),
+    ("slice", "<u2"), ("contrast", "<u2"), ("phase", "<u2"), ("repetition", "<u2"), ("set", "<u2"),
+    ("segment", "<u2"), ("user", "<u2", 8), ("user_int", "<i4", 8), ("user_float", "<f4", 8),
+])  # fmt: skip
+
+
+def flag(number):
+    """Bit of a flag, which the format counts from 1."""
+    return np.uint64(1 << (number - 1))
+
+
+NOISE = flag(19)
+CALIBRATION = flag(20)
+CALIBRATION_AND_IMAGING = flag(21)
+REVERSE = flag(22)
+#: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
+NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
+
+
+class DefectError(ValueError):
+    """A file lacks something, or contradicts itself. The text says what, and what mends it."""
+
+    def __init__(self, what, mend="convert the scanner's data again"):
+        super().__init__(f"{what}; {mend}")
+
+
+def parse(text):
+    """One `Header` for each encoding of the header text.
+
+    Raises
+    ------
+    DefectError
+        Naming the element that is missing or wrong.
+    """
+    try:
+        root = ElementTree.fromstring(text)
+    except ElementTree.ParseError as error:
+        raise DefectError(f"its header is no XML ({error})") from None
+    encodings = root.findall("{*}encoding")
+    if not encodings:
+        raise DefectError("its header has no encoding")
+    return [_header(root, encoding) for encoding in encodings]
+
+
+def _header(root, encoding):
+    trajectory = _text(encoding, "trajectory", "cartesian").lower()
+    if trajectory != "cartesian":
+        raise DefectError(
+            f'its trajectory is "{trajectory}"', "only Cartesian scans can be reconstructed"
+        )
+    matrix = _triple(encoding, "encodedSpace/matrixSize", int)
+    return Header(
+        encoded_matrix=matrix,
+        encoded_fov=_triple(encoding, "encodedSpace/fieldOfView_mm", float),
+        recon_matrix=_triple(encoding, "reconSpace/matrixSize", int),
+        recon_fov=_triple(encoding, "reconSpace/fieldOfView_mm", float),
+        limits={
+            "x": Limit(0, matrix[0] - 1, matrix[0] // 2),
+            "y": _limit(encoding, "kspace_encoding_step_1", matrix[1]),
+            "z": _limit(encoding, "kspace_encoding_step_2", matrix[2]),
+        },
+        acceleration=tuple(
+            _number(
+                encoding, f"parallelImaging/accelerationFactor/kspace_encoding_step_{i}", int, 1
+            )
+            for i in (1, 2)
+        ),
+        calibration_mode=_text(encoding, "parallelImaging/calibrationMode", "").lower(),
+        tr=_numbers(root, "sequenceParameters/TR"),
+        te=_numbers(root, "sequenceParameters/TE"),
+        protocol=_text(root, "measurementInformation/protocolName", ""),
+        patient_position=_text(root, "measurementInformation/patientPosition", ""),
+    )
+
+
+def _path(name):
+    return "/".join("{*}" + part for part in name.split("/"))
+
+
+def _text(element, name, default):
+    found = element.find(_path(name))
+    return default if found is None or not found.text else found.text.strip()
+
+
+def _number(element, name, kind, default=None):
+    text = _text(element, name, None)
+    if text is None:
+        if default is None:
+            raise DefectError(f"its header has no {name}")
+        return default
+    try:
+        value = kind(text)
+    except ValueError:
+        raise DefectError(f'{name} of its header is "{text}", which is no number') from None
+    if not value > 0 or value > 65535:
+        raise DefectError(f"{name} of its header is {text}; expected more than 0")
+    return value
+
+
+def _triple(element, name, kind):
+    return tuple(_number(element, f"{name}/{axis}", kind) for axis in "xyz")
+
+
+def _numbers(root, name):
+    try:
+        return [float(found.text) for found in root.findall(_path(name))]
+    except (TypeError, ValueError):
+        raise DefectError(f"{name} of its header is no number") from None
+
+
+def _limit(encoding, name, extent):
+    """Limits of a phase-encoded axis; the whole axis where the header has none."""
+    found = encoding.find(_path(f"encodingLimits/{name}"))
+    if found is None:
+        return Limit(0, extent - 1, extent // 2)
+    try:
+        limit = Limit(*(int(_text(found, part, "")) for part in ("minimum", "maximum", "center")))
+    except ValueError:
+        raise DefectError(f"the limits of {name} in its header are no numbers") from None
+    # Lines outside the matrix are found when they come: limits that promise too much do no harm.
+    if not 0 <= limit.minimum <= limit.center <= limit.maximum:
+        raise DefectError(
+            f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center} "
+            "in its header"
+        )
+    return limit
+
+
+def header_text(header, *, coils, counts):
+    """Header text of a scan with one encoding; `counts` are the extents of the other counters."""
+    limits = {
+        "kspace_encoding_step_1": header.limits["y"],
+        "kspace_encoding_step_2": header.limits["z"],
+    }
+    limits.update({name: Limit(0, n - 1, 0) for name, n in counts.items()})
+    encoding = {
+        "encodedSpace": _space(header.encoded_matrix, header.encoded_fov),
+        "reconSpace": _space(header.recon_matrix, header.recon_fov),
+        "encodingLimits": {name: vars(limit) for name, limit in limits.items()},
+        "trajectory": "cartesian",
+    }
+    if header.calibration_mode:
+        factors = {f"kspace_encoding_step_{i}": n for i, n in enumerate(header.acceleration, 1)}
+        encoding["parallelImaging"] = {
+            "accelerationFactor": factors,
+            "calibrationMode": header.calibration_mode,
+        }
+    root = ElementTree.Element("ismrmrdHeader", xmlns="http://www.ismrm.org/ISMRMRD")
+    _add(root, {
+        "measurementInformation": {
+            "patientPosition": header.patient_position, "protocolName": header.protocol},
+        "acquisitionSystemInformation": {"receiverChannels": coils},
+        "experimentalConditions": {"H1resonanceFrequency_Hz": 63870000},
+        "encoding": encoding,
+        "sequenceParameters": {"TR": header.tr, "TE": header.te},
+    })  # fmt: skip
+    return ElementTree.tostring(root, encoding="unicode", xml_declaration=True)
+
+
+def _space(matrix, fov):
+    return {"matrixSize": dict(zip("xyz", matrix)), "fieldOfView_mm": dict(zip("xyz", fov))}
+
+
+def _add(parent, values):
+    for name, value in values.items():
+        for each in value if isinstance(value, list) else [value]:
+            element = ElementTree.SubElement(parent, name)
+            if isinstance(each, dict):
+                _add(element, each)
+            else:
+                element.text = str(each)

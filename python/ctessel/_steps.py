@@ -1,0 +1,276 @@
+"""Steps between raw k-space and the image: noise, sensitivities, unfolding, homodyne, combination."""
+
+import numpy as np
+from scipy import ndimage
+
+from . import homodyne
+from ._arrays import ringing_filter, zero_pad
+from ._coils import pcsos, sos
+from ._fourier import central, flip, resize, to_image
+from ._helpers import sa
+from ._sense import sense_recon
+
+
+def noise_covariance(noise, bandwidth_ratio=1.0):
+    """Covariance of the coils' noise per k-space sample of the image.
+
+    Parameters
+    ----------
+    noise : ndarray of complex64, ``(sample, coil)``
+        Samples without signal.
+    bandwidth_ratio : float, optional
+        Dwell time of the noise scan over that of the image: variance goes with the bandwidth.
+
+    Returns
+    -------
+    ndarray of complex64, ``(coil, coil)``
+        Mean of ``n[i] conj(n[j])`` times `bandwidth_ratio`.
+
+    Raises
+    ------
+    ValueError
+        Too few samples, or a coil without noise.
+    """
+    samples = np.asarray(noise, np.complex128)
+    if samples.ndim != 2 or len(samples) < 2 * samples.shape[1]:
+        raise ValueError(f"noise: expected (sample, coil) with at least twice as many samples as "
+                         f"coils, got shape {samples.shape}; reconstruct without the noise scan")
+    covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(np.complex64)
+    _cholesky(covariance)
+    return covariance
+
+
+def _cholesky(covariance):
+    try:
+        return np.linalg.cholesky(np.asarray(covariance, np.complex128))
+    except np.linalg.LinAlgError:
+        raise ValueError("noise: the covariance of the coils is singular (a coil without signal?); "
+                         "reconstruct without the noise scan") from None
+
+
+def whiten(kspace, covariance):
+    """Make the noise of the coils independent, with unit variance.
+
+    Parameters
+    ----------
+    kspace : ndarray of complex64, ``(x, y, z, coil, ...)``
+    covariance : ndarray of complex64, ``(coil, coil)``
+
+    Returns
+    -------
+    ndarray of complex64
+        ``L^-1 d`` for every sample's coil values d, with ``L L^H`` the covariance; Fortran order.
+
+    References
+    ----------
+    P. B. Roemer et al., "The NMR phased array", Magn. Reson. Med. 16:192 (1990).
+    """
+    inverse = np.linalg.inv(_cholesky(covariance)).astype(np.complex64)
+    out = np.empty(kspace.shape, np.complex64, order="F")
+    voxels = int(np.prod(kspace.shape[:3]))
+    for index in np.ndindex(kspace.shape[4:]):
+        volume = (slice(None),) * 4 + index
+        coils = np.asfortranarray(kspace[volume]).reshape((voxels, -1), order="F")
+        out[volume] = (inverse @ coils.T).T.reshape(kspace.shape[:4], order="F")
+    return out
+
+
+def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
+    """Coil sensitivities from low-resolution k-space, and the image that they belong to.
+
+    Each coil's low-resolution image is divided by the combination of all: their root sum of
+    squares with the phase of the coils' weighted sum, so that the unfolded image keeps that phase.
+
+    Parameters
+    ----------
+    calibration : ndarray of complex64, ``(x, y, z, coil)``
+        Fully measured lines around k = 0, which lies at ``N // 2``.
+    size : sequence of 3 int
+        Extents of the maps, over the field of view of the calibration lines.
+    window : float, optional
+        Strength of the window against ringing, see `ctessel.ringing_filter`.
+    mask : float, optional
+        Share of the brightest magnitude below which a voxel counts as outside the object; such
+        voxels have real part 0 in coil 0, as `ctessel.sense_recon` expects. The object is filled
+        and grown by a few voxels. 0 keeps every voxel.
+    threads : int, optional
+
+    Returns
+    -------
+    maps : ndarray of complex64, ``(x, y, z, coil)``
+    combined : ndarray of complex64, ``(x, y, z)``
+        Combined low-resolution image.
+
+    References
+    ----------
+    K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
+    (1999).
+    """
+    lines = ringing_filter(np.asfortranarray(calibration), window, threads=threads)
+    images = to_image(resize(lines, size, threads), threads=threads, overwrite=True)
+    combined = pcsos(images, threads=threads)
+    empty = combined == 0
+    maps = images
+    maps *= (1 / np.where(empty, np.complex64(1), combined))[..., None]
+    maps[empty] = 1 / np.sqrt(np.float32(images.shape[3]))  # all zeros would be a singular matrix
+    if mask > 0:
+        outside = ~_object(np.abs(combined), mask)
+        # The kernel may still use such a voxel for other columns: the imaginary parts stay.
+        maps.real[..., 0][outside] = 0
+    return maps, combined
+
+
+def _object(magnitude, threshold):
+    inside = magnitude > threshold * magnitude.max()
+    inside = ndimage.binary_fill_holes(inside)
+    reach = [min(3, n // 32) for n in inside.shape]
+    return ndimage.maximum_filter(inside, [2 * r + 1 for r in reach])
+
+
+def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.0, levels=None,
+          threads=None):
+    """Unfold images of regularly undersampled k-space.
+
+    Parameters
+    ----------
+    folded : ndarray of complex64, ``(x, folded y, folded z, coil, ...)``
+        Image of `fold_lines`' result; one location.
+    maps : ndarray of complex64, ``(x, y, z, coil)``
+    lattices : sequence of two Lattice
+        For y and z.
+    covariance : ndarray of complex64, ``(coil, coil)``, optional
+        Of the noise; by default the identity.
+    expected : ndarray of complex64 or float32, ``(x, y, z)``, optional
+        Image whose magnitude is the expected signal; switches the regularisation on.
+    strength : float, optional
+        Of the regularisation: divides the expected signal level.
+    levels : tuple of two float, optional
+        Root-mean-square levels of the folded data and of the expected image of the whole scan, of
+        which `folded` is a part. By default those of the arguments.
+    threads : int, optional
+
+    Returns
+    -------
+    ndarray of complex64, ``(x, y, z, ...)``
+        Unfolded image, scaled like the image of fully measured lines.
+
+    Notes
+    -----
+    The kernel weighs with the level of all that it is given. A part of a scan gets the weight of
+    the whole by a scale that differs by the ratio of the levels.
+
+    References
+    ----------
+    K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
+    (1999).
+    """
+    full = (folded.shape[0], *(lattice.full for lattice in lattices))
+    weight = {}
+    level = sa(folded) if expected is not None else 0
+    if level > 0:
+        whole, reference = levels or (level, sa(expected))
+        weight = {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32),
+                  "scale": strength * level / whole}
+    image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
+    np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
+    image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
+    return _restore_phase(image, lattices)
+
+
+def _restore_phase(image, lattices):
+    """Lines that miss k = 0 by an offset leave a linear phase."""
+    for axis, lattice in enumerate(lattices, 1):
+        if lattice.offset:
+            place = np.arange(lattice.full) - lattice.full // 2
+            turns = place * lattice.offset / (lattice.folded * lattice.step)
+            phase = np.exp(2j * np.pi * turns).astype(np.complex64)
+            image *= phase.reshape((-1,) + (1,) * (image.ndim - axis - 1))
+    return image
+
+
+def homodyne_recon(kspace, ranges, *, field=None, threads=None):
+    """Image of partial-Fourier k-space along up to three axes.
+
+    Parameters
+    ----------
+    kspace : ndarray of complex64, ``(x, y, z, ...)``
+        Centred k-space, 0 where nothing was measured.
+    ranges : sequence of 3 (tuple of two int, or None)
+        First and last measured line of each axis from k = 0. Either side may be missing: where it
+        is the positive one, which the filter rejects, the axis is mirrored and the image back.
+    field : sequence of 3 int, optional
+        Central extents of the image to keep.
+    threads : int, optional
+
+    Returns
+    -------
+    ndarray of complex64
+        Real image, imaginary parts 0. Axes with less than 0.55 of the extent are zero-filled.
+
+    References
+    ----------
+    D. C. Noll, D. G. Nishimura, A. Macovski, "Homodyne detection in magnetic resonance imaging",
+    IEEE Trans. Med. Imaging 10:154 (1991).
+    """
+    usable = usable_ranges(kspace.shape, ranges)
+    field = tuple(field or kspace.shape[:3])
+    if not any(usable):
+        return _cut(to_image(kspace, threads=threads), field)
+    mirrored = [axis for axis, r in enumerate(usable) if r and sum(r) < 0]
+    for axis in mirrored:
+        usable[axis] = _mirror(usable[axis])
+    data = flip(kspace, mirrored) if mirrored else kspace
+    weighted, centre = homodyne.filter(np.asfortranarray(data), threads=threads,
+                                       **dict(zip(("kx", "ky", "kz"), usable)))
+    low = to_image(zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads, overwrite=True)
+    image = to_image(weighted, threads=threads, overwrite=True)
+    if mirrored:
+        low, image = flip(low, mirrored), flip(image, mirrored)
+    low, image = _cut(low, field), _cut(image, field)
+    low[low == 0] = 1  # without a phase to remove
+    return homodyne.multiply(image, low, inplace=True, threads=threads)
+
+
+def _cut(image, field):
+    return np.asfortranarray(image[tuple(central(n, m) for n, m in zip(image.shape, field))])
+
+
+def _mirror(lines):
+    return -lines[1], -lines[0]
+
+
+def usable_ranges(shape, ranges):
+    """The ranges that homodyne can use on a grid: cut to it, None where too little was measured."""
+    usable = []
+    for n, lines in zip(shape, ranges):
+        if lines is not None:
+            reach = (n - 1) // 2  # line -N/2 of an even axis has no mirror image
+            lines = max(lines[0], -reach), min(lines[1], reach)
+            positive = lines if sum(lines) > 0 else _mirror(lines)
+            if abs(sum(lines)) <= 1 or homodyne.calculate_filter(n, positive) is None:
+                lines = None
+        usable.append(lines)
+    return usable
+
+
+def combine(images, method="pcsos", threads=None):
+    """Combine coil images.
+
+    Parameters
+    ----------
+    images : ndarray of complex64, ``(x, y, z, coil, ...)``
+    method : {"pcsos", "sos"}, optional
+        Root sum of squares with the phase of the coils' weighted sum, or as a magnitude.
+    threads : int, optional
+
+    Returns
+    -------
+    ndarray of complex64 ("pcsos") or float32 ("sos"), ``(x, y, z, ...)``
+    """
+    if method == "sos":
+        return sos(np.asfortranarray(images), threads=threads)
+    if method != "pcsos":
+        raise ValueError(f'combine: expected "pcsos" or "sos", got {method!r}')
+    if images.shape[3] == 1:
+        return np.asfortranarray(images[:, :, :, 0])
+    return pcsos(np.asfortranarray(images), threads=threads)

@@ -1,0 +1,389 @@
+"""The command ``ctessel``: from raw data to images, without a line of Python."""
+
+import argparse
+import contextlib
+import os
+import signal
+import sys
+import threading
+from pathlib import Path
+
+EXIT_CODES = """exit codes:
+  0    done
+  1    a file or its data cannot be used; the line on stderr says what mends it
+  2    wrong use of the command
+  3    does not fit into memory
+  4    a fault of ctessel itself
+  130  cancelled with Ctrl-C
+  143  ended by SIGTERM, as batch systems do
+"""
+DONE, DEFECT, USAGE, MEMORY, FAULT = range(5)
+
+
+class UsageError(Exception):
+    """Arguments that the parser cannot judge by themselves."""
+
+
+def main(argv=None):
+    """Run the command; returns its exit code. SIGINT and SIGTERM end the process at once."""
+    return _interruptible(lambda: _main(argv))
+
+
+def _main(argv):
+    parser = _parser()
+    arguments = parser.parse_args(argv)
+    try:
+        return arguments.run(arguments) or DONE
+    except UsageError as error:
+        parser.error(str(error))
+    except Exception as error:
+        code, text = _explain(error)
+        print(f"ctessel: {text}", file=sys.stderr)
+        if code == FAULT and os.environ.get("CTESSEL_TRACEBACK"):
+            raise
+        return code
+
+
+def _explain(error):
+    """Exit code and one line for an exception."""
+    from ._memory import DoesNotFitError
+
+    text = " ".join(str(error).split())
+    if isinstance(error, DoesNotFitError):
+        return MEMORY, text
+    if isinstance(error, MemoryError):
+        return (
+            MEMORY,
+            f"out of memory{f' ({text})' if text else ''}; use fewer --workers, --scratch or --range",
+        )
+    if isinstance(error, ModuleNotFoundError):
+        package = error.name.split(".")[0]
+        return DEFECT, f"needs the Python package {package}; apt-get install python3-{package}"
+    if isinstance(error, OSError) and error.strerror:
+        return (
+            DEFECT,
+            f"{error.filename or 'output'}: {error.strerror}; check name, permissions and free space",
+        )
+    if isinstance(error, (ValueError, ConnectionError)):
+        return DEFECT, text
+    return (
+        FAULT,
+        f"fault of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where",
+    )
+
+
+def _interruptible(run):
+    """Run in a thread, so that a signal need not wait for the kernel that is at work."""
+    outcome = []
+
+    def work():
+        try:
+            outcome.append((run(), None))
+        except BaseException as error:
+            outcome.append((None, error))
+
+    if threading.current_thread() is not threading.main_thread():
+        return run()
+    worker = threading.Thread(target=work, daemon=True)
+    before = {number: signal.signal(number, _end) for number in (signal.SIGINT, signal.SIGTERM)}
+    try:
+        worker.start()
+        worker.join()
+    finally:
+        for number, handler in before.items():
+            signal.signal(number, handler)
+    result, error = outcome[0]
+    if error is not None:
+        raise error
+    return result
+
+
+def _end(number, _):
+    """End the process from a signal's handler, with nothing half-written."""
+    for other in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(other, signal.SIG_IGN)
+    import logging
+    import multiprocessing
+
+    logging.disable()  # Dask tells of every process that ends
+    for child in multiprocessing.active_children():
+        child.kill()
+    for name, discard in (
+        ("nifti", lambda m: m.Staged.discard_all()),
+        ("dask", lambda m: m.discard_all()),
+    ):
+        # A module that is not there, or not complete yet, has written nothing.
+        with contextlib.suppress(AttributeError):
+            discard(sys.modules.get(f"ctessel.{name}"))
+    print("\nctessel: cancelled, nothing was written", file=sys.stderr, flush=True)
+    os._exit(128 + number)
+
+
+# ---- Arguments -----------------------------------------------------------------------------------
+
+
+def _parser():
+    from . import __version__
+
+    parser = argparse.ArgumentParser(
+        prog="ctessel",
+        description="From MRI raw data to images.",
+        epilog=EXIT_CODES,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument("--version", action="version", version=f"ctessel {__version__}")
+    commands = parser.add_subparsers(metavar="COMMAND", required=True)
+    for add in (_add_recon, _add_info, _add_merge, _add_phantom):
+        add(commands)
+    return parser
+
+
+def _command(commands, name, run, text):
+    command = commands.add_parser(
+        name,
+        help=text,
+        description=text[0].upper() + text[1:] + ".",
+        epilog=EXIT_CODES,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    command.set_defaults(run=run)
+    return command
+
+
+def _add_recon(commands):
+    command = _command(
+        commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD)"
+    )
+    command.add_argument("raw", metavar="RAW.h5")
+    command.add_argument(
+        "-o",
+        "--output",
+        required=True,
+        metavar="IMAGE.nii.gz",
+        type=_nifti_name,
+        help="NIfTI file; IMAGE.json beside it tells what was done",
+    )
+    command.add_argument(
+        "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
+    )
+    command.add_argument(
+        "--dry-run", action="store_true", help="say what would be done, and do nothing"
+    )
+    _add_steps(command)
+    _add_resources(command)
+
+
+def _add_steps(command):
+    steps = command.add_argument_group("steps")
+    steps.add_argument(
+        "--ringing",
+        type=_share,
+        default=0.0,
+        metavar="S",
+        help="filter against ringing, strength 0 (none, the default) to 0.915",
+    )
+    steps.add_argument(
+        "--pad",
+        type=_positive,
+        nargs=3,
+        metavar=("X", "Y", "Z"),
+        help="voxels of the image; more than were measured interpolate by zero filling",
+    )
+    steps.add_argument(
+        "--regularise",
+        type=_level,
+        default=0.0,
+        metavar="SCALE",
+        help="regularise SENSE; 1 trusts the level of the calibration image",
+    )
+    steps.add_argument(
+        "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
+    )
+    steps.add_argument(
+        "--combine",
+        choices=("sos", "phase"),
+        default="sos",
+        help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
+    )
+    steps.add_argument("--no-homodyne", action="store_true", help="zero-fill partial Fourier scans")
+    steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
+
+
+def _add_resources(command):
+    resources = command.add_argument_group("resources")
+    resources.add_argument("--threads", type=_positive, metavar="N", help="threads of the kernels")
+    resources.add_argument(
+        "--range",
+        nargs=3,
+        metavar=("AXIS", "FIRST", "LAST"),
+        help="only a part along slice, echo or repetition, from 0; see ctessel merge",
+    )
+    resources.add_argument(
+        "--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory"
+    )
+    resources.add_argument("--workers", type=_positive, metavar="N", help="processes to start here")
+    resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
+    _add_group(resources)
+
+
+def _add_group(command):
+    command.add_argument(
+        "--group", default="dataset", help="group of the HDF5 file (default: dataset)"
+    )
+
+
+def _add_info(commands):
+    command = _command(
+        commands, "info", info, "tell what is in a raw data file and what would be done with it"
+    )
+    command.add_argument("raw", metavar="RAW.h5")
+    _add_group(command)
+
+
+def _add_merge(commands):
+    command = _command(commands, "merge", merge, "join images that were made with --range")
+    command.add_argument("parts", nargs="+", metavar="PART.nii.gz")
+    command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name)
+
+
+def _add_phantom(commands):
+    command = _command(commands, "phantom", phantom, "write raw data of a phantom")
+    # The names are those of ctessel.phantom.KINDS, which is not loaded for the other commands.
+    command.add_argument("kind", metavar="KIND", help="kind of scan; 'list' shows all")
+    command.add_argument("-o", "--output", metavar="RAW.h5")
+    for name in ("size", "coils", "slices", "partitions", "repetitions", "echoes", "averages"):
+        command.add_argument(f"--{name}", type=_positive, metavar="N")
+    command.add_argument(
+        "--noise", type=_level, metavar="LEVEL", help="standard deviation per sample and part"
+    )
+    command.add_argument("--seed", type=int, metavar="N")
+
+
+def _number(kind, accept, what):
+    def convert(text):
+        try:
+            value = kind(text)
+        except ValueError:
+            value = None
+        if value is None or not accept(value):
+            raise argparse.ArgumentTypeError(f"expected {what}, got {text!r}")
+        return value
+
+    return convert
+
+
+_positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
+_level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
+_share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def _png_name(text):
+    if not text.endswith(".png"):
+        raise argparse.ArgumentTypeError(
+            f"{text}: is to be a PNG file; give it a name that ends in .png"
+        )
+    return Path(text)
+
+
+def _nifti_name(text):
+    from .nifti import base_name
+
+    try:
+        base_name(text)
+    except ValueError as error:
+        raise argparse.ArgumentTypeError(str(error)) from None
+    return Path(text)
+
+
+def _range(words):
+    from .raw import RANGE_AXES
+
+    if words is None:
+        return None
+    axis, first, last = words
+    if axis not in RANGE_AXES or not (first.isdigit() and last.isdigit()) or int(first) > int(last):
+        raise UsageError(
+            f"argument --range: expected {', '.join(RANGE_AXES)} with the first and last position "
+            f"from 0, got {' '.join(words)}"
+        )
+    return axis, int(first), int(last)
+
+
+# ---- Commands ------------------------------------------------------------------------------------
+
+
+def recon(arguments):
+    """``ctessel recon``"""
+    from . import _recon
+
+    job = _recon.prepare(arguments, _range(arguments.range))
+    if arguments.dry_run:
+        print(_recon.report(job))
+        return
+    with _progress("reading", "acquisitions") as progress:
+        scan = job.read(progress)
+    with _progress("reconstructing", "volumes") as progress:
+        result = job.reconstruct(scan, progress)
+    job.write(result)
+
+
+def info(arguments):
+    """``ctessel info``"""
+    from . import _recon
+
+    print(_recon.information(arguments.raw, arguments.group))
+
+
+def merge(arguments):
+    """``ctessel merge``"""
+    from . import nifti
+
+    nifti.merge(arguments.parts, arguments.output)
+
+
+def phantom(arguments):
+    """``ctessel phantom``"""
+    from . import phantom as phantoms
+
+    if arguments.kind == "list":
+        print("\n".join(phantoms.KINDS))
+        return
+    if arguments.kind not in phantoms.KINDS:
+        raise UsageError(
+            f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}"
+        )
+    if arguments.output is None:
+        raise UsageError("the following arguments are required: -o/--output")
+    names = (
+        "size",
+        "coils",
+        "slices",
+        "partitions",
+        "repetitions",
+        "echoes",
+        "averages",
+        "noise",
+        "seed",
+    )
+    changes = {
+        name: getattr(arguments, name) for name in names if getattr(arguments, name) is not None
+    }
+    with _progress("writing", "acquisitions") as progress:
+        phantoms.write(arguments.output, arguments.kind, progress=progress, **changes)
+
+
+@contextlib.contextmanager
+def _progress(what, unit):
+    """A bar with the time left on stderr, where that is a terminal; None otherwise."""
+    if not sys.stderr.isatty():
+        yield None
+        return
+    import tqdm
+
+    with tqdm.tqdm(desc=what, unit=f" {unit}", leave=False) as bar:
+
+        def show(done, total):
+            bar.total = total
+            bar.update(done - bar.n)
+
+        yield show

@@ -1,0 +1,297 @@
+"""Images in NIfTI files: where voxels lie in the patient, what was done, nothing half-written.
+
+A placement is in ISMRMRD's patient axes (left, posterior, superior); NIfTI's point to right,
+anterior and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the placement's
+position.
+"""
+
+import contextlib
+import json
+import os
+import threading
+from pathlib import Path
+
+import numpy as np
+
+__all__ = ["Staged", "affine", "merge", "sidecar_path", "write"]
+
+#: Axis of the file's array for each axis of a scan; a slab's partitions take that of the slices.
+FILE_AXES = {"slice": 2, "repetition": 3, "echo": 4}
+_LPS_TO_RAS = np.diag([-1.0, -1.0, 1.0, 1.0])
+
+
+class Staged(contextlib.AbstractContextManager):
+    """Files that appear under their names all together, once they are complete.
+
+    >>> import tempfile
+    >>> folder = Path(tempfile.mkdtemp())
+    >>> with Staged() as files:
+    ...     _ = files.path(folder / "a.txt").write_text("whole")
+    ...     print(sorted(p.suffix for p in folder.iterdir()), (folder / "a.txt").exists())
+    ...     files.commit()
+    ['.txt'] False
+    >>> [p.name for p in folder.iterdir()]
+    ['a.txt']
+    """
+
+    _lock = threading.Lock()
+    _open = []
+
+    def __init__(self):
+        self._names = {}
+        self._open.append(self)
+
+    def path(self, final):
+        """Where to write what is to become `final`: beside it, hidden, with its endings."""
+        final = Path(final)
+        check_folder(final)
+        self._names[final] = final.with_name(f".{os.getpid()}-{final.name}")
+        return self._names[final]
+
+    def commit(self):
+        with self._lock:
+            if self not in self._open:
+                return  # the process is about to end
+            for final, written in list(self._names.items()):
+                os.replace(written, final)
+                del self._names[final]
+
+    def __exit__(self, *_):
+        with self._lock:
+            self._discard()
+            if self in self._open:
+                self._open.remove(self)
+
+    def _discard(self):
+        for written in self._names.values():
+            with contextlib.suppress(FileNotFoundError):
+                written.unlink()
+
+    @classmethod
+    def discard_all(cls):
+        """Remove what other threads have not committed, for a process that is about to end."""
+        with cls._lock:
+            while cls._open:
+                cls._open.pop()._discard()
+
+
+def check_folder(path):
+    """ValueError unless a file of this name can be made."""
+    folder = Path(path).absolute().parent
+    if not os.access(folder, os.W_OK | os.X_OK):
+        raise ValueError(f"{folder}: cannot be written to; name a folder that can")
+
+
+def affine(header, shape, field):
+    """Where the voxels of an image lie.
+
+    Parameters
+    ----------
+    header : Header
+        With the placement of each slice.
+    shape : sequence of 4 int
+        Voxels along x, y, z, and slices.
+    field : sequence of 3 float
+        Field of view in mm.
+
+    Returns
+    -------
+    matrix : ndarray of float64, ``(4, 4)``
+        From voxel indices to mm towards right, anterior and superior.
+    known : bool
+        Whether the file told the position; otherwise slices are taken for axial ones at the
+        isocentre.
+
+    Raises
+    ------
+    ValueError
+        Slices that are not parallel, or unevenly spaced, fit no matrix.
+    """
+    nx, ny, nz, slices = shape[:4]
+    if nz > 1 and slices > 1:
+        raise ValueError(
+            "several slabs fit no single file; reconstruct them one at a time, --range slice 0 0"
+        )
+    size = np.array(field, float) / (nx, ny, nz)
+    places = header.placements
+    known = len(places) == slices and (
+        slices == 1 or any(np.any(p.position != places[0].position) for p in places)
+    )
+    if known:
+        columns, first = (
+            _in_patient(places, size, header.spacing if nz == 1 else 0),
+            places[0].position,
+        )
+    else:
+        columns, first = np.diag(size), np.zeros(3)
+    matrix = np.eye(4)
+    matrix[:3, :3] = columns
+    matrix[:3, 3] = first - columns @ (nx // 2, ny // 2, nz // 2)
+    return _LPS_TO_RAS @ matrix, known
+
+
+def _in_patient(places, size, spacing):
+    columns = np.stack([places[0].read, places[0].phase, places[0].slice], 1).astype(float) * size
+    if len(places) > 1:
+        columns[:, 2] = _step(places)
+    elif spacing:
+        columns[:, 2] *= spacing / size[2]
+    return columns
+
+
+def _step(places):
+    """From one slice to the next."""
+    positions = np.array([place.position for place in places], float)
+    step = (positions[-1] - positions[0]) / (len(places) - 1)
+    off = positions - (positions[0] + np.arange(len(places))[:, None] * step)
+    turned = max(
+        np.abs(getattr(p, name) - getattr(places[0], name)).max()
+        for p in places
+        for name in ("read", "phase", "slice")
+    )
+    if turned > 1e-3 or np.abs(off).max() > 0.02 * np.linalg.norm(step):
+        what = "not parallel" if turned > 1e-3 else "unevenly spaced"
+        raise ValueError(
+            f"slices are {what} and fit no single file; reconstruct them one at a time, "
+            "--range slice 0 0"
+        )
+    return step
+
+
+def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
+    """Write an image and what was done beside it. Names are the caller's, see `Staged`.
+
+    Parameters
+    ----------
+    path : Path
+        Ends in .nii or .nii.gz.
+    volumes : ndarray
+        ``(x, y, z, slice, echo, repetition)``, one slab or any number of slices.
+    matrix, known
+        What `affine` returns.
+    repetition_time : float
+        Seconds; 0 where it is not known.
+    sidecar : dict
+        Goes to `sidecar_file`.
+    """
+    import nibabel
+
+    x, y, z, slices, echoes, repetitions = volumes.shape
+    data = np.swapaxes(volumes.reshape((x, y, z * slices, echoes, repetitions), order="F"), 3, 4)
+    while data.ndim > 3 and data.shape[-1] == 1:
+        data = data[..., 0]
+    _save(nibabel.Nifti1Image(data, matrix), path, matrix, known, repetition_time)
+    sidecar_file.write_text(json.dumps(sidecar, indent=2) + "\n")
+
+
+def _save(image, path, matrix, known, repetition_time):
+    image.set_sform(matrix, code=1 if known else 0)
+    axes = matrix[:3, :3] / np.linalg.norm(matrix[:3, :3], axis=0)
+    upright = np.allclose(axes.T @ axes, np.eye(3), atol=1e-4)
+    image.set_qform(matrix, code=1 if known and upright else 0)
+    image.header.set_xyzt_units("mm", "sec")
+    image.header["pixdim"][4] = repetition_time
+    image.to_filename(path)
+
+
+def sidecar_path(path):
+    """Name of the JSON file that belongs to an image: ``a.nii.gz`` has ``a.json``."""
+    path = Path(path)
+    return path.with_name(base_name(path) + ".json")
+
+
+def base_name(path):
+    """Name without folder and endings; ValueError unless they are those of NIfTI."""
+    for ending in (".nii.gz", ".nii"):
+        if Path(path).name.endswith(ending):
+            return Path(path).name[: -len(ending)]
+    raise ValueError(f"{path}: is to be a NIfTI file; give it a name that ends in .nii or .nii.gz")
+
+
+def merge(paths, output):
+    """Join the parts of a scan that were reconstructed with ``--range``.
+
+    Parameters
+    ----------
+    paths : sequence of path
+        Images with their sidecars, in any order.
+    output : path
+        Joined image; its sidecar appears beside it.
+
+    Raises
+    ------
+    ValueError
+        Parts are missing, overlap, or are not of one scan.
+    """
+    import nibabel
+
+    parts = sorted((_part(nibabel, Path(path)) for path in paths), key=lambda part: part.first)
+    _check_parts(parts)
+    first, axis = parts[0], parts[0].axis
+    data = [_with_axes(np.asanyarray(part.image.dataobj), FILE_AXES[axis] + 1) for part in parts]
+    joined = np.concatenate(data, FILE_AXES[axis])
+    sidecar = {
+        **first.sidecar,
+        "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last},
+    }
+    known = bool(first.image.header["sform_code"])
+    with Staged() as files:
+        target = files.path(output)
+        _save(
+            nibabel.Nifti1Image(joined, first.image.affine),
+            target,
+            first.image.affine,
+            known,
+            float(first.image.header["pixdim"][4]),
+        )
+        files.path(sidecar_path(output)).write_text(json.dumps(sidecar, indent=2) + "\n")
+        files.commit()
+
+
+class _Part:
+    def __init__(self, path, image, sidecar):
+        self.path, self.image, self.sidecar = path, image, sidecar
+        try:
+            part = sidecar["Range"]
+            self.axis, self.first, self.last = part["Axis"], int(part["First"]), int(part["Last"])
+        except (KeyError, TypeError):
+            raise ValueError(
+                f"{path}: is no part; only images made with --range can be merged"
+            ) from None
+
+
+def _part(nibabel, path):
+    try:
+        return _Part(path, nibabel.load(path), json.loads(sidecar_path(path).read_text()))
+    except FileNotFoundError as error:
+        raise ValueError(
+            f"{error.filename or path}: is missing; a part is an image and its .json"
+        ) from None
+    except (nibabel.filebasedimages.ImageFileError, json.JSONDecodeError) as error:
+        raise ValueError(f"{path}: cannot be read ({error}); reconstruct this part again") from None
+
+
+def _check_parts(parts):
+    first, following = parts[0], parts[0].first
+    for part in parts:
+        if part.axis != first.axis or part.sidecar.get("Steps") != first.sidecar.get("Steps"):
+            raise ValueError(
+                f"{part.path}: is of another scan or was reconstructed otherwise than {first.path}"
+            )
+        if part.first != following:
+            raise ValueError(
+                f"{part.path}: starts at {part.axis} {part.first}, {following} is due; "
+                "give every part once"
+            )
+        following = part.last + 1
+        moved = part.image.affine[:3] - first.image.affine[:3]
+        if part.axis == "slice":
+            moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
+        if np.abs(moved).max() > 0.02:
+            raise ValueError(
+                f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
+            )
+
+
+def _with_axes(data, count):
+    return data.reshape(data.shape + (1,) * (count - data.ndim))

@@ -1,0 +1,308 @@
+"""Raw data files in ISMRMRD's format: what is in them, and their samples as a `Scan`.
+
+Headers of the acquisitions are read first; they tell the extents, so that a file which is
+defective, or does not fit into memory, is refused before any sample is read. Samples then go block
+by block to their places in one array.
+"""
+
+import errno
+import os
+import tempfile
+
+import numpy as np
+
+from . import _memory
+from ._ismrmrd import HEAD, REVERSE, DefectError, parse
+from ._memory import DoesNotFitError
+from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
+from .scan import AXES, Scan
+
+__all__ = [
+    "Contents",
+    "DoesNotFitError",
+    "RawError",
+    "contents",
+    "describe",
+    "facts",
+    "outline",
+    "read",
+]
+
+BLOCK_BYTES = 4 << 20
+
+
+class RawError(ValueError):
+    """A raw data file cannot be used. One line: the file, what is wrong, and what mends it."""
+
+
+def read(path, *, group="dataset", range=None, scratch=None, progress=None, found=None):
+    """Samples of a Cartesian scan at their places in k-space.
+
+    Parameters
+    ----------
+    path : str or path
+        Raw data file.
+    group : str, optional
+        Group of the HDF5 file that holds the data set.
+    range : tuple of str, int, int, optional
+        Axis ("slice", "echo" or "repetition") and the first and last position to be read along it,
+        from 0. Slices count along the slice direction, whatever the order of their measurement.
+    scratch : str or path, optional
+        Folder for a file that holds k-space in place of memory. It has no name any more when this
+        returns, so that nothing is left of it once the scan is forgotten.
+    progress : callable, optional
+        Called with the number of acquisitions done and their total.
+    found : Contents, optional
+        What `contents` has found, which saves finding it again.
+
+    Returns
+    -------
+    Scan
+        Cardiac phases and sets become repetitions; the phase varies faster than the repetition and
+        the set faster than the phase.
+
+    Raises
+    ------
+    RawError
+        The file is missing, no raw data, cut short, empty, not Cartesian, or contradicts itself.
+    DoesNotFitError
+        The samples need more memory than is free.
+    """
+    path = os.fspath(path)
+    found = found or contents(path, group=group, range=range)
+    if scratch is None:
+        _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
+    scan = _empty_scan(found, lambda shape: _zeros(shape, scratch))
+    try:
+        noise = _fill(_open(path, found.group), found, scan, progress)
+    except (DefectError, RuntimeError) as error:
+        raise _named(path, error) from None
+    _divide(scan.kspace, found.scan.times)
+    if scan.calibration is not None:
+        _divide(scan.calibration, found.apart.times)
+    if noise:
+        scan.noise = np.concatenate(noise)
+    return scan
+
+
+def contents(path, *, group="dataset", range=None):
+    """What a raw data file holds, without its samples. Arguments and errors are those of `read`.
+
+    Returns
+    -------
+    Contents
+    """
+    path = os.fspath(path)
+    reader = _open(path, group)
+    try:
+        return survey(path, group, parse(reader.header), _heads(reader, path), range)
+    except (DefectError, RuntimeError) as error:
+        raise _named(path, error) from None
+
+
+def outline(found):
+    """A scan with the noise but without the other samples, which are 0 and take no memory.
+
+    Enough for `pipeline.plan` and `pipeline.memory_estimate`.
+    """
+    scan = _empty_scan(found, lambda shape: np.broadcast_to(np.complex64(0), shape))
+    at = np.flatnonzero(found.role == NOISE_SCAN)
+    if at.size:
+        reader = _open(found.path, found.group)
+        scan.noise = np.concatenate([_kept(found, i, reader.read(int(i), 1)[1][0]) for i in at])
+    return scan
+
+
+def describe(path, *, group="dataset", range=None):
+    """Facts about a raw data file, for people: a dict of texts.
+
+    Arguments and errors are those of `read`.
+    """
+    return facts(contents(path, group=group, range=range))
+
+
+def facts(found):
+    """Facts about `Contents`, for people: a dict of texts."""
+    header, extents = found.header, dict(zip(AXES, found.scan.shape))
+    (nx, ny, nz), x = header.encoded_matrix, header.limits["x"]
+    times = found.scan.times
+    texts = {
+        "protocol": header.protocol,
+        "kind": "3-D" if nz > 1 else "2-D",
+        "encoded": f"{_times(header.encoded_matrix)}, {_times(header.encoded_fov)} mm",
+        "image": f"{_times(header.recon_matrix)}, {_times(header.recon_fov)} mm",
+        "readout": f"samples {x.minimum} to {x.maximum} of {nx}",
+        "lines": f"{int((times > 0).any((2, 3, 4)).sum())} of {ny * nz}",
+        "coils": str(extents["coil"]),
+        "slices": str(extents["slice"]),
+        "echoes": str(extents["echo"]),
+        "repetitions": str(extents["repetition"]),
+        "averages": str(int(times.max())),
+        "acceleration": _times(header.acceleration),
+        "calibration": _calibration_text(found),
+        "noise scan": f"{found.noise_samples} samples" if found.noise_samples else "none",
+        "position": _position_text(header),
+        "TR": ", ".join(f"{t:g} ms" for t in header.tr),
+        "TE": ", ".join(f"{t:g} ms" for t in header.te),
+        "left out": f"{int((found.role == IGNORED).sum())} of {found.heads.size} acquisitions",
+        "k-space": _memory.text(found.nbytes),
+    }
+    return {name: text for name, text in texts.items() if text}
+
+
+def mend_memory(found):
+    """What to do about a scan that does not fit into memory."""
+    extents = {name: found.scan.shape[AXES.index(name)] for name in RANGE_AXES}
+    axis = max(extents, key=extents.get)
+    if extents[axis] == 1:
+        return "use a machine with more memory"
+    first = found.range[1] if found.range and found.range[0] == axis else 0
+    last = first + extents[axis] // 2 - 1
+    return (
+        f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first with "
+        f"--range {axis} {first} {last}, and merge them"
+    )
+
+
+def library(path):
+    """The module that reads and writes raw data files; RawError where it was left out."""
+    try:
+        from . import _raw
+    except ImportError:
+        raise RawError(
+            f"{path}: ctessel was built without raw data; apt-get install libismrmrd-dev "
+            "libhdf5-dev, then install ctessel again"
+        ) from None
+    return _raw
+
+
+def _open(path, group):
+    _raw = library(path)
+    if not os.path.isfile(path):
+        code = errno.EISDIR if os.path.isdir(path) else errno.ENOENT
+        raise RawError(f"{path}: {os.strerror(code)}; name a raw data file")
+    try:
+        return _raw.Reader(path, group)
+    except RuntimeError as error:
+        raise RawError(f"{path}: {_reason(str(error), group)}") from None
+
+
+def _reason(text, group):
+    """HDF5's reasons in a user's words, with what mends them."""
+    if "signature not found" in text:
+        return "no HDF5 file; convert the scanner's data to ISMRMRD first"
+    if "truncated" in text:
+        return f"the file is cut short ({text}); copy it again"
+    if text.startswith("no acquisitions"):
+        return "it holds no acquisitions; copy or convert it again"
+    if "No XML Header" in text:
+        return f'no raw data in its group "{group}"; name the right one with --group'
+    if "errno = " in text:
+        return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
+    return f"cannot be read ({text}); copy or convert it again"
+
+
+def _named(path, error):
+    text = str(error) if isinstance(error, DefectError) else f"{error}; copy or convert it again"
+    return RawError(f"{path}: {text}")
+
+
+def _heads(reader, path):
+    step = 1 << 14
+    if 32 * len(reader) > os.path.getsize(path):  # no reading of billions that are not there
+        raise DefectError(f"it is too short for its {len(reader)} acquisitions", "copy it again")
+    parts = [reader.heads(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
+    if not parts:
+        raise DefectError("it holds no acquisitions")
+    return np.concatenate(parts).view(HEAD)[:, 0]
+
+
+def _empty_scan(found, zeros):
+    lines = found.scan.times > 0
+    sampled = lines.any((2, 3, 4))
+    scan = Scan(zeros(found.scan.shape), sampled, found.header, selection=found.range)
+    if (lines != sampled[:, :, None, None, None]).any():
+        scan.lines = lines
+    if found.flagged.any():
+        scan.calibration_lines = found.flagged
+    if found.apart:
+        scan.calibration = zeros(found.apart.shape)
+    return scan
+
+
+def _fill(reader, found, scan, progress):
+    """Put samples where they belong, several measurements of a line summed. Returns the noise."""
+    noise, total = [], found.heads.size
+    bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
+    step = max(1, min(256, BLOCK_BYTES // max(1, bytes_each)))
+    for first in range(0, total, step):
+        role = found.role[first : first + step]
+        if (role != IGNORED).any():
+            for i, samples in enumerate(reader.read(first, role.size)[1], first):
+                _place(found, scan, noise, i, samples)
+        if progress:
+            progress(min(first + step, total), total)
+    return noise
+
+
+def _place(found, scan, noise, i, samples):
+    if found.role[i] == IGNORED:
+        return
+    samples = _kept(found, i, samples)
+    if found.role[i] == NOISE_SCAN:
+        noise.append(samples)
+        return
+    for places, array in ((found.scan, scan.kspace), (found.apart, scan.calibration)):
+        if places and places.which[i]:
+            x = slice(places.x[i], places.x[i] + samples.shape[0])
+            y, z, s, e, r = places[i]
+            line = array[x, y, z, :, s, e, r]
+            if places.times[y, z, s, e, r] > 1:
+                line += samples
+            else:  # reading fresh memory first would cost as much again
+                line[...] = samples
+
+
+def _kept(found, i, samples):
+    """The samples of an acquisition that count, in the order of k-space."""
+    head = found.heads[i]
+    samples = samples[head["discard_pre"] : samples.shape[0] - head["discard_post"]]
+    if not np.isfinite(samples).all():
+        raise DefectError(f"acquisition {i} holds values that are not finite")
+    return samples[::-1] if head["flags"] & REVERSE else samples
+
+
+def _zeros(shape, scratch):
+    if scratch is None:
+        return np.zeros(shape, np.complex64, order="F")
+    with tempfile.TemporaryFile(dir=scratch) as file:
+        file.truncate(8 * int(np.prod(shape, dtype=float)))
+        return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")
+
+
+def _divide(array, times):
+    """Turn sums of several measurements of a line into means."""
+    for y, z, slice, echo, repetition in np.argwhere(times > 1):
+        count = np.float32(times[y, z, slice, echo, repetition])
+        array[:, y, z, :, slice, echo, repetition] /= count
+
+
+def _times(numbers):
+    return " x ".join(f"{n:g}" for n in numbers)
+
+
+def _calibration_text(found):
+    if found.apart:
+        lines = int(found.apart.times.any((2, 3, 4)).sum())
+        return f"a scan of its own, {lines} lines"
+    return (
+        f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
+    )
+
+
+def _position_text(header):
+    if not header.placements:
+        return "not in the file"
+    x, y, z = header.placements[0].position
+    gap = f", {header.spacing:g} mm apart" if len(header.placements) > 1 else ""
+    return f"first slice at {x:g}, {y:g}, {z:g} mm (left, back, head){gap}"

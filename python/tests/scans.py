@@ -1,0 +1,65 @@
+"""Scans of a phantom whose images are known."""
+
+import numpy as np
+from conftest import random_complex
+
+from ctessel import pipeline
+from ctessel.scan import Header, Limit, Placement, Scan
+
+FIELD = 240.0
+
+
+def axes(shape):
+    """Coordinates from -1 to 1 along three axes."""
+    return np.meshgrid(*[(np.arange(n) - n // 2) * (2 / n) for n in shape], indexing="ij")
+
+
+def phantom(shape, steep=1.0):
+    x, y, z = axes(shape)
+    body = 1.0 * (x**2 / 0.6 + y**2 / 0.7 + z**2 / 0.8 < 1)
+    body -= 0.5 * ((x - 0.2) ** 2 + (y + 0.3) ** 2 + z**2 < 0.08)
+    return (body * np.exp(1j * (0.5 + steep * (0.8 * x - 0.5 * y + 0.3 * z)))).astype(np.complex64)
+
+
+def coils(shape, count):
+    x, y, z = axes(shape)
+    turns = 2 * np.pi * np.arange(count) / count
+    return np.stack([np.exp(-((x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2 + (z - np.cos(2 * a) / 2) ** 2) / 2
+                            + 1j * a) for a in turns], -1).astype(np.complex64)  # fmt: skip
+
+
+def lines(count, step=1, offset=0, calibration=0, first=None, last=None):
+    """Mask of measured lines of one axis; `first` and `last` count from k = 0."""
+    k = np.arange(count) - count // 2
+    mask = ((k - offset) % step == 0) | ((k >= -calibration // 2) & (k < calibration // 2))
+    return mask & (k >= (k[0] if first is None else first)) & (k <= (k[-1] if last is None else last))
+
+
+def header(shape, oversampling=1, slices=1):
+    encoded = (shape[0] * oversampling, *shape[1:])
+    depth = FIELD if shape[2] > 1 else 5.0
+    places = [Placement(np.array([0, 0, 6.0 * i]), *np.eye(3)) for i in range(slices)]
+    limits = {a: Limit(0, n - 1, n // 2) for a, n in zip("xyz", encoded)}
+    return Header(encoded, (FIELD * oversampling, FIELD, depth), tuple(shape), (FIELD, FIELD, depth), limits,
+                  placements=places)
+
+
+def scan(shape=(48, 48, 1), count=6, y=None, z=None, slices=1, repetitions=1, oversampling=1, noise=0.0,
+         mask=None, growth=1 / 8, seed=0):
+    """Root sum of squares of the coil images, and the scan; repetitions grow brighter."""
+    images = coils(shape, count) * phantom(shape)[..., None]
+    level = 1 + np.arange(slices)[:, None, None] / 4 + np.arange(repetitions) * growth
+    truth = np.sqrt((np.abs(images) ** 2).sum(-1))[..., None, None, None] * level
+    kspace = pipeline.to_kspace(pipeline.resize(images, (shape[0] * oversampling,)))
+    kspace = kspace[..., None, None, None] * level
+    sampled = np.outer(lines(shape[1]) if y is None else y, lines(shape[2]) if z is None else z)
+    sampled = sampled if mask is None else mask
+    kspace = (kspace + noise * random_complex(kspace.shape, seed)) * sampled[None, :, :, None, None, None, None]
+    measured = noise * random_complex((4000, count), seed + 1) if noise else None
+    return truth, Scan(np.asfortranarray(kspace, np.complex64), sampled, header(shape, oversampling, slices),
+                       noise=measured)
+
+
+def error(image, truth):
+    """Of magnitudes, relative."""
+    return np.linalg.norm(np.abs(image) - truth) / np.linalg.norm(truth)

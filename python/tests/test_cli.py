@@ -1,0 +1,172 @@
+"""The command: files in and out, exit codes, cancelling, and nothing half-written."""
+
+import json
+import os
+import signal
+import subprocess
+import sys
+import time
+
+import nibabel
+import numpy as np
+import pytest
+
+from ctessel import _memory, cli, phantom
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory):
+    file = tmp_path_factory.mktemp("scan") / "scan.h5"
+    phantom.write(
+        file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0)
+    )
+    return file
+
+
+def recon(scan, output, *options):
+    assert cli.main(["recon", str(scan), "-o", str(output), *map(str, options)]) == 0
+    return nibabel.load(output)
+
+
+def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
+    image = recon(scan, tmp_path / "i.nii.gz", "--preview", tmp_path / "i.png", "--combine", "phase", "--ringing", 0.2,
+                  "--pad", 64, 64, 1, "--regularise", 1)  # fmt: skip
+    assert image.shape == (64, 64, 3, 4) and image.get_data_dtype() == np.float32
+    np.testing.assert_allclose(image.header["pixdim"][1:5], (1.5, 1.5, 5, 0.5))
+    assert image.header.get_xyzt_units() == ("mm", "sec")
+    np.testing.assert_allclose(image.get_qform(), image.get_sform(), atol=1e-4)
+    assert image.header["qform_code"] == image.header["sform_code"] == 1
+    told = json.loads((tmp_path / "i.json").read_text())
+    assert (
+        told["RepetitionTime"] == 0.5
+        and told["EchoTime"] == 0.005
+        and told["SpacingBetweenSlices"] == pytest.approx(5)
+    )
+    assert (
+        told["Parameters"]["options"]["regularisation"] == 1
+        and told["Versions"]["numpy"] == np.__version__
+    )
+    assert any("ringing" in step for step in told["Steps"]) and any(
+        "SENSE: R = 2" in step for step in told["Steps"]
+    )
+    phase = nibabel.load(tmp_path / "i_phase.nii.gz").get_fdata()
+    assert 0 < np.abs(phase).max() <= np.float32(np.pi)
+    names = {"i.nii.gz", "i.json", "i_phase.nii.gz", "i_phase.json", "i.png"}
+    assert {p.name for p in tmp_path.iterdir()} == names and (
+        tmp_path / "i.png"
+    ).stat().st_size > 1000
+
+
+@pytest.mark.parametrize(
+    "axis, cuts, scale",
+    [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1)],
+)
+def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale):
+    whole = recon(scan, tmp_path / "whole.nii.gz", "--regularise", scale)
+    for first, after in zip(cuts, cuts[1:]):
+        recon(
+            scan,
+            tmp_path / f"part{first}.nii.gz",
+            "--range",
+            axis,
+            first,
+            after - 1,
+            "--regularise",
+            scale,
+        )
+    parts = [str(tmp_path / f"part{first}.nii.gz") for first in cuts[-2::-1]]
+    assert cli.main(["merge", *parts, "-o", str(tmp_path / "merged.nii")]) == 0
+    merged = nibabel.load(tmp_path / "merged.nii")
+    np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
+    np.testing.assert_allclose(merged.affine, whole.affine, atol=1e-4)
+    assert cli.main(["merge", parts[0], parts[0], "-o", str(tmp_path / "twice.nii")]) == cli.DEFECT
+    assert not (tmp_path / "twice.nii").exists()
+
+
+def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, monkeypatch):
+    target = str(tmp_path / "i.nii")
+
+    def code(*arguments):
+        try:
+            return cli.main(list(map(str, arguments)))
+        except SystemExit as exit:
+            return exit.code
+
+    def one_line(*words):
+        told = capsys.readouterr().err
+        assert told.count("\n") == 1 and all(word in told for word in words), told
+
+    assert code("recon", scan, "-o", target, "--range", "slice", 1, 3) == cli.DEFECT
+    one_line("slice 0 to 2")
+    assert code("recon", scan, "-o", tmp_path / "none" / "i.nii") == cli.DEFECT
+    one_line("none: cannot be written to")
+    assert code("recon", scan, "-o", target, "--geometry", tmp_path / "no.coef") == cli.DEFECT
+    one_line("no.coef: No such file")
+    assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
+    one_line("none: cannot be written to")
+    assert code("merge", target, "-o", target) == cli.DEFECT
+    one_line("is missing")
+    for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--preview", "i.gif"],
+                  ["recon", scan, "-o", target, "--ringing", 2],
+                  ["recon", scan, "-o", target, "--range", "x", 0, 1], ["phantom", "cube", "-o", target]):  # fmt: skip
+        assert code(*wrong) == cli.USAGE
+    capsys.readouterr()
+    monkeypatch.setattr(_memory, "available", lambda: 1_000_000)
+    assert code("recon", scan, "-o", target) == cli.MEMORY
+    one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
+    assert (
+        code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
+    )
+    monkeypatch.delattr("ctessel._raw")
+    monkeypatch.setitem(sys.modules, "ctessel._raw", None)
+    assert code("info", scan) == cli.DEFECT
+    one_line("apt-get install libismrmrd-dev")
+    assert not list(tmp_path.iterdir())
+
+
+def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
+    assert cli.main(["info", str(scan)]) == 0
+    told = " ".join(capsys.readouterr().out.split())
+    for words in ("coils 4", "slices 3", "repetitions 4", "noise scan 2048 samples", "5 mm apart", "TR 500 ms",
+                  "SENSE: R = 2 along y", "lines 36 of 48"):  # fmt: skip
+        assert words in told
+
+
+# Writing stops half-way, and says so.
+HALF = """
+import nibabel, sys, time
+from ctessel import cli
+def write(image, path):
+    path.write_bytes(b"half")
+    print("half", flush=True)
+    time.sleep(60)
+nibabel.Nifti1Image.to_filename = write
+sys.exit(cli.main(sys.argv[1:]))
+"""
+
+
+@pytest.mark.parametrize("number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
+def test_cancel_leaves_nothing(scan, tmp_path, number, code):
+    (tmp_path / "i.nii").write_text("older")
+    run = subprocess.Popen([sys.executable, "-c", HALF, "recon", str(scan), "-o", str(tmp_path / "i.nii")],
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)  # fmt: skip
+    assert run.stdout.readline() == "half\n" and len(list(tmp_path.iterdir())) == 2
+    before = time.monotonic()
+    run.send_signal(number)
+    told = run.communicate()[1]
+    assert (run.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
+    assert time.monotonic() - before < 5
+    assert [p.name for p in tmp_path.iterdir()] == ["i.nii"] and (
+        tmp_path / "i.nii"
+    ).read_text() == "older"
+
+
+def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):
+    pty, side = os.openpty()
+    command = [sys.executable, "-m", "ctessel", "recon", str(scan), "-o", str(tmp_path / "i.nii")]
+    subprocess.run(command, stderr=side, check=True)
+    os.close(side)
+    told = os.read(pty, 1 << 16).decode()
+    os.close(pty)
+    assert "reconstructing" in told and "/12 " in told and "<" in told
+    assert not subprocess.run(command, stderr=subprocess.PIPE, check=True).stderr

@@ -1,0 +1,260 @@
+"""Raw data files: what others wrote, lines in every order, places in the patient, and defects."""
+
+import shutil
+import subprocess
+import tracemalloc
+from pathlib import Path
+
+import h5py
+import nibabel
+import numpy as np
+import pytest
+
+from ctessel import _ismrmrd, _memory, _raw, cli, nifti, phantom, pipeline, raw
+from ctessel._ismrmrd import HEAD, flag
+from ctessel.scan import Header, Limit, Placement
+
+SIN, COS = np.sin(np.radians(30)), np.cos(np.radians(30))
+
+
+def header(**changes):
+    fields = {
+        "encoded_matrix": (16, 8, 1), "encoded_fov": (32.0, 24.0, 5.0), "recon_matrix": (8, 8, 1),
+        "recon_fov": (16.0, 24.0, 5.0), "limits": {"y": Limit(0, 7, 4), "z": Limit(0, 0, 0)},
+    }  # fmt: skip
+    return Header(**{**fields, **changes})
+
+
+def acquisition(samples=16, coils=2, seed=0, **fields):
+    head = np.zeros((), HEAD)
+    directions = {"read_dir": (1, 0, 0), "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1)}
+    for name, value in {"center_sample": samples // 2, **directions, **fields}.items():
+        head[name] = value
+    rng = np.random.default_rng(seed)
+    return head, (rng.standard_normal((samples, coils, 2)) @ [1, 1j]).astype(np.complex64)
+
+
+def write(path, acquisitions, text=None):
+    writer = _raw.Writer(
+        str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={})
+    )
+    for head, samples in acquisitions:
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples))
+    writer.close()
+    return path
+
+
+def lines(**fields):
+    return [acquisition(kspace_encode_step_1=y, seed=y, **fields) for y in range(8)]
+
+
+@pytest.mark.parametrize("options, recon, bound", [
+    ("-n 0.05", "", 1e-6),
+    ("-n 0.05 -r 3", "", 1e-6),
+    ("-n 0.05 -C -k", "--no-noise", 1e-6),
+    ("-n 0.001 -C", "", 2e-2),
+    ("-n 0.0005 -a 2 -w 16 -r 2 -C", "", 2e-2),
+], ids=["full", "repetitions", "noise scan left out", "whitened", "undersampled"])  # fmt: skip
+def test_images_of_foreign_files_agree_with_foreign_reconstructions(
+    tmp_path, options, recon, bound
+):
+    if not shutil.which("ismrmrd_recon_cartesian_2d"):
+        pytest.skip("ismrmrd-tools is not installed")
+    for command in (
+        f"ismrmrd_generate_cartesian_shepp_logan -m 64 -c 8 {options} -o raw.h5",
+        "ismrmrd_recon_cartesian_2d raw.h5",
+    ):
+        subprocess.run(command.split(), cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
+    with h5py.File(tmp_path / "raw.h5") as file:
+        theirs = file["dataset/cpp/data"][0, 0, 0].T
+    assert cli.main(["recon", f"{tmp_path}/raw.h5", "-o", f"{tmp_path}/i.nii", *recon.split()]) == 0
+    ours = nibabel.load(tmp_path / "i.nii").get_fdata()
+    last = ours.reshape(64, 64, -1)[..., -1]  # theirs keeps the line that was written last
+    last *= np.vdot(last, theirs) / np.vdot(last, last)  # whitening and transforms scale
+    assert np.linalg.norm(last - theirs) < bound * np.linalg.norm(theirs)
+
+
+@pytest.mark.parametrize("kind, bound", [
+    ("echoes", 1e-6), ("partial", 0.03), ("partial-end", 0.03), ("partial-readout", 0.03), ("undersampled", 0.02),
+    ("undersampled-3", 0.04), ("turns", 0.01), ("3d-undersampled", 0.05),
+])  # fmt: skip
+def test_phantoms_come_back(tmp_path, kind, bound):
+    truth = np.abs(phantom.write(tmp_path / "p.h5", kind, size=64))
+    image = pipeline.reconstruct(raw.read(tmp_path / "p.h5"), pipeline.Options(combine="sos")).image
+    assert np.linalg.norm(image - truth) < bound * np.linalg.norm(truth)
+
+
+def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
+    plain = raw.read(write(tmp_path / "plain.h5", lines()))
+    mixed = [acquisition(flags=flag(23), seed=99)]  # a navigator
+    mixed += [acquisition(32, flags=flag(19), seed=50)]
+    for head, samples in lines()[::-1]:
+        turned, wide = head.copy(), head.copy()
+        turned["flags"] = flag(22)
+        wide["discard_pre"], wide["discard_post"], wide["center_sample"] = 3, 1, 11
+        wide["average"] = 1
+        padding = np.full((1, 2), 1e9, np.complex64)
+        mixed += [
+            (turned, samples[::-1]),
+            (wide, np.concatenate([*[padding] * 3, 2 * samples, padding])),
+        ]
+    scan = raw.read(write(tmp_path / "mixed.h5", mixed))
+    np.testing.assert_array_equal(
+        scan.kspace, np.float32(3) * plain.kspace / np.float32(2)
+    )  # once, and twice it
+    for y, (_, samples) in enumerate(lines()):
+        np.testing.assert_array_equal(plain.kspace[:, y, 0, :, 0, 0, 0], samples)
+    assert scan.noise.shape == (32, 2) and plain.noise is None
+
+
+def test_calibration_completes_each_image_or_stays_apart(tmp_path):
+    def measured(flags, ys, **fields):
+        return [acquisition(kspace_encode_step_1=y, seed=y, flags=flags, **fields) for y in ys]
+
+    for repetitions, joined in ((1, True), (2, False)):
+        scan = raw.read(write(tmp_path / f"{repetitions}.h5", [
+            *measured(flag(20), [3, 5]), *measured(flag(21), [4]),
+            *(a for r in range(repetitions) for a in measured(0, [0, 2, 6], repetition=r)),
+            *(a for r in range(1, repetitions) for a in measured(0, [4], repetition=r)),
+        ]))  # fmt: skip
+        assert (scan.calibration is None) == joined
+        assert scan.sampled[:, 0].tolist() == [
+            y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)
+        ]
+        if not joined:  # its own grid has k = 0 in the middle
+            assert scan.calibration.shape == (16, 3, 1, 2, 1, 1, 1)
+            np.testing.assert_array_equal(
+                scan.calibration[:, 1, 0, :, 0, 0, 0], acquisition(seed=4)[1]
+            )
+
+
+@pytest.mark.parametrize("read, phase, normal, matrix", [
+    ((1, 0, 0), (0, 1, 0), (0, 0, 1), [[-2, 0, 0, 54], [0, -3, 0, 28], [0, 0, 5, 30]]),
+    ((0, 0, -1), (0, 1, 0), (1, 0, 0), [[0, 0, -5, -10], [0, -3, 0, 28], [-2, 0, 0, 94]]),
+    ((1, 0, 0), (0, COS, SIN), (0, -SIN, COS),
+     [[-2, 0, 0, 54], [0, -3 * COS, 2.5, -20 + 48 * COS], [0, 1.5, 5 * COS, 6]]),
+], ids=["axial", "sagittal", "oblique"])  # fmt: skip
+def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
+    normal = np.array(normal, float)
+    places = [
+        Placement((10, 20, 30) + 5 * i * normal, np.array(read), np.array(phase), normal)
+        for i in range(3)
+    ]
+    found, known = nifti.affine(header(placements=places), (64, 32, 1, 3), (128, 96, 4))
+    assert known
+    np.testing.assert_allclose(found[:3], matrix, atol=1e-12)
+    slab, _ = nifti.affine(header(placements=places[2:]), (64, 32, 5, 1), (128, 96, 25))
+    np.testing.assert_allclose(slab[:3], matrix, atol=1e-12)  # its middle partition is slice 2
+    single, _ = nifti.affine(
+        header(placements=places[:1], spacing=5.0), (64, 32, 1, 1), (128, 96, 4)
+    )
+    np.testing.assert_allclose(single[:3], matrix, atol=1e-12)  # the gap counts
+
+
+def test_slices_are_put_in_the_order_of_their_places(tmp_path):
+    where = [7.0, 1.0, 4.0]
+    file = write(
+        tmp_path / "s.h5",
+        [a for s, z in enumerate(where) for a in lines(slice=s, position=(0, 0, z), user_int=s)],
+    )
+    scan = raw.read(file)
+    assert [p.position[2] for p in scan.header.placements] == [1, 4, 7] and scan.header.spacing == 3
+    part = raw.read(file, range=("slice", 1, 2))
+    np.testing.assert_array_equal(part.kspace, scan.kspace[:, :, :, :, 1:])
+    turned = [Placement(p.position, p.phase, p.read, p.slice) for p in scan.header.placements[:1]]
+    uneven = [*scan.header.placements[:2], Placement(np.array([0, 0, 9.0]), *np.eye(3))]
+    for places, words in (
+        (turned + scan.header.placements[1:], "not parallel"),
+        (uneven, "unevenly"),
+    ):
+        with pytest.raises(ValueError, match=words):
+            nifti.affine(header(placements=places), (8, 8, 1, 3), (16, 24, 3))
+
+
+def edit(change):
+    def defect(path):
+        write(path, lines())
+        with h5py.File(path, "r+") as file:
+            change(file)
+
+    return defect
+
+
+def change_head(name, value, at=(3,)):
+    def change(file):
+        for i in at:
+            record = file["dataset/data"][i]
+            head = record["head"]
+            (head if name in head.dtype.names else head["idx"])[name] = value
+            file["dataset/data"][i] = record
+
+    return edit(change)
+
+
+def change_text(old, new):
+    def defect(path):
+        text = _ismrmrd.header_text(header(), coils=2, counts={})
+        assert old in text
+        write(path, lines(), text.replace(old, new))
+
+    return defect
+
+
+def cut(path):
+    write(path, lines())
+    path.write_bytes(path.read_bytes()[:9000])
+
+
+@pytest.mark.parametrize("make, words", [
+    (lambda path: None, "No such file"),
+    (lambda path: path.mkdir(), "Is a directory"),
+    (lambda path: path.write_text("PK"), "no HDF5 file"),
+    (cut, "cut short"),
+    (lambda path: h5py.File(path, "w").close(), "no raw data in its group"),
+    (lambda path: write(path, []), "no acquisitions"),
+    (lambda path: write(path, lines(flags=flag(19))), "no imaging acquisitions"),
+    (change_text("cartesian", "spiral"), 'trajectory is "spiral"'),
+    (change_text("<trajectory>", "<other>"), "no XML"),
+    (change_text("<encodedSpace>", "<encodedSpace><matrixSize><x>no</x></matrixSize>"), "no number"),
+    (change_text("<maximum>7<", "<maximum>3<"), "limits 0 to 3 with centre 4"),
+    (change_head("number_of_samples", 60000), "do not fit the 16 samples"),
+    (change_head("number_of_samples", 14), "another part of k-space"),
+    (change_head("number_of_samples", 14, range(8)), "has 32 values, its header says 14 samples of 2 coils"),
+    (change_head("active_channels", 3), "has 3 coils"),
+    (change_head("kspace_encode_step_1", 8), "outside the 8 encoded lines"),
+    (change_head("encoding_space_ref", 1), "refers to encoding 1"),
+    (change_head("read_dir", (0, 1, 0), [0]), "right angles"),
+    (lambda path: write(path, [*lines(), *lines(repetition=1)[:5]]), "--range repetition 0 0"),
+    (lambda path: write(path, [*lines()[:7], acquisition(kspace_encode_step_1=7, seed=7) ]
+                        and [(h, s * np.float32(np.nan)) for h, s in lines()]), "not finite"),
+])  # fmt: skip
+def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, words):
+    path = tmp_path / "raw.h5"
+    make(path)
+    assert cli.main(["recon", str(path), "-o", f"{tmp_path}/i.nii"]) == cli.DEFECT
+    told = capsys.readouterr().err
+    assert told.count("\n") == 1 and told.startswith(f"ctessel: {path}: ") and "; " in told
+    with pytest.raises(raw.RawError, match=words):
+        raw.read(path)
+    assert not (tmp_path / "i.nii").exists()
+
+
+def test_free_memory_is_what_the_control_group_leaves(tmp_path):
+    if "0::" not in Path("/proc/self/cgroup").read_text():
+        pytest.skip("no control groups of version 2")
+    for name, text in (("max", "9000"), ("current", "5000"), ("stat", "anon 1\ninactive_file 700")):
+        (tmp_path / f"memory.{name}").write_text(text)
+    assert 4700 in _memory._group_rests(tmp_path)
+
+
+def test_samples_are_in_memory_once(tmp_path):
+    phantom.write(tmp_path / "p.h5", "repetitions", repetitions=6, noise=0.0)
+    found = raw.contents(tmp_path / "p.h5")
+    tracemalloc.start()
+    scan = raw.read(tmp_path / "p.h5", found=found)
+    peak = tracemalloc.get_traced_memory()[1]
+    tracemalloc.stop()
+    assert scan.kspace.nbytes > 12e6 and peak < scan.kspace.nbytes + 2 * raw.BLOCK_BYTES
+    on_disk = raw.read(tmp_path / "p.h5", found=found, scratch=tmp_path)
+    np.testing.assert_array_equal(on_disk.kspace, scan.kspace)
+    assert [p.name for p in tmp_path.iterdir()] == ["p.h5"]
