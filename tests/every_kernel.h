@@ -66,8 +66,12 @@ inline Kernel sense_kernel() {
   static int fold[] = {11, 8, 4, 5, 2}, sens[] = {9, 9, 7, 5}, psi_dims[] = {5, 5};
   static int full[] = {11, 18, 7}, ref[] = {4, 4}, reg[] = {9, 9, 7}, out[] = {11, 18, 7, 1, 2};
   static Floats fold_re = noise(3520, 3), fold_im = noise(3520, 4), sens_re = noise(2835, 5),
-                sens_im = noise(2835, 6), psi_re(25), psi_im(25), image = noise(567, 7);
-  for (std::size_t i = 0; i < 25; ++i) psi_re[i] = i % 6 == 0 ? 1 : 0.1f;
+                sens_im = noise(2835, 6), psi_re(25, 0.1f), psi_im(25), image = noise(567, 7);
+  static const bool filled = [] {  // once, whichever thread comes first
+    for (std::size_t i = 0; i < 25; i += 6) psi_re[i] = 1;
+    return true;
+  }();
+  static_cast<void>(filled);
   return {"TS_sense_recon", {Floats(2772), Floats(2772)}, [](const std::vector<float*>& o) {
             TS_sense_recon(fold_re.data(), fold_im.data(), 5, fold, sens_re.data(), sens_im.data(),
                            4, sens, psi_re.data(), psi_im.data(), 2, psi_dims, full, image.data(),
@@ -79,10 +83,14 @@ inline Kernel sense_kernel() {
 inline std::vector<Kernel> geometry_kernels() {
   static Floats x = noise(500, 8), y = noise(500, 9), z = noise(500, 10);
   static float cy[14][12], cx[14][12], cz[17][1];
-  const Floats c = noise(17, 11);
-  for (int n = 0; n < 17; ++n) cz[n][0] = n == 1 ? 1 : 0.1f * c[static_cast<std::size_t>(n)];
-  for (int n = 0; n < 14; ++n)
-    for (int m = 0; m < 12; ++m) cy[n][m] = cx[n][m] = n == 1 && m == 1 ? 1 : cz[n][0] / 99;
+  static const bool filled = [] {
+    const Floats c = noise(17, 11);
+    for (int n = 0; n < 17; ++n) cz[n][0] = n == 1 ? 1 : 0.1f * c[static_cast<std::size_t>(n)];
+    for (int n = 0; n < 14; ++n)
+      for (int m = 0; m < 12; ++m) cy[n][m] = cx[n][m] = n == 1 && m == 1 ? 1 : cz[n][0] / 99;
+    return true;
+  }();
+  static_cast<void>(filled);
   return {{"TS_geometry_correction",
            {Floats(500), Floats(500), Floats(500)},
            [](const std::vector<float*>& o) {
