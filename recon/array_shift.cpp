@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cTessel.h"
+#include "dispatch.h"
 #include "loops.h"
 
 namespace {
@@ -42,7 +43,7 @@ void copy_floats(float* to, const float* from, std::ptrdiff_t n) {
 
 /// Element 0 to the centre. Upwards: what a step stores over was read `odd` floats before or is
 /// held.
-void turn_forward(float* line, Line l, float* held) {
+[[gnu::always_inline]] inline void turn_forward(float* line, Line l, float* held) {
   float *to = line + l.half, *high = to + l.odd;
   copy_floats(held, to, l.odd);
   std::ptrdiff_t i = 0;
@@ -52,7 +53,7 @@ void turn_forward(float* line, Line l, float* held) {
 }
 
 /// The centre to element 0: the same steps with the two ends exchanged, hence downwards.
-void turn_back(float* line, Line l, float* held) {
+[[gnu::always_inline]] inline void turn_back(float* line, Line l, float* held) {
   float *high = line + l.half, *to = high + l.odd;
   copy_floats(held, high + l.half, l.odd);
   std::ptrdiff_t i = l.half;
@@ -77,25 +78,40 @@ Axis axis_of(const int* dims, int ndims, int axis, int dim) {
           ctessel::merged_outer(ndims, dims)};
 }
 
+constexpr std::ptrdiff_t kShort = 4096;
+
 /// Asks for memory a few short lines ahead: their two halves lie so close that the processor's own
 /// prefetching does not make out either.
 void prefetch_ahead(const float* line, std::ptrdiff_t length, const float* end) {
-  constexpr std::ptrdiff_t kShort = 4096, kAhead = 2048, kCacheLine = 16;
-  if (length > kShort || end - line < length + kAhead) return;
+  constexpr std::ptrdiff_t kAhead = 2048, kCacheLine = 16;
+  if (end - line < length + kAhead) return;
   for (std::ptrdiff_t i = 0; i < length; i += kCacheLine) __builtin_prefetch(line + kAhead + i, 1);
 }
 
-void rotate_volume(float* volume, const Axis& a, bool forward, float* held) {
+template <bool Short>
+[[gnu::always_inline]] inline void rotate_lines(float* volume, const Axis& a, bool forward,
+                                                float* held) {
   const Line l{a.N / 2 * a.block, a.N % 2 * a.block};
   const float* end = volume + a.volume;
   for (float* line = volume; line < end; line += a.step) {
-    prefetch_ahead(line, a.step, end);
+    if (Short) prefetch_ahead(line, a.step, end);
     if (forward) {
       turn_forward(line, l, held);
     } else {
       turn_back(line, l, held);
     }
   }
+}
+
+CTESSEL_CLONES void rotate_long_lines(float* volume, const Axis& a, bool forward, float* held) {
+  rotate_lines<false>(volume, a, forward, held);
+}
+
+/// Wider vectors would cross a cache line with nearly every access to lines that begin anywhere,
+/// and pay only where long runs make up for it.
+void rotate_volume(float* volume, const Axis& a, bool forward, float* held) {
+  if (a.step > kShort) return rotate_long_lines(volume, a, forward, held);
+  rotate_lines<true>(volume, a, forward, held);
 }
 
 void rotate_part(float* part, const Axis& a, bool forward) {

@@ -110,7 +110,7 @@ TEST_CASE("std::bad_alloc reaches the caller, without a leak; on a team it ends 
   int thrown = 0, aborted = 0;
   std::vector<every::Kernel> kernels = every::kernels();
   for (const every::Kernel& k : every::gateway_kernels()) kernels.push_back(k);
-  omp_set_num_threads(1);  // a child process would wait for the threads of its parent's team
+  omp_set_num_threads(1);  // no team here: it would not survive the forks
   for (const every::Kernel& k : kernels) {
     const every::Floats want = every::result(k);
     for (int threads : {1, 2}) {
