@@ -136,7 +136,7 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///                          the identity
 ///   psi_ndims         in   not read
 ///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
-///   full_size         in   unfolded extents x, y, z
+///   full_size         in   unfolded extents x, y, z; x is that of the folded images
 ///   ref_re, ref_im    in   reference image for the regularisation weight; ref_im may be null
 ///   reg_re, reg_im    in   (x', y', z', location): expected magnitude; reg_im may be null
 ///   scale             in   divisor of the folded level in the regularisation weight

@@ -69,8 +69,12 @@ inline Kernel sense_kernel(const std::string& name, int columns) {
   static int fold[] = {27, 8, 4, 5, 2}, psi_dims[] = {5, 5}, full[] = {27, 18, 7}, ref[] = {4, 4},
              out[] = {27, 18, 7, 1, 2};
   static Floats fold_re = noise(8640, 3), fold_im = noise(8640, 4), sens_re = noise(8505, 5),
-                sens_im = noise(8505, 6), psi_re(25), psi_im(25), image = noise(1701, 7);
-  for (std::size_t i = 0; i < 25; ++i) psi_re[i] = i % 6 == 0 ? 1 : 0.1f;
+                sens_im = noise(8505, 6), psi_re(25, 0.1f), psi_im(25), image = noise(1701, 7);
+  static const bool filled = [] {  // once, whichever thread comes first
+    for (std::size_t i = 0; i < 25; i += 6) psi_re[i] = 1;
+    return true;
+  }();
+  static_cast<void>(filled);
   return {name, {Floats(6804), Floats(6804)}, [columns](const std::vector<float*>& o) {
             int sens[] = {columns, 9, 7, 5}, reg[] = {columns, 9, 7};
             TS_sense_recon(fold_re.data(), fold_im.data(), 5, fold, sens_re.data(), sens_im.data(),
@@ -83,10 +87,14 @@ inline Kernel sense_kernel(const std::string& name, int columns) {
 inline std::vector<Kernel> geometry_kernels() {
   static Floats x = noise(500, 8), y = noise(500, 9), z = noise(500, 10);
   static float cy[14][12], cx[14][12], cz[17][1];
-  const Floats c = noise(17, 11);
-  for (int n = 0; n < 17; ++n) cz[n][0] = n == 1 ? 1 : 0.1f * c[static_cast<std::size_t>(n)];
-  for (int n = 0; n < 14; ++n)
-    for (int m = 0; m < 12; ++m) cy[n][m] = cx[n][m] = n == 1 && m == 1 ? 1 : cz[n][0] / 99;
+  static const bool filled = [] {
+    const Floats c = noise(17, 11);
+    for (int n = 0; n < 17; ++n) cz[n][0] = n == 1 ? 1 : 0.1f * c[static_cast<std::size_t>(n)];
+    for (int n = 0; n < 14; ++n)
+      for (int m = 0; m < 12; ++m) cy[n][m] = cx[n][m] = n == 1 && m == 1 ? 1 : cz[n][0] / 99;
+    return true;
+  }();
+  static_cast<void>(filled);
   return {{"TS_geometry_correction",
            {Floats(500), Floats(500), Floats(500)},
            [](const std::vector<float*>& o) {
