@@ -200,8 +200,9 @@ def fold_lines(kspace, lattices):
     Returns
     -------
     ndarray of complex64
-        ``(x, folded y, folded z, ...)`` in Fortran order; slots without a line are 0.
+        ``(x, folded y, folded z, ...)`` in Fortran order, never a view; slots without a line are 0.
     """
+    given = kspace
     for axis, lattice in enumerate(lattices, 1):
         if (lattice.step, kspace.shape[axis]) == (1, lattice.folded):
             continue
@@ -215,4 +216,4 @@ def fold_lines(kspace, lattices):
         source = before + (slice(start, start + count * lattice.step, lattice.step),)
         out[before + (slice(skipped, skipped + count),)] = kspace[source]
         kspace = out
-    return np.asfortranarray(kspace)
+    return np.array(kspace, order="F") if kspace is given else kspace

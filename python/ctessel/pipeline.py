@@ -197,7 +197,8 @@ def reconstruct_block(setup, kspace, calibration, placement):
     ----------
     setup : Setup
     kspace : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
-        As measured; of undersampled scans the regular lines, as `fold_lines` returns them.
+        As measured; of undersampled scans the regular lines, as `fold_lines` returns them, which may
+        be overwritten.
     calibration : ndarray of complex64, ``(x, y, z, coil)``, or None
     placement : Placement or None
 
@@ -244,7 +245,7 @@ def _unfold(setup, kspace, calibration):
 
 def _folded(setup, kspace):
     threads = setup.options.threads
-    image = to_image(kspace, (0,), threads)[central(len(kspace), setup.readout)]
+    image = to_image(kspace, (0,), threads, overwrite=True)[central(len(kspace), setup.readout)]
     return to_image(image, (1, 2), threads)
 
 
