@@ -48,6 +48,15 @@ for preset in "${presets[@]}"; do
   count "$log"
 done
 
+if $all; then
+  echo "== large arrays"
+  if build/default/tests/test_large '[.]'; then
+    passed=$((passed + 1))
+  else
+    failed=$((failed + 1))
+  fi
+fi
+
 # The module's own host and the tests that stay within a few minutes there.
 if $all; then
   echo "== valgrind"

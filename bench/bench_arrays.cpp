@@ -1,114 +1,184 @@
-// Shifts, padding, filtering and combination, on one thread (set OMP_NUM_THREADS=1).
-//
-// of_memcpy: bytes per second that must move (each sample read and written once), relative to
-// memcpy's. of_read: bytes per second read, relative to a plain sum over the same array. speedup:
-// against the naive loops of the tests.
+// Shifts, padding, filter and combination. Limit: memcpy, or reading, of the samples that must move.
 
-#include <functional>
-#include <numeric>
+#include <omp.h>
 
 #include "cTessel.h"
 #include "naive_arrays.h"
-#include "ratio.h"
+#include "routine.h"
+
+namespace bench {
 
 namespace {
 
-std::vector<float> values(std::size_t n) {
-  std::vector<float> v(n);
-  for (std::size_t i = 0; i < n; ++i) v[i] = 0.5f + static_cast<float>(i % 1009) / 1009;
-  return v;
-}
+/// Coils, then volumes, as the outer extents.
+struct Complex {
+  explicit Complex(const Setting& s)
+      : dims{s.nx, s.ny, s.nz, s.coils, s.volumes},
+        re(values(s.samples(), 1)),
+        im(values(s.samples(), 2)) {}
+  std::vector<int> dims;
+  Floats re, im;
+};
 
-constexpr std::size_t kSamples = 256u * 256 * 64 * 8;
+/// Data and a copy of them for the transcription.
+struct InPlace {
+  explicit InPlace(const Setting& s) : ours(s), plain(ours) {}
+  double difference() const {
+    return std::fmax(bench::difference(ours.re, plain.re), bench::difference(ours.im, plain.im));
+  }
+  Complex ours, plain;
+  Floats scratch;
+};
 
-void shift(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(1));  // odd lengths beside even ones
-  int dims[] = {n, n, n == 256 ? 64 : 63, 8};
-  const std::size_t count = naive::product(dims, 0, 4);
-  std::vector<float> re = values(count), im = re;
-  bench::Memcpy copy(count * 8);
-  bench::against(state, "of_memcpy", std::ref(copy), [&] {
-    TS_fftshift(re.data(), im.data(), dims, 4, static_cast<int>(state.range(0)));
-  });
-}
-BENCHMARK(shift)
-    ->ArgNames({"dim", "n"})
-    ->ArgsProduct({{1, 2, 3}, {256, 255}})
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond)
-    ->Iterations(15);
+using Shift = void (*)(float*, float*, int*, int, int);
 
-void zero_pad(benchmark::State& state) {
-  int dims[] = {192, 192, 32, 8};
-  const std::size_t count = naive::product(dims, 0, 4);
-  std::vector<float> re = values(count), im = re, out_re(256u * 256 * 64 * 8, 1.0f),
-                     out_im = out_re;
-  bench::Memcpy copy(count * 8);
-  bench::against(state, "of_memcpy", std::ref(copy), [&] {
-    TS_zero_pad(re.data(), im.data(), 4, dims, 256, 256, 64, out_re.data(), out_im.data());
-  });
-}
-
-void ringing_filter(benchmark::State& state) {
-  int dims[] = {256, 256, 64, 8}, width[] = {256, 256, 64};
-  double strength[] = {0.01, 0.01, 0.01};  // weak, so that repeated runs do not reach denormals
-  std::vector<float> re = values(kSamples), im = re;
-  bench::Memcpy copy(kSamples * 8);
-  bench::against(state, "of_memcpy", std::ref(copy),
-                 [&] { TS_ringing_filter(re.data(), im.data(), 4, dims, strength, width); });
-}
-
-void sos_of_read(benchmark::State& state) {
-  int dims[] = {256, 256, 32, 16}, outdims[] = {256, 256, 32, 1};
-  std::vector<float> re = values(256u * 256 * 32 * 16), im = re, out(256u * 256 * 32);
-  const auto read = [&] {
-    for (const std::vector<float>* part : {&re, &im}) {
-      float lane[64] = {};  // independent sums, so that memory alone limits
-      for (std::size_t i = 0; i < part->size(); i += 64) {
-#pragma omp simd
-        for (std::size_t j = 0; j < 64; ++j) lane[j] += (*part)[i + j];
-      }
-      benchmark::DoNotOptimize(lane);
-    }
+Case shift(const Setting& s, Shift routine, int axis, bool forward) {
+  const auto d = std::make_shared<InPlace>(s);
+  const std::size_t N = static_cast<std::size_t>(d->ours.dims[axis - 1]);
+  const std::size_t block = naive::product(d->ours.dims.data(), 0, axis - 1);
+  const std::size_t by = (forward ? N / 2 : N - N / 2) * block;
+  Case c;
+  c.kernel = [=] { routine(d->ours.re.data(), d->ours.im.data(), d->ours.dims.data(), 5, axis); };
+  c.naive = [=] {
+    const std::size_t lines = d->plain.re.size() / (N * block);
+    naive::shift_by_copies(d->plain.re.data(), N * block, by, lines, d->scratch);
+    naive::shift_by_copies(d->plain.im.data(), N * block, by, lines, d->scratch);
   };
-  bench::against(state, "of_read", read,
-                 [&] { TS_perform_sos(re.data(), im.data(), 4, dims, 4, out.data(), outdims); });
+  c.limits = {{Kind::kCopy, 8 * s.samples()}};
+  c.documented = N % 2 ? 4.0 * static_cast<double>(block) : 0;
+  c.difference = [=] { return d->difference(); };
+  return c;
 }
 
-void sos_speedup(benchmark::State& state) {
-  const bool first = state.range(0) == 1;
-  std::vector<int> dims =
-      first ? std::vector<int>{16, 256, 256, 8} : std::vector<int>{256, 256, 8, 16};
-  std::vector<int> outdims = dims;
-  outdims[first ? 0 : 3] = 1;
-  const std::size_t voxels = 256u * 256 * 8;
-  std::vector<float> re = values(voxels * 16), im = re, out(voxels);
-  const int coildim = first ? 1 : 4;
-  bench::against(
-      state, "speedup",
-      [&] { naive::perform_sos(re.data(), im.data(), dims.data(), coildim, out.data(), voxels); },
-      [&] {
-        TS_perform_sos(re.data(), im.data(), 4, dims.data(), coildim, out.data(), outdims.data());
-      });
+Case zero_pad(const Setting& s) {
+  struct Padding {
+    Complex in;
+    double to[3];
+    Floats re, im, plain_re, plain_im;
+  };
+  const double nx = s.nx * 4 / 3, ny = s.ny * 4 / 3, nz = s.nz > 1 ? s.nz * 2 : 1;
+  const std::size_t size = static_cast<std::size_t>(nx * ny * nz) * s.coils * s.volumes;
+  const Floats zeros(size);
+  const auto d =
+      std::make_shared<Padding>(Padding{Complex(s), {nx, ny, nz}, zeros, zeros, zeros, zeros});
+  Case c;
+  c.kernel = [=] {
+    TS_zero_pad(d->in.re.data(), d->in.im.data(), 5, d->in.dims.data(), d->to[0], d->to[1],
+                d->to[2], d->re.data(), d->im.data());
+  };
+  c.naive = [=] {
+    naive::zero_pad(d->in.re, d->in.dims, d->to, d->plain_re);
+    naive::zero_pad(d->in.im, d->in.dims, d->to, d->plain_im);
+  };
+  c.limits = {{Kind::kCopy, 8 * s.samples()}};
+  c.difference = [=] {
+    return std::fmax(difference(d->re, d->plain_re), difference(d->im, d->plain_im));
+  };
+  return c;
 }
 
-void pcsos_speedup(benchmark::State& state) {
-  const int D = static_cast<int>(state.range(0));
-  int dims[] = {256, 256, 1, 16, 1, 1, 1, 1, 1, D}, outdims[] = {256, 256, 1, 1, 1, 1, 1, 1, 1, D};
-  const std::size_t voxels = naive::product(outdims, 0, 10);
-  std::vector<float> re = values(voxels * 16), im = values(voxels * 16), a(voxels), b(voxels);
-  bench::against(
-      state, "speedup",
-      [&] { naive::perform_pcsos(re.data(), im.data(), dims, 4, a.data(), b.data(), voxels); },
-      [&] { TS_perform_pcsos(re.data(), im.data(), 10, dims, 4, a.data(), b.data(), outdims); });
+Case ringing_filter(const Setting& s) {
+  const auto d = std::make_shared<InPlace>(s);
+  static double strength[] = {0.01, 0.01, 0.01};  // weak: repeated runs must not reach denormals
+  Case c;
+  c.kernel = [=] {
+    TS_ringing_filter(d->ours.re.data(), d->ours.im.data(), 5, d->ours.dims.data(), strength,
+                      d->ours.dims.data());
+  };
+  c.naive = [=] {
+    const int* dims = d->plain.dims.data();
+    naive::ringing_filter(d->plain.re.data(), d->plain.im.data(), dims, naive::product(dims, 3, 5),
+                          strength, dims);
+  };
+  c.limits = {{Kind::kCopy, 8 * s.samples()}};
+  c.documented = 4.0 * (1.0 * s.nx * s.ny + s.nx + s.ny + s.nz);
+  c.difference = [=] { return d->difference(); };
+  return c;
+}
+
+struct Combination {
+  explicit Combination(const Setting& s) : in(s), outdims(in.dims) {
+    in.dims = {s.nx, s.ny, s.nz, s.coils, 1, 1, 1, 1, 1, s.volumes};
+    outdims = in.dims;
+    outdims[3] = 1;
+    re.resize(static_cast<std::size_t>(s.samples() / s.coils));
+    im = plain_re = plain_im = re;
+  }
+  Complex in;
+  std::vector<int> outdims;
+  Floats re, im, plain_re, plain_im;
+};
+
+Case sos(const Setting& s) {
+  const auto d = std::make_shared<Combination>(s);
+  Case c;
+  c.kernel = [=] {
+    TS_perform_sos(d->in.re.data(), d->in.im.data(), 10, d->in.dims.data(), 4, d->re.data(),
+                   d->outdims.data());
+  };
+  c.naive = [=] {
+    naive::perform_sos(d->in.re.data(), d->in.im.data(), d->in.dims.data(), 4, d->plain_re.data(),
+                       d->plain_re.size());
+  };
+  c.limits = {{Kind::kRead, 8 * s.samples()}};
+  c.difference = [=] { return difference(d->re, d->plain_re); };
+  return c;
+}
+
+Case pcsos(const Setting& s) {
+  const auto d = std::make_shared<Combination>(s);
+  Case c;
+  c.kernel = [=] {
+    TS_perform_pcsos(d->in.re.data(), d->in.im.data(), 10, d->in.dims.data(), 4, d->re.data(),
+                     d->im.data(), d->outdims.data());
+  };
+  c.naive = [=] {
+    naive::perform_pcsos(d->in.re.data(), d->in.im.data(), d->in.dims.data(), 4, d->plain_re.data(),
+                         d->plain_im.data(), d->plain_re.size());
+  };
+  c.limits = {{Kind::kRead, 8 * s.samples()}};
+  c.documented = 3072.0 * s.volumes;
+  c.difference = [=] {
+    return std::fmax(difference(d->re, d->plain_re), difference(d->im, d->plain_im));
+  };
+  return c;
+}
+
+std::vector<Sweep> sweeps() {
+  return {size_sweep({0, 0, 2, 2}), coil_sweep({64, 64, 8}),
+          thread_sweep({256, 256, 4, 16}, omp_get_num_procs())};
+}
+
+Routine shift_routine(const std::string& name, Shift routine, int axis, bool forward,
+                      const Row& row) {
+  return {name + ", axis " + std::to_string(axis),
+          [=](const Setting& s) { return shift(s, routine, axis, forward); },
+          {row},
+          sweeps()};
 }
 
 }  // namespace
 
-#define ARRAY_BENCHMARK(f) \
-  BENCHMARK(f)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(15)
-ARRAY_BENCHMARK(zero_pad);
-ARRAY_BENCHMARK(ringing_filter);
-ARRAY_BENCHMARK(sos_of_read);
-ARRAY_BENCHMARK(sos_speedup)->ArgName("coildim")->Arg(1)->Arg(4);
-ARRAY_BENCHMARK(pcsos_speedup)->ArgName("D")->Arg(1)->Arg(4)->Arg(20);
+std::vector<Routine> array_routines() {
+  std::vector<Routine> all;
+  // The routines for one axis are what these two call.
+  for (int axis : {1, 2, 3}) {
+    all.push_back(shift_routine("TS_fftshift", TS_fftshift, axis, true, kBrain));
+    all.push_back(shift_routine("TS_ifftshift", TS_ifftshift, axis, false, kOddVolume));
+  }
+  all[0].rows.push_back(kSeries);
+  const Sweep entries = sweep(
+      "entries", {64, 64, 1, 16}, {1, 2, 4, 8, 16, 32}, [](Setting& s, int v) { s.volumes = v; },
+      [](const Setting& s) { return s.volumes; });
+  const auto add = [&](const char* name, Case (*make)(const Setting&)) {
+    all.push_back({name, make, {kBrain, kVolume, kSeries}, sweeps()});
+  };
+  add("TS_zero_pad", zero_pad);
+  add("TS_ringing_filter", ringing_filter);
+  add("TS_perform_sos", sos);
+  add("TS_perform_pcsos", pcsos);
+  all.back().sweeps.push_back(entries);
+  return all;
+}
+
+}  // namespace bench

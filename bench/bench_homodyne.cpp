@@ -1,113 +1,120 @@
-// The gateway's operations on the memory host.
-//
-// of_memcpy: bytes per second read and written by the operation, relative to memcpy's.
-// speedup: against the same samples done one by one (one powf, or one interpolation, per sample).
-// Arguments: layout (0 separate parts, 1 pairs). OMP_NUM_THREADS sets the threads of the operation;
-// memcpy and the naive loops use one.
+// The gateway's operations on the memory host. Limit: memcpy of the samples that must move.
 
-#include <functional>
+#include <omp.h>
 
 #include "homodyne.h"
 #include "host/memory.h"
 #include "naive_homodyne.h"
-#include "ratio.h"
+#include "routine.h"
+
+namespace bench {
 
 namespace {
 
 using host::Array;
 using host::Layout;
 
-std::vector<float> values(std::size_t n) {
-  std::vector<float> v(n);
-  for (std::size_t i = 0; i < n; ++i) v[i] = 1.0f + static_cast<float>(i % 1009) / 1009;
-  return v;
-}
-
-Array image(const std::vector<int>& dims, Layout layout) {
-  std::size_t n = 1;
-  for (int d : dims) n *= static_cast<std::size_t>(d);
-  const std::vector<float> v = values(n);
-  return host::single(dims, v, v, layout);
-}
-
 void call(std::vector<const Array*> inputs) {
   Array* out[1] = {nullptr};
   mexFunction(1, out, static_cast<int>(inputs.size()), inputs.data());
-  host::state().created.clear();
 }
 
-const Array kFilter = host::text("filter"), kMultiply = host::text("multiply");
-const Array kNone = host::doubles({0, 0}, {}), kRange = host::doubles({1, 2}, {-40, 127});
-const std::vector<int> kDims = {256, 256, 32, 16};
-constexpr std::size_t kSamples = 256u * 256 * 32 * 16;
+/// An image of the host, and the same for the transcription.
+struct Image {
+  Image(const std::vector<int>& dims, double samples, float imaginary)
+      : re(values(samples, 1)), im(values(samples, 2)), plain{dims, re, im} {
+    for (float& v : im) v *= imaginary;
+    plain.im = im;
+    array = host::single(dims, re, im, Layout::kParts);
+  }
+  void restore() {
+    std::copy(re.begin(), re.end(), array.re.data());
+    std::copy(im.begin(), im.end(), array.im.data());
+    plain.re = re;
+    plain.im = im;
+    host::state().created.clear();
+  }
+  double difference() const {
+    return std::fmax(bench::difference(array.real(), plain.re),
+                     bench::difference(array.imaginary(), plain.im));
+  }
+  Floats re, im;
+  naive::Volume plain;
+  Array array;
+};
 
-// Weighting alone: the centre block is one position of kx (a range there is rejected and costs
-// nothing), so that what is timed is the pass over the data.
-const Array kOnePosition = host::doubles({1, 2}, {-40, 20});
+std::vector<int> extents(const Setting& s) { return {s.nx, s.ny, s.nz, s.coils, s.volumes}; }
 
-void filter_of_memcpy(benchmark::State& state) {
-  host::state().layout = state.range(0) ? Layout::kPairs : Layout::kParts;
-  Array data = image(kDims, host::state().layout);
-  bench::Memcpy copy(kSamples * 8);
-  bench::against(state, "of_memcpy", std::ref(copy), [&] {
-    call({&kFilter, &data, &kOnePosition, &kRange, &kNone});
-  });
-}
-
-void filter_speedup(benchmark::State& state) {
-  const Array ranges[] = {state.range(0) ? kRange : kOnePosition, kRange, kNone};
-  Array data = image(kDims, Layout::kParts);
-  float* re = data.re.data();
-  float* im = data.im.data();
-  std::vector<float> wx(256, 1.0f), wy(256, 1.0f);
-  int bounds[2];
-  double r[] = {-40, 127};
-  calculate_filter(256, r, wy.data(), bounds);
-  if (state.range(0)) wx = wy;
-  const float exponent = state.range(0) ? 0.5f : 1.0f;
-  const auto naive = [&] {
-    for (std::size_t i = 0; i < kSamples; ++i) {
-      const float w = powf(wx[i % 256] * wy[i / 256 % 256], exponent);
-      re[i] *= w;
-      im[i] *= w;
-    }
+/// Lines from -N/6 on are sampled: along y, or with the option along x, y and z.
+Case filter(const Setting& s) {
+  struct Data {
+    Image image;
+    std::vector<double> ranges[3];
+    Array arguments[3], name = host::text("filter");
   };
-  bench::against(state, "speedup", naive, [&] {
-    call({&kFilter, &data, &ranges[0], &ranges[1], &ranges[2]});
-  });
+  const auto d = std::make_shared<Data>(Data{Image(extents(s), s.samples(), 1), {}, {}});
+  const int N[] = {s.nx, s.ny, s.nz};
+  double centre = 8 * s.samples();
+  for (std::size_t k = 0; k < 3; ++k) {
+    const bool filtered = (k == 1 || s.option) && N[k] > 5;
+    const double first = -N[k] / 6, last = N[k] - N[k] / 2 - 1;
+    if (filtered) d->ranges[k] = {first, last};
+    d->arguments[k] = host::doubles({filtered ? 1 : 0, filtered ? 2 : 0}, d->ranges[k]);
+    if (filtered) centre *= (1 - 2 * first) / N[k];
+  }
+  Case c;
+  c.kernel = [=] {
+    host::state().created.clear();
+    call({&d->name, &d->image.array, &d->arguments[0], &d->arguments[1], &d->arguments[2]});
+  };
+  c.naive = [=] { naive::filter(d->image.plain, d->ranges); };
+  c.prepare = [=] { d->image.restore(); };
+  c.limits = {{Kind::kCopy, 8 * s.samples() + centre}};
+  c.documented = 4.0 * (s.option ? 1.0 * s.nx * s.ny * s.nz : s.ny) + 4.0 * (s.nx + s.ny + s.nz);
+  c.output = centre;
+  c.difference = [=] { return d->image.difference(); };
+  c.tolerance = 1e-6;
+  return c;
 }
 
-void multiply_of_memcpy(benchmark::State& state) {
-  const Layout layout = state.range(0) ? Layout::kPairs : Layout::kParts;
-  Array data = image(kDims, layout), low = image(kDims, layout);
-  bench::Memcpy copy(kSamples * 8);
-  // Both images are read and the data written: three halves of what memcpy moves.
-  bench::against(
-      state, "of_memcpy", std::ref(copy),
-      [&] {
-        call({&kMultiply, &data, &low});
-      },
-      1.5);
-}
-
-void multiply_resampled(benchmark::State& state) {
-  const Layout layout = state.range(0) ? Layout::kPairs : Layout::kParts;
-  const std::vector<int> dims = {256, 256, 32}, low_dims = {64, 64, 16};
-  Array data = image(dims, layout), low = image(low_dims, layout);
-  naive::Volume plain{dims, values(256 * 256 * 32), values(256 * 256 * 32)};
-  naive::Volume plain_low{low_dims, values(64 * 64 * 16), values(64 * 64 * 16)};
-  bench::against(
-      state, "speedup", [&] { naive::multiply(plain, plain_low); },
-      [&] {
-        call({&kMultiply, &data, &low});
-      });
+/// With the option the low-resolution image has a quarter of the extents and is resampled.
+Case multiply(const Setting& s) {
+  struct Data {
+    Image image, low;
+    Array name = host::text("multiply");
+  };
+  std::vector<int> low = extents(s);
+  double samples = s.samples();
+  for (std::size_t k = 0; k < 3 && s.option; ++k) {
+    samples /= low[k];
+    low[k] = (low[k] + 3) / 4;
+    samples *= low[k];
+  }
+  const auto d =
+      std::make_shared<Data>(Data{Image(extents(s), s.samples(), 0.1f), Image(low, samples, 0.1f)});
+  Case c;
+  c.kernel = [=] { call({&d->name, &d->image.array, &d->low.array}); };
+  c.naive = [=] { naive::multiply(d->image.plain, d->low.plain); };
+  c.prepare = [=] { d->image.restore(); };
+  // Both images are read and one is written: a copy moves twice its bytes.
+  c.limits = {{Kind::kCopy, 8 * s.samples() + 4 * samples}};
+  c.documented = s.option ? 16.0 * (s.nx + s.ny + s.nz) + 8.0 * low[0] + 8.0 * s.nx : 0;
+  c.difference = [=] { return d->image.difference(); };
+  c.tolerance = 1e-6;
+  return c;
 }
 
 }  // namespace
 
-#define GATEWAY_BENCHMARK(f) \
-  BENCHMARK(f)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(9)
-GATEWAY_BENCHMARK(filter_of_memcpy);
-GATEWAY_BENCHMARK(filter_speedup)->ArgName("two_axes");
-GATEWAY_BENCHMARK(multiply_of_memcpy);
-GATEWAY_BENCHMARK(multiply_resampled);
+std::vector<Routine> homodyne_routines() {
+  Row all_axes = kVolume, resampled = kVolume;
+  all_axes.data += ", three axes";
+  resampled.data += ", resampled";
+  all_axes.setting.option = resampled.setting.option = true;
+  const std::vector<Sweep> sweeps = {size_sweep({0, 0, 2, 2}), coil_sweep({64, 64, 8}),
+                                     thread_sweep({256, 256, 4, 16}, omp_get_num_procs())};
+  return {{"homodyne filter", filter, {kBrain, all_axes, kSeries}, sweeps},
+          {"homodyne multiply", multiply, {kBrain, resampled, kSeries}, sweeps}};
+}
+
+}  // namespace bench

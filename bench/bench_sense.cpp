@@ -1,165 +1,192 @@
-// SENSE steps on one thread. Figure of merit: time of the straight transcription over time of the
-// kernel ("ratio"), both in the same run, the best of several turns each. "scratch_MiB" is the
-// peak memory of one call over the inputs, outputs and factors that exist before; for the whole
-// reconstruction it includes the factors.
+// SENSE: factors, unfolding and the whole reconstruction. Limit: multiplications and additions in
+// double precision that the laid-down sums take, with interpolation blended row by row, or writing
+// or reading of the factors.
 
-#include <benchmark/benchmark.h>
 #include <omp.h>
-
-#include <chrono>
-#include <cmath>
-#include <complex>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "cTessel.h"
 #include "naive_sense.h"
+#include "routine.h"
+
+namespace bench {
 
 namespace {
 
 struct Scene {
-  Scene(int nx, int ny, int nz, int nc, int fold_y, int fold_z, bool correlated)
-      : maps(4), folded(4), full(3), dims(4) {
-    maps << nx, ny, nz, nc;
-    full << nx, ny, nz;
-    folded << nx, fold_y, fold_z, nc;
-    size_grid();
-    re = noise(maps.prod());
-    im = noise(maps.prod());
-    psi = Eigen::MatrixXcd::Identity(nc, nc);
-    if (correlated) psi.array() += std::complex<double>(0.2, 0);
+  explicit Scene(const Setting& s) : maps(4), folded(4), full(3), dims(4) {
+    maps << s.nx, s.ny, s.nz, s.coils;
+    full << s.nx, s.ny, s.nz;
+    folded << s.nx, static_cast<int>(s.ny / s.ry), static_cast<int>(s.nz / s.rz), s.coils;
+    R << 1, static_cast<float>(full[1]) / static_cast<float>(folded[1]),
+        static_cast<float>(full[2]) / static_cast<float>(folded[2]);
+    aliases = static_cast<int>(std::ceil(R[1])) * static_cast<int>(std::ceil(R[2]));
+    dims << s.nx, static_cast<int>(std::ceil(static_cast<float>(s.ny) / R[1])),
+        static_cast<int>(std::ceil(static_cast<float>(s.nz) / R[2])), aliases * s.coils;
+    re = values(maps.cast<double>().prod(), 1);
+    im = values(maps.cast<double>().prod(), 2);
+    psi = Eigen::MatrixXcd::Identity(s.coils, s.coils);
+    if (s.option) psi.array() += std::complex<double>(0.2, 0);
+    factors = Eigen::VectorXcd::Zero(dims.prod());
+    plain = factors;
   }
-  void size_grid() {
-    R << 1, float(full[1]) / float(folded[1]), float(full[2]) / float(folded[2]);
-    dims << maps[0], int(std::ceil(maps[1] / R[1])), int(std::ceil(maps[2] / R[2])),
-        int(std::ceil(R[1])) * int(std::ceil(R[2])) * maps[3];
-    factors = Eigen::VectorXcd::Constant(std::int64_t{1} * dims.prod(), 0.5);
+  double volume() const { return full.cast<double>().prod(); }
+  double bytes() const { return 16.0 * static_cast<double>(factors.size()); }
+
+  template <class Routine>
+  void find_factors(const Routine& routine, Eigen::VectorXcd& out) {
+    for (float* e : {edges_y, edges_z}) e[0] = e[1] = -1;
+    routine(re.data(), im.data(), maps, psi, R, 0.0, reference, out, folded, full, edges_y,
+            edges_z);
   }
-  static std::vector<float> noise(int n) {
-    std::vector<float> v(n);
-    unsigned state = 1;
-    for (float& x : v)
-      x = float((state = state * 1664525u + 1013904223u) >> 8) / float(1 << 24) + 0.1f;
-    return v;
+  void find_factors() { find_factors(get_combination_factors, factors); }
+  void find_plain_factors() {
+    find_factors([](auto&&... a) { naive::get_combination_factors(a...); }, plain);
   }
+
   Eigen::VectorXi maps, folded, full, dims;
   Eigen::Vector3f R;
   Eigen::MatrixXcd psi;
-  Eigen::VectorXcd factors;
+  Eigen::VectorXcd factors, plain;
   Eigen::VectorXf reference;
-  std::vector<float> re, im;
-  float edges_y[2] = {-1, -1}, edges_z[2] = {-1, -1};
+  Floats re, im;
+  int aliases;
+  float edges_y[2], edges_z[2];
 };
 
-/// A memory figure of this process in MiB: VmRSS now, VmHWM at its highest.
-double memory_mib(const std::string& figure) {
-  std::ifstream status("/proc/self/status");
-  for (std::string word; status >> word;) {
-    double kib = 0;
-    if (word == figure + ":" && status >> kib) return kib / 1024;
+double factor_work(const Scene& s, bool correlated) {
+  const double n = s.aliases, nc = s.maps[3], rows = s.maps[2] > 1 ? 4 : 2;
+  const double each =
+      2 * rows * n * nc + (correlated ? 4 * n * nc * nc : 0) + 8 * n * n * nc + 6 * n * n * n;
+  return each * s.dims.head(3).cast<double>().prod();
+}
+
+double unfold_work(const Scene& s) {
+  const double n = s.aliases, nc = s.maps[3];
+  // Blending of complex factors between slices, rows and columns, and products in half the width.
+  const double each = (s.maps[2] > 1 ? 14 : 10) * n * nc;
+  return each * s.folded.head(3).cast<double>().prod();
+}
+
+/// Bytes that a thread keeps for up to 256 columns.
+double factor_memory(const Scene& s) {
+  const double n = s.aliases, nc = s.maps[3], columns = std::min(s.maps[0], 256) + 16;
+  return 8 * n * nc * columns + 64 * (6 * n * nc + 4 * n * n) + 16 * nc * nc;
+}
+
+double unfold_memory(const Scene& s) {
+  const double columns = std::min(s.maps[0], 256);
+  return columns * (72 * s.aliases + 400);
+}
+
+Case factors(const Setting& setting) {
+  const auto s = std::make_shared<Scene>(setting);
+  Case c;
+  c.kernel = [=] { s->find_factors(); };
+  c.naive = [=] { s->find_plain_factors(); };
+  c.limits = {{Kind::kDouble, factor_work(*s, setting.option)}, {Kind::kWrite, s->bytes()}};
+  c.documented = factor_memory(*s);
+  c.difference = [=] { return difference(s->factors, s->plain); };
+  c.tolerance = 1e-9;
+  return c;
+}
+
+/// Folded volumes and what becomes of them.
+struct Series : Scene {
+  explicit Series(const Setting& s)
+      : Scene(s),
+        fold_re(values(folded.cast<double>().prod() * s.volumes, 3)),
+        fold_im(values(folded.cast<double>().prod() * s.volumes, 4)),
+        out_re(static_cast<std::size_t>(volume() * s.volumes)),
+        out_im(out_re),
+        plain_re(out_re),
+        plain_im(out_re),
+        volumes(s.volumes) {}
+  void unfold_plainly(const Eigen::VectorXcd& by, int v) {
+    const auto in = static_cast<std::size_t>(folded.prod()) * static_cast<std::size_t>(v);
+    const auto out = static_cast<std::size_t>(full.prod()) * static_cast<std::size_t>(v);
+    naive::unfold(&fold_re[in], &fold_im[in], folded, by, dims, full, edges_y, edges_z,
+                  &plain_re[out], &plain_im[out]);
   }
-  return 0;
-}
-
-void reset_peak() { std::ofstream("/proc/self/clear_refs") << '5'; }
-
-template <class F>
-double seconds(const F& f) {
-  const auto begin = std::chrono::steady_clock::now();
-  f();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
-template <class Kernel, class Yardstick>
-void compare(benchmark::State& state, const Kernel& kernel, const Yardstick& yardstick) {
-  omp_set_num_threads(1);
-  reset_peak();
-  const double before = memory_mib("VmRSS");
-  kernel();
-  state.counters["scratch_MiB"] = memory_mib("VmHWM") - before;
-  double best = 1e9, naive_best = 1e9;
-  for (auto _ : state) {
-    const double t = seconds(kernel);
-    state.SetIterationTime(t);
-    best = std::min(best, t);
-    naive_best = std::min(naive_best, seconds(yardstick));
+  double difference() const {
+    return std::fmax(bench::difference(out_re, plain_re), bench::difference(out_im, plain_im));
   }
-  state.counters["naive_s"] = naive_best;
-  state.counters["ratio"] = naive_best / best;
-}
+  Floats fold_re, fold_im, out_re, out_im, plain_re, plain_im;
+  int volumes;
+};
 
-void BM_factors(benchmark::State& state, Scene s) {
-  auto run = [&](auto f) {
-    f(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0.0, s.reference, s.factors, s.folded, s.full,
-      s.edges_y, s.edges_z);
+Case unfolding(const Setting& setting) {
+  const auto s = std::make_shared<Series>(setting);
+  s->find_factors();
+  Case c;
+  c.kernel = [=] {
+    unfold(s->fold_re.data(), s->fold_im.data(), s->folded, s->factors, s->dims, s->maps, s->full,
+           s->edges_y, s->edges_z, s->out_re.data(), s->out_im.data());
   };
-  compare(
-      state, [&] { run(get_combination_factors); }, [&] { run(naive::get_combination_factors); });
+  c.naive = [=] { s->unfold_plainly(s->factors, 0); };
+  c.limits = {{Kind::kDouble, unfold_work(*s)}, {Kind::kRead, s->bytes()}};
+  c.documented = unfold_memory(*s);
+  c.difference = [=] { return s->difference(); };
+  c.tolerance = 1e-5;
+  return c;
 }
 
-void BM_unfold(benchmark::State& state, Scene s) {
-  const std::vector<float> fold = Scene::noise(s.folded.prod());
-  std::vector<float> fold_re = fold, fold_im = fold, out_re(s.full.prod()), out_im(out_re);
-  compare(
-      state,
-      [&] {
-        unfold(fold_re.data(), fold_im.data(), s.folded, s.factors, s.dims, s.maps, s.full,
-               s.edges_y, s.edges_z, out_re.data(), out_im.data());
+Case recon(const Setting& setting) {
+  const auto s = std::make_shared<Series>(setting);
+  Case c;
+  c.kernel = [=] {
+    int fold[] = {s->folded[0], s->folded[1], s->folded[2], s->folded[3], s->volumes};
+    int out[] = {s->full[0], s->full[1], s->full[2], 1, s->volumes};
+    int psi[] = {s->folded[3], s->folded[3]};
+    TS_sense_recon(s->fold_re.data(), s->fold_im.data(), 5, fold, s->re.data(), s->im.data(), 4,
+                   s->maps.data(), nullptr, nullptr, 2, psi, s->full.data(), nullptr, nullptr, 0,
+                   nullptr, nullptr, nullptr, 0, nullptr, 1.0, s->out_re.data(), s->out_im.data(),
+                   out);
+  };
+  c.naive = [=] {
+    s->find_plain_factors();
+    for (int v = 0; v < s->volumes; ++v) s->unfold_plainly(s->plain, v);
+  };
+  c.limits = {{Kind::kDouble, factor_work(*s, false) + s->volumes * unfold_work(*s)},
+              {Kind::kRead, s->volumes * s->bytes()}};
+  c.documented = s->bytes() + std::max(factor_memory(*s), unfold_memory(*s));
+  c.difference = [=] { return s->difference(); };
+  c.tolerance = 1e-5;
+  return c;
+}
+
+/// Number of aliases, over two axes from four on.
+Sweep alias_sweep(const Setting& setting) {
+  return sweep(
+      "aliases", setting, {1, 2, 3, 4, 6, 9},
+      [](Setting& s, int n) {
+        s.rz = n == 4 ? 2 : n > 4 ? 3 : 1;
+        s.ry = n / s.rz;
       },
-      [&] {
-        naive::unfold(fold_re.data(), fold_im.data(), s.folded, s.factors, s.dims, s.full,
-                      s.edges_y, s.edges_z, out_re.data(), out_im.data());
-      });
+      [](const Setting& s) { return s.ry * s.rz; });
 }
 
-/// The whole driver; the transcription's share is its two steps, once and once per volume.
-void BM_recon(benchmark::State& state, Scene s, int volumes) {
-  std::vector<float> fold_re = Scene::noise(s.folded.prod() * volumes), fold_im = fold_re;
-  std::vector<float> out_re(s.full.prod() * volumes), out_im(out_re);
-  int fold_dims[] = {s.folded[0], s.folded[1], s.folded[2], s.folded[3], volumes};
-  int out_dims[] = {s.full[0], s.full[1], s.full[2], 1, volumes};
-  int psi_dims[] = {s.folded[3], s.folded[3]};
-  compare(
-      state,
-      [&] {
-        TS_sense_recon(fold_re.data(), fold_im.data(), 5, fold_dims, s.re.data(), s.im.data(), 4,
-                       s.maps.data(), nullptr, nullptr, 2, psi_dims, s.full.data(), nullptr,
-                       nullptr, 0, nullptr, nullptr, nullptr, 0, nullptr, 1.0, out_re.data(),
-                       out_im.data(), out_dims);
-      },
-      [&] {
-        naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0.0,
-                                       s.reference, s.factors, s.folded, s.full, s.edges_y,
-                                       s.edges_z);
-        for (int v = 0; v < volumes; ++v) {
-          naive::unfold(fold_re.data() + v * s.folded.prod(), fold_im.data() + v * s.folded.prod(),
-                        s.folded, s.factors, s.dims, s.full, s.edges_y, s.edges_z,
-                        out_re.data() + v * s.full.prod(), out_im.data() + v * s.full.prod());
-        }
-      });
-}
-
-/// 192 x 96 x 32 folded samples from twice as many lines and slices, with the maps given.
-Scene large_unfold() {
-  Scene s(192, 96, 32, 32, 48, 16, false);
-  s.folded << 192, 96, 32, 32;
-  s.full << 192, 192, 64;
-  s.size_grid();
+Setting with(Setting s, double ry, double rz, bool option = false) {
+  s.ry = ry;
+  s.rz = rz;
+  s.option = option;
   return s;
 }
 
 }  // namespace
 
-#define SENSE_BENCH(turns, f, name, ...)  \
-  BENCHMARK_CAPTURE(f, name, __VA_ARGS__) \
-      ->UseManualTime()                   \
-      ->Iterations(turns)                 \
-      ->Unit(benchmark::kMillisecond)
-SENSE_BENCH(15, BM_unfold, 8_coils_2, Scene(192, 384, 1, 8, 192, 1, false));
-SENSE_BENCH(15, BM_factors, 8_coils_2, Scene(192, 192, 1, 8, 96, 1, true));
-SENSE_BENCH(15, BM_factors, 8_coils_2_white, Scene(192, 192, 1, 8, 96, 1, false));
-SENSE_BENCH(9, BM_recon, 16_coils_2_5, Scene(256, 255, 1, 16, 102, 1, false), 8);
-SENSE_BENCH(3, BM_factors, 32_coils_2x2_white, Scene(192, 96, 32, 32, 48, 16, false));
-SENSE_BENCH(3, BM_factors, 32_coils_2x2, Scene(192, 96, 32, 32, 48, 16, true));
-SENSE_BENCH(3, BM_unfold, 32_coils_2x2, large_unfold());
+std::vector<Routine> sense_routines() {
+  const Setting slice{192, 192, 1, 16}, volume{96, 64, 32, 32}, series{128, 128, 1, 8, 40};
+  const std::vector<Sweep> sweeps = {size_sweep({0, 0, 1, 8}), coil_sweep({48, 48, 1}),
+                                     alias_sweep({36, 36, 36, 16}),
+                                     thread_sweep(slice, omp_get_num_procs())};
+  const std::vector<Row> volumes = {{"2-D, 16 coils, R = 2", slice},
+                                    {"3-D, 32 coils, R = 2 x 2", with(volume, 2, 2)}};
+  std::vector<Row> noises = volumes, series_too = volumes;
+  noises.push_back({"the same, correlated noise", with(volume, 2, 2, true)});
+  series_too.push_back({"dynamic, 8 coils, R = 2.5", with(series, 2.5, 1)});
+  return {{"get_combination_factors", factors, noises, sweeps},
+          {"unfold", unfolding, volumes, sweeps},
+          {"TS_sense_recon", recon, series_too, sweeps}};
+}
+
+}  // namespace bench

@@ -1,56 +1,81 @@
-// Ratios measured in one run: a yardstick and a kernel take turns, and medians are compared. The
-// machine's speed drifts; the ratio of neighbours in time does not.
+// How everything here is timed, decided once: two or three sides take turns, each turn gives one
+// ratio, and the median of these ratios counts. The machine's speed drifts and other programs come
+// and go; what neighbours in time have in common cancels.
+//
+// Times are processor time of this thread, so that being put aside for another program costs
+// nothing. Only cost against the number of threads needs the clock on the wall, and there the
+// shortest times count.
 #pragma once
 
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cstring>
-#include <string>
+#include <ctime>
+#include <functional>
+#include <limits>
 #include <vector>
 
 namespace bench {
 
-template <class F>
-double seconds(const F& f) {
-  const auto start = std::chrono::steady_clock::now();
-  f();
-  benchmark::ClobberMemory();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+/// One side of a comparison. `prepare` puts inputs right that calls spoil, and is not timed.
+struct Side {
+  std::function<void()> call, prepare;
+};
+
+struct Timing {
+  double budget;      // seconds for all turns together
+  std::size_t least;  // turns at least
+  clockid_t clock = CLOCK_THREAD_CPUTIME_ID;
+};
+
+inline double now(clockid_t clock) {
+  timespec t;
+  clock_gettime(clock, &t);
+  return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+/// Seconds per call. Short calls are repeated, so that reading the clock does not show.
+inline double seconds(const Side& side, int repeats, clockid_t clock) {
+  if (side.prepare) side.prepare();
+  const double start = now(clock);
+  for (int i = 0; i < repeats; ++i) side.call();
+  return (now(clock) - start) / repeats;
+}
+
+/// Calls per timing: about 0.3 ms, but few where calls spoil their input.
+inline int repeats_for(const Side& side) {
+  const double once = std::max(seconds(side, 1, CLOCK_MONOTONIC), 1e-9);
+  const int most = side.prepare ? 16 : 1 << 20;
+  return std::clamp(static_cast<int>(3e-4 / once), 1, most);
 }
 
 inline double median(std::vector<double> v) {
-  std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2), v.end());
-  return v[v.size() / 2];
+  if (v.empty()) return std::numeric_limits<double>::quiet_NaN();
+  const auto middle = v.begin() + static_cast<std::ptrdiff_t>(v.size() / 2);
+  std::nth_element(v.begin(), middle, v.end());
+  return *middle;
 }
 
-/// Times `kernel` and after it `yardstick`; the counter `name` gets how many times faster the
-/// kernel is than the yardstick, times `scale`: for a yardstick that moves other bytes, the
-/// kernel's bytes over the yardstick's.
-template <class Yardstick, class Kernel>
-void against(benchmark::State& state, const std::string& name, const Yardstick& yardstick,
-             const Kernel& kernel, double scale = 1) {
-  std::vector<double> mine, theirs;
-  kernel();
-  yardstick();
-  for (auto _ : state) {
-    mine.push_back(seconds(kernel));
-    state.SetIterationTime(mine.back());
-    theirs.push_back(seconds(yardstick));
+/// Each side's time over that of the first one: the median over the turns, or, by the clock on the
+/// wall, the shortest over the shortest.
+inline std::vector<double> against_first(const std::vector<Side>& sides, const Timing& timing) {
+  constexpr std::size_t kMostTurns = 25;
+  std::vector<int> repeats;
+  for (const Side& side : sides) repeats.push_back(repeats_for(side));
+  std::vector<std::vector<double>> times(sides.size()), ratios(sides.size());
+  const double start = now(CLOCK_MONOTONIC);
+  for (std::size_t turn = 0; turn < kMostTurns; ++turn) {
+    if (turn >= timing.least && now(CLOCK_MONOTONIC) - start > timing.budget) break;
+    for (std::size_t i = 0; i < sides.size(); ++i) {
+      times[i].push_back(seconds(sides[i], repeats[i], timing.clock));
+      ratios[i].push_back(times[i].back() / times[0].back());
+    }
   }
-  state.counters[name] = scale * median(theirs) / median(mine);
+  std::vector<double> results;
+  for (std::size_t i = 0; i < sides.size(); ++i) {
+    const auto shortest = [&](std::size_t k) { return *std::ranges::min_element(times[k]); };
+    const bool wall = timing.clock == CLOCK_MONOTONIC;
+    results.push_back(wall ? shortest(i) / shortest(0) : median(ratios[i]));
+  }
+  return results;
 }
-
-/// memcpy of `bytes` from one array to another, both touched before: reads and writes each byte.
-class Memcpy {
- public:
-  explicit Memcpy(std::size_t bytes) : from_(bytes, 1), to_(bytes, 2) {}
-  void operator()() { std::memcpy(to_.data(), from_.data(), from_.size()); }
-  double moved() const { return 2.0 * static_cast<double>(from_.size()); }
-
- private:
-  std::vector<char> from_, to_;
-};
 
 }  // namespace bench

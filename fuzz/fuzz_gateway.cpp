@@ -17,35 +17,34 @@ namespace {
 using host::Array;
 using host::Layout;
 
-double any_line(FuzzedDataProvider& input) {
+double any_line(Input& input) {
   constexpr double kSpecial[] = {INFINITY,     -INFINITY,    NAN,           1e300,         -1e300,
                                  2147483647.0, 2147483648.0, -2147483648.0, -2147483649.0, 1e9};
-  if (input.ConsumeIntegralInRange(0, 7) == 0) return input.PickValueInArray(kSpecial);
-  return static_cast<double>(input.ConsumeIntegral<std::int8_t>()) / 8;
+  if (input.within(0, 7) == 0) return input.pick(kSpecial);
+  return static_cast<double>(input.any<std::int8_t>()) / 8;
 }
 
-std::vector<int> any_dims(FuzzedDataProvider& input, int most) {
-  std::vector<int> dims(input.ConsumeIntegralInRange<std::size_t>(0, 6));
-  for (int& d : dims) d = input.ConsumeIntegralInRange(input.ConsumeBool() ? 1 : 0, most);
+std::vector<int> any_dims(Input& input, int most) {
+  std::vector<int> dims(input.within<std::size_t>(0, 6));
+  for (int& d : dims) d = input.within(input.flag() ? 1 : 0, most);
   // A host that gives a negative extent, or huge ones beside an extent of 0, has no samples there.
-  if (dims.size() > 1 && input.ConsumeIntegralInRange(0, 15) == 0) {
+  if (dims.size() > 1 && input.within(0, 15) == 0) {
     dims[0] = std::max(dims[0], 1);
-    dims[1] = input.ConsumeBool() ? 0 : -3;
+    dims[1] = input.flag() ? 0 : -3;
     for (std::size_t d = 2; d < dims.size(); ++d) dims[d] = 2147483647;
   }
   return dims;
 }
 
-Array any_array(FuzzedDataProvider& input, const char* usual_class, Layout layout) {
+Array any_array(Input& input, const char* usual_class, Layout layout) {
   constexpr const char* kClasses[] = {"single", "double", "int8", "char", ""};
-  const bool usual = input.ConsumeIntegralInRange(0, 15) != 0;
-  const std::string name = usual ? usual_class : input.PickValueInArray(kClasses);
-  const bool complex =
-      input.ConsumeIntegralInRange(0, 7) == 0 || (usual && name == "single" && input.ConsumeBool());
+  const bool usual = input.within(0, 15) != 0;
+  const std::string name = usual ? usual_class : input.pick(kClasses);
+  const bool complex = input.within(0, 7) == 0 || (usual && name == "single" && input.flag());
   Array a;
   if (name == "double") {
     a = host::doubles(any_dims(input, 3), {});
-    if (input.ConsumeIntegralInRange(0, 3) != 0) a.dims = {1, 2};
+    if (input.within(0, 3) != 0) a.dims = {1, 2};
     a.values.resize(a.count());
     for (double& v : a.values) v = any_line(input);
   } else {
@@ -160,26 +159,25 @@ void check_multiply(const std::vector<Array>& before, const Array& data) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  FuzzedDataProvider input(bytes, size);
-  const Layout layout = input.ConsumeBool() ? Layout::kPairs : Layout::kParts;
+  Input input(bytes, size);
+  start(input);
+  const Layout layout = input.flag() ? Layout::kPairs : Layout::kParts;
   host::state().layout = layout;
   host::state().created.clear();
   host::state().warnings.clear();
-  host::state().text_limit = input.ConsumeBool() ? std::string::npos : 6;
+  host::state().text_limit = input.flag() ? std::string::npos : 6;
 
   Call call;
   constexpr const char* kNames[] = {"filter", "multiply", "filterx", "Filter", ""};
-  const bool filter = input.ConsumeBool(), odd = input.ConsumeIntegralInRange(0, 15) == 0;
-  call.name = odd ? input.PickValueInArray(kNames) : filter ? "filter" : "multiply";
+  const bool filter = input.flag(), odd = input.within(0, 15) == 0;
+  call.name = odd ? input.pick(kNames) : filter ? "filter" : "multiply";
   const std::size_t usual = filter ? 4 : 2;
-  const std::size_t count = input.ConsumeIntegralInRange(0, 15) == 0
-                                ? input.ConsumeIntegralInRange<std::size_t>(0, 6)
-                                : usual;
+  const std::size_t count = input.within(0, 15) == 0 ? input.within<std::size_t>(0, 6) : usual;
   for (std::size_t i = 0; i < count; ++i)
     call.arrays.push_back(any_array(input, filter && i > 0 ? "double" : "single", layout));
-  if (!filter && count == 2 && input.ConsumeBool()) {  // as many dimensions, often the same extents
+  if (!filter && count == 2 && input.flag()) {  // as many dimensions, often the same extents
     call.arrays[1].dims.resize(call.arrays[0].dims.size(), 1);
-    if (input.ConsumeBool()) call.arrays[1] = call.arrays[0];
+    if (input.flag()) call.arrays[1] = call.arrays[0];
     if (call.arrays[1].count() * (call.arrays[1].complex ? 2 : 1) > 1u << 20) return 0;
     call.arrays[1] = host::single(
         call.arrays[1].dims, std::vector<float>(call.arrays[1].count(), 2),

@@ -28,6 +28,8 @@ extern "C" const char* mexVersion();
 /// Wrong arguments end the call with their own message before anything is allocated or changed.
 /// A range that calculate_filter rejects leaves its axis unweighted and keeps position 0 of it.
 /// Threads: weighting is split over the merged dimensions beyond the third.
+/// Memory: a float per line of ky, times the samples along kx and along kz where these are filtered;
+/// and one per sample of each axis.
 /// Source: Noll, Nishimura, Macovski, IEEE Trans. Med. Imaging 10:154 (1991).
 void ApplyHomodyneFilter(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs);
 
@@ -53,4 +55,7 @@ int calculate_filter(int N, double* range, float* weights, int* bounds);
 /// L = 0 gives NaN. Volumes (beyond the third dimension) for which L has no samples stay as they
 /// are. Wrong arguments end the call with their own message, the data unchanged. Assigns no output.
 /// Threads: split over the merged dimensions beyond the third.
+/// Memory: none for images of one size; with resampling 16 bytes per sample of each axis and, on each
+/// thread, 8 per sample of a row of either image. Where L overlaps the data otherwise than sample
+/// for sample, a copy of L.
 void AddLowResPhase(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs);

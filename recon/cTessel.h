@@ -9,7 +9,8 @@
 // The caller owns every array. Nothing is validated or printed; what stays the caller's duty is
 // said with each routine. std::bad_alloc leaves a routine uncaught. Routines may be called from
 // several threads at once on disjoint outputs; each uses the OpenMP default number of threads, and
-// results are the same bits for every thread count.
+// results are the same bits for every thread count. Memory is what a call allocates beyond its
+// inputs and outputs, without a few bytes per line of an axis; ./bench.sh measures it.
 #pragma once
 
 #include <Eigen/Core>
@@ -132,7 +133,8 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///   sens_re, sens_im  in   (x', y', z', coil, location): maps over the full field of view, on any
 ///                          grid. A sample of real part 0 in coil 0 is outside the object. With
 ///                          sens_im null nothing is inside and the output stays untouched
-///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit; psi_re null: the identity
+///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit, both parts; psi_re null:
+///                          the identity
 ///   psi_ndims         in   not read
 ///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
 ///   full_size         in   unfolded extents x, y, z
@@ -150,6 +152,9 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
 /// earlier volumes written. Too few locations in sens or reg are the caller's fault.
 /// Threads: split over x within each step.
+/// Memory: the factors, 16 bytes for each coil, alias and voxel of their grid (see
+/// get_combination_factors), what the two steps need, and with regularisation 4 bytes per sample of
+/// one location of reg.
 /// Source: Pruessmann et al., SENSE: sensitivity encoding for fast MRI, MRM 1999;42:952.
 int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dims, float* sens_re,
                    float* sens_im, int sens_ndims, int* sens_dims, float* psi_re, float* psi_im,
@@ -180,6 +185,8 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
 /// holes in a map do not tear the object. A singular matrix gives non-finite factors.
 /// Errors: 0, with nothing written, if psi is not (nc, nc) or factors is too small.
 /// Threads: split over x.
+/// Memory: the inverse of psi; and on each thread, for each coil and alias, 8 bytes for each of up
+/// to 256 columns and 16 more, and 384 bytes; and 256 bytes for each pair of aliases.
 int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorXi& sens_dims,
                             const Eigen::MatrixXcd& psi, const Eigen::Vector3f& reduction,
                             double lambda, const Eigen::VectorXf& reference,
@@ -187,7 +194,7 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
                             Eigen::VectorXi full, float* edges_y, float* edges_z);
 
 /// 1 if two alias lists of na and nb coordinates differ in length or some pair by more than N / 2
-/// (whole division), else 0.
+/// (whole division), else 0. Memory: the copies that the call makes of a and b.
 int find_edges(Eigen::VectorXf a, Eigen::VectorXf b, int na, int nb, int N);
 
 /// Unfolds one multi-coil volume with factors of get_combination_factors: 1, or -1 if a position
@@ -204,24 +211,25 @@ int find_edges(Eigen::VectorXf a, Eigen::VectorXf b, int na, int nb, int N);
 /// An alias is present if its factor at the nearest grid point is not 0; the factors themselves are
 /// interpolated. They are interpolated in double and applied in single precision.
 /// Threads: split over x.
+/// Memory: on each thread, for each of up to 256 columns, 400 bytes and 72 for each alias.
 int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::VectorXcd& factors,
            Eigen::VectorXi& factor_dims, Eigen::VectorXi& sens4, Eigen::VectorXi full_size,
            float* edges_y, float* edges_z, float* out_re, float* out_im);
 
 /// Folded line, 0 ... fold_len - 1, onto which the full line pos falls. The central fold_len lines
 /// of the full field of view are the folded image: full line ceil((full_len - fold_len) / 2) falls
-/// onto line 0. Needs full_len >= fold_len >= 1.
+/// onto line 0. Needs full_len >= fold_len >= 1. Memory: none.
 int TS_folded_pos(int pos, int full_len, int fold_len);
 
 /// Folded lines where the number of aliased lines changes: lines f with compartments[0] < f <=
 /// compartments[1] form one compartment, the others the other. The caller presets both to -1, which
-/// stays where there is no such boundary. Needs full_len >= fold_len >= 1.
+/// stays where there is no such boundary. Needs full_len >= fold_len >= 1. Memory: none.
 void get_compartments(int full_len, int fold_len, float* compartments);
 
 /// Number of full lines that alias onto folded line fold_pos, listed in positions: those below the
 /// central copy descending, then the central line and those above ascending. The rest of positions
 /// is set to -1. positions has room for ceil(full_len / fold_len); lines beyond its room are left
-/// out. Needs full_len >= fold_len >= 1.
+/// out. Needs full_len >= fold_len >= 1. Memory: none.
 int TS_get_unfolded_positions(int full_len, int fold_len, int fold_pos, Eigen::VectorXi& positions);
 
 // ---- Geometry correction (geometry_correction.cpp) ----------------------------------------------
@@ -254,6 +262,7 @@ int TS_get_unfolded_positions(int full_len, int fold_len, int fold_pos, Eigen::V
 ///
 /// Errors: none reported; a linear coefficient of 0 gives infinities or NaN, and so does a point
 /// that is not finite, for itself alone. Threads: split over the points.
+/// Memory: 3.6 MiB for 20000 points or more, else none.
 /// Source: Janke et al., Magnetic Resonance in Medicine 52:115-122, 2004.
 void TS_geometry_correction(float* x, float* y, float* z, float* xd, float* yd, float* zd, int npts,
                             float (*coeff_y)[12], float (*coeff_x)[12], float (*coeff_z)[1],
@@ -266,6 +275,8 @@ void TS_geometry_correction(float* x, float* y, float* z, float* xd, float* yd, 
 ///   z_out         out  cz[1..nz-1][0]
 ///   nm, nn, nz    in   numbers of degrees, of orders and of zonal orders, each counted from 0
 ///   ca, cb, cz    in   tables with a row for every order below nn or nz
+///
+/// Memory: none.
 void realign_corr_coeffs(float* a_out, float* b_out, float* z_out, int nm, int nn, int nz,
                          float (*ca)[12], float (*cb)[12], float (*cz)[1]);
 
@@ -276,6 +287,7 @@ void realign_corr_coeffs(float* a_out, float* b_out, float* z_out, int nm, int n
 ///
 /// x = cos(theta), no unit. The recurrence runs in double; the root is rounded to float. Needs
 /// 0 <= m <= l and |x| <= 1: anything else ends the process with exit status 1 and no message.
+/// Memory: none.
 /// Source: NIST Digital Library of Mathematical Functions, 14.10.3.
 double plgndr(int l, int m, float x);
 
@@ -286,7 +298,7 @@ double plgndr(int l, int m, float x);
 ///   table   out  (nl, nm, npts), l fastest, owned by the caller
 ///
 /// Entries with m > l are 0, and so is a sample that rounding puts outside [-1, 1] or that is no
-/// number (npts = 1). npts < 1 writes nothing. Threads: one.
+/// number (npts = 1). npts < 1 writes nothing. Threads: one. Memory: 128 bytes for each order.
 void create_plgndr_lookup(int nl, int nm, int npts, float* table);
 
 /// Spherical coordinates of a point: out[0] = r in the unit of x, y and z, out[1] = theta from the
@@ -295,17 +307,18 @@ void create_plgndr_lookup(int nl, int nm, int npts, float* table);
 /// r is formed in double, theta in float; phi takes its arctangent in float in the first and third
 /// quadrant and in double in the second and fourth. On the z axis phi is 0, at the origin theta is
 /// pi / 2. A coordinate that is not a number shows in r; the angles treat it as on no side of 0.
+/// Memory: none.
 void getRadiusThetaPhi(float x, float y, float z, float* out);
 
 /// (r / r0)^n in single precision, by squaring and multiplying; a negative n gives the reciprocal
-/// of the positive power. n = 0 gives 1 for every r and r0.
+/// of the positive power. n = 0 gives 1 for every r and r0. Memory: none.
 float radialFactor(float r, float r0, int n);
 
-/// One sine term of the expansion, sin(m phi) (r / r0)^n p, in single precision throughout. p is
-/// the Legendre function of the term; phi is in radians.
+/// One sine term of the expansion, sin(m phi) ((r / r0)^n p), in single precision throughout. p is
+/// the Legendre function of the term; phi is in radians. Memory: none.
 float funcYS(int n, int m, float r, float phi, float r0, float p);
 
-/// The cosine term, cos(m phi) (r / r0)^n p.
+/// The cosine term, cos(m phi) ((r / r0)^n p). Memory: none.
 float funcYC(int n, int m, float r, float phi, float r0, float p);
 
 // ---- Interpolation and grids (interpolation.cpp) ------------------------------------------------
@@ -315,7 +328,7 @@ float funcYC(int n, int m, float r, float phi, float r0, float p);
 ///
 /// The step (stop - start) / (n - 1) is added up in double and each value rounded to float, so the
 /// last value approximates stop without being forced to it. n = 1 gives start; n < 1 an empty
-/// array.
+/// array. Memory: the new array alone.
 float* TS_linspace(float start, float stop, int n);
 
 /// Trilinear interpolation of a volume at (b, a, c): the coordinate along the SECOND dimension
@@ -329,7 +342,7 @@ float* TS_linspace(float start, float stop, int n);
 /// Corners are judged by their linear offset alone: one at or past the end of the volume counts as
 /// 0, and one that steps past the end of a row reads the first sample of the next row. Weights are
 /// formed and summed in double.
-/// Errors: none reported; positions before the first sample are the caller's fault.
+/// Errors: none reported; positions before the first sample are the caller's fault. Memory: none.
 float TS_linear_interpolation(float* volume, float a, float b, float c, int* dims);
 float TS_linear_interpolation(float* volume, float a, float b, float c,
                               const Eigen::VectorXi& dims);
@@ -347,6 +360,7 @@ float TS_linear_interpolation(const Eigen::VectorXf& volume, float a, float b, f
 ///
 /// The corners are counted from the last one down to the first that lies before T; where the second
 /// extent is 1 that count can include a corner past T, which is then read if the vector has it.
+/// Memory: none.
 std::complex<double> TS_linear_interpolation(const Eigen::VectorXcd& volume,
                                              const Eigen::VectorXi& dims, int base, double fa,
                                              double fb, double fc, int P, int T);
@@ -357,21 +371,22 @@ std::complex<double> TS_linear_interpolation(const Eigen::VectorXcd& volume,
 /// grid, for k = 0 and 1; -1 in either marks the pair as absent. Samples next to a jump are snapped
 /// to the pair's coordinate or one past it, and a coordinate that has crossed the jump is pulled
 /// back, so that no interpolation mixes both sides. Without a matching pair the result is pos.
+/// Memory: none.
 double pos2interpolate(double pos, int idx, const float* A, const float* B);
 
 // ---- Rounding, indices, search (index_helpers.cpp) ----------------------------------------------
 
 /// Nearest integer with halves up for x >= 0; negative values round toward zero (-2.7 gives -2).
-/// NaN and values outside int give INT_MIN.
+/// NaN and values outside int give INT_MIN. Memory: none.
 int TS_round(double x);
 int TS_round(float x);
 
 /// Column-major linear index of the zero-based subscript `sub` in an array of extents `dims`, in
 /// int arithmetic. Entries beyond their extent carry into the next dimension; the last extent is
-/// not read. sub must have as many entries as dims; empty dims give 0.
+/// not read. sub must have as many entries as dims; empty dims give 0. Memory: none.
 int TS_sub2ind(const Eigen::VectorXi& dims, const Eigen::VectorXi& sub);
 
-/// Index of the first of the n entries of a that equals v, or -1.
+/// Index of the first of the n entries of a that equals v, or -1. Memory: none.
 int TS_find(unsigned short* a, unsigned short v, int n);
 int TS_find(short* a, short v, int n);
 int TS_find(int* a, int v, int n);
@@ -379,6 +394,7 @@ int TS_find(unsigned int* a, unsigned int v, int n);
 
 /// Root-mean-square magnitude of n complex values, summed in the widest floating-point type (80
 /// bits on x86). im may be null and then counts as 0. n = 0 gives NaN, n < 0 gives -0.0.
+/// Memory: none.
 double TS_SA(float* re, float* im, int n);
 
 #pragma GCC visibility pop

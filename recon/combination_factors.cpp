@@ -471,9 +471,11 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
   const int cRy = ctessel::to_int(std::ceil(reduction[1]));
   const int cRz = ctessel::to_int(std::ceil(reduction[2]));
   const int nyF = reduced(sens_dims[1], reduction[1]), nzF = reduced(sens_dims[2], reduction[2]);
-  const int64_t grid = nx * nyF * nzF;
+  // Compared as doubles, which hold the product of any extents.
+  const double voxels = static_cast<double>(nx) * nyF * nzF;
   if (psi.rows() != nc || psi.cols() != nc || sens_dims.minCoeff() < 0 ||
-      std::min({cRy, cRz, nyF, nzF}) < 0 || factors.size() < grid * nc * cRy * cRz) {
+      std::min({cRy, cRz, nyF, nzF}) < 0 ||
+      static_cast<double>(factors.size()) < voxels * static_cast<double>(nc) * cRy * cRz) {
     return 0;
   }
   const Axis y = list_aliases(nyF, cRy, sens_dims[1], full[1], folded[1]);
@@ -484,7 +486,7 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
   sort_edges(edges_z);
   // The coordinates end at the last row and slice of the maps, so only maps of no coils, which have
   // no sample at all, can be overrun.
-  if (nc == 0) return grid > 0 ? -1 : 1;
+  if (nc == 0) return voxels > 0 ? -1 : 1;
 
   const Eigen::MatrixXcd inverse = Eigen::PartialPivLU<Eigen::MatrixXcd>(psi).inverse();
   const bool identity = inverse == Eigen::MatrixXcd::Identity(psi.rows(), psi.cols());
@@ -501,7 +503,7 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
                         lambda,
                         reference,
                         factors.data(),
-                        grid};
+                        nx * nyF * nzF};
   ctessel::for_each_chunk(nx, [&](int64_t begin, int64_t end) {
     for (int64_t x = begin; x < end; x += kTile) {
       Columns(problem, {x, std::min(x + kTile, end)}).run();

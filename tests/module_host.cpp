@@ -9,10 +9,12 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "error_texts.h"
 #include "naive_homodyne.h"
 
 namespace {
@@ -180,55 +182,24 @@ void run_operations() {
 /// Every error text of the module leaves by longjmp, many times over: nothing may stay allocated.
 void run_errors() {
   const mxArray filter = text("filter"), multiply = text("multiply");
-  const mxArray data = single(ramp({2, 3}, true)), doubles("double", {2, 3}, true, 8);
-  const mxArray none("single", {0, 3}, false, 4), r = range({-1, 5});
-  const mxArray volume = single(ramp({2, 3, 2}, false)), complex_range("double", {1, 2}, true, 8);
+  const mxArray data = single(ramp({2, 3}, true)), volume = single(ramp({2, 3, 2}, false));
+  const mxArray empty("single", {0, 3}, false, 4), doubles("double", {2, 3}, true, 8);
+  const mxArray two = range({-1, 5}), complex_range("double", {1, 2}, true, 8);
   const mxArray tall("double", {1, 2, 2}, false, 8), square("double", {2, 2}, false, 8),
       longer("double", {1, 3}, false, 8);
-  struct Case {
+  const std::map<char, const mxArray*> arrays = {
+      {'d', &data}, {'v', &volume}, {'e', &empty},  {'D', &doubles},      {'r', &two},
+      {'t', &tall}, {'s', &square}, {'l', &longer}, {'c', &complex_range}};
+  for (const ErrorCase& c : kErrorCases) {
     std::vector<const mxArray*> inputs;
-    const char* text;
-  };
-  const Case cases[] = {
-      {{&data}, "The first input must be a string describing the functionality."},
-      {{}, "The first input must be a string describing the functionality."},
-      {{&filter, &data, &r, &r}, "There must be at least 5 inputs."},
-      {{&filter, &data, &r, &r, &r, &r}, "Too many input arguments."},
-      {{&filter, &doubles, &r, &r, &r}, "Data must be of type single."},
-      {{&filter, &none, &r, &r, &r}, "Data cannot be empty."},
-      {{&filter, &data, &data, &r, &r}, "kx-range must be of type double."},
-      {{&filter, &data, &r, &data, &r}, "ky-range must be of type double."},
-      {{&filter, &data, &r, &r, &data}, "kz-range must be of type double."},
-      {{&filter, &data, &complex_range, &r, &r}, "kx-range must be real valued."},
-      {{&filter, &data, &r, &complex_range, &r}, "ky-range must be real valued."},
-      {{&filter, &data, &r, &r, &complex_range}, "kz-range must be real valued."},
-      {{&filter, &data, &tall, &r, &r}, "The kx-range must be 1 dimensional vector."},
-      {{&filter, &data, &square, &r, &r}, "The kx-range coordinates must be 1 dimensional vector."},
-      {{&filter, &data, &longer, &r, &r}, "The kx-range must be of length 2."},
-      {{&filter, &data, &r, &tall, &r}, "The ky-range must be 1 dimensional vector."},
-      {{&filter, &data, &r, &square, &r}, "The ky-range coordinates must be 1 dimensional vector."},
-      {{&filter, &data, &r, &longer, &r}, "The ky-range must be of length 2."},
-      {{&filter, &data, &r, &r, &tall}, "The kz-range must be 1 dimensional vector."},
-      {{&filter, &data, &r, &r, &square}, "The kz-range coordinates must be 1 dimensional vector."},
-      {{&filter, &data, &r, &r, &longer}, "The kz-range must be of length 2."},
-      {{&multiply, &data}, "There must be at least 3 inputs."},
-      {{&multiply, &data, &data, &data}, "Too many input arguments."},
-      {{&multiply, &data, &none}, "The low resolution data cannot be empty."},
-      {{&multiply, &doubles, &data}, "Data must be of type single."},
-      {{&multiply, &none, &data}, "Data cannot be empty."},
-      {{&multiply, &data, &doubles}, "LowRes must be of type single."},
-      {{&multiply, &data, &volume},
-       "The data must have the same number of dimensions than the low resolution data"},
-  };
-  for (const Case& c : cases) {
-    std::vector<const mxArray*> inputs = c.inputs;
+    if (!c.operation.empty()) inputs.push_back(c.operation == "filter" ? &filter : &multiply);
+    for (char letter : c.inputs) inputs.push_back(arrays.at(letter));
     const int n = static_cast<int>(inputs.size());
-    check(!call(inputs.data(), n) && last_error == c.text, std::string("error: ") + c.text);
+    check(!call(inputs.data(), n) && last_error == c.text, "error: " + c.text);
     for (int i = 0; i < 10; ++i) call(inputs.data(), n);  // fills the allocator's own caches
     const std::size_t before = mallinfo2().uordblks;
-    for (int i = 0; i < 1000; ++i) call(inputs.data(), n);
-    const bool flat = mallinfo2().uordblks == before;
-    check(flat, std::string("nothing owned at: ") + c.text);
+    for (int i = 0; i < 2000; ++i) call(inputs.data(), n);
+    check(mallinfo2().uordblks == before, "nothing owned at: " + c.text);
   }
 }
 

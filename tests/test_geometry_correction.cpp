@@ -260,24 +260,3 @@ TEST_CASE("Each coefficient moves its own axis by its own harmonic", "[geometry]
   for (int n = 0; n < 17; ++n)
     if (n != 1) check(c.z[n][0], 2, n, 0, n > 0, 3);
 }
-
-TEST_CASE("realign_corr_coeffs packs degree by degree and drops the constant", "[geometry]") {
-  Random random;
-  CAPTURE(run_seed());
-  Coefficients c = dense(random);
-  Guarded<float> a(88, 7.0f), b(88, 7.0f), z(16, 7.0f);
-  realign_corr_coeffs(a.data(), b.data(), z.data(), 12, 14, 17, c.x, c.y, c.z);
-  CHECK((a.intact() && b.intact() && z.intact()));
-  std::vector<float> cosine, sine, zonal;
-  for (int m = 1; m < 12; ++m)
-    for (int n = m; n < 14; ++n) {
-      cosine.push_back(c.x[n][m]);
-      sine.push_back(c.y[n][m]);
-    }
-  for (int n = 1; n < 17; ++n) zonal.push_back(c.z[n][0]);
-  CHECK(a.values() == cosine);
-  CHECK(b.values() == sine);
-  CHECK(z.values() == zonal);
-  realign_corr_coeffs(a.data(), b.data(), z.data(), 1, 14, 1, c.y, c.y, c.z);
-  CHECK(a.values() == cosine);  // nothing to pack, nothing written
-}

@@ -3,24 +3,6 @@
 #include "cTessel.h"
 #include "support.h"
 
-TEST_CASE("TS_linspace adds its step up in double and rounds each value", "[grid]") {
-  struct Case {
-    float start, stop;
-    int n;
-  };
-  for (const Case& c : {Case{0, 1, 4}, Case{0, 63, 256}, Case{0, 5, 1}, Case{0, -1, 3},
-                        Case{0, 12345, 100000}, Case{0, 5, 0}, Case{0, 5, -3}}) {
-    CAPTURE(c.stop, c.n);
-    const std::unique_ptr<float[]> grid(TS_linspace(c.start, c.stop, c.n));
-    REQUIRE(grid);
-    double value = c.start;
-    for (int i = 0; i < c.n; ++i) {
-      CHECK(grid[static_cast<std::size_t>(i)] == static_cast<float>(value));
-      if (c.n > 1) value += (static_cast<double>(c.stop) - c.start) / (c.n - 1);
-    }
-  }
-}
-
 // On a function that is linear along each axis the interpolant is exact inside the volume, which
 // pins the axis each coordinate belongs to.
 TEST_CASE("Trilinear interpolation takes the second dimension's coordinate first",
@@ -70,30 +52,6 @@ TEST_CASE("Corners past the end count as 0 and rows wrap around", "[interpolatio
   CHECK(at(0, 0, 0.5f) == 0.5f);   // and the plane
   CHECK(at(5, 0, 0) == 0.0f);
   CHECK(at(0, -0.5f, 0) == 0.5f);  // -0.5 truncates to sample 0 with fraction -0.5: 1.5 - 1
-}
-
-TEST_CASE("What lies behind the volume never counts", "[interpolation]") {
-  std::vector<float> v = {1, 2, 3, 4, NAN, NAN, NAN, NAN, NAN};  // overload 1 over its first four
-  int dims[] = {2, 2, 1};
-  CHECK(TS_linear_interpolation(v.data(), 1, 1.5f, 0, dims) == 2.0f);
-  CHECK(TS_linear_interpolation(v.data(), 1.5f, 1.5f, 0.5f, dims) == 0.5f);
-  int row[] = {2, 1, 2};  // one row per plane: corner 4 lies past the end, corner 5 does not
-  CHECK(TS_linear_interpolation(v.data(), 0, 1.5f, 0.5f, row) == 0.25f * 2 + 0.25f * 3 + 0.25f * 4);
-  Eigen::VectorXcd longer(6);
-  longer << 1, 2, 3, 4, 1e9, 1e9;
-  const Eigen::VectorXi extents = Eigen::Map<Eigen::VectorXi>(dims, 3);
-  CHECK(TS_linear_interpolation(longer, extents, 3, 0.0, 0.5, 0.0, 4, 4) == 2.0);
-}
-
-TEST_CASE("With one row per plane a corner past the end is not read", "[interpolation]") {
-  // Corner 4 (next row, next sample) lies past the end while corner 5 (next plane) does not.
-  Eigen::VectorXcd v(4);
-  v << 1, 2, 3, 4;
-  Eigen::VectorXi dims(3);
-  dims << 2, 1, 2;
-  CHECK(TS_linear_interpolation(v, dims, 1, 0.0, 0.5, 0.5, 2, 4).real() ==
-        0.25 * 2 + 0.25 * 3 + 0.25 * 4);
-  CHECK(TS_linear_interpolation(v, dims, 4, 0.0, 0.0, 0.0, 2, 4) == 0.0);
 }
 
 TEST_CASE("pos2interpolate: the first matching rule decides", "[interpolation]") {

@@ -279,8 +279,9 @@ TEST_CASE("Extents that cannot be are refused before memory is touched", "[sense
   CHECK(refused([](Call& c) { c.out = {70000, 70000, 1, 1}; }));
   CHECK(refused([](Call& c) { c.fold[1] = -2; }));
   CHECK(refused([](Call& c) { c.psi_dims[0] = c.psi_dims[1] = 70000; }));
-  CHECK(refused([](Call& c) { c.psi_dims[0] = 1; }));            // not coils x coils
-  CHECK(refused([](Call& c) { c.full = {1, 2147483647, 1}; }));  // aliases x coils
+  CHECK(refused([](Call& c) { c.psi_dims[0] = 1; }));                          // not coils x coils
+  CHECK(refused([](Call& c) { c.full = {1, 2147483647, 1}; }));                // aliases x coils
+  CHECK(refused([](Call& c) { c.fold = {2, 0, 0, 2}, c.full = {2, 0, 0}; }));  // reduction 0 / 0
   Call none = good;
   none.fold = {2, 2, 1, 2, 1, 1, 1, 0};  // no location: nothing to do
   none.out = {2, 4, 1, 1, 1, 1, 1, 0};

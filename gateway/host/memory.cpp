@@ -12,6 +12,8 @@ namespace {
 constexpr float kGuard = -12345.678f;
 }
 
+Guarded::Guarded(std::size_t n) : store_(n + 2 * kZone, kGuard) { std::fill_n(data(), n, 0.0f); }
+
 Guarded::Guarded(const std::vector<float>& content) : store_(content.size() + 2 * kZone, kGuard) {
   std::copy(content.begin(), content.end(), data());
 }
@@ -118,15 +120,16 @@ Samples samples(const Array* array) {
 double* doubles(const Array* a) { return const_cast<Array*>(a)->values.data(); }
 
 Array* create_complex_single(int ndims, const int* dims) {
-  Array shape;
-  shape.dims.assign(dims, dims + ndims);
+  auto array =
+      std::make_unique<Array>(single(std::vector<int>(dims, dims + ndims), {}, {}, state().layout));
   double count = 1;
-  for (int d : shape.dims) count *= d;
+  for (int d : array->dims) count *= d;
   if (count > 1e8) error("Out of memory.");  // as a host does
-  const std::vector<float> zeros(shape.count());
-  state().created.push_back(
-      std::make_unique<Array>(single(shape.dims, zeros, zeros, state().layout)));
-  state().created.back()->complex = true;  // an array without samples is complex all the same
+  array->complex = true;
+  const bool parts = array->layout == Layout::kParts;
+  array->re = Guarded(parts ? array->count() : 2 * array->count());
+  if (parts) array->im = Guarded(array->count());
+  state().created.push_back(std::move(array));
   return state().created.back().get();
 }
 

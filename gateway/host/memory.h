@@ -16,6 +16,7 @@ enum class Layout { kParts, kPairs };
 class Guarded {
  public:
   Guarded() = default;
+  explicit Guarded(std::size_t n);  // zeros
   explicit Guarded(const std::vector<float>& content);
   float* data() { return store_.empty() ? nullptr : store_.data() + kZone; }
   const float* data() const { return const_cast<Guarded*>(this)->data(); }

@@ -41,9 +41,7 @@ function [xd, yd, zd] = ctessel_geometry(x, y, z, coeff_x, coeff_y, coeff_z, r0)
   check_table(who, 'COEFF_Y', coeff_y, [14 12], [2 2]);
   if isvector(coeff_z), coeff_z = coeff_z(:); end
   check_table(who, 'COEFF_Z', coeff_z, [17 1], [2 1]);
-  if ~isfloat(r0) || ~isreal(r0) || ~isscalar(r0) || ~(r0 > 0) || isinf(r0)
-    reject(who, 'R0', 'a positive number', r0);
-  end
+  check_positive(who, 'R0', r0);
   [xd, yd, zd] = __ctessel__('geometry', x, y, z, coeff_x, coeff_y, coeff_z, r0);
 end
 

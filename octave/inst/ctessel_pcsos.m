@@ -16,12 +16,9 @@
 %   max(max(abs(abs(combined) - ctessel_sos(images))))     % rounding only
 %
 % See also: ctessel_sos
-function y = ctessel_pcsos(x, dim)
+function y = ctessel_pcsos(x, varargin)
   if nargin < 1 || nargin > 2, print_usage(); end
-  if nargin < 2, dim = 4; end
-  check_array('ctessel_pcsos', 'X', x);
-  dim = check_whole('ctessel_pcsos', 'DIM', dim, 1, 1, 64);
-  y = __ctessel__('pcsos', x, dim);
+  y = combine_coils('ctessel_pcsos', 'pcsos', x, varargin);
 end
 
 %!test

@@ -58,15 +58,16 @@ function image = ctessel_sense(folded, maps, full_size, covariance, expected, re
     reject_shape(who, 'COVARIANCE', sprintf('%dx%d for %d coils', coils, coils, coils), covariance);
   end
   check_regularisation(who, folded, expected, reference, maps);
-  if ~isfloat(scale) || ~isreal(scale) || ~isscalar(scale) || ~(scale > 0) || isinf(scale)
-    reject(who, 'SCALE', 'a positive number', scale);
-  end
+  check_positive(who, 'SCALE', scale);
+  check_count(who, 'FOLDED', folded, numel(folded));
+  check_count(who, 'MAPS', maps, numel(maps));
+  check_count(who, 'FULL_SIZE', full_size, prod([full_size, size(folded)(5:end)]));
 
-  samples = [numel(folded), numel(maps), prod([full_size, size(folded)(5:end)])];
-  if any(samples > double(intmax)), refuse_size(who); end
   [image, status] = __ctessel__('sense', folded, maps, full_size, covariance, expected, ...
                                 reference, scale);
-  if status ~= 1, refuse_size(who); end  % more unfolding factors than that
+  if status ~= 1
+    reject(who, 'FULL_SIZE', 'for at most 2147483647 unfolding factors on the grid of MAPS', full_size);
+  end
   warn_of_singular(who, image, folded);
 end
 
@@ -78,8 +79,8 @@ function warn_of_singular(who, image, folded)
   end
 end
 
-function refuse_size(who)
-  error('ctessel:argument', '%s: more than 2147483647 values are not supported', who);
+function check_count(who, name, given, count)
+  if count > double(intmax), reject(who, name, 'at most 2147483647 values', given); end
 end
 
 function check_shapes(who, folded, maps)
@@ -208,5 +209,5 @@ end
 %!error <SCALE must be a positive number; got 0>
 %! ctessel_sense(ones(12, 12, 1, 6), maps, [], [], ones(12, 24), ones(12, 24), 0)
 %!error <FULL_SIZE must be 2 or 3 whole numbers> ctessel_sense(ones(12, 12, 1, 6), maps, 12)
-%!error <ctessel_sense: more than 2147483647 values are not supported>
+%!error <ctessel_sense: FULL_SIZE must be at most 2147483647 values; got \[12 50000 50000\]>
 %! ctessel_sense(ones(12, 12, 1, 6), maps, [12 50000 50000])

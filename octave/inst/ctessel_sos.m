@@ -17,12 +17,9 @@
 % 16(2):192-225, 1990.
 %
 % See also: ctessel_pcsos
-function y = ctessel_sos(x, dim)
+function y = ctessel_sos(x, varargin)
   if nargin < 1 || nargin > 2, print_usage(); end
-  if nargin < 2, dim = 4; end
-  check_array('ctessel_sos', 'X', x);
-  dim = check_whole('ctessel_sos', 'DIM', dim, 1, 1, 64);
-  y = __ctessel__('sos', x, dim);
+  y = combine_coils('ctessel_sos', 'sos', x, varargin);
 end
 
 %!test

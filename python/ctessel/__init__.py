@@ -6,18 +6,23 @@ which counts as complex with imaginary parts of zero); other types raise ``TypeE
 being converted behind the caller's back. On a centred axis of N samples the zero frequency lies at
 index ``N // 2``.
 
-Nothing changes its input unless ``inplace=True`` or ``out=`` says so. The kernels read arrays whose
-first axis is fastest (Fortran order). Shifts, padding, coil combination and `homodyne.multiply` use
-data without gaps as they lie and keep their order. The ringing filter, SENSE and `homodyne.filter`
-rearrange what is not in Fortran order, which takes longer, and return results in it.
+Nothing changes its input unless ``inplace=True`` or ``out=`` says so. Shifts, padding, coil
+combination, `ringing_filter` and `homodyne` take data without gaps in the order in which they lie,
+and results have the same order. The kernels of SENSE read Fortran order (first axis fastest);
+data in another order are rearranged on the way, and the result is in Fortran order.
 
-Beyond arguments and result a call needs at most half a copy of its data. Exceptions: SENSE (see
-there), and `homodyne.multiply` with resampling in place on data in C order, a copy of the volumes
-that are worked on.
+Beyond arguments and result a call needs less than one copy of its data: at most half a copy for
+`ringing_filter` and `homodyne.filter` (weights of one volume) and for shifts in place, half of its
+inputs for SENSE (see there), a few percent for the rest. The exception is `homodyne.multiply` with
+resampling in place on data in C order, a copy of the volumes that are worked on.
 
 ``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
 one. Results are the same bits for every number. The interpreter's lock is released while kernels
 run. Processes may be forked between calls.
+
+Submodules for whole scans, which need SciPy: `raw` reads ISMRMRD files, `pipeline` has the steps from
+k-space to image, `nifti` writes images, `phantom` makes test data, `dask` works on clusters. The
+command ``ctessel`` puts them together.
 
 Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what
 was expected and what was got.

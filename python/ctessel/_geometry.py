@@ -34,7 +34,7 @@ def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, *, threads=None)
 
     Notes
     -----
-    Every call builds a table of Legendre functions, about 8 MB: pass many points at once.
+    From 20000 points on a call builds a table of Legendre functions, 3.6 MiB: pass many at once.
 
     References
     ----------

@@ -134,11 +134,11 @@ def _limit(encoding, name, extent):
         limit = Limit(*(int(_text(found, part, "")) for part in ("minimum", "maximum", "center")))
     except ValueError:
         raise DefectError(f"the limits of {name} in its header are no numbers") from None
-    first, last = (n - limit.center + extent // 2 for n in (limit.minimum, limit.maximum))
-    if not 0 <= limit.minimum <= limit.center <= limit.maximum or first < 0 or last >= extent:
+    # Lines outside the matrix are found when they come: limits that promise too much do no harm.
+    if not 0 <= limit.minimum <= limit.center <= limit.maximum:
         raise DefectError(
-            f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center}, "
-            f"which do not fit its {extent} encoded lines"
+            f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center} "
+            "in its header"
         )
     return limit
 

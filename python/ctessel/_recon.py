@@ -10,6 +10,9 @@ import scipy
 
 from . import __version__, _memory, nifti, pipeline, raw
 
+#: Python with its modules, before there are any data.
+INTERPRETER = 100_000_000
+
 
 @dataclass
 class Job:
@@ -63,7 +66,7 @@ class Job:
 
     def _images(self, image):
         output = self.arguments.output
-        yield output, np.abs(image), "magnitude"
+        yield output, np.abs(image) if np.iscomplexobj(image) else image, "magnitude"
         if self.arguments.combine == "phase":
             base = nifti.base_name(output)
             name = output.with_name(f"{base}_phase{output.name[len(base):]}")
@@ -119,7 +122,7 @@ def prepare(arguments, part):
         if part and not alone:
             pipeline.select(scan, *part, replace(options, regularisation=0))
         matrix, known = nifti.affine(*_geometry(found, options, part if not alone else None))
-        needed = pipeline.memory_estimate(scan, options, arguments.workers or 1)
+        needed = pipeline.memory_estimate(scan, options, arguments.workers or 1) + INTERPRETER
     except ValueError as error:
         raise raw.RawError(f"{found.path}: {error}") from None
     job = Job(arguments, options, found, None if alone else part, steps, needed, matrix, known)
@@ -170,7 +173,7 @@ def information(path, group):
             "",
             "ctessel recon would:",
             *(f"  {step}" for step in pipeline.plan(scan)),
-            f"  memory {_memory.text(pipeline.memory_estimate(scan))}",
+            f"  memory {_memory.text(pipeline.memory_estimate(scan) + INTERPRETER)}",
         ]
     except ValueError as error:
         lines += ["", f"ctessel recon would refuse it: {error}"]

@@ -48,9 +48,13 @@ def sense_recon(
 
     Notes
     -----
-    The kernel reads separate real and imaginary parts of everything at once, so a call needs as
-    much memory again as its inputs, and twice the memory of the sensitivities for the unfolding
-    factors in double precision. Without regularisation that is one location's share.
+    The image is worked on in slabs of columns x, whose separate real and imaginary parts and whose
+    unfolding factors (double precision, twice the memory of their sensitivities) exist at a time.
+    Slabs are as wide as half the inputs' memory allows, but at least ``8 * threads`` columns; measured
+    with two threads, maps of 128 x 96 x 16 with 16 coils and half as many lines: 0.44 copies of
+    `sens`, 0.48 with regularisation. Results are the bits of one call for everything. It is one call
+    per location, or one for all with regularisation, where `sens` has another extent along x than
+    `folded`: 3.5 copies of `sens` for equal grids, less for coarser ones.
 
     References
     ----------

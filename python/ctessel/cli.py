@@ -72,10 +72,6 @@ def _explain(error):
     )
 
 
-class _CancelledError(BaseException):
-    pass
-
-
 def _interruptible(run):
     """Run in a thread, so that a signal need not wait for the kernel that is at work."""
     outcome = []
@@ -86,18 +82,13 @@ def _interruptible(run):
         except BaseException as error:
             outcome.append((None, error))
 
-    def cancel(number, _):
-        raise _CancelledError(number)
-
     if threading.current_thread() is not threading.main_thread():
         return run()
     worker = threading.Thread(target=work, daemon=True)
-    before = {number: signal.signal(number, cancel) for number in (signal.SIGINT, signal.SIGTERM)}
+    before = {number: signal.signal(number, _end) for number in (signal.SIGINT, signal.SIGTERM)}
     try:
         worker.start()
         worker.join()
-    except _CancelledError as cancelled:
-        _end(cancelled.args[0])
     finally:
         for number, handler in before.items():
             signal.signal(number, handler)
@@ -107,13 +98,14 @@ def _interruptible(run):
     return result
 
 
-def _end(number):
+def _end(number, _):
+    """End the process from a signal's handler, with nothing half-written."""
+    for other in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(other, signal.SIG_IGN)
     import logging
     import multiprocessing
 
     logging.disable()  # Dask tells of every process that ends
-    for other in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(other, signal.SIG_IGN)
     for child in multiprocessing.active_children():
         child.kill()
     for name, discard in (

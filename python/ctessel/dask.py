@@ -202,7 +202,7 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
             os.environ.setdefault("PYTHONWARNINGS", "ignore::UserWarning:multiprocessing.resource_tracker")
             threads = max(1, len(os.sched_getaffinity(0)) // workers)
             address = stack.enter_context(LocalCluster(
-                n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=None,
+                n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0",
                 memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)},
                 local_directory=stack.enter_context(_folder(tempfile.gettempdir()))))  # fmt: skip
             shared = shared or ("/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())

@@ -1,8 +1,11 @@
 #include "arguments.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 
 namespace ctessel_python {
@@ -74,6 +77,20 @@ void clear(const View& v) {
   source.data = reinterpret_cast<char*>(const_cast<double*>(&zero));
   std::fill(source.strides.begin(), source.strides.end(), 0);
   copy(source, v);
+}
+
+/// As NumPy asks for its own large arrays: far fewer page faults.
+void ask_for_large_pages(void* memory, std::size_t bytes) {
+#ifdef MADV_HUGEPAGE
+  constexpr std::uintptr_t kPage = 4096;
+  const auto begin = (reinterpret_cast<std::uintptr_t>(memory) + kPage - 1) / kPage * kPage,
+             end = reinterpret_cast<std::uintptr_t>(memory) + bytes;
+  if (bytes >= std::size_t{1} << 22) {
+    madvise(reinterpret_cast<void*>(begin), static_cast<std::size_t>(end - begin), MADV_HUGEPAGE);
+  }
+#else
+  (void)memory, (void)bytes;
+#endif
 }
 
 std::string plural(std::size_t n) { return std::to_string(n) + (n == 1 ? " value" : " values"); }
@@ -166,8 +183,10 @@ py::array new_array(const View& layout) {
 
 py::array new_zeros(const View& layout) {
   const auto count = static_cast<std::size_t>(std::max<std::ptrdiff_t>(layout.size(), 1));
+  const std::size_t bytes = count * static_cast<std::size_t>(layout.item());
   void* memory = std::calloc(count, static_cast<std::size_t>(layout.item()));
   if (!memory) throw std::bad_alloc();
+  ask_for_large_pages(memory, bytes);
   const py::capsule owner(memory, [](void* p) { std::free(p); });
   return py::array(sample_type(layout), layout.shape, layout.strides, memory, owner);
 }
@@ -256,6 +275,34 @@ std::vector<int> extents(const View& v, int least) {
   for (std::ptrdiff_t n : v.shape) dims.push_back(static_cast<int>(n));
   while (static_cast<int>(dims.size()) < least) dims.push_back(1);
   return dims;
+}
+
+Weights::Weights(const std::vector<std::ptrdiff_t>& shape) {
+  view = packed(nullptr, shape, false);
+  values.assign(static_cast<std::size_t>(view.size()), 1.0f);
+  view.data = reinterpret_cast<char*>(values.data());
+}
+
+void Weights::arrange_like(const View& data) {
+  View like = data.with_axes(view.ndim());
+  like.shape.resize(view.shape.size());
+  like.strides.resize(view.shape.size());
+  View arranged = layout_like(like, view.shape, false);
+  std::vector<float> own(values.size());
+  arranged.data = reinterpret_cast<char*>(own.data());
+  copy(view, arranged);
+  values.swap(own);
+  view = arranged;
+}
+
+View Weights::along(const View& data) const {
+  View all = view.with_axes(data.ndim());
+  all.shape = data.shape;
+  all.strides.resize(data.shape.size());
+  for (int d = 0; d < data.ndim(); ++d) {
+    if (view.extent(d) == 1) all.strides[static_cast<std::size_t>(d)] = 0;
+  }
+  return all;
 }
 
 Threads::Threads(py::handle count, std::ptrdiff_t bytes) : before_(omp_get_max_threads()) {

@@ -114,6 +114,22 @@ void for_each_piece(const std::vector<Views>& pieces, const Body& body) {
   if (failure) std::rethrow_exception(failure);
 }
 
+/// Weights of the samples of a volume, along the axes on which they depend; ones to begin with.
+struct Weights {
+  std::vector<float> values;
+  View view;
+  explicit Weights(const std::vector<std::ptrdiff_t>& shape);
+
+  /// Puts their axes in memory into the order of an array's, in which `weigh` reads them.
+  void arrange_like(const View& data);
+
+  /// The same weights for all samples of an array.
+  View along(const View& data) const;
+};
+
+/// to = from * weights, where `to` may be `from`.
+void weigh(const View& from, Weights weights, const View& to);
+
 void bind_arrays(py::module_& m);
 void bind_coils(py::module_& m);
 void bind_sense(py::module_& m);

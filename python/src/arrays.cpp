@@ -1,13 +1,16 @@
 // Circular shifts, zero padding and the ringing filter.
 //
-// Shifts and padding only move samples, so the kernels move pairs as they lie in memory: the two
-// floats of a pair are the fastest axis. The ringing filter looks at values and gets parts.
+// Shifts in place and padding only move samples: pairs as they lie in memory. What becomes a new array
+// is copied block by block to where it goes, which takes any order of the axes on both sides. The ringing
+// filter is a product with weights that depend on x, y and z alone: the kernel's, of ones.
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 #include "arguments.h"
 #include "cTessel.h"
+#include "dispatch.h"
 
 namespace ctessel_python {
 
@@ -72,18 +75,57 @@ std::vector<int> axes_of(py::handle axes, int ndim) {
   return list;
 }
 
-py::object shifted(Shift shift, py::handle data, py::handle axes, py::handle out, bool inplace,
+/// A shift of the library and how far it moves the samples of n.
+struct Turn {
+  Shift in_place;
+  ptrdiff_t (*distance)(ptrdiff_t n);
+};
+constexpr Turn kFftshift{TS_fftshift, [](ptrdiff_t n) { return n / 2; }};
+constexpr Turn kIfftshift{TS_ifftshift, [](ptrdiff_t n) { return n - n / 2; }};
+
+/// An axis and by how far its samples move, around its end to its start.
+struct Distance {
+  int axis;
+  ptrdiff_t m;
+};
+
+/// The last axis in pieces, so that lines which both of its halves write to stay in the cache.
+void copy_turned(const View& from, const View& to, const std::vector<Distance>& distances,
+                 std::size_t next = 0) {
+  if (next == distances.size()) return copy(from, to);
+  const auto [axis, m] = distances[next];
+  const auto halves = [&, a = axis, n = from.extent(axis), k = m](const View& f, const View& t) {
+    copy_turned(f.slice(a, 0, n - k), t.slice(a, k, n - k), distances, next + 1);
+    copy_turned(f.slice(a, n - k, k), t.slice(a, 0, k), distances, next + 1);
+  };
+  if (next + 1 < distances.size()) return halves(from, to);
+  for_each_piece(cut({from, to}, {axis}, kPiece), [&](const Views& p) { halves(p[0], p[1]); });
+}
+
+/// Axes that are slow in memory come first.
+void shift_into(const View& from, const View& to, const std::vector<int>& axes, const Turn& turn) {
+  std::vector<Distance> distances;
+  for (int axis : from.memory_order()) {
+    const ptrdiff_t n = from.extent(axis), times = std::count(axes.begin(), axes.end(), axis);
+    const ptrdiff_t m = times * turn.distance(n) % n;
+    if (m > 0) distances.insert(distances.begin(), {axis, m});
+  }
+  copy_turned(from, to, distances);
+}
+
+py::object shifted(const Turn& turn, py::handle data, py::handle axes, py::handle out, bool inplace,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const std::vector<int> list = axes_of(axes, in.view.ndim());
   const Destination to =
       destination(in, data, out, inplace, layout_like(in.view, in.view.shape, in.view.complex));
   const Threads team(threads, in.view.size() * in.view.item());
-  {
+  if (to.view.size() > 0) {
     const py::gil_scoped_release unlocked;
-    if (!to.same) copy(in.view, to.view);
-    if (to.view.size() > 0) {
-      for (int axis : list) shift_axis(to.view, axis, shift);
+    if (!to.same) {
+      shift_into(in.view, to.view, list, turn);
+    } else {
+      for (int axis : list) shift_axis(to.view, axis, turn.in_place);
     }
   }
   return to.array;
@@ -112,27 +154,13 @@ std::vector<ptrdiff_t> padded_shape(const View& data, py::handle shape) {
   return target;
 }
 
-/// The kernel pads the two fastest axes in memory, whichever they are; the others are a matter of
-/// where `to` has the rows.
+/// An odd spare zero goes in front.
 void pad(const View& from, const View& to) {
-  const std::vector<int> order = from.with_axes(2).memory_order();
-  const View data = from.with_axes(2).permuted(order), out = to.with_axes(2).permuted(order);
-  View inner = out;
-  for (int d = 2; d < data.ndim(); ++d) {
-    inner = inner.slice(d, (out.extent(d) - data.extent(d) + 1) / 2, data.extent(d));
+  View middle = to;
+  for (int d = 0; d < from.ndim(); ++d) {
+    middle = middle.slice(d, (to.extent(d) - from.extent(d) + 1) / 2, from.extent(d));
   }
-  // Of pairs an odd spare number is an even one of floats: the kernel would put half a pair in
-  // front.
-  const ptrdiff_t floats = data.item() / 4, spare = out.extent(0) - data.extent(0);
-  const ptrdiff_t half = floats == 2 ? spare % 2 : 0, plane = data.extent(0) * data.extent(1);
-  for_each_piece(cut({data, inner}, {0, 1}, kPiece), [&](const Views& piece) {
-    const Packed source(piece[0]), target(piece[1], Packed::Fill::kZeros);
-    int dims[] = {static_cast<int>(floats * data.extent(0)), static_cast<int>(data.extent(1)), 1,
-                  static_cast<int>(piece[0].size() / plane)};
-    TS_zero_pad(source.floats(), nullptr, 4, dims, static_cast<double>(floats * out.extent(0)),
-                static_cast<double>(out.extent(1)), 1, target.floats() + half, nullptr);
-    target.put_back();
-  });
+  copy(from, middle);
 }
 
 py::object zero_pad(py::handle data, py::handle shape, py::handle out, py::handle threads) {
@@ -173,58 +201,61 @@ Window window_of(const View& data, py::handle strength, py::handle width) {
   return w;
 }
 
-/// One part at a time: the same bits, since a finite weight keeps a zero a zero, and half the
-/// memory.
-void filter_by_part(const View& from, const View& to, Window w) {
-  const std::unique_ptr<float[]> part(new float[static_cast<std::size_t>(from.size())]);
-  std::vector<int> dims = extents(from, 3);
-  for (int which = 0; which < (from.complex ? 2 : 1); ++which) {
-    split(from.complex ? from.part(which) : from, part.get(), nullptr);
-    TS_ringing_filter(part.get(), nullptr, static_cast<int>(dims.size()), dims.data(), w.strength,
-                      w.width);
-    join(part.get(), nullptr, to.complex ? to.part(which) : to);
-  }
+CTESSEL_CLONES void scale(const float* in, const float* weights, float* out, ptrdiff_t n) {
+#pragma omp simd
+  for (ptrdiff_t i = 0; i < n; ++i) out[i] = in[i] * weights[i];
 }
 
-void filter_by_volume(const View& from, const View& to, Window w) {
-  const Parts parts(from);
-  std::vector<int> dims = extents(from, 3);
-  TS_ringing_filter(parts.re(), parts.im(), static_cast<int>(dims.size()), dims.data(), w.strength,
-                    w.width);
-  join(parts.re(), parts.im(), to);
+CTESSEL_CLONES void scale_pairs(const float* in, const float* weights, float* out, ptrdiff_t n) {
+#pragma omp simd
+  for (ptrdiff_t i = 0; i < n; ++i) {
+    out[2 * i] = in[2 * i] * weights[i];
+    out[2 * i + 1] = in[2 * i + 1] * weights[i];
+  }
 }
 
 py::object ringing_filter(py::handle data, py::handle strength, py::handle width, py::handle out,
                           bool inplace, py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
-  const Window window = window_of(in.view, strength, width);
+  Window window = window_of(in.view, strength, width);
   const Destination to =
-      destination(in, data, out, inplace, packed(nullptr, in.view.shape, in.view.complex));
+      destination(in, data, out, inplace, layout_like(in.view, in.view.shape, in.view.complex));
   const Threads team(threads, in.view.size() * in.view.item());
   if (in.view.size() > 0) {
     const py::gil_scoped_release unlocked;
-    // Volumes of another order share their cache lines: rearranged all at once, those are read once.
-    const bool rearrange = !to.same && !in.view.first_axis_fastest();
-    if (rearrange) copy(in.view, to.view);
-    const auto pieces = cut({rearrange ? to.view : in.view, to.view}, {0, 1, 2}, kPiece);
-    const bool plenty = pieces.size() >= 2 * static_cast<std::size_t>(omp_get_max_threads());
-    for_each_piece(pieces, [&](const Views& piece) {
-      (plenty && in.view.complex ? filter_by_volume : filter_by_part)(piece[0], piece[1], window);
-    });
+    Weights weights({in.view.extent(0), in.view.extent(1), in.view.extent(2)});
+    std::vector<int> dims = extents(weights.view);
+    TS_ringing_filter(weights.values.data(), nullptr, 3, dims.data(), window.strength,
+                      window.width);
+    weigh(in.view, std::move(weights), to.view);
   }
   return to.array;
 }
 
 }  // namespace
 
+void weigh(const View& from, Weights weights, const View& to) {
+  const std::vector<int> order = from.memory_order();
+  if (!std::is_sorted(order.begin(), order.end())) weights.arrange_like(from);
+  const View w = weights.along(from);
+  for_each_piece(cut({from.permuted(order), w.permuted(order), to.permuted(order)}, {}, kPiece),
+                 [](const Views& piece) {
+                   const Packed in(piece[0]), factors(piece[1]),
+                       out(piece[2], Packed::Fill::kZeros);
+                   (piece[0].complex ? scale_pairs : scale)(in.floats(), factors.floats(),
+                                                            out.floats(), piece[0].size());
+                   out.put_back();
+                 });
+}
+
 void bind_arrays(py::module_& m) {
   m.def("fftshift",
         [](py::handle data, py::handle axes, py::handle out, bool inplace, py::handle threads) {
-          return shifted(TS_fftshift, data, axes, out, inplace, threads);
+          return shifted(kFftshift, data, axes, out, inplace, threads);
         });
   m.def("ifftshift",
         [](py::handle data, py::handle axes, py::handle out, bool inplace, py::handle threads) {
-          return shifted(TS_ifftshift, data, axes, out, inplace, threads);
+          return shifted(kIfftshift, data, axes, out, inplace, threads);
         });
   m.def("zero_pad", zero_pad);
   m.def("ringing_filter", ringing_filter);

@@ -3,6 +3,7 @@
 #include "homodyne.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 
@@ -18,10 +19,6 @@ using std::ptrdiff_t;
 
 constexpr const char* kRangeNames[] = {"kx", "ky", "kz"};
 
-struct Ranges {
-  std::vector<double> k[3];
-};
-
 std::vector<double> range_of(py::handle object, const char* name) {
   if (object.is_none()) return {};
   return numbers(object, name, 2, 2);
@@ -31,76 +28,81 @@ void check_not_empty(const View& v, const char* name) {
   if (v.size() == 0) fail_value(name, "at least one sample", "shape " + text_of(v.shape));
 }
 
-/// Names of the ranges that the filter has rejected: asymmetric, but not to be used.
-py::list rejected(const View& data, Ranges& ranges) {
-  py::list names;
+/// One of the first three axes: whether its range is to be used at all, whether the filter accepts
+/// it, and the first and last position that the centre keeps; of a range that is rejected, only the
+/// first.
+struct Axis {
+  std::vector<double> range;
+  bool tried, weighted;
+  int bounds[2];
+  ptrdiff_t kept() const { return std::max(bounds[1] - bounds[0] + 1, 0); }
+};
+
+Axis axis_of(const View& data, int d, py::handle range) {
+  const int n = static_cast<int>(data.extent(d));
+  Axis axis{range_of(range, kRangeNames[d]), false, false, {0, n - 1}};
+  axis.tried = !axis.range.empty() && std::abs(axis.range[0] + axis.range[1]) > 1;
+  if (axis.tried) {
+    axis.bounds[1] = 0;
+    axis.weighted = calculate_filter(n, axis.range.data(), nullptr, axis.bounds) != 0;
+  }
+  return axis;
+}
+
+using Axes = std::array<Axis, 3>;
+
+View centre_of(View data, const Axes& axes) {
+  for (int d = 0; d < std::min(data.ndim(), 3); ++d) {
+    const Axis& axis = axes[static_cast<std::size_t>(d)];
+    data = data.slice(d, axis.bounds[0], axis.kept());
+  }
+  return data;
+}
+
+/// What the operation makes of ones: the weights of a volume along the axes that it weighs. They do
+/// not depend on the order of the axes in memory.
+Weights weights_of(const View& data, const Axes& axes) {
+  std::vector<ptrdiff_t> shape;
   for (int d = 0; d < 3; ++d) {
-    std::vector<double>& k = ranges.k[d];
-    int bounds[2];
-    if (k.empty() || std::abs(k[0] + k[1]) <= 1) continue;
-    if (!calculate_filter(static_cast<int>(data.extent(d)), k.data(), nullptr, bounds)) {
-      names.append(kRangeNames[d]);
-    }
+    shape.push_back(axes[static_cast<std::size_t>(d)].weighted ? data.extent(d) : 1);
   }
-  return names;
-}
-
-using Centre = std::unique_ptr<host::Array>;
-
-/// Weighs packed samples in place.
-Centre filter_packed(const View& data, const Ranges& ranges) {
-  const auto samples = host::borrow(data);
-  const auto x = host::range(ranges.k[0]), y = host::range(ranges.k[1]),
-             z = host::range(ranges.k[2]);
-  const mxArray* arguments[] = {nullptr, samples.get(), x.get(), y.get(), z.get()};
-  mxArray* result = nullptr;
-  ApplyHomodyneFilter(1, &result, 5, arguments);
-  return Centre(result);
-}
-
-/// Samples in another order are weighed part by part, which takes half the memory of a copy.
-Centre filter_in_place(const View& data, const Ranges& ranges) {
-  if (data.first_axis_fastest()) return filter_packed(data, ranges);
-  Centre centre;
-  for (int which = 0; which < (data.complex ? 2 : 1); ++which) {
-    const Packed part(data.complex ? data.part(which) : data);
-    Centre real = filter_packed(part.view(), ranges);
-    part.put_back();
-    if (!centre) {
-      centre = std::move(real);
-      continue;
-    }
-    ptrdiff_t n = 1;
-    for (int extent : centre->dims) n *= extent;
-    for (ptrdiff_t i = 0; i < n; ++i) centre->floats[2 * i + 1] = real->floats[2 * i];
+  Weights weights(shape);
+  const auto ones = host::borrow(weights.view);
+  std::unique_ptr<host::Array> ranges[3];
+  for (std::size_t d = 0; d < 3; ++d) {
+    ranges[d] = host::range(axes[d].weighted ? axes[d].range : std::vector<double>{});
   }
-  return centre;
-}
-
-py::array array_of(Centre centre) {
-  const std::vector<ptrdiff_t> shape(centre->dims.begin(), centre->dims.end());
-  const View v = packed(centre->floats, shape, true);
-  void* memory = centre->own.release();
-  const py::capsule owner(memory, [](void* p) { std::free(p); });
-  return py::array(py::dtype::of<std::complex<float>>(), v.shape, v.strides, memory, owner);
+  const mxArray* arguments[] = {nullptr, ones.get(), ranges[0].get(), ranges[1].get(),
+                                ranges[2].get()};
+  mxArray* centre = nullptr;
+  ApplyHomodyneFilter(1, &centre, 5, arguments);
+  delete centre;
+  return weights;
 }
 
 py::tuple filter(py::handle data, py::handle kx, py::handle ky, py::handle kz, bool inplace,
                  py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   check_not_empty(in.view, "data");
-  Ranges ranges{{range_of(kx, "kx"), range_of(ky, "ky"), range_of(kz, "kz")}};
-  const py::list warnings = rejected(in.view, ranges);
-  const Destination to =
-      destination(in, data, py::none(), inplace, packed(nullptr, in.view.shape, in.view.complex));
+  const Axes axes{axis_of(in.view, 0, kx), axis_of(in.view, 1, ky), axis_of(in.view, 2, kz)};
+  const Destination to = destination(in, data, py::none(), inplace,
+                                     layout_like(in.view, in.view.shape, in.view.complex));
+  const View middle = centre_of(in.view, axes);
+  const py::array centre = new_zeros(layout_like(in.view, middle.shape, true));
+  const View kept = view_of(centre);
   const Threads team(threads, in.view.size() * in.view.item());
-  Centre centre;
+  const bool any = std::any_of(axes.begin(), axes.end(), [](const Axis& a) { return a.weighted; });
   {
     const py::gil_scoped_release unlocked;
-    if (!to.same) copy(in.view, to.view);
-    centre = filter_in_place(to.view, ranges);
+    copy(middle, in.view.complex ? kept : kept.part(0));
+    if (any) weigh(in.view, weights_of(in.view, axes), to.view);
+    if (!any && !to.same) copy(in.view, to.view);
   }
-  return py::make_tuple(to.array, array_of(std::move(centre)), warnings);
+  py::list rejected;
+  for (std::size_t d = 0; d < 3; ++d) {
+    if (axes[d].tried && !axes[d].weighted) rejected.append(kRangeNames[d]);
+  }
+  return py::make_tuple(to.array, centre, rejected);
 }
 
 void multiply_packed(const View& data, const View& low) {

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <memory>
+#include <optional>
+#include <utility>
 
 #include "arguments.h"
 #include "cTessel.h"
@@ -14,7 +17,7 @@ namespace {
 using std::ptrdiff_t;
 using Shape = std::vector<ptrdiff_t>;
 
-constexpr int kCoil = 3, kLocation = 7, kMostAxes = 13;
+constexpr int kReg = 3, kCoil = 3, kLocation = 7, kMostAxes = 13;
 
 void check_not_empty(const View& v, const char* name) {
   if (v.size() == 0) fail_value(name, "at least one sample", "shape " + text_of(v.shape));
@@ -125,8 +128,8 @@ Arguments arguments(py::handle folded, py::handle sens, py::handle psi, py::hand
 struct Block {
   explicit Block(const View& v)
       : parts(std::make_unique<Parts>(v)), re(parts->re()), im(parts->im()), dims(extents(v, 4)) {}
-  explicit Block(const Optional& o) {
-    if (o.given) *this = Block(o.in.view);
+  explicit Block(const std::optional<View>& v) {
+    if (v) *this = Block(*v);
   }
   int ndims() const { return static_cast<int>(dims.size()); }
 
@@ -135,37 +138,161 @@ struct Block {
   std::vector<int> dims;
 };
 
-/// One call of the kernel. `out` has an axis of extent 1 in the coils' place.
-int reconstruct(const Arguments& a, const View& folded_view, const View& sens_view,
-                const View& out) {
-  const auto n = static_cast<std::size_t>(out.size());
+/// What one call of the kernel works on. `out` has an axis of extent 1 in the coils' place.
+struct Part {
+  View folded, sens, out;
+  std::optional<View> ref, reg;
+  double scale;
+};
+
+std::optional<View> view_of(const Optional& o) {
+  return o.given ? std::optional(o.in.view) : std::nullopt;
+}
+
+int reconstruct(const Arguments& a, const Part& p) {
+  const auto n = static_cast<std::size_t>(p.out.size());
   const std::unique_ptr<float[]> re(new float[n]()), im(new float[n]());
-  std::vector<int> outdims = extents(out);
+  std::vector<int> outdims = extents(p.out);
   int status;
   {
-    Block folded(folded_view), sens(sens_view), psi(a.psi), ref(a.ref), reg(a.reg);
+    Block folded(p.folded), sens(p.sens), psi(view_of(a.psi)), ref(p.ref), reg(p.reg);
     const int coils = folded.dims[kCoil];
     // The kernel wants both parts of a covariance.
     std::vector<float> zeros(static_cast<std::size_t>(coils) * static_cast<std::size_t>(coils));
-    int psi_dims[] = {coils, coils}, full[] = {a.full.n[0], a.full.n[1], a.full.n[2]};
+    int psi_dims[] = {coils, coils}, full[] = {folded.dims[0], a.full.n[1], a.full.n[2]};
     status =
         TS_sense_recon(folded.re, folded.im, folded.ndims(), folded.dims.data(), sens.re, sens.im,
                        sens.ndims(), sens.dims.data(), psi.re, psi.im ? psi.im : zeros.data(), 2,
                        psi_dims, full, ref.re, ref.im, ref.ndims(), ref.dims.data(), reg.re, reg.im,
-                       reg.ndims(), reg.dims.data(), a.scale, re.get(), im.get(), outdims.data());
+                       reg.ndims(), reg.dims.data(), p.scale, re.get(), im.get(), outdims.data());
   }  // the inputs' parts are gone before the result's memory is touched
-  join(re.get(), im.get(), out);
+  join(re.get(), im.get(), p.out);
   return status;
 }
 
-/// Without regularisation the locations do not know of each other: one at a time needs less memory.
-int reconstruct_locations(const Arguments& a, const View& out) {
-  const ptrdiff_t locations = a.folded.view.extent(kLocation);
-  if (a.reg.given || locations == 1) return reconstruct(a, a.folded.view, a.sens.view, out);
+// ---- Slabs of columns x -------------------------------------------------------------------------
+//
+// Where maps and folded images have the same columns the kernel takes a column's neighbours with
+// weight 0: the map's next but one and the next one's factors, and behind the last column, as memory
+// goes on, the first one's of the next row. Values that are not finite show through. So a slab has
+// two more columns behind its own or, at the end, the image's first two in front, and gives the
+// same bits as the whole.
+
+constexpr ptrdiff_t kExtra = 2;
+
+struct Slab {
+  ptrdiff_t first, count;
+  bool last;
+};
+
+/// The columns of a slab, with the others that it needs.
+class Columns {
+ public:
+  Columns(const View& v, const Slab& s) : view_(v.slice(0, s.first, s.count)) {
+    if (!s.last) {
+      view_.shape[0] += kExtra;
+      return;
+    }
+    std::vector<ptrdiff_t> shape = view_.shape;
+    shape[0] += kExtra;
+    View together = packed(nullptr, shape, v.complex);
+    own_.reset(new float[static_cast<std::size_t>(together.size() * together.item() / 4)]);
+    together.data = reinterpret_cast<char*>(own_.get());
+    copy(v.slice(0, 0, kExtra), together.slice(0, 0, kExtra));
+    copy(view_, together.slice(0, kExtra, s.count));
+    view_ = together;
+  }
+  const View& view() const { return view_; }
+
+ private:
+  std::unique_ptr<float[]> own_;
+  View view_;
+};
+
+double level_of(const View& v) {
+  const Parts parts(v);
+  return TS_SA(parts.re(), parts.im(), static_cast<int>(v.size()));
+}
+
+/// A scale and a reference with which the kernel finds `ratio`, to the last bit, in data of `level`.
+bool find_weight(double level, double ratio, double& scale, float& reference) {
+  reference = 1.0f;
+  for (int i = 0; i < 64; ++i, reference = std::nextafter(reference, 2.0f)) {
+    scale = level / (ratio * static_cast<double>(reference));
+    if (level / scale / TS_SA(&reference, nullptr, 1) == ratio) return true;
+  }
+  return false;
+}
+
+/// How many columns: eight for every thread and each of its steps, as the kernel works on eight at a
+/// time. What a slab needs, with the factors in double precision, is half of the inputs.
+ptrdiff_t slab_width(const Part& whole) {
+  const ptrdiff_t sens = whole.sens.size() * 8, folded = whole.folded.size() * 8;
+  const ptrdiff_t step = 8 * omp_get_max_threads(), locations = whole.folded.extent(kLocation);
+  const ptrdiff_t room = std::max<ptrdiff_t>((sens + folded) / 2, 1 << 22);
+  const ptrdiff_t all = (3 * sens + folded + 2 * whole.out.size() * 8) / locations;
+  return std::max(room / (all / whole.out.extent(0) + 1) / step * step, step) - kExtra;
+}
+
+bool reconstruct_slab(const Arguments& a, const Part& whole, const Slab& s, double ratio) {
+  const Columns folded(whole.folded, s), sens(whole.sens, s);
+  const std::optional<Columns> reg =
+      whole.reg ? std::optional<Columns>(std::in_place, *whole.reg, s) : std::nullopt;
+  std::vector<ptrdiff_t> shape = whole.out.shape;
+  shape[0] = s.count + kExtra;
+  View out = packed(nullptr, shape, true);
+  const std::unique_ptr<float[]> own(new float[static_cast<std::size_t>(2 * out.size())]);
+  out.data = reinterpret_cast<char*>(own.get());
+  Part p{folded.view(), sens.view(), out, {}, {}, a.scale};
+  float reference;
+  if (reg) {
+    if (!find_weight(level_of(p.folded), ratio, p.scale, reference)) return false;
+    p.ref = packed(&reference, {1}, false);
+    p.reg = reg->view();
+  }
+  if (reconstruct(a, p) != 1) return false;
+  copy(out.slice(0, s.last ? kExtra : 0, s.count), whole.out.slice(0, s.first, s.count));
+  return true;
+}
+
+/// Entry i of an axis that may be missing.
+View entry(const View& v, int axis, ptrdiff_t i) {
+  return axis < v.ndim() ? v.slice(axis, i, 1) : v;
+}
+
+Part location(Part p, ptrdiff_t l) {
+  p.folded = entry(p.folded, kLocation, l);
+  p.sens = entry(p.sens, kCoil + 1, l);
+  p.out = entry(p.out, kLocation, l);
+  if (p.reg) p.reg = entry(*p.reg, kReg, l);
+  return p;
+}
+
+/// False where slabs cannot give the bits of the whole.
+bool reconstruct_slabs(const Arguments& a, const Part& whole) {
+  const ptrdiff_t X = whole.out.extent(0), width = slab_width(whole);
+  if (whole.sens.extent(0) != X || width + kExtra > X) return false;
+  const double ratio = whole.reg ? level_of(whole.folded) / a.scale / level_of(*whole.ref) : 1.0;
+  for (ptrdiff_t l = 0; l < whole.folded.extent(kLocation); ++l) {
+    const Part part = location(whole, l);
+    for (ptrdiff_t x = 0; x < X;) {
+      const bool last = x + width + kExtra > X;
+      const Slab slab{x, last ? X - x : width, last};
+      if (!reconstruct_slab(a, part, slab, ratio)) return false;
+      x += slab.count;
+    }
+  }
+  return true;
+}
+
+/// Where slabs will not do, locations can be taken one by one if no weight depends on all of them.
+int reconstruct_all(const Arguments& a, const View& out) {
+  const Part whole{a.folded.view, a.sens.view, out, view_of(a.ref), view_of(a.reg), a.scale};
+  if (reconstruct_slabs(a, whole)) return 1;
+  if (whole.reg) return reconstruct(a, whole);
   int status = 1;
-  for (ptrdiff_t l = 0; l < locations && status == 1; ++l) {
-    status = reconstruct(a, a.folded.view.slice(kLocation, l, 1),
-                         a.sens.view.slice(kCoil + 1, l, 1), out.slice(kLocation, l, 1));
+  for (ptrdiff_t l = 0; l < whole.folded.extent(kLocation) && status == 1; ++l) {
+    status = reconstruct(a, location(whole, l));
   }
   return status;
 }
@@ -184,7 +311,7 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
   int status;
   {
     const py::gil_scoped_release unlocked;
-    status = reconstruct_locations(a, to.view.with_axis(kCoil));
+    status = reconstruct_all(a, to.view.with_axis(kCoil));
   }
   if (status != 1) throw std::runtime_error("sense_recon: the kernel refused these extents");
   return to.array;

@@ -3,13 +3,14 @@
 import shutil
 import subprocess
 import tracemalloc
+from pathlib import Path
 
 import h5py
 import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _ismrmrd, _raw, cli, nifti, phantom, pipeline, raw
+from ctessel import _ismrmrd, _memory, _raw, cli, nifti, phantom, pipeline, raw
 from ctessel._ismrmrd import HEAD, flag
 from ctessel.scan import Header, Limit, Placement
 
@@ -215,7 +216,7 @@ def cut(path):
     (change_text("cartesian", "spiral"), 'trajectory is "spiral"'),
     (change_text("<trajectory>", "<other>"), "no XML"),
     (change_text("<encodedSpace>", "<encodedSpace><matrixSize><x>no</x></matrixSize>"), "no number"),
-    (change_text("<maximum>7<", "<maximum>9<"), "do not fit its 8 encoded lines"),
+    (change_text("<maximum>7<", "<maximum>3<"), "limits 0 to 3 with centre 4"),
     (change_head("number_of_samples", 60000), "do not fit the 16 samples"),
     (change_head("number_of_samples", 14), "another part of k-space"),
     (change_head("number_of_samples", 14, range(8)), "has 32 values, its header says 14 samples of 2 coils"),
@@ -236,6 +237,14 @@ def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, word
     with pytest.raises(raw.RawError, match=words):
         raw.read(path)
     assert not (tmp_path / "i.nii").exists()
+
+
+def test_free_memory_is_what_the_control_group_leaves(tmp_path):
+    if "0::" not in Path("/proc/self/cgroup").read_text():
+        pytest.skip("no control groups of version 2")
+    for name, text in (("max", "9000"), ("current", "5000"), ("stat", "anon 1\ninactive_file 700")):
+        (tmp_path / f"memory.{name}").write_text(text)
+    assert 4700 in _memory._group_rests(tmp_path)
 
 
 def test_samples_are_in_memory_once(tmp_path):

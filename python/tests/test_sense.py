@@ -117,3 +117,19 @@ def test_positions_invert_folding(full_len, fold_len):
     assert -1 <= lower <= upper
     if (full_len, fold_len) == (200, 80):
         assert (lower, upper) == (19, 59)
+
+
+@pytest.mark.parametrize("regularised", [False, True])
+@pytest.mark.parametrize("order", "CF")
+def test_slabs_give_the_bits_of_one_call(regularised, order):
+    """Slabs have eight columns per thread at least: with very many threads there is but one."""
+    sens = np.array(random_complex((100, 96, 12, 16, 2), 1), order=order)
+    folded = np.array(random_complex((100, 48, 6, 16, 1, 1, 1, 2), 2), order=order)
+    sens[30:33, 20:40] = 0                                     # holes and equal aliases: not a number
+    sens[0, [2, 50]] = sens[99, 7] = sens[47] = sens[14:16, 9] = 1
+    sens[63, 50, 3, 2] = np.nan
+    extra = {"ref": folded[:50, 0], "reg": np.abs(sens[:, :, :, 3]).astype(np.float32), "scale": 3.3} if regularised else {}
+    one = ctessel.sense_recon(folded, sens, threads=16, **extra)
+    assert regularised or np.isnan(one).any()
+    for threads in (1, 2):
+        same_bits(ctessel.sense_recon(folded, sens, threads=threads, **extra), one)
