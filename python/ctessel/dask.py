@@ -198,8 +198,6 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
     with contextlib.ExitStack() as stack:
         address = scheduler
         if scheduler is None:
-            # A cancelled command does not stop to give back the semaphores that Python counts.
-            os.environ.setdefault("PYTHONWARNINGS", "ignore::UserWarning:multiprocessing.resource_tracker")
             threads = max(1, len(os.sched_getaffinity(0)) // workers)
             address = stack.enter_context(LocalCluster(
                 n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0",

@@ -483,8 +483,9 @@ def _block_memory(setup, coils, volumes):
 def _words(scan, setups):
     setup, options = setups[0], setups[0].options
     steps = [_noise_words(scan, setup)]
-    if setup.readout < setup.lines[0]:
-        steps.append(f"remove readout oversampling: {setup.lines[0]} to {setup.readout} samples")
+    measured = scan.readout or setup.lines[0]
+    if setup.readout < measured:
+        steps.append(f"remove readout oversampling: {measured} to {setup.readout} samples")
     if setup.unfolds:
         steps += _sense_words(scan, setups)
     if options.ringing > 0:

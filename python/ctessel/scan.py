@@ -60,7 +60,8 @@ class Scan:
     bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. `lines`, ``(y, z, slice,
     echo, repetition)`` of bool, is given where images differ in their lines (undersampling that moves
     from repetition to repetition); `sampled` marks the lines of any of them then.
-    A part of a scan has in `selection` its axis, first and last index, and in `levels` what
+    `readout` is the number of samples along x that were measured, where oversampling has been removed
+    while they were read. A part of a scan has in `selection` its axis, first and last index, and in `levels` what
     regularisation needs to know of the whole.
     """
 
@@ -70,6 +71,7 @@ class Scan:
     calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
+    readout: int | None = None
     selection: tuple[str, int, int] | None = None
     levels: tuple[float, float] | None = None
     lines: np.ndarray | None = None
