@@ -261,17 +261,22 @@ def _fill(reader, found, scan, progress):
     noise, total = [], found.heads.size
     bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
     step = max(1, min(256, BLOCK_BYTES // max(1, bytes_each)))
+    shape = (found.scan.shape[0], found.scan.shape[3], min(step, total))
+    whole = np.zeros(shape if found.width < shape[0] else 0, np.complex64, order="F")
     for first in range(0, total, step):
         role = found.role[first : first + step]
         if (role != IGNORED).any():
-            noise += _fill_block(reader, found, scan, range(first, first + role.size))
+            noise += _fill_block(reader, found, scan, range(first, first + role.size), whole)
         if progress:
             progress(min(first + step, total), total)
     return noise
 
 
-def _fill_block(reader, found, scan, numbers):
-    """Put samples of some acquisitions where they belong. Returns those that are noise."""
+def _fill_block(reader, found, scan, numbers, whole):
+    """Put samples of some acquisitions where they belong. Returns those that are noise.
+
+    `whole` is room for the block's readouts.
+    """
     blocks = zip(numbers, reader.read(numbers[0], len(numbers))[1])
     kept = {i: _kept(found, i, samples) for i, samples in blocks if found.role[i] != IGNORED}
     if scan.calibration is not None:
@@ -282,17 +287,18 @@ def _fill_block(reader, found, scan, numbers):
         for i, samples in lines.items():
             _place(found.scan, scan.kspace, i, found.scan.x[i], samples)
     elif lines:
-        for i, samples in zip(lines, _without_oversampling(found, lines)):
+        for i, samples in zip(lines, _without_oversampling(found, lines, whole)):
             _place(found.scan, scan.kspace, i, 0, samples)
     return [samples for i, samples in kept.items() if found.role[i] == NOISE_SCAN]
 
 
-def _without_oversampling(found, lines):
+def _without_oversampling(found, lines, whole):
     """Lines of a block, transformed at once."""
-    shape = (found.scan.shape[0], found.scan.shape[3], len(lines))
-    block = np.zeros(shape, np.complex64, order="F")
+    block = whole[:, :, : len(lines)]
     for n, (i, samples) in enumerate(lines.items()):
-        block[found.scan.x[i] : found.scan.x[i] + samples.shape[0], :, n] = samples
+        first, last = found.scan.x[i], found.scan.x[i] + samples.shape[0]
+        block[first:last, :, n] = samples
+        block[:first, :, n] = block[last:, :, n] = 0
     return np.moveaxis(remove_oversampling(block, found.width, overwrite=True), 2, 0)
 
 
