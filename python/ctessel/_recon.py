@@ -115,7 +115,9 @@ def prepare(arguments, part):
     )
     # Slices do not depend on each other, other parts on the calibration or the level of the whole.
     alone = part is not None and part[0] == "slice" and options.regularisation == 0
-    found = raw.contents(arguments.raw, group=arguments.group, range=part if alone else None, cut=True)
+    found = raw.contents(
+        arguments.raw, group=arguments.group, range=part if alone else None, cut=True
+    )
     scan = raw.outline(found)
     try:
         steps = pipeline.plan(scan, options)
