@@ -22,6 +22,7 @@ import uuid
 import warnings
 from dataclasses import dataclass
 
+import dask
 import dask.array as da
 import numpy as np
 
@@ -234,11 +235,17 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
     with contextlib.ExitStack() as stack:
         address = scheduler
         if scheduler is None:
-            threads = max(1, len(os.sched_getaffinity(0)) // workers)
-            address = stack.enter_context(LocalCluster(
-                n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0",
-                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)},
-                local_directory=stack.enter_context(_folder(tempfile.gettempdir()))))  # fmt: skip
+            stack.enter_context(dask.config.set({SPAWNED: _environment(workers)}))
+            address = stack.enter_context(
+                LocalCluster(
+                    n_workers=workers,
+                    threads_per_worker=1,
+                    processes=True,
+                    dashboard_address=":0",
+                    memory_limit=memory or 0,
+                    local_directory=stack.enter_context(_folder(tempfile.gettempdir())),
+                )
+            )
             shared = shared or (
                 "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir()
             )
@@ -252,6 +259,20 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         if shared:
             client.ctessel_folder = stack.enter_context(_folder(shared))
         yield client
+
+
+SPAWNED = "distributed.nanny.pre-spawn-environ"
+
+
+def _environment(workers):
+    """Variables of the processes: their share of the cores, and memory that they keep.
+
+    Blocks need the same memory again and again; given back after each, as Dask has it by default,
+    it is cleared for each anew.
+    """
+    threads = max(1, len(os.sched_getaffinity(0)) // workers)
+    kept = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
+    return {**dask.config.get(SPAWNED, {}), **kept, "OMP_NUM_THREADS": threads}
 
 
 _folders = set()

@@ -528,7 +528,7 @@ def _block_memory(setup, coils, volumes):
         slots = size * coils * prod(lattice.folded for lattice in setup.lattices)
         lines, cut = slots * setup.lines[0], slots * setup.readout
         maps = 8 * coils * prod(setup.calibration_pixels)
-        return lines, lines + 3 * cut + 4.5 * maps + 4 * max(pixels, size * prod(setup.full))
+        return lines, lines + 1.3 * cut + 2.2 * maps + 3 * max(pixels, size * prod(setup.full))
     lines, cut = size * coils * prod(setup.lines), size * coils * prod(setup.full)
     return lines, max(2 * lines, cut + (5 if any(setup.ranges) else 2.2) * coils * pixels)
 
