@@ -92,7 +92,7 @@ Case ringing_filter(const Setting& s) {
                           strength, dims);
   };
   c.limits = {{Kind::kUpdate, 8 * s.samples()}};
-  c.documented = 4.0 * (1.0 * s.nx * s.ny + s.nx + s.ny + s.nz);
+  c.documented = 4.0 * (s.nx + s.ny + s.nz);
   c.difference = [=] { return d->difference(); };
   return c;
 }

@@ -76,8 +76,7 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 ///                        width[2] must be at least 1; 0 clears everything
 ///
 /// A sample of exactly 0 keeps its value even where its weight is not a number.
-/// Errors: none reported. Threads: split over P. Memory: one float per sample of a plane, and the
-/// three windows.
+/// Errors: none reported. Threads: split over P. Memory: the three windows.
 /// Source: F. J. Harris, Proc. IEEE 66:51 (1978).
 void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* strength, int* width);
 
