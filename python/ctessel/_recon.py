@@ -115,7 +115,9 @@ def prepare(arguments, part):
     )
     # Slices do not depend on each other, other parts on the calibration or the level of the whole.
     alone = part is not None and part[0] == "slice" and options.regularisation == 0
-    found = raw.contents(arguments.raw, group=arguments.group, range=part if alone else None)
+    found = raw.contents(
+        arguments.raw, group=arguments.group, range=part if alone else None, cut=True
+    )
     scan = raw.outline(found)
     try:
         steps = pipeline.plan(scan, options)
@@ -142,7 +144,8 @@ def _geometry(found, options, part):
 
 def _check(job):
     """Refuse what does not fit, and folders that cannot be written to, before the work."""
-    on_disk = 8 * int(np.prod(job.found.scan.shape, dtype=float)) if job.arguments.scratch else 0
+    shape = (job.found.width, *job.found.scan.shape[1:])
+    on_disk = 8 * int(np.prod(shape, dtype=float)) if job.arguments.scratch else 0
     _memory.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
     )
@@ -165,7 +168,7 @@ def report(job):
 
 def information(path, group):
     """What is in a raw data file and what `ctessel recon` would do with it, for people."""
-    found = raw.contents(path, group=group)
+    found = raw.contents(path, group=group, cut=True)
     scan = raw.outline(found)
     lines = _aligned(raw.facts(found))
     try:

@@ -385,5 +385,7 @@ def _progress(what, unit):
         def show(done, total):
             bar.total = total
             bar.update(done - bar.n)
+            if done == total:  # also where all was done before the bar's first step
+                bar.refresh()
 
         yield show
