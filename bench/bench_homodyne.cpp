@@ -1,4 +1,4 @@
-// The gateway's operations on the memory host. Limit: memcpy of the samples that must move.
+// The gateway's operations on the memory host. Limit: a pass in place over the samples that must move.
 
 #include <omp.h>
 
@@ -69,7 +69,7 @@ Case filter(const Setting& s) {
   };
   c.naive = [=] { naive::filter(d->image.plain, d->ranges); };
   c.prepare = [=] { d->image.restore(); };
-  c.limits = {{Kind::kCopy, 8 * s.samples() + centre}};
+  c.limits = {{Kind::kUpdate, 8 * s.samples() + centre}};
   c.documented = 4.0 * (s.option ? 1.0 * s.nx * s.ny * s.nz : s.ny) + 4.0 * (s.nx + s.ny + s.nz);
   c.output = centre;
   c.difference = [=] { return d->image.difference(); };
@@ -96,8 +96,8 @@ Case multiply(const Setting& s) {
   c.kernel = [=] { call({&d->name, &d->image.array, &d->low.array}); };
   c.naive = [=] { naive::multiply(d->image.plain, d->low.plain); };
   c.prepare = [=] { d->image.restore(); };
-  // Both images are read and one is written: a copy moves twice its bytes.
-  c.limits = {{Kind::kCopy, 8 * s.samples() + 4 * samples}};
+  // Both images are read and one is written: a pass moves twice its bytes.
+  c.limits = {{Kind::kUpdate, 8 * s.samples() + 4 * samples}};
   c.documented = s.option ? 16.0 * (s.nx + s.ny + s.nz) + 8.0 * low[0] + 8.0 * s.nx : 0;
   c.difference = [=] { return d->image.difference(); };
   c.tolerance = 1e-6;

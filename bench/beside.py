@@ -2,7 +2,6 @@
 
 import ctypes
 import os
-import shutil
 import statistics
 import subprocess
 import sys
@@ -137,8 +136,7 @@ def in_turns(ours, theirs, budget=2.5, least=3, most=15):
 class Report:
     def __init__(self):
         self.rows = []
-        self.octave = Octave() if shutil.which("octave-cli") else None
-        self.bart = Bart() if shutil.which("bart") else None
+        self.octave, self.bart = Octave(), Bart()
 
     def check(self, who, routine, result, theirs, tolerance):
         error = np.max(np.abs(result - theirs)) / np.max(np.abs(result))
@@ -166,14 +164,14 @@ class Report:
                 self.check("NumPy", routine, expected, f(), tolerance)
             ratios = [in_turns(mine, lambda: seconds(f, repeats)) for f in numpy]
             self.add(routine, data, "NumPy", min(ratios))
-        if octave and self.octave:
+        if octave:
             self.octave.put(**arrays)
             self.octave(octave)
             self.check("Octave", routine, expected, self.octave.get("result", expected), tolerance)
             many = f"for k = 1:{repeats}; {octave}; end"
             self.add(routine, data, "Octave", in_turns(mine, lambda: self.octave(many) / repeats))
             self.octave("clear -x t_")
-        if bart and self.bart:
+        if bart:
             self.bart.put(**arrays)
             self.bart(bart, expected.shape)
             self.check("BART", routine, expected, self.bart.get("out", expected), tolerance)

@@ -23,6 +23,16 @@ template <int Lanes>
   benchmark::DoNotOptimize(lane);
 }
 
+/// Every value read, changed and written again where it was.
+template <int Lanes>
+[[gnu::always_inline]] inline void update_all(float* v, std::size_t n) {
+  for (std::size_t i = 0; i + Lanes <= n; i += Lanes) {
+#pragma omp simd
+    for (std::size_t j = 0; j < Lanes; ++j) v[i + j] = 1 - v[i + j];
+  }
+  benchmark::ClobberMemory();
+}
+
 /// a = a b + c in as many registers as there are, products and sums rounded apart.
 template <class Vector, int Count>
 [[gnu::always_inline]] inline void multiply_add() {
@@ -53,6 +63,9 @@ template <class T>
 void peak_128() {
   multiply_add<Vector<T, 16>, 12>();
 }
+[[gnu::target("avx512f")]] void update_512(float* v, std::size_t n) { update_all<64>(v, n); }
+[[gnu::target("avx2")]] void update_256(float* v, std::size_t n) { update_all<64>(v, n); }
+void update_128(float* v, std::size_t n) { update_all<64>(v, n); }
 [[gnu::target("avx512f")]] void read_512(const float* v, std::size_t n) { read_all<128>(v, n); }
 [[gnu::target("avx2")]] void read_256(const float* v, std::size_t n) { read_all<64>(v, n); }
 void read_128(const float* v, std::size_t n) { read_all<32>(v, n); }
@@ -61,6 +74,12 @@ void read(const float* v, std::size_t n) {
   if (__builtin_cpu_supports("avx512f")) return read_512(v, n);
   if (__builtin_cpu_supports("avx2")) return read_256(v, n);
   read_128(v, n);
+}
+
+void update(float* v, std::size_t n) {
+  if (__builtin_cpu_supports("avx512f")) return update_512(v, n);
+  if (__builtin_cpu_supports("avx2")) return update_256(v, n);
+  update_128(v, n);
 }
 
 template <class T>
@@ -83,7 +102,7 @@ std::shared_ptr<std::vector<float>> memory(double bytes) {
 }  // namespace
 
 const char* name(Kind kind) {
-  const char* const names[] = {"",       "memcpy",           "read",
+  const char* const names[] = {"",       "memcpy",           "in-place pass",   "read",
                                "memset", "multiply-add (f)", "multiply-add (d)"};
   return names[static_cast<int>(kind)];
 }
@@ -95,6 +114,7 @@ Yardstick yardstick(const Limit& limit) {
   const auto a = memory(bytes);
   const auto size = static_cast<std::size_t>(bytes);
   if (limit.kind == Kind::kRead) return {{[a] { read(a->data(), a->size()); }, {}}, times};
+  if (limit.kind == Kind::kUpdate) return {{[a] { update(a->data(), a->size()); }, {}}, times};
   if (limit.kind == Kind::kWrite) {
     return {{[a, size] {
                std::memset(a->data(), 0, size);

@@ -7,10 +7,11 @@
 
 namespace bench {
 
-enum class Kind { kNone, kCopy, kRead, kWrite, kSingle, kDouble };
+enum class Kind { kNone, kCopy, kUpdate, kRead, kWrite, kSingle, kDouble };
 
-/// The least that a routine has to do. Bytes for kCopy (each read once and written once), kRead and
-/// kWrite; multiplications followed by an addition for kSingle and kDouble.
+/// The least that a routine has to do. Bytes for kCopy (each read in one array and written in
+/// another), kUpdate (read and written in place), kRead and kWrite; multiplications followed by an
+/// addition for kSingle and kDouble.
 struct Limit {
   Kind kind = Kind::kNone;
   double amount = 0;

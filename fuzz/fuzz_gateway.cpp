@@ -160,7 +160,6 @@ void check_multiply(const std::vector<Array>& before, const Array& data) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   Input input(bytes, size);
-  start(input);
   const Layout layout = input.flag() ? Layout::kPairs : Layout::kParts;
   host::state().layout = layout;
   host::state().created.clear();

@@ -92,7 +92,7 @@ void correction(Input& input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   Input input(bytes, size);
-  const int choice = start(input);
+  const int choice = input.within(0, 255);
   if (choice < 160) {
     harmonics(input);
   } else if (choice < 192) {

@@ -269,6 +269,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   constexpr void (*kTargets[])(Input&) = {shifts,      zero_pad, ringing_filter,
                                           combination, helpers,  interpolation};
   Input input(bytes, size);
-  kTargets[static_cast<std::size_t>(start(input)) % std::size(kTargets)](input);
+  input.pick(kTargets)(input);
   return 0;
 }

@@ -1,8 +1,6 @@
 // What the targets draw from their bytes, and how they end.
 #pragma once
 
-#include <omp.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -95,13 +93,4 @@ inline bool same(const std::vector<float>& a, const std::vector<float>& b) {
 
 inline std::size_t count(const std::vector<int>& dims) {
   return naive::product(dims.data(), 0, static_cast<int>(dims.size()));
-}
-
-/// What the run does, 0 to 255. Starting a team takes longer than a kernel on small arrays, so few
-/// of a fuzzer's runs have one.
-inline int start(Input& input) {
-  constexpr int kThreads[] = {1, 2, 3, 7};
-  const int team = input.any<std::uint8_t>();
-  omp_set_num_threads(team < 4 ? kThreads[team] : 1);
-  return input.any<std::uint8_t>();
 }

@@ -3,6 +3,8 @@
 //
 //   random_NAME [RUNS [SEED]]
 
+#include <omp.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <random>
@@ -20,7 +22,8 @@ int main(int argc, char** argv) {
   for (int run = 0; run < runs; ++run) {
     std::vector<std::uint8_t> bytes(16 + engine() % 1024);
     for (std::uint8_t& b : bytes) b = static_cast<std::uint8_t>(engine());
-    bytes.back() = static_cast<std::uint8_t>(run * 4 / runs);  // by which the target sets its team
+    constexpr int kThreads[] = {1, 2, 3, 7};
+    omp_set_num_threads(kThreads[run * 4LL / runs]);
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   }
   return 0;

@@ -25,8 +25,10 @@ def group_of(function):
     text = " ".join(map(str, function))
     if "importlib" in text or "marshal" in text:
         return "start of Python and imports"
-    return next((group for group, parts in GROUPS.items() if any(part in text for part in parts)),
-                "start of Python and imports")
+    return next(
+        (group for group, parts in GROUPS.items() if any(part in text for part in parts)),
+        "start of Python and imports",
+    )
 
 
 def main(raw, *options):
@@ -36,7 +38,9 @@ def main(raw, *options):
         profile.enable()
         from ctessel import cli
 
-        arguments = cli._parser().parse_args(["recon", raw, "-o", f"{folder}/image.nii.gz", *options])
+        arguments = cli._parser().parse_args(
+            ["recon", raw, "-o", f"{folder}/image.nii.gz", *options]
+        )
         cli.recon(arguments)
         profile.disable()
     times = dict.fromkeys([*GROUPS, "start of Python and imports"], 0.0)

@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""Strong scaling of a reconstruction over worker processes: measured on this machine, simulated beyond.
+"""Strong scaling over worker processes: measured on this machine, simulated beyond.
 
     python3 python/scaling.py [SLICES]
 
-A 2-D data set of 16 coils, 256 x 256, R = 2, is reconstructed here and by 1, 2, ... processes, as many
-as there are cores, each on one thread; the shortest of a few runs counts. Beyond the cores, time
-follows from processor time that other programs on the machine do not lengthen: that of each slice in a
-worker, and that of this process for sending k-space and fetching the image, which it does for all. The
-simulation hands each slice to the worker that is free first.
+A 2-D data set of 16 coils, 256 x 256, R = 2, is reconstructed here and by 1, 2, ... processes, as
+many as there are cores, each on one thread; the shortest of a few runs counts. Beyond the cores,
+time follows from processor time that other programs on the machine do not lengthen: that of each
+slice in a worker, and that of this process for sending k-space and fetching the image, which it
+does for all. The simulation hands each slice to the worker that is free first.
 """
 
 import heapq
@@ -80,20 +80,31 @@ def whole(data, workers):
 
 
 def main(slices):
-    data = scan((256, 256, 1), 16, lines(256, 2, 0, 24), slices=slices, oversampling=2, noise=0.01)[1]
+    data = scan((256, 256, 1), 16, lines(256, 2, 0, 24), slices=slices, oversampling=2, noise=0.01)[
+        1
+    ]
     cores = len(os.sched_getaffinity(0))
     work, send = processor_times(data)
-    print(f"{slices} slices, {data.kspace.nbytes / 2**20:.0f} MiB of k-space, {cores} cores, load "
-          f"{os.getloadavg()[0]:.1f}\nprocessor time of a slice {np.median(work) * 1e3:.0f} ms in a worker, "
-          f"{send * 1e3:.1f} ms to send and fetch it")
+    print(
+        f"{slices} slices, {data.kspace.nbytes / 2**20:.0f} MiB of k-space, {cores} cores, load "
+        f"{os.getloadavg()[0]:.1f}\n"
+        f"processor time of a slice {np.median(work) * 1e3:.0f} ms in a worker, "
+        f"{send * 1e3:.1f} ms to send and fetch it"
+    )
     alone = lasts(time.process_time, lambda: pipeline.reconstruct(data, OPTIONS))
     print(f"one process: {alone:.2f} s of processor time, {whole(data, None):.2f} s measured")
     for workers in range(1, cores + 1):
-        print(f"{workers} workers: {whole(data, workers):.2f} s measured, "
-              f"{max(simulated(work, send, workers), (sum(work) + slices * send) / cores):.2f} s simulated")
+        print(
+            f"{workers} workers: {whole(data, workers):.2f} s measured, "
+            f"{max(simulated(work, send, workers), (sum(work) + slices * send) / cores):.2f} s "
+            "simulated"
+        )
     for workers in (4, 8, 16, 32, 64):
         time_left = simulated(work, send, workers)
-        print(f"{workers} workers: {time_left:.2f} s simulated, {alone / time_left:.1f} times one process")
+        print(
+            f"{workers} workers: {time_left:.2f} s simulated, "
+            f"{alone / time_left:.1f} times one process"
+        )
 
 
 if __name__ == "__main__":

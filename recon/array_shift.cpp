@@ -5,7 +5,7 @@
 // that reads and writes every float once. On an odd axis one block is left over, the traded parts
 // land one block apart from where they came from, and only that block needs scratch memory.
 
-#include <cstring>
+#include <cstddef>
 #include <vector>
 
 #include "cTessel.h"
@@ -13,22 +13,25 @@
 
 namespace {
 
-/// Floats traded at once: all are loaded before any is stored, as the two sides may overlap. Held
-/// as vectors, because the compiler would keep an array of floats in memory.
+/// Floats traded at once: all are loaded before any is stored, as the two sides may overlap.
 constexpr std::ptrdiff_t kTrade = 16;
-using Quad [[gnu::vector_size(16)]] = float;
-struct Quads {
-  Quad q[kTrade / 4];
-};
+using Quad [[gnu::vector_size(16), gnu::aligned(4), gnu::may_alias]] = float;
 
-/// The values from `low` on go to `to`, those from `high` on take their place.
-template <class Values>
-[[gnu::always_inline]] inline void trade(float* low, const float* high, float* to) {
-  Values from_low, from_high;
-  std::memcpy(&from_low, low, sizeof from_low);
-  std::memcpy(&from_high, high, sizeof from_high);
-  std::memcpy(low, &from_high, sizeof from_high);
-  std::memcpy(to, &from_low, sizeof from_low);
+/// The values from `low` on go to `to`, those from `high` on take their place. All are held in
+/// registers in between, each by a name of its own: the compiler keeps an array of them in memory.
+void trade(float* low, const float* high, float* to) {
+  const Quad *l = reinterpret_cast<const Quad*>(low), *h = reinterpret_cast<const Quad*>(high);
+  const Quad l0 = l[0], l1 = l[1], l2 = l[2], l3 = l[3];
+  const Quad h0 = h[0], h1 = h[1], h2 = h[2], h3 = h[3];
+  Quad *upper = reinterpret_cast<Quad*>(to), *lower = reinterpret_cast<Quad*>(low);
+  upper[0] = l0, upper[1] = l1, upper[2] = l2, upper[3] = l3;
+  lower[0] = h0, lower[1] = h1, lower[2] = h2, lower[3] = h3;
+}
+
+void trade_one(float* low, const float* high, float* to) {
+  const float from_low = *low, from_high = *high;
+  *to = from_low;
+  *low = from_high;
 }
 
 /// One line: `half` = m B floats trade places; `odd` floats, B or none, are left over.
@@ -46,8 +49,8 @@ void turn_forward(float* line, Line l, float* held) {
   float *to = line + l.half, *high = to + l.odd;
   copy_floats(held, to, l.odd);
   std::ptrdiff_t i = 0;
-  for (; i + kTrade <= l.half; i += kTrade) trade<Quads>(line + i, high + i, to + i);
-  for (; i < l.half; ++i) trade<float>(line + i, high + i, to + i);
+  for (; i + kTrade <= l.half; i += kTrade) trade(line + i, high + i, to + i);
+  for (; i < l.half; ++i) trade_one(line + i, high + i, to + i);
   copy_floats(high + l.half - l.odd, held, l.odd);
 }
 
@@ -57,9 +60,9 @@ void turn_back(float* line, Line l, float* held) {
   copy_floats(held, high + l.half, l.odd);
   std::ptrdiff_t i = l.half;
   for (; i >= kTrade; i -= kTrade) {
-    trade<Quads>(line + i - kTrade, high + i - kTrade, to + i - kTrade);
+    trade(line + i - kTrade, high + i - kTrade, to + i - kTrade);
   }
-  for (; i > 0; --i) trade<float>(line + i - 1, high + i - 1, to + i - 1);
+  for (; i > 0; --i) trade_one(line + i - 1, high + i - 1, to + i - 1);
   copy_floats(high, held, l.odd);
 }
 

@@ -76,8 +76,7 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 ///                        width[2] must be at least 1; 0 clears everything
 ///
 /// A sample of exactly 0 keeps its value even where its weight is not a number.
-/// Errors: none reported. Threads: split over P. Memory: one float per sample of a plane, and the
-/// three windows.
+/// Errors: none reported. Threads: split over P. Memory: the three windows.
 /// Source: F. J. Harris, Proc. IEEE 66:51 (1978).
 void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* strength, int* width);
 
@@ -137,7 +136,7 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///                          the identity
 ///   psi_ndims         in   not read
 ///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
-///   full_size         in   unfolded extents x, y, z
+///   full_size         in   unfolded extents x, y, z; x is that of the folded images
 ///   ref_re, ref_im    in   reference image for the regularisation weight; ref_im may be null
 ///   reg_re, reg_im    in   (x', y', z', location): expected magnitude; reg_im may be null
 ///   scale             in   divisor of the folded level in the regularisation weight

@@ -1,9 +1,8 @@
 // Unfolding matrices of every folded voxel, on the grid of the sensitivity maps.
 //
 // Everything but the samples themselves is the same along a row of x, so rows are gathered whole
-// and the matrices of eight neighbouring voxels are formed and inverted side by side, one voxel per
-// vector lane. Each lane does what a voxel on its own would do: results do not depend on where a
-// row is cut.
+// and solved eight voxels at a time. The steps in order, for every folded line: gather, prepare,
+// solve (unfolding_matrices.cpp), write.
 
 #include <Eigen/LU>
 #include <algorithm>
@@ -17,8 +16,7 @@
 #include "dispatch.h"
 #include "loops.h"
 #include "sense_steps.h"
-
-#define CTESSEL_INLINE __attribute__((always_inline)) inline
+#include "unfolding_matrices.h"
 
 namespace {
 
@@ -26,12 +24,8 @@ using ctessel::Corners;
 using ctessel::Range;
 using std::int64_t;
 
-constexpr int kLanes = 8;
+constexpr int kLanes = ctessel::VoxelBatch::kVoxels;
 constexpr int64_t kTile = 256;  // columns gathered at a time: keeps a row's samples in the cache
-
-typedef double Lanes __attribute__((vector_size(64), aligned(8), may_alias));
-typedef int64_t Mask __attribute__((vector_size(64), aligned(8), may_alias));
-typedef float Singles __attribute__((vector_size(32), aligned(4), may_alias));
 
 /// Aliases of every folded line along one axis, on the grid of the maps.
 struct Axis {
@@ -91,28 +85,9 @@ struct Problem {
 
 // ---- Samples along a row ----
 
-template <int Rows>
-CTESSEL_INLINE void blend_rows(const float* volume, const Corners& corners, int64_t length,
-                               float* __restrict out) {
-  for (int64_t i = 0; i < length; ++i) {
-    double sum = 0;
-    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * volume[corners.offset[r] + i];
-    out[i] = static_cast<float>(sum);
-  }
-}
-
 CTESSEL_CLONES
 void blend(const float* volume, const Corners& corners, int64_t length, float* out) {
-  switch (corners.count) {
-    case 4:
-      return blend_rows<4>(volume, corners, length, out);
-    case 3:
-      return blend_rows<3>(volume, corners, length, out);
-    case 2:
-      return blend_rows<2>(volume, corners, length, out);
-    default:
-      return blend_rows<1>(volume, corners, length, out);
-  }
+  ctessel::blend_rows<1>(volume, corners, length, out);
 }
 
 CTESSEL_CLONES
@@ -134,190 +109,6 @@ void sample_row(const float* map, int64_t volume, const Corners& corners, int64_
   take_in_neighbours(out, length);
 }
 
-// ---- Matrices of eight voxels ----
-
-/// Arrays of lanes; complex entries are pairs (real, imaginary).
-struct Batch {
-  int64_t nc, n;
-  double *s, *w, *u;          // sensitivities S, W = S^H Psi^-1 and U: entry (k, c) at k nc + c
-  double* b;                  // n rows of 2 n entries: the matrix and, once inverted, its inverse
-  double* diagonal;           // regularisation, n
-  int64_t* present;           // all bits set where an alias takes part, n
-  const double* psi_inverse;  // null for the identity
-};
-
-CTESSEL_INLINE Lanes& lane(double* p, int64_t i) { return reinterpret_cast<Lanes*>(p)[i]; }
-CTESSEL_INLINE Mask& mask(int64_t* p, int64_t i) { return reinterpret_cast<Mask*>(p)[i]; }
-
-/// W = S^H Psi^-1 for C coils from c on.
-template <int C>
-CTESSEL_INLINE void weight_coils(const Batch& t, int64_t k, int64_t c) {
-  Lanes re[C] = {}, im[C] = {};
-  for (int64_t d = 0; d < t.nc; ++d) {
-    const Lanes x = lane(t.s, 2 * (k * t.nc + d)), y = lane(t.s, 2 * (k * t.nc + d) + 1);
-    for (int i = 0; i < C; ++i) {
-      const double* p = t.psi_inverse + 2 * ((c + i) * t.nc + d);
-      re[i] += x * p[0] + y * p[1];
-      im[i] += x * p[1] - y * p[0];
-    }
-  }
-  for (int i = 0; i < C; ++i) {
-    lane(t.w, 2 * (k * t.nc + c + i)) = re[i];
-    lane(t.w, 2 * (k * t.nc + c + i) + 1) = im[i];
-  }
-}
-
-CTESSEL_INLINE void weight(const Batch& t, int64_t n) {
-  for (int64_t k = 0; k < n; ++k) {
-    int64_t c = 0;
-    if (!t.psi_inverse) {
-      for (; c < t.nc; ++c) {
-        lane(t.w, 2 * (k * t.nc + c)) = lane(t.s, 2 * (k * t.nc + c));
-        lane(t.w, 2 * (k * t.nc + c) + 1) = -lane(t.s, 2 * (k * t.nc + c) + 1);
-      }
-    }
-    for (; c + 4 <= t.nc; c += 4) weight_coils<4>(t, k, c);
-    for (; c < t.nc; ++c) weight_coils<1>(t, k, c);
-  }
-}
-
-/// b = (W S + R | 1), with a 1 on the diagonal for absent aliases, which then leave the others
-/// alone.
-CTESSEL_INLINE void form(const Batch& t, int64_t n) {
-  for (int64_t k = 0; k < n; ++k) {
-    for (int64_t l = 0; l < n; ++l) {
-      Lanes re = {}, im = {};
-      for (int64_t c = 0; c < t.nc; ++c) {
-        const Lanes wr = lane(t.w, 2 * (k * t.nc + c)), wi = lane(t.w, 2 * (k * t.nc + c) + 1);
-        const Lanes sr = lane(t.s, 2 * (l * t.nc + c)), si = lane(t.s, 2 * (l * t.nc + c) + 1);
-        re += wr * sr - wi * si;
-        im += wr * si + wi * sr;
-      }
-      if (k == l) re = mask(t.present, k) ? re + lane(t.diagonal, k) : Lanes{} + 1.0;
-      lane(t.b, 2 * (k * 2 * n + l)) = re;
-      lane(t.b, 2 * (k * 2 * n + l) + 1) = im;
-      lane(t.b, 2 * (k * 2 * n + n + l)) = Lanes{} + (k == l ? 1.0 : 0.0);
-      lane(t.b, 2 * (k * 2 * n + n + l) + 1) = Lanes{};
-    }
-  }
-}
-
-/// Brings the largest remaining entry of column p into row p, each lane for itself.
-CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
-  auto norm = [&](int64_t i, Lanes & out) __attribute__((always_inline)) {
-    const Lanes re = lane(b, 2 * (i * 2 * n + p)), im = lane(b, 2 * (i * 2 * n + p) + 1);
-    out = re * re + im * im;
-  };
-  Lanes best, candidate;
-  norm(p, best);
-  for (int64_t i = p + 1; i < n; ++i) {
-    norm(i, candidate);
-    const Mask swap = candidate > best;
-    best = swap ? candidate : best;
-    for (int64_t j = 2 * p; j < 4 * n; ++j) {
-      Lanes &upper = lane(b, p * 4 * n + j), &lower = lane(b, i * 4 * n + j);
-      const Lanes held = upper;
-      upper = swap ? lower : upper;
-      lower = swap ? held : lower;
-    }
-  }
-}
-
-/// Divides row p by its pivot, scaled so that the pivot's square neither over- nor underflows.
-CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
-  const Lanes re = lane(row, 2 * p), im = lane(row, 2 * p + 1);
-  const Lanes x = re < 0.0 ? -re : re, y = im < 0.0 ? -im : im, size = x > y ? x : y;
-  const Lanes r = re / size, i = im / size, square = (r * r + i * i) * size;
-  const Lanes inv_re = r / square, inv_im = -(i / square);
-  for (int64_t j = p; j < 2 * n; ++j) {
-    const Lanes a = lane(row, 2 * j), c = lane(row, 2 * j + 1);
-    lane(row, 2 * j) = a * inv_re - c * inv_im;
-    lane(row, 2 * j + 1) = a * inv_im + c * inv_re;
-  }
-}
-
-/// Turns (B | 1) into (1 | B^-1). No test for singularity: a pivot of 0 gives NaN throughout.
-CTESSEL_INLINE void invert(double* b, int64_t n) {
-  for (int64_t p = 0; p < n; ++p) {
-    choose_pivot(b, n, p);
-    double* pivot_row = b + p * 4 * n * kLanes;
-    divide_row(pivot_row, n, p);
-    for (int64_t i = 0; i < n; ++i) {
-      if (i == p) continue;
-      double* row = b + i * 4 * n * kLanes;
-      const Lanes fr = lane(row, 2 * p), fi = lane(row, 2 * p + 1);
-      for (int64_t j = p + 1; j < 2 * n; ++j) {
-        const Lanes xr = lane(pivot_row, 2 * j), xi = lane(pivot_row, 2 * j + 1);
-        lane(row, 2 * j) -= fr * xr - fi * xi;
-        lane(row, 2 * j + 1) -= fr * xi + fi * xr;
-      }
-    }
-  }
-}
-
-/// U = B^-1 W, exactly 0 for absent aliases; lanes are stored as complex numbers.
-CTESSEL_INLINE void apply_inverse(const Batch& t, int64_t n) {
-  for (int64_t k = 0; k < n; ++k) {
-    const Mask there = mask(t.present, k);
-    for (int64_t c = 0; c < t.nc; ++c) {
-      Lanes re = {}, im = {};
-      for (int64_t l = 0; l < n; ++l) {
-        const Lanes br = lane(t.b, 2 * (k * 2 * n + n + l)),
-                    bi = lane(t.b, 2 * (k * 2 * n + n + l) + 1);
-        const Lanes wr = lane(t.w, 2 * (l * t.nc + c)), wi = lane(t.w, 2 * (l * t.nc + c) + 1);
-        re += br * wr - bi * wi;
-        im += br * wi + bi * wr;
-      }
-      re = there ? re : Lanes{};
-      im = there ? im : Lanes{};
-      lane(t.u, 2 * (k * t.nc + c)) = __builtin_shufflevector(re, im, 0, 8, 1, 9, 2, 10, 3, 11);
-      lane(t.u, 2 * (k * t.nc + c) + 1) =
-          __builtin_shufflevector(re, im, 4, 12, 5, 13, 6, 14, 7, 15);
-    }
-  }
-}
-
-/// Samples of one row of x to doubles, 0 where the alias is absent.
-CTESSEL_INLINE void load(const Batch& t, int64_t n, const float* samples, int64_t pitch) {
-  for (int64_t c = 0; c < t.nc; ++c) {
-    for (int64_t k = 0; k < n; ++k) {
-      const float* from = samples + 2 * ctessel::factor_slot(c, n, k) * pitch;
-      for (int part = 0; part < 2; ++part) {
-        const Singles v = *reinterpret_cast<const Singles*>(from + part * pitch);
-        const Lanes wide = __builtin_convertvector(v, Lanes);
-        lane(t.s, 2 * (k * t.nc + c) + part) = mask(t.present, k) ? wide : Lanes{};
-      }
-    }
-  }
-}
-
-/// All steps, with loops of fixed length where N is not 0.
-template <int N>
-CTESSEL_INLINE void solve_with(const Batch& t, const float* samples, int64_t pitch) {
-  const int64_t n = N ? N : t.n;
-  load(t, n, samples, pitch);
-  weight(t, n);
-  form(t, n);
-  invert(t.b, n);
-  apply_inverse(t, n);
-}
-
-CTESSEL_CLONES
-void solve(const Batch& t, const float* samples, int64_t pitch) {
-  switch (t.n) {
-    case 1:
-      return solve_with<1>(t, samples, pitch);
-    case 2:
-      return solve_with<2>(t, samples, pitch);
-    case 3:
-      return solve_with<3>(t, samples, pitch);
-    case 4:
-      return solve_with<4>(t, samples, pitch);
-    default:
-      return solve_with<0>(t, samples, pitch);
-  }
-}
-
 // ---- Columns of one thread ----
 
 /// Works through all folded voxels of some columns x.
@@ -330,26 +121,12 @@ class Columns {
         pitch_((width_ + kLanes) / kLanes * kLanes + kLanes),
         included_(static_cast<std::size_t>(aliases() * pitch_)),
         samples_(static_cast<std::size_t>(2 * aliases() * p_.nc * pitch_)),
-        store_(static_cast<std::size_t>(
-            kLanes * (6 * aliases() * p_.nc + 4 * aliases() * aliases() + aliases() + 1))),
-        present_(static_cast<std::size_t>(kLanes * aliases())) {
-    const int64_t matrix = 2 * aliases() * p_.nc * kLanes;
-    batch_ = {p_.nc,
-              0,
-              store_.data(),
-              store_.data() + matrix,
-              store_.data() + 2 * matrix,
-              store_.data() + 3 * matrix,
-              nullptr,
-              present_.data(),
-              reinterpret_cast<const double*>(p_.psi_inverse)};
-    batch_.diagonal = batch_.b + 4 * aliases() * aliases() * kLanes;
-  }
+        batch_(p_.nc, aliases(), p_.psi_inverse) {}
 
   void run() {
     for (int y = 0; y < p_.y.lines; ++y) {
       for (int z = 0; z < p_.z.lines; ++z) {
-        batch_.n = int64_t{p_.y.count[y]} * p_.z.count[z];
+        batch_.aliases = int64_t{p_.y.count[y]} * p_.z.count[z];
         gather(y, z);
         const int64_t voxel = x0_ + p_.nx * (y + int64_t{p_.y.lines} * z);
         for (int64_t i = 0; i < width_; i += kLanes) finish(i, voxel + i, y, z);
@@ -388,12 +165,26 @@ class Columns {
     return any;
   }
 
+  /// Asks for the rows of the next coil: they lie a volume further, where the processor's own
+  /// prefetching does not look.
+  void prefetch(const float* map, const Corners& around) const {
+    constexpr int64_t kCacheLine = 16;
+    for (int r = 0; r < around.count; ++r) {
+      for (int64_t i = 0; i < width_; i += kCacheLine) {
+        __builtin_prefetch(map + around.offset[r] + i);
+      }
+    }
+  }
+
   void gather(int y, int z) {
-    for (int64_t k = 0; k < batch_.n; ++k) {
+    for (int64_t k = 0; k < batch_.aliases; ++k) {
       if (!include(p_.re + nearest(y, z, k), included_.data() + k * pitch_)) continue;
       const Corners around = corners(y, z, k);
       for (int64_t c = 0; c < p_.nc; ++c) {
-        float* out = samples_.data() + 2 * ctessel::factor_slot(c, batch_.n, k) * pitch_;
+        float* out = samples_.data() + 2 * ctessel::factor_slot(c, batch_.aliases, k) * pitch_;
+        const int64_t next = c + 1 < p_.nc ? (c + 1) * p_.volume : 0;
+        prefetch(p_.re + next, around);
+        prefetch(p_.im + next, around);
         sample_row(p_.re + c * p_.volume, p_.volume, around, width_, out);
         sample_row(p_.im + c * p_.volume, p_.volume, around, width_, out + pitch_);
       }
@@ -408,29 +199,30 @@ class Columns {
   /// Sets up presence and regularisation of the voxels from column i on; false if all are empty.
   bool prepare(int64_t i, int y, int z) {
     bool any = false;
-    for (int64_t k = 0; k < batch_.n; ++k) {
+    for (int64_t k = 0; k < batch_.aliases; ++k) {
       const unsigned char* flags = included_.data() + k * pitch_ + i;
       const int64_t at = nearest(y, z, k) + i;
       for (int64_t j = 0; j < kLanes; ++j) {
         const bool there = flags[j] != 0;
         any |= there;
-        batch_.present[k * kLanes + j] = there ? -1 : 0;
-        batch_.diagonal[k * kLanes + j] = there && p_.lambda != 0 ? regularisation(at + j) : 0.0;
+        const auto slot = static_cast<std::size_t>(k);
+        batch_.present[slot].voxel[j] = there ? -1 : 0;
+        batch_.regularised[slot].voxel[j] = there && p_.lambda != 0 ? regularisation(at + j) : 0.0;
       }
     }
     return any;
   }
 
+  /// Factors of the voxels from column i on, which are `voxel` on of the grid.
   void finish(int64_t i, int64_t voxel, int y, int z) {
-    const int64_t used = std::min<int64_t>(kLanes, width_ - i);
     const bool any = prepare(i, y, z);
     if (any) solve(batch_, samples_.data() + i, pitch_);
-    const auto* u = reinterpret_cast<const std::complex<double>*>(batch_.u);
+    const int64_t used = std::min<int64_t>(kLanes, width_ - i);
     for (int64_t c = 0; c < p_.nc; ++c) {
-      for (int64_t k = 0; k < batch_.n; ++k) {
-        auto* out = p_.factors + voxel + ctessel::factor_slot(c, batch_.n, k) * p_.grid;
+      for (int64_t k = 0; k < batch_.aliases; ++k) {
+        auto* out = p_.factors + voxel + ctessel::factor_slot(c, batch_.aliases, k) * p_.grid;
         if (any) {
-          std::copy_n(u + (k * p_.nc + c) * kLanes, used, out);
+          std::copy_n(batch_.u(k, c), used, out);
         } else {
           std::fill_n(out, used, 0.0);
         }
@@ -441,10 +233,8 @@ class Columns {
   const Problem& p_;
   const int64_t x0_, width_, pitch_;
   std::vector<unsigned char> included_;  // by alias and column
-  std::vector<float> samples_;           // by slot, part and column
-  std::vector<double> store_;
-  std::vector<int64_t> present_;
-  Batch batch_;
+  ctessel::LineVector<float> samples_;   // by slot, part and column
+  ctessel::VoxelBatch batch_;
 };
 
 /// Number of lines that a reduction leaves of `length`, or of aliases for a length of 1.

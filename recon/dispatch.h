@@ -3,7 +3,10 @@
 // CTESSEL_CLONES before a function makes the compiler build it for AVX-512, AVX2 and the baseline.
 // The bits are the same from each: products are not fused (the build passes -ffp-contract=off with
 // CTESSEL_DISPATCH) and sums keep their order. Put it on functions without OpenMP parallel regions;
-// their outlined bodies would stay at the baseline. CTESSEL_TARGET forces one version, for tests.
+// their outlined bodies would stay at the baseline.
+// CTESSEL_BY_WIDTH defines a function whose body is a template over the doubles in a vector, for
+// code that is written in vectors: one wider than the processor's would be taken apart into single
+// numbers.
 // The sanitizers' runtimes are not up yet when the choice is made, so they get the baseline.
 #pragma once
 
@@ -15,12 +18,20 @@
 #define CTESSEL_SANITIZED
 #endif
 
-#if defined(CTESSEL_SANITIZED)
-#define CTESSEL_CLONES
-#elif defined(CTESSEL_TARGET)
-#define CTESSEL_CLONES __attribute__((target(CTESSEL_TARGET)))
-#elif defined(CTESSEL_DISPATCH) && defined(__x86_64__) && defined(__GNUC__)
+#if defined(CTESSEL_DISPATCH) && defined(__x86_64__) && defined(__GNUC__) && \
+    !defined(CTESSEL_SANITIZED)
 #define CTESSEL_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#define CTESSEL_BY_WIDTH(declaration, body, arguments)                                 \
+  _Pragma("GCC diagnostic push")                                                       \
+      _Pragma("GCC diagnostic ignored \"-Wunused-function\"") /* clang: of versions */ \
+      [[gnu::target("avx512f")]] declaration {                                         \
+    return body<8> arguments;                                                          \
+  }                                                                                    \
+  [[gnu::target("avx2")]] declaration { return body<4> arguments; }                    \
+  [[gnu::target("default")]] declaration { return body<2> arguments; }                 \
+  _Pragma("GCC diagnostic pop")
 #else
 #define CTESSEL_CLONES
+#define CTESSEL_BY_WIDTH(declaration, body, arguments) \
+  declaration { return body<2> arguments; }
 #endif

@@ -7,9 +7,18 @@
 
 namespace {
 
+/// Blocks without the value are passed over in vectors, which a search that may end at every
+/// element does not allow.
 template <class T>
 int find_first(const T* a, T v, int n) {
-  for (int i = 0; i < n; ++i) {
+  constexpr int kBlock = 64;
+  int i = 0;
+  for (; n - i >= kBlock; i += kBlock) {
+    int matches = 0;
+    for (int j = 0; j < kBlock; ++j) matches |= a[i + j] == v;
+    if (matches) break;
+  }
+  for (; i < n; ++i) {
     if (a[i] == v) return i;
   }
   return -1;
@@ -18,12 +27,11 @@ int find_first(const T* a, T v, int n) {
 }  // namespace
 
 int TS_round(double x) {
-  double whole;
-  const double fraction = std::modf(x, &whole);
+  const int whole = ctessel::to_int(x);
   // The fraction carries the sign of x, so a negative value never rounds away from zero. Callers
   // pass coordinates, which are negative by rounding only, and rely on getting sample 0 then.
-  if (fraction >= 0.5) return ctessel::to_int(std::ceil(x));
-  return ctessel::to_int(whole);
+  const double fraction = x - whole;  // 1 or more only for an x beyond int
+  return fraction >= 0.5 && fraction < 1 ? ctessel::to_int(whole + 1.0) : whole;
 }
 
 int TS_round(float x) { return TS_round(static_cast<double>(x)); }

@@ -10,7 +10,10 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <algorithm>
 #include <cstdint>
+#include <new>
+#include <vector>
 
 namespace ctessel {
 
@@ -45,6 +48,52 @@ inline Corners corner_rows(std::int64_t row, std::int64_t nx, std::int64_t plane
   while (corners.count < 4 && corners.offset[corners.count] < volume) ++corners.count;
   return corners;
 }
+
+template <int Rows, int Parts, class Value>
+__attribute__((always_inline)) inline void sum_rows(const Value* volume, const Corners& corners,
+                                                    std::int64_t n, Value* __restrict out) {
+  for (std::int64_t i = 0; i < n; ++i) {
+    double sum = 0;
+    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * volume[Parts * corners.offset[r] + i];
+    out[i] = static_cast<Value>(sum);
+  }
+}
+
+/// Weighted sum of the rows inside, `length` samples of `Parts` values each. Inline, for callers
+/// that come in versions for wider vectors.
+template <int Parts, class Value>
+__attribute__((always_inline)) inline void blend_rows(const Value* volume, const Corners& corners,
+                                                      std::int64_t length, Value* out) {
+  const std::int64_t n = Parts * length;
+  switch (corners.count) {
+    case 4:
+      return sum_rows<4, Parts>(volume, corners, n, out);
+    case 3:
+      return sum_rows<3, Parts>(volume, corners, n, out);
+    case 2:
+      return sum_rows<2, Parts>(volume, corners, n, out);
+    case 1:
+      return sum_rows<1, Parts>(volume, corners, n, out);
+    default:
+      std::fill_n(out, n, Value(0));
+  }
+}
+
+/// Arrays that begin with a cache line: of vectors that long, every second access would cross into
+/// the next one elsewhere.
+template <class T>
+struct LineAllocator {
+  using value_type = T;
+  static constexpr std::align_val_t kLine{64};
+  LineAllocator() = default;
+  template <class U>
+  explicit LineAllocator(const LineAllocator<U>&) {}
+  T* allocate(std::size_t n) { return static_cast<T*>(::operator new(n * sizeof(T), kLine)); }
+  void deallocate(T* p, std::size_t) { ::operator delete(p, kLine); }
+  bool operator==(const LineAllocator&) const = default;
+};
+template <class T>
+using LineVector = std::vector<T, LineAllocator<T>>;
 
 /// unfold for an output of out_size samples, which may be fewer than the full size has.
 int unfold_within(const float* fold_re, const float* fold_im, const Eigen::VectorXi& fold4,

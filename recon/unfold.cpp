@@ -81,30 +81,9 @@ struct Problem {
   RowGrid x;
 };
 
-template <int Rows>
-__attribute__((always_inline)) inline void blend_rows(const double* slot, const Corners& corners,
-                                                      int64_t length, double* __restrict out) {
-  for (int64_t i = 0; i < 2 * length; ++i) {
-    double sum = 0;
-    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * slot[2 * corners.offset[r] + i];
-    out[i] = sum;
-  }
-}
-
 CTESSEL_CLONES
 void blend(const double* slot, const Corners& corners, int64_t length, double* out) {
-  switch (corners.count) {
-    case 4:
-      return blend_rows<4>(slot, corners, length, out);
-    case 3:
-      return blend_rows<3>(slot, corners, length, out);
-    case 2:
-      return blend_rows<2>(slot, corners, length, out);
-    case 1:
-      return blend_rows<1>(slot, corners, length, out);
-    default:
-      std::fill_n(out, 2 * length, 0.0);
-  }
+  ctessel::blend_rows<2>(slot, corners, length, out);
 }
 
 /// u += M v along a row whose pixels have consecutive factors; weights come in equal pairs.
@@ -374,8 +353,8 @@ class Columns {
   std::vector<Line> block_;
   std::vector<int64_t> rows_;  // offsets of the rows around the block's lines
   std::vector<int> index_;
-  std::vector<double> low_, high_, row_, blended_;
-  std::vector<float> matrix_, u_;
+  ctessel::LineVector<double> low_, high_, row_, blended_;
+  ctessel::LineVector<float> matrix_, u_;
   std::vector<unsigned char> mask_;
   const std::vector<float> zeros_;
 };

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What the 32-bit module binds, exports and needs: exactly the host entries, the library interface of
-# the header, and the C runtime.
+# the header, the C runtime, and a processor with SSE2.
 #
 #   check_module.sh PATH/homodyne.mexglx PATH/cTessel.h
 set -u
@@ -29,4 +29,9 @@ same 'exports' "$(printf '%s\n' mexFunction mexVersion $routines | sort -u)" \
 extra=$(readelf -d "$module" | sed -nE 's/.*NEEDED.*\[(.*)\]/\1/p' |
   grep -vE '^(libgomp\.so\.1|libm\.so\.6|libc\.so\.6|ld-linux\.so\.2)$')
 [ -z "$extra" ] || { echo "needs more than the C runtime: $extra"; status=1; }
+
+if objdump -d --no-show-raw-insn "$module" | grep -qE '%[yz]mm'; then
+  echo 'has vectors wider than those of SSE2'
+  status=1
+fi
 exit $status

@@ -2,6 +2,7 @@
 //
 //   reproducibility write FILE             every kernel's results on 1, 2, 3 and 7 threads
 //   reproducibility compare FILE FILE...   a table: the first file's results against the others'
+//   reproducibility versions               versions of the hot loops that can run, the best last
 //
 // tools/reproducibility.sh makes the table of docs/numerics.md with it.
 #include <omp.h>
@@ -24,6 +25,7 @@ struct Result {
 
 std::vector<every::Kernel> all_kernels() {
   std::vector<every::Kernel> kernels = every::kernels();
+  kernels.push_back(every::sense_kernel("TS_sense_recon, maps of the image's columns", 27));
   for (const every::Kernel& k : every::gateway_kernels()) kernels.push_back(k);
   return kernels;
 }
@@ -98,10 +100,15 @@ void compare(int files, char** paths) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string what = argc > 2 ? argv[1] : "";
-  if (what == "write") {
+  const std::string what = argc > 1 ? argv[1] : "";
+  if (what == "write" && argc == 3) {
     write(argv[2]);
-  } else if (what == "compare") {
+  } else if (what == "versions") {
+#ifdef __x86_64__
+    std::cout << (__builtin_cpu_supports("avx2") ? "avx2" : "")
+              << (__builtin_cpu_supports("avx512f") ? " avx512f" : "") << '\n';
+#endif
+  } else if (what == "compare" && argc > 2) {
     compare(argc - 2, argv + 2);
   } else {
     return 2;

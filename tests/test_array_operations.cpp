@@ -37,6 +37,22 @@ TEST_CASE("TS_zero_pad puts an odd spare zero in front", "[zero_pad]") {
   }
 }
 
+TEST_CASE("TS_zero_pad places the rows that it streams past the caches", "[zero_pad]") {
+  std::vector<int> dims = {75, 41, 20, 2};
+  const double to[] = {200, 180, 160};
+  Random random(5);
+  std::vector<float> re = random.reals(123000), im = random.reals(123000);
+  const std::size_t n = 200u * 180 * 160 * 2;
+  std::vector<float> want_re(n, -9), want_im(n, -9);
+  naive::zero_pad(re, dims, to, want_re);
+  naive::zero_pad(im, dims, to, want_im);
+  Guarded<float> out_re(n, -9), out_im(n, -9);
+  TS_zero_pad(re.data(), im.data(), 4, dims.data(), to[0], to[1], to[2], out_re.data(),
+              out_im.data());
+  CHECK((out_re.values() == want_re && out_im.values() == want_im));
+  CHECK((out_re.intact() && out_im.intact()));
+}
+
 TEST_CASE("TS_zero_pad writes nothing for a target that does not hold the input", "[zero_pad]") {
   std::vector<float> re(24, 1.0f);
   int dims[] = {2, 3, 4};

@@ -107,23 +107,6 @@ TEST_CASE("A sample that rounding puts past 1 is 0 throughout", "[legendre]") {
   CHECK(table[table.size() - 12] == 1);  // P_0^0 of the sample before
 }
 
-TEST_CASE("The azimuth takes its arctangent in float or double by quadrant", "[polar]") {
-  Random random;
-  CAPTURE(run_seed());
-  int differ = 0;
-  for (int i = 0; i < 2000; ++i) {
-    const float a = random.real(0.01f, 9), b = random.real(0.01f, 9);
-    CAPTURE(a, b);
-    const double slope = static_cast<double>(b) / a;
-    CHECK(polar(a, b, 1)[2] == std::atan(b / a));
-    CHECK(polar(a, -b, 1)[2] == static_cast<float>(6.2831855f + std::atan(-slope)));
-    CHECK(polar(-a, b, 1)[2] == static_cast<float>(3.1415927f + std::atan(-slope)));
-    CHECK(polar(-a, -b, 1)[2] == 3.1415927f + std::atan(b / a));
-    differ += polar(-a, b, 1)[2] != 3.1415927f - std::atan(b / a);
-  }
-  CHECK(differ > 0);  // the two precisions are told apart
-}
-
 TEST_CASE("Polar coordinates on the axes and at the origin", "[polar]") {
   const float half_pi = 1.5707964f, pi = 3.1415927f;
   struct Case {
@@ -141,17 +124,4 @@ TEST_CASE("Polar coordinates on the axes and at the origin", "[polar]") {
     const std::vector<float> got = polar(c.x, c.y, c.z);
     for (std::size_t i = 0; i < 3; ++i) CHECK(got[i] == Approx(c.want[i]).epsilon(1.2e-7));
   }
-}
-
-TEST_CASE("radialFactor squares and multiplies, and the terms are its multiples", "[polar]") {
-  const float q = 0.7f / 0.3f, q2 = q * q, q4 = q2 * q2;
-  CHECK(radialFactor(0.7f, 0.3f, 5) == q * q4);
-  CHECK(radialFactor(0.7f, 0.3f, 7) == q * q2 * q4);
-  CHECK(radialFactor(0.7f, 0.3f, -6) == 1 / (q2 * q4));
-  CHECK(radialFactor(0, 0.3f, -1) == INFINITY);
-  for (float r : {0.0f, 1.0f, INFINITY, NAN}) CHECK(radialFactor(r, 0, 0) == 1);
-  volatile float phi = 5.4321f;  // keeps the compiler from working sines out with its own rounding
-  const float p = -3.3f, radial = radialFactor(200, 250, 4) * p;
-  CHECK(funcYS(4, 3, 200, phi, 250, p) == std::sin(3 * phi) * radial);
-  CHECK(funcYC(4, 3, 200, phi, 250, p) == std::cos(3 * phi) * radial);
 }

@@ -37,12 +37,20 @@ def _transform(transform, data, axes, threads, overwrite):
     axes = tuple(axis for axis in axes if data.shape[axis] > 1)
     if not axes:
         return np.array(data, np.complex64, order="F")
+    out = _unshifted(transform, _shifted(data, axes, threads, overwrite), axes, threads)
+    return fftshift(out, axes, inplace=True, threads=threads)
+
+
+def _shifted(data, axes, threads, overwrite):
+    """Centres moved to the first samples, in an array that may be overwritten."""
     ordered = np.asfortranarray(data)
     free = (overwrite or not np.may_share_memory(ordered, data)) and ordered.flags.writeable
-    shifted = ifftshift(ordered, axes, inplace=free, threads=threads)
+    return ifftshift(ordered, axes, inplace=free, threads=threads)
+
+
+def _unshifted(transform, data, axes, threads):
     turned = tuple(data.ndim - 1 - axis for axis in axes)  # SciPy works and returns in C order
-    out = transform(shifted.T, axes=turned, norm="ortho", overwrite_x=True, workers=threads).T
-    return fftshift(out, axes, inplace=True, threads=threads)
+    return transform(data.T, axes=turned, norm="ortho", overwrite_x=True, workers=threads).T
 
 
 def central(n, kept):
@@ -80,7 +88,7 @@ def resize(data, shape, threads=None):
     return np.roll(out, [-1] * len(odd), odd) if odd else out
 
 
-def remove_oversampling(kspace, n, axis=0, threads=None):
+def remove_oversampling(kspace, n, axis=0, threads=None, overwrite=False):
     """Cut the field of view along the readout to its central `n` samples.
 
     Parameters
@@ -89,6 +97,8 @@ def remove_oversampling(kspace, n, axis=0, threads=None):
         Centred k-space, fully measured along `axis`.
     n : int
         Samples that remain; the spacing of the lines grows by the ratio.
+    overwrite : bool, optional
+        Allow `kspace` to be overwritten.
 
     Returns
     -------
@@ -101,8 +111,15 @@ def remove_oversampling(kspace, n, axis=0, threads=None):
         raise ValueError(f"n: expected at most the {length} samples along axis {axis}, got {n}")
     if n == length:
         return kspace
-    kept = (slice(None),) * axis + (central(length, n),)
-    return to_kspace(to_image(kspace, (axis,), threads)[kept], (axis,), threads)
+    image = _unshifted(fft.ifftn, _shifted(kspace, (axis,), threads, overwrite), (axis,), threads)
+    shape = kspace.shape[:axis] + (n,) + kspace.shape[axis + 1 :]
+    cut = np.empty(shape, np.complex64, order="F")
+    # With the centre at the first sample, the central ones are those at both ends.
+    for part in (slice(0, n - n // 2), slice(-(n // 2), None)) if n > 1 else (slice(0, 1),):
+        at = (slice(None),) * axis + (part,)
+        cut[at] = image[at]
+    out = _unshifted(fft.fftn, cut, (axis,), threads)
+    return fftshift(out, (axis,), inplace=True, threads=threads)
 
 
 def flip(data, axes):

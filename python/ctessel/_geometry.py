@@ -3,7 +3,7 @@
 import numpy as np
 
 from . import _core
-from ._helpers import _real
+from ._helpers import _broadcast, _real
 
 
 def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, *, threads=None):
@@ -107,7 +107,7 @@ def radius_theta_phi(x, y, z):
     r, theta, phi : ndarray of float32
         Radius, angle from +z (0 to pi) and angle from +x towards +y (0 to 2 pi).
     """
-    x, y, z = np.broadcast_arrays(_real(x, "x"), _real(y, "y"), _real(z, "z"))
+    x, y, z = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
     out = [np.empty(x.shape, np.float32) for _ in range(3)]
     _core.radius_theta_phi(x, y, z, *out)
     return tuple(out)

@@ -37,13 +37,12 @@ def read_coefficients(path):
     Parameters
     ----------
     path : str or Path
-        Text with a term per line, ``axis n m value`` with order n and degree m, or
-        ``axis A n m value`` (B for sine terms); ``r0 value`` gives the reference radius in mm, 250
-        without it; # starts a comment. A name ending in .grad is a listing with lines
-        ``number A(n, m) value axis`` and ``value m = R0``. Linear terms are 1 unless given. Lettered
-        terms belong to functions normalised for m > 0 by
-        ``(-1)^m sqrt((2n + 1) (n - m)! / (2 (n + m)!))``, the others to unnormalised ones without
-        the phase.
+        Text with a term per line, ``axis n m value`` with order n and degree m, or ``axis A n m
+        value`` (B for sine terms); ``r0 value`` gives the reference radius in mm, 250 without it; #
+        starts a comment. A name ending in .grad is a listing with lines ``number A(n, m) value
+        axis`` and ``value m = R0``. Linear terms are 1 unless given. Lettered terms belong to
+        functions normalised for m > 0 by ``(-1)^m sqrt((2n + 1) (n - m)! / (2 (n + m)!))``, the
+        others to unnormalised ones without the phase.
 
     Returns
     -------
@@ -117,8 +116,9 @@ def voxel_positions(shape, placement, field):
     return np.tensordot(axes.T, np.stack(grid), 1) + np.reshape(placement.position, (3, 1, 1, 1))
 
 
-def geometry(image, placement, field, coefficients, *, position="HFS", order=3, intensity=True,
-             threads=None):
+def geometry(
+    image, placement, field, coefficients, *, position="HFS", order=3, intensity=True, threads=None
+):
     """Undo the distortion of gradients that are not linear.
 
     Parameters
@@ -151,8 +151,11 @@ def geometry(image, placement, field, coefficients, *, position="HFS", order=3, 
     A. Janke et al., "Use of spherical harmonic deconvolution methods to compensate for nonlinear
     gradient effects on MRI images", Magn. Reson. Med. 52:115 (2004).
     """
-    return apply_warp(image, warp(image.shape[:3], placement, field, coefficients, position,
-                                  intensity, threads), order)
+    return apply_warp(
+        image,
+        warp(image.shape[:3], placement, field, coefficients, position, intensity, threads),
+        order,
+    )
 
 
 def warp(shape, placement, field, coefficients, position="HFS", intensity=True, threads=None):
@@ -179,15 +182,18 @@ def warp(shape, placement, field, coefficients, position="HFS", intensity=True, 
 def gradient_axes(position):
     """Signs of `GRADIENT_AXES`; ValueError for other positions."""
     if position not in GRADIENT_AXES:
-        raise ValueError(f"position: expected one of {', '.join(GRADIENT_AXES)}, got {position!r}; "
-                         "state how the patient lay, or reconstruct without geometry correction")
+        raise ValueError(
+            f"position: expected one of {', '.join(GRADIENT_AXES)}, got {position!r}; "
+            "state how the patient lay, or reconstruct without geometry correction"
+        )
     return GRADIENT_AXES[position]
 
 
 def _encoded(points, table, threads):
     parts = [np.ascontiguousarray(p, np.float32) for p in points]
-    return np.stack(geometry_correction(*parts, table.x, table.y, table.z, table.radius,
-                                        threads=threads)).astype(float)
+    return np.stack(
+        geometry_correction(*parts, table.x, table.y, table.z, table.radius, threads=threads)
+    ).astype(float)
 
 
 def _jacobian(points, table, threads):
@@ -201,7 +207,9 @@ def _jacobian(points, table, threads):
         ahead, behind = (_encoded(points + side * step, table, threads) for side in (1, -1))
         columns.append((ahead - behind) / (2 * reach))
     (a, d, g), (b, e, h), (c, f, i) = columns
-    return np.abs(a * (e * i - f * h) - b * (d * i - f * g) + c * (d * h - e * g)).astype(np.float32)
+    return np.abs(a * (e * i - f * h) - b * (d * i - f * g) + c * (d * h - e * g)).astype(
+        np.float32
+    )
 
 
 def apply_warp(image, warped, order=3):
@@ -214,8 +222,12 @@ def apply_warp(image, warped, order=3):
     for index in np.ndindex(image.shape[3:]):
         volume = image[(slice(None),) * 3 + index]
         parts = (volume.real, volume.imag) if np.iscomplexobj(image) else (volume,)
-        new = [ndimage.map_coordinates(part[flat], at, order=order, mode="constant", prefilter=order > 1)
-               for part in parts]
+        new = [
+            ndimage.map_coordinates(
+                part[flat], at, order=order, mode="constant", prefilter=order > 1
+            )
+            for part in parts
+        ]
         sampled = np.reshape(new[0] + 1j * new[1] if len(new) > 1 else new[0], volume.shape)
         out[(slice(None),) * 3 + index] = sampled if factor is None else sampled * factor
     return out

@@ -32,7 +32,7 @@ def linear_interpolation(volume, x, y, z=0.0):
         volume's memory count as 0, and a step past the end of a row reads the first sample of the
         next row: stay within the extents, or on them, for values without surprises.
     """
-    x, y, z = np.broadcast_arrays(_real(x, "x"), _real(y, "y"), _real(z, "z"))
+    x, y, z = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
     kind = getattr(volume, "dtype", np.dtype(np.float32))
     out = np.empty(x.shape, np.complex64 if kind == np.complex64 else np.float32)
     _core.linear_interpolation(volume, x, y, z, out)
@@ -84,6 +84,13 @@ def find(array, value):
 def sa(data):
     """Root-mean-square magnitude of an array of complex64 or float32, summed in 80 bits on x86."""
     return _core.sa(data)
+
+
+def _broadcast(*arrays):
+    """As np.broadcast_arrays, without its overhead for arrays of one shape and for numbers."""
+    shape = np.broadcast(*arrays).shape
+    return [a if a.shape == shape else np.broadcast_to(a, shape) if a.ndim else np.full(shape, a)
+            for a in arrays]
 
 
 def _real(value, name):

@@ -135,14 +135,16 @@ def _contents(arguments, part, options):
     """What the file holds, and whether of the part alone."""
     # Slices do not depend on each other, other parts on the calibration or the level of the whole.
     alone = part is not None and part[0] == "slice" and options.regularisation == 0
+
+    def contents(part):
+        return raw.contents(arguments.raw, group=arguments.group, range=part, cut=True)
+
     try:
-        own = part if alone else None
-        return raw.contents(arguments.raw, group=arguments.group, range=own), alone
+        return contents(part if alone else None), alone
     except raw.RawError:
         if part is None or alone:
             raise
-        # The part may leave out just what the whole is refused for.
-        return raw.contents(arguments.raw, group=arguments.group, range=part), True
+        return contents(part), True  # it may leave out just what the whole is refused for
 
 
 def _geometry(found, options, part):
@@ -156,7 +158,8 @@ def _geometry(found, options, part):
 
 def _check(job):
     """Refuse what does not fit, and folders that cannot be written to, before the work."""
-    on_disk = 8 * int(np.prod(job.found.scan.shape, dtype=float)) if job.arguments.scratch else 0
+    shape = (job.found.width, *job.found.scan.shape[1:])
+    on_disk = 8 * int(np.prod(shape, dtype=float)) if job.arguments.scratch else 0
     _memory.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
     )
@@ -179,7 +182,7 @@ def report(job):
 
 def information(path, group):
     """What is in a raw data file and what `ctessel recon` would do with it, for people."""
-    found = raw.contents(path, group=group)
+    found = raw.contents(path, group=group, cut=True)
     scan, options = raw.outline(found), pipeline.Options(combine="sos")
     lines = _aligned(raw.facts(found))
     try:

@@ -78,11 +78,12 @@ def undersampling(sampled, field_ratio=(1, 1)):
     Parameters
     ----------
     sampled : ndarray of bool, ``(y, z)``
-        Measured lines, k = 0 at ``N // 2``. Beside the regular ones a block of calibration lines may
-        be there, and corners of the plane may be missing.
+        Measured lines, k = 0 at ``N // 2``. Beside the regular ones a block of calibration lines
+        may be there, and corners of the plane may be missing.
     field_ratio : sequence of two numbers, optional
-        Field of view to unfold to, over the encoded one. Where the encoded field is smaller than the
-        object, the reduction is this ratio times the distance of the lines, and need not be whole.
+        Field of view to unfold to, over the encoded one. Where the encoded field is smaller than
+        the object, the reduction is this ratio times the distance of the lines, and need not be
+        whole.
 
     Returns
     -------
@@ -97,8 +98,10 @@ def undersampling(sampled, field_ratio=(1, 1)):
     sampled = np.asarray(sampled, bool)
     regular = [_regular(lines, name) for lines, name in zip(_measured(sampled), "yz")]
     _check_pattern(sampled, regular)
-    return tuple(_lattice(n, step, offset, Fraction(ratio).limit_denominator(32))
-                 for n, (step, offset), ratio in zip(sampled.shape, regular, field_ratio))
+    return tuple(
+        _lattice(n, step, offset, Fraction(ratio).limit_denominator(32))
+        for n, (step, offset), ratio in zip(sampled.shape, regular, field_ratio)
+    )
 
 
 def _regular(lines, name):
@@ -113,18 +116,25 @@ def _regular(lines, name):
     run = np.cumsum(np.diff(lines, prepend=lines[0]) > 1)  # numbers lines that follow each other
     extra = np.count_nonzero((lines % step != offset) & (run != run[np.abs(lines).argmin()]))
     if not whole or len(found) < 2 or extra > 0.1 * len(lines):
-        raise ValueError(f"sampled: the lines along {name} have no regular distance; "
-                         "expected every n-th line, with calibration lines around the centre")
+        raise ValueError(
+            f"sampled: the lines along {name} have no regular distance; "
+            "expected every n-th line, with calibration lines around the centre"
+        )
     return step, offset
 
 
 def _check_pattern(sampled, regular):
     """Most of the lattice must be there; a shifted or random pattern fills a part of it alone."""
-    on = [(np.arange(n) - n // 2) % step == offset for n, (step, offset) in zip(sampled.shape, regular)]
+    on = [
+        (np.arange(n) - n // 2) % step == offset
+        for n, (step, offset) in zip(sampled.shape, regular)
+    ]
     lattice = _bounding(sampled, np.outer(*on))
     if np.count_nonzero(lattice & ~sampled) > 0.3 * np.count_nonzero(lattice):
-        raise ValueError("sampled: the lines form no rectangular grid in y and z; shifted or random "
-                         "patterns cannot be unfolded")
+        raise ValueError(
+            "sampled: the lines form no rectangular grid in y and z; shifted or random "
+            "patterns cannot be unfolded"
+        )
 
 
 def _bounding(sampled, lattice):
@@ -200,19 +210,22 @@ def fold_lines(kspace, lattices):
     Returns
     -------
     ndarray of complex64
-        ``(x, folded y, folded z, ...)`` in Fortran order; slots without a line are 0.
+        ``(x, folded y, folded z, ...)`` in Fortran order, never a view; slots without a line are 0.
     """
+    given = kspace
     for axis, lattice in enumerate(lattices, 1):
         if (lattice.step, kspace.shape[axis]) == (1, lattice.folded):
             continue
         start = lattice.offset - lattice.folded // 2 * lattice.step + kspace.shape[axis] // 2
         skipped = max(0, -(start // lattice.step))  # slots before the first line
         start += skipped * lattice.step
-        count = max(0, min(lattice.folded - skipped, -((start - kspace.shape[axis]) // lattice.step)))
+        count = max(
+            0, min(lattice.folded - skipped, -((start - kspace.shape[axis]) // lattice.step))
+        )
         shape = kspace.shape[:axis] + (lattice.folded,) + kspace.shape[axis + 1 :]
         out = np.zeros(shape, np.complex64, order="F")
         before = (slice(None),) * axis
         source = before + (slice(start, start + count * lattice.step, lattice.step),)
         out[before + (slice(skipped, skipped + count),)] = kspace[source]
         kspace = out
-    return np.asfortranarray(kspace)
+    return np.array(kspace, order="F") if kspace is given else kspace

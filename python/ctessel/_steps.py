@@ -1,4 +1,4 @@
-"""Steps between raw k-space and the image: noise, sensitivities, unfolding, homodyne, combination."""
+"""Steps from raw k-space to the image: noise, sensitivities, unfolding, homodyne, combination."""
 
 import numpy as np
 from scipy import ndimage
@@ -34,9 +34,13 @@ def noise_covariance(noise, bandwidth_ratio=1.0):
     """
     samples = np.asarray(noise, np.complex128)
     if samples.ndim != 2 or len(samples) < 2 * samples.shape[1]:
-        raise ValueError(f"noise: expected (sample, coil) with at least twice as many samples as "
-                         f"coils, got shape {samples.shape}; leave the noise scan out (--no-noise)")
-    covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(np.complex64)
+        raise ValueError(
+            f"noise: expected (sample, coil) with at least twice as many samples as "
+            f"coils, got shape {samples.shape}; leave the noise scan out (--no-noise)"
+        )
+    covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(
+        np.complex64
+    )
     _cholesky(covariance)
     return covariance
 
@@ -45,8 +49,10 @@ def _cholesky(covariance):
     try:
         return np.linalg.cholesky(np.asarray(covariance, np.complex128))
     except np.linalg.LinAlgError:
-        raise ValueError("noise: the covariance of the coils is singular (a coil without signal?); "
-                         "leave the noise scan out (--no-noise)") from None
+        raise ValueError(
+            "noise: the covariance of the coils is singular (a coil without signal?); "
+            "leave the noise scan out (--no-noise)"
+        ) from None
 
 
 def whiten(kspace, covariance):
@@ -128,8 +134,17 @@ def _object(magnitude, threshold):
     return ndimage.maximum_filter(inside, [2 * r + 1 for r in reach])
 
 
-def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.0, levels=None,
-          threads=None):
+def sense(
+    folded,
+    maps,
+    lattices,
+    *,
+    covariance=None,
+    expected=None,
+    strength=1.0,
+    levels=None,
+    threads=None,
+):
     """Unfold images of regularly undersampled k-space.
 
     Parameters
@@ -171,8 +186,11 @@ def sense(folded, maps, lattices, *, covariance=None, expected=None, strength=1.
     if level > 0:
         whole, reference = levels or (level, sa(expected))
         reference /= np.sqrt(folded.shape[3])  # that of a coil, as the folded level is
-        weight = {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32),
-                  "scale": strength * level / whole}
+        weight = {
+            "reg": expected,
+            "ref": np.full((1, 1, 1), reference, np.float32),
+            "scale": strength * level / whole,
+        }
     image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
     image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
@@ -222,9 +240,12 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None):
     for axis in mirrored:
         usable[axis] = _mirror(usable[axis])
     data = flip(kspace, mirrored) if mirrored else kspace
-    weighted, centre = homodyne.filter(np.asfortranarray(data), threads=threads,
-                                       **dict(zip(("kx", "ky", "kz"), usable)))
-    low = to_image(zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads, overwrite=True)
+    weighted, centre = homodyne.filter(
+        np.asfortranarray(data), threads=threads, **dict(zip(("kx", "ky", "kz"), usable))
+    )
+    low = to_image(
+        zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads, overwrite=True
+    )
     image = to_image(weighted, threads=threads, overwrite=True)
     if mirrored:
         low, image = flip(low, mirrored), flip(image, mirrored)

@@ -52,6 +52,17 @@ class Contents:
     apart: Places | None = None
     range: tuple[str, int, int] | None = None
     extents: dict[str, int] = field(default_factory=dict)  # of RANGE_AXES in the whole file
+    cut: bool = False  # the readout to the field of the image, while it is read
+
+    @property
+    def width(self):
+        """Samples along x of the array that the scan is read into."""
+        header, n = self.header, self.scan.shape[0]
+        share = header.recon_fov[0] / header.encoded_fov[0] if header.encoded_fov[0] > 0 else 1.0
+        x = header.limits["x"]
+        # A partial readout is cut after homodyne, which needs to know where it ends.
+        whole = x.minimum <= 0 and x.maximum >= n - 1
+        return max(1, round(n * share)) if self.cut and whole and 0 < share < 0.999 else n
 
     @property
     def noise_samples(self):
@@ -60,7 +71,7 @@ class Contents:
     @property
     def nbytes(self):
         """Memory of the arrays that the file is read into."""
-        arrays = [self.scan.shape, (self.noise_samples, self.scan.shape[3])]
+        arrays = [(self.width, *self.scan.shape[1:]), (self.noise_samples, self.scan.shape[3])]
         arrays += [self.apart.shape] if self.apart else []
         return sum(int(np.prod(shape, dtype=float)) for shape in arrays) * 8
 

@@ -383,9 +383,9 @@ def _progress(what, unit):
     with tqdm.tqdm(desc=what, unit=f" {unit}", leave=False) as bar:
 
         def show(done, total):
+            bar.total = total
             bar.update(done - bar.n)
-            if bar.total != total:  # shown even if all is done before the next picture is due
-                bar.total = total
+            if done == total:  # also where all was done before the bar's first step
                 bar.refresh()
 
         yield show

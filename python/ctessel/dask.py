@@ -22,6 +22,7 @@ import uuid
 import warnings
 from dataclasses import dataclass
 
+import dask
 import dask.array as da
 import numpy as np
 
@@ -44,13 +45,21 @@ def ifftshift(data, axes=None, **keywords):
 
 def zero_pad(data, shape, **keywords):
     """`ctessel.zero_pad`, independent over the axes behind those of `shape`."""
-    return _along(ctessel.zero_pad, data, range(len(shape)), sizes=dict(enumerate(shape)),
-                  shape=tuple(shape), **keywords)
+    return _along(
+        ctessel.zero_pad,
+        data,
+        range(len(shape)),
+        sizes=dict(enumerate(shape)),
+        shape=tuple(shape),
+        **keywords,
+    )
 
 
 def ringing_filter(data, strength, width=None, **keywords):
     """`ctessel.ringing_filter`, independent from the fourth axis on."""
-    return _along(ctessel.ringing_filter, data, range(3), strength=strength, width=width, **keywords)
+    return _along(
+        ctessel.ringing_filter, data, range(3), strength=strength, width=width, **keywords
+    )
 
 
 def sos(data, axis=3, **keywords):
@@ -62,14 +71,23 @@ def sos(data, axis=3, **keywords):
 def pcsos(data, axis=3, **keywords):
     """`ctessel.pcsos`, independent over all axes but the coils' and the tenth."""
     axis %= data.ndim
-    return _along(ctessel.pcsos, data, (axis, 9), drop=axis, dtype=np.complex64, axis=axis, **keywords)
+    return _along(
+        ctessel.pcsos, data, (axis, 9), drop=axis, dtype=np.complex64, axis=axis, **keywords
+    )
 
 
 def homodyne_recon(kspace, ranges, **keywords):
     """`ctessel.pipeline.homodyne_recon`, independent from the fourth axis on."""
     sizes = dict(enumerate(keywords.get("field") or ()))
-    return _along(_steps.homodyne_recon, kspace, range(3), sizes=sizes, dtype=np.complex64,
-                  ranges=ranges, **keywords)
+    return _along(
+        _steps.homodyne_recon,
+        kspace,
+        range(3),
+        sizes=sizes,
+        dtype=np.complex64,
+        ranges=ranges,
+        **keywords,
+    )
 
 
 def whiten(kspace, covariance):
@@ -82,16 +100,25 @@ def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, **keywords):
     points = [_chunked(a, ()) for a in (x, y, z)]
     labels, parts = tuple(range(points[0].ndim)), points[0].ndim
     pairs = [part for a in points for part in (a, labels)]
-    return da.blockwise(_stacked_correction, (parts, *labels), *pairs, new_axes={parts: 3},
-                        tables=(coeff_x, coeff_y, coeff_z, r0), keywords=keywords, dtype=np.float32,
-                        meta=np.empty((0,) * (parts + 1), np.float32))
+    return da.blockwise(
+        _stacked_correction,
+        (parts, *labels),
+        *pairs,
+        new_axes={parts: 3},
+        tables=(coeff_x, coeff_y, coeff_z, r0),
+        keywords=keywords,
+        dtype=np.float32,
+        meta=np.empty((0,) * (parts + 1), np.float32),
+    )
 
 
 def _stacked_correction(x, y, z, tables, keywords):
     return np.stack(ctessel.geometry_correction(x, y, z, *tables, **keywords))
 
 
-def sense_recon(folded, sens, *, psi=None, full_size=None, ref=None, reg=None, scale=1.0, threads=None):
+def sense_recon(
+    folded, sens, *, psi=None, full_size=None, ref=None, reg=None, scale=1.0, threads=None
+):
     """`ctessel.sense_recon`, independent from the fifth axis on; locations keep their own maps.
 
     The weight of regularised SENSE is that of the whole: chunks get a `scale` that makes up for
@@ -109,8 +136,8 @@ def sense_recon(folded, sens, *, psi=None, full_size=None, ref=None, reg=None, s
         arguments += [_by_location(reg, 3, folded), (20, 21, 22, 7)[: reg.ndim], levels, (23,)]
     return da.blockwise(
         _sense_block, labels[:3] + labels[4:], *arguments, psi=psi, full=full, scale=scale,
-        threads=threads, concatenate=True, adjust_chunks=dict(zip(range(3), full)), dtype=np.complex64,
-        meta=np.empty((0,) * (folded.ndim - 1), np.complex64),
+        threads=threads, concatenate=True, adjust_chunks=dict(zip(range(3), full)),
+        dtype=np.complex64, meta=np.empty((0,) * (folded.ndim - 1), np.complex64),
     )  # fmt: skip
 
 
@@ -154,9 +181,18 @@ def _along(function, data, whole, *, drop=None, sizes=None, dtype=None, **keywor
     labels = tuple(range(data.ndim))
     out = tuple(label for label in labels if label != drop)
     kind = dtype or data.dtype
-    return da.blockwise(_call, out, data, labels, function=function, arguments=keywords,
-                        concatenate=True, adjust_chunks=sizes or None, dtype=kind,
-                        meta=np.empty((0,) * len(out), kind))
+    return da.blockwise(
+        _call,
+        out,
+        data,
+        labels,
+        function=function,
+        arguments=keywords,
+        concatenate=True,
+        adjust_chunks=sizes or None,
+        dtype=kind,
+        meta=np.empty((0,) * len(out), kind),
+    )
 
 
 def _call(data, function, arguments):
@@ -181,8 +217,9 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         Bound of each process that is started here, such as "2GiB"; one that comes close to it is
         paused, one that exceeds it restarted. By default none.
     shared : str or Path, optional
-        Folder through which blocks reach the workers, which must all see it: several times as fast as
-        messages. By default memory of this machine for processes started here, and messages else.
+        Folder through which blocks reach the workers, which must all see it: several times as fast
+        as messages. By default memory of this machine for processes started here, and messages
+        else.
     patience : float, optional
         Seconds to wait for a scheduler.
 
@@ -198,22 +235,44 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
     with contextlib.ExitStack() as stack:
         address = scheduler
         if scheduler is None:
-            # A cancelled command does not stop to give back the semaphores that Python counts.
-            os.environ.setdefault("PYTHONWARNINGS", "ignore::UserWarning:multiprocessing.resource_tracker")
-            threads = max(1, len(os.sched_getaffinity(0)) // workers)
-            address = stack.enter_context(LocalCluster(
-                n_workers=workers, threads_per_worker=1, processes=True, dashboard_address=":0",
-                memory_limit=memory or 0, env={"OMP_NUM_THREADS": str(threads)},
-                local_directory=stack.enter_context(_folder(tempfile.gettempdir()))))  # fmt: skip
-            shared = shared or ("/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
+            stack.enter_context(dask.config.set({SPAWNED: _environment(workers)}))
+            address = stack.enter_context(
+                LocalCluster(
+                    n_workers=workers,
+                    threads_per_worker=1,
+                    processes=True,
+                    dashboard_address=":0",
+                    memory_limit=memory or 0,
+                    local_directory=stack.enter_context(_folder(tempfile.gettempdir())),
+                )
+            )
+            shared = shared or (
+                "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir()
+            )
         try:
             client = stack.enter_context(Client(address, timeout=patience))
         except (OSError, TimeoutError):
-            raise ConnectionError(f"no Dask scheduler answers at {scheduler}; start one with "
-                                  "'dask-scheduler', or use --workers") from None
+            raise ConnectionError(
+                f"no Dask scheduler answers at {scheduler}; start one with "
+                "'dask-scheduler', or use --workers"
+            ) from None
         if shared:
             client.ctessel_folder = stack.enter_context(_folder(shared))
         yield client
+
+
+SPAWNED = "distributed.nanny.pre-spawn-environ"
+
+
+def _environment(workers):
+    """Variables of the processes: their share of the cores, and memory that they keep.
+
+    Blocks need the same memory again and again; given back after each, as Dask has it by default,
+    it is cleared for each anew.
+    """
+    threads = max(1, len(os.sched_getaffinity(0)) // workers)
+    kept = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
+    return {**dask.config.get(SPAWNED, {}), **kept, "OMP_NUM_THREADS": threads}
 
 
 _folders = set()
@@ -223,7 +282,9 @@ _folders = set()
 def _folder(parent):
     if not os.path.isdir(parent):
         raise ValueError(f"shared: {parent} is no folder; name one that all workers see")
-    with tempfile.TemporaryDirectory(prefix="ctessel-", dir=parent, ignore_cleanup_errors=True) as folder:
+    with tempfile.TemporaryDirectory(
+        prefix="ctessel-", dir=parent, ignore_cleanup_errors=True
+    ) as folder:
         _folders.add(folder)
         yield folder
         _folders.discard(folder)
@@ -318,7 +379,9 @@ def _next(finished, running, spare):
     try:
         return place, future.result()
     except KilledWorker:
-        raise MemoryError("a block has ended several workers, for want of memory perhaps; give them more, "
-                          "or start fewer on each machine") from None
+        raise MemoryError(
+            "a block has ended several workers, for want of memory perhaps; give them more, "
+            "or start fewer on each machine"
+        ) from None
     finally:
         spare += [argument.path for argument in stored if isinstance(argument, _Stored)]

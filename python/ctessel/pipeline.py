@@ -1,11 +1,11 @@
 """From k-space to image: the steps, and the whole way.
 
-Every step takes arrays and returns arrays, so that a notebook can use it alone. `plan` says in words
-what `reconstruct` does with a scan; `reconstruct` works through it slice by slice and a few
+Every step takes arrays and returns arrays, so that a notebook can use it alone. `plan` says in
+words what `reconstruct` does with a scan; `reconstruct` works through it slice by slice and a few
 repetitions at a time, here or on the processes of a Dask cluster, with the same bits.
 
-Arrays are indexed ``[x, y, z, coil, slice, echo, repetition]``, k = 0 and the centre of the field of
-view lie at ``N // 2``, and transforms are unitary.
+Arrays are indexed ``[x, y, z, coil, slice, echo, repetition]``, k = 0 and the centre of the field
+of view lie at ``N // 2``, and transforms are unitary.
 
 >>> import numpy as np
 >>> from ctessel import pipeline
@@ -74,10 +74,10 @@ class Options:
 
     `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
     interpolates by zero filling. `ringing` is the strength of the filter, 0 to 0.915.
-    `regularisation` is the strength of that of SENSE, 1 trusting the level of the calibration image;
-    it needs a noise scan. `calibration_size` is the most calibration lines used along an axis, `mask`
-    the threshold of `sensitivity_maps`. `coefficients` correct the geometry, with splines of
-    `order`. `combine` "pcsos" gives complex images, "sos" magnitudes.
+    `regularisation` is the strength of that of SENSE, 1 trusting the level of the calibration
+    image; it needs a noise scan. `calibration_size` is the most calibration lines used along an
+    axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the geometry, with
+    splines of `order`. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
 
     combine: str = "pcsos"
@@ -178,6 +178,17 @@ def reconstruct(scan, options=None, progress=None, client=None):
     ------
     ValueError
         The scan or an option does not allow a reconstruction; the message says how to mend it.
+
+    Notes ----- Scans that are both undersampled and partial are unfolded first; the k-space of the
+    unfolded image then goes through homodyne. That takes two transforms of one image instead of two
+    of every coil. It holds as far as sensitivities change little over the width to which the
+    missing lines blur a point: unfolding weighs voxel by voxel, so the unfolded image lacks the
+    lines that its coils lack.
+
+    References
+    ----------
+    M. Bydder, M. D. Robson, "Partial Fourier partially parallel imaging", Magn. Reson. Med. 53:1393
+    (2005).
     """
     options = options or Options()
     patterns = _patterns(scan)
@@ -194,8 +205,9 @@ def reconstruct(scan, options=None, progress=None, client=None):
         done += prod(volumes.shape[3:])
         if progress:
             progress(done, total)
-    return Result(image, _words(scan, setups), _parameters(scan, setups[0]), setups[0].field,
-                  scan.selection)
+    return Result(
+        image, _words(scan, setups), _parameters(scan, setups[0]), setups[0].field, scan.selection
+    )
 
 
 def reconstruct_block(setup, kspace, calibration, placement):
@@ -205,7 +217,8 @@ def reconstruct_block(setup, kspace, calibration, placement):
     ----------
     setup : Setup
     kspace : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
-        As measured; of undersampled scans the regular lines, as `fold_lines` returns them.
+        As measured; of undersampled scans the regular lines, as `fold_lines` returns them, which
+        may be overwritten.
     calibration : ndarray of complex64, ``(x, y, z, coil)``, or None
     placement : Placement or None
 
@@ -227,8 +240,19 @@ def reconstruct_block(setup, kspace, calibration, placement):
         image = _finish(setup, lines)
     image = combine(image, options.combine, threads)
     if options.coefficients is not None:
-        image = apply_warp(image, warp(image.shape[:3], placement, setup.field, options.coefficients,
-                                       setup.position, options.intensity, threads), options.order)
+        image = apply_warp(
+            image,
+            warp(
+                image.shape[:3],
+                placement,
+                setup.field,
+                options.coefficients,
+                setup.position,
+                options.intensity,
+                threads,
+            ),
+            options.order,
+        )
     return image
 
 
@@ -245,25 +269,34 @@ def _unfold(setup, kspace, calibration):
     threads = setup.options.threads
     maps, expected = _maps(setup, calibration)
     regularised = setup.levels is not None
-    return sense(_folded(setup, kspace), maps, setup.lattices, covariance=setup.covariance,
-                 expected=expected if regularised else None, levels=setup.levels,
-                 strength=setup.options.regularisation, threads=threads)
+    return sense(
+        _folded(setup, kspace),
+        maps,
+        setup.lattices,
+        covariance=setup.covariance,
+        expected=expected if regularised else None,
+        levels=setup.levels,
+        strength=setup.options.regularisation,
+        threads=threads,
+    )
 
 
 def _folded(setup, kspace):
     threads = setup.options.threads
-    image = to_image(kspace, (0,), threads)[central(len(kspace), setup.readout)]
+    image = to_image(kspace, (0,), threads, overwrite=True)[central(len(kspace), setup.readout)]
     return to_image(image, (1, 2), threads)
 
 
 def _maps(setup, calibration):
     """Sensitivities and low-resolution image on the grid of the unfolded image."""
     threads = setup.options.threads
-    lines = remove_oversampling(calibration, round(len(calibration) * setup.calibration_cut),
-                                threads=threads)
+    lines = remove_oversampling(
+        calibration, round(len(calibration) * setup.calibration_cut), threads=threads
+    )
     lines = lines[central(len(lines), min(len(lines), setup.options.calibration_size))]
-    maps, combined = sensitivity_maps(lines, setup.calibration_pixels, mask=setup.options.mask,
-                                      threads=threads)
+    maps, combined = sensitivity_maps(
+        lines, setup.calibration_pixels, mask=setup.options.mask, threads=threads
+    )
     return tuple(np.asfortranarray(resize(a, setup.full)) for a in (maps, combined))
 
 
@@ -275,8 +308,9 @@ def _patterns(scan):
     if scan.lines is None:
         return [(scan.sampled, np.arange(scan.kspace.shape[6]))]
     lines = scan.lines.any((2, 3))
-    _, first, which = np.unique(lines.reshape(-1, lines.shape[2]), axis=1, return_index=True,
-                                return_inverse=True)
+    _, first, which = np.unique(
+        lines.reshape(-1, lines.shape[2]), axis=1, return_index=True, return_inverse=True
+    )
     return [(lines[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
 
 
@@ -297,8 +331,20 @@ def _setup(scan, options, mask):
     pixels = tuple(max(1, round(m / k)) for m, k in zip(matrix, kept))
     field = tuple(f if f > 0 else float(m) for f, m in zip(header.recon_fov, matrix))
     window = tuple(min(f, round(n * w)) for f, n, w in zip(full, (readout, *lines[1:]), widening))
-    setup = Setup(options, lines, readout, ranges, lattices, _covariance(scan, options), window, pixels,
-                  matrix, field, options.position or header.patient_position or "HFS", full)
+    setup = Setup(
+        options,
+        lines,
+        readout,
+        ranges,
+        lattices,
+        _covariance(scan, options),
+        window,
+        pixels,
+        matrix,
+        field,
+        options.position or header.patient_position or "HFS",
+        full,
+    )
     _check(scan, setup)
     usable = usable_ranges(pixels, ranges)
     return replace(setup, ranges=usable, **_calibration_grid(scan, setup, ratio))
@@ -326,14 +372,18 @@ def _check(scan, setup):
     if options.combine not in ("pcsos", "sos"):
         raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
     if options.regularisation > 0 and setup.unfolds and setup.covariance is None:
-        raise ValueError("regularisation: needs a noise scan, which says how far data are to be "
-                         "trusted; reconstruct without it")
+        raise ValueError(
+            "regularisation: needs a noise scan, which says how far data are to be "
+            "trusted; reconstruct without it"
+        )
     if options.coefficients is None:
         return
     gradient_axes(setup.position)
     if len(scan.header.placements) < scan.kspace.shape[4]:
-        raise ValueError("coefficients: the positions of the slices are unknown; reconstruct without "
-                         "geometry correction")
+        raise ValueError(
+            "coefficients: the positions of the slices are unknown; reconstruct without "
+            "geometry correction"
+        )
 
 
 def _calibration_grid(scan, setup, ratio):
@@ -343,28 +393,37 @@ def _calibration_grid(scan, setup, ratio):
     own = header.encoded_fov if scan.calibration is None else header.calibration_fov or full
     wider = [o / f if f > 0 and o > 0 else 1.0 for o, f in zip(own, full)]
     pixels = (setup.readout, *(round(n * w) for n, w in zip(setup.full[1:], wider[1:])))
-    return {"calibration_pixels": pixels, "calibration_cut": setup.readout / setup.lines[0] / wider[0]}
+    return {
+        "calibration_pixels": pixels,
+        "calibration_cut": setup.readout / setup.lines[0] / wider[0],
+    }
 
 
 def _check_calibration(scan, setup):
     if not setup.unfolds:
         return
     if any(p < n for p, n in zip(setup.calibration_pixels, setup.full)):
-        raise ValueError("calibration: its field of view is smaller than the image's; expected a "
-                         "calibration scan over the whole field")
+        raise ValueError(
+            "calibration: its field of view is smaller than the image's; expected a "
+            "calibration scan over the whole field"
+        )
     reduction, coils = prod(lattice.reduction for lattice in setup.lattices), scan.kspace.shape[3]
     if reduction > coils:
-        raise ValueError(f"sampled: R = {reduction} is more than SENSE can unfold with {coils} "
-                         f"coil{'s' * (coils > 1)}; measure more lines, or with more coils")
+        raise ValueError(
+            f"sampled: R = {reduction} is more than SENSE can unfold with {coils} "
+            f"coil{'s' * (coils > 1)}; measure more lines, or with more coils"
+        )
     shape = _calibration_region(scan, setup.options.calibration_size)[1]
     for axis, lattice, n in zip("yz", setup.lattices, shape):
         if lattice.reduction > 1 and n < FEWEST_LINES:
-            raise ValueError(f"calibration: {n} lines around k = 0 along {axis}, at least {FEWEST_LINES} "
-                             "are needed; add calibration lines or a calibration scan")
+            raise ValueError(
+                f"calibration: {n} lines around k = 0 along {axis}, at least {FEWEST_LINES} "
+                "are needed; add calibration lines or a calibration scan"
+            )
 
 
 def _calibration_region(scan, size):
-    """Slices of y and z that hold the calibration lines, with k = 0 at ``n // 2``; their extents."""
+    """Slices of y and z that hold the calibration lines, k = 0 at ``n // 2``; their extents."""
     if scan.calibration is not None:
         extents = scan.calibration.shape[1:3]
         block = [slice(0, n) for n in extents]
@@ -486,7 +545,7 @@ def _block_memory(setup, coils, volumes):
         slots = size * coils * prod(lattice.folded for lattice in setup.lattices)
         lines, cut = slots * setup.lines[0], slots * setup.readout
         maps = 8 * coils * prod(setup.calibration_pixels)
-        return lines, lines + 3 * cut + 4.5 * maps + 4 * max(pixels, size * prod(setup.full))
+        return lines, lines + 1.3 * cut + 2.2 * maps + 3 * max(pixels, size * prod(setup.full))
     lines, cut = size * coils * prod(setup.lines), size * coils * prod(setup.full)
     return lines, max(2 * lines, cut + (5 if any(setup.ranges) else 2.2) * coils * pixels)
 
@@ -497,8 +556,9 @@ def _block_memory(setup, coils, volumes):
 def _words(scan, setups):
     setup, options = setups[0], setups[0].options
     steps = [_noise_words(scan, setup)]
-    if setup.readout < setup.lines[0]:
-        steps.append(f"remove readout oversampling: {setup.lines[0]} to {setup.readout} samples")
+    measured = scan.readout or setup.lines[0]
+    if setup.readout < measured:
+        steps.append(f"remove readout oversampling: {measured} to {setup.readout} samples")
     if setup.unfolds:
         steps += _sense_words(scan, setups)
     if options.ringing > 0:
@@ -507,11 +567,15 @@ def _words(scan, setups):
         steps.append(f"zero filling to {_times(setup.pixels)}")
     steps += _partial_words(scan, setup)
     if not setup.unfolds and scan.kspace.shape[3] > 1:
-        steps.append("combine coils: root sum of squares"
-                     + (" with phase" if options.combine == "pcsos" else ""))
+        steps.append(
+            "combine coils: root sum of squares"
+            + (" with phase" if options.combine == "pcsos" else "")
+        )
     if options.coefficients is not None:
-        steps.append(f"geometry correction, splines of order {options.order}"
-                     + (", intensity by the Jacobian" if options.intensity else ""))
+        steps.append(
+            f"geometry correction, splines of order {options.order}"
+            + (", intensity by the Jacobian" if options.intensity else "")
+        )
     steps.append(f"image {_times(setup.matrix)}, field of view {_times(setup.field)} mm")
     return [step for step in steps if step]
 
@@ -527,9 +591,14 @@ def _sense_words(scan, setups):
     setup, options = setups[0], setups[0].options
     lines = _calibration_region(scan, options.calibration_size)[1]
     words = f"sensitivity maps from {_times(lines)} calibration lines"
-    factors = ", ".join(f"R = {lattice.reduction} along {axis}"
-                        for axis, lattice in zip("yz", setup.lattices) if lattice.reduction > 1)
-    regularised = f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
+    factors = ", ".join(
+        f"R = {lattice.reduction} along {axis}"
+        for axis, lattice in zip("yz", setup.lattices)
+        if lattice.reduction > 1
+    )
+    regularised = (
+        f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
+    )
     turns = f", lines in {len(setups)} turns" if len(setups) > 1 else ""
     return [words, f"SENSE: {factors}{turns}{regularised}"]
 
@@ -542,7 +611,9 @@ def _partial_words(scan, setup):
             continue
         if used is None:
             why = "switched off" if not setup.options.homodyne else "too few lines for homodyne"
-            words.append(f"partial Fourier along {axis}, lines {lines[0]} to {lines[1]}: zero-filled ({why})")
+            words.append(
+                f"partial Fourier along {axis}, lines {lines[0]} to {lines[1]}: zero-filled ({why})"
+            )
         else:
             mirrored = " (mirrored)" if sum(used) < 0 else ""
             words.append(f"homodyne along {axis}, lines {used[0]} to {used[1]}{mirrored}")
@@ -554,8 +625,11 @@ def _times(numbers):
 
 
 def _parameters(scan, setup):
-    options = {name: value for name, value in asdict(replace(setup.options, coefficients=None)).items()
-               if name != "coefficients"}
+    options = {
+        name: value
+        for name, value in asdict(replace(setup.options, coefficients=None)).items()
+        if name != "coefficients"
+    }
     return {
         "version": __version__,
         "options": options,
@@ -593,13 +667,18 @@ def select(scan, axis, first, last, options=None):
         raise ValueError(f"axis: expected one of {', '.join(AXES[4:])}, got {axis!r}")
     at = AXES.index(axis)
     if not 0 <= first <= last < scan.kspace.shape[at]:
-        raise ValueError(f"range: {axis} {first} to {last} is outside 0 to {scan.kspace.shape[at] - 1}")
+        raise ValueError(
+            f"range: {axis} {first} to {last} is outside 0 to {scan.kspace.shape[at] - 1}"
+        )
     options = options or Options()
     patterns = _patterns(scan)
     setups = [_setup(scan, options, mask) for mask, _ in patterns]
     _check_calibration(scan, setups[0])
     kept = slice(first, last + 1)
-    changes = {"kspace": scan.kspace[(slice(None),) * at + (kept,)], "selection": (axis, first, last)}
+    changes = {
+        "kspace": scan.kspace[(slice(None),) * at + (kept,)],
+        "selection": (axis, first, last),
+    }
     if setups[0].unfolds:
         if options.regularisation > 0:
             changes["levels"] = _levels(scan, setups, patterns)
@@ -634,8 +713,12 @@ def merge(results):
     following = results[0].selection[1]
     for result in results:
         if result.selection[:2] != (axis, following):
-            raise ValueError(f"parts: expected {axis} {following}, got {' '.join(map(str, result.selection))}; "
-                             "each index must be there once")
+            raise ValueError(
+                f"parts: expected {axis} {following}, got {' '.join(map(str, result.selection))}; "
+                "each index must be there once"
+            )
         following = result.selection[2] + 1
     image = np.concatenate([result.image for result in results], AXES.index(axis) - 1)
-    return replace(results[0], image=image, selection=(axis, results[0].selection[1], following - 1))
+    return replace(
+        results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
+    )

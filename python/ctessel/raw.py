@@ -8,14 +8,16 @@ by block to their places in one array.
 import errno
 import os
 import tempfile
+from dataclasses import replace
 
 import numpy as np
 
 from . import _memory
+from ._fourier import remove_oversampling
 from ._ismrmrd import HEAD, REVERSE, DefectError, parse
 from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
-from .scan import AXES, Scan
+from .scan import AXES, Limit, Scan
 
 __all__ = [
     "Contents",
@@ -35,7 +37,7 @@ class RawError(ValueError):
     """A raw data file cannot be used. One line: the file, what is wrong, and what mends it."""
 
 
-def read(path, *, group="dataset", range=None, scratch=None, progress=None, found=None):
+def read(path, *, group="dataset", range=None, scratch=None, cut=False, progress=None, found=None):
     """Samples of a Cartesian scan at their places in k-space.
 
     Parameters
@@ -50,6 +52,9 @@ def read(path, *, group="dataset", range=None, scratch=None, progress=None, foun
     scratch : str or path, optional
         Folder for a file that holds k-space in place of memory. It has no name any more when this
         returns, so that nothing is left of it once the scan is forgotten.
+    cut : bool, optional
+        Remove readout oversampling line by line, which saves half of the memory. Partial readouts
+        stay as they are.
     progress : callable, optional
         Called with the number of acquisitions done and their total.
     found : Contents, optional
@@ -69,7 +74,7 @@ def read(path, *, group="dataset", range=None, scratch=None, progress=None, foun
         The samples need more memory than is free.
     """
     path = os.fspath(path)
-    found = found or contents(path, group=group, range=range)
+    found = found or contents(path, group=group, range=range, cut=cut)
     if scratch is None:
         _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
     scan = _empty_scan(found, lambda shape: _zeros(shape, scratch))
@@ -85,7 +90,7 @@ def read(path, *, group="dataset", range=None, scratch=None, progress=None, foun
     return scan
 
 
-def contents(path, *, group="dataset", range=None):
+def contents(path, *, group="dataset", range=None, cut=False):
     """What a raw data file holds, without its samples. Arguments and errors are those of `read`.
 
     Returns
@@ -95,9 +100,11 @@ def contents(path, *, group="dataset", range=None):
     path = os.fspath(path)
     reader = _open(path, group)
     try:
-        return survey(path, group, parse(reader.header), _heads(reader, path), range)
+        found = survey(path, group, parse(reader.header), _heads(reader, path), range)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
+    found.cut = cut
+    return found
 
 
 def outline(found):
@@ -222,7 +229,10 @@ def _heads(reader, path):
 def _empty_scan(found, zeros):
     lines = found.scan.times > 0
     sampled = lines.any((2, 3, 4))
-    scan = Scan(zeros(found.scan.shape), sampled, found.header, selection=found.range)
+    shape = (found.width, *found.scan.shape[1:])
+    scan = Scan(zeros(shape), sampled, _cut_header(found), selection=found.range)
+    if found.width < found.scan.shape[0]:
+        scan.readout = found.scan.shape[0]
     if (lines != sampled[:, :, None, None, None]).any():
         scan.lines = lines
     if found.flagged.any():
@@ -232,37 +242,75 @@ def _empty_scan(found, zeros):
     return scan
 
 
+def _cut_header(found):
+    """The header of the scan as it is read: with the field of view that is left along x."""
+    header, n, width = found.header, found.scan.shape[0], found.width
+    if width == n:
+        return header
+    x, y, z = header.encoded_fov
+    apart = (header.calibration_fov or header.encoded_fov) if found.apart else None
+    return replace(
+        header,
+        encoded_matrix=(width, *header.encoded_matrix[1:]),
+        encoded_fov=(x * width / n, y, z),
+        limits={**header.limits, "x": Limit(0, width - 1, width // 2)},
+        calibration_fov=apart,
+    )
+
+
 def _fill(reader, found, scan, progress):
     """Put samples where they belong, several measurements of a line summed. Returns the noise."""
     noise, total = [], found.heads.size
     bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
     step = max(1, min(256, BLOCK_BYTES // max(1, bytes_each)))
+    shape = (found.scan.shape[0], found.scan.shape[3], min(step, total))
+    whole = np.zeros(shape if found.width < shape[0] else 0, np.complex64, order="F")
     for first in range(0, total, step):
         role = found.role[first : first + step]
         if (role != IGNORED).any():
-            for i, samples in enumerate(reader.read(first, role.size)[1], first):
-                _place(found, scan, noise, i, samples)
+            noise += _fill_block(reader, found, scan, range(first, first + role.size), whole)
         if progress:
             progress(min(first + step, total), total)
     return noise
 
 
-def _place(found, scan, noise, i, samples):
-    if found.role[i] == IGNORED:
-        return
-    samples = _kept(found, i, samples)
-    if found.role[i] == NOISE_SCAN:
-        noise.append(samples)
-        return
-    for places, array in ((found.scan, scan.kspace), (found.apart, scan.calibration)):
-        if places and places.which[i]:
-            x = slice(places.x[i], places.x[i] + samples.shape[0])
-            y, z, s, e, r = places[i]
-            line = array[x, y, z, :, s, e, r]
-            if places.times[y, z, s, e, r] > 1:
-                line += samples
-            else:  # reading fresh memory first would cost as much again
-                line[...] = samples
+def _fill_block(reader, found, scan, numbers, whole):
+    """Put samples of some acquisitions where they belong. Returns those that are noise.
+
+    `whole` is room for the block's readouts.
+    """
+    blocks = zip(numbers, reader.read(numbers[0], len(numbers))[1])
+    kept = {i: _kept(found, i, samples) for i, samples in blocks if found.role[i] != IGNORED}
+    if scan.calibration is not None:
+        for i in filter(found.apart.which.__getitem__, kept):
+            _place(found.apart, scan.calibration, i, found.apart.x[i], kept[i])
+    lines = {i: kept[i] for i in filter(found.scan.which.__getitem__, kept)}
+    if found.width == found.scan.shape[0]:
+        for i, samples in lines.items():
+            _place(found.scan, scan.kspace, i, found.scan.x[i], samples)
+    elif lines:
+        for i, samples in zip(lines, _without_oversampling(found, lines, whole)):
+            _place(found.scan, scan.kspace, i, 0, samples)
+    return [samples for i, samples in kept.items() if found.role[i] == NOISE_SCAN]
+
+
+def _without_oversampling(found, lines, whole):
+    """Lines of a block, transformed at once."""
+    block = whole[:, :, : len(lines)]
+    for n, (i, samples) in enumerate(lines.items()):
+        first, last = found.scan.x[i], found.scan.x[i] + samples.shape[0]
+        block[first:last, :, n] = samples
+        block[:first, :, n] = block[last:, :, n] = 0
+    return np.moveaxis(remove_oversampling(block, found.width, overwrite=True), 2, 0)
+
+
+def _place(places, array, i, x, samples):
+    y, z, s, e, r = places[i]
+    line = array[x : x + samples.shape[0], y, z, :, s, e, r]
+    if places.times[y, z, s, e, r] > 1:
+        line += samples
+    else:  # reading fresh memory first would cost as much again
+        line[...] = samples
 
 
 def _kept(found, i, samples):

@@ -19,7 +19,7 @@ class Limit:
 
 @dataclass
 class Placement:
-    """Where the centre of a slice (2-D) or slab (3-D) lies, and its axes, in the patient (LPS, mm)."""
+    """Where the centre of a slice (2-D) or slab (3-D) and its axes lie in the patient (LPS, mm)."""
 
     position: np.ndarray
     read: np.ndarray
@@ -43,8 +43,10 @@ class Header:
     te: list[float] = field(default_factory=list)
     protocol: str = ""
     patient_position: str = ""
-    noise_bandwidth_ratio: float = 1.0  # dwell time of the noise scan over that of a line, averages summed
-    calibration_fov: tuple[float, float, float] | None = None  # of a separate scan; None: the image's
+    #: Receiver dwell time of the noise scan over that of a line, averages summed.
+    noise_bandwidth_ratio: float = 1.0
+    #: Of a separate calibration scan; None: the image's.
+    calibration_fov: tuple[float, float, float] | None = None
     spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
 
 
@@ -52,16 +54,17 @@ class Header:
 class Scan:
     """Samples of a scan and what is known about them.
 
-    `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout oversampling
-    still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0. Averages are
-    summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the measured lines.
-    `calibration` is k-space of a separate calibration scan on its own grid, same axes, or None;
-    calibration lines inside the scan are part of `kspace`. `calibration_lines` marks, ``(y, z)`` of
-    bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None. `lines`, ``(y, z, slice,
-    echo, repetition)`` of bool, is given where images differ in their lines (undersampling that moves
-    from repetition to repetition); `sampled` marks the lines of any of them then.
-    A part of a scan has in `selection` its axis, first and last index, and in `levels` what
-    regularisation needs to know of the whole.
+    `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout
+    oversampling still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0.
+    Averages are summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the
+    measured lines. `calibration` is k-space of a separate calibration scan on its own grid, same
+    axes, or None; calibration lines inside the scan are part of `kspace`. `calibration_lines`
+    marks, ``(y, z)`` of bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None.
+    `lines`, ``(y, z, slice, echo, repetition)`` of bool, is given where images differ in their
+    lines (undersampling that moves from repetition to repetition); `sampled` marks the lines of any
+    of them then. `readout` is the number of samples along x that were measured, where oversampling
+    has been removed while they were read. A part of a scan has in `selection` its axis, first and
+    last index, and in `levels` what regularisation needs to know of the whole.
     """
 
     kspace: np.ndarray
@@ -70,6 +73,7 @@ class Scan:
     calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
+    readout: int | None = None
     selection: tuple[str, int, int] | None = None
     levels: tuple[float, float] | None = None
     lines: np.ndarray | None = None

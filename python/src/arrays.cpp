@@ -201,17 +201,44 @@ Window window_of(const View& data, py::handle strength, py::handle width) {
   return w;
 }
 
-CTESSEL_CLONES void scale(const float* in, const float* weights, float* out, ptrdiff_t n) {
-#pragma omp simd
-  for (ptrdiff_t i = 0; i < n; ++i) out[i] = in[i] * weights[i];
-}
-
 CTESSEL_CLONES void scale_pairs(const float* in, const float* weights, float* out, ptrdiff_t n) {
 #pragma omp simd
   for (ptrdiff_t i = 0; i < n; ++i) {
     out[2 * i] = in[2 * i] * weights[i];
     out[2 * i + 1] = in[2 * i + 1] * weights[i];
   }
+}
+
+/// One weight for every `block` floats.
+CTESSEL_CLONES void scale_blocks(const float* in, const float* weights, float* out, ptrdiff_t n,
+                                 ptrdiff_t block) {
+  for (ptrdiff_t i = 0; i < n; ++i) {
+#pragma omp simd
+    for (ptrdiff_t k = i * block; k < (i + 1) * block; ++k) out[k] = in[k] * weights[i];
+  }
+}
+
+CTESSEL_CLONES void scale(const float* in, const float* weights, float* out, ptrdiff_t n) {
+#pragma omp simd
+  for (ptrdiff_t i = 0; i < n; ++i) out[i] = in[i] * weights[i];
+}
+
+/// Samples that follow each other with one weight make a block.
+void weigh_piece(const View& from, View weights, const View& to) {
+  ptrdiff_t block = from.complex ? 2 : 1;
+  for (std::size_t d = 0; d < weights.shape.size() && weights.strides[d] == 0; ++d) {
+    block *= weights.shape[d];
+    weights.shape[d] = 1;
+  }
+  const Packed in(from), w(weights), out(to, Packed::Fill::kZeros);
+  if (block == 1) {
+    scale(in.floats(), w.floats(), out.floats(), weights.size());
+  } else if (block == 2) {
+    scale_pairs(in.floats(), w.floats(), out.floats(), weights.size());
+  } else {
+    scale_blocks(in.floats(), w.floats(), out.floats(), weights.size(), block);
+  }
+  out.put_back();
 }
 
 py::object ringing_filter(py::handle data, py::handle strength, py::handle width, py::handle out,
@@ -237,15 +264,9 @@ py::object ringing_filter(py::handle data, py::handle strength, py::handle width
 void weigh(const View& from, Weights weights, const View& to) {
   const std::vector<int> order = from.memory_order();
   if (!std::is_sorted(order.begin(), order.end())) weights.arrange_like(from);
-  const View w = weights.along(from);
-  for_each_piece(cut({from.permuted(order), w.permuted(order), to.permuted(order)}, {}, kPiece),
-                 [](const Views& piece) {
-                   const Packed in(piece[0]), factors(piece[1]),
-                       out(piece[2], Packed::Fill::kZeros);
-                   (piece[0].complex ? scale_pairs : scale)(in.floats(), factors.floats(),
-                                                            out.floats(), piece[0].size());
-                   out.put_back();
-                 });
+  const View w = weights.along(from).permuted(order);
+  for_each_piece(cut({from.permuted(order), w, to.permuted(order)}, {}, kPiece),
+                 [](const Views& piece) { weigh_piece(piece[0], piece[1], piece[2]); });
 }
 
 void bind_arrays(py::module_& m) {

@@ -307,7 +307,7 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
   }
   const Destination to =
       destination(read, out, packed(nullptr, unfolded_shape(a.folded.view, a.full), true), true);
-  const Threads team(threads);
+  const Threads team(threads, a.sens.view.size() * 4 * a.sens.view.item());
   int status;
   {
     const py::gil_scoped_release unlocked;

@@ -206,7 +206,8 @@ void walk_rows(const M& m, const Axis& row, std::vector<Axis> axes) {
       list_offsets(axes, &Axis::to, u, count, to.data());
       for (ptrdiff_t k = 0; k < count; ++k) {
         const auto i = static_cast<std::size_t>(k);
-        move_row(m, {from[i], to[i]}, row, std::min(kRow, row.n - (u + k) % pieces * kRow));
+        const ptrdiff_t first = pieces == 1 ? 0 : (u + k) % pieces * kRow;
+        move_row(m, {from[i], to[i]}, row, std::min(kRow, row.n - first));
       }
     }
     finish_streams();

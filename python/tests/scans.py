@@ -24,15 +24,21 @@ def phantom(shape, steep=1.0):
 def coils(shape, count):
     x, y, z = axes(shape)
     turns = 2 * np.pi * np.arange(count) / count
-    return np.stack([np.exp(-((x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2 + (z - np.cos(2 * a) / 2) ** 2) / 2
-                            + 1j * a) for a in turns], -1).astype(np.complex64)  # fmt: skip
+
+    def one(a):
+        away = (x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2 + (z - np.cos(2 * a) / 2) ** 2
+        return np.exp(-away / 2 + 1j * a)
+
+    return np.stack([one(a) for a in turns], -1).astype(np.complex64)
 
 
 def lines(count, step=1, offset=0, calibration=0, first=None, last=None):
     """Mask of measured lines of one axis; `first` and `last` count from k = 0."""
     k = np.arange(count) - count // 2
     mask = ((k - offset) % step == 0) | ((k >= -calibration // 2) & (k < calibration // 2))
-    return mask & (k >= (k[0] if first is None else first)) & (k <= (k[-1] if last is None else last))
+    return (
+        mask & (k >= (k[0] if first is None else first)) & (k <= (k[-1] if last is None else last))
+    )
 
 
 def header(shape, oversampling=1, slices=1):
@@ -40,12 +46,29 @@ def header(shape, oversampling=1, slices=1):
     depth = FIELD if shape[2] > 1 else 5.0
     places = [Placement(np.array([0, 0, 6.0 * i]), *np.eye(3)) for i in range(slices)]
     limits = {a: Limit(0, n - 1, n // 2) for a, n in zip("xyz", encoded)}
-    return Header(encoded, (FIELD * oversampling, FIELD, depth), tuple(shape), (FIELD, FIELD, depth), limits,
-                  placements=places)
+    return Header(
+        encoded,
+        (FIELD * oversampling, FIELD, depth),
+        tuple(shape),
+        (FIELD, FIELD, depth),
+        limits,
+        placements=places,
+    )
 
 
-def scan(shape=(48, 48, 1), count=6, y=None, z=None, slices=1, repetitions=1, oversampling=1, noise=0.0,
-         mask=None, growth=1 / 8, seed=0):
+def scan(
+    shape=(48, 48, 1),
+    count=6,
+    y=None,
+    z=None,
+    slices=1,
+    repetitions=1,
+    oversampling=1,
+    noise=0.0,
+    mask=None,
+    growth=1 / 8,
+    seed=0,
+):
     """Root sum of squares of the coil images, and the scan; repetitions grow brighter."""
     images = coils(shape, count) * phantom(shape)[..., None]
     level = 1 + np.arange(slices)[:, None, None] / 4 + np.arange(repetitions) * growth
@@ -54,10 +77,16 @@ def scan(shape=(48, 48, 1), count=6, y=None, z=None, slices=1, repetitions=1, ov
     kspace = kspace[..., None, None, None] * level
     sampled = np.outer(lines(shape[1]) if y is None else y, lines(shape[2]) if z is None else z)
     sampled = sampled if mask is None else mask
-    kspace = (kspace + noise * random_complex(kspace.shape, seed)) * sampled[None, :, :, None, None, None, None]
+    kspace = (kspace + noise * random_complex(kspace.shape, seed)) * sampled[
+        None, :, :, None, None, None, None
+    ]
     measured = noise * random_complex((4000, count), seed + 1) if noise else None
-    return truth, Scan(np.asfortranarray(kspace, np.complex64), sampled, header(shape, oversampling, slices),
-                       noise=measured)
+    return truth, Scan(
+        np.asfortranarray(kspace, np.complex64),
+        sampled,
+        header(shape, oversampling, slices),
+        noise=measured,
+    )
 
 
 def error(image, truth):

@@ -9,7 +9,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import coils, lines, scan
+from scans import lines, scan
 
 import ctessel
 from ctessel import pipeline
@@ -34,15 +34,27 @@ PSI = np.diag(np.float32([1, 2, 3, 4])).astype(np.complex64)
 RANGES = (None, (-1, 3), None)
 
 
-@pytest.mark.parametrize("name, arguments, keywords", [
-    ("fftshift", (), {}), ("ifftshift", ([3, -1],), {}), ("zero_pad", ((13, 9),), {}),
-    ("ringing_filter", (0.5,), {"width": [8, 8, 4]}), ("sos", (), {}), ("sos", (0,), {}), ("pcsos", (), {}),
-    ("homodyne_recon", (RANGES,), {}), ("homodyne_recon", (RANGES,), {"field": (6, 8, 6)}), ("whiten", (PSI,), {}),
-    ("sense_recon", (SENS,), {"psi": PSI}),
-])
+@pytest.mark.parametrize(
+    "name, arguments, keywords",
+    [
+        ("fftshift", (), {}),
+        ("ifftshift", ([3, -1],), {}),
+        ("zero_pad", ((13, 9),), {}),
+        ("ringing_filter", (0.5,), {"width": [8, 8, 4]}),
+        ("sos", (), {}),
+        ("sos", (0,), {}),
+        ("pcsos", (), {}),
+        ("homodyne_recon", (RANGES,), {}),
+        ("homodyne_recon", (RANGES,), {"field": (6, 8, 6)}),
+        ("whiten", (PSI,), {}),
+        ("sense_recon", (SENS,), {"psi": PSI}),
+    ],
+)
 def test_chunks_have_the_bits_of_one_call(name, arguments, keywords):
     single = getattr(ctessel, name, None) or getattr(pipeline, name)
-    chunked = getattr(ctessel.dask, name)(da.from_array(DATA, chunks=CHUNKS), *arguments, **keywords)
+    chunked = getattr(ctessel.dask, name)(
+        da.from_array(DATA, chunks=CHUNKS), *arguments, **keywords
+    )
     assert chunked.npartitions > 1
     want = single(DATA, *arguments, **keywords)
     assert chunked.shape == want.shape and chunked.dtype == want.dtype
@@ -55,7 +67,9 @@ def test_geometry_in_chunks():
     tables = np.zeros((14, 12)), np.zeros((14, 12)), np.zeros(17)
     tables[0][1, 1] = tables[1][1, 1] = tables[2][1] = 1
     tables[0][3, 1] = 0.1
-    got = ctessel.dask.geometry_correction(*(da.from_array(p, chunks=(2, 5)) for p in points), *tables, 250.0)
+    got = ctessel.dask.geometry_correction(
+        *(da.from_array(p, chunks=(2, 5)) for p in points), *tables, 250.0
+    )
     same_bits(got.compute(), np.stack(ctessel.geometry_correction(*points, *tables, 250.0)))
 
 
@@ -64,7 +78,9 @@ def test_regularised_sense_in_chunks_weighs_as_the_whole():
     ref, reg = random_complex((6, 6, 2), 3), np.abs(random_complex((12, 12, 9, 2), 4))
     weight = {"ref": ref, "reg": reg.astype(np.float32), "scale": 2.0}
     want = ctessel.sense_recon(folded.astype(np.complex64), SENS, psi=PSI, **weight)
-    got = ctessel.dask.sense_recon(da.from_array(folded.astype(np.complex64), chunks=CHUNKS), SENS, psi=PSI, **weight)
+    got = ctessel.dask.sense_recon(
+        da.from_array(folded.astype(np.complex64), chunks=CHUNKS), SENS, psi=PSI, **weight
+    )
     np.testing.assert_allclose(got.compute(), want, rtol=1e-5, atol=1e-6 * np.abs(want).max())
     plain = ctessel.sense_recon(folded.astype(np.complex64), SENS, psi=PSI)
     assert np.abs(want - plain).max() > 0.1 * np.abs(want).max()
@@ -116,7 +132,9 @@ def held():
 
 def test_memory_of_workers_does_not_grow_with_the_scan(client):
     _, first = scan((96, 96, 1), 8, lines(96, 2, 0, 24), slices=8)
-    pipeline.reconstruct(pipeline.select(first, "slice", 0, 1), client=client)  # workers import what they need
+    pipeline.reconstruct(
+        pipeline.select(first, "slice", 0, 1), client=client
+    )  # workers import what they need
     client.run(lambda: open("/proc/self/clear_refs", "w").write("5"))
     before = max(client.run(held).values())
     pipeline.reconstruct(first, client=client)
@@ -137,19 +155,41 @@ def test_array_of_batch_jobs_makes_the_image_of_one_run(tmp_path):
     pytest.importorskip("ctessel._raw")
     from ctessel import cli, phantom
 
-    phantom.write(tmp_path / "raw.h5", "undersampled", size=48, coils=4, slices=2, repetitions=2, noise=0.02)
-    cli.main(["recon", str(tmp_path / "raw.h5"), "-o", str(tmp_path / "whole.nii.gz"), "--ringing", "0.3"])
+    phantom.write(
+        tmp_path / "raw.h5", "undersampled", size=48, coils=4, slices=2, repetitions=2, noise=0.02
+    )
+    cli.main(
+        [
+            "recon",
+            str(tmp_path / "raw.h5"),
+            "-o",
+            str(tmp_path / "whole.nii.gz"),
+            "--ringing",
+            "0.3",
+        ]
+    )
     command = tmp_path / "ctessel"  # the module that is tested, under the command's name
     command.write_text(f'#!/bin/sh\nexec {sys.executable} -m ctessel "$@"\n')
     command.chmod(0o755)
     script = Path(__file__).resolve().parents[1] / "examples" / "slurm_array.sh"
     for task in range(1, 4):  # three tasks that count from 1, for two repetitions: one has none
-        job = {**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}", "OPTIONS": "--ringing 0.3",
-               "AXIS": "repetition", "PYTHONPATH": os.pathsep.join(sys.path), "SLURM_ARRAY_TASK_MIN": "1",
-               "SLURM_ARRAY_TASK_ID": str(task), "SLURM_ARRAY_TASK_COUNT": "3"}
-        subprocess.run(["bash", script, "raw.h5", "image.nii.gz", "2"], cwd=tmp_path, env=job, check=True)
+        job = {
+            **os.environ,
+            "PATH": f"{tmp_path}:{os.environ['PATH']}",
+            "OPTIONS": "--ringing 0.3",
+            "AXIS": "repetition",
+            "PYTHONPATH": os.pathsep.join(sys.path),
+            "SLURM_ARRAY_TASK_MIN": "1",
+            "SLURM_ARRAY_TASK_ID": str(task),
+            "SLURM_ARRAY_TASK_COUNT": "3",
+        }
+        subprocess.run(
+            ["bash", script, "raw.h5", "image.nii.gz", "2"], cwd=tmp_path, env=job, check=True
+        )
     parts = sorted(map(str, tmp_path.glob("image.part-*.nii.gz")))
-    assert len(parts) == 2 and cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
+    assert (
+        len(parts) == 2 and cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
+    )
     got, want = (nibabel.load(tmp_path / f"{name}.nii.gz") for name in ("image", "whole"))
     assert got.shape == want.shape == (48, 48, 2, 2)
     np.testing.assert_array_equal(got.get_fdata(), want.get_fdata())

@@ -7,7 +7,7 @@ from fractions import Fraction
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import FIELD, axes, coils, error, lines, phantom, scan
+from scans import FIELD, coils, error, lines, phantom, scan
 
 import ctessel
 from ctessel import pipeline
@@ -21,14 +21,20 @@ def test_grids_keep_their_centre():
     for n in (7, 8):
         point = np.zeros((n, 1, 1), np.complex64)
         point[n // 2] = 1
-        np.testing.assert_allclose(pipeline.to_kspace(point), np.full((n, 1, 1), n**-0.5), atol=ROUNDING)
+        np.testing.assert_allclose(
+            pipeline.to_kspace(point), np.full((n, 1, 1), n**-0.5), atol=ROUNDING
+        )
         for m in range(3, 14):
             assert np.flatnonzero(pipeline.resize(point, (m,))) == [m // 2], (n, m)
     for n in (7, 8):
         image = random_complex((n, 5, 1), n)
         mirrored = pipeline.flip(pipeline.to_kspace(image), (0,))
-        np.testing.assert_allclose(pipeline.to_image(mirrored), pipeline.flip(image, (0,)), atol=1e-5)
-        assert [int(pipeline.flip(np.arange(n) - n // 2, (0,))[n // 2 + k]) for k in (-2, 0, 2)] == [2, 0, -2]
+        np.testing.assert_allclose(
+            pipeline.to_image(mirrored), pipeline.flip(image, (0,)), atol=1e-5
+        )
+        assert [
+            int(pipeline.flip(np.arange(n) - n // 2, (0,))[n // 2 + k]) for k in (-2, 0, 2)
+        ] == [2, 0, -2]
 
 
 def test_noise_is_white_after_whitening_and_cutting_the_readout():
@@ -40,7 +46,9 @@ def test_noise_is_white_after_whitening_and_cutting_the_readout():
     np.testing.assert_allclose(covariance, want / 2, atol=spread * np.abs(want).max())
     kspace = np.asfortranarray(noise.T.reshape(4, 100, 40, 5).transpose(1, 2, 3, 0))
     white = pipeline.whiten(pipeline.remove_oversampling(kspace, 50), covariance).reshape(-1, 4)
-    np.testing.assert_allclose(white.T @ white.conj() / len(white), 2 * np.eye(4), atol=2 * spread * np.sqrt(2))
+    np.testing.assert_allclose(
+        white.T @ white.conj() / len(white), 2 * np.eye(4), atol=2 * spread * np.sqrt(2)
+    )
     with pytest.raises(ValueError, match="singular"):
         pipeline.noise_covariance(noise * [1, 0, 1, 1])
 
@@ -50,12 +58,16 @@ def test_full_scan_is_the_phantom(shape, oversampling):
     truth, full = scan(shape, slices=2, repetitions=2, oversampling=oversampling)
     seen = []
     result = pipeline.reconstruct(full, progress=lambda *done: seen.append(done))
-    np.testing.assert_allclose(np.abs(result.image[:, :, :, :, 0]), truth[:, :, :, :, 0], atol=4 * ROUNDING)
+    np.testing.assert_allclose(
+        np.abs(result.image[:, :, :, :, 0]), truth[:, :, :, :, 0], atol=4 * ROUNDING
+    )
     assert seen[-1] == (4, 4)
     magnitude = pipeline.reconstruct(full, Options(combine="sos")).image
     assert magnitude.dtype == np.float32
     np.testing.assert_allclose(magnitude, truth, atol=4 * ROUNDING)
-    larger = pipeline.reconstruct(full, Options(matrix=tuple(2 * n if n > 1 else 1 for n in shape))).image
+    larger = pipeline.reconstruct(
+        full, Options(matrix=tuple(2 * n if n > 1 else 1 for n in shape))
+    ).image
     scale = np.sqrt(np.prod([2 for n in shape if n > 1]))  # unitary transforms of a longer axis
     exact = larger[::2, ::2, :: 2 if shape[2] > 1 else 1] * scale
     if shape[0] % 2 == 0:
@@ -103,7 +115,9 @@ def partial_scan(axis, side, shape):
     return truth, partial
 
 
-@pytest.mark.parametrize("axis, shape", [(0, (32, 32, 1)), (1, (32, 32, 1)), (1, (32, 33, 1)), (2, (24, 24, 32))])
+@pytest.mark.parametrize(
+    "axis, shape", [(0, (32, 32, 1)), (1, (32, 32, 1)), (1, (32, 33, 1)), (2, (24, 24, 32))]
+)
 @pytest.mark.parametrize("side", (-1, 1))
 def test_partial_scans_are_closer_than_zero_filled_ones(axis, side, shape):
     truth, partial = partial_scan(axis, side, shape)
@@ -114,14 +128,26 @@ def test_partial_scans_are_closer_than_zero_filled_ones(axis, side, shape):
 
 
 def test_lines_are_recognised():
-    for n, step, offset, calibration in ((64, 2, 0, 24), (64, 2, 1, 24), (64, 3, 2, 20), (63, 4, 3, 16), (50, 5, 0, 0)):
+    for n, step, offset, calibration in (
+        (64, 2, 0, 24),
+        (64, 2, 1, 24),
+        (64, 3, 2, 20),
+        (63, 4, 3, 16),
+        (50, 5, 0, 0),
+    ):
         mask = lines(n, step, offset, calibration)[:, None]
         lattice, flat = pipeline.undersampling(mask)
-        assert lattice.step == step and (lattice.offset - offset) % step == 0 and lattice.reduction == step
+        assert (
+            lattice.step == step
+            and (lattice.offset - offset) % step == 0
+            and lattice.reduction == step
+        )
         assert flat.reduction == 1 and lattice.folded * step >= n
         if calibration:
             block = pipeline.calibration_block(mask)[0]
-            assert block.start <= n // 2 - calibration // 2 and block.stop >= n // 2 + calibration // 2
+            assert (
+                block.start <= n // 2 - calibration // 2 and block.stop >= n // 2 + calibration // 2
+            )
     y, z = pipeline.undersampling(np.outer(lines(32), lines(24)), (1.5, Fraction(5, 4)))
     assert (y.folded, y.full, y.reduction, z.reduction) == (32, 48, Fraction(3, 2), Fraction(5, 4))
     irregular = np.ones((32, 1), bool)
@@ -130,10 +156,15 @@ def test_lines_are_recognised():
         pipeline.undersampling(irregular)
 
 
-@pytest.mark.parametrize("shape, y, z", [
-    ((16, 48, 1), (2, 0), (1, 0)), ((16, 48, 1), (2, 1), (1, 0)), ((16, 48, 1), (3, 1), (1, 0)),
-    ((8, 24, 24), (2, 1), (2, 0)),
-])
+@pytest.mark.parametrize(
+    "shape, y, z",
+    [
+        ((16, 48, 1), (2, 0), (1, 0)),
+        ((16, 48, 1), (2, 1), (1, 0)),
+        ((16, 48, 1), (3, 1), (1, 0)),
+        ((8, 24, 24), (2, 1), (2, 0)),
+    ],
+)
 def test_sense_with_known_maps_is_the_phantom(shape, y, z):
     truth, full = scan(shape, 8)
     masks = lines(shape[1], *y), lines(shape[2], *z)
@@ -151,16 +182,27 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8):
     folded = np.zeros((shape[0], n, *image.shape[2:]), np.complex64)
     for line in range(shape[1]):
         folded[:, ctessel.folded_pos(line, shape[1], n)] += image[:, line]
-    header = replace(full.header, encoded_matrix=(shape[0], n, 1), encoded_fov=(FIELD, FIELD / ratio, 5.0),
-                     limits={**full.header.limits, "y": Limit(0, n - 1, n // 2)})
+    header = replace(
+        full.header,
+        encoded_matrix=(shape[0], n, 1),
+        encoded_fov=(FIELD, FIELD / ratio, 5.0),
+        limits={**full.header.limits, "y": Limit(0, n - 1, n // 2)},
+    )
     lowres = full.kspace[:, shape[1] // 2 - 14 : shape[1] // 2 + 14]
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
-    narrow = replace(full, kspace=kspace[..., None, None, None], header=header,
-                     sampled=np.ones((n, 1), bool), calibration=lowres)
+    narrow = replace(
+        full,
+        kspace=kspace[..., None, None, None],
+        header=header,
+        sampled=np.ones((n, 1), bool),
+        calibration=lowres,
+    )
     return truth, narrow
 
 
-@pytest.mark.parametrize("kind, bound", [(2, 0.02), (3, 0.04), (Fraction(3, 2), 0.02), ("moving", 0.02), ("3-D", 0.06)])
+@pytest.mark.parametrize(
+    "kind, bound", [(2, 0.02), (3, 0.04), (Fraction(3, 2), 0.02), ("moving", 0.02), ("3-D", 0.06)]
+)
 def test_undersampled_scans(kind, bound):
     """The bound is that of maps from 24 to 28 lines; the phantom's edges are sharp."""
     if kind == "3-D":
@@ -193,7 +235,9 @@ def test_partial_and_undersampled(side):
 
 def test_regularised_sense_has_less_noise_and_a_weight_that_does_not_depend_on_the_number_of_coils():
     truth, noisy = scan((32, 48, 1), 6, lines(48, 3, 0, 24), noise=0.1)
-    plain, regular = (pipeline.reconstruct(noisy, Options(regularisation=r)).image for r in (0, 1))
+    plain, regular = (
+        pipeline.reconstruct(noisy, Options(regularisation=r)).image for r in (0, 1)
+    )
     assert error(regular, truth) < 0.8 * error(plain, truth)
     lattices, covariance = pipeline.undersampling(noisy.sampled), pipeline.noise_covariance(noisy.noise)
     folded = pipeline.to_image(pipeline.fold_lines(noisy.kspace[..., 0, 0, 0], lattices))
@@ -212,8 +256,10 @@ def test_parts_merge_to_the_whole(axis):
     _, whole = scan((24, 32, 1), 4, lines(32, 2, 0, 16), slices=3, repetitions=3, noise=0.05)
     options = Options(regularisation=0.7)
     want = pipeline.reconstruct(whole, options)
-    parts = [pipeline.reconstruct(pipeline.select(whole, axis, *r, options), options)
-             for r in ((1, 2), (0, 0))]
+    parts = [
+        pipeline.reconstruct(pipeline.select(whole, axis, *r, options), options)
+        for r in ((1, 2), (0, 0))
+    ]
     merged = pipeline.merge(parts)
     same_bits(merged.image, want.image)
     assert merged.selection == (axis, 0, 2) and merged.steps == want.steps
@@ -226,12 +272,19 @@ def test_parts_merge_to_the_whole(axis):
 def blob(points):
     """Smooth object off the centre, and its width in mm."""
     width = 40.0
-    return np.exp(-((points - np.reshape([60, -50, 40], (3, 1, 1, 1))) ** 2).sum(0) / (2 * width**2)), width
+    return (
+        np.exp(
+            -((points - np.reshape([60, -50, 40], (3, 1, 1, 1))) ** 2).sum(0) / (2 * width**2)
+        ),
+        width,
+    )
 
 
 @pytest.mark.parametrize("order, patient", [(3, "HFS"), (1, "HFS"), (3, "FFS")])
 def test_geometry_finds_the_object_where_it_is(tmp_path, order, patient):
-    (tmp_path / "coil.txt").write_text("r0 250\nx 3 1 -0.06\nx 2 1 0.1\ny 3 1 -0.06\nz 3 0 -0.3 # zonal\n")
+    (tmp_path / "coil.txt").write_text(
+        "r0 250\nx 3 1 -0.06\nx 2 1 0.1\ny 3 1 -0.06\nz 3 0 -0.3 # zonal\n"
+    )
     table = pipeline.read_coefficients(tmp_path / "coil.txt")
     turn = np.array([[0.8, 0.6, 0], [-0.6, 0.8, 0], [0, 0, 1]])
     placement = Placement(np.array([10.0, 0, 5]), *turn)
@@ -264,9 +317,13 @@ def test_geometry_finds_the_object_where_it_is(tmp_path, order, patient):
 def test_linear_gradients_leave_a_slice_alone(tmp_path):
     (tmp_path / "linear.tsv").write_text("axis\tterm\torder_n\tdegree_m\tcoefficient\nz A 1 0 1\n")
     image = random_complex((32, 24, 1, 2), 0)
-    smooth = np.asfortranarray(pipeline.to_image(ctessel.ringing_filter(np.asfortranarray(image), 0.9, [5, 5, 1])))
+    smooth = np.asfortranarray(
+        pipeline.to_image(ctessel.ringing_filter(np.asfortranarray(image), 0.9, [5, 5, 1]))
+    )
     placement = Placement(np.array([0, 0, 20.0]), *np.eye(3))
-    got = pipeline.geometry(smooth, placement, (240, 240, 5), pipeline.read_coefficients(tmp_path / "linear.tsv"))
+    got = pipeline.geometry(
+        smooth, placement, (240, 240, 5), pipeline.read_coefficients(tmp_path / "linear.tsv")
+    )
     # Up to 0.1 mm of 7.5 mm voxels, at the steepest slope; 0.6 % of intensity from differences.
     slope = np.abs(np.diff(smooth, axis=0)).max() + np.abs(np.diff(smooth, axis=1)).max()
     inner = np.s_[1:-1, 1:-1]
@@ -282,8 +339,11 @@ def test_coefficient_files(tmp_path):
     for name in "xyz":
         np.testing.assert_array_equal(getattr(first, name), getattr(second, name))
     assert first.x[5, 3] == pytest.approx(0.02 * np.sqrt(11 / 2 * 2 / 40320)) and first.y[1, 1] == 1
-    for text, message in (("x 3 one 2", "line 1: expected 'axis n m value'"), ("\nx 2 3 1", "line 2: x has no term"),
-                          ("# none", "no coefficients")):
+    for text, message in (
+        ("x 3 one 2", "line 1: expected 'axis n m value'"),
+        ("\nx 2 3 1", "line 2: x has no term"),
+        ("# none", "no coefficients"),
+    ):
         rows.write_text(text)
         with pytest.raises(ValueError, match=re.escape(message)):
             pipeline.read_coefficients(rows)
@@ -293,7 +353,14 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     _, full = scan((32, 48, 1), 8, lines(48, 2, 0, 20), noise=1.0)
     shapes_only = replace(full, kspace=np.broadcast_to(np.complex64(np.nan), full.kspace.shape))
     words = pipeline.plan(shapes_only, Options(ringing=0.5, matrix=(64, 96, 1)))
-    assert [w.split()[0] for w in words] == ["noise", "sensitivity", "SENSE:", "ringing", "zero", "image"]
+    assert [w.split()[0] for w in words] == [
+        "noise",
+        "sensitivity",
+        "SENSE:",
+        "ringing",
+        "zero",
+        "image",
+    ]
     assert pipeline.memory_estimate(shapes_only) > full.kspace.nbytes
     few = scan((32, 48, 1), 8, lines(48, 2, 0, 4))[1]
     for faulty, options, message in (
@@ -302,7 +369,11 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
         (replace(few, sampled=few.sampled & False), Options(), "no line was measured"),
         (full, Options(matrix=(32, 48, 2)), "expected one voxel along z"),
         (full, Options(combine="mean"), 'expected "pcsos" or "sos"'),
-        (full, Options(coefficients=pipeline.Coefficients(0, 0, 0, 1), position="up"), "expected one of HFS"),
+        (
+            full,
+            Options(coefficients=pipeline.Coefficients(0, 0, 0, 1), position="up"),
+            "expected one of HFS",
+        ),
     ):
         with pytest.raises(ValueError, match=re.escape(message)):
             pipeline.plan(faulty, options)

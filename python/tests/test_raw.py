@@ -330,4 +330,9 @@ def test_samples_are_in_memory_once(tmp_path):
     assert scan.kspace.nbytes > 12e6 and peak < scan.kspace.nbytes + 2 * raw.BLOCK_BYTES
     on_disk = raw.read(tmp_path / "p.h5", found=found, scratch=tmp_path)
     np.testing.assert_array_equal(on_disk.kspace, scan.kspace)
+    cut = raw.read(tmp_path / "p.h5", cut=True)  # half of the memory, and the same numbers
+    np.testing.assert_array_equal(
+        cut.kspace, pipeline.remove_oversampling(scan.kspace, len(scan.kspace) // 2)
+    )
+    assert pipeline.plan(cut) == pipeline.plan(scan)
     assert [p.name for p in tmp_path.iterdir()] == ["p.h5"]

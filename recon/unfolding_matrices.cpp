@@ -1,0 +1,303 @@
+// Unfolding matrices of eight neighbouring voxels, formed and inverted side by side.
+//
+// The steps in order: load, weigh, form, invert, apply_inverse. Each works on W voxels at once, as
+// many as a vector of the processor holds; sums run in the same order for each W.
+
+#include "unfolding_matrices.h"
+
+#include <utility>
+
+#include "dispatch.h"
+#include "sense_steps.h"
+
+#define CTESSEL_INLINE __attribute__((always_inline)) inline
+
+namespace {
+
+using ctessel::VoxelBatch;
+using std::int64_t;
+
+template <int W>
+struct Vectors;
+#define CTESSEL_VECTORS(W)                                                            \
+  template <>                                                                         \
+  struct Vectors<W> {                                                                 \
+    typedef double Lanes __attribute__((vector_size(8 * W), may_alias));              \
+    typedef int64_t Mask __attribute__((vector_size(8 * W), may_alias));              \
+    typedef float Singles __attribute__((vector_size(4 * W), aligned(4), may_alias)); \
+  };
+CTESSEL_VECTORS(2)
+CTESSEL_VECTORS(4)
+CTESSEL_VECTORS(8)
+#undef CTESSEL_VECTORS
+
+template <int W>
+using Lanes = typename Vectors<W>::Lanes;
+
+/// W voxels of a batch: every array from the first of them on.
+struct Slice {
+  int64_t nc;
+  double *s, *w, *b, *u;  // S, W = S^H Psi^-1 and U: entry (k, c) at k nc + c
+  const double* regularised;
+  const int64_t* present;
+  const double* psi_inverse;  // null for the identity
+};
+
+template <int W>
+CTESSEL_INLINE Lanes<W>& lane(double* p, int64_t i) {
+  return *reinterpret_cast<Lanes<W>*>(p + VoxelBatch::kVoxels * i);
+}
+
+template <int W>
+CTESSEL_INLINE const typename Vectors<W>::Mask& there(const Slice& t, int64_t k) {
+  return *reinterpret_cast<const typename Vectors<W>::Mask*>(t.present + VoxelBatch::kVoxels * k);
+}
+
+/// S from samples of one row of x, 0 where the alias is absent.
+template <int W>
+CTESSEL_INLINE void load(const Slice& t, int64_t n, const float* samples, int64_t pitch) {
+  for (int64_t c = 0; c < t.nc; ++c) {
+    for (int64_t k = 0; k < n; ++k) {
+      const float* from = samples + 2 * ctessel::factor_slot(c, n, k) * pitch;
+      for (int part = 0; part < 2; ++part) {
+        using Singles = typename Vectors<W>::Singles;
+        const Singles v = *reinterpret_cast<const Singles*>(from + part * pitch);
+        const Lanes<W> wide = __builtin_convertvector(v, Lanes<W>);
+        lane<W>(t.s, 2 * (k * t.nc + c) + part) = there<W>(t, k) ? wide : Lanes<W>{};
+      }
+    }
+  }
+}
+
+/// W = S^H Psi^-1 for C coils from c on.
+template <int W, int C>
+CTESSEL_INLINE void weigh_coils(const Slice& t, int64_t k, int64_t c) {
+  Lanes<W> re[C] = {}, im[C] = {};
+  for (int64_t d = 0; d < t.nc; ++d) {
+    const Lanes<W> x = lane<W>(t.s, 2 * (k * t.nc + d)), y = lane<W>(t.s, 2 * (k * t.nc + d) + 1);
+    for (int i = 0; i < C; ++i) {
+      const double* p = t.psi_inverse + 2 * ((c + i) * t.nc + d);
+      re[i] += x * p[0] + y * p[1];
+      im[i] += x * p[1] - y * p[0];
+    }
+  }
+  for (int i = 0; i < C; ++i) {
+    lane<W>(t.w, 2 * (k * t.nc + c + i)) = re[i];
+    lane<W>(t.w, 2 * (k * t.nc + c + i) + 1) = im[i];
+  }
+}
+
+template <int W>
+CTESSEL_INLINE void weigh(const Slice& t, int64_t n) {
+  for (int64_t k = 0; k < n; ++k) {
+    int64_t c = 0;
+    if (!t.psi_inverse) {
+      for (; c < t.nc; ++c) {
+        lane<W>(t.w, 2 * (k * t.nc + c)) = lane<W>(t.s, 2 * (k * t.nc + c));
+        lane<W>(t.w, 2 * (k * t.nc + c) + 1) = -lane<W>(t.s, 2 * (k * t.nc + c) + 1);
+      }
+    }
+    for (; c + 4 <= t.nc; c += 4) weigh_coils<W, 4>(t, k, c);
+    for (; c < t.nc; ++c) weigh_coils<W, 1>(t, k, c);
+  }
+}
+
+/// L entries of row k of W S + R, from column l on, with a 1 on the diagonal for absent aliases,
+/// which then leave the others alone.
+template <int W, int L>
+CTESSEL_INLINE void form_entries(const Slice& t, int64_t n, int64_t k, int64_t l) {
+  Lanes<W> re[L] = {}, im[L] = {};
+  for (int64_t c = 0; c < t.nc; ++c) {
+    const Lanes<W> wr = lane<W>(t.w, 2 * (k * t.nc + c)), wi = lane<W>(t.w, 2 * (k * t.nc + c) + 1);
+    for (int i = 0; i < L; ++i) {
+      const Lanes<W> sr = lane<W>(t.s, 2 * ((l + i) * t.nc + c)),
+                     si = lane<W>(t.s, 2 * ((l + i) * t.nc + c) + 1);
+      re[i] += wr * sr - wi * si;
+      im[i] += wr * si + wi * sr;
+    }
+  }
+  for (int i = 0; i < L; ++i) {
+    if (k == l + i) {
+      const Lanes<W> gain = lane<W>(const_cast<double*>(t.regularised), k);
+      re[i] = there<W>(t, k) ? re[i] + gain : Lanes<W>{} + 1.0;
+    }
+    lane<W>(t.b, 2 * (k * 2 * n + l + i)) = re[i];
+    lane<W>(t.b, 2 * (k * 2 * n + l + i) + 1) = im[i];
+  }
+}
+
+/// b = (W S + R | 1): n rows of 2 n entries.
+template <int W, int N>
+CTESSEL_INLINE void form(const Slice& t, int64_t n) {
+  constexpr int kTogether = N ? N : 4;
+  for (int64_t k = 0; k < n; ++k) {
+    int64_t l = 0;
+    for (; l + kTogether <= n; l += kTogether) form_entries<W, kTogether>(t, n, k, l);
+    for (; l < n; ++l) form_entries<W, 1>(t, n, k, l);
+    for (l = 0; l < n; ++l) {
+      lane<W>(t.b, 2 * (k * 2 * n + n + l)) = Lanes<W>{} + (k == l ? 1.0 : 0.0);
+      lane<W>(t.b, 2 * (k * 2 * n + n + l) + 1) = Lanes<W>{};
+    }
+  }
+}
+
+template <int W>
+CTESSEL_INLINE void square(double* b, int64_t entry, Lanes<W>& out) {
+  const Lanes<W> re = lane<W>(b, 2 * entry), im = lane<W>(b, 2 * entry + 1);
+  out = re * re + im * im;
+}
+
+/// Brings the largest remaining entry of column p into row p, each lane for itself.
+template <int W>
+CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
+  Lanes<W> best, candidate;
+  square<W>(b, p * 2 * n + p, best);
+  for (int64_t i = p + 1; i < n; ++i) {
+    square<W>(b, i * 2 * n + p, candidate);
+    const typename Vectors<W>::Mask swap = candidate > best;
+    best = swap ? candidate : best;
+    for (int64_t j = 2 * p; j < 4 * n; ++j) {
+      Lanes<W>&upper = lane<W>(b, p * 4 * n + j), &lower = lane<W>(b, i * 4 * n + j);
+      const Lanes<W> held = upper;
+      upper = swap ? lower : upper;
+      lower = swap ? held : lower;
+    }
+  }
+}
+
+/// Divides row p by its pivot, scaled so that the pivot's square neither over- nor underflows.
+template <int W>
+CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
+  const Lanes<W> re = lane<W>(row, 2 * p), im = lane<W>(row, 2 * p + 1);
+  const Lanes<W> x = re < 0.0 ? -re : re, y = im < 0.0 ? -im : im, size = x > y ? x : y;
+  const Lanes<W> r = re / size, i = im / size, squared = (r * r + i * i) * size;
+  const Lanes<W> inv_re = r / squared, inv_im = -(i / squared);
+  for (int64_t j = p; j < 2 * n; ++j) {
+    const Lanes<W> a = lane<W>(row, 2 * j), c = lane<W>(row, 2 * j + 1);
+    lane<W>(row, 2 * j) = a * inv_re - c * inv_im;
+    lane<W>(row, 2 * j + 1) = a * inv_im + c * inv_re;
+  }
+}
+
+/// Turns (B | 1) into (1 | B^-1).
+template <int W>
+CTESSEL_INLINE void invert(double* b, int64_t n) {
+  for (int64_t p = 0; p < n; ++p) {
+    choose_pivot<W>(b, n, p);
+    double* pivot_row = b + p * 4 * n * VoxelBatch::kVoxels;
+    divide_row<W>(pivot_row, n, p);
+    for (int64_t i = 0; i < n; ++i) {
+      if (i == p) continue;
+      double* row = b + i * 4 * n * VoxelBatch::kVoxels;
+      const Lanes<W> fr = lane<W>(row, 2 * p), fi = lane<W>(row, 2 * p + 1);
+      for (int64_t j = p + 1; j < 2 * n; ++j) {
+        const Lanes<W> xr = lane<W>(pivot_row, 2 * j), xi = lane<W>(pivot_row, 2 * j + 1);
+        lane<W>(row, 2 * j) -= fr * xr - fi * xi;
+        lane<W>(row, 2 * j + 1) -= fr * xi + fi * xr;
+      }
+    }
+  }
+}
+
+/// Stores W complex numbers, real and imaginary parts in turn.
+template <int W, std::size_t... I>
+CTESSEL_INLINE void store_pairs(const Lanes<W>& re, const Lanes<W>& im, double* out,
+                                std::index_sequence<I...>) {
+  auto* pairs = reinterpret_cast<Lanes<W>*>(out);
+  pairs[0] = __builtin_shufflevector(re, im, (I / 2 + I % 2 * W)...);
+  pairs[1] = __builtin_shufflevector(re, im, (W / 2 + I / 2 + I % 2 * W)...);
+}
+
+/// U = B^-1 W of alias k for C coils from c on.
+template <int W, int C>
+CTESSEL_INLINE void apply_to_coils(const Slice& t, int64_t n, int64_t k, int64_t c) {
+  Lanes<W> re[C] = {}, im[C] = {};
+  for (int64_t l = 0; l < n; ++l) {
+    const Lanes<W> br = lane<W>(t.b, 2 * (k * 2 * n + n + l)),
+                   bi = lane<W>(t.b, 2 * (k * 2 * n + n + l) + 1);
+    for (int i = 0; i < C; ++i) {
+      const Lanes<W> wr = lane<W>(t.w, 2 * (l * t.nc + c + i)),
+                     wi = lane<W>(t.w, 2 * (l * t.nc + c + i) + 1);
+      re[i] += br * wr - bi * wi;
+      im[i] += br * wi + bi * wr;
+    }
+  }
+  for (int i = 0; i < C; ++i) {
+    re[i] = there<W>(t, k) ? re[i] : Lanes<W>{};
+    im[i] = there<W>(t, k) ? im[i] : Lanes<W>{};
+    store_pairs<W>(re[i], im[i], t.u + 2 * VoxelBatch::kVoxels * (k * t.nc + c + i),
+                   std::make_index_sequence<W>());
+  }
+}
+
+template <int W>
+CTESSEL_INLINE void apply_inverse(const Slice& t, int64_t n) {
+  for (int64_t k = 0; k < n; ++k) {
+    int64_t c = 0;
+    for (; c + 4 <= t.nc; c += 4) apply_to_coils<W, 4>(t, n, k, c);
+    for (; c < t.nc; ++c) apply_to_coils<W, 1>(t, n, k, c);
+  }
+}
+
+/// All steps, with loops of fixed length where N is not 0.
+template <int W, int N>
+CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* samples,
+                                int64_t pitch) {
+  const int64_t n = N ? N : aliases;
+  load<W>(t, n, samples, pitch);
+  weigh<W>(t, n);
+  form<W, N>(t, n);
+  invert<W>(t.b, n);
+  apply_inverse<W>(t, n);
+}
+
+template <int W>
+CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t pitch) {
+  const auto* psi_inverse = reinterpret_cast<const double*>(batch.psi_inverse);
+  for (int first = 0; first < VoxelBatch::kVoxels; first += W) {
+    const Slice t{batch.coils,
+                  batch.sensitivity[0].voxel + first,
+                  batch.weighted[0].voxel + first,
+                  batch.matrix[0].voxel + first,
+                  batch.result[0].voxel + 2 * first,
+                  batch.regularised[0].voxel + first,
+                  batch.present[0].voxel + first,
+                  psi_inverse};
+    switch (batch.aliases) {
+      case 1:
+        solve_slice<W, 1>(t, 1, samples + first, pitch);
+        break;
+      case 2:
+        solve_slice<W, 2>(t, 2, samples + first, pitch);
+        break;
+      case 3:
+        solve_slice<W, 3>(t, 3, samples + first, pitch);
+        break;
+      case 4:
+        solve_slice<W, 4>(t, 4, samples + first, pitch);
+        break;
+      default:
+        solve_slice<W, 0>(t, batch.aliases, samples + first, pitch);
+    }
+  }
+}
+
+CTESSEL_BY_WIDTH(void solve_here(VoxelBatch& batch, const float* samples, int64_t pitch),
+                 solve_batch, (batch, samples, pitch))
+
+}  // namespace
+
+ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<double>* inverse)
+    : coils(nc), psi_inverse(inverse) {
+  const auto n = static_cast<std::size_t>(most), entries = entry(most, 0);
+  present.resize(n);
+  regularised.resize(n);
+  sensitivity.resize(entries);
+  weighted.resize(entries);
+  matrix.resize(4 * n * n);
+  result.resize(entries);
+}
+
+void ctessel::solve(VoxelBatch& batch, const float* samples, int64_t pitch) {
+  solve_here(batch, samples, pitch);
+}
