@@ -10,12 +10,12 @@
 // The sanitizers' runtimes are not up yet when the choice is made, so they get the baseline.
 #pragma once
 
-#if defined(__has_feature)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define CTESSEL_SANITIZED
+#elif defined(__has_feature)  // also where it always says no: Eigen defines it for gcc
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define CTESSEL_SANITIZED
 #endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define CTESSEL_SANITIZED
 #endif
 
 #if defined(CTESSEL_DISPATCH) && defined(__x86_64__) && defined(__GNUC__) && \
