@@ -280,7 +280,7 @@ def _inside(at, shape):
 
 def _scan_places(heads, role, header, coils, index):
     which = role == IMAGING
-    x = _readouts(heads, header, which)
+    x, header.limits["x"] = _readouts(heads, header, which)
     shape = _image_shape(which, header, index)
     times = _times(which, index, shape)
     _check_complete(times > 0)
@@ -292,7 +292,7 @@ def _scan_places(heads, role, header, coils, index):
 
 
 def _readouts(heads, header, which):
-    """Place of the first sample that is kept, k = 0 at ``N // 2``; the same for all.
+    """Places of the first samples that are kept, k = 0 at ``N // 2``, the same for all; x limits.
 
     Readouts in the other direction are turned round when they are read: sample c of n is then
     sample n - c, as both directions cover the same part of k-space.
@@ -323,8 +323,7 @@ def _readouts(heads, header, which):
             "another part of k-space than the first ones",
             *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []),
         )
-    header.limits["x"] = Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
-    return first
+    return first, Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
 
 
 def _check_complete(measured):
@@ -370,7 +369,7 @@ def _apart_places(heads, role, encodings, header, coils, index, slices):
     role[(role == APART) & ~which] = IGNORED
     own = encodings[space[which][0]]
     header.calibration_fov = own.encoded_fov
-    x = _readouts(heads, own, which)
+    x, _ = _readouts(heads, own, which)
     places = {name: index[name].copy() for name in ("y", "z")}
     shape = []
     for name, extent in zip("yz", own.encoded_matrix[1:]):

@@ -235,8 +235,6 @@ def _empty_scan(found, zeros):
         scan.readout = found.scan.shape[0]
     if (lines != sampled[:, :, None, None, None]).any():
         scan.lines = lines
-    if found.flagged.any():
-        scan.calibration_lines = found.flagged
     if found.apart:
         scan.calibration = zeros(found.apart.shape)
     return scan

@@ -58,8 +58,8 @@ class Scan:
     oversampling still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0.
     Averages are summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the
     measured lines. `calibration` is k-space of a separate calibration scan on its own grid, same
-    axes, or None; calibration lines inside the scan are part of `kspace`. `calibration_lines`
-    marks, ``(y, z)`` of bool, lines flagged as calibration. `noise` is ``(sample, coil)`` or None.
+    axes, or None; calibration lines inside the scan are part of `kspace`. `noise` is
+    ``(sample, coil)`` or None.
     `lines`, ``(y, z, slice, echo, repetition)`` of bool, is given where images differ in their
     lines (undersampling that moves from repetition to repetition); `sampled` marks the lines of any
     of them then. `readout` is the number of samples along x that were measured, where oversampling
@@ -70,7 +70,6 @@ class Scan:
     kspace: np.ndarray
     sampled: np.ndarray
     header: Header
-    calibration_lines: np.ndarray | None = None
     calibration: np.ndarray | None = None
     noise: np.ndarray | None = None
     readout: int | None = None

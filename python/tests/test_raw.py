@@ -153,6 +153,13 @@ def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
     np.testing.assert_allclose(single[:3], matrix, atol=1e-12)  # the gap counts
 
 
+def test_a_whole_calibration_readout_does_not_hide_a_partial_one_of_the_images(tmp_path):
+    images = [acquisition(11, kspace_encode_step_1=y, center_sample=3) for y in range(0, 8, 2)]
+    text = _ismrmrd.header_text(header(calibration_mode="separate"), coils=2, counts={})
+    scan = raw.read(write(tmp_path / "c.h5", [*lines(flags=flag(20)), *images], text))
+    assert pipeline.partial_ranges(scan)[0] == (-3, 7)
+
+
 @pytest.mark.parametrize("name, calibrated, joined", [
     ("slice", (0, 1, 2, 3), True), ("slice", (0, 1, 2, 3), False), ("contrast", (3,), False), ("repetition", (0,), False),
 ])  # fmt: skip
