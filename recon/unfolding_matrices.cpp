@@ -259,7 +259,7 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
                   batch.sensitivity[0].voxel + first,
                   batch.weighted[0].voxel + first,
                   batch.matrix[0].voxel + first,
-                  batch.result[0].voxel + 2 * first,
+                  reinterpret_cast<double*>(batch.result.data()) + 2 * first,  // pairs
                   batch.regularised[0].voxel + first,
                   batch.present[0].voxel + first,
                   psi_inverse};
