@@ -39,8 +39,14 @@ void __wrap_free(void* p) {
 }
 
 void* operator new(std::size_t n) { return taken(__wrap_malloc(n > 0 ? n : 1)); }
+void* operator new(std::size_t n, std::align_val_t to) {
+  const auto line = static_cast<std::size_t>(to);
+  return taken(count(std::aligned_alloc(line, (n + line - 1) / line * line)));
+}
 void operator delete(void* p) noexcept { __wrap_free(p); }
 void operator delete(void* p, std::size_t) noexcept { __wrap_free(p); }
+void operator delete(void* p, std::align_val_t) noexcept { __wrap_free(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { __wrap_free(p); }
 
 std::size_t bench::peak_memory(const std::function<void()>& call) {
   const std::size_t before = held;

@@ -55,8 +55,17 @@ void* operator new(std::size_t n) {
   if (void* p = __wrap_malloc(n > 0 ? n : 1)) return p;
   throw std::bad_alloc();
 }
+void* operator new(std::size_t n, std::align_val_t to) {
+  const auto line = static_cast<std::size_t>(to);
+  if (to_fail()) throw std::bad_alloc();
+  ++live;
+  if (void* p = std::aligned_alloc(line, (n + line - 1) / line * line)) return p;
+  throw std::bad_alloc();
+}
 void operator delete(void* p) noexcept { __wrap_free(p); }
 void operator delete(void* p, std::size_t) noexcept { __wrap_free(p); }
+void operator delete(void* p, std::align_val_t) noexcept { __wrap_free(p); }
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept { __wrap_free(p); }
 
 namespace {
 
