@@ -99,11 +99,11 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)
     _check(phantom)
-    library, lines, image = raw.library(path), list(_measurements(phantom)), truth(phantom)
+    binding, lines, image = raw.binding(path), list(_measurements(phantom)), truth(phantom)
     with Staged() as files:
         target = files.path(Path(path))
         try:
-            writer = library.Writer(str(target), group, _header_text(phantom))
+            writer = binding.Writer(str(target), group, _header_text(phantom))
             for done, (head, samples) in enumerate(_acquisitions(phantom, image, lines), 1):
                 writer.append(np.frombuffer(head.tobytes(), np.uint8), samples)
                 if progress:

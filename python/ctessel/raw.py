@@ -171,7 +171,7 @@ def mend_memory(found):
     )
 
 
-def library(path):
+def binding(path):
     """The module that reads and writes raw data files; RawError where it was left out."""
     try:
         from . import _raw
@@ -184,7 +184,7 @@ def library(path):
 
 
 def _open(path, group):
-    _raw = library(path)
+    _raw = binding(path)
     if not os.path.isfile(path):
         code = errno.EISDIR if os.path.isdir(path) else errno.ENOENT
         raise RawError(f"{path}: {os.strerror(code)}; name a raw data file")
