@@ -50,7 +50,7 @@ from ._steps import (
     usable_ranges,
     whiten,
 )
-from .scan import AXES
+from .scan import AXES, times_text
 
 __all__ = [
     "Coefficients", "Lattice", "Options", "Result", "calibration_block", "combine", "flip",
@@ -564,7 +564,7 @@ def _words(scan, setups):
     if options.ringing > 0:
         steps.append(f"ringing filter of strength {options.ringing:g}")
     if any(p > n for p, n in zip(setup.pixels, setup.full)):
-        steps.append(f"zero filling to {_times(setup.pixels)}")
+        steps.append(f"zero filling to {times_text(setup.pixels)}")
     steps += _partial_words(scan, setup)
     if not setup.unfolds and scan.kspace.shape[3] > 1:
         steps.append(
@@ -576,7 +576,7 @@ def _words(scan, setups):
             f"geometry correction, splines of order {options.order}"
             + (", intensity by the Jacobian" if options.intensity else "")
         )
-    steps.append(f"image {_times(setup.matrix)}, field of view {_times(setup.field)} mm")
+    steps.append(f"image {times_text(setup.matrix)}, field of view {times_text(setup.field)} mm")
     return [step for step in steps if step]
 
 
@@ -590,7 +590,7 @@ def _noise_words(scan, setup):
 def _sense_words(scan, setups):
     setup, options = setups[0], setups[0].options
     lines = _calibration_region(scan, options.calibration_size)[1]
-    words = f"sensitivity maps from {_times(lines)} calibration lines"
+    words = f"sensitivity maps from {times_text(lines)} calibration lines"
     factors = ", ".join(
         f"R = {lattice.reduction} along {axis}"
         for axis, lattice in zip("yz", setup.lattices)
@@ -618,10 +618,6 @@ def _partial_words(scan, setup):
             mirrored = " (mirrored)" if sum(used) < 0 else ""
             words.append(f"homodyne along {axis}, lines {used[0]} to {used[1]}{mirrored}")
     return words
-
-
-def _times(numbers):
-    return " x ".join(f"{n:g}" for n in numbers)
 
 
 def _parameters(scan, setup):

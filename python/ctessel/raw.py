@@ -17,7 +17,7 @@ from ._fourier import remove_oversampling
 from ._ismrmrd import HEAD, REVERSE, DefectError, parse
 from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
-from .scan import AXES, Limit, Scan
+from .scan import AXES, Limit, Scan, times_text
 
 __all__ = [
     "Contents",
@@ -136,8 +136,8 @@ def facts(found):
     texts = {
         "protocol": header.protocol,
         "kind": "3-D" if nz > 1 else "2-D",
-        "encoded": f"{_times(header.encoded_matrix)}, {_times(header.encoded_fov)} mm",
-        "image": f"{_times(header.recon_matrix)}, {_times(header.recon_fov)} mm",
+        "encoded": f"{times_text(header.encoded_matrix)}, {times_text(header.encoded_fov)} mm",
+        "image": f"{times_text(header.recon_matrix)}, {times_text(header.recon_fov)} mm",
         "readout": f"samples {x.minimum} to {x.maximum} of {nx}",
         "lines": f"{int((times > 0).any((2, 3, 4)).sum())} of {ny * nz}",
         "coils": str(extents["coil"]),
@@ -145,7 +145,7 @@ def facts(found):
         "echoes": str(extents["echo"]),
         "repetitions": str(extents["repetition"]),
         "averages": str(int(times.max())),
-        "acceleration": _times(header.acceleration),
+        "acceleration": times_text(header.acceleration),
         "calibration": _calibration_text(found),
         "noise scan": f"{found.noise_samples} samples" if found.noise_samples else "none",
         "position": _position_text(header),
@@ -333,10 +333,6 @@ def _divide(array, times):
     for y, z, slice, echo, repetition in np.argwhere(times > 1):
         count = np.float32(times[y, z, slice, echo, repetition])
         array[:, y, z, :, slice, echo, repetition] /= count
-
-
-def _times(numbers):
-    return " x ".join(f"{n:g}" for n in numbers)
 
 
 def _calibration_text(found):

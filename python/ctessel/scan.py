@@ -8,6 +8,11 @@ import numpy as np
 AXES = ("x", "y", "z", "coil", "slice", "echo", "repetition")
 
 
+def times_text(numbers):
+    """Extents as people write them, 64 x 48 x 1."""
+    return " x ".join(f"{n:g}" for n in numbers)
+
+
 @dataclass
 class Limit:
     """Encoded lines of one axis: first and last one measured, and the one that is k = 0."""
