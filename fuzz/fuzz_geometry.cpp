@@ -27,7 +27,7 @@ void harmonics(Input& input) {
   const float angle = static_cast<float>(m) * phi;
   require(same(funcYS(n, m, q, phi, r0, p), std::sin(angle) * (factor * p)), "sine term");
   require(same(funcYC(n, m, q, phi, r0, p), std::cos(angle) * (factor * p)), "cosine term");
-  const int nl = input.within(0, 9), nm = input.within(0, 9), npts = input.within(-1, 12);
+  const int nl = input.within(0, 20), nm = input.within(0, 20), npts = input.within(-1, 40);
   Guarded<float> table(static_cast<std::size_t>(nl * nm * std::max(npts, 0)), 9);
   std::vector<float> entries(table.values());
   create_plgndr_lookup(nl, nm, npts, table.data());

@@ -202,13 +202,14 @@ void interpolation(Input& input) {
 
 template <class T>
 void find(Input& input) {
-  std::vector<T> a(input.within<std::size_t>(0, 40));
+  std::vector<T> a(input.within<std::size_t>(0, 200));  // searched in blocks
   for (T& v : a) v = static_cast<T>(input.within(-1, 40));
   const T wanted = static_cast<T>(input.within(-1, 40));
   const auto at = std::find(a.begin(), a.end(), wanted);
   require(TS_find(a.data(), wanted, static_cast<int>(a.size())) ==
               (at == a.end() ? -1 : static_cast<int>(at - a.begin())),
           "found");
+  require(TS_find(a.data(), wanted, -1) == -1, "nothing found in fewer than no elements");
 }
 
 void rms(Input& input) {
@@ -247,7 +248,8 @@ void helpers(Input& input) {
   find<unsigned int>(input);
 
   const int entries = input.within(0, 5);
-  Eigen::VectorXi extents(entries), sub(entries);
+  Eigen::VectorXi extents(entries), sub(entries + 1);  // further subscripts are not read
+  sub[entries] = 1;
   unsigned index = 0;  // from the last dimension down
   for (int d = entries; d-- > 0;) {
     extents[d] = input.any<int>();

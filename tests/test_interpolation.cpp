@@ -1,41 +1,5 @@
-#include <memory>
-
 #include "cTessel.h"
 #include "support.h"
-
-// On a function that is linear along each axis the interpolant is exact inside the volume, which
-// pins the axis each coordinate belongs to.
-TEST_CASE("Trilinear interpolation takes the second dimension's coordinate first",
-          "[interpolation]") {
-  const int nx = 3, ny = 4, nz = 5;
-  int dims[] = {nx, ny, nz};
-  std::vector<float> v;
-  for (int z = 0; z < nz; ++z)
-    for (int y = 0; y < ny; ++y)
-      for (int x = 0; x < nx; ++x)
-        v.push_back(static_cast<float>(1 + x + 10 * y + 100 * z + x * y * z));
-  const Eigen::VectorXi extents = Eigen::Map<Eigen::VectorXi>(dims, 3);
-  const Eigen::VectorXf volume = Eigen::Map<Eigen::VectorXf>(v.data(), nx * ny * nz);
-  Eigen::VectorXcd complex_volume(2 * nx * ny * nz);  // two volumes: the end of the first counts
-  complex_volume << volume.cast<double>() * std::complex<double>(1, -2),
-      Eigen::VectorXcd::Constant(nx * ny * nz, 1e9);
-  Random random;
-  CAPTURE(run_seed());
-  for (int i = 0; i < 200; ++i) {
-    const float a = random.real(0, ny - 1.001f), b = random.real(0, nx - 1.001f),
-                c = random.real(0, nz - 1.001f);
-    const double want = 1 + b + 10 * a + 100 * c + static_cast<double>(b) * a * c;
-    const float got = TS_linear_interpolation(v.data(), a, b, c, dims);
-    CHECK(got == Approx(want).epsilon(1e-6));
-    CHECK(TS_linear_interpolation(v.data(), a, b, c, extents) == got);
-    CHECK(TS_linear_interpolation(volume, a, b, c, extents) == got);
-    const int ia = static_cast<int>(a), ib = static_cast<int>(b), ic = static_cast<int>(c);
-    const std::complex<double> z =
-        TS_linear_interpolation(complex_volume, extents, nx * ia + ib + nx * ny * ic, a - ia,
-                                b - ib, c - ic, nx * ny, nx * ny * nz);
-    CHECK(std::abs(z - want * std::complex<double>(1, -2)) < 1e-4);
-  }
-}
 
 TEST_CASE("Corners past the end count as 0 and rows wrap around", "[interpolation]") {
   std::vector<float> v = {1, 2, 3, 4};

@@ -137,6 +137,7 @@ TEST_CASE("Factors, edges and unfolding agree with the transcription", "[sense]"
     CHECK(s.edges_z == ez);
     CHECK(factor_error(s, got, want) < 1e-9);
 
+    const double size = want.cwiseAbs().maxCoeff() * s.maps[3];
     for (float* fold_im : {s.fold_im.data(), static_cast<float*>(nullptr)}) {
       Guarded<float> re(s.full.prod(), 3.0f), im(s.full.prod(), 3.0f);
       std::vector<float> want_re(s.full.prod(), 3.0f), want_im(want_re);
@@ -145,34 +146,16 @@ TEST_CASE("Factors, edges and unfolding agree with the transcription", "[sense]"
             naive::unfold(s.fold_re.data(), fold_im, s.folded, want, s.factor_dims, s.full,
                           ey.data(), ez.data(), want_re.data(), want_im.data()));
       CHECK((re.intact() && im.intact()));
-      const double size = want.cwiseAbs().maxCoeff() * s.maps[3];
       double worst = 0;
       for (std::size_t j = 0; j < want_re.size(); ++j) {
         CHECK((re.values()[j] == 3.0f) == (want_re[j] == 3.0f));
+        CHECK(std::isnan(re.values()[j]) == std::isnan(want_re[j]));
         worst = std::max<double>(worst, std::abs(re.values()[j] - want_re[j]));
         worst = std::max<double>(worst, std::abs(im.values()[j] - want_im[j]));
       }
       CHECK(worst < 4 * std::numeric_limits<float>::epsilon() * size);
+      want[want.size() / 2] = NAN;  // and now also where it takes part with weight 0
     }
-  }
-}
-
-TEST_CASE("Factors and images are the same bits on every thread count", "[sense]") {
-  CAPTURE(run_seed());
-  for (std::size_t i : {3u, 4u, 6u}) {
-    Scene s(kSetups[i]);
-    std::vector<Complex> first;
-    std::vector<std::uint32_t> image;
-    with_thread_counts([&] {
-      Eigen::VectorXcd factors = s.fresh_factors();
-      s.factors(factors);
-      std::vector<float> re(s.full.prod()), im(re);
-      unfold(s.fold_re.data(), s.fold_im.data(), s.folded, factors, s.factor_dims, s.maps, s.full,
-             s.edges_y.data(), s.edges_z.data(), re.data(), im.data());
-      if (first.empty()) first.assign(factors.begin(), factors.end()), image = bits(re);
-      CHECK(std::equal(first.begin(), first.end(), factors.begin()));
-      CHECK(bits(re) == image);
-    });
   }
 }
 
@@ -194,18 +177,13 @@ TEST_CASE("An alias once included stays in its column; without imaginary parts n
   CHECK(f.isZero(0));
 }
 
-TEST_CASE("Singular matrices give non-finite factors and regularisation mends them", "[sense]") {
+TEST_CASE("Singular matrices give non-finite factors", "[sense]") {
   Scene s({{3, 4, 1, 2}, {3, 1, 1}, {3, 4, 1}, false});  // four aliases, two coils
   Eigen::VectorXcd f = s.fresh_factors();
   std::fill(s.im.begin(), s.im.end(), 0.0f);
   std::fill(s.re.begin(), s.re.end(), 1.0f);
   CHECK(s.factors(f) == 1);
   for (const Complex& z : f) CHECK(!std::isfinite(std::abs(z)));
-  s.setup.lambda = 0.1;
-  s.reference = Eigen::VectorXf::Constant(12, 1.0f);
-  CHECK(s.factors(f) == 1);
-  // Four equal aliases: (2 ones + 10)^-1 gives each 1 / (4 * 2 + 10).
-  for (const Complex& z : f) CHECK(std::abs(z - 1.0 / 18) < 1e-12);
 }
 
 TEST_CASE("find_edges compares lengths, then distances with half the lines", "[sense]") {
@@ -216,17 +194,6 @@ TEST_CASE("find_edges compares lengths, then distances with half the lines", "[s
   CHECK(find_edges(a, b, 2, 2, 7) == 0);  // 3 is not more than 7 / 2 = 3
   CHECK(find_edges(a, b, 2, 2, 5) == 1);
   CHECK(find_edges(a, b, 0, 0, 0) == 0);
-}
-
-TEST_CASE("Recorded edges are sorted together with what the caller had", "[sense]") {
-  Scene s({{1, 10, 1, 2}, {1, 4, 1}, {1, 10, 1}, false});
-  Eigen::VectorXcd f = s.fresh_factors();
-  s.factors(f);
-  CHECK(s.edges_y == std::array<float, 2>{0, 2});
-  Scene two({{1, 8, 1, 2}, {1, 4, 1}, {1, 8, 1}, false});
-  f = two.fresh_factors();
-  two.factors(f);
-  CHECK(two.edges_y == std::array<float, 2>{-1, 1});
 }
 
 TEST_CASE("unfold keeps its place in the mask at a position out of range", "[sense]") {
