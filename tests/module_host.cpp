@@ -15,27 +15,12 @@
 #include <vector>
 
 #include "error_texts.h"
+#include "guarded.h"
 #include "naive_homodyne.h"
 
 namespace {
 
-/// Bytes with guard zones, so that the module's reach can be checked.
-class Bytes {
- public:
-  Bytes() = default;
-  explicit Bytes(std::size_t n) : store_(n + 2 * kZone, '\x5a') { std::memset(data(), 0, n); }
-  char* data() { return store_.data() + kZone; }
-  bool intact() const {
-    for (std::size_t i = 0; !store_.empty() && i < kZone; ++i) {
-      if (store_[i] != '\x5a' || store_[store_.size() - 1 - i] != '\x5a') return false;
-    }
-    return true;
-  }
-
- private:
-  static constexpr std::size_t kZone = 64;
-  std::vector<char> store_;
-};
+using Bytes = Guarded<char>;
 
 int failures = 0;
 void check(bool ok, const std::string& what) {
@@ -51,15 +36,15 @@ struct mxArray {
   const char* class_name;
   std::vector<int> dims;
   bool complex;
-  Bytes re, im;
+  Bytes re{0, 0}, im{0, 0};
   std::string text;
 
   mxArray(const char* name, std::vector<int> extents, bool is_complex, std::size_t width)
       : class_name(name), dims(std::move(extents)), complex(is_complex) {
     std::size_t n = width;
     for (int d : dims) n *= static_cast<std::size_t>(d);
-    re = Bytes(n);
-    if (complex) im = Bytes(n);
+    re = Bytes(n, 0);
+    if (complex) im = Bytes(n, 0);
   }
 };
 

@@ -27,17 +27,6 @@ inline std::vector<float> rotated(const std::vector<float>& v, const std::vector
   return out;
 }
 
-/// Three library copies per line, as the straightforward shift does them.
-inline void shift_by_copies(float* part, std::size_t line, std::size_t shift, std::size_t lines,
-                            std::vector<float>& scratch) {
-  scratch.resize(shift);
-  for (std::size_t j = 0; j < lines; ++j, part += line) {
-    std::memcpy(scratch.data(), part + line - shift, shift * sizeof(float));
-    std::memmove(part + shift, part, (line - shift) * sizeof(float));
-    std::memcpy(part, scratch.data(), shift * sizeof(float));
-  }
-}
-
 /// Copies each sample to the centre of its target volume.
 inline void zero_pad(const std::vector<float>& in, const std::vector<int>& dims, const double* to,
                      std::vector<float>& out) {

@@ -20,10 +20,10 @@ TEST_CASE("TS_zero_pad puts an odd spare zero in front", "[zero_pad]") {
 
 TEST_CASE("TS_zero_pad places the rows that it streams past the caches", "[zero_pad]") {
   std::vector<int> dims = {75, 41, 20, 2};
-  const double to[] = {200, 180, 160};
+  const double to[] = {201, 180, 160};  // rows begin everywhere in a cache line
   Random random(5);
   std::vector<float> re = random.reals(123000), im = random.reals(123000);
-  const std::size_t n = 200u * 180 * 160 * 2;
+  const std::size_t n = 201u * 180 * 160 * 2;
   std::vector<float> want_re(n, -9), want_im(n, -9);
   naive::zero_pad(re, dims, to, want_re);
   naive::zero_pad(im, dims, to, want_im);

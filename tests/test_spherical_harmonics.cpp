@@ -31,20 +31,6 @@ std::pair<int, bool> fate_of(const F& f) {
 
 }  // namespace
 
-// Reference: the library function of C++17, which leaves the phase (-1)^m out.
-TEST_CASE("plgndr agrees with std::assoc_legendre", "[legendre]") {
-  for (int l = 0; l <= 17; ++l)
-    for (int m = 0; m <= l; ++m)
-      for (float x : {-1.0f, -0.95f, -0.7f, 0.0f, 0.3f, 0.9f, 1.0f}) {
-        CAPTURE(l, m, x);
-        const double want =
-            (m % 2 ? -1 : 1) *
-            std::assoc_legendre(static_cast<unsigned>(l), static_cast<unsigned>(m), double(x));
-        // The root is kept in float, so its error of 2^-25 comes in m times.
-        CHECK(plgndr(l, m, x) == Approx(want).epsilon(1e-6).margin(1e-9));
-      }
-}
-
 TEST_CASE("plgndr ends the process with status 1 and no message where it is not defined",
           "[legendre]") {
   struct Case {

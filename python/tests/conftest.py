@@ -1,8 +1,6 @@
 """What the tests share: random arrays in every kind of memory order, and measured data."""
 
 import os
-import shutil
-import subprocess
 from pathlib import Path
 
 import numpy as np
@@ -46,21 +44,3 @@ def measured():
         return np.fromfile(folder / f"{name}.cfl", "<c8").reshape(shape, order="F")
 
     return load
-
-
-@pytest.fixture
-def bart(tmp_path):
-    """Runs one BART command on one array; skips where BART is not installed."""
-    if not shutil.which("bart"):
-        pytest.skip("BART is not installed")
-
-    def run(array, *command):
-        np.asarray(array, np.complex64).ravel(order="F").tofile(tmp_path / "in.cfl")
-        (tmp_path / "in.hdr").write_text("# Dimensions\n" + " ".join(map(str, array.shape)) + "\n")
-        subprocess.run(["bart", *map(str, command), "in", "out"], cwd=tmp_path, check=True,
-                       stdout=subprocess.DEVNULL)
-        dims = list(map(int, (tmp_path / "out.hdr").read_text().splitlines()[1].split()))
-        out = np.fromfile(tmp_path / "out.cfl", "<c8").reshape(dims, order="F")
-        return out.reshape(dims[: array.ndim], order="F")
-
-    return run

@@ -86,13 +86,3 @@ def test_ringing_filter_is_the_separable_window(shape, strength, width):
         same_bits(a, data)
     assert ctessel.ringing_filter(data, strength, width, inplace=True) is data
     same_bits(data, first)
-
-
-@pytest.mark.parametrize("shape", [(8, 6, 4), (7, 5, 3)])
-def test_bart_shifts_and_pads_alike(shape, bart):
-    a = random_complex(shape)
-    same_bits(bart(a, "fftshift", 7), ctessel.fftshift(a, axes=(0, 1, 2)))
-    # Into even extents BART's placement is ours; an even extent goes one sample lower into an odd one.
-    larger = [n + 2 if n % 2 == 0 else n + 3 for n in shape]
-    resized = bart(a, "resize", "-c", *[v for pair in enumerate(larger) for v in pair])
-    same_bits(resized, ctessel.zero_pad(a, larger))

@@ -37,24 +37,17 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     np.testing.assert_allclose(image.get_qform(), image.get_sform(), atol=1e-4)
     assert image.header["qform_code"] == image.header["sform_code"] == 1
     told = json.loads((tmp_path / "i.json").read_text())
-    assert (
-        told["RepetitionTime"] == 0.5
-        and told["EchoTime"] == 0.005
-        and told["SpacingBetweenSlices"] == pytest.approx(5)
-    )
-    assert (
-        told["Parameters"]["options"]["regularisation"] == 1
-        and told["Versions"]["numpy"] == np.__version__
-    )
-    assert any("ringing" in step for step in told["Steps"]) and any(
-        "SENSE: R = 2" in step for step in told["Steps"]
-    )
+    assert told["RepetitionTime"] == 0.5 and told["EchoTime"] == 0.005
+    assert told["SpacingBetweenSlices"] == pytest.approx(5)
+    assert told["Parameters"]["options"]["regularisation"] == 1
+    assert told["Versions"]["numpy"] == np.__version__
+    for words in ("ringing", "SENSE: R = 2"):
+        assert any(words in step for step in told["Steps"])
     phase = nibabel.load(tmp_path / "i_phase.nii.gz").get_fdata()
     assert 0 < np.abs(phase).max() <= np.float32(np.pi)
     names = {"i.nii.gz", "i.json", "i_phase.nii.gz", "i_phase.json", "i.png"}
-    assert {p.name for p in tmp_path.iterdir()} == names and (
-        tmp_path / "i.png"
-    ).stat().st_size > 1000
+    assert {p.name for p in tmp_path.iterdir()} == names
+    assert (tmp_path / "i.png").stat().st_size > 1000
 
 
 @pytest.mark.parametrize(
@@ -66,16 +59,8 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale
         phantom.write(scan := tmp_path / "echoes.h5", "echoes", size=16, coils=2)
     whole = recon(scan, tmp_path / "whole.nii.gz", "--regularise", scale)
     for first, after in zip(cuts, cuts[1:]):
-        recon(
-            scan,
-            tmp_path / f"part{first}.nii.gz",
-            "--range",
-            axis,
-            first,
-            after - 1,
-            "--regularise",
-            scale,
-        )
+        part = tmp_path / f"part{first}.nii.gz"
+        recon(scan, part, "--range", axis, first, after - 1, "--regularise", scale)
     parts = [str(tmp_path / f"part{first}.nii.gz") for first in cuts[-2::-1]]
     assert cli.main(["merge", *parts, "-o", str(tmp_path / "merged.nii")]) == 0
     merged = nibabel.load(tmp_path / "merged.nii")
@@ -121,9 +106,8 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
     assert code("phantom", "full", "-o", tmp_path / "p.h5") == cli.MEMORY
     one_line("the phantom needs", "smaller size")
-    assert (
-        code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
-    )
+    assert code("recon", scan, "-o", target, "--dry-run") == 0
+    assert "SENSE" in capsys.readouterr().out
     monkeypatch.delattr("ctessel._raw")
     monkeypatch.setitem(sys.modules, "ctessel._raw", None)
     assert code("info", scan) == cli.DEFECT
@@ -163,9 +147,8 @@ def test_cancel_leaves_nothing(scan, tmp_path, number, code):
     told = run.communicate()[1]
     assert (run.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
     assert time.monotonic() - before < 5
-    assert [p.name for p in tmp_path.iterdir()] == ["i.nii"] and (
-        tmp_path / "i.nii"
-    ).read_text() == "older"
+    assert [p.name for p in tmp_path.iterdir()] == ["i.nii"]
+    assert (tmp_path / "i.nii").read_text() == "older"
 
 
 def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):

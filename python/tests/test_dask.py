@@ -155,41 +155,26 @@ def test_array_of_batch_jobs_makes_the_image_of_one_run(tmp_path):
     pytest.importorskip("ctessel._raw")
     from ctessel import cli, phantom
 
-    phantom.write(
-        tmp_path / "raw.h5", "undersampled", size=48, coils=4, slices=2, repetitions=2, noise=0.02
-    )
-    cli.main(
-        [
-            "recon",
-            str(tmp_path / "raw.h5"),
-            "-o",
-            str(tmp_path / "whole.nii.gz"),
-            "--ringing",
-            "0.3",
-        ]
-    )
+    kind = {"size": 48, "coils": 4, "slices": 2, "repetitions": 2, "noise": 0.02}
+    phantom.write(tmp_path / "raw.h5", "undersampled", **kind)
+    whole = f"recon {tmp_path}/raw.h5 -o {tmp_path}/whole.nii.gz --ringing 0.3"
+    assert cli.main(whole.split()) == 0
     command = tmp_path / "ctessel"  # the module that is tested, under the command's name
     command.write_text(f'#!/bin/sh\nexec {sys.executable} -m ctessel "$@"\n')
     command.chmod(0o755)
     script = Path(__file__).resolve().parents[1] / "examples" / "slurm_array.sh"
+    job = {
+        "PATH": f"{tmp_path}:{os.environ['PATH']}", "PYTHONPATH": os.pathsep.join(sys.path),
+        "OPTIONS": "--ringing 0.3", "AXIS": "repetition",
+        "SLURM_ARRAY_TASK_MIN": "1", "SLURM_ARRAY_TASK_COUNT": "3",
+    }  # fmt: skip
     for task in range(1, 4):  # three tasks that count from 1, for two repetitions: one has none
-        job = {
-            **os.environ,
-            "PATH": f"{tmp_path}:{os.environ['PATH']}",
-            "OPTIONS": "--ringing 0.3",
-            "AXIS": "repetition",
-            "PYTHONPATH": os.pathsep.join(sys.path),
-            "SLURM_ARRAY_TASK_MIN": "1",
-            "SLURM_ARRAY_TASK_ID": str(task),
-            "SLURM_ARRAY_TASK_COUNT": "3",
-        }
-        subprocess.run(
-            ["bash", script, "raw.h5", "image.nii.gz", "2"], cwd=tmp_path, env=job, check=True
-        )
+        env = {**os.environ, **job, "SLURM_ARRAY_TASK_ID": str(task)}
+        run = ["bash", script, "raw.h5", "image.nii.gz", "2"]
+        subprocess.run(run, cwd=tmp_path, env=env, check=True)
     parts = sorted(map(str, tmp_path.glob("image.part-*.nii.gz")))
-    assert (
-        len(parts) == 2 and cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
-    )
+    assert len(parts) == 2
+    assert cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
     got, want = (nibabel.load(tmp_path / f"{name}.nii.gz") for name in ("image", "whole"))
     assert got.shape == want.shape == (48, 48, 2, 2)
     np.testing.assert_array_equal(got.get_fdata(), want.get_fdata())

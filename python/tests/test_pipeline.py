@@ -377,11 +377,3 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     ):
         with pytest.raises(ValueError, match=re.escape(message)):
             pipeline.plan(faulty, options)
-
-
-def test_cancel_passes_through():
-    def cancel(done, total):
-        raise KeyboardInterrupt
-
-    with pytest.raises(KeyboardInterrupt):
-        pipeline.reconstruct(scan((16, 16, 1), slices=3)[1], progress=cancel)

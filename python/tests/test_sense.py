@@ -108,20 +108,6 @@ def test_measured_brain_unfolds_close_to_the_full_data(measured):
     assert error < 0.04  # NumPy's least squares: 0.024
 
 
-@pytest.mark.parametrize("full_len, fold_len", [(10, 4), (200, 80), (256, 128), (7, 4), (5, 5)])
-def test_positions_invert_folding(full_len, fold_len):
-    seen = []
-    for line in range(fold_len):
-        positions = ctessel.unfolded_positions(full_len, fold_len, line)
-        assert all(ctessel.folded_pos(int(p), full_len, fold_len) == line for p in positions)
-        seen += positions.tolist()
-    assert sorted(seen) == list(range(full_len))
-    lower, upper = ctessel.compartments(full_len, fold_len)
-    assert -1 <= lower <= upper
-    if (full_len, fold_len) == (200, 80):
-        assert (lower, upper) == (19, 59)
-
-
 @pytest.mark.parametrize("regularised", [False, True])
 @pytest.mark.parametrize("order", "CF")
 def test_slabs_give_the_bits_of_one_call(regularised, order):
