@@ -6,6 +6,9 @@
 
 #include "cTessel.h"
 #include "dispatch.h"
+#include "homodyne.h"
+#include "host/memory.h"
+#include "naive_homodyne.h"
 #include "support.h"
 
 #if __SIZEOF_POINTER__ < 8 || defined(CTESSEL_SANITIZED)
@@ -37,6 +40,13 @@ class Mapped {
   Mapped(const Mapped&) = delete;
   Mapped& operator=(const Mapped&) = delete;
   bool ok() const { return ok_; }
+  /// Gives one stretch of floats memory of its own.
+  float* own(std::size_t first, std::size_t count) {
+    float* part = data() + first;
+    const void* at = mmap(part, count * sizeof(float), PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    return at == MAP_FAILED ? nullptr : part;
+  }
   float* data() { return reinterpret_cast<float*>(side_ + kBytes); }
 
  private:
@@ -55,6 +65,44 @@ class Mapped {
   bool ok_;
 };
 
+/// A host's array of many small volumes in the shared memory, of which the last ones have memory of
+/// their own.
+struct HostArray {
+  HostArray(Mapped& big, bool pairs) : volumes(pairs ? 33 << 10 : 65 << 10), step(pairs ? 2 : 1) {
+    array = host::single({64, 32, 16, volumes}, {}, {}, host::Layout::kPairs);
+    array.complex = pairs;
+    array.borrowed = big.data();
+    end = big.own((static_cast<std::size_t>(step) * volumes << 15) - kOwn, kOwn);
+  }
+  void fill(float others, const naive::Volume& last) {
+    std::fill_n(array.borrowed, kOwn, others);
+    for (std::size_t i = 0; i < last.re.size(); ++i) {
+      end[step * i] = last.re[i];
+      if (step == 2) end[2 * i + 1] = last.im[i];
+    }
+  }
+  naive::Volume last() const {
+    naive::Volume v{{64, 32, 16, kOwn / step >> 15}, {}, {}};
+    for (int i = 0; i < kOwn; i += step) {
+      v.re.push_back(end[i]);
+      if (step == 2) v.im.push_back(end[i + 1]);
+    }
+    return v;
+  }
+  static constexpr int kOwn = 1 << 19;
+  int volumes, step;
+  host::Array array;
+  float* end;
+};
+
+host::Array* call(const char* name, std::vector<const host::Array*> inputs) {
+  const host::Array operation = host::text(name);
+  inputs.insert(inputs.begin(), &operation);
+  host::Array* out[1] = {nullptr};
+  mexFunction(1, out, static_cast<int>(inputs.size()), inputs.data());
+  return out[0];
+}
+
 }  // namespace
 
 TEST_CASE("Single samples beyond 2^31 are found where they are", "[large]") {
@@ -66,13 +114,16 @@ TEST_CASE("Single samples beyond 2^31 are found where they are", "[large]") {
   const std::size_t volume = std::size_t{1} << 30, centre = 16384 + std::size_t{32768} * 16384;
   for (std::size_t p = 0; p < 3; ++p) CHECK(big.data()[p * volume + centre] == re[p]);
 
+  // Five coils: four that are added up together, and the last one alone.
+  const std::size_t coil = std::size_t{25000} << 15;
   big.data()[5] = 3;
-  big.data()[2 * volume + 5] = 4;  // the third coil's
-  int dims[] = {1 << 15, 1 << 15, 1, 3, 1, 1, 1, 1, 1, 1}, outdims[] = {8, 1, 1, 1};
+  big.data()[3 * coil + 5] = 12;
+  big.data()[4 * coil + 5] = 4;
+  int dims[] = {25000, 1 << 15, 1, 5, 1, 1, 1, 1, 1, 1}, outdims[] = {8, 1, 1, 1};
   Guarded<float> sum(8, 0.0f), out_re(8, 9.0f), out_im(8, 9.0f);
   TS_perform_sos(big.data(), nullptr, 4, dims, 4, sum.data(), outdims);
   TS_perform_pcsos(big.data(), nullptr, 4, dims, 4, out_re.data(), out_im.data(), outdims);
-  CHECK(sum.values() == std::vector<float>{0, 0, 0, 0, 0, 5, 0, 0});
+  CHECK(sum.values() == std::vector<float>{0, 0, 0, 0, 0, 13, 0, 0});
   CHECK(out_re.values() == sum.values());
   CHECK((sum.intact() && out_re.intact() && out_im.intact()));
 
@@ -116,5 +167,50 @@ TEST_CASE("Combinations of coils run past 2^31", "[.][large]") {
   TS_perform_sos(v, nullptr, 2, close, 1, sum.data(), few);
   CHECK(std::count(re.begin(), re.end(), 256.0f) == 128 * 1040);
   CHECK(std::count(sum.begin(), sum.end(), std::sqrt(8388608.0f)) == 1040);
+}
+
+TEST_CASE("The gateway's operations run past 2^31 floats", "[.][large]") {
+  host::state().layout = host::Layout::kPairs;
+  for (bool pairs : {false, true}) {
+    CAPTURE(pairs);
+    Mapped big(false);
+    if (!big.ok()) return;
+    HostArray data(big, pairs);
+    std::copy_n(Random(1).reals(HostArray::kOwn).data(), HostArray::kOwn, data.end);
+    const naive::Volume given = data.last();
+
+    naive::Volume want = given, low = given;
+    data.fill(1, given);
+    call("multiply", {&data.array, &data.array});
+    naive::multiply(want, low);
+    CHECK((data.last().re == want.re && data.last().im == want.im));
+
+    std::vector<float> phase(8 * data.volumes, 1);  // pi in the volumes that are looked at
+    std::fill(phase.end() - 8 * given.outer(), phase.end(), -1.0f);
+    const host::Array small =
+        host::single({2, 2, 2, data.volumes}, phase, {}, host::Layout::kPairs);
+    data.fill(1, given);
+    call("multiply", {&data.array, &small});
+    want = given;
+    for (float& v : want.re) v = -v;
+    for (float& v : want.im) v = 0;
+    CHECK((data.last().re == want.re && data.last().im == want.im));
+
+    const std::vector<double> ranges[3] = {{-4, 31}, {-2, 15}, {-1, 7}};
+    const host::Array kx = host::doubles({1, 2}, ranges[0]), ky = host::doubles({1, 2}, ranges[1]),
+                      kz = host::doubles({1, 2}, ranges[2]);
+    data.fill(0, given);
+    const host::Array* out = call("filter", {&data.array, &kx, &ky, &kz});
+    want = given;
+    const naive::Volume centre = naive::filter(want, ranges);
+    CHECK((data.last().re == want.re && data.last().im == want.im));
+    REQUIRE(out->dims == std::vector<int>{9, 5, 3, data.volumes});
+    const std::vector<float> re = out->real(), im = out->imaginary();
+    CHECK(std::equal(centre.re.begin(), centre.re.end(), re.end() - centre.re.size()));
+    CHECK(std::equal(centre.im.begin(), centre.im.end(), im.end() - centre.im.size()));
+    const auto others = re.end() - centre.re.size();
+    CHECK(std::count(re.begin(), others, 0.0f) == others - re.begin());
+    host::state().created.clear();
+  }
 }
 #endif

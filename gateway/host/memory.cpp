@@ -111,7 +111,8 @@ int extent(const Array* a, int d) {
 
 Samples samples(const Array* array) {
   Array* a = const_cast<Array*>(array);  // like every host: data pointers are always writable
-  if (a->borrowed) return {a->borrowed, a->borrowed + 1, 2};
+  if (a->borrowed && a->complex) return {a->borrowed, a->borrowed + 1, 2};
+  if (a->borrowed) return {a->borrowed, nullptr, 1};
   if (!a->complex) return {a->re.data(), nullptr, 1};
   if (a->layout == Layout::kPairs) return {a->re.data(), a->re.data() + 1, 2};
   return {a->re.data(), a->im.data(), 1};

@@ -35,7 +35,7 @@ struct Array {
   bool complex = false;
   Layout layout = Layout::kParts;
   Guarded re, im;             // class "single"; pairs are all in re
-  float* borrowed = nullptr;  // pairs in another array's storage, instead of re
+  float* borrowed = nullptr;  // pairs, or real values, in other storage than re
 
   std::size_t count() const;
   std::vector<float> real() const;
