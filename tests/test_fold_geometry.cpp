@@ -17,6 +17,9 @@ TEST_CASE("Every full line falls onto the folded line that lists it", "[fold]") 
     for (int fold = 1; fold <= full; ++fold) {
       CAPTURE(full, fold);
       std::vector<int> seen(full, -1);
+      float compartments[] = {-1, -1};
+      get_compartments(full, fold, compartments);
+      CHECK((compartments[0] <= compartments[1] && compartments[1] < fold));
       for (int line = 0; line < fold; ++line) {
         const std::vector<int> lines = listed(full, fold, line);
         const int central = (full - fold + 1) / 2 + line;

@@ -180,13 +180,27 @@ TEST_CASE("Singular matrices give non-finite factors", "[sense]") {
   for (const Complex& z : f) CHECK(!std::isfinite(std::abs(z)));
 }
 
+TEST_CASE("A matrix with a 0 on its diagonal is inverted all the same", "[sense]") {
+  Scene s({{1, 4, 1, 2}, {1, 2, 1}, {1, 4, 1}, false});
+  s.psi << 0, 1, 1, 0;  // no covariance, but of every rank: gives (0 1; 1 2)
+  s.re = {1, 1, 1, 1, 0, 0, 1, 1};
+  s.im = std::vector<float>(8, 0.0f);
+  Eigen::VectorXcd f = s.fresh_factors(), want = f;
+  s.factors(f);
+  naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0, s.reference, want,
+                                 s.folded, s.full, s.edges_y.data(), s.edges_z.data());
+  CHECK((f - want).norm() < 1e-12);
+}
+
 TEST_CASE("find_edges compares lengths, then distances with half the lines", "[sense]") {
-  Eigen::VectorXf a(2), b(2);
+  Eigen::VectorXf a(2), b(2), c(2);
   a << 1, 5;
   b << 1, 8;
+  c << 1, 8.25;
   CHECK(find_edges(a, b, 2, 1, 7) == 1);
   CHECK(find_edges(a, b, 2, 2, 7) == 0);  // 3 is not more than 7 / 2 = 3
-  CHECK(find_edges(a, b, 2, 2, 5) == 1);
+  CHECK(find_edges(a, c, 2, 2, 7) == 1);
+  CHECK(find_edges(a, c, 2, 2, 8) == 0);
   CHECK(find_edges(a, b, 0, 0, 0) == 0);
 }
 
