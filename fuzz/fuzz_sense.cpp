@@ -145,7 +145,6 @@ struct Call {
     out = fold;
     std::copy_n(full.begin(), std::min<std::size_t>(out.size(), 3), out.begin());
     if (out.size() > 3) out[3] = 1;
-    fits = fold.size() > 2 || full[2] == 1;
     if (input.within(0, 3) == 0) spoil(input);
     regularised = input.flag();
   }
@@ -189,7 +188,7 @@ struct Call {
   }
   std::vector<int> fold, sens, out, reg, ref, psi, full;
   double scale;
-  bool fits, regularised;
+  bool fits = true, regularised;
 };
 
 /// The steps of a call, one volume at a time.
@@ -204,6 +203,7 @@ void recon_by_steps(Call& call, float* const* parts, float* out_re, float* out_i
     R[d] = static_cast<float>(full[d]) / static_cast<float>(fold[d]);
     reduction *= static_cast<double>(full[d]) / fold[d];
   }
+  if (call.fold.size() < 3) R[2] = 1;  // but not the reduction: the weight has always been so
   slots << sens[0], static_cast<int>(std::ceil(static_cast<float>(sens[1]) / R[1])),
       static_cast<int>(std::ceil(static_cast<float>(sens[2]) / R[2])),
       static_cast<int>(std::ceil(R[1])) * static_cast<int>(std::ceil(R[2])) * sens[3];
