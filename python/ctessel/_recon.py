@@ -29,7 +29,11 @@ class Job:
 
     def read(self, progress):
         scan = raw.read(
-            self.found.path, found=self.found, scratch=self.arguments.scratch, progress=progress
+            self.found.path,
+            found=self.found,
+            scratch=self.arguments.scratch,
+            progress=progress,
+            threads=self.options.threads,
         )
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
