@@ -36,7 +36,8 @@ def least_squares(folded, sens, psi, penalty=None):
                 S = np.array([sens[x, a, b] for a, b in lines]).T.astype(complex)
                 SP = S.conj().T @ inverse
                 weights = np.diag([0 if penalty is None else penalty[x, a, b] for a, b in lines])
-                for (a, b), u in zip(lines, np.linalg.solve(SP @ S + weights, SP @ folded[x, y, z])):
+                solved = np.linalg.solve(SP @ S + weights, SP @ folded[x, y, z])
+                for (a, b), u in zip(lines, solved):
                     out[x, a, b] = u
     return out
 
@@ -73,8 +74,8 @@ def test_further_axes_share_factors_and_locations_have_their_own():
 
 
 def test_regularisation_is_a_weighted_penalty():
-    full, r = (2, 8, 1), np.random.default_rng(3)
-    sens, psi, folded = random_complex(full + (4,), 2), covariance(4), random_complex((2, 4, 1, 4), 1)
+    full, psi, r = (2, 8, 1), covariance(4), np.random.default_rng(3)
+    sens, folded = random_complex(full + (4,), 2), random_complex((2, 4, 1, 4), 1)
     ref, reg = (r.uniform(0.5, 1, full).astype(np.float32) for _ in range(2))
     ratio = np.mean(np.abs(folded) ** 2) / 1.5**2 / np.mean(ref**2) / 2
     want = least_squares(folded, sens, psi, 1 / (reg**2 * ratio))
