@@ -4,6 +4,7 @@
 
 #include "homodyne.h"
 #include "host/memory.h"
+#include "naive_homodyne.h"
 #include "support.h"
 
 using host::Array;
@@ -46,6 +47,15 @@ TEST_CASE("calculate_filter: 84 of 128 lines, worked by hand", "[filter]") {
   for (int n = 84; n < 128; ++n) CHECK(w[n] == 2.0f);
   CHECK((w[54] == 0.75f && w[64] == 1.0f && w[74] == 1.25f));
   for (int m = 0; m <= 20; ++m) CHECK(w[64 - m] + w[64 + m] == 2.0f);
+}
+
+TEST_CASE("Weights of three axes are multiplied in double and rounded once", "[filter]") {
+  naive::Volume want{{64, 48, 32}, std::vector<float>(98304, 1.0f), {}};
+  Array data = host::single(want.dims, want.re, {}, Layout::kParts);
+  const Array range = range_of({-11, 15});
+  REQUIRE(call({&kFilter, &data, &range, &range, &range}) == "");
+  naive::filter(want, {{-11, 15}, {-11, 15}, {-11, 15}});
+  CHECK(data.real() == want.re);
 }
 
 TEST_CASE("Ranges that are symmetric, empty or rejected", "[filter]") {
