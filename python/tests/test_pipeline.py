@@ -147,12 +147,28 @@ def test_lines_are_recognised():
             assert (
                 block.start <= n // 2 - calibration // 2 and block.stop >= n // 2 + calibration // 2
             )
-    y, z = pipeline.undersampling(np.outer(lines(32), lines(24)), (1.5, Fraction(5, 4)))
-    assert (y.folded, y.full, y.reduction, z.reduction) == (32, 48, Fraction(3, 2), Fraction(5, 4))
+        slots = step * (np.arange(lattice.folded) - lattice.folded // 2) + lattice.offset + n // 2
+        inside = (slots >= 0) & (slots < n)
+        assert np.count_nonzero(inside) == np.count_nonzero(lines(n, step, offset))  # none is lost
+        numbers = np.arange(1, n + 1).reshape(1, n, 1)
+        folded = pipeline.fold_lines(numbers.astype(np.complex64), (lattice, flat))
+        np.testing.assert_array_equal(folded.ravel(), np.where(inside, slots + 1, 0))
+    y, z = pipeline.undersampling(np.outer(lines(32), lines(12)), (1.5, Fraction(5, 4)))
+    assert (y.folded, y.full, y.reduction) == (32, 48, Fraction(3, 2))
+    assert (z.folded, z.full) == (16, 20)  # 15 lines of 12 would lie half a line off
     irregular = np.ones((32, 1), bool)
     irregular[[3, 8, 9, 17, 26]] = False
     with pytest.raises(ValueError, match="no regular distance"):
         pipeline.undersampling(irregular)
+
+
+@pytest.mark.parametrize("first, step, partial", [
+    (-31, 1, False), (-30, 1, False), (-29, 1, True), (-24, 1, True), (-24, 4, False), (-20, 4, True),
+])  # fmt: skip
+def test_an_axis_is_partial_beyond_a_step_and_two_percent(first, step, partial):
+    _, some = scan((8, 64, 1), count=1, y=lines(64, step, first=first))
+    last = 31 if step == 1 else 28
+    assert pipeline.partial_ranges(some) == [None, (first, last) if partial else None, None]
 
 
 @pytest.mark.parametrize(
