@@ -18,7 +18,8 @@ resampling in place on data in C order, a copy of the volumes that are worked on
 
 ``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
 one. Results are the same bits for every number. The interpreter's lock is released while kernels
-run. Processes may be forked between calls.
+run. Processes may be forked between calls. Threads wait for each other awake for some 50 microseconds,
+unless OMP_WAIT_POLICY or GOMP_SPINCOUNT say otherwise.
 
 Submodules for whole scans, which need SciPy: `raw` reads ISMRMRD files, `pipeline` has the steps from
 k-space to image, `nifti` writes images, `phantom` makes test data, `dask` works on clusters. The
@@ -30,7 +31,7 @@ was expected and what was got.
 
 import os
 
-from . import _core, homodyne
+from . import _backend, _core, homodyne
 from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
 from ._coils import pcsos, sos
 from ._geometry import (

@@ -111,15 +111,20 @@ def remove_oversampling(kspace, n, axis=0, threads=None, overwrite=False):
         raise ValueError(f"n: expected at most the {length} samples along axis {axis}, got {n}")
     if n == length:
         return kspace
-    image = _unshifted(fft.ifftn, _shifted(kspace, (axis,), threads, overwrite), (axis,), threads)
+    lines = _shifted(kspace, (axis,), threads, overwrite)
+    return fftshift(cut_unshifted(lines, n, axis, threads), (axis,), inplace=True, threads=threads)
+
+
+def cut_unshifted(kspace, n, axis=0, threads=None):
+    """`remove_oversampling` where the centre lies at the first sample; overwrites `kspace`."""
+    image = _unshifted(fft.ifftn, kspace, (axis,), threads)
     shape = kspace.shape[:axis] + (n,) + kspace.shape[axis + 1 :]
     cut = np.empty(shape, np.complex64, order="F")
-    # With the centre at the first sample, the central ones are those at both ends.
+    # The central samples are those at both ends.
     for part in (slice(0, n - n // 2), slice(-(n // 2), None)) if n > 1 else (slice(0, 1),):
         at = (slice(None),) * axis + (part,)
         cut[at] = image[at]
-    out = _unshifted(fft.fftn, cut, (axis,), threads)
-    return fftshift(out, (axis,), inplace=True, threads=threads)
+    return _unshifted(fft.fftn, cut, (axis,), threads)
 
 
 def flip(data, axes):

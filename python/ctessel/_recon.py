@@ -29,7 +29,11 @@ class Job:
 
     def read(self, progress):
         scan = raw.read(
-            self.found.path, found=self.found, scratch=self.arguments.scratch, progress=progress
+            self.found.path,
+            found=self.found,
+            scratch=self.arguments.scratch,
+            progress=progress,
+            threads=self.options.threads,
         )
         return pipeline.select(scan, *self.part, self.options) if self.part else scan
 
@@ -65,12 +69,17 @@ class Job:
             files.commit()
 
     def _images(self, image):
-        output = self.arguments.output
-        yield output, np.abs(image) if np.iscomplexobj(image) else image, "magnitude"
-        if self.arguments.combine == "phase":
-            base = nifti.base_name(output)
-            name = output.with_name(f"{base}_phase{output.name[len(base):]}")
+        magnitude, *phase = self.names()
+        yield magnitude, np.abs(image) if np.iscomplexobj(image) else image, "magnitude"
+        for name in phase:
             yield name, np.angle(image), "phase, radians"
+
+    def names(self):
+        """The images that are written: magnitude, and phase where it was asked for."""
+        output = self.arguments.output
+        base = nifti.base_name(output)
+        phase = output.with_name(f"{base}_phase{output.name[len(base):]}")
+        return [output, phase] if self.arguments.combine == "phase" else [output]
 
     def _repetition_time(self):
         times = self.found.header.tr
@@ -83,7 +92,7 @@ class Job:
         echoes = [time / 1000 for time in times]
         known = {
             "ProtocolName": header.protocol,
-            "PatientPosition": header.patient_position,
+            "PatientPosition": self.arguments.position or header.patient_position,
             "RepetitionTime": self._repetition_time(),
             "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
             "SpacingBetweenSlices": header.spacing,
@@ -113,6 +122,7 @@ def prepare(arguments, part):
         whiten=not arguments.no_noise,
         regularisation=arguments.regularise,
         coefficients=coefficients or None,
+        position=arguments.position,
         threads=arguments.threads,
     )
     found, alone = _contents(arguments, part, options)
@@ -175,7 +185,8 @@ def report(job):
         "would be done:",
         *(f"  {step}" for step in job.steps),
         f"  memory {_memory.text(job.needed)}, free {_memory.text(_memory.available())}",
-        f"  write {job.arguments.output} and {nifti.sidecar_path(job.arguments.output)}",
+        *(f"  write {name} and {nifti.sidecar_path(name)}" for name in job.names()),
+        *([f"  write {job.arguments.preview}"] if job.arguments.preview else []),
     ]
     return "\n".join(lines)
 

@@ -34,8 +34,16 @@ class Places:
     repetition: np.ndarray
     times: np.ndarray  # each line was measured, (y, z, slice, echo, repetition)
 
-    def __getitem__(self, i):
-        return (self.y[i], self.z[i], self.slice[i], self.echo[i], self.repetition[i])
+    def offsets(self, array, numbers):
+        """Where lines start in an array of this shape, in samples from its first one."""
+        steps = np.array(array.strides, np.int64) // array.itemsize
+        at = (self.y, self.z, None, self.slice, self.echo, self.repetition)  # None: any coil
+        return sum(i[numbers] * step for i, step in zip(at, steps[1:]) if i is not None)
+
+    def repeated(self, numbers):
+        """Whether lines were measured several times."""
+        at = (self.y, self.z, self.slice, self.echo, self.repetition)
+        return self.times[tuple(i[numbers] for i in at)] > 1
 
 
 @dataclass

@@ -200,6 +200,12 @@ def _add_steps(command):
         "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
     )
     steps.add_argument(
+        "--position",
+        metavar="POSITION",
+        type=_patient_position,
+        help="how the patient lay for --geometry, in place of what the file says: HFS, HFP, FFS, FFP",
+    )
+    steps.add_argument(
         "--combine",
         choices=("sos", "phase"),
         default="sos",
@@ -275,6 +281,16 @@ def _number(kind, accept, what):
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def _patient_position(text):
+    from ._gradients import GRADIENT_AXES
+
+    if text not in GRADIENT_AXES:
+        raise argparse.ArgumentTypeError(
+            f"expected one of {', '.join(GRADIENT_AXES)}, got {text!r}"
+        )
+    return text
 
 
 def _png_name(text):

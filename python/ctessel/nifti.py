@@ -6,9 +6,11 @@ position.
 """
 
 import contextlib
+import io
 import json
 import os
 import threading
+import zlib
 from pathlib import Path
 
 import numpy as np
@@ -189,7 +191,45 @@ def _save(image, path, matrix, known, repetition_time):
     image.set_qform(matrix, code=1 if known and upright else 0)
     image.header.set_xyzt_units("mm", "sec")
     image.header["pixdim"][4] = repetition_time
-    image.to_filename(path)
+    if path.suffix != ".gz":
+        return image.to_filename(path)
+    with open(path, "wb") as file, _Gzip(file) as packed:
+        image.to_file_map({"image": type(image.file_map["image"])(fileobj=packed)})
+
+
+class _Gzip(io.RawIOBase):
+    """A gzip file that packs runs of equal bytes only.
+
+    Images hold noise, and zeros around it: a search for other repetitions takes 2.4 times as long,
+    and what it finds is less than a hundredth of the size.
+    """
+
+    def __init__(self, file):
+        self._file, self._size = file, 0
+        gzip = 16 + zlib.MAX_WBITS
+        self._packer = zlib.compressobj(1, zlib.DEFLATED, gzip, zlib.DEF_MEM_LEVEL, zlib.Z_RLE)
+
+    def writable(self):
+        return True
+
+    def tell(self):
+        return self._size
+
+    def seek(self, offset, whence=io.SEEK_SET):
+        if whence != io.SEEK_SET or offset < self._size:
+            raise io.UnsupportedOperation("what is packed stays")
+        self.write(bytes(offset - self._size))
+        return offset
+
+    def write(self, data):
+        self._file.write(self._packer.compress(data))
+        self._size += len(data)
+        return len(data)
+
+    def close(self):
+        if not self.closed:
+            self._file.write(self._packer.flush())
+        super().close()
 
 
 def sidecar_path(path):

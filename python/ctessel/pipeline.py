@@ -73,7 +73,7 @@ class Options:
     """What `reconstruct` is to do where the scan leaves a choice.
 
     `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
-    interpolates by zero filling. `ringing` is the strength of the filter, 0 to 0.915.
+    interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of the filter, 0 to 0.915.
     `regularisation` is the strength of that of SENSE, 1 trusting the level of the calibration
     image; it needs a noise scan. `calibration_size` is the most calibration lines used along an
     axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the geometry, with
@@ -137,6 +137,11 @@ class Setup:
     def full(self):
         """Grid of the transformed k-space: unfolded, without oversampling."""
         return (self.readout, *(lattice.full for lattice in self.lattices))
+
+    @property
+    def gain(self):
+        """Keeps the level of the image, which unitary transforms of other extents change."""
+        return np.float32((prod(self.pixels) / prod(self.full)) ** 0.5)
 
 
 def plan(scan, options=None):
@@ -239,6 +244,8 @@ def reconstruct_block(setup, kspace, calibration, placement):
             lines = whiten(lines, setup.covariance)
         image = _finish(setup, lines)
     image = combine(image, options.combine, threads)
+    if setup.gain != 1:
+        image *= setup.gain
     if options.coefficients is not None:
         image = apply_warp(
             image,

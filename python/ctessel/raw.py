@@ -8,13 +8,15 @@ by block to their places in one array.
 import errno
 import os
 import tempfile
+from collections import deque
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import replace
 
 import numpy as np
 
 from . import _memory
-from ._fourier import remove_oversampling
-from ._ismrmrd import HEAD, REVERSE, DefectError, parse
+from ._fourier import cut_unshifted
+from ._ismrmrd import HEAD, DefectError, parse
 from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Limit, Scan, times_text
@@ -37,7 +39,17 @@ class RawError(ValueError):
     """A raw data file cannot be used. One line: the file, what is wrong, and what mends it."""
 
 
-def read(path, *, group="dataset", range=None, scratch=None, cut=False, progress=None, found=None):
+def read(
+    path,
+    *,
+    group="dataset",
+    range=None,
+    scratch=None,
+    cut=False,
+    progress=None,
+    found=None,
+    threads=None,
+):
     """Samples of a Cartesian scan at their places in k-space.
 
     Parameters
@@ -59,6 +71,8 @@ def read(path, *, group="dataset", range=None, scratch=None, cut=False, progress
         Called with the number of acquisitions done and their total.
     found : Contents, optional
         What `contents` has found, which saves finding it again.
+    threads : int, optional
+        Threads that remove oversampling.
 
     Returns
     -------
@@ -79,7 +93,7 @@ def read(path, *, group="dataset", range=None, scratch=None, cut=False, progress
         _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
     scan = _empty_scan(found, lambda shape: _zeros(shape, scratch))
     try:
-        noise = _fill(_open(path, found.group), found, scan, progress)
+        noise = _fill(_open(path, found.group), found, scan, progress, threads)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
     _divide(scan.kspace, found.scan.times)
@@ -116,7 +130,7 @@ def outline(found):
     at = np.flatnonzero(found.role == NOISE_SCAN)
     if at.size:
         reader = _open(found.path, found.group)
-        scan.noise = np.concatenate([_kept(found, i, reader.read(int(i), 1)[1][0]) for i in at])
+        scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
     return scan
 
 
@@ -256,73 +270,98 @@ def _cut_header(found):
     )
 
 
-def _fill(reader, found, scan, progress):
+def _fill(reader, found, scan, progress, threads):
     """Put samples where they belong, several measurements of a line summed. Returns the noise."""
     noise, total = [], found.heads.size
     bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
     step = max(1, min(256, BLOCK_BYTES // max(1, bytes_each)))
     shape = (found.scan.shape[0], found.scan.shape[3], min(step, total))
-    whole = np.zeros(shape if found.width < shape[0] else 0, np.complex64, order="F")
-    for first in range(0, total, step):
-        role = found.role[first : first + step]
-        if (role != IGNORED).any():
-            noise += _fill_block(reader, found, scan, range(first, first + role.size), whole)
+    whole = np.empty(shape if found.width < shape[0] else 0, np.complex64, order="F")
+    parts = [slice(first, min(first + step, total)) for first in range(0, total, step)]
+    parts = [part for part in parts if (found.role[part] != IGNORED).any()]
+    for part, block in _read_ahead(reader, parts):
+        noise += _fill_block(block, found, scan, part, whole, threads)
         if progress:
-            progress(min(first + step, total), total)
+            progress(part.stop, total)
+    if progress:
+        progress(total, total)
     return noise
 
 
-def _fill_block(reader, found, scan, numbers, whole):
+def _read_ahead(reader, parts):
+    """Acquisitions of each part, read while those of the part before are put to their places."""
+    with ThreadPoolExecutor(1) as thread:
+        jobs = deque()
+        for part in parts:
+            jobs.append((part, thread.submit(reader.read, part.start, part.stop - part.start)))
+            if len(jobs) > 1:
+                first, job = jobs.popleft()
+                yield first, job.result()
+        for last, job in jobs:
+            yield last, job.result()
+
+
+def _fill_block(block, found, scan, part, whole, threads):
     """Put samples of some acquisitions where they belong. Returns those that are noise.
 
     `whole` is room for the block's readouts.
     """
-    blocks = zip(numbers, reader.read(numbers[0], len(numbers))[1])
-    kept = {i: _kept(found, i, samples) for i, samples in blocks if found.role[i] != IGNORED}
+
+    def chosen(which):
+        return part.start + np.flatnonzero(which[part])
+
     if scan.calibration is not None:
-        for i in filter(found.apart.which.__getitem__, kept):
-            _place(found.apart, scan.calibration, i, found.apart.x[i], kept[i])
-    lines = {i: kept[i] for i in filter(found.scan.which.__getitem__, kept)}
+        _place(block, found.apart, scan.calibration, chosen(found.apart.which))
+    lines = chosen(found.scan.which)
     if found.width == found.scan.shape[0]:
-        for i, samples in lines.items():
-            _place(found.scan, scan.kspace, i, found.scan.x[i], samples)
-    elif lines:
-        for i, samples in zip(lines, _without_oversampling(found, lines, whole)):
-            _place(found.scan, scan.kspace, i, 0, samples)
-    return [samples for i, samples in kept.items() if found.role[i] == NOISE_SCAN]
+        _place(block, found.scan, scan.kspace, lines)
+    elif lines.size:
+        _place_cut(block, found, scan.kspace, lines, whole[:, :, : lines.size], threads)
+    return [block.samples(i) for i in chosen(found.role == NOISE_SCAN)]
 
 
-def _without_oversampling(found, lines, whole):
-    """Lines of a block, transformed at once."""
-    block = whole[:, :, : len(lines)]
-    for n, (i, samples) in enumerate(lines.items()):
-        first, last = found.scan.x[i], found.scan.x[i] + samples.shape[0]
-        block[first:last, :, n] = samples
-        block[:first, :, n] = block[last:, :, n] = 0
-    return np.moveaxis(remove_oversampling(block, found.width, overwrite=True), 2, 0)
+def _place(block, places, array, numbers):
+    block.put(
+        numbers,
+        x=places.x[numbers],
+        array=array,
+        offsets=places.offsets(array, numbers),
+        coil_axis=3,
+        turn=0,
+        add=places.repeated(numbers),
+    )
 
 
-def _place(places, array, i, x, samples):
-    y, z, s, e, r = places[i]
-    line = array[x : x + samples.shape[0], y, z, :, s, e, r]
-    if places.times[y, z, s, e, r] > 1:
-        line += samples
-    else:  # reading fresh memory first would cost as much again
-        line[...] = samples
+def _place_cut(block, found, kspace, numbers, whole, threads):
+    """Put lines of a block without their oversampling; `whole`, room for them, is overwritten.
 
-
-def _kept(found, i, samples):
-    """The samples of an acquisition that count, in the order of k-space."""
-    head = found.heads[i]
-    samples = samples[head["discard_pre"] : samples.shape[0] - head["discard_post"]]
-    if not np.isfinite(samples).all():
-        raise DefectError(f"acquisition {i} holds values that are not finite")
-    return samples[::-1] if head["flags"] & REVERSE else samples
+    The centres are moved to the first samples, and back, on the way.
+    """
+    n, coils, count = whole.shape
+    block.put(
+        numbers,
+        x=found.scan.x[numbers],
+        array=whole,
+        offsets=n * coils * np.arange(count),
+        coil_axis=1,
+        turn=n - n // 2,
+        add=np.zeros(count, bool),
+    )
+    binding(found.path).put(
+        cut_unshifted(whole, found.width, threads=threads),
+        kspace,
+        offsets=found.scan.offsets(kspace, numbers),
+        coil_axis=3,
+        turn=found.width // 2,
+        add=found.scan.repeated(numbers),
+    )
 
 
 def _zeros(shape, scratch):
     if scratch is None:
-        return np.zeros(shape, np.complex64, order="F")
+        array = np.empty(shape, np.complex64, order="F")
+        array.fill(0)  # np.zeros would leave small pages to be touched one by one: three times as slow
+        return array
     with tempfile.TemporaryFile(dir=scratch) as file:
         file.truncate(8 * int(np.prod(shape, dtype=float)))
         return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")

@@ -8,10 +8,16 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
+#include <bit>
+#include <complex>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,7 +27,11 @@ namespace {
 
 namespace py = pybind11;
 using namespace ISMRMRD;
-using Samples = py::array_t<std::complex<float>, py::array::f_style>;
+using std::ptrdiff_t;
+using Sample = std::complex<float>;
+using Samples = py::array_t<Sample, py::array::f_style>;
+using Indices = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>;
+using Flags = py::array_t<bool, py::array::c_style | py::array::forcecast>;
 using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
 
 constexpr std::size_t kHeadBytes = sizeof(ISMRMRD_AcquisitionHeader);
@@ -138,6 +148,165 @@ struct Record {
   hvl_t data;
 };
 
+/// The samples of a line that count, in the order of k-space: coil after coil, `pitch` apart.
+struct Line {
+  const Sample* first;
+  ptrdiff_t samples, coils, pitch;
+  bool reversed;
+};
+
+bool finite(const Sample* samples, ptrdiff_t n) {
+  const float* parts = reinterpret_cast<const float*>(samples);
+  constexpr std::uint32_t exponent = 0x7F800000;
+  std::uint32_t odd = 0;
+  for (ptrdiff_t i = 0; i < 2 * n; ++i)
+    odd |= (std::bit_cast<std::uint32_t>(parts[i]) & exponent) == exponent;
+  return odd == 0;
+}
+
+/// An array whose first axis is that of the readout, as lines that start anywhere in it.
+class Target {
+ public:
+  Target(py::array& array, int coil_axis, ptrdiff_t turn)
+      : first_(static_cast<Sample*>(array.mutable_data())),
+        extent_(array.shape(0)),
+        coils_(array.shape(coil_axis)),
+        coil_step_(array.strides(coil_axis) / kItem),
+        turn_(turn) {
+    if (array.strides(0) != kItem && extent_ > 1)
+      throw py::value_error("expected samples of a readout side by side");
+    for (int d = 0; d < array.ndim(); ++d)
+      last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
+  }
+
+  /// The line that starts `offset` samples after the array's first. Its first sample goes `x` samples
+  /// on, all are then moved by the turn, around the end to the start.
+  void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
+    const ptrdiff_t end = offset + (coils_ - 1) * coil_step_ + extent_ - 1;
+    if (line.coils != coils_ || x < 0 || x + line.samples > extent_ || offset < 0 || end > last_)
+      throw std::out_of_range("a line does not fit the array that it goes to");
+    const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
+    for (ptrdiff_t c = 0; c < coils_; ++c) {
+      Sample* to = first_ + offset + c * coil_step_;
+      put_part(line, c, 0, head, to + start, add);
+      put_part(line, c, head, line.samples - head, to, add);
+    }
+  }
+
+ private:
+  static constexpr ptrdiff_t kItem = sizeof(Sample);
+
+  static void put_part(const Line& line, ptrdiff_t coil, ptrdiff_t first, ptrdiff_t n, Sample* to,
+                       bool add) {
+    const Sample* from = line.first + coil * line.pitch;
+    const ptrdiff_t last = line.samples - 1 - first;
+    if (line.reversed) {
+      for (ptrdiff_t k = 0; k < n; ++k) to[k] = from[last - k] + (add ? to[k] : Sample());
+    } else if (add) {
+      for (ptrdiff_t k = 0; k < n; ++k) to[k] += from[first + k];
+    } else {  // the sums above would read fresh memory first, which costs as much again
+      std::copy_n(from + first, n, to);
+    }
+  }
+
+  Sample* first_;
+  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;
+};
+
+/// Lines of `block`, (sample, coil, line), to where they start in `array`.
+void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets, int coil_axis,
+         ptrdiff_t turn, const Flags& add) {
+  const Target target(array, coil_axis, turn);
+  const auto at = offsets.unchecked<1>();
+  const auto adds = add.unchecked<1>();
+  if (block.ndim() != 3 || block.shape(2) != at.size() || adds.size() != at.size())
+    throw py::value_error("expected (sample, coil, line), and an offset and a flag for each line");
+  const ptrdiff_t n = block.shape(0), coils = block.shape(1);
+  const Sample* lines = block.data();
+  const py::gil_scoped_release release;
+  for (ptrdiff_t i = 0; i < at.size(); ++i)
+    target.put({lines + i * n * coils, n, coils, n, false}, at(i), 0, adds(i));
+}
+
+/// Some acquisitions of a file.
+class Acquisitions {
+ public:
+  Acquisitions(std::size_t first, std::size_t count) : first_(first), records_(count) {}
+
+  Record* records() { return records_.data(); }
+
+  /// For HDF5, which asks for room for each acquisition: all of it is given back at once.
+  static void* allocate(std::size_t bytes, void* acquisitions) {
+    try {
+      return static_cast<Acquisitions*>(acquisitions)->samples_.allocate(bytes);
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+  }
+  static void keep(void*, void*) {}
+
+  /// Refuses what holds other numbers of samples than its headers say.
+  void check() const {
+    for (std::size_t i = 0; i < records_.size(); ++i) {
+      const ISMRMRD_AcquisitionHeader h = head(i);
+      const std::size_t samples = h.number_of_samples, coils = h.active_channels;
+      if (records_[i].data.len != 2 * samples * coils)
+        throw std::runtime_error(name(i) + " has " + std::to_string(records_[i].data.len / 2) +
+                                 " values, its header says " + std::to_string(samples) +
+                                 " samples of " + std::to_string(coils) + " coils");
+    }
+  }
+
+  /// Samples that count of acquisition `number` of the file, (sample, coil), in the order of k-space.
+  Samples samples(std::size_t number) const {
+    const Line l = line(number);
+    Samples array({l.samples, l.coils});
+    if (l.samples > 0) Target(array, 1, 0).put(l, 0, 0, false);
+    return array;
+  }
+
+  /// Acquisitions `numbers` of the file, from sample `x` of the lines that start at `offsets` on.
+  void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
+           const Indices& offsets, int coil_axis, ptrdiff_t turn, const Flags& add) const {
+    const Target target(array, coil_axis, turn);
+    const auto which = numbers.unchecked<1>(), from = x.unchecked<1>(), at = offsets.unchecked<1>();
+    const auto adds = add.unchecked<1>();
+    if (from.size() != which.size() || at.size() != which.size() || adds.size() != which.size())
+      throw py::value_error("expected a place, an offset and a flag for each acquisition");
+    const py::gil_scoped_release release;
+    for (ptrdiff_t i = 0; i < which.size(); ++i)
+      target.put(line(static_cast<std::size_t>(which(i))), at(i), from(i), adds(i));
+  }
+
+ private:
+  std::string name(std::size_t i) const { return "acquisition " + std::to_string(first_ + i); }
+
+  ISMRMRD_AcquisitionHeader head(std::size_t i) const {
+    ISMRMRD_AcquisitionHeader h;
+    std::memcpy(&h, records_[i].head, kHeadBytes);
+    return h;
+  }
+
+  Line line(std::size_t number) const {
+    const std::size_t i = number - first_;
+    if (i >= records_.size()) throw py::index_error("acquisitions that were not read");
+    const ISMRMRD_AcquisitionHeader h = head(i);
+    const ptrdiff_t samples = h.number_of_samples, coils = h.active_channels;
+    const ptrdiff_t before = std::min<ptrdiff_t>(h.discard_pre, samples);
+    const ptrdiff_t kept = std::max<ptrdiff_t>(samples - before - h.discard_post, 0);
+    const Sample* all = static_cast<const Sample*>(records_[i].data.p);
+    for (ptrdiff_t c = 0; c < coils; ++c)
+      if (!finite(all + c * samples + before, kept))
+        throw std::runtime_error(name(i) + " holds values that are not finite");
+    return {all + before, kept, coils, samples,
+            ismrmrd_is_flag_set(h.flags, ISMRMRD_ACQ_IS_REVERSE)};
+  }
+
+  std::size_t first_;
+  std::vector<Record> records_;
+  std::pmr::monotonic_buffer_resource samples_;
+};
+
 class Reader {
  public:
   Reader(const std::string& path, const std::string& group) {
@@ -169,30 +338,25 @@ class Reader {
     {
       const py::gil_scoped_release release;
       const Quiet quiet;
-      read_into(first, count, *head_type_, to);
+      read_into(first, count, *head_type_, to, H5P_DEFAULT);
     }
     return heads;
   }
 
-  py::tuple read(std::size_t first, std::size_t count) const {
+  std::unique_ptr<Acquisitions> read(std::size_t first, std::size_t count) const {
     check_range(first, count);
-    std::vector<Record> records(count);
-    {
-      const py::gil_scoped_release release;
-      const Quiet quiet;
-      read_into(first, count, *record_type_, records.data());
-    }
-    // From here on the samples belong to us, allocated by HDF5 with malloc.
-    const std::unique_ptr<std::vector<Record>, void (*)(std::vector<Record>*)> owner(&records,
-                                                                                     free_samples);
-    return py::make_tuple(heads_of(records), samples_of(records, first));
+    auto block = std::make_unique<Acquisitions>(first, count);
+    const py::gil_scoped_release release;
+    const Quiet quiet;
+    const Handle how(H5Pcreate(H5P_DATASET_XFER), H5Pclose);
+    check(H5Pset_vlen_mem_manager(how, Acquisitions::allocate, block.get(), Acquisitions::keep,
+                                  block.get()));
+    read_into(first, count, *record_type_, block->records(), how);
+    block->check();
+    return block;
   }
 
  private:
-  static void free_samples(std::vector<Record>* records) {
-    for (Record& r : *records) std::free(r.data.p);
-  }
-
   void open_data(const std::string& group) {
     const std::string name = "/" + group + "/data";
     if (H5Lexists((*file_)->fileid, name.c_str(), H5P_DEFAULT) <= 0)
@@ -227,42 +391,13 @@ class Reader {
       throw py::index_error("acquisitions outside the file");
   }
 
-  void read_into(std::size_t first, std::size_t count, hid_t type, void* to) const {
+  void read_into(std::size_t first, std::size_t count, hid_t type, void* to, hid_t how) const {
     if (count == 0) return;
     const hsize_t start = first, n = count;
     const Handle space(H5Dget_space(*data_), H5Sclose);
     check(H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &n, nullptr));
     const Handle memory(H5Screate_simple(1, &n, nullptr), H5Sclose);
-    check(H5Dread(*data_, type, memory, space, H5P_DEFAULT, to));
-  }
-
-  static Bytes heads_of(const std::vector<Record>& records) {
-    Bytes heads({records.size(), kHeadBytes});
-    std::uint8_t* to = heads.mutable_data();
-    for (std::size_t i = 0; i < records.size(); ++i)
-      std::memcpy(to + i * kHeadBytes, records[i].head, kHeadBytes);
-    return heads;
-  }
-
-  /// One array (sample, coil) per acquisition.
-  static py::list samples_of(const std::vector<Record>& records, std::size_t first) {
-    py::list list(records.size());
-    for (std::size_t i = 0; i < records.size(); ++i) {
-      ISMRMRD_AcquisitionHeader head;
-      std::memcpy(&head, records[i].head, kHeadBytes);
-      const std::size_t samples = head.number_of_samples, coils = head.active_channels;
-      if (records[i].data.len != 2 * samples * coils)
-        throw std::runtime_error("acquisition " + std::to_string(first + i) + " has " +
-                                 std::to_string(records[i].data.len / 2) +
-                                 " values, its header says " + std::to_string(samples) +
-                                 " samples of " + std::to_string(coils) + " coils");
-      Samples array({samples, coils});
-      if (records[i].data.len > 0)
-        std::memcpy(static_cast<void*>(array.mutable_data()), records[i].data.p,
-                    records[i].data.len * sizeof(float));
-      list[i] = array;
-    }
-    return list;
+    check(H5Dread(*data_, type, memory, space, how, to));
   }
 
   std::unique_ptr<File> file_;
@@ -321,6 +456,13 @@ PYBIND11_MODULE(_raw, m) {
       .def("__len__", &Reader::size)
       .def("heads", &Reader::heads, py::arg("first"), py::arg("count"))
       .def("read", &Reader::read, py::arg("first"), py::arg("count"));
+  py::class_<Acquisitions>(m, "Acquisitions")
+      .def("samples", &Acquisitions::samples, py::arg("number"))
+      .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),
+           py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("turn"),
+           py::arg("add"));
+  m.def("put", put, py::arg("block").noconvert(), py::arg("array").noconvert(), py::arg("offsets"),
+        py::arg("coil_axis"), py::arg("turn"), py::arg("add"));
   py::class_<Writer>(m, "Writer")
       .def(py::init<const std::string&, const std::string&, const std::string&>(), py::arg("path"),
            py::arg("group"), py::arg("header"))

@@ -30,7 +30,7 @@ def recon(scan, output, *options):
 
 def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     image = recon(scan, tmp_path / "i.nii.gz", "--preview", tmp_path / "i.png", "--combine", "phase", "--ringing", 0.2,
-                  "--pad", 64, 64, 1, "--regularise", 1)  # fmt: skip
+                  "--pad", 64, 64, 1, "--regularise", 1, "--position", "FFS")  # fmt: skip
     assert image.shape == (64, 64, 3, 4) and image.get_data_dtype() == np.float32
     np.testing.assert_allclose(image.header["pixdim"][1:5], (1.5, 1.5, 5, 0.5))
     assert image.header.get_xyzt_units() == ("mm", "sec")
@@ -39,6 +39,7 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     told = json.loads((tmp_path / "i.json").read_text())
     assert (
         told["RepetitionTime"] == 0.5
+        and told["PatientPosition"] == "FFS"
         and told["EchoTime"] == 0.005
         and told["SpacingBetweenSlices"] == pytest.approx(5)
     )
@@ -121,9 +122,9 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
     assert code("phantom", "full", "-o", tmp_path / "p.h5") == cli.MEMORY
     one_line("the phantom needs", "smaller size")
-    assert (
-        code("recon", scan, "-o", target, "--dry-run") == 0 and "SENSE" in capsys.readouterr().out
-    )
+    assert code("recon", scan, "-o", target, "--dry-run", "--combine", "phase") == 0
+    told = capsys.readouterr().out
+    assert "SENSE" in told and "_phase.json" in told
     monkeypatch.delattr("ctessel._raw")
     monkeypatch.setitem(sys.modules, "ctessel._raw", None)
     assert code("info", scan) == cli.DEFECT

@@ -2,6 +2,8 @@
 
 import ctypes
 import multiprocessing
+import subprocess
+import sys
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -86,3 +88,15 @@ def test_a_forked_child_can_call():
     child.start()
     assert queue.get(timeout=60) == want
     child.join()
+
+
+@pytest.mark.parametrize("chosen", ({}, {"OMP_WAIT_POLICY": "active"}))
+def test_waiting_threads_sleep_soon_unless_asked_otherwise(chosen):
+    told = subprocess.run(
+        [sys.executable, "-c", "import ctessel, os; print('GOMP_SPINCOUNT' in os.environ)"],
+        env={"PATH": "", "OMP_DISPLAY_ENV": "verbose", **chosen},
+        capture_output=True,
+        text=True,
+    )
+    assert ("GOMP_SPINCOUNT = '1000'" in told.stderr) is not bool(chosen), told.stderr
+    assert told.stdout == "False\n"  # children and other libraries have their own choice
