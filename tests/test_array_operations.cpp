@@ -1,22 +1,7 @@
-// Zero padding and the ringing filter, by hand; and where padding takes another way on large arrays.
+// Where padding takes another way, or none, on large arrays; and the ringing filter by hand.
 #include "cTessel.h"
 #include "naive_arrays.h"
 #include "support.h"
-
-TEST_CASE("TS_zero_pad puts an odd spare zero in front", "[zero_pad]") {
-  struct Case {
-    double nx;
-    std::vector<float> row;
-  };
-  for (const Case& c : {Case{2, {7, 8}}, Case{5, {0, 0, 7, 8, 0}}, Case{6, {0, 0, 7, 8, 0, 0}}}) {
-    CAPTURE(c.nx);
-    float re[] = {7, 8};
-    int dims[] = {2, 1};
-    std::vector<float> out(c.row.size(), 0.0f);
-    TS_zero_pad(re, nullptr, 2, dims, c.nx, 1, 1, out.data(), nullptr);
-    CHECK(out == c.row);
-  }
-}
 
 TEST_CASE("TS_zero_pad places the rows that it streams past the caches", "[zero_pad]") {
   std::vector<int> dims = {75, 41, 20, 2};
