@@ -62,7 +62,7 @@ if $all; then
   echo "== valgrind"
   mex32=build/mex32
   for program in "tests/module_host $mex32/gateway/homodyne.mexglx" tests/test_homodyne \
-    "fuzz/random_gateway 1000" tests/test_concurrency tests/test_spherical_harmonics; do
+    "fuzz/random_gateway 500" tests/test_concurrency tests/test_spherical_harmonics; do
     # shellcheck disable=SC2086  # the arguments are words of their own
     if tools/valgrind32.sh $mex32/$program >"$log" 2>&1; then
       echo "passed: ${program%% *}"
