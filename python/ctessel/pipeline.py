@@ -120,7 +120,7 @@ class Setup:
     ranges: list  # partial Fourier, in lines of the field that is transformed
     lattices: tuple[Lattice, Lattice]
     covariance: np.ndarray | None
-    window: tuple[int, int, int]  # lines that the ringing filter spans
+    window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
     pixels: tuple[int, int, int]  # image over the whole encoded field
     matrix: tuple[int, int, int]  # image that is kept
     field: tuple[float, float, float]
@@ -140,8 +140,8 @@ class Setup:
 
     @property
     def gain(self):
-        """Keeps the level of the image, which unitary transforms of other extents change."""
-        return np.float32((prod(self.pixels) / prod(self.full)) ** 0.5)
+        """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
+        return np.float32((prod(self.pixels) / prod(self.window)) ** 0.5)
 
 
 def plan(scan, options=None):
