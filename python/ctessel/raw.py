@@ -130,7 +130,10 @@ def outline(found):
     at = np.flatnonzero(found.role == NOISE_SCAN)
     if at.size:
         reader = _open(found.path, found.group)
-        scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
+        try:
+            scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
+        except RuntimeError as error:
+            raise _named(found.path, error) from None
     return scan
 
 

@@ -286,8 +286,8 @@ def cut(path):
     (lambda path: write(path, [*lines(), *lines(repetition=1)[:5]]), "--range repetition 0 0"),
     (lambda path: write(path, [acquisition(12, kspace_encode_step_1=y, center_sample=4, contrast=e, flags=e * flag(22))
                                for e in (0, 1) for y in range(8)]), "--range echo 0 0"),
-    (lambda path: write(path, [*lines()[:7], acquisition(kspace_encode_step_1=7, seed=7) ]
-                        and [(h, s * np.float32(np.nan)) for h, s in lines()]), "not finite"),
+    *((lambda path, flags=flags: write(path, [*lines(), *((h, s * np.float32(np.nan)) for h, s in lines(flags=flags))]),
+       "not finite") for flags in (0, flag(19))),
 ])  # fmt: skip
 def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, words):
     path = tmp_path / "raw.h5"
