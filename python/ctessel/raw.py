@@ -293,15 +293,18 @@ def _fill(reader, found, scan, progress, threads):
 
 def _read_ahead(reader, parts):
     """Acquisitions of each part, read while those of the part before are put to their places."""
+
+    def read(part):
+        return part, reader.read(part.start, part.stop - part.start)
+
     with ThreadPoolExecutor(1) as thread:
-        jobs = deque()
+        jobs = deque()  # alone holds them: an error in a variable here would keep the file open
         for part in parts:
-            jobs.append((part, thread.submit(reader.read, part.start, part.stop - part.start)))
+            jobs.append(thread.submit(read, part))
             if len(jobs) > 1:
-                first, job = jobs.popleft()
-                yield first, job.result()
-        for last, job in jobs:
-            yield last, job.result()
+                yield jobs.popleft().result()
+        while jobs:
+            yield jobs.popleft().result()
 
 
 def _fill_block(block, found, scan, part, whole, threads):

@@ -7,6 +7,7 @@
 #include <ismrmrd/dataset.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <bit>
@@ -131,8 +132,32 @@ class File {
   /// libismrmrd opens for writing, always: that needs the permission, turns an empty file into one of
   /// HDF5, and locks out others, such as the jobs that reconstruct other parts.
   void open_to_read() {
-    set_.fileid = H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT);
-    if (set_.fileid < 0) throw std::runtime_error(hdf5_reason());
+    const Handle file(H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    set_.fileid = shared(file);
+    H5Iinc_ref(set_.fileid);
+  }
+
+  /// One handle for all who read a file: HDF5 keeps the first one's memory in the types of the data,
+  /// and uses it after that handle was closed.
+  static hid_t shared(hid_t file) {
+    static std::vector<hid_t> known;
+    std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
+    const struct stat status = status_of(file);
+    for (const hid_t other : known) {
+      const struct stat s = status_of(other);
+      if (s.st_dev == status.st_dev && s.st_ino == status.st_ino) return other;
+    }
+    known.push_back(file);
+    return file;
+  }
+
+  static struct stat status_of(hid_t file) {
+    void* descriptor = nullptr;
+    check(H5Fget_vfd_handle(file, H5P_DEFAULT, &descriptor));
+    struct stat status;
+    if (fstat(*static_cast<int*>(descriptor), &status) != 0)
+      throw std::runtime_error("its state is unknown");
+    return status;
   }
 
   void free_names() {
@@ -184,7 +209,7 @@ class Target {
   void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
     const bool inside = x >= 0 && x <= extent_ - line.samples && offset >= 0 && offset <= last_;
     if (line.coils != coils_ || !inside)
-      throw std::out_of_range("a line does not fit the array that it goes to");
+      throw std::runtime_error("a line does not fit the place that was found for it");
     const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
     for (ptrdiff_t c = 0; c < coils_; ++c) {
       Sample* to = first_ + offset + c * coil_step_;

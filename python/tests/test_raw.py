@@ -109,6 +109,20 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
     assert scan.header.noise_bandwidth_ratio == 6 / 4 / 2  # of the mean of two
 
 
+def test_a_file_stays_readable_when_others_close_it(tmp_path):
+    file = str(write(tmp_path / "r.h5", lines()))
+    first, second = (_raw.Reader(file, "dataset") for _ in range(2))
+    del first
+    for _ in range(20):
+        _raw.Reader(file, "dataset")  # takes the memory of what was closed
+    block, want = second.read(4, 2), lines()[5][1]
+    np.testing.assert_array_equal(block.samples(5), want)
+    place = {"x": [0], "array": np.zeros_like(want, order="F"), "offsets": [0], "turn": 0}
+    for odd in ({"x": [2**63 - 1]}, {"offsets": [2**63 - 1]}, {"array": np.zeros((0, 2), "c8")}):
+        with pytest.raises((RuntimeError, ValueError)):
+            block.put([5], coil_axis=1, add=[False], **{**place, **odd})
+
+
 def test_calibration_completes_each_image_or_stays_apart(tmp_path):
     def measured(flags, ys, **fields):
         return [acquisition(kspace_encode_step_1=y, seed=y, flags=flags, **fields) for y in ys]
