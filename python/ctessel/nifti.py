@@ -222,9 +222,10 @@ class _Gzip(io.RawIOBase):
         return offset
 
     def write(self, data):
+        data = memoryview(data)  # of items of any size
         self._file.write(self._packer.compress(data))
-        self._size += len(data)
-        return len(data)
+        self._size += data.nbytes
+        return data.nbytes
 
     def close(self):
         if not self.closed:
