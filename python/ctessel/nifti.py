@@ -58,7 +58,9 @@ class Staged(contextlib.AbstractContextManager):
                 os.replace(written, final)
                 del self._names[final]
 
-    def __exit__(self, *_):
+    def __exit__(self, _, error, __):
+        if isinstance(error, OSError) and not error.filename and self._names:
+            error.filename = str(next(reversed(self._names)).absolute().parent)  # of a full disk, say
         with self._lock:
             self._discard()
             if self in self._open:

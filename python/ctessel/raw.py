@@ -369,7 +369,11 @@ def _zeros(shape, scratch):
         array.fill(0)  # np.zeros would leave small pages to be touched one by one: three times as slow
         return array
     with tempfile.TemporaryFile(dir=scratch) as file:
-        file.truncate(8 * int(np.prod(shape, dtype=float)))
+        try:  # where the disk is full, a map of a file with holes would end the process
+            os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))
+        except OSError as error:
+            error.filename = scratch
+            raise
         return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")
 
 
