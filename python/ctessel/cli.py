@@ -102,20 +102,24 @@ def _end(number, _):
     """End the process from a signal's handler, with nothing half-written."""
     for other in (signal.SIGINT, signal.SIGTERM):
         signal.signal(other, signal.SIG_IGN)
+    import io
     import logging
     import multiprocessing
+    import resource
 
+    stderr, sys.stderr = sys.stderr, io.StringIO()  # the thread that works may fail from here on
     logging.disable()  # Dask tells of every process that ends
     for child in multiprocessing.active_children():
         child.kill()
-    for name, discard in (
-        ("nifti", lambda m: m.Staged.discard_all()),
-        ("dask", lambda m: m.discard_all()),
-    ):
-        # A module that is not there, or not complete yet, has written nothing.
-        with contextlib.suppress(AttributeError):
-            discard(sys.modules.get(f"ctessel.{name}"))
-    print("\nctessel: cancelled, nothing was written", file=sys.stderr, flush=True)
+    written = False
+    # A module that is not there, or not complete yet, has written nothing.
+    with contextlib.suppress(AttributeError):
+        sys.modules.get("ctessel.dask").discard_all()
+    resource.setrlimit(resource.RLIMIT_NOFILE, (0, 0))  # nor can it make files any more
+    with contextlib.suppress(AttributeError):
+        written = sys.modules.get("ctessel.nifti").Staged.discard_all()
+    what = "all had been" if written else "nothing was"
+    print(f"\nctessel: cancelled, {what} written", file=stderr, flush=True)
     os._exit(128 + number)
 
 

@@ -38,8 +38,10 @@ class Staged(contextlib.AbstractContextManager):
 
     _lock = threading.Lock()
     _open = []
+    _written = False  # by the latest
 
     def __init__(self):
+        Staged._written = False
         self._names = {}
         self._open.append(self)
 
@@ -57,8 +59,11 @@ class Staged(contextlib.AbstractContextManager):
             for final, written in list(self._names.items()):
                 os.replace(written, final)
                 del self._names[final]
+            Staged._written = True
 
-    def __exit__(self, *_):
+    def __exit__(self, _, error, __):
+        if isinstance(error, OSError) and not error.filename and self._names:
+            error.filename = str(next(reversed(self._names)).absolute().parent)  # of a full disk, say
         with self._lock:
             self._discard()
             if self in self._open:
@@ -71,10 +76,14 @@ class Staged(contextlib.AbstractContextManager):
 
     @classmethod
     def discard_all(cls):
-        """Remove what other threads have not committed, for a process that is about to end."""
+        """Remove what other threads have not committed, for a process that is about to end.
+
+        Returns whether all had been.
+        """
         with cls._lock:
             while cls._open:
                 cls._open.pop()._discard()
+            return cls._written
 
 
 def check_folder(path):
@@ -222,9 +231,10 @@ class _Gzip(io.RawIOBase):
         return offset
 
     def write(self, data):
+        data = memoryview(data)  # of items of any size
         self._file.write(self._packer.compress(data))
-        self._size += len(data)
-        return len(data)
+        self._size += data.nbytes
+        return data.nbytes
 
     def close(self):
         if not self.closed:

@@ -73,11 +73,12 @@ class Options:
     """What `reconstruct` is to do where the scan leaves a choice.
 
     `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
-    interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of the filter, 0 to 0.915.
-    `regularisation` is the strength of that of SENSE, 1 trusting the level of the calibration
-    image; it needs a noise scan. `calibration_size` is the most calibration lines used along an
-    axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the geometry, with
-    splines of `order`. `combine` "pcsos" gives complex images, "sos" magnitudes.
+    interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of
+    the filter, 0 to 0.915. `regularisation` is the strength of that of SENSE, 1 trusting the level
+    of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
+    lines used along an axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the
+    geometry, with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
+    "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
 
     combine: str = "pcsos"
@@ -120,7 +121,7 @@ class Setup:
     ranges: list  # partial Fourier, in lines of the field that is transformed
     lattices: tuple[Lattice, Lattice]
     covariance: np.ndarray | None
-    window: tuple[int, int, int]  # lines that the ringing filter spans
+    window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
     pixels: tuple[int, int, int]  # image over the whole encoded field
     matrix: tuple[int, int, int]  # image that is kept
     field: tuple[float, float, float]
@@ -140,8 +141,8 @@ class Setup:
 
     @property
     def gain(self):
-        """Keeps the level of the image, which unitary transforms of other extents change."""
-        return np.float32((prod(self.pixels) / prod(self.full)) ** 0.5)
+        """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
+        return np.float32((prod(self.pixels) / prod(self.window)) ** 0.5)
 
 
 def plan(scan, options=None):
@@ -184,11 +185,13 @@ def reconstruct(scan, options=None, progress=None, client=None):
     ValueError
         The scan or an option does not allow a reconstruction; the message says how to mend it.
 
-    Notes ----- Scans that are both undersampled and partial are unfolded first; the k-space of the
-    unfolded image then goes through homodyne. That takes two transforms of one image instead of two
-    of every coil. It holds as far as sensitivities change little over the width to which the
-    missing lines blur a point: unfolding weighs voxel by voxel, so the unfolded image lacks the
-    lines that its coils lack.
+    Notes
+    -----
+    Scans that are both undersampled and partial are unfolded first; the k-space of the unfolded
+    image then goes through homodyne. That takes two transforms of one image instead of two of every
+    coil. It holds as far as sensitivities change little over the width to which the missing lines
+    blur a point: unfolding weighs voxel by voxel, so the unfolded image lacks the lines that its
+    coils lack.
 
     References
     ----------

@@ -130,7 +130,10 @@ def outline(found):
     at = np.flatnonzero(found.role == NOISE_SCAN)
     if at.size:
         reader = _open(found.path, found.group)
-        scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
+        try:
+            scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
+        except RuntimeError as error:
+            raise _named(found.path, error) from None
     return scan
 
 
@@ -290,15 +293,18 @@ def _fill(reader, found, scan, progress, threads):
 
 def _read_ahead(reader, parts):
     """Acquisitions of each part, read while those of the part before are put to their places."""
+
+    def read(part):
+        return part, reader.read(part.start, part.stop - part.start)
+
     with ThreadPoolExecutor(1) as thread:
-        jobs = deque()
+        jobs = deque()  # alone holds them: an error in a variable here would keep the file open
         for part in parts:
-            jobs.append((part, thread.submit(reader.read, part.start, part.stop - part.start)))
+            jobs.append(thread.submit(read, part))
             if len(jobs) > 1:
-                first, job = jobs.popleft()
-                yield first, job.result()
-        for last, job in jobs:
-            yield last, job.result()
+                yield jobs.popleft().result()
+        while jobs:
+            yield jobs.popleft().result()
 
 
 def _fill_block(block, found, scan, part, whole, threads):
@@ -363,7 +369,11 @@ def _zeros(shape, scratch):
         array.fill(0)  # np.zeros would leave small pages to be touched one by one: three times as slow
         return array
     with tempfile.TemporaryFile(dir=scratch) as file:
-        file.truncate(8 * int(np.prod(shape, dtype=float)))
+        try:  # where the disk is full, a map of a file with holes would end the process
+            os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))
+        except OSError as error:
+            error.filename = scratch
+            raise
         return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")
 
 

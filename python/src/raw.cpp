@@ -7,6 +7,7 @@
 #include <ismrmrd/dataset.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <bit>
@@ -131,8 +132,32 @@ class File {
   /// libismrmrd opens for writing, always: that needs the permission, turns an empty file into one of
   /// HDF5, and locks out others, such as the jobs that reconstruct other parts.
   void open_to_read() {
-    set_.fileid = H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT);
-    if (set_.fileid < 0) throw std::runtime_error(hdf5_reason());
+    const Handle file(H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    set_.fileid = shared(file);
+    H5Iinc_ref(set_.fileid);
+  }
+
+  /// One handle for all who read a file: HDF5 keeps the first one's memory in the types of the data,
+  /// and uses it after that handle was closed.
+  static hid_t shared(hid_t file) {
+    static std::vector<hid_t> known;
+    std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
+    const struct stat status = status_of(file);
+    for (const hid_t other : known) {
+      const struct stat s = status_of(other);
+      if (s.st_dev == status.st_dev && s.st_ino == status.st_ino) return other;
+    }
+    known.push_back(file);
+    return file;
+  }
+
+  static struct stat status_of(hid_t file) {
+    void* descriptor = nullptr;
+    check(H5Fget_vfd_handle(file, H5P_DEFAULT, &descriptor));
+    struct stat status;
+    if (fstat(*static_cast<int*>(descriptor), &status) != 0)
+      throw std::runtime_error("its state is unknown");
+    return status;
   }
 
   void free_names() {
@@ -167,24 +192,24 @@ bool finite(const Sample* samples, ptrdiff_t n) {
 /// An array whose first axis is that of the readout, as lines that start anywhere in it.
 class Target {
  public:
-  Target(py::array& array, int coil_axis, ptrdiff_t turn)
+  Target(py::array& array, unsigned coil_axis, unsigned turn)
       : first_(static_cast<Sample*>(array.mutable_data())),
         extent_(array.shape(0)),
         coils_(array.shape(coil_axis)),
-        coil_step_(array.strides(coil_axis) / kItem),
-        turn_(turn) {
-    if (array.strides(0) != kItem && extent_ > 1)
+        coil_step_(array.strides(coil_axis) / kItem) {
+    if (array.size() == 0 || coil_axis == 0 || (array.strides(0) != kItem && extent_ > 1))
       throw py::value_error("expected samples of a readout side by side");
-    for (int d = 0; d < array.ndim(); ++d)
-      last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
+    turn_ = turn % extent_;
+    for (unsigned d = 1; d < array.ndim(); ++d)
+      if (d != coil_axis) last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
   }
 
   /// The line that starts `offset` samples after the array's first. Its first sample goes `x` samples
   /// on, all are then moved by the turn, around the end to the start.
   void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
-    const ptrdiff_t end = offset + (coils_ - 1) * coil_step_ + extent_ - 1;
-    if (line.coils != coils_ || x < 0 || x + line.samples > extent_ || offset < 0 || end > last_)
-      throw std::out_of_range("a line does not fit the array that it goes to");
+    const bool inside = x >= 0 && x <= extent_ - line.samples && offset >= 0 && offset <= last_;
+    if (line.coils != coils_ || !inside)
+      throw std::runtime_error("a line does not fit the place that was found for it");
     const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
     for (ptrdiff_t c = 0; c < coils_; ++c) {
       Sample* to = first_ + offset + c * coil_step_;
@@ -201,7 +226,7 @@ class Target {
     const Sample* from = line.first + coil * line.pitch;
     const ptrdiff_t last = line.samples - 1 - first;
     if (line.reversed) {
-      for (ptrdiff_t k = 0; k < n; ++k) to[k] = from[last - k] + (add ? to[k] : Sample());
+      for (ptrdiff_t k = 0; k < n; ++k) to[k] = add ? to[k] + from[last - k] : from[last - k];
     } else if (add) {
       for (ptrdiff_t k = 0; k < n; ++k) to[k] += from[first + k];
     } else {  // the sums above would read fresh memory first, which costs as much again
@@ -210,12 +235,12 @@ class Target {
   }
 
   Sample* first_;
-  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;
+  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;  // last: of the lines' starts
 };
 
 /// Lines of `block`, (sample, coil, line), to where they start in `array`.
-void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets, int coil_axis,
-         ptrdiff_t turn, const Flags& add) {
+void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets,
+         unsigned coil_axis, unsigned turn, const Flags& add) {
   const Target target(array, coil_axis, turn);
   const auto at = offsets.unchecked<1>();
   const auto adds = add.unchecked<1>();
@@ -261,13 +286,13 @@ class Acquisitions {
   Samples samples(std::size_t number) const {
     const Line l = line(number);
     Samples array({l.samples, l.coils});
-    if (l.samples > 0) Target(array, 1, 0).put(l, 0, 0, false);
+    if (array.size() > 0) Target(array, 1, 0).put(l, 0, 0, false);
     return array;
   }
 
   /// Acquisitions `numbers` of the file, from sample `x` of the lines that start at `offsets` on.
   void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
-           const Indices& offsets, int coil_axis, ptrdiff_t turn, const Flags& add) const {
+           const Indices& offsets, unsigned coil_axis, unsigned turn, const Flags& add) const {
     const Target target(array, coil_axis, turn);
     const auto which = numbers.unchecked<1>(), from = x.unchecked<1>(), at = offsets.unchecked<1>();
     const auto adds = add.unchecked<1>();
@@ -291,7 +316,7 @@ class Acquisitions {
     const std::size_t i = number - first_;
     if (i >= records_.size()) throw py::index_error("acquisitions that were not read");
     const ISMRMRD_AcquisitionHeader h = head(i);
-    const ptrdiff_t samples = h.number_of_samples, coils = h.active_channels;
+    const ptrdiff_t coils = h.active_channels, samples = coils > 0 ? h.number_of_samples : 0;
     const ptrdiff_t before = std::min<ptrdiff_t>(h.discard_pre, samples);
     const ptrdiff_t kept = std::max<ptrdiff_t>(samples - before - h.discard_post, 0);
     const Sample* all = static_cast<const Sample*>(records_[i].data.p);

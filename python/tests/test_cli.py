@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 import signal
 import subprocess
 import sys
@@ -102,6 +103,14 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
                   ["recon", scan, "-o", target, "--range", "x", 0, 1], ["phantom", "cube", "-o", target]):  # fmt: skip
         assert code(*wrong) == cli.USAGE
     capsys.readouterr()
+    most = resource.getrlimit(resource.RLIMIT_FSIZE)
+    for where in ([], ["--scratch", tmp_path]):
+        resource.setrlimit(resource.RLIMIT_FSIZE, (65536, most[1]))  # as little as a full disk takes
+        try:
+            assert code("recon", scan, "-o", target, *where) == cli.DEFECT
+        finally:
+            resource.setrlimit(resource.RLIMIT_FSIZE, most)
+        one_line(f"ctessel: {tmp_path}: File too large")
     monkeypatch.setattr(_memory, "available", lambda: 1_000_000)
     assert code("recon", scan, "-o", target) == cli.MEMORY
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
