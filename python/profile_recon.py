@@ -4,12 +4,13 @@
     python3 python/profile_recon.py RAW.h5 [OPTIONS OF ctessel recon]
 
 Time within a function counts for the first group that it belongs to. Modules are imported before
-functions are timed, which would take the imports twice as long. Threads, this machine's other load
-and `--workers` blur the picture: set OMP_NUM_THREADS=1.
+functions are timed, which would take the imports twice as long. Kernels and transforms get one
+thread, so that the only other one is that which reads ahead.
 """
 
 import cProfile
 import importlib
+import os
 import pstats
 import sys
 import tempfile
@@ -31,13 +32,15 @@ def group_of(function):
 
 
 def main(raw, *options):
+    os.environ["OMP_NUM_THREADS"] = "1"
     for name in ("ctessel.pipeline", "ctessel._recon", "nibabel", "tqdm", "scipy.ndimage"):
         importlib.import_module(name)
     from ctessel import cli
 
-    profile = cProfile.Profile(time.process_time)
+    profile = cProfile.Profile(time.thread_time)
     times = dict.fromkeys([*GROUPS, START], 0.0)
     times[START] = time.process_time()
+    ahead = time.process_time() - time.thread_time()
     with tempfile.TemporaryDirectory() as folder:
         profile.enable()
         arguments = cli._parser().parse_args(
@@ -47,6 +50,7 @@ def main(raw, *options):
         profile.disable()
     for function, (_, _, own, _, _) in pstats.Stats(profile).stats.items():
         times[group_of(function)] += own
+    times["reading"] += time.process_time() - time.thread_time() - ahead
     total = sum(times.values())
     for group, spent in times.items():
         print(f"{group:28} {spent:6.2f} s {100 * spent / total:3.0f} %")

@@ -3,6 +3,7 @@
 import numpy as np
 from scipy import fft
 
+from . import _core
 from ._arrays import fftshift, ifftshift, zero_pad
 
 
@@ -16,7 +17,7 @@ def to_image(kspace, axes=(0, 1, 2), threads=None, overwrite=False):
     axes : sequence of int, optional
         Axes to transform.
     threads : int, optional
-        Threads of the transform and of the shifts.
+        Threads of the transform and of the shifts, by default the OpenMP runtime's number.
     overwrite : bool, optional
         Allow `kspace` to be overwritten, which spares a copy.
 
@@ -50,7 +51,8 @@ def _shifted(data, axes, threads, overwrite):
 
 def _unshifted(transform, data, axes, threads):
     turned = tuple(data.ndim - 1 - axis for axis in axes)  # SciPy works and returns in C order
-    return transform(data.T, axes=turned, norm="ortho", overwrite_x=True, workers=threads).T
+    workers = threads or _core.max_threads()
+    return transform(data.T, axes=turned, norm="ortho", overwrite_x=True, workers=workers).T
 
 
 def central(n, kept):

@@ -334,8 +334,9 @@ def _range(words):
 
 def recon(arguments):
     """``ctessel recon``"""
-    from . import _recon
+    from . import _memory, _recon
 
+    _memory.keep_freed()
     job = _recon.prepare(arguments, _range(arguments.range))
     if arguments.dry_run:
         print(_recon.report(job))

@@ -27,7 +27,7 @@ import dask.array as da
 import numpy as np
 
 import ctessel
-from ctessel import _steps
+from ctessel import _memory, _steps
 
 
 # ---- Operations on arrays ------------------------------------------------------------------------
@@ -265,14 +265,9 @@ SPAWNED = "distributed.nanny.pre-spawn-environ"
 
 
 def _environment(workers):
-    """Variables of the processes: their share of the cores, and memory that they keep.
-
-    Blocks need the same memory again and again; given back after each, as Dask has it by default,
-    it is cleared for each anew.
-    """
+    """Variables of the processes: their share of the cores, and memory that they keep."""
     threads = max(1, len(os.sched_getaffinity(0)) // workers)
-    kept = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
-    return {**dask.config.get(SPAWNED, {}), **kept, "OMP_NUM_THREADS": threads}
+    return {**dask.config.get(SPAWNED, {}), **_memory.KEPT, "OMP_NUM_THREADS": threads}
 
 
 _folders = set()

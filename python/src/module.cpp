@@ -9,6 +9,7 @@ PYBIND11_MODULE(_core, m) {
   py::options options;
   options.disable_function_signatures();
   m.attr("__version__") = CTESSEL_VERSION;
+  m.def("max_threads", omp_get_max_threads);
   m.def("release_threads", [] { omp_pause_resource_all(omp_pause_hard); });
   ctessel_python::bind_arrays(m);
   ctessel_python::bind_coils(m);
