@@ -3,7 +3,9 @@
 #
 #   check_package.sh BUILD_FOLDER
 set -eu
-command -v dpkg-deb dpkg-shlibdeps >/dev/null || { echo 'SKIPPED: no dpkg-deb here'; exit 77; }
+for tool in dpkg-deb dpkg-shlibdeps file; do
+  command -v "$tool" >/dev/null || { echo "SKIPPED: no $tool here"; exit 77; }
+done
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 status=0
