@@ -10,8 +10,8 @@ import scipy
 
 from . import __version__, _memory, nifti, pipeline, raw
 
-#: Python with its modules, before there are any data.
-INTERPRETER = 100_000_000
+#: Python with its modules, blocks of the file, and freed memory that is kept.
+INTERPRETER = 160_000_000
 
 
 @dataclass
