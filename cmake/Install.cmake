@@ -1,11 +1,11 @@
-# `cmake --install`: the public header, both libraries, and what find_package and pkg-config need.
+# `cmake --install`: the public headers, both libraries, and what find_package and pkg-config need.
 include(CMakePackageConfigHelpers)
 
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/cTessel)
 set(config ${PROJECT_BINARY_DIR}/config)
 
 install(TARGETS cTessel cTessel_shared EXPORT cTesselTargets)
-install(FILES ${PROJECT_SOURCE_DIR}/recon/cTessel.h TYPE INCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/recon/cTessel.h ${PROJECT_SOURCE_DIR}/recon/ctessel.hpp TYPE INCLUDE)
 install(EXPORT cTesselTargets NAMESPACE cTessel:: DESTINATION ${config_folder})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/package/cTesselConfig.cmake.in

@@ -11,12 +11,12 @@ tree=$work/tree
 
 cmake --install "$build" --prefix "$work/first" >/dev/null
 mv "$work/first" "$tree"
-headers=$(ls "$tree/include")
-[ "$headers" = cTessel.h ] || { echo "headers: $headers"; exit 1; }
+headers=$(LC_ALL=C ls -m "$tree/include")
+[ "$headers" = 'cTessel.h, ctessel.hpp' ] || { echo "headers: $headers"; exit 1; }
 
 library=$(find "$tree" -name 'libcTessel.so')
-diff <("$source/tests/header_routines.sh" "$tree/include/cTessel.h") \
-  <(nm -DC --defined-only "$library" | cut -d' ' -f3- | sed 's/(.*//' | sort -u) ||
+diff <("$source/tests/header_routines.sh" "$tree/include/cTessel.h" "$tree/include/ctessel.hpp") \
+  <(nm -DC --defined-only "$library" | cut -d' ' -f3- | sed 's/(.*//' | grep -v '^ctessel::[A-Z]' | sort -u) ||
   { echo 'the shared library shows (>) or misses (<) routines'; exit 1; }
 
 echo '== find_package'

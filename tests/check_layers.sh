@@ -13,9 +13,10 @@ allow() {
   [ -z "$found" ] || { printf 'not allowed here:\n%s\n' "$found"; status=1; }
 }
 std='[a-z_0-9]+|c(math|stddef|stdint|stdlib|string|limits|complex)'
-own=$(basename -a recon/*.h | paste -sd'|' | sed 's/\./\\./g')
+own=$(basename -a recon/*.h recon/*.hpp | paste -sd'|' | sed 's/\./\\./g')
 # The stores past the caches come from a header of the compiler.
 allow "$std|omp\.h|emmintrin\.h|Eigen/[A-Za-z]+|$own" recon/*.cpp recon/*.h
+allow "$std" recon/*.hpp
 allow "$std|homodyne\.h|host/host\.h|(cTessel|conversion|dispatch|loops)\.h" gateway/*.cpp gateway/*.h
 allow "$std|mex\.h|host\.h|memory\.h" gateway/host/*
 found=$(grep -nE '\b(printf|puts|fopen|std::cout|std::cerr|[io]?fstream)\b' recon/*.cpp recon/*.h |

@@ -14,11 +14,11 @@ cpack -G DEB --config "$1/CPackConfig.cmake" -B "$work" >"$work/log" 2>&1 ||
   { cat "$work/log"; exit 1; }
 package=$(ls "$work"/libctessel-dev_*.deb)
 dpkg-deb -c "$package" >"$work/files"
-for file in include/cTessel.h libcTessel.a libcTessel.so cTesselConfig.cmake \
+for file in include/cTessel.h include/ctessel.hpp libcTessel.a libcTessel.so cTesselConfig.cmake \
   cTesselConfigVersion.cmake cTesselTargets.cmake pkgconfig/cTessel.pc doc/libctessel-dev/copyright; do
   grep -qE "/$file( |\$)" "$work/files" || { echo "missing: $file"; status=1; }
 done
-others=$(grep -vE "^d|\./usr/(include/cTessel\.h|lib/|share/doc/)" "$work/files" || true)
+others=$(grep -vE "^d|\./usr/(include/c(Tessel\.h|tessel\.hpp)|lib/|share/doc/)" "$work/files" || true)
 [ -z "$others" ] || { echo "not for users: $others"; status=1; }
 
 for field in 'Package: libctessel-dev' 'Section: libdevel' 'Depends:.*libeigen3-dev.*libgomp1'; do

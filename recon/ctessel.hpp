@@ -1,0 +1,133 @@
+// cTessel for C++20: reconstruction kernels for magnetic-resonance imaging, on samples as they lie.
+//
+// A view says where the samples of an array lie: two arrays of parts or one of (real, imaginary)
+// pairs, first or last axis fastest, with gaps or without. Kernels read and write through views; no
+// sample is copied to be taken. Axes keep the order in which the caller indexes them: images and
+// k-space are (x, y, z, coil, ...), whichever axis is fastest in memory. On a centred axis of N
+// samples the zero frequency lies at index floor(N / 2).
+//
+// The caller owns every array. Views that do not fit each other throw std::invalid_argument before
+// anything is written; std::bad_alloc leaves a routine uncaught. Routines may be called from several
+// threads at once on disjoint outputs; each uses the OpenMP default number of threads, and results
+// are the same bits for every thread count and every layout. Memory is what a call allocates beyond
+// its inputs and outputs.
+#pragma once
+
+#include <algorithm>
+#include <complex>
+#include <cstddef>
+#include <initializer_list>
+#include <type_traits>
+#include <vector>
+
+namespace ctessel {
+
+// ---- Views --------------------------------------------------------------------------------------
+
+/// Axes by their place, counted from 0. Where no name says what an axis holds, Dim(n) is axis n.
+enum class Dim : int { x = 0, y = 1, z = 2, coil = 3, location = 7, repetition = 9 };
+
+/// Which axis of an array without gaps is the fastest in memory: the first or the last.
+enum class Order { fortran, c };
+
+using Extents = std::vector<std::ptrdiff_t>;
+
+/// Samples of an array of any number of axes, where they lie. Sample (i, j, ...) has its real part
+/// at re[i strides[0] + j strides[1] + ...] and its imaginary part, if im is not null, at the same
+/// place from im on. Strides count floats: pairs without gaps have strides 2, 2 extents[0], ...
+/// and im = re + 1. Copies of a view are views of the same samples.
+template <class Float>
+struct BasicSamples {
+  using Pair =
+      std::conditional_t<std::is_const_v<Float>, const std::complex<float>, std::complex<float>>;
+
+  Float *re = nullptr, *im = nullptr;
+  Extents extents, strides;
+
+  BasicSamples() = default;
+  BasicSamples(Float* real, Float* imaginary, Extents n, Extents step)
+      : re(real), im(imaginary), extents(std::move(n)), strides(std::move(step)) {}
+
+  /// Parts without gaps; imaginary may be null.
+  static BasicSamples parts(Float* real, Float* imaginary, Extents n,
+                            Order order = Order::fortran) {
+    Extents step = packed(n, order, 1);
+    return {real, imaginary, std::move(n), std::move(step)};
+  }
+
+  /// Pairs without gaps.
+  static BasicSamples pairs(Pair* samples, Extents n, Order order = Order::fortran) {
+    auto* floats = reinterpret_cast<Float*>(samples);
+    Extents step = packed(n, order, 2);
+    return {floats, floats ? floats + 1 : nullptr, std::move(n), std::move(step)};
+  }
+
+  /// Read-only views of writable samples.
+  operator BasicSamples<const Float>() const requires(!std::is_const_v<Float>) {
+    return {re, im, extents, strides};
+  }
+
+  explicit operator bool() const { return re != nullptr; }
+  int ndim() const { return static_cast<int>(extents.size()); }
+
+  /// 1 and 0 past the last axis.
+  std::ptrdiff_t extent(Dim d) const { return has(d) ? extents[place(d)] : 1; }
+  std::ptrdiff_t stride(Dim d) const { return has(d) ? strides[place(d)] : 0; }
+
+  /// Number of samples.
+  std::ptrdiff_t size() const {
+    std::ptrdiff_t n = 1;
+    for (std::ptrdiff_t extent : extents) n *= extent;
+    return n;
+  }
+
+  /// Entries first .. first + count - 1 of an axis that there is.
+  BasicSamples slice(Dim d, std::ptrdiff_t first, std::ptrdiff_t count) const {
+    BasicSamples out = from(first * stride(d));
+    out.extents[place(d)] = count;
+    return out;
+  }
+
+  /// The same extents, `offset` floats further on.
+  BasicSamples from(std::ptrdiff_t offset) const {
+    return {re + offset, im ? im + offset : nullptr, extents, strides};
+  }
+
+  /// The same samples with axes of extent 1 behind the last one, up to n axes.
+  BasicSamples with_axes(int n) const {
+    BasicSamples out = *this;
+    const auto axes = static_cast<std::size_t>(std::max(n, ndim()));
+    out.extents.resize(axes, 1);
+    out.strides.resize(axes, 0);
+    return out;
+  }
+
+ private:
+  static std::size_t place(Dim d) { return static_cast<std::size_t>(d); }
+  bool has(Dim d) const { return place(d) < extents.size(); }
+
+  static Extents packed(const Extents& n, Order order, std::ptrdiff_t step) {
+    Extents strides(n.size());
+    for (std::size_t k = 0; k < n.size(); ++k) {
+      const std::size_t d = order == Order::fortran ? k : n.size() - 1 - k;
+      strides[d] = step;
+      step *= std::max<std::ptrdiff_t>(n[d], 1);
+    }
+    return strides;
+  }
+};
+
+using Samples = BasicSamples<float>;
+using ConstSamples = BasicSamples<const float>;
+
+// Routines are seen outside of the shared library; the views above are compiled where they are used.
+#pragma GCC visibility push(default)
+
+/// Copies samples between views of the same extents, whatever their layouts: every sample's bits stay.
+/// Where only `to` has imaginary parts they become 0; where only `from` has, they are left out.
+/// The two must not overlap. Threads: split over rows or tiles. Memory: none.
+void copy(const ConstSamples& from, const Samples& to);
+
+#pragma GCC visibility pop
+
+}  // namespace ctessel
