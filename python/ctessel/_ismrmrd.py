@@ -1,5 +1,6 @@
 """ISMRMRD's header text and the fields of its acquisitions."""
 
+import math
 import xml.etree.ElementTree as ElementTree
 
 import numpy as np
@@ -83,8 +84,8 @@ def _header(root, encoding):
             for i in (1, 2)
         ),
         calibration_mode=_text(encoding, "parallelImaging/calibrationMode", "").lower(),
-        tr=_numbers(root, "sequenceParameters/TR"),
-        te=_numbers(root, "sequenceParameters/TE"),
+        tr=_times(root, "TR"),
+        te=_times(root, "TE"),
         protocol=_text(root, "measurementInformation/protocolName", ""),
         patient_position=_text(root, "measurementInformation/patientPosition", ""),
     )
@@ -118,11 +119,18 @@ def _triple(element, name, kind):
     return tuple(_number(element, f"{name}/{axis}", kind) for axis in "xyz")
 
 
-def _numbers(root, name):
+def _times(root, name):
+    """Times in ms."""
+    texts = [found.text or "" for found in root.findall(_path(f"sequenceParameters/{name}"))]
     try:
-        return [float(found.text) for found in root.findall(_path(name))]
-    except (TypeError, ValueError):
-        raise DefectError(f"{name} of its header is no number") from None
+        times = [float(text) for text in texts]
+    except ValueError:
+        times = [math.nan]
+    if not all(0 < time < math.inf for time in times):
+        raise DefectError(
+            f"{name} of its header is {', '.join(texts) or 'empty'}; expected milliseconds above 0"
+        )
+    return times
 
 
 def _limit(encoding, name, extent):

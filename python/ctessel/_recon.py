@@ -97,13 +97,16 @@ class Job:
             "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
             "SpacingBetweenSlices": header.spacing,
             "ImageType": kind,
-            "Sources": [os.path.basename(self.found.path)],
+            "Sources": [_file_name(self.found.path)],
             "Position": "of the file"
             if self.known
             else "not in the file; axial at the isocentre assumed",
             "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
             "Steps": result.steps,
-            "Parameters": {**result.parameters, "geometry": self.arguments.geometry},
+            "Parameters": {
+                **result.parameters,
+                "geometry": self.arguments.geometry and _file_name(self.arguments.geometry),
+            },
             "ConversionSoftware": "ctessel",
             "ConversionSoftwareVersion": __version__,
             "Versions": versions(),
@@ -136,8 +139,10 @@ def prepare(arguments, part):
     except ValueError as error:
         raise raw.RawError(f"{found.path}: {error}") from None
     job = Job(arguments, options, found, None if alone else part, steps, needed, matrix, known)
+    for name in [*job.names(), *([arguments.preview] if arguments.preview else [])]:
+        nifti.check_output(name)
     if not arguments.dry_run:
-        _check(job)
+        _check_memory(job)
     return job
 
 
@@ -166,15 +171,18 @@ def _geometry(found, options, part):
     return header, (*(options.matrix or header.recon_matrix), slices), header.recon_fov
 
 
-def _check(job):
-    """Refuse what does not fit, and folders that cannot be written to, before the work."""
+def _check_memory(job):
+    """Refuse what does not fit before the work."""
     shape = (job.found.width, *job.found.scan.shape[1:])
     on_disk = 8 * int(np.prod(shape, dtype=float)) if job.arguments.scratch else 0
     _memory.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
     )
-    for name in (job.arguments.output, job.arguments.preview or job.arguments.output):
-        nifti.check_folder(name)
+
+
+def _file_name(path):
+    """Without its folder, and as text that every program can read."""
+    return os.fsencode(os.path.basename(path)).decode(errors="replace")
 
 
 def report(job):

@@ -300,20 +300,18 @@ def _scan_places(heads, role, header, coils, index):
 
 
 def _readouts(heads, header, which):
-    """Places of the first samples that are kept, k = 0 at ``N // 2``, the same for all; x limits.
-
-    Readouts in the other direction are turned round when they are read: sample c of n is then
-    sample n - c, as both directions cover the same part of k-space.
-    """
+    """Places of the first samples that are kept, k = 0 at ``N // 2``, the same for all; x limits."""
     extent = header.encoded_matrix[0]
     samples, pre, post, centre = (
         heads[field].astype(int)
         for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
     )
-    centre = np.where(centre > 0, centre, samples // 2)
-    reverse = heads["flags"] & REVERSE != 0
-    first = extent // 2 + np.where(reverse, centre - samples + post, pre - centre)
     length = samples - pre - post
+    given, reverse = centre > 0, heads["flags"] & REVERSE != 0
+    centre = np.where(given, centre, samples // 2)
+    turned = np.where(given, samples - 1 - centre, centre)
+    first = extent // 2 + np.where(reverse, post - turned, pre - centre)
+    first = _agreed(first, length, extent, which, reverse & given)
     odd = np.flatnonzero(which & ((first < 0) | (first + length > extent) | (length < 1)))
     if odd.size:
         i = odd[0]
@@ -332,6 +330,18 @@ def _readouts(heads, header, which):
             *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []),
         )
     return first, Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
+
+
+def _agreed(first, length, extent, which, reverse):
+    """Places of first samples, where reversed readouts lie as the others do.
+
+    They are turned round when they are read: sample c of n is then sample n - 1 - c. Some writers mean
+    n - c, so that the centre of even readouts is n // 2 in both directions.
+    """
+    forward = np.flatnonzero(which & ~reverse)
+    if forward.size:
+        return first - (reverse & (first - 1 == first[forward[0]]))
+    return first - (reverse & (first + length > extent)[which].any())
 
 
 def _check_complete(measured):

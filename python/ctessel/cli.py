@@ -44,6 +44,16 @@ def _main(argv):
         return code
 
 
+def _say(text):
+    """Print for people, or for a program that may stop reading."""
+    encoding = getattr(sys.stdout, "encoding", None) or "utf-8"
+    try:
+        # Names of files need not be text.
+        print(text.encode(encoding, "backslashreplace").decode(encoding), flush=True)
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # for Python's own last flush
+
+
 def _explain(error):
     """Exit code and one line for an exception."""
     from ._memory import DoesNotFitError
@@ -339,7 +349,7 @@ def recon(arguments):
     _memory.keep_freed()
     job = _recon.prepare(arguments, _range(arguments.range))
     if arguments.dry_run:
-        print(_recon.report(job))
+        _say(_recon.report(job))
         return
     with _progress("reading", "acquisitions") as progress:
         scan = job.read(progress)
@@ -352,7 +362,7 @@ def info(arguments):
     """``ctessel info``"""
     from . import _recon
 
-    print(_recon.information(arguments.raw, arguments.group))
+    _say(_recon.information(arguments.raw, arguments.group))
 
 
 def merge(arguments):
@@ -367,7 +377,7 @@ def phantom(arguments):
     from . import phantom as phantoms
 
     if arguments.kind == "list":
-        print("\n".join(phantoms.KINDS))
+        _say("\n".join(phantoms.KINDS))
         return
     if arguments.kind not in phantoms.KINDS:
         raise UsageError(
@@ -396,7 +406,7 @@ def phantom(arguments):
 @contextlib.contextmanager
 def _progress(what, unit):
     """A bar with the time left on stderr, where that is a terminal; None otherwise."""
-    if not sys.stderr.isatty():
+    if sys.stderr is None or not sys.stderr.isatty():
         yield None
         return
     import tqdm

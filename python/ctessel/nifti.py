@@ -48,7 +48,7 @@ class Staged(contextlib.AbstractContextManager):
     def path(self, final):
         """Where to write what is to become `final`: beside it, hidden, with its endings."""
         final = Path(final)
-        check_folder(final)
+        check_output(final)
         self._names[final] = final.with_name(f".{os.getpid()}-{final.name}")
         return self._names[final]
 
@@ -86,8 +86,10 @@ class Staged(contextlib.AbstractContextManager):
             return cls._written
 
 
-def check_folder(path):
+def check_output(path):
     """ValueError unless a file of this name can be made."""
+    if Path(path).is_dir():
+        raise ValueError(f"{path}: is a folder; name a file")
     folder = Path(path).absolute().parent
     if not os.access(folder, os.W_OK | os.X_OK):
         raise ValueError(f"{folder}: cannot be written to; name a folder that can")

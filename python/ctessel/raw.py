@@ -7,6 +7,7 @@ by block to their places in one array.
 
 import errno
 import os
+import stat
 import tempfile
 from collections import deque
 from concurrent.futures import ThreadPoolExecutor
@@ -33,6 +34,8 @@ __all__ = [
 ]
 
 BLOCK_BYTES = 4 << 20
+#: HDF5's words for a group that is not there.
+NO_GROUP = ("component not found", "doesn't exist", "not a group", "no name")
 
 
 class RawError(ValueError):
@@ -202,30 +205,53 @@ def binding(path):
 
 def _open(path, group):
     _raw = binding(path)
-    if not os.path.isfile(path):
-        code = errno.EISDIR if os.path.isdir(path) else errno.ENOENT
-        raise RawError(f"{path}: {os.strerror(code)}; name a raw data file")
-    if os.path.getsize(path) == 0:
-        raise RawError(f"{path}: the file is empty; copy it again")
+    _check_file(path)
     try:
-        return _raw.Reader(path, group)
+        return _raw.Reader(os.fsencode(path), os.fsencode(group))
     except RuntimeError as error:
-        raise RawError(f"{path}: {_reason(str(error), group)}") from None
+        raise RawError(f"{path}: {_reason(str(error), path, group)}") from None
 
 
-def _reason(text, group):
+def _check_file(path):
+    """Refuse what is there but no file, before HDF5 waits for it or says something else."""
+    try:
+        status = os.stat(path)
+    except OSError as error:
+        raise RawError(f"{path}: {error.strerror}; name a raw data file") from None
+    if stat.S_ISDIR(status.st_mode):
+        raise RawError(f"{path}: {os.strerror(errno.EISDIR)}; name a raw data file")
+    if not stat.S_ISREG(status.st_mode):
+        kind = "a pipe" if stat.S_ISFIFO(status.st_mode) else "a device or a socket"
+        raise RawError(f"{path}: is {kind}, no file; name a raw data file")
+    if status.st_size == 0:
+        raise RawError(f"{path}: the file is empty; copy it again")
+
+
+def _reason(text, path, group):
     """HDF5's reasons in a user's words, with what mends them."""
     if "signature not found" in text:
         return "no HDF5 file; convert the scanner's data to ISMRMRD first"
     if "truncated" in text:
         return f"the file is cut short ({text}); copy it again"
     if text.startswith("no acquisitions"):
-        return "it holds no acquisitions; copy or convert it again"
-    if "No XML Header" in text:
-        return f'no raw data in its group "{group}"; name the right one with --group'
+        return f'{text.split(" in ")[0]} in its group "{group}"; copy or convert it again'
+    if text.startswith("no header") or any(words in text for words in NO_GROUP):
+        return f'no raw data in its group "{group}"; {_other_groups(path)}'
+    if "external" in text:
+        return f'its group "{group}" lies in another file, which cannot be opened; copy that as well'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
     return f"cannot be read ({text}); copy or convert it again"
+
+
+def _other_groups(path):
+    try:
+        groups = [os.fsdecode(name) for name in binding(path).list_groups(os.fsencode(path))]
+    except RuntimeError:
+        groups = []
+    if not groups:
+        return "no other group holds any; convert the scanner's data again"
+    return f"name the right one with --group: {', '.join(groups)}"
 
 
 def _named(path, error):

@@ -1,8 +1,9 @@
 // The extension module ctessel._raw: raw data files in ISMRMRD's format, read in blocks and written.
 //
-// libismrmrd opens files and appends to them. Acquisitions are read through its open HDF5 file, many
-// at a time: one at a time costs a quarter of a millisecond each, and the library copies as many
-// samples as a header promises, however few the file holds.
+// libismrmrd writes. Files are read through HDF5 itself: the library opens them for writing, always, which
+// needs the permission, turns an empty file into one of HDF5, and locks out the jobs that reconstruct other
+// parts. It also takes a quarter of a millisecond for each acquisition, and copies as many samples as a
+// header promises, however few the file holds.
 
 #include <ismrmrd/dataset.h>
 #include <pybind11/numpy.h>
@@ -36,7 +37,8 @@ using Flags = py::array_t<bool, py::array::c_style | py::array::forcecast>;
 using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
 
 constexpr std::size_t kHeadBytes = sizeof(ISMRMRD_AcquisitionHeader);
-static_assert(kHeadBytes == 340, "ctessel/raw.py describes this layout");
+static_assert(kHeadBytes == 340, "ctessel/_ismrmrd.py describes this layout");
+constexpr std::size_t kLongestHeader = 64 << 20;
 
 // One at a time: libismrmrd keeps its errors in one place, and HDF5 may be built without locks.
 std::mutex file_lock;
@@ -104,41 +106,21 @@ class Quiet {
   void* data_ = nullptr;
 };
 
-/// A file that libismrmrd holds open.
-class File {
+/// One handle for all who read a file: HDF5 keeps the first one's memory in the types of the data, and
+/// uses it after that handle was closed.
+class Input {
  public:
-  File(const std::string& path, const std::string& group, bool create) {
-    if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
-      throw std::runtime_error(library_reason());
-    try {
-      create ? open_to_write() : open_to_read();
-    } catch (...) {
-      free_names();
-      throw;
-    }
-  }
-  ~File() { ismrmrd_close_dataset(&set_); }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  const ISMRMRD_Dataset* operator->() const { return &set_; }
-  const ISMRMRD_Dataset* get() const { return &set_; }
+  explicit Input(const std::string& path) : file_(open(path)) {}
+  operator hid_t() const { return file_; }
 
  private:
-  void open_to_write() {
-    if (ismrmrd_open_dataset(&set_, true) != ISMRMRD_NOERROR)
-      throw std::runtime_error(library_reason());
+  static Handle open(const std::string& path) {
+    const Handle own(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+    const hid_t file = shared(own);
+    H5Iinc_ref(file);
+    return Handle(file, H5Fclose);
   }
 
-  /// libismrmrd opens for writing, always: that needs the permission, turns an empty file into one of
-  /// HDF5, and locks out others, such as the jobs that reconstruct other parts.
-  void open_to_read() {
-    const Handle file(H5Fopen(set_.filename, H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
-    set_.fileid = shared(file);
-    H5Iinc_ref(set_.fileid);
-  }
-
-  /// One handle for all who read a file: HDF5 keeps the first one's memory in the types of the data,
-  /// and uses it after that handle was closed.
   static hid_t shared(hid_t file) {
     static std::vector<hid_t> known;
     std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
@@ -160,12 +142,54 @@ class File {
     return status;
   }
 
-  void free_names() {
-    std::free(set_.filename);
-    std::free(set_.groupname);
-  }
-  ISMRMRD_Dataset set_{};
+  Handle file_;
 };
+
+/// A data set of a group; `what` names it in errors.
+Handle open_data_set(hid_t file, const std::string& group, const char* name, const char* what) {
+  const Handle in(H5Gopen2(file, group.c_str(), H5P_DEFAULT), H5Gclose);
+  if (H5Lexists(in, name, H5P_DEFAULT) <= 0)
+    throw std::runtime_error(std::string("no ") + what + " in the group \"" + group + "\"");
+  return Handle(H5Dopen2(in, name, H5P_DEFAULT), H5Dclose);
+}
+
+/// The header: a text of fixed or variable length, in ASCII or UTF-8. libismrmrd takes one of the four.
+std::string read_text(hid_t file, const std::string& group) {
+  const Handle set = open_data_set(file, group, "xml", "header");
+  const Handle type(H5Dget_type(set), H5Tclose), space(H5Dget_space(set), H5Sclose);
+  if (H5Tget_class(type) != H5T_STRING || H5Sget_simple_extent_npoints(space) != 1)
+    throw std::runtime_error("its header is no text");
+  if (H5Tis_variable_str(type) > 0) {
+    char* text = nullptr;
+    check(H5Dread(set, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, &text));
+    const std::unique_ptr<char, herr_t (*)(void*)> owner(text, H5free_memory);
+    return text ? text : "";
+  }
+  const std::size_t size = H5Tget_size(type);
+  if (size > kLongestHeader) throw std::runtime_error("its header is longer than 64 MiB");
+  std::string text(size, '\0');
+  check(H5Dread(set, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, text.data()));
+  return text.substr(0, text.find('\0'));
+}
+
+herr_t note_group(hid_t, const char* name, const H5L_info_t*, void* groups) {
+  const std::string path = name;
+  if (path.ends_with("/data"))
+    static_cast<std::vector<std::string>*>(groups)->push_back(path.substr(0, path.size() - 5));
+  return 0;
+}
+
+/// Groups of a file that hold acquisitions, by name, which need not be text.
+py::list list_groups(const std::string& path) {
+  std::vector<std::string> groups;
+  {
+    const Quiet quiet;
+    check(H5Lvisit(Input(path), H5_INDEX_NAME, H5_ITER_INC, note_group, &groups));
+  }
+  py::list names;
+  for (const std::string& group : groups) names.append(py::bytes(group));
+  return names;
+}
 
 /// What is wanted of one acquisition; the trajectory stays in the file.
 struct Record {
@@ -336,12 +360,8 @@ class Reader {
  public:
   Reader(const std::string& path, const std::string& group) {
     const Quiet quiet;
-    file_ = std::make_unique<File>(path, group, false);
-    // Read here: libismrmrd's own call takes a missing header and an unreadable one for the same.
-    std::unique_ptr<char, void (*)(void*)> text(ismrmrd_read_header(file_->get()), std::free);
-    if (!text)
-      throw std::runtime_error("no header in the group \"" + group + "\": " + library_reason());
-    header_ = text.get();
+    file_ = std::make_unique<Input>(path);
+    header_ = read_text(*file_, group);
     open_data(group);
   }
 
@@ -383,11 +403,7 @@ class Reader {
 
  private:
   void open_data(const std::string& group) {
-    const std::string name = "/" + group + "/data";
-    if (H5Lexists((*file_)->fileid, name.c_str(), H5P_DEFAULT) <= 0)
-      throw std::runtime_error("no acquisitions in the group \"" + group + "\"");
-    data_ =
-        std::make_unique<Handle>(H5Dopen2((*file_)->fileid, name.c_str(), H5P_DEFAULT), H5Dclose);
+    data_ = std::make_unique<Handle>(open_data_set(*file_, group, "data", "acquisitions"));
     const Handle space(H5Dget_space(*data_), H5Sclose), type(H5Dget_type(*data_), H5Tclose);
     const hssize_t points = H5Sget_simple_extent_npoints(space);
     size_ = points < 0 ? 0 : static_cast<std::size_t>(points);
@@ -425,17 +441,37 @@ class Reader {
     check(H5Dread(*data_, type, memory, space, how, to));
   }
 
-  std::unique_ptr<File> file_;
+  std::unique_ptr<Input> file_;
   std::unique_ptr<Handle> data_, head_type_, record_type_;
   std::string header_;
   std::size_t size_ = 0;
+};
+
+/// A file that libismrmrd appends to.
+class Output {
+ public:
+  Output(const std::string& path, const std::string& group) {
+    if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
+      throw std::runtime_error(library_reason());
+    if (ismrmrd_open_dataset(&set_, true) == ISMRMRD_NOERROR) return;
+    std::free(set_.filename);
+    std::free(set_.groupname);
+    throw std::runtime_error(library_reason());
+  }
+  ~Output() { ismrmrd_close_dataset(&set_); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+  const ISMRMRD_Dataset* get() const { return &set_; }
+
+ private:
+  ISMRMRD_Dataset set_{};
 };
 
 class Writer {
  public:
   Writer(const std::string& path, const std::string& group, const std::string& header) {
     const Quiet quiet;
-    file_ = std::make_unique<File>(path, group, true);
+    file_ = std::make_unique<Output>(path, group);
     if (ismrmrd_write_header(file_->get(), header.c_str()) != ISMRMRD_NOERROR)
       throw std::runtime_error(library_reason());
   }
@@ -466,7 +502,7 @@ class Writer {
   }
 
  private:
-  std::unique_ptr<File> file_;
+  std::unique_ptr<Output> file_;
 };
 
 void ignore_error(const char*, int, const char*, int, const char*) {}
@@ -486,6 +522,7 @@ PYBIND11_MODULE(_raw, m) {
       .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),
            py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("turn"),
            py::arg("add"));
+  m.def("list_groups", list_groups, py::arg("path"));
   m.def("put", put, py::arg("block").noconvert(), py::arg("array").noconvert(), py::arg("offsets"),
         py::arg("coil_axis"), py::arg("turn"), py::arg("add"));
   py::class_<Writer>(m, "Writer")

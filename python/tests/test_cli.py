@@ -76,7 +76,9 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale
 
 
 def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, monkeypatch):
-    target = str(tmp_path / "i.nii")
+    target, folder = str(tmp_path / "i.nii"), tmp_path / "folder.nii"
+    folder.mkdir()
+    folder.with_suffix(".png").mkdir()
 
     def code(*arguments):
         try:
@@ -90,10 +92,15 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
 
     assert code("recon", scan, "-o", target, "--range", "slice", 1, 3) == cli.DEFECT
     one_line("slice 0 to 2")
-    assert code("recon", scan, "-o", tmp_path / "none" / "i.nii") == cli.DEFECT
-    one_line("none: cannot be written to")
     assert code("recon", scan, "-o", target, "--geometry", tmp_path / "no.coef") == cli.DEFECT
     one_line("no.coef: No such file")
+    for rest in ([], ["--dry-run"]):
+        for where, words in ((tmp_path / "none" / "i.nii", "none: cannot be written to"), (folder, "is a folder")):
+            for names in (["-o", where], ["-o", target, "--preview", where.with_suffix(".png")]):
+                assert code("recon", scan, *names, *rest) == cli.DEFECT
+                one_line(words)
+    folder.rmdir()
+    folder.with_suffix(".png").rmdir()
     assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
     one_line("none: cannot be written to")
     assert code("merge", target, "-o", target) == cli.DEFECT
@@ -132,6 +139,23 @@ def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
     for words in ("coils 4", "slices 3", "repetitions 4", "noise scan 2048 samples", "5 mm apart", "TR 500 ms",
                   "SENSE: R = 2 along y", "lines 36 of 48"):  # fmt: skip
         assert words in told
+
+
+def test_names_that_are_no_text_work(scan, tmp_path):
+    name = os.fsdecode(b"\xff\n.h5")
+    (tmp_path / name).write_bytes(scan.read_bytes())
+    command = [sys.executable, "-m", "ctessel"]
+    for words in (["info", name], ["recon", name, "-o", f"{name}.nii"], ["recon", name, "-o", f"{name}.nii", "--dry-run"]):
+        run = subprocess.run([*command, *words], cwd=tmp_path, capture_output=True)
+        assert (run.returncode, run.stderr) == (0, b"")
+    assert json.loads((tmp_path / f"{name}.json").read_text())["Sources"] == ["\ufffd\n.h5"]
+
+
+def test_readers_may_stop_reading(scan):
+    for words in (f"info {scan}", "phantom list"):
+        run = subprocess.run(f"{sys.executable} -m ctessel {words} | true; exit ${{PIPESTATUS[0]}}", shell=True,
+                             executable="/bin/bash", stderr=subprocess.PIPE)  # fmt: skip
+        assert (run.returncode, run.stderr) == (0, b"")
 
 
 # Writing stops half-way, and says so.

@@ -1,11 +1,13 @@
 """Raw data files: what others wrote, lines in every order, places in the patient, and defects."""
 
+import os
 import shutil
 import subprocess
 import sys
 import tracemalloc
 from pathlib import Path
 
+import foreign
 import h5py
 import nibabel
 import numpy as np
@@ -107,6 +109,36 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
         np.testing.assert_array_equal(plain.kspace[:, y, 0, :, 0, 0, 0], samples)
     assert scan.noise.shape == (32, 2) and plain.noise is None
     assert scan.header.noise_bandwidth_ratio == 6 / 4 / 2  # of the mean of two
+
+
+@pytest.mark.parametrize("n", [32, 31])
+@pytest.mark.parametrize("which", [slice(3, None, 2), slice(None)], ids=["every second", "all"])
+def test_reversed_readouts_count_their_centre_either_way(tmp_path, n, which):
+    kspace = foreign.image(n, 16)
+    for centre in (n - 1 - n // 2, n - n // 2):  # of the reversed line; of even lines, as in the others
+        lines = foreign.records(kspace)
+        lines[which] = [
+            foreign.record(kspace[:, y, ::-1], y, flags=1 << 21, center_sample=centre)
+            for y in range(16)[which]
+        ]
+        file = foreign.write(tmp_path / f"{centre}.h5", lines, foreign.header(n, 16))
+        read = raw.read(file).kspace[:, :, 0, :, 0, 0, 0]
+        np.testing.assert_array_equal(read, kspace.transpose(2, 1, 0))
+
+
+@pytest.mark.parametrize("kind", [
+    h5py.string_dtype("ascii"), h5py.string_dtype("utf-8"), h5py.string_dtype("ascii", 3000), h5py.string_dtype("utf-8", 3000),
+])  # fmt: skip
+def test_headers_of_every_kind_of_text_are_read(tmp_path, kind):
+    text = foreign.header(32, 16).replace("<encoding>", "<measurementInformation><protocolName>T1 für É"
+                                          "</protocolName></measurementInformation><encoding>", 1)  # fmt: skip
+    file = foreign.write(
+        tmp_path / "r.h5", foreign.records(foreign.image(32, 16)), text, "a/b", kind
+    )
+    assert raw.contents(file, group="a/b").header.protocol == "T1 für É"
+    for wrong in ("dataset", "/a", "", "a/b/xml"):
+        with pytest.raises(raw.RawError, match=r"no raw data in its group .*--group: a/b$"):
+            raw.contents(file, group=wrong)
 
 
 def test_a_file_stays_readable_when_others_close_it(tmp_path):
@@ -273,6 +305,11 @@ def change_text(old, new):
     return defect
 
 
+def link_elsewhere(path):
+    with h5py.File(path, "w") as file:
+        file["dataset"] = h5py.ExternalLink("absent.h5", "/dataset")
+
+
 def cut(path):
     write(path, lines())
     path.write_bytes(path.read_bytes()[:9000])
@@ -282,6 +319,12 @@ def cut(path):
     (lambda path: None, "No such file"),
     (lambda path: path.mkdir(), "Is a directory"),
     (lambda path: path.write_text("PK"), "no HDF5 file"),
+    (lambda path: os.mkfifo(path), "is a pipe, no file"),
+    (lambda path: path.symlink_to("/dev/zero"), "is a device or a socket, no file"),
+    (lambda path: path.symlink_to(path), "Too many levels of symbolic links"),
+    (lambda path: link_elsewhere(path), "lies in another file"),
+    *((lambda path, time=time: foreign.write(path, foreign.records(foreign.image(32, 16)), foreign.header(32, 16, te=time)),
+       f"TE of its header is {time or 'empty'}; expected milliseconds") for time in ("inf", "nan", "0", "-1", "soon", "")),
     (cut, "cut short"),
     (lambda path: h5py.File(path, "w").close(), "no raw data in its group"),
     (lambda path: write(path, []), "no acquisitions"),
