@@ -11,8 +11,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <bit>
-#include <complex>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -25,19 +23,14 @@
 #include <utility>
 #include <vector>
 
+#include "lines.h"
+
 namespace {
 
 namespace py = pybind11;
 using namespace ISMRMRD;
-using std::ptrdiff_t;
-using Sample = std::complex<float>;
-using Samples = py::array_t<Sample, py::array::f_style>;
-using Indices = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>;
-using Flags = py::array_t<bool, py::array::c_style | py::array::forcecast>;
-using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
+using namespace ctessel_lines;
 
-constexpr std::size_t kHeadBytes = sizeof(ISMRMRD_AcquisitionHeader);
-static_assert(kHeadBytes == 340, "ctessel/_ismrmrd.py describes this layout");
 constexpr std::size_t kLongestHeader = 64 << 20;
 
 // One at a time: libismrmrd keeps its errors in one place, and HDF5 may be built without locks.
@@ -197,71 +190,6 @@ struct Record {
   hvl_t data;
 };
 
-/// The samples of a line that count, in the order of k-space: coil after coil, `pitch` apart.
-struct Line {
-  const Sample* first;
-  ptrdiff_t samples, coils, pitch;
-  bool reversed;
-};
-
-bool finite(const Sample* samples, ptrdiff_t n) {
-  const float* parts = reinterpret_cast<const float*>(samples);
-  constexpr std::uint32_t exponent = 0x7F800000;
-  std::uint32_t odd = 0;
-  for (ptrdiff_t i = 0; i < 2 * n; ++i)
-    odd |= (std::bit_cast<std::uint32_t>(parts[i]) & exponent) == exponent;
-  return odd == 0;
-}
-
-/// An array whose first axis is that of the readout, as lines that start anywhere in it.
-class Target {
- public:
-  Target(py::array& array, unsigned coil_axis, unsigned turn)
-      : first_(static_cast<Sample*>(array.mutable_data())),
-        extent_(array.shape(0)),
-        coils_(array.shape(coil_axis)),
-        coil_step_(array.strides(coil_axis) / kItem) {
-    if (array.size() == 0 || coil_axis == 0 || (array.strides(0) != kItem && extent_ > 1))
-      throw py::value_error("expected samples of a readout side by side");
-    turn_ = turn % extent_;
-    for (unsigned d = 1; d < array.ndim(); ++d)
-      if (d != coil_axis) last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
-  }
-
-  /// The line that starts `offset` samples after the array's first. Its first sample goes `x` samples
-  /// on, all are then moved by the turn, around the end to the start.
-  void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
-    const bool inside = x >= 0 && x <= extent_ - line.samples && offset >= 0 && offset <= last_;
-    if (line.coils != coils_ || !inside)
-      throw std::runtime_error("a line does not fit the place that was found for it");
-    const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
-    for (ptrdiff_t c = 0; c < coils_; ++c) {
-      Sample* to = first_ + offset + c * coil_step_;
-      put_part(line, c, 0, head, to + start, add);
-      put_part(line, c, head, line.samples - head, to, add);
-    }
-  }
-
- private:
-  static constexpr ptrdiff_t kItem = sizeof(Sample);
-
-  static void put_part(const Line& line, ptrdiff_t coil, ptrdiff_t first, ptrdiff_t n, Sample* to,
-                       bool add) {
-    const Sample* from = line.first + coil * line.pitch;
-    const ptrdiff_t last = line.samples - 1 - first;
-    if (line.reversed) {
-      for (ptrdiff_t k = 0; k < n; ++k) to[k] = add ? to[k] + from[last - k] : from[last - k];
-    } else if (add) {
-      for (ptrdiff_t k = 0; k < n; ++k) to[k] += from[first + k];
-    } else {  // the sums above would read fresh memory first, which costs as much again
-      std::copy_n(from + first, n, to);
-    }
-  }
-
-  Sample* first_;
-  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;  // last: of the lines' starts
-};
-
 /// Lines of `block`, (sample, coil, line), to where they start in `array`.
 void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets,
          unsigned coil_axis, unsigned turn, const Flags& add) {
@@ -307,48 +235,24 @@ class Acquisitions {
   }
 
   /// Samples that count of acquisition `number` of the file, (sample, coil), in the order of k-space.
-  Samples samples(std::size_t number) const {
-    const Line l = line(number);
-    Samples array({l.samples, l.coils});
-    if (array.size() > 0) Target(array, 1, 0).put(l, 0, 0, false);
-    return array;
-  }
+  Samples samples(std::size_t number) const { return samples_of(line(number)); }
 
   /// Acquisitions `numbers` of the file, from sample `x` of the lines that start at `offsets` on.
   void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
            const Indices& offsets, unsigned coil_axis, unsigned turn, const Flags& add) const {
-    const Target target(array, coil_axis, turn);
-    const auto which = numbers.unchecked<1>(), from = x.unchecked<1>(), at = offsets.unchecked<1>();
-    const auto adds = add.unchecked<1>();
-    if (from.size() != which.size() || at.size() != which.size() || adds.size() != which.size())
-      throw py::value_error("expected a place, an offset and a flag for each acquisition");
-    const py::gil_scoped_release release;
-    for (ptrdiff_t i = 0; i < which.size(); ++i)
-      target.put(line(static_cast<std::size_t>(which(i))), at(i), from(i), adds(i));
+    put_lines([this](std::size_t number) { return line(number); }, numbers, x,
+              Target(array, coil_axis, turn), offsets, add);
   }
 
  private:
   std::string name(std::size_t i) const { return "acquisition " + std::to_string(first_ + i); }
 
-  ISMRMRD_AcquisitionHeader head(std::size_t i) const {
-    ISMRMRD_AcquisitionHeader h;
-    std::memcpy(&h, records_[i].head, kHeadBytes);
-    return h;
-  }
+  ISMRMRD_AcquisitionHeader head(std::size_t i) const { return head_of(records_[i].head); }
 
   Line line(std::size_t number) const {
     const std::size_t i = number - first_;
     if (i >= records_.size()) throw py::index_error("acquisitions that were not read");
-    const ISMRMRD_AcquisitionHeader h = head(i);
-    const ptrdiff_t coils = h.active_channels, samples = coils > 0 ? h.number_of_samples : 0;
-    const ptrdiff_t before = std::min<ptrdiff_t>(h.discard_pre, samples);
-    const ptrdiff_t kept = std::max<ptrdiff_t>(samples - before - h.discard_post, 0);
-    const Sample* all = static_cast<const Sample*>(records_[i].data.p);
-    for (ptrdiff_t c = 0; c < coils; ++c)
-      if (!finite(all + c * samples + before, kept))
-        throw std::runtime_error(name(i) + " holds values that are not finite");
-    return {all + before, kept, coils, samples,
-            ismrmrd_is_flag_set(h.flags, ISMRMRD_ACQ_IS_REVERSE)};
+    return line_of(head(i), static_cast<const Sample*>(records_[i].data.p), number);
   }
 
   std::size_t first_;

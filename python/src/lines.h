@@ -1,0 +1,135 @@
+// Lines of k-space: which samples of an acquisition count, and how they get to their places.
+#pragma once
+
+#include <ismrmrd/ismrmrd.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <algorithm>
+#include <bit>
+#include <complex>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace ctessel_lines {
+
+namespace py = pybind11;
+using std::ptrdiff_t;
+using Sample = std::complex<float>;
+using Samples = py::array_t<Sample, py::array::f_style>;
+using Indices = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>;
+using Flags = py::array_t<bool, py::array::c_style | py::array::forcecast>;
+using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
+
+constexpr std::size_t kHeadBytes = sizeof(ISMRMRD::ISMRMRD_AcquisitionHeader);
+static_assert(kHeadBytes == 340, "HEAD, of the Python package, describes this layout");
+
+/// The samples of a line that count, in the order of k-space: coil after coil, `pitch` apart.
+struct Line {
+  const Sample* first;
+  ptrdiff_t samples, coils, pitch;
+  bool reversed;
+};
+
+inline bool finite(const Sample* samples, ptrdiff_t n) {
+  const float* parts = reinterpret_cast<const float*>(samples);
+  constexpr std::uint32_t exponent = 0x7F800000;
+  std::uint32_t odd = 0;
+  for (ptrdiff_t i = 0; i < 2 * n; ++i)
+    odd |= (std::bit_cast<std::uint32_t>(parts[i]) & exponent) == exponent;
+  return odd == 0;
+}
+
+/// An array whose first axis is that of the readout, as lines that start anywhere in it.
+class Target {
+ public:
+  Target(py::array& array, unsigned coil_axis, unsigned turn)
+      : first_(static_cast<Sample*>(array.mutable_data())),
+        extent_(array.shape(0)),
+        coils_(array.shape(coil_axis)),
+        coil_step_(array.strides(coil_axis) / kItem) {
+    if (array.size() == 0 || coil_axis == 0 || (array.strides(0) != kItem && extent_ > 1))
+      throw py::value_error("expected samples of a readout side by side");
+    turn_ = turn % extent_;
+    for (unsigned d = 1; d < array.ndim(); ++d)
+      if (d != coil_axis) last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
+  }
+
+  /// The line that starts `offset` samples after the array's first. Its first sample goes `x` samples
+  /// on, all are then moved by the turn, around the end to the start.
+  void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
+    const bool inside = x >= 0 && x <= extent_ - line.samples && offset >= 0 && offset <= last_;
+    if (line.coils != coils_ || !inside)
+      throw std::runtime_error("a line does not fit the place that was found for it");
+    const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
+    for (ptrdiff_t c = 0; c < coils_; ++c) {
+      Sample* to = first_ + offset + c * coil_step_;
+      put_part(line, c, 0, head, to + start, add);
+      put_part(line, c, head, line.samples - head, to, add);
+    }
+  }
+
+ private:
+  static constexpr ptrdiff_t kItem = sizeof(Sample);
+
+  static void put_part(const Line& line, ptrdiff_t coil, ptrdiff_t first, ptrdiff_t n, Sample* to,
+                       bool add) {
+    const Sample* from = line.first + coil * line.pitch;
+    const ptrdiff_t last = line.samples - 1 - first;
+    if (line.reversed) {
+      for (ptrdiff_t k = 0; k < n; ++k) to[k] = add ? to[k] + from[last - k] : from[last - k];
+    } else if (add) {
+      for (ptrdiff_t k = 0; k < n; ++k) to[k] += from[first + k];
+    } else {  // the sums above would read fresh memory first, which costs as much again
+      std::copy_n(from + first, n, to);
+    }
+  }
+
+  Sample* first_;
+  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;  // last: of the lines' starts
+};
+
+inline ISMRMRD::ISMRMRD_AcquisitionHeader head_of(const std::uint8_t* bytes) {
+  ISMRMRD::ISMRMRD_AcquisitionHeader head;
+  std::memcpy(&head, bytes, kHeadBytes);
+  return head;
+}
+
+/// What counts of acquisition `number`, whose samples are `all`; refused where it is not finite.
+inline Line line_of(const ISMRMRD::ISMRMRD_AcquisitionHeader& h, const Sample* all,
+                    std::size_t number) {
+  const ptrdiff_t coils = h.active_channels, samples = coils > 0 ? h.number_of_samples : 0;
+  const ptrdiff_t before = std::min<ptrdiff_t>(h.discard_pre, samples);
+  const ptrdiff_t kept = std::max<ptrdiff_t>(samples - before - h.discard_post, 0);
+  for (ptrdiff_t c = 0; c < coils; ++c)
+    if (!finite(all + c * samples + before, kept))
+      throw std::runtime_error("acquisition " + std::to_string(number) +
+                               " holds values that are not finite");
+  return {all + before, kept, coils, samples,
+          ISMRMRD::ismrmrd_is_flag_set(h.flags, ISMRMRD::ISMRMRD_ACQ_IS_REVERSE)};
+}
+
+/// A line as an array (sample, coil), in the order of k-space.
+inline Samples samples_of(const Line& line) {
+  Samples array({line.samples, line.coils});
+  if (array.size() > 0) Target(array, 1, 0).put(line, 0, 0, false);
+  return array;
+}
+
+/// Lines `numbers`, as `line` finds them, from sample `x` of those that start at `offsets` on.
+template <class Find>
+void put_lines(const Find& line, const Indices& numbers, const Indices& x, const Target& target,
+               const Indices& offsets, const Flags& add) {
+  const auto which = numbers.unchecked<1>(), from = x.unchecked<1>(), at = offsets.unchecked<1>();
+  const auto adds = add.unchecked<1>();
+  if (from.size() != which.size() || at.size() != which.size() || adds.size() != which.size())
+    throw py::value_error("expected a place, an offset and a flag for each acquisition");
+  const py::gil_scoped_release release;
+  for (ptrdiff_t i = 0; i < which.size(); ++i)
+    target.put(line(static_cast<std::size_t>(which(i))), at(i), from(i), adds(i));
+}
+
+}  // namespace ctessel_lines
