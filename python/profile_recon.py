@@ -33,7 +33,7 @@ def group_of(function):
 
 def main(raw, *options):
     os.environ["OMP_NUM_THREADS"] = "1"
-    for name in ("ctessel.pipeline", "ctessel._recon", "nibabel", "tqdm", "scipy.ndimage"):
+    for name in ("ctessel.pipeline", "ctessel.job", "nibabel", "tqdm", "scipy.ndimage"):
         importlib.import_module(name)
     from ctessel import cli
 

@@ -23,7 +23,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent / "tests"))
 from scans import lines, scan  # noqa: E402
 
 import ctessel.dask  # noqa: E402
-from ctessel import pipeline  # noqa: E402
+from ctessel import pipeline, reconstruct  # noqa: E402
 
 OPTIONS = pipeline.Options(threads=1)
 RUNS = 5
@@ -40,16 +40,15 @@ def lasts(clock, function):
 
 
 def timed_block(*arguments):
-    return lasts(time.process_time, lambda: pipeline.reconstruct_block(*arguments))
+    return lasts(time.process_time, lambda: reconstruct._work(*arguments))
 
 
-def image_alone(setup, *_):
-    return np.ones((*setup.matrix, 1, 1), np.complex64)
+def image_alone(plan, *_):
+    return np.ones((*plan.matrix, 1, 1), np.complex64)
 
 
 def tasks(data):
-    setup = pipeline._setup(data, OPTIONS, data.sampled)
-    return pipeline._tasks(data, [setup], pipeline._patterns(data))
+    return reconstruct._tasks(pipeline.plan(data, OPTIONS), data)
 
 
 def simulated(work, send, workers):

@@ -344,12 +344,13 @@ def _range(words):
 
 def recon(arguments):
     """``ctessel recon``"""
-    from . import _memory, _recon
+    from . import _memory
+    from .job import prepare
 
     _memory.keep_freed()
-    job = _recon.prepare(arguments, _range(arguments.range))
+    job = prepare(arguments, _range(arguments.range))
     if arguments.dry_run:
-        _say(_recon.report(job))
+        _say(job.intentions())
         return
     with _progress("reading", "acquisitions") as progress:
         scan = job.read(progress)
@@ -360,9 +361,9 @@ def recon(arguments):
 
 def info(arguments):
     """``ctessel info``"""
-    from . import _recon
+    from .job import information
 
-    _say(_recon.information(arguments.raw, arguments.group))
+    _say(information(arguments.raw, arguments.group))
 
 
 def merge(arguments):

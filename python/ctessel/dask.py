@@ -27,7 +27,7 @@ import dask.array as da
 import numpy as np
 
 import ctessel
-from ctessel import _memory, _steps
+from ctessel import _memory, steps
 
 
 # ---- Operations on arrays ------------------------------------------------------------------------
@@ -80,7 +80,7 @@ def homodyne_recon(kspace, ranges, **keywords):
     """`ctessel.pipeline.homodyne_recon`, independent from the fourth axis on."""
     sizes = dict(enumerate(keywords.get("field") or ()))
     return _along(
-        _steps.homodyne_recon,
+        steps.homodyne_recon,
         kspace,
         range(3),
         sizes=sizes,
@@ -92,7 +92,7 @@ def homodyne_recon(kspace, ranges, **keywords):
 
 def whiten(kspace, covariance):
     """`ctessel.pipeline.whiten`, independent from the fifth axis on."""
-    return _along(_steps.whiten, kspace, range(4), dtype=np.complex64, covariance=covariance)
+    return _along(steps.whiten, kspace, range(4), dtype=np.complex64, covariance=covariance)
 
 
 def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, **keywords):

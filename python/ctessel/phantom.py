@@ -13,7 +13,7 @@ from pathlib import Path
 import numpy as np
 
 from . import _ismrmrd, _memory, raw
-from ._fourier import to_kspace
+from .fourier import to_kspace
 from ._ismrmrd import HEAD
 from .nifti import Staged
 from .scan import Header, Limit

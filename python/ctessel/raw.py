@@ -16,11 +16,11 @@ from dataclasses import replace
 import numpy as np
 
 from . import _memory
-from ._fourier import cut_unshifted
+from .fourier import cut_unshifted
 from ._ismrmrd import HEAD, DefectError, parse
 from ._memory import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
-from .scan import AXES, Limit, Scan, times_text
+from .scan import AXES, Layout, Limit, Scan, times_text
 
 __all__ = [
     "Contents",
@@ -29,7 +29,7 @@ __all__ = [
     "contents",
     "describe",
     "facts",
-    "outline",
+    "layout",
     "read",
 ]
 
@@ -94,17 +94,16 @@ def read(
     found = found or contents(path, group=group, range=range, cut=cut)
     if scratch is None:
         _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
-    scan = _empty_scan(found, lambda shape: _zeros(shape, scratch))
+    kspace = _zeros(_kspace_shape(found), scratch)
+    calibration = _zeros(found.apart.shape, scratch) if found.apart else None
     try:
-        noise = _fill(_open(path, found.group), found, scan, progress, threads)
+        noise = _fill(_open(path, found.group), found, kspace, calibration, progress, threads)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
-    _divide(scan.kspace, found.scan.times)
-    if scan.calibration is not None:
-        _divide(scan.calibration, found.apart.times)
-    if noise:
-        scan.noise = np.concatenate(noise)
-    return scan
+    _divide(kspace, found.scan.times)
+    if calibration is not None:
+        _divide(calibration, found.apart.times)
+    return Scan(_layout(found, noise), kspace, calibration)
 
 
 def contents(path, *, group="dataset", range=None, cut=False):
@@ -124,20 +123,23 @@ def contents(path, *, group="dataset", range=None, cut=False):
     return found
 
 
-def outline(found):
-    """A scan with the noise but without the other samples, which are 0 and take no memory.
+def layout(found):
+    """All that is known about the scan without its samples: enough for `pipeline.plan`.
 
-    Enough for `pipeline.plan` and `pipeline.memory_estimate`.
+    Of the samples, those of the noise scan are read.
+
+    Returns
+    -------
+    Layout
     """
-    scan = _empty_scan(found, lambda shape: np.broadcast_to(np.complex64(0), shape))
-    at = np.flatnonzero(found.role == NOISE_SCAN)
+    at, noise = np.flatnonzero(found.role == NOISE_SCAN), []
     if at.size:
         reader = _open(found.path, found.group)
         try:
-            scan.noise = np.concatenate([reader.read(i, 1).samples(i) for i in at])
+            noise = [reader.read(i, 1).samples(i) for i in at]
         except RuntimeError as error:
             raise _named(found.path, error) from None
-    return scan
+    return _layout(found, noise)
 
 
 def describe(path, *, group="dataset", range=None):
@@ -269,18 +271,21 @@ def _heads(reader, path):
     return np.concatenate(parts).view(HEAD)[:, 0]
 
 
-def _empty_scan(found, zeros):
-    lines = found.scan.times > 0
-    sampled = lines.any((2, 3, 4))
-    shape = (found.width, *found.scan.shape[1:])
-    scan = Scan(zeros(shape), sampled, _cut_header(found), selection=found.range)
-    if found.width < found.scan.shape[0]:
-        scan.readout = found.scan.shape[0]
-    if (lines != sampled[:, :, None, None, None]).any():
-        scan.lines = lines
-    if found.apart:
-        scan.calibration = zeros(found.apart.shape)
-    return scan
+def _kspace_shape(found):
+    return (found.width, *found.scan.shape[1:])
+
+
+def _layout(found, noise):
+    return Layout(
+        _kspace_shape(found),
+        _cut_header(found),
+        found.scan.times > 0,
+        np.concatenate(noise) if noise else None,
+        found.apart and found.apart.shape,
+        found.flagged,
+        found.scan.shape[0] if found.width < found.scan.shape[0] else None,
+        found.range,
+    )
 
 
 def _cut_header(found):
@@ -299,7 +304,7 @@ def _cut_header(found):
     )
 
 
-def _fill(reader, found, scan, progress, threads):
+def _fill(reader, found, kspace, calibration, progress, threads):
     """Put samples where they belong, several measurements of a line summed. Returns the noise."""
     noise, total = [], found.heads.size
     bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
@@ -309,7 +314,7 @@ def _fill(reader, found, scan, progress, threads):
     parts = [slice(first, min(first + step, total)) for first in range(0, total, step)]
     parts = [part for part in parts if (found.role[part] != IGNORED).any()]
     for part, block in _read_ahead(reader, parts):
-        noise += _fill_block(block, found, scan, part, whole, threads)
+        noise += _fill_block(block, found, kspace, calibration, part, whole, threads)
         if progress:
             progress(part.stop, total)
     if progress:
@@ -333,7 +338,7 @@ def _read_ahead(reader, parts):
             yield jobs.popleft().result()
 
 
-def _fill_block(block, found, scan, part, whole, threads):
+def _fill_block(block, found, kspace, calibration, part, whole, threads):
     """Put samples of some acquisitions where they belong. Returns those that are noise.
 
     `whole` is room for the block's readouts.
@@ -342,13 +347,13 @@ def _fill_block(block, found, scan, part, whole, threads):
     def chosen(which):
         return part.start + np.flatnonzero(which[part])
 
-    if scan.calibration is not None:
-        _place(block, found.apart, scan.calibration, chosen(found.apart.which))
+    if calibration is not None:
+        _place(block, found.apart, calibration, chosen(found.apart.which))
     lines = chosen(found.scan.which)
     if found.width == found.scan.shape[0]:
-        _place(block, found.scan, scan.kspace, lines)
+        _place(block, found.scan, kspace, lines)
     elif lines.size:
-        _place_cut(block, found, scan.kspace, lines, whole[:, :, : lines.size], threads)
+        _place_cut(block, found, kspace, lines, whole[:, :, : lines.size], threads)
     return [block.samples(i) for i in chosen(found.role == NOISE_SCAN)]
 
 

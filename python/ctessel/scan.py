@@ -55,29 +55,74 @@ class Header:
     spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
 
 
-@dataclass
+@dataclass(frozen=True, eq=False)
+class Layout:
+    """What is known about a scan without its samples.
+
+    `shape` are the extents of k-space by `AXES`, as it is read; `readout` is the number of samples
+    along x that were measured, where oversampling is removed while they are read. `lines`,
+    ``(y, z, slice, echo, repetition)`` of bool, marks what was measured, k = 0 at ``N // 2``.
+    `flagged`, ``(y, z)`` of bool, marks the lines that the file calls calibration, or is None.
+    `noise` is ``(sample, coil)`` or None; `calibration` are the extents of a calibration scan of
+    its own, or None. A part of a scan has in `selection` its axis, first and last index.
+    `warnings` are those of the reading, a line each.
+    """
+
+    shape: tuple[int, ...]
+    header: Header
+    lines: np.ndarray
+    noise: np.ndarray | None = None
+    calibration: tuple[int, ...] | None = None
+    flagged: np.ndarray | None = None
+    readout: int | None = None
+    selection: tuple[str, int, int] | None = None
+    warnings: tuple[str, ...] = ()
+
+    @property
+    def sampled(self):
+        """Lines of any image, ``(y, z)`` of bool."""
+        return self.lines.any((2, 3, 4))
+
+
+@dataclass(eq=False)
 class Scan:
-    """Samples of a scan and what is known about them.
+    """Samples of a scan in memory, and what is known about them.
 
     `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout
     oversampling still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0.
-    Averages are summed and divided by their number. `sampled`, ``(y, z)`` of bool, marks the
-    measured lines. `calibration` is k-space of a separate calibration scan on its own grid, same
-    axes, or None; calibration lines inside the scan are part of `kspace`. `noise` is
-    ``(sample, coil)`` or None.
-    `lines`, ``(y, z, slice, echo, repetition)`` of bool, is given where images differ in their
-    lines (undersampling that moves from repetition to repetition); `sampled` marks the lines of any
-    of them then. `readout` is the number of samples along x that were measured, where oversampling
-    has been removed while they were read. A part of a scan has in `selection` its axis, first and
-    last index, and in `levels` what regularisation needs to know of the whole.
+    Averages are summed and divided by their number. `calibration` is k-space of a separate
+    calibration scan on its own grid, same axes, or None; calibration lines inside the scan are part
+    of `kspace`.
+
+    Whatever has a layout, `frames` and `separate` can be reconstructed: a file or a stream as well.
     """
 
+    layout: Layout
     kspace: np.ndarray
-    sampled: np.ndarray
-    header: Header
     calibration: np.ndarray | None = None
-    noise: np.ndarray | None = None
-    readout: int | None = None
-    selection: tuple[str, int, int] | None = None
-    levels: tuple[float, float] | None = None
-    lines: np.ndarray | None = None
+    #: Whether other processes can make their own of it, so that blocks need not be sent to them.
+    shared = False
+
+    @classmethod
+    def of(cls, kspace, header, sampled=None, *, calibration=None, **known):
+        """A scan of arrays.
+
+        `sampled` marks the measured lines, ``(y, z)`` or with slice, echo and repetition; by default
+        all. Other names are those of `Layout`.
+        """
+        y, z, _, *images = kspace.shape[1:]
+        lines = np.ones((y, z), bool) if sampled is None else np.asarray(sampled, bool)
+        lines = lines.reshape(lines.shape + (1,) * (5 - lines.ndim))
+        lines = np.broadcast_to(lines, (y, z, *images))
+        apart = None if calibration is None else calibration.shape
+        layout = Layout(kspace.shape, header, lines, calibration=apart, **known)
+        return cls(layout, kspace, calibration)
+
+    def frames(self, index, repetitions):
+        """k-space of a slice, ``(x, y, z, coil, echo, repetition)``: a view for a slice of them."""
+        return self.kspace[:, :, :, :, index][..., repetitions]
+
+    def separate(self, index):
+        """Calibration scan of a slice, ``(x, y, z, coil)``, the mean over its repetitions."""
+        at = min(index, self.calibration.shape[4] - 1)
+        return self.calibration[:, :, :, :, at, 0].mean(-1, dtype=np.complex64)

@@ -1,5 +1,7 @@
 """Scans of a phantom whose images are known."""
 
+from dataclasses import replace
+
 import numpy as np
 from conftest import random_complex
 
@@ -81,12 +83,14 @@ def scan(
         None, :, :, None, None, None, None
     ]
     measured = noise * random_complex((4000, count), seed + 1) if noise else None
-    return truth, Scan(
-        np.asfortranarray(kspace, np.complex64),
-        sampled,
-        header(shape, oversampling, slices),
-        noise=measured,
-    )
+    kspace = np.asfortranarray(kspace, np.complex64)
+    return truth, Scan.of(kspace, header(shape, oversampling, slices), sampled, noise=measured)
+
+
+def known(scan, kspace=None, **changes):
+    """The scan with other k-space, or with other things known about it."""
+    kspace = scan.kspace if kspace is None else kspace
+    return Scan(replace(scan.layout, shape=kspace.shape, **changes), kspace, scan.calibration)
 
 
 def error(image, truth):

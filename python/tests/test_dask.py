@@ -89,7 +89,7 @@ def test_regularised_sense_in_chunks_weighs_as_the_whole():
 def test_workers_run_operations_and_whole_scans(client, monkeypatch):
     images = da.from_array(DATA, chunks=CHUNKS)
     same_bits(client.compute(ctessel.dask.sos(images)).result(), ctessel.sos(DATA))
-    monkeypatch.setattr(pipeline, "BLOCK", 1)  # one repetition at a time
+    monkeypatch.setattr(ctessel.plan, "BLOCK", 1)  # one repetition at a time
     ctessel_folder = client.ctessel_folder
     for folder, options in ((ctessel_folder, Options()), (None, Options(regularisation=0.5))):
         monkeypatch.setattr(client, "ctessel_folder", folder)  # None: blocks are sent as messages
@@ -132,13 +132,13 @@ def held():
 
 def test_memory_of_workers_does_not_grow_with_the_scan(client):
     _, first = scan((96, 96, 1), 8, lines(96, 2, 0, 24), slices=8)
-    pipeline.reconstruct(
-        pipeline.select(first, "slice", 0, 1), client=client
-    )  # workers import what they need
+    plan = pipeline.plan(first)
+    part = pipeline.select(plan, "slice", 0, 1)
+    pipeline.reconstruct(first, client=client, plan=part)  # workers import what they need
     client.run(lambda: open("/proc/self/clear_refs", "w").write("5"))
     before = max(client.run(held).values())
     pipeline.reconstruct(first, client=client)
-    block = pipeline.memory_estimate(first) - pipeline.memory_estimate(first, workers=0)
+    block = plan.memory() - plan.memory(workers=0)
     assert max(client.run(held).values()) - before < block + (8 << 20)
 
 

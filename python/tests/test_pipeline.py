@@ -1,18 +1,19 @@
 """The pipeline on phantoms whose images are known."""
 
 import re
+from collections import Counter
 from dataclasses import replace
 from fractions import Fraction
 
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import FIELD, coils, error, lines, phantom, scan
+from scans import FIELD, coils, error, known, lines, phantom, scan
 
 import ctessel
 from ctessel import pipeline
 from ctessel.pipeline import Options
-from ctessel.scan import Limit, Placement
+from ctessel.scan import Limit, Placement, Scan
 
 ROUNDING = 2e-6  # of single precision after transforms, relative to the largest value
 
@@ -75,8 +76,8 @@ def test_full_scan_is_the_phantom(shape, oversampling):
 
 def test_field_narrower_than_encoded_is_cut():
     truth, full = scan((32, 48, 1))
-    full.header.recon_fov = (FIELD, FIELD * 2 / 3, 5.0)
-    full.header.recon_matrix = (32, 32, 1)
+    full.layout.header.recon_fov = (FIELD, FIELD * 2 / 3, 5.0)
+    full.layout.header.recon_matrix = (32, 32, 1)
     image = pipeline.reconstruct(full).image
     np.testing.assert_allclose(np.abs(image), truth[:, 8:40], atol=4 * ROUNDING)
 
@@ -108,9 +109,11 @@ def partial_scan(axis, side, shape):
     kept = lines(n, first=first, last=last)
     partial.kspace *= kept.reshape([-1 if a == axis else 1 for a in range(7)])
     if axis == 0:
-        partial.header.limits["x"] = Limit(first + n // 2, last + n // 2, n // 2)
+        partial.layout.header.limits["x"] = Limit(first + n // 2, last + n // 2, n // 2)
     else:
-        partial.sampled &= kept[:, None] if axis == 1 else kept
+        partial = known(
+            partial, lines=partial.layout.lines & kept.reshape([-1 if a == axis else 1 for a in range(1, 6)])
+        )
     return truth, partial
 
 
@@ -120,7 +123,7 @@ def partial_scan(axis, side, shape):
 @pytest.mark.parametrize("side", (-1, 1))
 def test_partial_scans_are_closer_than_zero_filled_ones(axis, side, shape):
     truth, partial = partial_scan(axis, side, shape)
-    words = "; ".join(pipeline.plan(partial))
+    words = "; ".join(pipeline.plan(partial).steps)
     assert f"homodyne along {'xyz'[axis]}" in words and ("mirrored" in words) == (side < 0)
     zero_filled = pipeline.reconstruct(partial, Options(homodyne=False)).image
     assert error(pipeline.reconstruct(partial).image, truth) < 0.65 * error(zero_filled, truth)
@@ -168,7 +171,7 @@ def test_lines_are_recognised():
 def test_an_axis_is_partial_beyond_a_step_and_two_percent(first, step, partial):
     _, some = scan((8, 64, 1), count=1, y=lines(64, step, first=first))
     last = 31 if step == 1 else 28
-    assert pipeline.partial_ranges(some) == [None, (first, last) if partial else None, None]
+    assert pipeline.partial_ranges(some.layout) == [None, (first, last) if partial else None, None]
 
 
 @pytest.mark.parametrize(
@@ -185,7 +188,7 @@ def test_sense_with_known_maps_is_the_phantom(shape, y, z):
     masks = lines(shape[1], *y), lines(shape[2], *z)
     lattices = pipeline.undersampling(np.outer(*masks))
     folded = pipeline.to_image(pipeline.fold_lines(full.kspace[..., 0, 0, 0], lattices))
-    image = pipeline.sense(folded, coils(shape, 8), lattices)
+    image = pipeline.unfold(folded, coils(shape, 8), lattices)
     np.testing.assert_allclose(image, phantom(shape), atol=2e-4)
 
 
@@ -198,20 +201,14 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8):
     for line in range(shape[1]):
         folded[:, ctessel.folded_pos(line, shape[1], n)] += image[:, line]
     header = replace(
-        full.header,
+        full.layout.header,
         encoded_matrix=(shape[0], n, 1),
         encoded_fov=(FIELD, FIELD / ratio, 5.0),
-        limits={**full.header.limits, "y": Limit(0, n - 1, n // 2)},
+        limits={**full.layout.header.limits, "y": Limit(0, n - 1, n // 2)},
     )
     lowres = full.kspace[:, shape[1] // 2 - 14 : shape[1] // 2 + 14]
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
-    narrow = replace(
-        full,
-        kspace=kspace[..., None, None, None],
-        header=header,
-        sampled=np.ones((n, 1), bool),
-        calibration=lowres,
-    )
+    narrow = Scan.of(kspace[..., None, None, None], header, calibration=lowres)
     return truth, narrow
 
 
@@ -226,14 +223,14 @@ def test_undersampled_scans(kind, bound):
     elif kind == "moving":
         truth, under = scan((48, 48, 1), 8, repetitions=4, growth=0)
         measured = np.stack([lines(48, 2, r % 2) for r in range(4)], -1)
-        under.lines = measured[:, None, None, None, :]
+        under = known(under, lines=measured[:, None, None, None, :])
         under.kspace *= measured[None, :, None, None, None, None, :]
     elif isinstance(kind, Fraction):
         truth, under = narrow_scan(kind)
     else:
         n = 46 + kind  # 49 lines are no multiple of 3
         truth, under = scan((48, n, 1), 8, lines(n, kind, 1, 24), slices=2, oversampling=2)
-    words = "; ".join(pipeline.plan(under))
+    words = "; ".join(pipeline.plan(under).steps)
     assert f"R = {kind if isinstance(kind, (int, Fraction)) else 2} along y" in words
     assert error(pipeline.reconstruct(under).image, truth) < bound
 
@@ -254,16 +251,16 @@ def test_regularised_sense_has_less_noise_and_a_weight_that_does_not_depend_on_t
         pipeline.reconstruct(noisy, Options(regularisation=r)).image for r in (0, 1)
     )
     assert error(regular, truth) < 0.8 * error(plain, truth)
-    lattices, covariance = pipeline.undersampling(noisy.sampled), pipeline.noise_covariance(noisy.noise)
+    lattices, covariance = pipeline.undersampling(noisy.layout.sampled), pipeline.noise_covariance(noisy.layout.noise)
     folded = pipeline.to_image(pipeline.fold_lines(noisy.kspace[..., 0, 0, 0], lattices))
     maps, expected = coils((32, 48, 1), 6), np.abs(phantom((32, 48, 1)))
-    single = pipeline.sense(folded, maps, lattices, covariance=covariance, expected=expected)
+    single = pipeline.unfold(folded, maps, lattices, covariance=covariance, expected=expected)
     twice = (np.concatenate([a, a], 3) for a in (folded, maps / np.float32(2**0.5)))  # and twice the noise
-    double = pipeline.sense(*twice, lattices, covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
+    double = pipeline.unfold(*twice, lattices, covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
                             expected=expected * np.float32(2**0.5))
     np.testing.assert_allclose(double, single * 2**0.5, atol=1e-4)
     with pytest.raises(ValueError, match="needs a noise scan"):
-        pipeline.plan(replace(noisy, noise=None), Options(regularisation=1))
+        pipeline.plan(known(noisy, noise=None), Options(regularisation=1))
 
 
 @pytest.mark.parametrize("axis", ("slice", "repetition"))
@@ -271,9 +268,9 @@ def test_parts_merge_to_the_whole(axis):
     _, whole = scan((24, 32, 1), 4, lines(32, 2, 0, 16), slices=3, repetitions=3, noise=0.05)
     options = Options(regularisation=0.7)
     want = pipeline.reconstruct(whole, options)
+    plan = pipeline.plan(whole, options)
     parts = [
-        pipeline.reconstruct(pipeline.select(whole, axis, *r, options), options)
-        for r in ((1, 2), (0, 0))
+        pipeline.reconstruct(whole, plan=pipeline.select(plan, axis, *r)) for r in ((1, 2), (0, 0))
     ]
     merged = pipeline.merge(parts)
     same_bits(merged.image, want.image)
@@ -281,7 +278,7 @@ def test_parts_merge_to_the_whole(axis):
     with pytest.raises(ValueError, match="each index must be there once"):
         pipeline.merge(parts + parts[:1])
     with pytest.raises(ValueError, match="outside 0 to 2"):
-        pipeline.select(whole, axis, 1, 3)
+        pipeline.select(plan, axis, 1, 3)
 
 
 def blob(points):
@@ -366,9 +363,9 @@ def test_coefficient_files(tmp_path):
 
 def test_plan_reads_no_samples_and_faults_name_their_mend():
     _, full = scan((32, 48, 1), 8, lines(48, 2, 0, 20), noise=1.0)
-    shapes_only = replace(full, kspace=np.broadcast_to(np.complex64(np.nan), full.kspace.shape))
-    words = pipeline.plan(shapes_only, Options(ringing=0.5, matrix=(64, 96, 1)))
-    assert [w.split()[0] for w in words] == [
+    options = Options(ringing=0.5, matrix=(64, 96, 1))
+    plan = pipeline.plan(full.layout, options)
+    assert [w.split()[0] for w in plan.steps] == [
         "noise",
         "sensitivity",
         "SENSE:",
@@ -376,12 +373,14 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
         "zero",
         "image",
     ]
-    assert pipeline.memory_estimate(shapes_only) > full.kspace.nbytes
+    assert plan.memory() > full.kspace.nbytes
+    result = pipeline.reconstruct(full, options)
+    assert result.steps == list(plan.steps) and result.parameters == plan.parameters
     few = scan((32, 48, 1), 8, lines(48, 2, 0, 4))[1]
     for faulty, options, message in (
         (few, Options(), "at least 8 are needed; add calibration lines"),
         (scan((16, 48, 1), 1, lines(48, 2, 0, 20))[1], Options(), "R = 2 is more than SENSE can unfold with 1 coil;"),
-        (replace(few, sampled=few.sampled & False), Options(), "no line was measured"),
+        (known(few, lines=few.layout.lines & False), Options(), "no line was measured"),
         (full, Options(matrix=(32, 48, 2)), "expected one voxel along z"),
         (full, Options(combine="mean"), 'expected "pcsos" or "sos"'),
         (
@@ -392,3 +391,29 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     ):
         with pytest.raises(ValueError, match=re.escape(message)):
             pipeline.plan(faulty, options)
+
+
+def test_everything_is_decided_once(tmp_path, monkeypatch):
+    pytest.importorskip("ctessel._raw")
+    from ctessel import cli
+    from ctessel import phantom as phantoms
+
+    calls = Counter()
+
+    def counted(module, name):
+        function = getattr(module, name)
+
+        def call(*arguments, **keywords):
+            calls[name] += 1
+            return function(*arguments, **keywords)
+
+        monkeypatch.setattr(module, name, call)
+
+    for name in ("_grid", "_turns", "_pattern", "_calibration", "noise_covariance", "_words"):
+        counted(ctessel.plan, name)
+    phantoms.write(tmp_path / "p.h5", "noise", size=48, coils=4, slices=2, repetitions=3)
+    recon = f"recon {tmp_path}/p.h5 -o {tmp_path}/i.nii"
+    for part in ("", " --range repetition 1 2", " --range slice 0 0"):
+        calls.clear()
+        assert cli.main((recon + part).split()) == 0
+        assert set(calls.values()) == {1} and len(calls) == 6, (part, calls)

@@ -6,7 +6,7 @@ from scipy import ndimage
 from . import homodyne
 from ._arrays import ringing_filter, zero_pad
 from ._coils import pcsos, sos
-from ._fourier import central, flip, resize, to_image
+from .fourier import central, flip, resize, to_image
 from ._helpers import sa
 from ._sense import sense_recon
 
@@ -134,7 +134,7 @@ def _object(magnitude, threshold):
     return ndimage.maximum_filter(inside, [2 * r + 1 for r in reach])
 
 
-def sense(
+def unfold(
     folded,
     maps,
     lattices,

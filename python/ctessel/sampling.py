@@ -28,13 +28,14 @@ class Lattice:
         return Fraction(self.full, self.folded)
 
 
-def partial_ranges(scan):
+def partial_ranges(layout, sampled=None):
     """First and last measured line of every axis that is measured more to one side of k = 0.
 
     Parameters
     ----------
-    scan : Scan
-        Read are the encoding limits of x and the measured lines of y and z.
+    layout : Layout
+        Read are the encoding limits of x and, without `sampled`, the measured lines of y and z.
+    sampled : ndarray of bool, ``(y, z)``, optional
 
     Returns
     -------
@@ -42,17 +43,15 @@ def partial_ranges(scan):
         Lines from k = 0. None: both sides reach equally far, but for one step of the undersampling
         and `TOLERANCE` of the extent.
     """
-    ranges = [_readout_range(scan)]
-    for axis, lines in zip("yz", _measured(scan.sampled)):
-        first, last = int(lines[0]), int(lines[-1])
+    sampled = layout.sampled if sampled is None else sampled
+    ranges = [_readout_range(layout.shape[0], layout.header.limits.get("x"))]
+    for extent, lines in zip(sampled.shape, _measured(sampled)):
         step = int(np.diff(lines).max()) if len(lines) > 1 else 1
-        extent = scan.sampled.shape["yz".index(axis)]
-        ranges.append(_asymmetric(first, last, extent, step))
+        ranges.append(_asymmetric(int(lines[0]), int(lines[-1]), extent, step))
     return ranges
 
 
-def _readout_range(scan):
-    n, limit = scan.kspace.shape[0], scan.header.limits.get("x")
+def _readout_range(n, limit):
     if limit is None:
         return None
     first = max(limit.minimum - limit.center, -(n // 2))

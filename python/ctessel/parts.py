@@ -1,0 +1,63 @@
+"""Parts of a scan along slices, echoes or repetitions, and the whole of their images."""
+
+from dataclasses import replace
+
+import numpy as np
+
+from .scan import AXES
+
+
+def select(plan, axis, first, last):
+    """The plan of a part of a scan, which reconstructs to the same bits as within the whole.
+
+    The samples it takes are those of the part and the calibration lines of the whole.
+
+    Parameters
+    ----------
+    plan : Plan
+        Of the whole scan.
+    axis : {"slice", "echo", "repetition"}
+    first, last : int
+        Indices from 0, both included.
+
+    Returns
+    -------
+    Plan
+    """
+    if axis not in AXES[4:]:
+        raise ValueError(f"axis: expected one of {', '.join(AXES[4:])}, got {axis!r}")
+    at = AXES[4:].index(axis)
+    count = len(plan.kept[at])
+    if not 0 <= first <= last < count:
+        raise ValueError(f"range: {axis} {first} to {last} is outside 0 to {count - 1}")
+    kept = list(plan.kept)
+    kept[at] = kept[at][first : last + 1]
+    return replace(plan, kept=tuple(kept), selection=(axis, first, last))
+
+
+def merge(results):
+    """One result of the parts of a scan.
+
+    Parameters
+    ----------
+    results : sequence of Result
+        Made with plans of `select`; in any order, without gaps or overlaps.
+
+    Returns
+    -------
+    Result
+    """
+    results = sorted(results, key=lambda result: result.selection[1])
+    axis = results[0].selection[0]
+    following = results[0].selection[1]
+    for result in results:
+        if result.selection[:2] != (axis, following):
+            raise ValueError(
+                f"parts: expected {axis} {following}, got {' '.join(map(str, result.selection))}; "
+                "each index must be there once"
+            )
+        following = result.selection[2] + 1
+    image = np.concatenate([result.image for result in results], AXES.index(axis) - 1)
+    return replace(
+        results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
+    )

@@ -1,0 +1,470 @@
+"""What a reconstruction will do: decided once, before any sample is read.
+
+A `Plan` holds all that follows from a scan's `Layout` and the options, and says it in words.
+`reconstruct` carries it out, here, on workers, or while the scan still runs.
+"""
+
+from dataclasses import asdict, dataclass, replace
+from math import prod
+
+import numpy as np
+
+from . import __version__
+from ._gradients import Coefficients, gradient_axes
+from .sampling import Lattice, calibration_block, partial_ranges, undersampling
+from .scan import Placement, times_text
+from .steps import noise_covariance, usable_ranges
+
+#: k-space that is worked on at once, in bytes; at least one volume.
+BLOCK = 64 * 2**20
+#: Resident memory of a worker process that has imported all it needs, in bytes.
+PROCESS = 128 * 2**20
+#: Fewest calibration lines along an undersampled axis.
+FEWEST_LINES = 8
+
+
+@dataclass(frozen=True)
+class Options:
+    """What a reconstruction is to do where the scan leaves a choice.
+
+    `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
+    interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of
+    the filter, 0 to 0.915. `regularisation` is the strength of that of SENSE, 1 trusting the level
+    of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
+    lines used along an axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the
+    geometry, with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
+    "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
+    """
+
+    combine: str = "pcsos"
+    matrix: tuple[int, int, int] | None = None
+    ringing: float = 0.0
+    homodyne: bool = True
+    whiten: bool = True
+    regularisation: float = 0.0
+    calibration_size: int = 48
+    mask: float = 0.05
+    coefficients: Coefficients | None = None
+    order: int = 3
+    intensity: bool = True
+    position: str | None = None
+    threads: int | None = None
+
+
+@dataclass(frozen=True, eq=False)
+class Pattern:
+    """Repetitions that have the same lines, and what these are taken for."""
+
+    repetitions: np.ndarray
+    mask: np.ndarray  # measured lines, (y, z)
+    lattices: tuple[Lattice, Lattice]
+    full: tuple[int, int, int]  # grid of k-space once it is unfolded, without oversampling
+    partial: list  # first and last line of each axis that is measured more to one side, or None
+    ranges: list  # those that homodyne uses, in lines of the field that is transformed
+    window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
+    calibration_pixels: tuple[int, int, int]  # maps over the field of the calibration lines
+
+    @property
+    def unfolds(self):
+        return any(lattice.reduction > 1 for lattice in self.lattices)
+
+
+@dataclass(frozen=True, eq=False)
+class Calibration:
+    """Lines that sensitivities are made of: those of a separate scan, or the mean of a few frames."""
+
+    y: slice
+    z: slice
+    lines: tuple[int, int]  # how many that are, (y, z)
+    separate: bool
+    frames: int  # first repetitions that have all lines together
+    times: np.ndarray | None  # each line was measured in them, (y, z, slice)
+    cut: float  # share of their field along x that is the image's
+
+
+@dataclass(frozen=True, eq=False)
+class Plan:
+    """All that is decided about a reconstruction. Made by `plan`.
+
+    `steps` say it in words, `warnings` what the user may not expect, a line each. `kept` are the
+    slices, echoes and repetitions that are reconstructed, `selection` the part that they are of the
+    whole (axis, first and last index).
+    """
+
+    options: Options
+    shape: tuple[int, ...]  # of k-space, by AXES
+    patterns: tuple[Pattern, ...]
+    calibration: Calibration | None
+    covariance: np.ndarray | None
+    readout: int  # samples along x once oversampling is removed
+    pixels: tuple[int, int, int]  # image over the whole encoded field
+    matrix: tuple[int, int, int]  # image that is kept
+    field: tuple[float, float, float]  # of that image, in mm
+    position: str
+    placements: tuple[Placement, ...]
+    apart: tuple[int, ...] | None  # extents of a calibration scan of its own
+    kept: tuple[range, range, range]
+    steps: tuple[str, ...]
+    warnings: tuple[str, ...]
+    selection: tuple[str, int, int] | None = None
+
+    @property
+    def image_shape(self):
+        """Extents (x, y, z, slice, echo, repetition)."""
+        return (*self.matrix, *(len(kept) for kept in self.kept))
+
+    @property
+    def image_type(self):
+        return np.float32 if self.options.combine == "sos" else np.complex64
+
+    @property
+    def group(self):
+        """Repetitions that are worked on at once."""
+        return max(1, BLOCK // (8 * prod(self.shape[:4]) * self.shape[5]))
+
+    def gain(self, pattern):
+        """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
+        return np.float32((prod(self.pixels) / prod(pattern.window)) ** 0.5)
+
+    @property
+    def parameters(self):
+        """Numbers that the result depends on, for a sidecar."""
+        first = self.patterns[0]
+        options = asdict(replace(self.options, coefficients=None))
+        del options["coefficients"]
+        return {
+            "version": __version__,
+            "options": options,
+            "geometry": self.options.coefficients is not None,
+            "ranges": first.ranges,
+            "reduction": [str(lattice.reduction) for lattice in first.lattices],
+            "coils": self.shape[3],
+        }
+
+    def memory(self, workers=1):
+        """Bytes that the reconstruction needs, the scan itself included.
+
+        `workers` is the number of blocks that are worked on at once.
+        """
+        volumes = min(self.group, self.shape[6]) * self.shape[5]
+        sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
+        image = prod(self.image_shape) * np.dtype(self.image_type).itemsize
+        others = (2 * sent + PROCESS) * workers if workers > 1 else 0
+        scan = 8 * (prod(self.shape) + prod(self.apart or (0,)))
+        return int(scan + image + workers * block + others)
+
+    def _block(self, pattern, volumes):
+        """Bytes of a block as it is sent, and the most that is held while it is worked on.
+
+        Counted are the arrays alive at once in the step that holds most; measured peaks were 55 to
+        98 % of it.
+        """
+        size, coils = 8 * volumes, self.shape[3]
+        pixels = size * prod(self.pixels)
+        if pattern.unfolds:
+            slots = size * coils * prod(lattice.folded for lattice in pattern.lattices)
+            lines, cut = slots * self.shape[0], slots * self.readout
+            maps = 8 * coils * prod(pattern.calibration_pixels)
+            volume = max(pixels, size * prod(pattern.full))
+            return lines, lines + 1.3 * cut + 2.2 * maps + 3 * volume
+        lines, cut = (size * coils * prod(n) for n in (self.shape[:3], pattern.full))
+        return lines, max(2 * lines, cut + (5 if any(pattern.ranges) else 2.2) * coils * pixels)
+
+
+def plan(scan, options=None):
+    """Decide how a scan is reconstructed.
+
+    Parameters
+    ----------
+    scan : Layout, or whatever has one in `layout`
+        Samples are not read.
+    options : Options, optional
+
+    Returns
+    -------
+    Plan
+
+    Raises
+    ------
+    ValueError
+        The scan or an option does not allow a reconstruction; the message says how to mend it.
+    """
+    layout, options = getattr(scan, "layout", scan), options or Options()
+    grid = _grid(layout, options)
+    _check(layout, options, grid)
+    patterns = tuple(_pattern(layout, options, grid, *turn) for turn in _turns(layout))
+    covariance = _covariance(layout, options, patterns)
+    made = Plan(
+        options,
+        layout.shape,
+        patterns,
+        _calibration(layout, options, grid, patterns),
+        covariance,
+        grid.readout,
+        grid.pixels,
+        grid.matrix,
+        grid.field,
+        options.position or layout.header.patient_position or "HFS",
+        tuple(layout.header.placements),
+        layout.calibration,
+        tuple(range(n) for n in layout.shape[4:]),
+        (),
+        layout.warnings,
+        layout.selection,
+    )
+    return replace(made, steps=tuple(_words(layout, made)))
+
+
+# ---- Grids ---------------------------------------------------------------------------------------
+
+
+@dataclass
+class _Grid:
+    readout: int
+    pixels: tuple[int, int, int]
+    matrix: tuple[int, int, int]
+    field: tuple[float, float, float]
+    ratio: list[float]  # field of view to unfold to over the encoded one, y and z
+
+
+def _grid(layout, options):
+    header, lines = layout.header, layout.shape[:3]
+    share = [_ratio(header, axis) if axis == 0 or lines[axis] > 1 else 1.0 for axis in range(3)]
+    kept = [min(1.0, s) for s in share]
+    # Cutting the field needs the whole readout; a partial one is cut after homodyne.
+    partial = options.homodyne and partial_ranges(layout)[0]
+    readout = lines[0] if partial else max(1, round(lines[0] * kept[0]))
+    matrix = tuple(options.matrix or header.recon_matrix)
+    cut = (kept[0] if partial else 1.0, *kept[1:])
+    return _Grid(
+        readout,
+        tuple(max(1, round(m / k)) for m, k in zip(matrix, cut)),
+        matrix,
+        tuple(f if f > 0 else float(m) for f, m in zip(header.recon_fov, matrix)),
+        [max(1.0, s) for s in share[1:]],
+    )
+
+
+def _ratio(header, axis):
+    """Field of view of the image over the encoded one."""
+    image, encoded = header.recon_fov[axis], header.encoded_fov[axis]
+    ratio = image / encoded if image > 0 and encoded > 0 else 1.0
+    return 1.0 if abs(ratio - 1) < 1e-3 else ratio
+
+
+def _check(layout, options, grid):
+    if min(grid.matrix) < 1:
+        raise ValueError(f"matrix: expected extents of at least 1, got {grid.matrix}")
+    if layout.shape[2] == 1 and grid.matrix[2] != 1:
+        raise ValueError(f"matrix: expected one voxel along z for slices, got {grid.matrix[2]}")
+    if options.combine not in ("pcsos", "sos"):
+        raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
+    if options.coefficients is None:
+        return
+    gradient_axes(options.position or layout.header.patient_position or "HFS")
+    if len(layout.header.placements) < layout.shape[4]:
+        raise ValueError(
+            "coefficients: the positions of the slices are unknown; reconstruct without "
+            "geometry correction"
+        )
+
+
+# ---- Lines ---------------------------------------------------------------------------------------
+
+
+def _turns(layout):
+    """The masks of measured lines, each with the repetitions that have it."""
+    lines = layout.lines.any((2, 3))
+    flat = lines.reshape(-1, lines.shape[2])
+    _, first, which = np.unique(flat, axis=1, return_index=True, return_inverse=True)
+    # NumPy 2.0 alone gives `which` another shape.
+    which = which.ravel()
+    return [(lines[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
+
+
+def _pattern(layout, options, grid, mask, repetitions):
+    lattices = undersampling(mask, grid.ratio)
+    full = (grid.readout, *(lattice.full for lattice in lattices))
+    widening = [1.0, *(lattice.full / (lattice.folded * lattice.step) for lattice in lattices)]
+    measured = (grid.readout, *layout.shape[1:3])
+    partial = partial_ranges(layout, mask)
+    ranges = [r and tuple(int(line * w) for line in r) for r, w in zip(partial, widening)]
+    return Pattern(
+        repetitions,
+        mask,
+        lattices,
+        full,
+        partial,
+        usable_ranges(grid.pixels, ranges if options.homodyne else [None] * 3),
+        tuple(min(f, round(n * w)) for f, n, w in zip(full, measured, widening)),
+        _calibration_grid(layout, grid, full),
+    )
+
+
+def _covariance(layout, options, patterns):
+    if layout.noise is not None and options.whiten:
+        return noise_covariance(layout.noise, layout.header.noise_bandwidth_ratio)
+    if options.regularisation > 0 and any(pattern.unfolds for pattern in patterns):
+        raise ValueError(
+            "regularisation: needs a noise scan, which says how far data are to be "
+            "trusted; reconstruct without it"
+        )
+    return None
+
+
+# ---- Calibration ---------------------------------------------------------------------------------
+
+
+def _wider(layout, grid):
+    """Field of view of the calibration lines over that of the image."""
+    header = layout.header
+    full = [n * w for n, w in zip(header.encoded_fov, (1.0, *grid.ratio))]
+    own = header.encoded_fov if layout.calibration is None else header.calibration_fov or full
+    return [o / f if f > 0 and o > 0 else 1.0 for o, f in zip(own, full)]
+
+
+def _calibration_grid(layout, grid, full):
+    """Extents over the field of the calibration lines with the pixels of the unfolded image."""
+    wider = _wider(layout, grid)
+    return (grid.readout, *(round(n * w) for n, w in zip(full[1:], wider[1:])))
+
+
+def _calibration(layout, options, grid, patterns):
+    unfolding = [pattern for pattern in patterns if pattern.unfolds]
+    if not unfolding:
+        return None
+    for pattern in unfolding:
+        _check_reduction(layout, pattern)
+    y, z, counts = _region(layout, options.calibration_size)
+    made = Calibration(
+        y,
+        z,
+        counts,
+        layout.calibration is not None,
+        *_calibrating_frames(layout, y, z),
+        grid.readout / layout.shape[0] / _wider(layout, grid)[0],
+    )
+    for pattern in unfolding:
+        _check_calibration(pattern, made)
+    return made
+
+
+def _check_reduction(layout, pattern):
+    reduction, coils = prod(lattice.reduction for lattice in pattern.lattices), layout.shape[3]
+    if any(p < n for p, n in zip(pattern.calibration_pixels, pattern.full)):
+        raise ValueError(
+            "calibration: its field of view is smaller than the image's; expected a "
+            "calibration scan over the whole field"
+        )
+    if reduction > coils:
+        raise ValueError(
+            f"sampled: R = {reduction} is more than SENSE can unfold with {coils} "
+            f"coil{'s' * (coils > 1)}; measure more lines, or with more coils"
+        )
+
+
+def _check_calibration(pattern, calibration):
+    for axis, lattice, n in zip("yz", pattern.lattices, calibration.lines):
+        if lattice.reduction > 1 and n < FEWEST_LINES:
+            raise ValueError(
+                f"calibration: {n} lines around k = 0 along {axis}, at least {FEWEST_LINES} "
+                "are needed; add calibration lines or a calibration scan"
+            )
+
+
+def _region(layout, size):
+    """Slices of y and z that hold the calibration lines, k = 0 at ``n // 2``; their numbers."""
+    if layout.calibration is not None:
+        extents = layout.calibration[1:3]
+        block = [slice(0, n) for n in extents]
+    else:
+        extents = layout.shape[1:3]
+        block = calibration_block(layout.sampled)
+    region = []
+    for n, lines in zip(extents, block):
+        reach = min(n // 2 - lines.start, lines.stop - n // 2, size // 2)
+        region.append(slice(n // 2 - reach, n // 2 + reach) if reach else slice(n // 2, n // 2 + 1))
+    counts = [r.stop - r.start if b.stop > b.start else 0 for r, b in zip(region, block)]
+    return *region, tuple(counts)
+
+
+def _calibrating_frames(layout, y, z):
+    """The fewest first repetitions that have all calibration lines, and how often they have each.
+
+    A scan that still runs can use them as soon as they are there.
+    """
+    if layout.calibration is not None:
+        return 0, None
+    times = np.cumsum(layout.lines[y, z, :, 0], -1)
+    whole = ((times > 0) == (times[..., -1:] > 0)).all((0, 1, 2))
+    frames = int(whole.argmax()) + 1
+    return frames, times[..., frames - 1]
+
+
+# ---- Words ---------------------------------------------------------------------------------------
+
+
+def _words(layout, made):
+    first, options = made.patterns[0], made.options
+    steps = [_noise_words(layout, made)]
+    measured = layout.readout or layout.shape[0]
+    if made.readout < measured:
+        steps.append(f"remove readout oversampling: {measured} to {made.readout} samples")
+    if made.calibration:
+        steps += _sense_words(made)
+    if options.ringing > 0:
+        steps.append(f"ringing filter of strength {options.ringing:g}")
+    if any(p > n for p, n in zip(made.pixels, first.full)):
+        steps.append(f"zero filling to {times_text(made.pixels)}")
+    steps += _partial_words(made, first)
+    if not first.unfolds and layout.shape[3] > 1:
+        steps.append(
+            "combine coils: root sum of squares"
+            + (" with phase" if options.combine == "pcsos" else "")
+        )
+    if options.coefficients is not None:
+        steps.append(
+            f"geometry correction, splines of order {options.order}"
+            + (", intensity by the Jacobian" if options.intensity else "")
+        )
+    steps.append(f"image {times_text(made.matrix)}, field of view {times_text(made.field)} mm")
+    return [step for step in steps if step]
+
+
+def _noise_words(layout, made):
+    if made.covariance is None:
+        return "noise scan not used" if layout.noise is not None else ""
+    use = "weigh the coils in SENSE" if made.calibration else "whiten the coils"
+    return f"noise covariance of {len(layout.noise)} samples: {use}"
+
+
+def _sense_words(made):
+    options = made.options
+    unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
+    words = f"sensitivity maps from {times_text(made.calibration.lines)} calibration lines"
+    factors = ", ".join(
+        f"R = {lattice.reduction} along {axis}"
+        for axis, lattice in zip("yz", unfolding.lattices)
+        if lattice.reduction > 1
+    )
+    regularised = (
+        f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
+    )
+    turns = f", lines in {len(made.patterns)} turns" if len(made.patterns) > 1 else ""
+    return [words, f"SENSE: {factors}{turns}{regularised}"]
+
+
+def _partial_words(made, pattern):
+    words = []
+    for axis, lines, used in zip("xyz", pattern.partial, pattern.ranges):
+        if lines is None:
+            continue
+        if used is None:
+            why = "switched off" if not made.options.homodyne else "too few lines for homodyne"
+            words.append(
+                f"partial Fourier along {axis}, lines {lines[0]} to {lines[1]}: zero-filled ({why})"
+            )
+        else:
+            mirrored = " (mirrored)" if sum(used) < 0 else ""
+            words.append(f"homodyne along {axis}, lines {used[0]} to {used[1]}{mirrored}")
+    return words

@@ -1,0 +1,297 @@
+"""Images from samples, as a `Plan` says: block by block, here or on workers, with the same bits.
+
+A block is some repetitions of one slice. What it is made of comes from a source: whatever has
+`frames` and `separate` as `ctessel.scan.Scan` has them. Nothing is decided here.
+"""
+
+from dataclasses import dataclass, field
+from math import prod
+
+import numpy as np
+
+from ._arrays import ringing_filter
+from ._gradients import apply_warp, warp
+from ._helpers import sa
+from .fourier import central, remove_oversampling, resize, to_image, to_kspace
+from .plan import plan as make_plan
+from .sampling import fold_lines
+from .steps import combine, homodyne_recon, sensitivity_maps, unfold, whiten
+
+
+@dataclass
+class Result:
+    """Images ``(x, y, z, slice, echo, repetition)``, complex64 or (magnitudes) float32.
+
+    `field` is their field of view in mm, `steps` says what was done, `parameters` with which
+    numbers, `warnings` what the user may not expect. `selection` is the part of the scan: axis,
+    first and last index.
+    """
+
+    image: np.ndarray
+    steps: list[str]
+    parameters: dict
+    field: tuple[float, float, float]
+    selection: tuple[str, int, int] | None = None
+    warnings: list[str] = field(default_factory=list)
+
+
+@dataclass(frozen=True, eq=False)
+class Block:
+    """Repetitions of one slice that are worked on at once: their numbers, and their pattern's."""
+
+    slice: int
+    repetitions: np.ndarray
+    pattern: int
+
+    def along(self, start=0):
+        """The repetitions as an index, which makes no copy where they follow each other."""
+        numbers = self.repetitions - start
+        evenly = numbers[-1] - numbers[0] == len(numbers) - 1
+        return slice(int(numbers[0]), int(numbers[-1]) + 1) if evenly else numbers
+
+
+@dataclass
+class Basis:
+    """What all blocks of a slice and a pattern share: sensitivities, the image that they belong to,
+    and the levels of both kinds of data that regularisation needs."""
+
+    maps: np.ndarray
+    expected: np.ndarray
+    levels: tuple[float, float] | None = None
+
+
+def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
+    """Images of a scan.
+
+    Parameters
+    ----------
+    source : Scan, or whatever has its `layout`, `frames` and `separate`
+        k-space may be a memory map; it is read block by block.
+    options : Options, optional
+    progress : callable, optional
+        Called with the number of volumes that are done and that of all.
+    client : distributed.Client, optional
+        Processes to work on, see `ctessel.dask.connect`. Results are the same bits.
+    plan : Plan, optional
+        What `ctessel.pipeline.plan` has decided for this scan, or a part of that; in place of
+        `options`.
+
+    Returns
+    -------
+    Result
+
+    Raises
+    ------
+    ValueError
+        The scan or an option does not allow a reconstruction; the message says how to mend it.
+
+    Notes
+    -----
+    Scans that are both undersampled and partial are unfolded first; the k-space of the unfolded
+    image then goes through homodyne. That takes two transforms of one image instead of two of every
+    coil. It holds as far as sensitivities change little over the width to which the missing lines
+    blur a point: unfolding weighs voxel by voxel, so the unfolded image lacks the lines that its
+    coils lack.
+
+    References
+    ----------
+    M. Bydder, M. D. Robson, "Partial Fourier partially parallel imaging", Magn. Reson. Med. 53:1393
+    (2005).
+    """
+    plan = plan or make_plan(source, options)
+    image = np.zeros(plan.image_shape, plan.image_type, order="F")
+    slices, _, repetitions = plan.kept
+    total, done = prod(plan.image_shape[3:]), 0
+    for block, made in _run(plan, source, client):
+        volumes = made["image"][:, :, :, plan.kept[1].start : plan.kept[1].stop]
+        image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
+        done += prod(volumes.shape[3:])
+        if progress:
+            progress(done, total)
+    return Result(
+        image, list(plan.steps), plan.parameters, plan.field, plan.selection, list(plan.warnings)
+    )
+
+
+def blocks(plan):
+    """The blocks of a plan, slice by slice."""
+    for index in plan.kept[0]:
+        for number, pattern in enumerate(plan.patterns):
+            kept = pattern.repetitions[np.isin(pattern.repetitions, plan.kept[2])]
+            for start in range(0, len(kept), plan.group):
+                yield Block(index, kept[start : start + plan.group], number)
+
+
+def _run(plan, source, client):
+    """Blocks with what was made of them, in any order."""
+    if client is None:
+        return _run_here(plan, source)
+    from .dask import run_tasks
+
+    if source.shared:
+        return run_tasks(client, work, ((block, (plan, block, source)) for block in blocks(plan)))
+    return run_tasks(client, _work, _tasks(plan, source))
+
+
+def _run_here(plan, source):
+    at = basis = None
+    for block in blocks(plan):
+        if at != (block.slice, block.pattern):
+            at, basis = (block.slice, block.pattern), prepare(plan, block, source)
+        yield block, reconstruct_block(plan, block, basis, lines(plan, block, source))
+
+
+def _tasks(plan, source):
+    """Blocks with their samples, for workers that cannot read these themselves."""
+    at = shared = None
+    for block in blocks(plan):
+        if at != (block.slice, block.pattern):
+            at, shared = (block.slice, block.pattern), _calibration(plan, block, source)
+        yield block, (plan, block, lines(plan, block, source), *shared)
+
+
+def work(plan, block, source):
+    """Images of a block whose samples this process reads itself."""
+    return reconstruct_block(plan, block, prepare(plan, block, source), lines(plan, block, source))
+
+
+def _work(plan, block, samples, calibration, first):
+    return reconstruct_block(plan, block, _basis(plan, block, calibration, first), samples)
+
+
+# ---- Samples -------------------------------------------------------------------------------------
+
+
+def lines(plan, block, source):
+    """k-space of a block, ``(x, y, z, coil, echo, repetition)``; regular lines alone to unfold."""
+    return _regular(plan, block, source.frames(block.slice, block.along()))
+
+
+def _regular(plan, block, frames):
+    pattern = plan.patterns[block.pattern]
+    return fold_lines(frames, pattern.lattices) if pattern.unfolds else frames
+
+
+def _calibration(plan, block, source):
+    """Calibration lines of the block's slice, and the first frame of its lines where that counts."""
+    pattern = plan.patterns[block.pattern]
+    if not pattern.unfolds:
+        return None, None
+    first = None
+    if plan.options.regularisation > 0:
+        first = lines(plan, Block(block.slice, pattern.repetitions[:1], block.pattern), source)
+    return calibration_lines(plan, block.slice, source), first
+
+
+def calibration_lines(plan, index, source):
+    """Calibration lines of a slice, ``(x, y, z, coil)``."""
+    region = plan.calibration
+    if region.separate:
+        return np.asfortranarray(source.separate(index)[:, region.y, region.z])
+    frames = source.frames(index, slice(0, region.frames))[:, region.y, region.z, :, 0]
+    times = np.maximum(region.times[:, :, index], 1).astype(np.float32)
+    return np.asfortranarray(frames.sum(-1) / times[None, :, :, None])
+
+
+# ---- Blocks --------------------------------------------------------------------------------------
+
+
+def prepare(plan, block, source):
+    """The `Basis` of a block's slice and pattern; None where there is nothing to unfold."""
+    return _basis(plan, block, *_calibration(plan, block, source))
+
+
+def _basis(plan, block, calibration, first):
+    if calibration is None:
+        return None
+    options, pattern = plan.options, plan.patterns[block.pattern]
+    samples = remove_oversampling(
+        calibration, round(len(calibration) * plan.calibration.cut), threads=options.threads
+    )
+    samples = samples[central(len(samples), min(len(samples), options.calibration_size))]
+    made = sensitivity_maps(
+        samples, pattern.calibration_pixels, mask=options.mask, threads=options.threads
+    )
+    maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
+    levels = first is not None and (sa(_folded(plan, first)), sa(expected))
+    return Basis(maps, expected, levels or None)
+
+
+def reconstruct_block(plan, block, basis, samples):
+    """Images of a block.
+
+    Parameters
+    ----------
+    plan : Plan
+    block : Block
+    basis : Basis or None
+        What `prepare` makes for its slice and pattern.
+    samples : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
+        What `lines` gives; those to unfold may be overwritten.
+
+    Returns
+    -------
+    dict of str and ndarray
+        "image": complex64 or float32, ``(x, y, z, echo, repetition)``.
+    """
+    pattern, threads = plan.patterns[block.pattern], plan.options.threads
+    if pattern.unfolds:
+        image = _unfolded(plan, pattern, basis, samples)
+    else:
+        samples = remove_oversampling(samples, plan.readout, threads=threads)
+        if plan.covariance is not None:
+            samples = whiten(samples, plan.covariance)
+        image = _finished(plan, pattern, samples)
+    image = combine(image, plan.options.combine, threads)
+    if plan.gain(pattern) != 1:
+        image *= plan.gain(pattern)
+    return {"image": _corrected(plan, block, image)}
+
+
+def _unfolded(plan, pattern, basis, samples):
+    options = plan.options
+    image = unfold(
+        _folded(plan, samples),
+        basis.maps,
+        pattern.lattices,
+        covariance=plan.covariance,
+        expected=basis.expected if basis.levels else None,
+        levels=basis.levels,
+        strength=options.regularisation,
+        threads=options.threads,
+    )[:, :, :, None]
+    if options.ringing > 0 or any(pattern.ranges) or plan.pixels != pattern.full:
+        return _finished(plan, pattern, to_kspace(image, threads=options.threads))
+    return resize(image, plan.matrix)
+
+
+def _folded(plan, samples):
+    threads = plan.options.threads
+    image = to_image(samples, (0,), threads, overwrite=True)[central(len(samples), plan.readout)]
+    return to_image(image, (1, 2), threads)
+
+
+def _finished(plan, pattern, samples):
+    """Coil images of k-space over the whole field: filter, size, transform or homodyne."""
+    options, threads = plan.options, plan.options.threads
+    if options.ringing > 0:
+        samples = ringing_filter(samples, options.ringing, pattern.window, threads=threads)
+    samples = resize(samples, plan.pixels, threads)
+    return homodyne_recon(samples, pattern.ranges, field=plan.matrix, threads=threads)
+
+
+def _corrected(plan, block, image):
+    """The image where gradients are not linear: each voxel where it belongs."""
+    options = plan.options
+    if options.coefficients is None:
+        return image
+    field = warp(
+        image.shape[:3],
+        plan.placements[block.slice],
+        plan.field,
+        options.coefficients,
+        plan.position,
+        options.intensity,
+        options.threads,
+    )
+    return apply_warp(image, field, options.order)

@@ -1,0 +1,139 @@
+"""What people read about a run: facts of the file, the plan in words, the sidecar, a preview."""
+
+import os
+import platform
+
+import numpy as np
+import scipy
+
+from . import __version__, _memory, raw
+
+#: Python with its modules, blocks of the file, and freed memory that is kept.
+INTERPRETER = 160_000_000
+
+
+def intentions(found, plan, needed, files):
+    """What a run would do, for people.
+
+    `needed` is its memory in bytes, `files` are the names that it would write.
+    """
+    lines = [
+        *_aligned(raw.facts(found)),
+        "",
+        "would be done:",
+        *(f"  {step}" for step in plan.steps),
+        f"  memory {_memory.text(needed)}, free {_memory.text(_memory.available())}",
+        *(f"  write {names}" for names in files),
+    ]
+    return "\n".join(lines)
+
+
+def information(found, plan):
+    """What is in a raw data file and what `ctessel recon` would do with it, for people.
+
+    `plan` is a function: what it refuses is told.
+    """
+    lines = _aligned(raw.facts(found))
+    try:
+        made = plan()
+        lines += [
+            "",
+            "ctessel recon would:",
+            *(f"  {step}" for step in made.steps),
+            f"  memory {_memory.text(made.memory() + INTERPRETER)}",
+        ]
+    except ValueError as error:
+        lines += ["", f"ctessel recon would refuse it: {error}"]
+    return "\n".join(lines)
+
+
+def _aligned(facts):
+    width = max(map(len, facts))
+    return [f"{name:{width}}  {text}" for name, text in facts.items()]
+
+
+def sidecar(result, header, *, source, position, geometry, known, kind):
+    """The sidecar of an image, under the BIDS standard's keys where there are some.
+
+    Parameters
+    ----------
+    result : Result
+    header : Header
+    source : str
+        The raw data file.
+    position : str or None
+        How the patient lay, in place of the header.
+    geometry : str or None
+        The file of the coefficients.
+    known : bool
+        Whether the file told where the voxels lie.
+    kind : str
+        What the values of the image are.
+    """
+    axis, first, last = result.selection or ("", 0, 0)
+    times = header.te[first : last + 1] if axis == "echo" else header.te
+    echoes = [time / 1000 for time in times]
+    entries = {
+        "ProtocolName": header.protocol,
+        "PatientPosition": position or header.patient_position,
+        "RepetitionTime": repetition_time(header),
+        "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
+        "SpacingBetweenSlices": header.spacing,
+        "ImageType": kind,
+        "Sources": [_file_name(source)],
+        "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
+        "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
+        "Steps": result.steps,
+        "Warnings": result.warnings,
+        "Parameters": {**result.parameters, "geometry": geometry and _file_name(geometry)},
+        "ConversionSoftware": "ctessel",
+        "ConversionSoftwareVersion": __version__,
+        "Versions": versions(),
+    }
+    return {name: value for name, value in entries.items() if value}
+
+
+def _file_name(path):
+    """Without its folder, and as text that every program can read."""
+    return os.fsencode(os.path.basename(path)).decode(errors="replace")
+
+
+def repetition_time(header):
+    """From one excitation to the next in seconds; 0 where it is not known."""
+    return header.tr[0] / 1000 if header.tr else 0.0
+
+
+def versions():
+    """Versions that a result may depend on."""
+    import nibabel
+
+    return {
+        "python": platform.python_version(),
+        "numpy": np.__version__,
+        "scipy": scipy.__version__,
+        "nibabel": nibabel.__version__,
+    }
+
+
+def save_preview(path, image, field):
+    """A picture of all slices of the first echo and repetition, x to the right and y downwards."""
+    import matplotlib
+
+    matplotlib.use("Agg")
+    from matplotlib import pyplot
+
+    volume = np.abs(image[..., 0, 0]).astype(np.float32)
+    slices = volume.reshape((*volume.shape[:2], -1), order="F")
+    if slices.shape[2] > 36:
+        slices = slices[:, :, np.linspace(0, slices.shape[2] - 1, 36).astype(int)]
+    columns = int(np.ceil(np.sqrt(slices.shape[2])))
+    rows = -(-slices.shape[2] // columns)
+    nx, ny = slices.shape[:2]
+    mosaic = np.zeros((rows * ny, columns * nx), np.float32)
+    for i in range(slices.shape[2]):
+        row, column = divmod(i, columns)
+        mosaic[row * ny : (row + 1) * ny, column * nx : (column + 1) * nx] = slices[:, :, i].T
+    shape = field[1] * nx / (field[0] * ny)  # height of a pixel over its width
+    height = max(1, round(mosaic.shape[0] * shape))
+    mosaic = mosaic[(np.arange(height) / shape).astype(int).clip(max=mosaic.shape[0] - 1)]
+    pyplot.imsave(path, mosaic, cmap="gray", vmin=0, vmax=np.percentile(mosaic, 99.8) or 1)
