@@ -6,6 +6,7 @@
 #include <random>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
 #include "naive_geometry.h"
 #include "routine.h"
 
@@ -74,6 +75,52 @@ Case geometry_correction(const Setting& s) {
   c.limits = {{Kind::kSingle, s.n * (88 * 3.0 + 16 * 2.0)}};
   c.documented = s.n >= 20000 ? 4.0 * 9001 * 104 : 0;
   c.difference = [=] { return d->out.difference(d->plain); };
+  return c;
+}
+
+/// The same terms in double, with or without the Jacobian; the table path stands in for a naive one.
+Case gradient_field(const Setting& s) {
+  struct Data {
+    Points p, plain;
+    Coefficients c;
+    std::vector<double> at, position, jacobian;
+    std::shared_ptr<ctessel::GradientField> field;
+  };
+  const std::size_t n = static_cast<std::size_t>(s.n);
+  const auto d = std::make_shared<Data>(Data{cube(s), Points(n), {}, {}, {}, {}, {}});
+  std::vector<ctessel::GradientTerm> terms;
+  for (int order = 1; order < 17; ++order) {
+    terms.push_back({ctessel::Dim::z, false, order, 0, d->c.z[order][0]});
+    for (int m = 1; order < 14 && m <= std::min(order, 11); ++m) {
+      terms.push_back({ctessel::Dim::x, false, order, m, d->c.x[order][m]});
+      terms.push_back({ctessel::Dim::y, true, order, m, d->c.y[order][m]});
+    }
+  }
+  d->field = std::make_shared<ctessel::GradientField>(terms, 250);
+  for (std::size_t i = 0; i < n; ++i) {
+    for (float v : {d->p.x[i], d->p.y[i], d->p.z[i]}) d->at.push_back(v);
+  }
+  d->position.resize(3 * n);
+  if (s.option) d->jacobian.resize(9 * n);
+  Case c;
+  c.kernel = [=, points = static_cast<std::ptrdiff_t>(n)] {
+    d->field->evaluate(
+        ctessel::FieldPoints::list(d->at.data(), points),
+        {d->position.data(), nullptr, d->jacobian.empty() ? nullptr : d->jacobian.data()});
+  };
+  c.naive = [=] {
+    TS_geometry_correction(d->p.x.data(), d->p.y.data(), d->p.z.data(), d->plain.x.data(),
+                           d->plain.y.data(), d->plain.z.data(), static_cast<int>(n), d->c.y,
+                           d->c.x, d->c.z, 250);
+  };
+  // Per entry of a row two products that are added, per term of a series one, with slopes three.
+  c.limits = {{Kind::kDouble, s.n * (104 * 2.0 + 192 * (s.option ? 3.0 : 1.0))}};
+  c.difference = [=] {
+    std::vector<double> x(n);
+    for (std::size_t i = 0; i < n; ++i) x[i] = d->position[3 * i];
+    return difference(x, d->plain.x);
+  };
+  c.tolerance = 1e-2;  // the table's values are steps
   return c;
 }
 
@@ -177,8 +224,9 @@ Case realign(const Setting&) {
 }  // namespace
 
 std::vector<Routine> geometry_routines() {
-  Setting grid, anywhere, table, degree;
-  grid.n = anywhere.n = 1000000;
+  Setting grid, anywhere, table, degree, slopes;
+  grid.n = anywhere.n = slopes.n = 1000000;
+  slopes.option = true;
   anywhere.option = true;
   table.n = 10000;
   degree.n = 13;
@@ -187,6 +235,10 @@ std::vector<Routine> geometry_routines() {
            geometry_correction,
            {{"10^6 points, grid", grid}, {"10^6 points, random", anywhere}},
            {length_sweep({}, points), thread_sweep(anywhere, omp_get_num_procs())}},
+          {"GradientField",
+           gradient_field,
+           {{"10^6 points, positions", grid}, {"10^6 points, with Jacobian", slopes}},
+           {length_sweep({}, {1, 100, 10000, 1000000}), thread_sweep(slopes, omp_get_num_procs())}},
           {"create_plgndr_lookup",
            legendre_table,
            {{"17 x 12, 10^4 samples", table}},

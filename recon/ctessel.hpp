@@ -17,6 +17,7 @@
 #include <complex>
 #include <cstddef>
 #include <initializer_list>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -127,6 +128,89 @@ using ConstSamples = BasicSamples<const float>;
 /// Where only `to` has imaginary parts they become 0; where only `from` has, they are left out.
 /// The two must not overlap. Threads: split over rows or tiles. Memory: none.
 void copy(const ConstSamples& from, const Samples& to);
+
+#pragma GCC visibility pop
+
+// ---- Gradient non-linearity (gradient_field.cpp) ------------------------------------------------
+
+/// One solid harmonic in the expansion of a gradient's field: (r / radius)^n P_n^m(cos theta) times
+/// cos(m phi) or sin(m phi), theta from +z, phi from +x towards +y. P_n^m is not normalised and
+/// without the phase (-1)^m: P_1^1 = sin theta.
+struct GradientTerm {
+  Dim axis;           // of the gradient coil: x, y or z
+  bool sine;          // or cosine
+  int order, degree;  // n, 1 to GradientField::kMostOrder; m, 0 to n
+  double value;
+};
+
+/// Points, from the gradients' isocentre: a list, or the voxels of a grid, x fastest, voxel (i, j, k)
+/// at affine (i, j, k, 1).
+struct FieldPoints {
+  std::ptrdiff_t count = 0;
+  const double* xyz = nullptr;  // three numbers per point; null for a grid
+  std::ptrdiff_t extents[3] = {};
+  double affine[3][4] = {};
+
+  static FieldPoints list(const double* xyz, std::ptrdiff_t count) { return {count, xyz}; }
+  static FieldPoints grid(const std::ptrdiff_t (&n)[3], const double (&affine)[3][4]) {
+    FieldPoints points{n[0] * n[1] * n[2]};
+    std::copy(n, n + 3, points.extents);
+    std::copy(&affine[0][0], &affine[0][0] + 12, &points.affine[0][0]);
+    return points;
+  }
+};
+
+/// What is to be known of every point, one after the other; what is null is left out.
+struct FieldValues {
+  double* position = nullptr;      // 3 per point: where the gradients encode it
+  double* displacement = nullptr;  // 3 per point: encoded position minus the point
+  double* jacobian = nullptr;      // 9 per point: d encoded_a / d point_b at 3 a + b
+  double* determinant = nullptr;   // 1 per point, of the Jacobian, with its sign
+};
+
+#pragma GCC visibility push(default)
+
+/// Where gradients that are not linear encode points, from the expansion of their fields.
+///
+/// Each gradient is divided by its linear term (cosine (1, 1) of x, sine (1, 1) of y, (1, 0) of z), so
+/// linear gradients move nothing. All is analytic and in double; the origin, the axes and the poles
+/// are points like others. Outside of the radius the sums go on, what they mean there is the
+/// caller's to judge. Points and radius are in one unit, usually mm.
+///
+/// Source: Janke et al., Magnetic Resonance in Medicine 52:115-122, 2004.
+/// Threads: share the points. Memory: none per point.
+class GradientField {
+ public:
+  static constexpr int kMostOrder = 25;
+
+  /// Terms of the same axis, kind, order and degree add up. Throws std::invalid_argument with one line
+  /// for terms that do not exist, numbers that are not finite, and gradients without a linear term.
+  GradientField(const std::vector<GradientTerm>& terms, double radius);
+
+  double radius() const;
+
+  void evaluate(const FieldPoints& points, const FieldValues& out) const;
+  void position(const FieldPoints& points, double* out) const { evaluate(points, {out}); }
+  void displacement(const FieldPoints& points, double* out) const {
+    evaluate(points, {nullptr, out});
+  }
+  void jacobian(const FieldPoints& points, double* out) const {
+    evaluate(points, {nullptr, nullptr, out});
+  }
+  void determinant(const FieldPoints& points, double* out) const {
+    evaluate(points, {nullptr, nullptr, nullptr, out});
+  }
+
+  /// Points that are encoded at given places: by the iteration p <- place - displacement(p), until a
+  /// step is at most 1e-9 radius. It converges where the displacement changes by less than the point
+  /// does; elsewhere the point is three times NaN. Returns how many are. `out` may be encoded.xyz.
+  std::ptrdiff_t inverse(const FieldPoints& encoded, double* out) const;
+
+  struct [[gnu::visibility("hidden")]] Expansion;
+
+ private:
+  std::shared_ptr<const Expansion> expansion_;
+};
 
 #pragma GCC visibility pop
 

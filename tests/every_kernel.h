@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
 #include "guarded.h"
 #include "homodyne.h"
 #include "host/memory.h"
@@ -106,6 +107,37 @@ inline std::vector<Kernel> geometry_kernels() {
            }}};
 }
 
+/// Doubles as what a float holds of them, and as what it leaves over.
+inline void split(const std::vector<double>& values, float* high, float* low) {
+  for (double v : values) {
+    *high = static_cast<float>(v);
+    *low++ = static_cast<float>(v - *high++);
+  }
+}
+
+inline Kernel field_kernel() {
+  using ctessel::Dim;
+  static const Floats at = noise(1200, 12), weights = noise(200, 13);
+  return {
+      "GradientField", {Floats(5200), Floats(5200)}, [](const std::vector<float*>& o) {
+        std::vector<ctessel::GradientTerm> terms = {
+            {Dim::x, false, 1, 1, 1}, {Dim::y, true, 1, 1, 1}, {Dim::z, false, 1, 0, 1}};
+        for (int k = 0; k < 200; ++k) {
+          const int n = 2 + k % 12, m = k / 12 % (n + 1);
+          terms.push_back({Dim(k % 3), m > 0 && k % 2 == 0, n, m,
+                           0.1 * weights[static_cast<std::size_t>(k)] / std::tgamma(2 * m + 2)});
+        }
+        const ctessel::GradientField field(terms, 2);
+        const std::vector<double> points(at.begin(), at.end());
+        const auto list = ctessel::FieldPoints::list(points.data(), 400);
+        std::vector<double> position(1200), jacobian(3600), determinant(400);
+        field.evaluate(list, {position.data(), nullptr, jacobian.data(), determinant.data()});
+        position.insert(position.end(), jacobian.begin(), jacobian.end());
+        position.insert(position.end(), determinant.begin(), determinant.end());
+        split(position, o[0], o[1]);
+      }};
+}
+
 /// The gateway's operations work on a host array; afterwards its parts count as outputs. One call at
 /// a time, as hosts have it.
 inline std::vector<Kernel> gateway_kernels() {
@@ -149,6 +181,7 @@ inline std::vector<Kernel> kernels() {
   std::vector<Kernel> all = array_kernels();
   all.push_back(sense_kernel("TS_sense_recon", 22));
   for (Kernel& k : geometry_kernels()) all.push_back(k);
+  all.push_back(field_kernel());
   return all;
 }
 
