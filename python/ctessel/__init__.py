@@ -31,7 +31,11 @@ was expected and what was got.
 
 import os
 
-from . import _backend, _core, homodyne
+from . import runtime
+
+with runtime.short_waits():
+    from . import _core
+from . import homodyne
 from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
 from ._coils import pcsos, sos
 from ._geometry import (

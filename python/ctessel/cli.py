@@ -5,8 +5,9 @@ import contextlib
 import os
 import signal
 import sys
-import threading
 from pathlib import Path
+
+from . import runtime
 
 EXIT_CODES = """exit codes:
   0    done
@@ -25,8 +26,22 @@ class UsageError(Exception):
 
 
 def main(argv=None):
-    """Run the command; returns its exit code. SIGINT and SIGTERM end the process at once."""
-    return _interruptible(lambda: _main(argv))
+    """Run the command; returns its exit code.
+
+    SIGINT and SIGTERM become exceptions in the main thread once the kernel that is at work is done, and
+    what was begun is cleaned up on their way.
+    """
+    came = []
+
+    def end(number, _):
+        came.append(number)
+        raise SystemExit(143) if number == signal.SIGTERM else KeyboardInterrupt
+
+    with runtime.handled(end):
+        try:
+            return _main(argv)
+        except BaseException as error:  # libraries may turn the exception into one of theirs
+            return _cancelled(came[0], error) if came else _failed(error)
 
 
 def _main(argv):
@@ -36,12 +51,26 @@ def _main(argv):
         return arguments.run(arguments) or DONE
     except UsageError as error:
         parser.error(str(error))
-    except Exception as error:
-        code, text = _explain(error)
-        print(f"ctessel: {text}", file=sys.stderr)
-        if code == FAULT and os.environ.get("CTESSEL_TRACEBACK"):
-            raise
-        return code
+
+
+def _cancelled(number, error):
+    """Exit code of a run that a signal has ended. More of them change nothing any more."""
+    for other in runtime.SIGNALS:
+        signal.signal(other, signal.SIG_IGN)
+    what = "all had been" if getattr(error, "written", False) else "nothing was"
+    print(f"\nctessel: cancelled, {what} written", file=sys.stderr, flush=True)
+    return 128 + number
+
+
+def _failed(error):
+    """Exit code of a run that ended with an exception, which is told in one line."""
+    if not isinstance(error, Exception):
+        raise error
+    code, text = _explain(error)
+    print(f"ctessel: {text}", file=sys.stderr)
+    if code == FAULT and os.environ.get("CTESSEL_TRACEBACK"):
+        raise error
+    return code
 
 
 def _say(text):
@@ -56,10 +85,8 @@ def _say(text):
 
 def _explain(error):
     """Exit code and one line for an exception."""
-    from ._memory import DoesNotFitError
-
     text = " ".join(str(error).split())
-    if isinstance(error, DoesNotFitError):
+    if isinstance(error, runtime.DoesNotFitError):
         return MEMORY, text
     if isinstance(error, MemoryError):
         return (
@@ -80,57 +107,6 @@ def _explain(error):
         FAULT,
         f"fault of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where",
     )
-
-
-def _interruptible(run):
-    """Run in a thread, so that a signal need not wait for the kernel that is at work."""
-    outcome = []
-
-    def work():
-        try:
-            outcome.append((run(), None))
-        except BaseException as error:
-            outcome.append((None, error))
-
-    if threading.current_thread() is not threading.main_thread():
-        return run()
-    worker = threading.Thread(target=work, daemon=True)
-    before = {number: signal.signal(number, _end) for number in (signal.SIGINT, signal.SIGTERM)}
-    try:
-        worker.start()
-        worker.join()
-    finally:
-        for number, handler in before.items():
-            signal.signal(number, handler)
-    result, error = outcome[0]
-    if error is not None:
-        raise error
-    return result
-
-
-def _end(number, _):
-    """End the process from a signal's handler, with nothing half-written."""
-    for other in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(other, signal.SIG_IGN)
-    import io
-    import logging
-    import multiprocessing
-    import resource
-
-    stderr, sys.stderr = sys.stderr, io.StringIO()  # the thread that works may fail from here on
-    logging.disable()  # Dask tells of every process that ends
-    for child in multiprocessing.active_children():
-        child.kill()
-    written = False
-    # A module that is not there, or not complete yet, has written nothing.
-    with contextlib.suppress(AttributeError):
-        sys.modules.get("ctessel.dask").discard_all()
-    resource.setrlimit(resource.RLIMIT_NOFILE, (0, 0))  # nor can it make files any more
-    with contextlib.suppress(AttributeError):
-        written = sys.modules.get("ctessel.nifti").Staged.discard_all()
-    what = "all had been" if written else "nothing was"
-    print(f"\nctessel: cancelled, {what} written", file=stderr, flush=True)
-    os._exit(128 + number)
 
 
 # ---- Arguments -----------------------------------------------------------------------------------
@@ -344,10 +320,9 @@ def _range(words):
 
 def recon(arguments):
     """``ctessel recon``"""
-    from . import _memory
     from .job import prepare
 
-    _memory.keep_freed()
+    runtime.keep_freed()
     job = prepare(arguments, _range(arguments.range))
     if arguments.dry_run:
         _say(job.intentions())

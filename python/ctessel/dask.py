@@ -16,7 +16,6 @@ Whole scans: `connect`, and ``pipeline.reconstruct(scan, options, client=client)
 
 import contextlib
 import os
-import shutil
 import tempfile
 import uuid
 import warnings
@@ -27,7 +26,7 @@ import dask.array as da
 import numpy as np
 
 import ctessel
-from ctessel import _memory, steps
+from ctessel import runtime, steps
 
 
 # ---- Operations on arrays ------------------------------------------------------------------------
@@ -267,10 +266,7 @@ SPAWNED = "distributed.nanny.pre-spawn-environ"
 def _environment(workers):
     """Variables of the processes: their share of the cores, and memory that they keep."""
     threads = max(1, len(os.sched_getaffinity(0)) // workers)
-    return {**dask.config.get(SPAWNED, {}), **_memory.KEPT, "OMP_NUM_THREADS": threads}
-
-
-_folders = set()
+    return {**dask.config.get(SPAWNED, {}), **runtime.KEPT, "OMP_NUM_THREADS": threads}
 
 
 @contextlib.contextmanager
@@ -280,15 +276,7 @@ def _folder(parent):
     with tempfile.TemporaryDirectory(
         prefix="ctessel-", dir=parent, ignore_cleanup_errors=True
     ) as folder:
-        _folders.add(folder)
         yield folder
-        _folders.discard(folder)
-
-
-def discard_all():
-    """Remove what lies in folders for the workers; for a process that is about to end at once."""
-    for folder in _folders:
-        shutil.rmtree(folder, ignore_errors=True)
 
 
 def run_tasks(client, function, tasks, ahead=2):

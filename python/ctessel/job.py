@@ -6,7 +6,7 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import _memory, nifti, pipeline, raw, report
+from . import files, nifti, pipeline, raw, report, runtime
 
 
 @dataclass
@@ -43,9 +43,9 @@ class Job:
         return dask.connect(self.arguments.workers, self.arguments.scheduler)
 
     def write(self, result):
-        with nifti.Staged() as files:
+        with files.Staged() as staged:
             for name, volumes, kind in self._images(result.image):
-                target = files.path(name)
+                target = staged.path(name)
                 nifti.write(
                     target,
                     volumes,
@@ -53,11 +53,11 @@ class Job:
                     self.known,
                     report.repetition_time(self.found.header),
                     self._sidecar(result, kind),
-                    files.path(nifti.sidecar_path(name)),
+                    staged.path(nifti.sidecar_path(name)),
                 )
             if self.arguments.preview:
-                report.save_preview(files.path(self.arguments.preview), result.image, result.field)
-            files.commit()
+                report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
+            staged.commit()
 
     def _images(self, image):
         magnitude, *phase = self.names()
@@ -85,9 +85,9 @@ class Job:
 
     def intentions(self):
         """What would be done, for people."""
-        files = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
-        files += [self.arguments.preview] if self.arguments.preview else []
-        return report.intentions(self.found, self.plan, self.needed, files)
+        names = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
+        names += [self.arguments.preview] if self.arguments.preview else []
+        return report.intentions(self.found, self.plan, self.needed, names)
 
 
 def prepare(arguments, part):
@@ -115,7 +115,7 @@ def prepare(arguments, part):
     needed = plan.memory(arguments.workers or 1) + report.INTERPRETER
     job = Job(arguments, found, plan, needed, matrix, known)
     for name in [*job.names(), *([arguments.preview] if arguments.preview else [])]:
-        nifti.check_output(name)
+        files.check_output(name)
     if not arguments.dry_run:
         _check_memory(job)
     return job
@@ -148,7 +148,7 @@ def _check_memory(job):
     """Refuse what does not fit before the work."""
     shape = (job.found.width, *job.found.scan.shape[1:])
     on_disk = 8 * int(np.prod(shape, dtype=float)) if job.arguments.scratch else 0
-    _memory.check(
+    runtime.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
     )
 

@@ -1,98 +1,24 @@
-"""Images in NIfTI files: where voxels lie in the patient, what was done, nothing half-written.
+"""Images in NIfTI files: where voxels lie in the patient, and what was done.
 
 A placement is in ISMRMRD's patient axes (left, posterior, superior); NIfTI's point to right,
 anterior and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the placement's
 position.
 """
 
-import contextlib
 import io
 import json
-import os
-import threading
 import zlib
 from pathlib import Path
 
 import numpy as np
 
-__all__ = ["Staged", "affine", "merge", "sidecar_path", "write"]
+from .files import Staged
+
+__all__ = ["affine", "merge", "sidecar_path", "write"]
 
 #: Axis of the file's array for each axis of a scan; a slab's partitions take that of the slices.
 FILE_AXES = {"slice": 2, "repetition": 3, "echo": 4}
 _LPS_TO_RAS = np.diag([-1.0, -1.0, 1.0, 1.0])
-
-
-class Staged(contextlib.AbstractContextManager):
-    """Files that appear under their names all together, once they are complete.
-
-    >>> import tempfile
-    >>> folder = Path(tempfile.mkdtemp())
-    >>> with Staged() as files:
-    ...     _ = files.path(folder / "a.txt").write_text("whole")
-    ...     print(sorted(p.suffix for p in folder.iterdir()), (folder / "a.txt").exists())
-    ...     files.commit()
-    ['.txt'] False
-    >>> [p.name for p in folder.iterdir()]
-    ['a.txt']
-    """
-
-    _lock = threading.Lock()
-    _open = []
-    _written = False  # by the latest
-
-    def __init__(self):
-        Staged._written = False
-        self._names = {}
-        self._open.append(self)
-
-    def path(self, final):
-        """Where to write what is to become `final`: beside it, hidden, with its endings."""
-        final = Path(final)
-        check_output(final)
-        self._names[final] = final.with_name(f".{os.getpid()}-{final.name}")
-        return self._names[final]
-
-    def commit(self):
-        with self._lock:
-            if self not in self._open:
-                return  # the process is about to end
-            for final, written in list(self._names.items()):
-                os.replace(written, final)
-                del self._names[final]
-            Staged._written = True
-
-    def __exit__(self, _, error, __):
-        if isinstance(error, OSError) and not error.filename and self._names:
-            error.filename = str(next(reversed(self._names)).absolute().parent)  # of a full disk, say
-        with self._lock:
-            self._discard()
-            if self in self._open:
-                self._open.remove(self)
-
-    def _discard(self):
-        for written in self._names.values():
-            with contextlib.suppress(FileNotFoundError):
-                written.unlink()
-
-    @classmethod
-    def discard_all(cls):
-        """Remove what other threads have not committed, for a process that is about to end.
-
-        Returns whether all had been.
-        """
-        with cls._lock:
-            while cls._open:
-                cls._open.pop()._discard()
-            return cls._written
-
-
-def check_output(path):
-    """ValueError unless a file of this name can be made."""
-    if Path(path).is_dir():
-        raise ValueError(f"{path}: is a folder; name a file")
-    folder = Path(path).absolute().parent
-    if not os.access(folder, os.W_OK | os.X_OK):
-        raise ValueError(f"{folder}: cannot be written to; name a folder that can")
 
 
 def affine(header, shape, field):
@@ -170,7 +96,7 @@ def _step(places):
 
 
 def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
-    """Write an image and what was done beside it. Names are the caller's, see `Staged`.
+    """Write an image and what was done beside it. Names are the caller's, see `files.Staged`.
 
     Parameters
     ----------

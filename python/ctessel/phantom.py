@@ -7,15 +7,15 @@
 '44 of 64'
 """
 
+import os
 from dataclasses import dataclass, replace
-from pathlib import Path
 
 import numpy as np
 
-from . import _ismrmrd, _memory, raw
+from . import _ismrmrd, raw, runtime
 from .fourier import to_kspace
 from ._ismrmrd import HEAD
-from .nifti import Staged
+from .files import Staged
 from .scan import Header, Limit
 
 __all__ = ["KINDS", "Phantom", "truth", "write"]
@@ -101,9 +101,9 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     _check(phantom)
     binding, lines, image = raw.binding(path), list(_measurements(phantom)), truth(phantom)
     with Staged() as files:
-        target = files.path(Path(path))
+        target = files.path(path)
         try:
-            writer = binding.Writer(str(target), group, _header_text(phantom))
+            writer = binding.Writer(os.fsencode(target), os.fsencode(group), _header_text(phantom))
             for done, (head, samples) in enumerate(_acquisitions(phantom, image, lines), 1):
                 writer.append(np.frombuffer(head.tobytes(), np.uint8), samples)
                 if progress:
@@ -140,7 +140,7 @@ def _check(phantom):
         )
     volume = 8 * samples * phantom.size * phantom.partitions * phantom.coils
     mend = "choose a smaller size, fewer coils or fewer slices"
-    _memory.check((phantom.slices + 3) * volume, "the phantom", mend)
+    runtime.check((phantom.slices + 3) * volume, "the phantom", mend)
 
 
 def truth(phantom):

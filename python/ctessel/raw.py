@@ -15,10 +15,10 @@ from dataclasses import replace
 
 import numpy as np
 
-from . import _memory
+from . import runtime
 from .fourier import cut_unshifted
 from ._ismrmrd import HEAD, DefectError, parse
-from ._memory import DoesNotFitError
+from .runtime import DoesNotFitError
 from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Layout, Limit, Scan, times_text
 
@@ -93,7 +93,7 @@ def read(
     path = os.fspath(path)
     found = found or contents(path, group=group, range=range, cut=cut)
     if scratch is None:
-        _memory.check(found.nbytes, f"{path}: reading it", mend_memory(found))
+        runtime.check(found.nbytes, f"{path}: reading it", mend_memory(found))
     kspace = _zeros(_kspace_shape(found), scratch)
     calibration = _zeros(found.apart.shape, scratch) if found.apart else None
     try:
@@ -174,7 +174,7 @@ def facts(found):
         "TR": ", ".join(f"{t:g} ms" for t in header.tr),
         "TE": ", ".join(f"{t:g} ms" for t in header.te),
         "left out": f"{int((found.role == IGNORED).sum())} of {found.heads.size} acquisitions",
-        "k-space": _memory.text(found.nbytes),
+        "k-space": runtime.text(found.nbytes),
     }
     return {name: text for name, text in texts.items() if text}
 
@@ -396,9 +396,7 @@ def _place_cut(block, found, kspace, numbers, whole, threads):
 
 def _zeros(shape, scratch):
     if scratch is None:
-        array = np.empty(shape, np.complex64, order="F")
-        array.fill(0)  # np.zeros would leave small pages to be touched one by one: three times as slow
-        return array
+        return runtime.zeros(shape)
     with tempfile.TemporaryFile(dir=scratch) as file:
         try:  # where the disk is full, a map of a file with holes would end the process
             os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))

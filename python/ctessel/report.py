@@ -1,12 +1,12 @@
 """What people read about a run: facts of the file, the plan in words, the sidecar, a preview."""
 
-import os
 import platform
 
 import numpy as np
 import scipy
 
-from . import __version__, _memory, raw
+from . import __version__, raw, runtime
+from .files import printable
 
 #: Python with its modules, blocks of the file, and freed memory that is kept.
 INTERPRETER = 160_000_000
@@ -22,7 +22,7 @@ def intentions(found, plan, needed, files):
         "",
         "would be done:",
         *(f"  {step}" for step in plan.steps),
-        f"  memory {_memory.text(needed)}, free {_memory.text(_memory.available())}",
+        f"  memory {runtime.text(needed)}, free {runtime.text(runtime.available())}",
         *(f"  write {names}" for names in files),
     ]
     return "\n".join(lines)
@@ -40,7 +40,7 @@ def information(found, plan):
             "",
             "ctessel recon would:",
             *(f"  {step}" for step in made.steps),
-            f"  memory {_memory.text(made.memory() + INTERPRETER)}",
+            f"  memory {runtime.text(made.memory() + INTERPRETER)}",
         ]
     except ValueError as error:
         lines += ["", f"ctessel recon would refuse it: {error}"]
@@ -80,22 +80,17 @@ def sidecar(result, header, *, source, position, geometry, known, kind):
         "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
         "SpacingBetweenSlices": header.spacing,
         "ImageType": kind,
-        "Sources": [_file_name(source)],
+        "Sources": [printable(source)],
         "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
         "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
         "Steps": result.steps,
         "Warnings": result.warnings,
-        "Parameters": {**result.parameters, "geometry": geometry and _file_name(geometry)},
+        "Parameters": {**result.parameters, "geometry": geometry and printable(geometry)},
         "ConversionSoftware": "ctessel",
         "ConversionSoftwareVersion": __version__,
         "Versions": versions(),
     }
     return {name: value for name, value in entries.items() if value}
-
-
-def _file_name(path):
-    """Without its folder, and as text that every program can read."""
-    return os.fsencode(os.path.basename(path)).decode(errors="replace")
 
 
 def repetition_time(header):

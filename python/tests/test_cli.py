@@ -6,13 +6,14 @@ import resource
 import signal
 import subprocess
 import sys
+import threading
 import time
 
 import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _memory, cli, phantom
+from ctessel import cli, files, phantom, runtime
 
 
 @pytest.fixture(scope="module")
@@ -118,7 +119,7 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
         finally:
             resource.setrlimit(resource.RLIMIT_FSIZE, most)
         one_line(f"ctessel: {tmp_path}: File too large")
-    monkeypatch.setattr(_memory, "available", lambda: 1_000_000)
+    monkeypatch.setattr(runtime, "available", lambda: 1_000_000)
     assert code("recon", scan, "-o", target) == cli.MEMORY
     one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
     assert code("phantom", "full", "-o", tmp_path / "p.h5") == cli.MEMORY
@@ -165,20 +166,29 @@ from ctessel import cli
 def write(image, path):
     path.write_bytes(b"half")
     print("half", flush=True)
-    time.sleep(60)
+    for _ in range(600):
+        time.sleep(0.1)
 nibabel.Nifti1Image.to_filename = write
 sys.exit(cli.main(sys.argv[1:]))
 """
 
 
+def half_written(scan, folder):
+    """A run that has begun to write its image."""
+    command = [sys.executable, "-c", HALF, "recon", str(scan), "-o", str(folder / "i.nii")]
+    run = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert run.stdout.readline() == "half\n"
+    return run
+
+
 @pytest.mark.parametrize("number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
 def test_cancel_leaves_nothing(scan, tmp_path, number, code):
     (tmp_path / "i.nii").write_text("older")
-    run = subprocess.Popen([sys.executable, "-c", HALF, "recon", str(scan), "-o", str(tmp_path / "i.nii")],
-                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)  # fmt: skip
-    assert run.stdout.readline() == "half\n" and len(list(tmp_path.iterdir())) == 2
+    run = half_written(scan, tmp_path)
+    assert len(list(tmp_path.iterdir())) == 2
     before = time.monotonic()
-    run.send_signal(number)
+    for _ in range(3):  # as the impatient do
+        run.send_signal(number)
     told = run.communicate()[1]
     assert (run.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
     assert time.monotonic() - before < 5
@@ -186,8 +196,66 @@ def test_cancel_leaves_nothing(scan, tmp_path, number, code):
     assert (tmp_path / "i.nii").read_text() == "older"
 
 
+def test_a_later_run_clears_what_a_killed_one_left_and_nothing_else(scan, tmp_path):
+    killed, alive = (half_written(scan, tmp_path) for _ in range(2))
+    killed.kill()
+    killed.communicate()
+    assert len(list(tmp_path.iterdir())) == 2
+    recon(scan, tmp_path / "other.nii")
+    assert len(list(tmp_path.glob(".ctessel-*"))) == 1
+    alive.terminate()
+    alive.communicate()
+    assert {p.name for p in tmp_path.iterdir()} == {"other.nii", "other.json"}
+
+
+def test_a_signal_waits_while_files_get_their_names(tmp_path, monkeypatch):
+    replace, came = os.replace, []
+
+    def interrupted(old, new):
+        signal.raise_signal(signal.SIGINT)
+        came.append(new.name)
+        replace(old, new)
+
+    monkeypatch.setattr(os, "replace", interrupted)
+    with pytest.raises(KeyboardInterrupt) as ended:
+        with files.Staged() as staged:
+            for name in "ab":
+                staged.path(tmp_path / name).write_text(name)
+            staged.commit()
+    assert ended.value.written and came == ["a", "b"]
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["a", "b"]
+
+
+def test_an_image_never_lies_beside_the_sidecar_of_another_run(tmp_path, monkeypatch):
+    """Neither while two runs give their files the same names, nor where one is killed in between."""
+
+    def write(text):
+        with files.Staged() as staged:
+            for name in ("i.nii", "i.json"):
+                staged.path(tmp_path / name).write_text(text)
+            staged.commit()
+
+    write("first")
+    replace, other = os.replace, threading.Thread(target=write, args=("third",))
+
+    def meanwhile(old, new):
+        if new.name == "i.nii" and threading.current_thread() is threading.main_thread():
+            other.start()
+            other.join(0.2)  # it waits
+            assert other.is_alive() and not (tmp_path / "i.json").exists()
+        replace(old, new)
+
+    monkeypatch.setattr(os, "replace", meanwhile)
+    write("second")
+    other.join()
+    assert {p.read_text() for p in tmp_path.iterdir()} == {"third"}
+
+
 def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):
-    pty, side = os.openpty()
+    try:
+        pty, side = os.openpty()
+    except OSError:
+        pytest.skip("no terminals here")
     command = [sys.executable, "-m", "ctessel", "recon", str(scan), "-o", str(tmp_path / "i.nii")]
     subprocess.run(command, stderr=side, check=True)
     os.close(side)

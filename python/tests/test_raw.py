@@ -13,7 +13,7 @@ import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _ismrmrd, _memory, _raw, cli, nifti, phantom, pipeline, raw
+from ctessel import _ismrmrd, _raw, cli, nifti, phantom, pipeline, raw, runtime
 from ctessel._ismrmrd import HEAD, flag
 from ctessel.scan import Header, Limit, Placement
 
@@ -381,7 +381,7 @@ def test_free_memory_is_what_the_control_group_leaves(tmp_path):
         pytest.skip("no control groups of version 2")
     for name, text in (("max", "9000"), ("current", "5000"), ("stat", "anon 1\ninactive_file 700")):
         (tmp_path / f"memory.{name}").write_text(text)
-    assert 4700 in _memory._group_rests(tmp_path)
+    assert 4700 in runtime._group_rests(tmp_path)
 
 
 def test_samples_are_in_memory_once(tmp_path):

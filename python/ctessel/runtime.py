@@ -1,0 +1,140 @@
+"""What is set for a whole process, the memory that it may take, and signals that can wait."""
+
+import contextlib
+import ctypes
+import os
+import signal
+import threading
+from pathlib import Path
+
+import numpy as np
+
+#: For glibc's malloc: up to this much that was freed stays with the process, in parts up to this large.
+#: Blocks need the same memory again and again; given back after each, it is cleared for each anew.
+KEPT = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
+_OPTIONS = {"MALLOC_TRIM_THRESHOLD_": -1, "MALLOC_MMAP_THRESHOLD_": -3}  # of mallopt
+
+
+# ---- Settings of the process ---------------------------------------------------------------------
+
+
+def keep_freed():
+    """Let this process keep what it frees, as the variables `KEPT` do from its start."""
+    with contextlib.suppress(AttributeError):  # other C libraries have no such choice
+        for name, value in KEPT.items():
+            ctypes.CDLL(None).mallopt(_OPTIONS[name], value)
+
+
+@contextlib.contextmanager
+def short_waits():
+    """Threads of kernels that are loaded in here soon sleep while they wait for each other.
+
+    GNU's OpenMP runtime lets them spin for up to 14 milliseconds by default. It reads its environment
+    once, when it is loaded.
+    """
+    if {"OMP_WAIT_POLICY", "GOMP_SPINCOUNT"} & os.environ.keys():
+        yield
+        return
+    os.environ["GOMP_SPINCOUNT"] = "1000"
+    try:
+        yield
+    finally:
+        del os.environ["GOMP_SPINCOUNT"]
+
+
+def zeros(shape):
+    """complex64 of zeros in Fortran order, on large pages that are there already.
+
+    NumPy asks for large pages where it makes an array, but `numpy.zeros` gets its memory from a call
+    that leaves small ones, to be touched one by one.
+    """
+    array = np.empty(shape, np.complex64, order="F")
+    array.fill(0)
+    return array
+
+
+# ---- Signals -------------------------------------------------------------------------------------
+
+SIGNALS = (signal.SIGINT, signal.SIGTERM)
+
+
+@contextlib.contextmanager
+def handled(handler):
+    """Signals that end a run go to `handler`; in other threads than the first nothing changes."""
+    if threading.current_thread() is not threading.main_thread():
+        yield
+        return
+    before = {number: signal.signal(number, handler) for number in SIGNALS}
+    try:
+        yield
+    finally:
+        for number, earlier in before.items():
+            if signal.getsignal(number) is handler:
+                signal.signal(number, signal.SIG_DFL if earlier is None else earlier)
+
+
+@contextlib.contextmanager
+def uninterrupted():
+    """Signals that end a run wait until the end of the block."""
+    came = []
+    with handled(lambda number, _: came.append(number)):
+        yield
+    if came:
+        signal.raise_signal(came[0])
+
+
+# ---- Memory --------------------------------------------------------------------------------------
+
+
+class DoesNotFitError(Exception):
+    """More memory is needed than there is. The message says what would mend it."""
+
+
+def available():
+    """Bytes that this process can still get: what is free, or what its control group leaves."""
+    return min([_free(), *_group_rests()])
+
+
+def check(needed, what, mend):
+    """Refuse `what`, which needs `needed` bytes, where they are not to be had."""
+    rest = available()
+    if needed > rest:
+        raise DoesNotFitError(
+            f"{what} needs {text(needed)} of memory, {text(rest)} are free; {mend}"
+        )
+
+
+def text(count):
+    """A number of bytes for people: ``"1.5 GB"``."""
+    for unit in ("bytes", "kB", "MB"):
+        if count < 1000:
+            return f"{count:.3g} {unit}"
+        count /= 1000
+    return f"{count:.3g} GB" if count < 1000 else f"{count:.0f} GB"
+
+
+def _free():
+    for line in Path("/proc/meminfo").read_text().splitlines():
+        if line.startswith("MemAvailable:"):
+            return int(line.split()[1]) * 1024
+    raise OSError("/proc/meminfo: no MemAvailable")
+
+
+def _group_rests(root=Path("/sys/fs/cgroup")):
+    """Rests of the control groups (version 2) of the process: batch systems limit these."""
+    try:
+        name = next(
+            n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::")
+        )
+    except (OSError, StopIteration):
+        return
+    group = root / name[3:].lstrip("/")
+    for folder in [group, *group.parents]:
+        try:
+            limit = (folder / "memory.max").read_text().strip()
+            used = int((folder / "memory.current").read_text())
+            cached = dict(x.split() for x in (folder / "memory.stat").read_text().splitlines())
+        except OSError:
+            continue
+        if limit != "max":
+            yield int(limit) - used + int(cached.get("inactive_file", 0))
