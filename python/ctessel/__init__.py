@@ -50,6 +50,7 @@ from ._geometry import (
 )
 from ._helpers import find, linear_interpolation, linspace, pos2interpolate, round, sa, sub2ind
 from ._sense import compartments, folded_pos, sense_recon, unfolded_positions
+from .gradients import GradientField
 from .homodyne import HomodyneWarning
 
 __version__ = _core.__version__
@@ -58,6 +59,7 @@ __version__ = _core.__version__
 os.register_at_fork(before=_core.release_threads)
 
 __all__ = [
+    "GradientField",
     "HomodyneWarning",
     "compartments",
     "create_plgndr_lookup",

@@ -5,6 +5,7 @@ import numpy as np
 from numpy.typing import ArrayLike, NDArray
 
 from . import homodyne as homodyne
+from .gradients import GradientField as GradientField
 from .homodyne import HomodyneWarning as HomodyneWarning
 
 __version__: str

@@ -134,6 +134,7 @@ void bind_arrays(py::module_& m);
 void bind_coils(py::module_& m);
 void bind_sense(py::module_& m);
 void bind_geometry(py::module_& m);
+void bind_gradient_field(py::module_& m);
 void bind_helpers(py::module_& m);
 void bind_homodyne(py::module_& m);
 

@@ -6,6 +6,8 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+DATA = Path(os.environ.get("CTESSEL_DATA", Path(__file__).resolve().parents[3] / "shared" / "data"))
+
 
 def random_complex(shape, seed=0):
     rng = np.random.default_rng(seed)
@@ -33,14 +35,12 @@ def same_bits(a, b):
 @pytest.fixture
 def measured():
     """Loader of measured arrays, by name; the test is skipped where they are absent."""
-    beside = Path(__file__).resolve().parents[3] / "shared" / "data"
-    folder = Path(os.environ.get("CTESSEL_DATA", beside))
 
     def load(name):
-        if not (folder / f"{name}.cfl").exists():
-            pytest.skip(f"no {name}.cfl in {folder}")
-        extents = (folder / f"{name}.hdr").read_text().splitlines()[1].split()
+        if not (DATA / f"{name}.cfl").exists():
+            pytest.skip(f"no {name}.cfl in {DATA}")
+        extents = (DATA / f"{name}.hdr").read_text().splitlines()[1].split()
         shape = [int(n) for n in extents[:4]]
-        return np.fromfile(folder / f"{name}.cfl", "<c8").reshape(shape, order="F")
+        return np.fromfile(DATA / f"{name}.cfl", "<c8").reshape(shape, order="F")
 
     return load
