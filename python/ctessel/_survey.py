@@ -291,8 +291,6 @@ def _scan_places(heads, role, header, coils, index):
     x, header.limits["x"] = _readouts(heads, header, which)
     shape = _image_shape(which, header, index)
     times = _times(which, index, shape)
-    _check_complete(times > 0)
-    _check_pattern(times > 0)
     shape = (header.encoded_matrix[0], *shape[:2], coils, *shape[2:])
     return Places(
         shape, which, x, index["y"], index["z"], *(index[name] for name in RANGE_AXES), times
@@ -342,36 +340,6 @@ def _agreed(first, length, extent, which, reverse):
     if forward.size:
         return first - (reverse & (first - 1 == first[forward[0]]))
     return first - (reverse & (first + length > extent)[which].any())
-
-
-def _check_complete(measured):
-    """Refuse images that have a part of the lines of others: the scan was stopped there."""
-    lines = measured.reshape(-1, *measured.shape[2:])
-    count = lines.sum(0)
-    full = lines[(slice(None), *np.unravel_index(count.argmax(), count.shape))]
-    short = ~(lines & ~full[:, None, None, None]).any(0) & (count < count.max())
-    if not short.any():
-        return
-    s, e, r = np.argwhere(short)[0]
-    whole = np.flatnonzero(~short.any((0, 1)))
-    mend = "convert the scanner's data again"
-    if whole.size and (np.diff(whole) == 1).all():
-        mend = f"leave it out with --range repetition {whole[0]} {whole[-1]}"
-    raise DefectError(
-        f"slice {s}, echo {e}, repetition {r} has {count[s, e, r]} lines, others {count.max()}",
-        mend,
-    )
-
-
-def _check_pattern(measured):
-    """Lines may differ from repetition to repetition only."""
-    odd = np.argwhere((measured != measured[:, :, :1, :1]).any((0, 1)))
-    if odd.size:
-        s, e, r = odd[0]
-        raise DefectError(
-            f"slice {s}, echo {e}, repetition {r} has other lines than slice 0, echo 0",
-            "reconstruct slices and echoes one at a time with --range",
-        )
 
 
 def _apart_places(heads, role, encodings, header, coils, index, slices):

@@ -159,6 +159,9 @@ def _add_recon(commands):
     command.add_argument(
         "--dry-run", action="store_true", help="say what would be done, and do nothing"
     )
+    command.add_argument(
+        "--strict", action="store_true", help="end with code 1, and write nothing, where there is a warning"
+    )
     _add_steps(command)
     _add_resources(command)
 
@@ -324,6 +327,7 @@ def recon(arguments):
 
     runtime.keep_freed()
     job = prepare(arguments, _range(arguments.range))
+    _warn(job.plan.warnings, arguments)
     if arguments.dry_run:
         _say(job.intentions())
         return
@@ -331,7 +335,19 @@ def recon(arguments):
         scan = job.read(progress)
     with _progress("reconstructing", "volumes") as progress:
         result = job.reconstruct(scan, progress)
+    _warn(result.warnings[len(job.plan.warnings) :], arguments)
     job.write(result)
+
+
+def _warn(texts, arguments):
+    """A line on stderr for each; with --strict they end the run."""
+    for text in texts:
+        print(f"ctessel: warning: {text}", file=sys.stderr)
+    if texts and arguments.strict:
+        raise ValueError(
+            f"{arguments.raw}: {len(texts)} warning{'s' * (len(texts) > 1)}, and --strict takes none; "
+            "mend what they name, or leave --strict out"
+        )
 
 
 def info(arguments):

@@ -9,9 +9,9 @@ from math import prod
 
 import numpy as np
 
-from . import __version__
+from . import __version__, coverage
 from ._gradients import Coefficients, gradient_axes
-from .sampling import Lattice, calibration_block, partial_ranges, undersampling
+from .sampling import Lattice, calibration_block, partial_ranges
 from .scan import Placement, times_text
 from .steps import noise_covariance, usable_ranges
 
@@ -57,6 +57,7 @@ class Pattern:
 
     repetitions: np.ndarray
     mask: np.ndarray  # measured lines, (y, z)
+    expected: np.ndarray  # and those that were lost
     lattices: tuple[Lattice, Lattice]
     full: tuple[int, int, int]  # grid of k-space once it is unfolded, without oversampling
     partial: list  # first and last line of each axis that is measured more to one side, or None
@@ -192,7 +193,8 @@ def plan(scan, options=None):
     layout, options = getattr(scan, "layout", scan), options or Options()
     grid = _grid(layout, options)
     _check(layout, options, grid)
-    patterns = tuple(_pattern(layout, options, grid, *turn) for turn in _turns(layout))
+    turns = coverage.turns(layout)
+    patterns = tuple(_pattern(layout, options, grid, turn) for turn in turns)
     covariance = _covariance(layout, options, patterns)
     made = Plan(
         options,
@@ -209,7 +211,7 @@ def plan(scan, options=None):
         layout.calibration,
         tuple(range(n) for n in layout.shape[4:]),
         (),
-        layout.warnings,
+        (*layout.warnings, *coverage.warnings(layout, turns)),
         layout.selection,
     )
     return replace(made, steps=tuple(_words(layout, made)))
@@ -272,26 +274,17 @@ def _check(layout, options, grid):
 # ---- Lines ---------------------------------------------------------------------------------------
 
 
-def _turns(layout):
-    """The masks of measured lines, each with the repetitions that have it."""
-    lines = layout.lines.any((2, 3))
-    flat = lines.reshape(-1, lines.shape[2])
-    _, first, which = np.unique(flat, axis=1, return_index=True, return_inverse=True)
-    # NumPy 2.0 alone gives `which` another shape.
-    which = which.ravel()
-    return [(lines[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
-
-
-def _pattern(layout, options, grid, mask, repetitions):
-    lattices = undersampling(mask, grid.ratio)
+def _pattern(layout, options, grid, turn):
+    lattices = turn.regular.lattices(grid.ratio)
     full = (grid.readout, *(lattice.full for lattice in lattices))
     widening = [1.0, *(lattice.full / (lattice.folded * lattice.step) for lattice in lattices)]
     measured = (grid.readout, *layout.shape[1:3])
-    partial = partial_ranges(layout, mask)
+    partial = partial_ranges(layout, turn.mask, turn.regular.steps)
     ranges = [r and tuple(int(line * w) for line in r) for r, w in zip(partial, widening)]
     return Pattern(
-        repetitions,
-        mask,
+        turn.repetitions,
+        turn.mask,
+        turn.regular.expected,
         lattices,
         full,
         partial,
@@ -335,7 +328,7 @@ def _calibration(layout, options, grid, patterns):
         return None
     for pattern in unfolding:
         _check_reduction(layout, pattern)
-    y, z, counts = _region(layout, options.calibration_size)
+    y, z, counts = _region(layout, options.calibration_size, unfolding)
     made = Calibration(
         y,
         z,
@@ -372,14 +365,21 @@ def _check_calibration(pattern, calibration):
             )
 
 
-def _region(layout, size):
+def _region(layout, size, unfolding):
     """Slices of y and z that hold the calibration lines, k = 0 at ``n // 2``; their numbers."""
     if layout.calibration is not None:
         extents = layout.calibration[1:3]
-        block = [slice(0, n) for n in extents]
-    else:
-        extents = layout.shape[1:3]
-        block = calibration_block(layout.sampled)
+        return _centred(extents, [slice(0, n) for n in extents], size)
+    extents, sampled = layout.shape[1:3], layout.sampled
+    found = _centred(extents, calibration_block(sampled), size)
+    reduced = [any(p.lattices[a].reduction > 1 for p in unfolding) for a in (0, 1)]
+    if all(n >= FEWEST_LINES for n, unfolds in zip(found[2], reduced) if unfolds):
+        return found
+    expected = np.logical_or.reduce([sampled, *(p.expected for p in unfolding)])
+    return _centred(extents, calibration_block(expected), size)  # lost lines count as 0
+
+
+def _centred(extents, block, size):
     region = []
     for n, lines in zip(extents, block):
         reach = min(n // 2 - lines.start, lines.stop - n // 2, size // 2)
@@ -443,15 +443,18 @@ def _sense_words(made):
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
     words = f"sensitivity maps from {times_text(made.calibration.lines)} calibration lines"
     factors = ", ".join(
-        f"R = {lattice.reduction} along {axis}"
+        f"{lattice.reduction} along {axis}"
         for axis, lattice in zip("yz", unfolding.lattices)
         if lattice.reduction > 1
     )
     regularised = (
         f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
     )
-    turns = f", lines in {len(made.patterns)} turns" if len(made.patterns) > 1 else ""
-    return [words, f"SENSE: {factors}{turns}{regularised}"]
+    count = sum(pattern.unfolds for pattern in made.patterns)
+    turns = f", lines in {count} turns" if count > 1 else ""
+    whole = [str(n) for p in made.patterns if not p.unfolds for n in p.repetitions]
+    full = f", repetition {', '.join(whole)} fully measured" if whole else ""
+    return [words, f"SENSE: R = {factors}{turns}{full}{regularised}"]
 
 
 def _partial_words(made, pattern):

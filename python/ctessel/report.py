@@ -41,6 +41,7 @@ def information(found, plan):
             "ctessel recon would:",
             *(f"  {step}" for step in made.steps),
             f"  memory {runtime.text(made.memory() + INTERPRETER)}",
+            *(f"  warn: {text}" for text in made.warnings),
         ]
     except ValueError as error:
         lines += ["", f"ctessel recon would refuse it: {error}"]

@@ -2,7 +2,8 @@
 
 from dataclasses import dataclass
 from fractions import Fraction
-from math import ceil
+from itertools import product
+from math import ceil, prod
 
 import numpy as np
 
@@ -28,7 +29,7 @@ class Lattice:
         return Fraction(self.full, self.folded)
 
 
-def partial_ranges(layout, sampled=None):
+def partial_ranges(layout, sampled=None, steps=None):
     """First and last measured line of every axis that is measured more to one side of k = 0.
 
     Parameters
@@ -36,6 +37,8 @@ def partial_ranges(layout, sampled=None):
     layout : Layout
         Read are the encoding limits of x and, without `sampled`, the measured lines of y and z.
     sampled : ndarray of bool, ``(y, z)``, optional
+    steps : sequence of two int, optional
+        Distances of the regular lines; by default the largest ones of the lines that are there.
 
     Returns
     -------
@@ -45,8 +48,8 @@ def partial_ranges(layout, sampled=None):
     """
     sampled = layout.sampled if sampled is None else sampled
     ranges = [_readout_range(layout.shape[0], layout.header.limits.get("x"))]
-    for extent, lines in zip(sampled.shape, _measured(sampled)):
-        step = int(np.diff(lines).max()) if len(lines) > 1 else 1
+    for axis, (extent, lines) in enumerate(zip(sampled.shape, _measured(sampled))):
+        step = steps[axis] if steps else int(np.diff(lines).max(initial=1))
         ranges.append(_asymmetric(int(lines[0]), int(lines[-1]), extent, step))
     return ranges
 
@@ -71,18 +74,20 @@ def _measured(sampled):
     return [np.flatnonzero(sampled.any(1 - axis)) - sampled.shape[axis] // 2 for axis in (0, 1)]
 
 
-def undersampling(sampled, field_ratio=(1, 1)):
+def undersampling(sampled, field_ratio=(1, 1), stated=(1, 1)):
     """Regular undersampling along y and z.
 
     Parameters
     ----------
     sampled : ndarray of bool, ``(y, z)``
         Measured lines, k = 0 at ``N // 2``. Beside the regular ones a block of calibration lines
-        may be there, and corners of the plane may be missing.
+        may be there; corners of the plane may be missing, and few lines inside.
     field_ratio : sequence of two numbers, optional
         Field of view to unfold to, over the encoded one. Where the encoded field is smaller than
         the object, the reduction is this ratio times the distance of the lines, and need not be
         whole.
+    stated : sequence of two int, optional
+        Distances that the header states: tried first.
 
     Returns
     -------
@@ -94,54 +99,105 @@ def undersampling(sampled, field_ratio=(1, 1)):
     ValueError
         The lines form no regular pattern.
     """
+    return regular(sampled, stated).lattices(field_ratio)
+
+
+@dataclass(frozen=True, eq=False)
+class Regular:
+    """Distances of the regular lines along y and z, and their offsets from k = 0.
+
+    `expected`, ``(y, z)`` of bool, are the lines that there must be, calibration lines included:
+    those that were not measured have been lost.
+    """
+
+    steps: tuple[int, int]
+    offsets: tuple[int, int]
+    expected: np.ndarray
+
+    def lattices(self, field_ratio=(1, 1)):
+        """The two `Lattice` of these lines; see `undersampling`."""
+        ratios = (Fraction(ratio).limit_denominator(32) for ratio in field_ratio)
+        return tuple(map(_lattice, self.expected.shape, self.steps, self.offsets, ratios))
+
+
+def few(count):
+    """Lines that may be lost of so many."""
+    return max(min(2, count // 8), count // 20)
+
+
+def regular(sampled, stated=(1, 1)):
+    """The `Regular` lines among the measured ones; see `undersampling`."""
     sampled = np.asarray(sampled, bool)
-    regular = [_regular(lines, name) for lines, name in zip(_measured(sampled), "yz")]
-    _check_pattern(sampled, regular)
-    return tuple(
-        _lattice(n, step, offset, Fraction(ratio).limit_denominator(32))
-        for n, (step, offset), ratio in zip(sampled.shape, regular, field_ratio)
-    )
-
-
-def _regular(lines, name):
-    """Distance of the regular lines and the line nearest to k = 0 among them."""
-    if len(lines) == 1:
-        return 1, 0
-    step = int(np.diff(lines).max())
-    residues = np.bincount(lines % step, minlength=step)
-    offset = int(residues.argmax())
-    found = lines[lines % step == offset]
-    whole = len(found) == (found[-1] - found[0]) // step + 1
-    run = np.cumsum(np.diff(lines, prepend=lines[0]) > 1)  # numbers lines that follow each other
-    extra = np.count_nonzero((lines % step != offset) & (run != run[np.abs(lines).argmin()]))
-    if not whole or len(found) < 2 or extra > 0.1 * len(lines):
+    _measured(sampled)
+    block = np.zeros_like(sampled)
+    block[calibration_block(sampled)] = True
+    outside = sampled & ~block
+    if not outside.any():
+        return Regular((1, 1), (0, 0), sampled)
+    most = [min(16, int(np.diff(lines).max(initial=1))) for lines in _measured(outside)]
+    every = product(*(range(1, m + 1) for m in most))
+    for steps in [tuple(stated), *sorted(every, key=prod)]:
+        offsets = [_offset(outside.any(1 - a), step) for a, step in enumerate(steps)]
+        expected = _expected(sampled, block, _points(sampled.shape, steps, offsets))
+        if expected is not None:
+            return Regular(steps, tuple(offsets), expected)
+    if min(sampled.shape) == 1:
+        name = "yz"[sampled.shape[0] == 1]
         raise ValueError(
             f"sampled: the lines along {name} have no regular distance; "
             "expected every n-th line, with calibration lines around the centre"
         )
-    return step, offset
+    raise ValueError(
+        "sampled: the lines form no rectangular grid in y and z; shifted or random "
+        "patterns cannot be unfolded"
+    )
 
 
-def _check_pattern(sampled, regular):
-    """Most of the lattice must be there; a shifted or random pattern fills a part of it alone."""
-    on = [
-        (np.arange(n) - n // 2) % step == offset
-        for n, (step, offset) in zip(sampled.shape, regular)
-    ]
-    lattice = _bounding(sampled, np.outer(*on))
-    if np.count_nonzero(lattice & ~sampled) > 0.3 * np.count_nonzero(lattice):
-        raise ValueError(
-            "sampled: the lines form no rectangular grid in y and z; shifted or random "
-            "patterns cannot be unfolded"
-        )
+def _offset(lines, step):
+    """Residue of most lines of an axis, from k = 0."""
+    k = np.flatnonzero(lines) - len(lines) // 2
+    return int(np.bincount(k % step, minlength=step).argmax())
 
 
-def _bounding(sampled, lattice):
-    """Lattice points within the bounding box of the measured ones."""
-    box = np.zeros_like(sampled)
-    rows, columns = np.nonzero(sampled & lattice)
-    box[rows.min() : rows.max() + 1, columns.min() : columns.max() + 1] = True
-    return lattice & box
+def _points(shape, steps, offsets):
+    """Lattice as a mask."""
+    on = [(np.arange(n) - n // 2 - o) % s == 0 for n, s, o in zip(shape, steps, offsets)]
+    return np.outer(*on)
+
+
+def _expected(sampled, block, lattice):
+    """Lines to be expected if these are the regular ones; None if the measured ones are no such.
+
+    Outside of the calibration block the lattice must have no holes but few lost lines, and
+    nothing may be beside it.
+    """
+    zone, everything = block, lattice.all()
+    beside = sampled & ~lattice
+    if beside.any():
+        zone = _hull(beside | block)
+        if np.count_nonzero(zone & sampled) < 0.9 * np.count_nonzero(zone):
+            zone = block  # lines beside the lattice are scattered
+        if np.count_nonzero(beside & ~zone) > 0.05 * np.count_nonzero(sampled & ~zone):
+            return None
+    skipped = _hull(sampled) & ~lattice & ~zone
+    if not everything and np.count_nonzero(skipped) < 2:
+        return None  # they are calibration lines, all but a few
+    hull = lattice & _hull(sampled & lattice)
+    rest = hull & ~zone
+    there, lost = np.count_nonzero(rest), np.count_nonzero(rest & ~sampled)
+    if lost > max(2, 0.1 * there) or (2 * lost >= there and not everything):
+        return None
+    return hull | zone
+
+
+def _hull(mask):
+    """All that lies between marked points of a row or of a column."""
+    between = np.zeros_like(mask)
+    for axis in (0, 1):
+        before = np.maximum.accumulate(mask, axis)
+        after = np.flip(np.maximum.accumulate(np.flip(mask, axis), axis), axis)
+        between |= before & after
+    return between
 
 
 def _lattice(n, step, offset, ratio):

@@ -340,7 +340,6 @@ def cut(path):
     (change_head("kspace_encode_step_1", 8), "outside the 8 encoded lines"),
     (change_head("encoding_space_ref", 1), "refers to encoding 1"),
     (change_head("read_dir", (0, 1, 0), [0]), "right angles"),
-    (lambda path: write(path, [*lines(), *lines(repetition=1)[:5]]), "--range repetition 0 0"),
     (lambda path: write(path, [acquisition(12, kspace_encode_step_1=y, center_sample=4, contrast=e, flags=e * flag(22))
                                for e in (0, 1) for y in range(8)]), "--range echo 0 0"),
     *((lambda path, flags=flags: write(path, [*lines(), *((h, s * np.float32(np.nan)) for h, s in lines(flags=flags))]),

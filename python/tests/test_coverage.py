@@ -1,0 +1,176 @@
+"""Lines that were measured against those that a scan should have: lattices, lost lines, warnings."""
+
+import json
+import re
+from dataclasses import replace
+
+import foreign
+import nibabel
+import numpy as np
+import pytest
+from scans import lines, scan
+
+from ctessel import cli, pipeline
+
+
+def layout(mask, acceleration=(1, 1), mode="", **known):
+    """Of a scan whose images all have these lines."""
+    mask = np.asarray(mask, bool).reshape(len(mask), -1)
+    made = scan((16, *mask.shape), 6, mask=mask, **known)[1].layout
+    header = replace(made.header, acceleration=acceleration, calibration_mode=mode)
+    return replace(made, lines=made.lines.copy(), header=header)
+
+
+def without(mask, *lost):
+    mask = mask.copy()
+    mask[list(lost)] = False
+    return mask
+
+
+def steps(mask, stated=(1, 1)):
+    return [lattice.step for lattice in pipeline.undersampling(mask, stated=stated)]
+
+
+def test_lost_lines_are_no_other_lattice():
+    full = np.ones((128, 1), bool)
+    for lost in ([1], [126], [64], [67], [40, 41], [40, 80, 90]):
+        for stated in ((1, 1), (2, 1)):
+            assert steps(without(full, *lost), stated) == [1, 1], (lost, stated)
+    for step in (2, 3, 4):
+        regular = lines(128, step, 0, 24)[:, None]
+        for lost in ([64 + 10 * step], [64 - 5 * step], [67], [63], [64]):
+            for stated in ((1, 1), (step, 1)):
+                assert steps(without(regular, *lost), stated) == [step, 1], (step, lost, stated)
+    assert steps(lines(64, 2, 0, 58)[:, None], (2, 1)) == [2, 1]  # three lines outside tell it
+
+
+@pytest.mark.parametrize("ny, nz, cy, cz", [(60, 24, 20, 24), (60, 24, 24, 20), (60, 16, 16, 16), (24, 24, 20, 24)])
+def test_the_lattice_is_found_outside_of_the_calibration_block(ny, nz, cy, cz):
+    mask = np.outer(lines(ny, 2, 1), lines(nz, 2))
+    mask[ny // 2 - cy // 2 : ny // 2 + cy // 2, nz // 2 - cz // 2 : nz // 2 + cz // 2] = True
+    assert steps(mask) == [2, 2]
+    made = pipeline.plan(layout(mask, (2, 2), "embedded"))
+    assert "SENSE: R = 2 along y, 2 along z" in made.steps and not made.warnings
+    if ny > 24:  # an elliptical plane has corners without lines, no holes
+        y, z = np.ogrid[:ny, :nz]
+        assert steps(mask & ((2 * y / ny - 1) ** 2 + (2 * z / nz - 1) ** 2 < 1.05)) == [2, 2]
+    mask[:, 2::4] &= np.abs(np.arange(ny) - ny // 2 + 0.5)[:, None] < cy / 2  # holes in the lattice
+    assert steps(mask) != [2, 2]
+
+
+SHIFTED = np.add.outer(np.arange(32), np.arange(32)) % 2 == 0
+
+
+@pytest.mark.parametrize("mask", [SHIFTED, np.random.default_rng(0).random((64, 64)) < 0.5])
+def test_other_patterns_are_refused(mask):
+    block = np.s_[len(mask) // 2 - 5 : len(mask) // 2 + 5]
+    mask = mask.copy()
+    mask[block, block] = True
+    with pytest.raises(ValueError, match="no rectangular grid"):
+        pipeline.undersampling(mask)
+
+
+def stopped(some, repetition, first=50, slices=slice(None)):
+    some.lines[first:, :, slices, :, repetition] = False
+    return some
+
+
+def mixed(acceleration=(2, 1), mode="embedded"):
+    """A full first frame, then every second line."""
+    some = layout(np.ones((128, 1)), acceleration, mode, repetitions=4)
+    some.lines[1::2, ..., 1:] = False
+    return some
+
+
+def in_one_image():
+    some = layout(np.ones((128, 1)), slices=3, repetitions=3)
+    some.lines[30, 0, 1, 0, 1] = some.lines[31, 0, 1, 0, 2] = False
+    return some
+
+
+FULL, HALF = np.ones((128, 1), bool), lines(128, 2, 0, 24)[:, None]
+
+
+@pytest.mark.parametrize("some, words", [
+    (layout(FULL), []),
+    (layout(without(FULL, 40, 41)), ["2 lines were lost and zero-filled: ky -24, ky -23 (counted from k = 0)"]),
+    (in_one_image(), ["ky -34 of slice 1, repetition 1, ky -33 of slice 1, repetition 2"]),
+    (layout(without(HALF, 10, 67), (2, 1), "embedded"), ["2 lines were lost and zero-filled: ky -54, ky 3"]),
+    (layout(HALF, (3, 1), "embedded"), ["acceleration of 3 x 1, the lines have 2 x 1"]),
+    (mixed(), []),
+    (mixed((1, 1), ""), []),
+])  # fmt: skip
+def test_lost_lines_and_contradictions_are_named_and_reconstructed(some, words):
+    made = pipeline.plan(some)
+    assert len(made.warnings) == len(words)
+    for told, part in zip(made.warnings, words):
+        assert part in told
+    assert pipeline.plan(replace(some, warnings=("read",))).warnings == ("read", *made.warnings)
+
+
+@pytest.mark.parametrize("some, words", [
+    (stopped(layout(FULL, repetitions=3), 2), "repetition 2 has 50 lines, others 128; leave it out with --range repetition 0 1"),
+    (stopped(layout(FULL, repetitions=3), 1), "has 50 lines, others 128; leave it out with --skip repetition 1"),
+    (stopped(layout(HALF, (2, 1), "embedded", repetitions=3), 2, 90), "leave it out with --range repetition 0 1"),
+    (stopped(layout(FULL, repetitions=2), 1, 1), "repetition 1 has 1 line, others 128; leave it out with --range repetition 0 0"),
+    (stopped(layout(FULL[:8], repetitions=2), 1, 5), "--range repetition 0 0"),
+    (stopped(layout(FULL, slices=2), 0, 60, 1), "slice 1, echo 0, repetition 0 has 60 lines, others 128; leave it out with --range slice 0 0"),
+])  # fmt: skip
+def test_what_was_not_measured_to_its_end_is_refused_with_the_way_out(some, words):
+    with pytest.raises(ValueError, match=re.escape(words)):
+        pipeline.plan(some)
+
+
+def test_a_stop_between_interleaved_lines_is_no_undersampling():
+    some = layout(FULL, repetitions=4)
+    some.lines[1::2, ..., 3] = False
+    with pytest.raises(ValueError, match="repetition 3 has 64 lines, others 128; .*--range repetition 0 2"):
+        pipeline.plan(some)
+
+
+def test_slices_with_other_lines_are_refused():
+    some = layout(FULL, slices=2)
+    some.lines[::2, 0, 0] = some.lines[1::2, 0, 1] = False
+    with pytest.raises(ValueError, match="slice 1, echo 0, repetition 0 has other lines than slice 0"):
+        pipeline.plan(some)
+
+
+def brain_file(path, brain, kept, **places):
+    kspace = brain[:, :, 0].transpose(2, 1, 0)  # coil, y, x
+    ready = [foreign.record(1e7 * kspace[:, y], y, **places) for y in kept]
+    return foreign.write(path, ready, foreign.header(*brain.shape[:2]))
+
+
+@pytest.mark.parametrize("lost", [[4], [30, 31]])
+def test_a_lost_line_of_a_measured_head_costs_a_line(tmp_path, measured, capsys, lost):
+    """Magnitudes differ by no more than what the lines hold: transforms are unitary."""
+    brain, images = measured("brain16_ksp"), []
+    for name, gone in (("whole", []), ("lost", lost)):
+        file = brain_file(tmp_path / f"{name}.h5", brain, [y for y in range(128) if y not in gone])
+        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii"]) == 0
+        images.append(nibabel.load(tmp_path / f"{name}.nii").get_fdata())
+    whole, other = images
+    assert 0 < np.linalg.norm(other - whole) <= 1.001 * np.linalg.norm(1e7 * brain[:, lost])
+    told = capsys.readouterr().err.splitlines()
+    assert len(told) == 1 and told[0].startswith("ctessel: warning: ")
+    assert all(f"ky {y - 64}" in told[0] for y in lost)
+    assert json.loads((tmp_path / "lost.json").read_text())["Warnings"] == [told[0][len("ctessel: warning: ") :]]
+    assert "Warnings" not in json.loads((tmp_path / "whole.json").read_text())
+    strict = ["recon", f"{tmp_path}/lost.h5", "-o", f"{tmp_path}/strict.nii", "--strict"]
+    for more in ([], ["--dry-run"]):
+        assert cli.main(strict + more) == cli.DEFECT
+        warning, end = capsys.readouterr().err.splitlines()
+        assert warning == told[0] and "--strict" in end
+    assert not list(tmp_path.glob("strict*"))
+
+
+def test_a_full_first_frame_calibrates_the_frames_after_it(tmp_path, measured):
+    brain = measured("brain16_ksp")
+    kspace = 1e7 * brain[:, :, 0].transpose(2, 1, 0)
+    ready = [foreign.record(kspace[:, y], y) for y in range(128)]
+    ready += [foreign.record(kspace[:, y], y, repetition=1) for y in range(0, 128, 2)]
+    file = foreign.write(tmp_path / "mixed.h5", ready, foreign.header(128, 128))
+    assert cli.main(["recon", str(file), "-o", f"{tmp_path}/i.nii"]) == 0
+    full, half = np.moveaxis(nibabel.load(tmp_path / "i.nii").get_fdata()[:, :, 0], -1, 0)
+    head = full > 0.1 * np.percentile(full, 99.5)
+    assert np.linalg.norm((half - full)[head]) < 0.05 * np.linalg.norm(full[head])
