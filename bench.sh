@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Benchmarks: every routine beside the machine's limit, its plain transcription, NumPy/SciPy, GNU Octave
+# Benchmarks: every routine beside the machine's limit, its naive version, NumPy/SciPy, GNU Octave
 # and BART; growth of cost; peak memory. Leaves report.md, report.json and plots in bench-output/.
 #
 #   ./bench.sh            about eight minutes on two cores
@@ -37,7 +37,7 @@ run() {  # run WHAT FILE COMMAND...
     exit 1
   fi
 }
-run "limits, transcriptions, memory and growth" $build/kernels.json \
+run "limits, naive versions, memory and growth" $build/kernels.json \
   env OMP_WAIT_POLICY=passive $build/bench/benchmarks --benchmark_format=json
 # Freed memory is kept, so that peers that return new arrays do not pay for fresh pages.
 run "peers" $build/peers.json env OMP_NUM_THREADS=1 OPENBLAS_NUM_THREADS=1 MALLOC_MMAP_MAX_=0 \

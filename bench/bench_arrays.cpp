@@ -32,7 +32,7 @@ struct Complex {
   Floats re, im;
 };
 
-/// Data and a copy of them for the transcription.
+/// Data and a copy of them for the naive version.
 struct InPlace {
   explicit InPlace(const Setting& s) : ours(s), plain(ours) {}
   double difference() const {

@@ -19,7 +19,7 @@ void call(std::vector<const Array*> inputs) {
   mexFunction(1, out, static_cast<int>(inputs.size()), inputs.data());
 }
 
-/// An image of the host, and the same for the transcription.
+/// An image of the host, and the same for the naive version.
 struct Image {
   Image(const std::vector<int>& dims, double samples, float imaginary)
       : re(values(samples, 1)), im(values(samples, 2)), plain{dims, re, im} {

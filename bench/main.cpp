@@ -1,7 +1,7 @@
 // Runs every routine beside its yardsticks, and along its sweeps, under Google Benchmark.
 //
 // Counters of a row: `limit` and `naive`, time of the yardstick over that of the routine;
-// `difference` of the routine's results from the transcription's; `scratch`, bytes at the highest
+// `difference` of the routine's results from the naive version's; `scratch`, bytes at the highest
 // point beyond inputs and outputs, and `documented`, what the docstring says. Counters of a point:
 // `cost` and `limit_cost`, times over that of a fixed stretch of arithmetic. All but the `threads`
 // sweeps run on one thread. CTESSEL_QUICK in the environment: smallest sizes, few turns.
@@ -30,7 +30,7 @@ bool agree(benchmark::State& state, const Case& c) {
   const double difference = c.difference();
   state.counters["difference"] = difference;
   if (difference <= c.tolerance) return true;
-  const std::string text = "the result differs from the transcription's by " +
+  const std::string text = "the result differs from the naive version's by " +
                            std::to_string(difference) + " of the largest value";
   state.SkipWithError(text.c_str());
   return false;

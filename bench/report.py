@@ -32,7 +32,7 @@ nothing elsewhere.
   and would flatter; read, memset: bytes read or written; multiply-add: the products and sums of
   the formulas at this processor's peak for single (f) or double (d) precision, products not fused
   into sums. Of several limits the slowest counts.
-- **x transcription**: the naive loops that the tests compare with.
+- **x naive**: the naive loops that the tests compare with.
 - **scratch**: most memory held beyond inputs and outputs on one thread, measured in the
   allocator, and what the docstring in `recon/cTessel.h` makes of the same extents.
 """
@@ -175,7 +175,7 @@ def findings(rows, peers, curves):
         if r["limit_kind"] in memory and r["limit"] < 0.85:
             yield f"{r['routine']}, {r['data']}: {r['limit']:.2f} of {r['limit_kind']}"
         if r["naive"] < 0.9:
-            yield f"{r['routine']}, {r['data']}: {r['naive']:.2f} of the transcription's speed"
+            yield f"{r['routine']}, {r['data']}: {r['naive']:.2f} of the naive version's speed"
         if r["scratch"] > 1.1 * r["documented"] + 4096:
             yield f"{r['routine']}, {r['data']}: {size(r['scratch'])}, more than documented"
         if r["documented"] > 2 * r["scratch"] + 4096:
@@ -196,8 +196,8 @@ def sections(report):
     yield "\n".join(f"- {key}: {value}" for key, value in report["machine"].items())
     if report["quick"]:
         yield "**A quick run: small data, few turns. It shows that everything runs, not how fast.**"
-    yield from (HOW, "## Limits, transcriptions, memory")
-    yield table(["routine", "data", "of limit", "x transcription", "scratch", "documented"],
+    yield from (HOW, "## Limits, naive versions, memory")
+    yield table(["routine", "data", "of limit", "x naive", "scratch", "documented"],
                 [[r["routine"], r["data"], f"{number(r.get('limit'))} {r['limit_kind']}",
                   number(r["naive"]), size(r["scratch"]), size(r["documented"])]
                  for r in report["rows"]])

@@ -24,7 +24,7 @@ struct Setting {
   double samples() const { return 1.0 * nx * ny * nz * coils * volumes; }
 };
 
-/// One call, its plain transcription with results of its own, and what is claimed of it.
+/// One call, its naive version with results of its own, and what is claimed of it.
 struct Case {
   std::function<void()> kernel, naive;
   std::function<void()> prepare;       // needed before each timing where calls spoil their input

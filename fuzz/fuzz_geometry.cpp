@@ -1,4 +1,4 @@
-// Geometry correction and the harmonics against the transcription. Apart from the other kernels
+// Geometry correction and the harmonics against the naive version. Apart from the other kernels
 // because the reference needs a table of two million entries.
 
 #include <cstring>

@@ -50,6 +50,9 @@ struct Scene {
     const int all = maps.head(3).prod();
     reference =
         Eigen::VectorXf::Constant(input.flag() ? all : input.within(0, all), any_float(input));
+    if (input.within(0, 7) > 0) return;
+    maps.conservativeResize(5);  // of an entry behind the coils only a 0 counts
+    maps[4] = input.within(0, 2);
   }
   Eigen::VectorXi maps, folded, full, slots;
   Eigen::Vector3f R;
@@ -203,7 +206,7 @@ void recon_by_steps(Call& call, float* const* parts, float* out_re, float* out_i
     R[d] = static_cast<float>(full[d]) / static_cast<float>(fold[d]);
     reduction *= static_cast<double>(full[d]) / fold[d];
   }
-  if (call.fold.size() < 3) R[2] = 1;  // but not the reduction: the weight has always been so
+  if (call.fold.size() < 3) R[2] = 1;  // but not the reduction: the weight counts the slices
   slots << sens[0], static_cast<int>(std::ceil(static_cast<float>(sens[1]) / R[1])),
       static_cast<int>(std::ceil(static_cast<float>(sens[2]) / R[2])),
       static_cast<int>(std::ceil(R[1])) * static_cast<int>(std::ceil(R[2])) * sens[3];

@@ -7,10 +7,11 @@
 // frequency lies at index floor(N / 2). Dimension numbers passed as arguments count from 1.
 //
 // The caller owns every array. Nothing is validated or printed; what stays the caller's duty is
-// said with each routine. std::bad_alloc leaves a routine uncaught. Routines may be called from
-// several threads at once on disjoint outputs; each uses the OpenMP default number of threads, and
-// results are the same bits for every thread count. Memory is what a call allocates beyond its
-// inputs and outputs, without a few bytes per line of an axis; ./bench.sh measures it.
+// said with each routine. std::bad_alloc leaves a routine uncaught; in a parallel region, or in a module
+// with a C++ runtime of its own, it ends the process. Routines may be called from several threads at
+// once on disjoint outputs; each uses the OpenMP default number of threads, and results are the same
+// bits for every thread count. Memory is what a call allocates beyond its inputs and outputs, without
+// a few bytes per line of an axis; ./bench.sh measures it.
 #pragma once
 
 #include <Eigen/Core>
@@ -125,15 +126,18 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///
 /// For each location the unfolding matrices are formed once from the coil sensitivities and applied
 /// to every folded volume. Reduction factors are full_size / fold_dims per axis; fractions are
-/// allowed along y and z, x is not reduced. Extents past a caller's count are 1.
+/// allowed along y and z, x is not reduced. Extents past a caller's count are 1; those past the 13th
+/// are not read.
 ///
 ///   fold_re, fold_im  in   (x, y, z, coil, p, q, r, location, ...): folded images; fold_im may be
 ///                          null (zeros). fold_ndims >= 2
 ///   sens_re, sens_im  in   (x', y', z', coil, location): maps over the full field of view, on any
 ///                          grid. A sample of real part 0 in coil 0 is outside the object. With
 ///                          sens_im null nothing is inside and the output stays untouched
-///   psi_re, psi_im    in   (coil, coil): noise covariance, any unit, both parts; psi_re null:
-///                          the identity
+///   psi_re, psi_im    in   (coil, coil): noise covariance, both parts; psi_re null: the identity.
+///                          Without regularisation any unit. With it, the noise power of the folded
+///                          images, psi(c, c) = mean |noise|^2 in their unit: k psi acts as
+///                          lambda / k
 ///   psi_ndims         in   not read
 ///   psi_dims          in   rows and columns of the covariance, also when psi_re is null
 ///   full_size         in   unfolded extents x, y, z; x is that of the folded images
@@ -142,13 +146,16 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///   scale             in   divisor of the folded level in the regularisation weight
 ///   out_re, out_im    out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
 ///                          only pixels inside the object are written
-///   outdims           in   fold_ndims extents of the output
+///   outdims           in   fold_ndims extents of the output: those of full_size, 1 for the coils,
+///                          then the folded images' own. Other extents of x, y and z change the
+///                          place of later volumes alone
 ///
 /// Regularised only when both ref_re and reg_re are given. The weight is lambda = ((rms(fold) /
 /// scale) / rms(ref))^2 / (reduction over x, y, z), where data of two dimensions still count
 /// full_size[2] although they are unfolded with a reduction of 1 along z.
-/// Errors: -1 before anything is read if an extent is negative or a product of extents exceeds int;
-/// -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
+/// Errors: -1 before anything is read if an extent is negative or a product of extents exceeds int
+/// (of folded images, maps, full size, covariance, output, factors, and with regularisation of ref
+/// and of a location of reg); -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
 /// earlier volumes written. Too few locations in sens or reg are the caller's fault.
 /// Threads: split over x within each step.
 /// Memory: the factors, 16 bytes for each coil, alias and voxel of their grid (see
@@ -166,13 +173,15 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
 ///
 ///   sens_re, sens_im  in   (nx, ny, nz, nc); with sens_im null all factors are 0
 ///   sens_dims         in   nx, ny, nz, nc
-///   psi               in   (nc, nc) noise covariance
+///   psi               in   (nc, nc) noise covariance; its unit matters only with regularisation,
+///                          where k psi acts as lambda / k
 ///   reduction         in   [1] = Ry, [2] = Rz; [0] is not read
 ///   lambda            in   regularisation weight, 0 = off
 ///   reference         in   expected magnitude per sample of the maps; 0 past its end. R is
 ///                          diagonal, 1 / (reference^2 lambda), and 0 where the reference is 0
 ///   factors           out  (nx, ceil(ny/Ry), ceil(nz/Rz), nc ceil(Ry) ceil(Rz)), sized by the
-///                          caller. Coil c and alias k of a voxel with n aliases are in slot
+///                          caller, and cleared by him for fractional reductions: voxels with
+///                          fewer aliases leave slots unwritten that unfold may read. Coil c and alias k of a voxel with n aliases are in slot
 ///                          c n + k, aliases in the order of TS_get_unfolded_positions, y outer and
 ///                          z inner; exactly 0 marks an absent alias
 ///   folded, full      in   extents of the folded and unfolded images; [0] is not read
@@ -181,8 +190,10 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
 ///
 /// Alias k of a voxel is absent until the nearest map sample of coil 0 first has a real part other
 /// than 0, and stays present from then on for all later voxels (z fastest, then y) of its column x:
-/// holes in a map do not tear the object. A singular matrix gives non-finite factors.
-/// Errors: 0, with nothing written, if psi is not (nc, nc) or factors is too small.
+/// holes in a map do not tear the object. A singular matrix gives non-finite factors, that of aliases
+/// with equal sensitivities among them.
+/// Errors: 0, with nothing written, if psi is not (nc, nc), an extent is negative or factors is too
+/// small. -1 if sens_dims has a further entry of 0: no position then has a sample, and factors are 0.
 /// Threads: split over x.
 /// Memory: the inverse of psi; and on each thread, for each coil and alias, 8 bytes for each of up
 /// to 256 columns and 16 more, and 384 bytes; and 256 bytes for each pair of aliases.

@@ -81,6 +81,7 @@ struct Problem {
   const Eigen::VectorXf& reference;
   std::complex<double>* factors;
   int64_t grid;  // voxels of the factor grid
+  bool nowhere;  // maps of no samples: an entry of the extents behind the coils is 0
 };
 
 // ---- Samples along a row ----
@@ -158,6 +159,7 @@ class Columns {
   /// object stays in, so that holes in a map do not tear it.
   bool include(const float* nearest_row, unsigned char* flags) const {
     bool any = false;
+    if (p_.nowhere) return false;
     for (int64_t i = 0; i < width_; ++i) {
       if (p_.im && nearest_row[i] != 0) flags[i] = 1;
       any |= flags[i] != 0;
@@ -293,11 +295,12 @@ int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorX
                         lambda,
                         reference,
                         factors.data(),
-                        nx * nyF * nzF};
+                        nx * nyF * nzF,
+                        (sens_dims.array() == 0).any()};
   ctessel::for_each_chunk(nx, [&](int64_t begin, int64_t end) {
     for (int64_t x = begin; x < end; x += kTile) {
       Columns(problem, {x, std::min(x + kTile, end)}).run();
     }
   });
-  return 1;
+  return problem.nowhere && voxels > 0 ? -1 : 1;
 }

@@ -84,8 +84,8 @@ Eigen::VectorXi factor_extents(const Extents& sens, const Eigen::Vector3f& R) {
 }
 
 /// Level of the folded data over the reference, squared, per unfolded pixel. The ratio
-/// along z is not forced to 1 for data of two dimensions, unlike the reduction factor: the weight
-/// has always been tuned with it.
+/// along z is not forced to 1 for data of two dimensions, unlike the reduction factor: a scale that
+/// suits a slice cut from a volume then suits the volume too.
 double regularisation_weight(double fold_rms, double scale, double reference_rms,
                              const Extents& fold, const int* full_size) {
   double reduction = 1;

@@ -324,7 +324,7 @@ class Columns {
   }
 
   /// Where a position is out of range, the next position takes its place in the walk through mask
-  /// and results. Callers with clipped outputs have come to rely on what that delivers.
+  /// and results: the mask numbers the aliases that are delivered, not the positions.
   bool deliver_partly(const Line& line, int z) {
     bool inside = true;
     for (int64_t i = 0; i < width_; ++i) {

@@ -165,6 +165,20 @@ CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
   }
 }
 
+/// Where the quotient's nearest multiple of 2^-20 times the pivot gives x back exactly, that multiple.
+/// The sensitivities of equal aliases, or opposite ones, or ones that a power of two apart, then
+/// cancel exactly, as the exact quotient makes them; the pivot's rounded reciprocal leaves a rest.
+template <int W>
+CTESSEL_INLINE void make_exact(const Lanes<W>& x_re, const Lanes<W>& x_im, const Lanes<W>& pivot_re,
+                               const Lanes<W>& pivot_im, Lanes<W>& re, Lanes<W>& im) {
+  constexpr double kToGrid = 0x1.8p32;  // 52 bits above 2^-20
+  const Lanes<W> t_re = re + kToGrid - kToGrid, t_im = im + kToGrid - kToGrid;
+  const typename Vectors<W>::Mask exact =
+      (t_re * pivot_re - t_im * pivot_im == x_re) & (t_re * pivot_im + t_im * pivot_re == x_im);
+  re = exact ? t_re : re;
+  im = exact ? t_im : im;
+}
+
 /// Divides row p by its pivot, scaled so that the pivot's square neither over- nor underflows.
 template <int W>
 CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
@@ -172,10 +186,12 @@ CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
   const Lanes<W> x = re < 0.0 ? -re : re, y = im < 0.0 ? -im : im, size = x > y ? x : y;
   const Lanes<W> r = re / size, i = im / size, squared = (r * r + i * i) * size;
   const Lanes<W> inv_re = r / squared, inv_im = -(i / squared);
-  for (int64_t j = p; j < 2 * n; ++j) {
+  for (int64_t j = p + 1; j < 2 * n; ++j) {
     const Lanes<W> a = lane<W>(row, 2 * j), c = lane<W>(row, 2 * j + 1);
-    lane<W>(row, 2 * j) = a * inv_re - c * inv_im;
-    lane<W>(row, 2 * j + 1) = a * inv_im + c * inv_re;
+    Lanes<W> quotient_re = a * inv_re - c * inv_im, quotient_im = a * inv_im + c * inv_re;
+    if (j < n) make_exact<W>(a, c, re, im, quotient_re, quotient_im);
+    lane<W>(row, 2 * j) = quotient_re;
+    lane<W>(row, 2 * j + 1) = quotient_im;
   }
 }
 

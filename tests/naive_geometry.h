@@ -1,4 +1,4 @@
-// Straight transcription of the geometry correction: one recurrence from its start per table entry
+// Naive version of the geometry correction: one recurrence from its start per table entry
 // and per term near the poles, one table row per point. Slow and plain; the library must give the
 // same bits.
 #pragma once

@@ -1,10 +1,13 @@
-// Straight transcription of the SENSE steps: one interpolation call per coil and alias, dynamic
-// matrices and a general inverse per voxel. Yardstick of the tests and the benchmark.
+// Naive version of the SENSE steps: one interpolation call per coil and alias, dynamic matrices and
+// a general inverse per voxel. Yardstick of the tests and the benchmark. Fold geometry, rounding and
+// the rules next to a jump are written out, so that they do not move with the library's.
 #pragma once
 
 #include <Eigen/Dense>
+#include <array>
 #include <cmath>
 #include <complex>
+#include <vector>
 
 #include "cTessel.h"
 
@@ -17,12 +20,68 @@ inline Eigen::VectorXf grid(int n, float high) {
   return g;
 }
 
+/// Halves go up; negative values go toward 0.
+inline int round(float x) {
+  return static_cast<int>(x < 0 ? std::ceil(x) : std::floor(static_cast<double>(x) + 0.5));
+}
+
+/// Full lines that alias onto folded line `at`: those below the central copy downward, then the
+/// others upward. Of more lines than `lines` has room for, the first.
+inline int fold_lines(int full, int folded, int at, Eigen::VectorXi& lines) {
+  const int central = (full - folded + 1) / 2 + at;
+  int count = 0;
+  lines.setConstant(-1);
+  const auto list = [&](int q) {
+    if (count < lines.size()) lines[count++] = q;
+  };
+  for (int q = central - folded; q >= 0; q -= folded) list(q);
+  for (int q = central; q < full; q += folded) list(q);
+  return count;
+}
+
+/// Last folded lines before the number of aliases changes, -1 where there is no such line.
+inline std::array<float, 2> jumps(int full, int folded) {
+  const int first = (full - folded + 1) / 2;  // full line on folded line 0
+  int before = -1, last = -1;
+  for (int line = 0; line < folded; ++line) {
+    if ((line + first) % folded == 0) before = line - 1;
+    if ((full - 1 - first - line) % folded == 0 && line != full - 1) last = line;
+  }
+  if (before > last) std::swap(before, last);
+  return {static_cast<float>(before == last ? -1 : before), static_cast<float>(last)};
+}
+
+/// Coordinate of folded line `line` on the factor grid: `pos`, unless one of eight rules, tried in
+/// this order, keeps it on its side of a jump behind line[k] at coordinate at[k].
+inline double beside_jumps(double pos, int line, const float* jump, const float* at) {
+  struct Rule {
+    int pair, past;
+    bool snap;
+  };
+  for (const Rule& r : {Rule{0, 0, true}, Rule{1, 1, true}, Rule{0, 0, false}, Rule{1, 1, false},
+                        Rule{0, 1, true}, Rule{1, 0, true}, Rule{0, 1, false}, Rule{1, 0, false}}) {
+    if (jump[r.pair] == -1 || at[r.pair] == -1) continue;
+    const int last = static_cast<int>(jump[r.pair]);
+    const double b = static_cast<double>(at[r.pair]) + r.past;
+    const bool crossed = r.past ? line > last && static_cast<int>(b) > pos
+                                : line < last && pos > static_cast<int>(b);
+    if (r.snap ? line == last + r.past : crossed) return b;
+  }
+  return pos;
+}
+
+/// Whether the aliases of two neighbouring lines differ in number, or one by more than half of the
+/// lines, rounded down.
+inline bool jumped(const Eigen::VectorXf& a, const Eigen::VectorXf& b, int na, int nb, int lines) {
+  return na != nb || ((a - b).head(na).cwiseAbs().array() > static_cast<float>(lines / 2)).any();
+}
+
 /// Notes an edge before `line` if the aliases jumped; remembers them for the next line.
 struct EdgeFinder {
   Eigen::VectorXf before;
   int count = -1, found = 0;
   void look(const Eigen::VectorXf& coord, int n, int lines, int line, float* edges) {
-    if (count != -1 && find_edges(coord, before, n, count, lines) && found < 2) {
+    if (count != -1 && found < 2 && jumped(coord, before, n, count, lines)) {
       edges[found++] = static_cast<float>(line - 1);
     }
     before = coord;
@@ -33,10 +92,10 @@ struct EdgeFinder {
 /// Aliases of folded line i of the factor grid: coordinates and nearest lines on the map grid.
 inline int aliases(const Eigen::VectorXf& to_folded, const Eigen::VectorXf& to_map, int i, int full,
                    int folded, Eigen::VectorXi& pos, Eigen::VectorXf& coord) {
-  const int n = TS_get_unfolded_positions(full, folded, TS_round(to_folded[i]), pos);
+  const int n = fold_lines(full, folded, naive::round(to_folded[i]), pos);
   for (int k = 0; k < n; ++k) {
     coord[k] = to_map[pos[k]];
-    pos[k] = TS_round(to_map[pos[k]]);
+    pos[k] = naive::round(to_map[pos[k]]);
   }
   return n;
 }
@@ -51,7 +110,7 @@ inline int get_combination_factors(float* re, float* im, const Eigen::VectorXi& 
   const int cRy = static_cast<int>(std::ceil(R[1])), cRz = static_cast<int>(std::ceil(R[2]));
   const int nyF = static_cast<int>(std::ceil(static_cast<float>(ny) / R[1]));
   const int nzF = static_cast<int>(std::ceil(static_cast<float>(nz) / R[2]));
-  const int P = cRy * cRz, V = nx * ny * nz, T = V * nc;
+  const int P = cRy * cRz, V = nx * ny * nz, T = dims.prod();
   Eigen::VectorXi factor_dims(5), sub(5);
   factor_dims << nx, nyF, nzF, nc, P;
   auto store = [&](int x, int y, int z, int slot, std::complex<double> value) {
@@ -136,9 +195,7 @@ inline int unfold(const float* fold_re, const float* fold_im, const Eigen::Vecto
   for (Eigen::VectorXf* q : {&xq, &yq, &zq}) {
     if (q->size() == 1) (*q)[0] = 0;
   }
-  float comp_y[] = {-1, -1}, comp_z[] = {-1, -1};
-  get_compartments(Y, ny, comp_y);
-  get_compartments(Z, nz, comp_z);
+  const std::array<float, 2> comp_y = jumps(Y, ny), comp_z = jumps(Z, nz);
   const int Ay = static_cast<int>(std::ceil(static_cast<float>(Y) / static_cast<float>(ny)));
   const int Az = static_cast<int>(std::ceil(static_cast<float>(Z) / static_cast<float>(nz)));
   int status = 1;
@@ -146,15 +203,15 @@ inline int unfold(const float* fold_re, const float* fold_im, const Eigen::Vecto
     Eigen::VectorXi mask(Ay * Az), ylines(Ay), zlines(Az);
     Eigen::VectorXcf v(nc), u;
     for (int y = 0; y < ny; ++y) {
-      const int ny_a = TS_get_unfolded_positions(Y, ny, y, ylines);
+      const int ny_a = fold_lines(Y, ny, y, ylines);
       for (int z = 0; z < nz; ++z) {
-        const int nz_a = TS_get_unfolded_positions(Z, nz, z, zlines), n = ny_a * nz_a;
+        const int nz_a = fold_lines(Z, nz, z, zlines), n = ny_a * nz_a;
         const float px = std::max(xq[x], 0.0f);
         const float py =
-            std::max(static_cast<float>(pos2interpolate(yq[y], y, comp_y, edges_y)), 0.0f);
+            std::max(static_cast<float>(beside_jumps(yq[y], y, comp_y.data(), edges_y)), 0.0f);
         const float pz =
-            std::max(static_cast<float>(pos2interpolate(zq[z], z, comp_z, edges_z)), 0.0f);
-        const int i0 = TS_round(py) * fx + TS_round(pz) * fx * fy + TS_round(px);
+            std::max(static_cast<float>(beside_jumps(zq[z], z, comp_z.data(), edges_z)), 0.0f);
+        const int i0 = naive::round(py) * fx + naive::round(pz) * fx * fy + naive::round(px);
         bool any = false;
         for (int k = 0; k < n; ++k) any |= (mask[k] = factors[i0 + k * V] != 0.0);
         if (!any) continue;

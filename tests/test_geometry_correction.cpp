@@ -45,7 +45,7 @@ Floats correct(Points& p, Coefficients& c) {
   return out.values();
 }
 
-Floats transcribed(const Points& p, const Coefficients& c) {
+Floats naive_positions(const Points& p, const Coefficients& c) {
   const std::size_t n = p.x.size();
   Floats out(3 * n);
   naive::geometry_correction(p.x.data(), p.y.data(), p.z.data(), &out[0], &out[n], &out[2 * n],
@@ -99,7 +99,7 @@ TEST_CASE("block_sincos gives the library's bits for every float up to 70",
 }
 
 // The shorter list is computed point by point, the longer one takes the packed table.
-TEST_CASE("Positions are those of the transcription, bit for bit", "[geometry]") {
+TEST_CASE("Positions are those of the naive version, bit for bit", "[geometry]") {
   Random random;
   CAPTURE(run_seed());
   Coefficients c = dense(random);
@@ -120,9 +120,25 @@ TEST_CASE("Positions are those of the transcription, bit for bit", "[geometry]")
     above += bound > 0.9f && bound < 0.9001f;
   }
   CHECK((below > 0 && at > 0 && above > 0));
-  CHECK(bits(correct(p, c)) == bits(transcribed(p, c)));
+  CHECK(bits(correct(p, c)) == bits(naive_positions(p, c)));
   for (int i = 0; i < 8954; ++i)
     p.add(random.real(-250, 250), random.real(-250, 250), random.real(-250, 250));
-  const Floats want = transcribed(p, c);
+  const Floats want = naive_positions(p, c);
   with_thread_counts([&] { CHECK(bits(correct(p, c)) == bits(want)); });
+}
+
+// The table serves lists of 20000 points; near the poles the terms are computed.
+TEST_CASE("Batches of points that end with one point, or hold a few only", "[geometry]") {
+  Random random;
+  CAPTURE(run_seed());
+  Coefficients c = dense(random);
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);
+  for (const int sampled : {1, 5, ctessel::kLanes - 1, ctessel::kLanes + 1, 20000 - 1}) {
+    CAPTURE(sampled);
+    Points p;
+    for (int i = 0; i < 20000; ++i) p.add(random.real(5, 9), 0, i < sampled ? 5.0f : 200.0f);
+    CHECK((bits(correct(p, c)) == bits(naive_positions(p, c))));
+  }
+  omp_set_num_threads(threads);
 }

@@ -101,6 +101,8 @@ const std::vector<Setup> kSetups = {
     {{1, 3, 4, 6}, {1, 2, 2}, {1, 3, 4}, true, 0, 0},          // single samples along x,
     {{4, 1, 6, 6}, {7, 3, 3}, {7, 3, 6}, true, 0, 0},          // along y
     {{7, 14, 1, 6}, {7, 4, 1}, {7, 14, 1}, true, 0, 0},        // 3.5
+    {{5, 44, 1, 4}, {5, 22, 1}, {5, 44, 1}, true, 0, 1},       // more lines than one block holds
+    {{4, 38, 6, 6}, {8, 19, 3}, {8, 38, 6}, true, 0, 1},       // the same in slices
 };
 
 /// Largest difference from the naive factors over the voxel's largest, where it is well
@@ -125,8 +127,10 @@ double factor_error(const Scene& s, const Eigen::VectorXcd& got, const Eigen::Ve
 
 }  // namespace
 
-TEST_CASE("Factors, edges and unfolding agree with the transcription", "[sense]") {
+TEST_CASE("Factors, edges and unfolding agree with the naive version", "[sense]") {
   CAPTURE(run_seed());
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);  // so that one thread has more columns than a tile
   for (std::size_t i = 0; i < kSetups.size(); ++i) {
     CAPTURE(i);
     Scene s(kSetups[i]);
@@ -161,6 +165,7 @@ TEST_CASE("Factors, edges and unfolding agree with the transcription", "[sense]"
       want[want.size() / 2] = NAN;  // and now also where it takes part with weight 0
     }
   }
+  omp_set_num_threads(threads);
 }
 
 TEST_CASE("Without imaginary parts of the maps no alias is included", "[sense]") {
@@ -178,6 +183,34 @@ TEST_CASE("Singular matrices give non-finite factors", "[sense]") {
   std::fill(s.re.begin(), s.re.end(), 1.0f);
   CHECK(s.factors(f) == 1);
   for (const Complex& z : f) CHECK(!std::isfinite(std::abs(z)));
+}
+
+TEST_CASE("Aliases with equal sensitivities leave no finite factor", "[sense]") {
+  CAPTURE(run_seed());
+  for (const bool correlated : {false, true}) {
+    for (const int aliases : {2, 3, 4}) {
+      CAPTURE(correlated, aliases);
+      constexpr int kColumns = 500;
+      Scene s({{kColumns, aliases, 1, 5}, {kColumns, 1, 1}, {kColumns, aliases, 1}, correlated});
+      const int row = kColumns * aliases, last = row - kColumns;
+      for (int c = 0; c < 5; ++c)
+        for (auto* part : {&s.re, &s.im})
+          std::copy_n(part->begin() + c * row, kColumns, part->begin() + c * row + last);
+      Eigen::VectorXcd f = s.fresh_factors();
+      s.factors(f);
+      int finite = 0;
+      for (int i = 0; i < f.size(); ++i) {
+        const int alias = i / kColumns % aliases;
+        finite += (alias == 0 || alias == aliases - 1) && std::isfinite(std::abs(f[i]));
+      }
+      CHECK(finite == 0);
+      std::vector<float> out_re(row, 3.0f), out_im(out_re);
+      unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
+             s.edges_y.data(), s.edges_z.data(), out_re.data(), out_im.data());
+      for (const auto& out : {out_re, out_im})
+        for (int x = 0; x < kColumns; ++x) CHECK((std::isnan(out[x]) && std::isnan(out[x + last])));
+    }
+  }
 }
 
 TEST_CASE("A matrix with a 0 on its diagonal is inverted all the same", "[sense]") {

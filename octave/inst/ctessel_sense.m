@@ -15,7 +15,9 @@
 %                so).
 %   full_size    unfolded extents [X Y] or [X Y Z]. X is that of FOLDED; the factors Y / y and Z / z
 %                may be fractions. Left out or []: x of FOLDED with y and z of MAPS.
-%   covariance   noise of the coils, coil x coil, any unit. Left out or []: the identity.
+%   covariance   noise of the coils, coil x coil. Left out or []: the identity. Any unit without
+%                regularisation; with it, covariance(c, c) is the mean squared magnitude of the noise in
+%                FOLDED: k times the covariance regularises as 1/k of the weight.
 %   expected     expected magnitude x, y, z, location on the grid of MAPS, which switches the
 %                regularisation on; needs REFERENCE, an image whose level it has
 %   scale        divisor of the level of FOLDED in the weight of the regularisation; 1 if left out

@@ -20,7 +20,9 @@ def sense_recon(
         Sensitivities, ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, at the resolution of the
         unfolded image or a lower one. A coil-0 real part of exactly 0 marks a voxel as empty.
     psi : ndarray of complex64, optional
-        Noise covariance, ``(coil, coil)``. By default the identity.
+        Noise covariance, ``(coil, coil)``. By default the identity. Any unit without regularisation;
+        with it, ``psi[c, c]`` is the mean squared magnitude of the noise in `folded`: ``k * psi``
+        regularises as ``1 / k`` of the weight.
     full_size : sequence of 3 int, optional
         Unfolded extents along x, y, z: that of `folded` along x, at least those of `folded` along
         y and z; the quotients need not be whole. By default the extents of `sens` along y and z.
