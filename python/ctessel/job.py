@@ -141,7 +141,7 @@ def _geometry(found, plan):
     """Header, extents and field of view of the image, for `nifti.affine`."""
     slices = plan.kept[0]
     header = replace(found.header, placements=list(plan.placements[slices.start : slices.stop]))
-    return header, (*plan.matrix, len(slices)), found.header.recon_fov
+    return header, (*plan.matrix, len(slices)), plan.field
 
 
 def _check_memory(job):

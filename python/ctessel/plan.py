@@ -65,6 +65,8 @@ class Pattern:
     window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
     calibration_pixels: tuple[int, int, int]  # maps over the field of the calibration lines
 
+    weighted: bool  # by sensitivities: all that is unfolded, and coils of which the noise is known
+
     @property
     def unfolds(self):
         return any(lattice.reduction > 1 for lattice in self.lattices)
@@ -73,6 +75,8 @@ class Pattern:
 @dataclass(frozen=True, eq=False)
 class Calibration:
     """Lines that sensitivities are made of: those of a separate scan, or the mean of a few frames."""
+
+    x: int  # samples along the readout at most
 
     y: slice
     z: slice
@@ -162,7 +166,7 @@ class Plan:
         """
         size, coils = 8 * volumes, self.shape[3]
         pixels = size * prod(self.pixels)
-        if pattern.unfolds:
+        if pattern.weighted:
             slots = size * coils * prod(lattice.folded for lattice in pattern.lattices)
             lines, cut = slots * self.shape[0], slots * self.readout
             maps = 8 * coils * prod(pattern.calibration_pixels)
@@ -194,8 +198,10 @@ def plan(scan, options=None):
     grid = _grid(layout, options)
     _check(layout, options, grid)
     turns = coverage.turns(layout)
-    patterns = tuple(_pattern(layout, options, grid, turn) for turn in turns)
-    covariance = _covariance(layout, options, patterns)
+    covariance = _covariance(layout, options)
+    noisy = covariance is not None and layout.shape[3] > 1
+    patterns = tuple(_pattern(layout, options, grid, turn, noisy) for turn in turns)
+    _check_regularisation(options, covariance, patterns)
     made = Plan(
         options,
         layout.shape,
@@ -211,7 +217,7 @@ def plan(scan, options=None):
         layout.calibration,
         tuple(range(n) for n in layout.shape[4:]),
         (),
-        (*layout.warnings, *coverage.warnings(layout, turns)),
+        (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings),
         layout.selection,
     )
     return replace(made, steps=tuple(_words(layout, made)))
@@ -227,11 +233,15 @@ class _Grid:
     matrix: tuple[int, int, int]
     field: tuple[float, float, float]
     ratio: list[float]  # field of view to unfold to over the encoded one, y and z
+    warnings: list[str]
 
 
 def _grid(layout, options):
     header, lines = layout.header, layout.shape[:3]
     share = [_ratio(header, axis) if axis == 0 or lines[axis] > 1 else 1.0 for axis in range(3)]
+    wide = [axis for axis in range(3) if share[axis] > 1 and not _unfoldable(layout, axis)]
+    for axis in wide:
+        share[axis] = 1.0
     kept = [min(1.0, s) for s in share]
     # Cutting the field needs the whole readout; a partial one is cut after homodyne.
     partial = options.homodyne and partial_ranges(layout)[0]
@@ -242,8 +252,29 @@ def _grid(layout, options):
         readout,
         tuple(max(1, round(m / k)) for m, k in zip(matrix, cut)),
         matrix,
-        tuple(f if f > 0 else float(m) for f, m in zip(header.recon_fov, matrix)),
+        _field(header, matrix, wide),
         [max(1.0, s) for s in share[1:]],
+        [_wide_words(header, axis) for axis in wide],
+    )
+
+
+def _unfoldable(layout, axis):
+    """Whether calibration shows a field of view that is wider than the encoded one."""
+    own = layout.header.calibration_fov
+    wanted = layout.header.recon_fov[axis]
+    return axis > 0 and layout.calibration is not None and (not own or own[axis] > 0.99 * wanted)
+
+
+def _field(header, matrix, wide):
+    """Field of view of the image; along the axes `wide` no more than was encoded."""
+    image = [f if f > 0 else float(m) for f, m in zip(header.recon_fov, matrix)]
+    return tuple(header.encoded_fov[axis] if axis in wide else f for axis, f in enumerate(image))
+
+
+def _wide_words(header, axis):
+    return (
+        f"the header's image is {header.recon_fov[axis]:g} mm wide along {'xyz'[axis]}, the encoded "
+        f"field of view {header.encoded_fov[axis]:g} mm; the image has the encoded one"
     )
 
 
@@ -274,7 +305,7 @@ def _check(layout, options, grid):
 # ---- Lines ---------------------------------------------------------------------------------------
 
 
-def _pattern(layout, options, grid, turn):
+def _pattern(layout, options, grid, turn, noisy):
     lattices = turn.regular.lattices(grid.ratio)
     full = (grid.readout, *(lattice.full for lattice in lattices))
     widening = [1.0, *(lattice.full / (lattice.folded * lattice.step) for lattice in lattices)]
@@ -291,18 +322,23 @@ def _pattern(layout, options, grid, turn):
         usable_ranges(grid.pixels, ranges if options.homodyne else [None] * 3),
         tuple(min(f, round(n * w)) for f, n, w in zip(full, measured, widening)),
         _calibration_grid(layout, grid, full),
+        noisy or any(lattice.reduction > 1 for lattice in lattices),
     )
 
 
-def _covariance(layout, options, patterns):
-    if layout.noise is not None and options.whiten:
-        return noise_covariance(layout.noise, layout.header.noise_bandwidth_ratio)
-    if options.regularisation > 0 and any(pattern.unfolds for pattern in patterns):
+def _covariance(layout, options):
+    if layout.noise is None or not options.whiten:
+        return None
+    return noise_covariance(layout.noise, layout.header.noise_bandwidth_ratio)
+
+
+def _check_regularisation(options, covariance, patterns):
+    unfolds = any(pattern.unfolds for pattern in patterns)
+    if options.regularisation > 0 and covariance is None and unfolds:
         raise ValueError(
             "regularisation: needs a noise scan, which says how far data are to be "
             "trusted; reconstruct without it"
         )
-    return None
 
 
 # ---- Calibration ---------------------------------------------------------------------------------
@@ -323,23 +359,31 @@ def _calibration_grid(layout, grid, full):
 
 
 def _calibration(layout, options, grid, patterns):
-    unfolding = [pattern for pattern in patterns if pattern.unfolds]
-    if not unfolding:
+    if not any(pattern.weighted for pattern in patterns):
         return None
+    unfolding = [pattern for pattern in patterns if pattern.unfolds]
     for pattern in unfolding:
         _check_reduction(layout, pattern)
-    y, z, counts = _region(layout, options.calibration_size, unfolding)
+    separate = layout.calibration is not None and bool(unfolding)
+    y, z, counts = _region(layout, options.calibration_size, unfolding, separate)
     made = Calibration(
+        _readout_samples(layout, options.calibration_size),
         y,
         z,
         counts,
-        layout.calibration is not None,
-        *_calibrating_frames(layout, y, z),
+        separate,
+        *((0, None) if separate else _calibrating_frames(layout, y, z)),
         grid.readout / layout.shape[0] / _wider(layout, grid)[0],
     )
     for pattern in unfolding:
         _check_calibration(pattern, made)
     return made
+
+
+def _readout_samples(layout, size):
+    """Samples along x that were measured on both sides of k = 0, at most `size`."""
+    partial = partial_ranges(layout)[0]
+    return min(size, 2 * min(-partial[0], partial[1] + 1)) if partial else size
 
 
 def _check_reduction(layout, pattern):
@@ -365,9 +409,9 @@ def _check_calibration(pattern, calibration):
             )
 
 
-def _region(layout, size, unfolding):
+def _region(layout, size, unfolding, separate):
     """Slices of y and z that hold the calibration lines, k = 0 at ``n // 2``; their numbers."""
-    if layout.calibration is not None:
+    if separate:
         extents = layout.calibration[1:3]
         return _centred(extents, [slice(0, n) for n in extents], size)
     extents, sampled = layout.shape[1:3], layout.sampled
@@ -393,8 +437,6 @@ def _calibrating_frames(layout, y, z):
 
     A scan that still runs can use them as soon as they are there.
     """
-    if layout.calibration is not None:
-        return 0, None
     times = np.cumsum(layout.lines[y, z, :, 0], -1)
     whole = ((times > 0) == (times[..., -1:] > 0)).all((0, 1, 2))
     frames = int(whole.argmax()) + 1
@@ -410,7 +452,7 @@ def _words(layout, made):
     measured = layout.readout or layout.shape[0]
     if made.readout < measured:
         steps.append(f"remove readout oversampling: {measured} to {made.readout} samples")
-    if made.calibration:
+    if any(pattern.unfolds for pattern in made.patterns):
         steps += _sense_words(made)
     if options.ringing > 0:
         steps.append(f"ringing filter of strength {options.ringing:g}")
@@ -418,10 +460,7 @@ def _words(layout, made):
         steps.append(f"zero filling to {times_text(made.pixels)}")
     steps += _partial_words(made, first)
     if not first.unfolds and layout.shape[3] > 1:
-        steps.append(
-            "combine coils: root sum of squares"
-            + (" with phase" if options.combine == "pcsos" else "")
-        )
+        steps.append(_combine_words(made, first))
     if options.coefficients is not None:
         steps.append(
             f"geometry correction, splines of order {options.order}"
@@ -432,10 +471,17 @@ def _words(layout, made):
 
 
 def _noise_words(layout, made):
-    if made.covariance is None:
+    if made.covariance is None or layout.shape[3] == 1:
         return "noise scan not used" if layout.noise is not None else ""
-    use = "weigh the coils in SENSE" if made.calibration else "whiten the coils"
-    return f"noise covariance of {len(layout.noise)} samples: {use}"
+    return f"noise covariance of {len(layout.noise)} samples: weigh the coils"
+
+
+def _combine_words(made, pattern):
+    if pattern.weighted:
+        lines = times_text(made.calibration.lines)
+        return f"combine coils: weighted by sensitivities of {lines} lines and by their noise"
+    phase = " with phase" if made.options.combine == "pcsos" else ""
+    return f"combine coils: root sum of squares{phase}"
 
 
 def _sense_words(made):

@@ -15,7 +15,7 @@ from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image, to_kspace
 from .plan import plan as make_plan
 from .sampling import fold_lines
-from .steps import combine, homodyne_recon, sensitivity_maps, unfold, whiten
+from .steps import combine, homodyne_recon, sensitivity_maps, unfold
 
 
 @dataclass
@@ -163,22 +163,23 @@ def _work(plan, block, samples, calibration, first):
 
 
 def lines(plan, block, source):
-    """k-space of a block, ``(x, y, z, coil, echo, repetition)``; regular lines alone to unfold."""
+    """k-space of a block, ``(x, y, z, coil, echo, repetition)``; regular lines alone where there are
+    sensitivities."""
     return _regular(plan, block, source.frames(block.slice, block.along()))
 
 
 def _regular(plan, block, frames):
     pattern = plan.patterns[block.pattern]
-    return fold_lines(frames, pattern.lattices) if pattern.unfolds else frames
+    return fold_lines(frames, pattern.lattices) if pattern.weighted else frames
 
 
 def _calibration(plan, block, source):
     """Calibration lines of the block's slice, and the first frame of its lines where that counts."""
     pattern = plan.patterns[block.pattern]
-    if not pattern.unfolds:
+    if not pattern.weighted:
         return None, None
     first = None
-    if plan.options.regularisation > 0:
+    if plan.options.regularisation > 0 and pattern.unfolds:
         first = lines(plan, Block(block.slice, pattern.repetitions[:1], block.pattern), source)
     return calibration_lines(plan, block.slice, source), first
 
@@ -197,7 +198,7 @@ def calibration_lines(plan, index, source):
 
 
 def prepare(plan, block, source):
-    """The `Basis` of a block's slice and pattern; None where there is nothing to unfold."""
+    """The `Basis` of a block's slice and pattern; None where there are no sensitivities."""
     return _basis(plan, block, *_calibration(plan, block, source))
 
 
@@ -208,9 +209,11 @@ def _basis(plan, block, calibration, first):
     samples = remove_oversampling(
         calibration, round(len(calibration) * plan.calibration.cut), threads=options.threads
     )
-    samples = samples[central(len(samples), min(len(samples), options.calibration_size))]
+    samples = samples[central(len(samples), min(len(samples), plan.calibration.x))]
+    # Coils that are combined alone need maps where noise is, too.
+    mask = options.mask if pattern.unfolds else 0
     made = sensitivity_maps(
-        samples, pattern.calibration_pixels, mask=options.mask, threads=options.threads
+        samples, pattern.calibration_pixels, mask=mask, threads=options.threads
     )
     maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
     levels = first is not None and (sa(_folded(plan, first)), sa(expected))
@@ -227,7 +230,7 @@ def reconstruct_block(plan, block, basis, samples):
     basis : Basis or None
         What `prepare` makes for its slice and pattern.
     samples : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
-        What `lines` gives; those to unfold may be overwritten.
+        What `lines` gives; with a `basis` they may be overwritten.
 
     Returns
     -------
@@ -235,13 +238,12 @@ def reconstruct_block(plan, block, basis, samples):
         "image": complex64 or float32, ``(x, y, z, echo, repetition)``.
     """
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
-    if pattern.unfolds:
+    if pattern.weighted:
         image = _unfolded(plan, pattern, basis, samples)
     else:
-        samples = remove_oversampling(samples, plan.readout, threads=threads)
-        if plan.covariance is not None:
-            samples = whiten(samples, plan.covariance)
-        image = _finished(plan, pattern, samples)
+        image = _finished(
+            plan, pattern, remove_oversampling(samples, plan.readout, threads=threads)
+        )
     image = combine(image, plan.options.combine, threads)
     if plan.gain(pattern) != 1:
         image *= plan.gain(pattern)

@@ -8,7 +8,7 @@ from fractions import Fraction
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import FIELD, coils, error, known, lines, phantom, scan
+from scans import FIELD, coils, error, header, known, lines, phantom, scan
 
 import ctessel
 from ctessel import pipeline
@@ -200,7 +200,7 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8):
     folded = np.zeros((shape[0], n, *image.shape[2:]), np.complex64)
     for line in range(shape[1]):
         folded[:, ctessel.folded_pos(line, shape[1], n)] += image[:, line]
-    header = replace(
+    narrowed = replace(
         full.layout.header,
         encoded_matrix=(shape[0], n, 1),
         encoded_fov=(FIELD, FIELD / ratio, 5.0),
@@ -208,7 +208,7 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8):
     )
     lowres = full.kspace[:, shape[1] // 2 - 14 : shape[1] // 2 + 14]
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
-    narrow = Scan.of(kspace[..., None, None, None], header, calibration=lowres)
+    narrow = Scan.of(kspace[..., None, None, None], narrowed, calibration=lowres)
     return truth, narrow
 
 
@@ -279,6 +279,51 @@ def test_parts_merge_to_the_whole(axis):
         pipeline.merge(parts + parts[:1])
     with pytest.raises(ValueError, match="outside 0 to 2"):
         pipeline.select(plan, axis, 1, 3)
+
+
+def head_scan(brain, mask, noise):
+    kspace = np.asfortranarray((brain * mask[None, :, None, None])[..., None, None, None])
+    return Scan.of(kspace, header(brain.shape[:3]), mask[:, None], noise=noise)
+
+
+def least_squares(image, truth, where):
+    """Factor that brings the second image closest to the first."""
+    return (image * truth)[where].sum() / (truth[where] ** 2).sum()
+
+
+def test_all_scans_of_a_head_have_one_level_with_and_without_a_noise_scan(measured):
+    brain, covariance = measured("brain16_ksp"), measured("brain16_ncov")[:, :, 0, 0]
+    mixing = np.linalg.cholesky(covariance.astype(complex))
+    noise = (random_complex((4096, 16), 3) / np.float32(2**0.5) @ mixing.T).astype(np.complex64)
+    masks = {
+        "full": lines(128), "R = 2": lines(128, 2, 0, 32), "R = 3": lines(128, 3, 0, 32),
+        "partial": lines(128, first=-20), "R = 2, partial": lines(128, 2, 0, 24, first=-24),
+    }  # fmt: skip
+    options = Options(combine="sos", homodyne=False)
+    images = {
+        (name, scanned): pipeline.reconstruct(head_scan(brain, mask, noise if scanned else None), options).image
+        for name, mask in masks.items() for scanned in (False, True)
+    }  # fmt: skip
+    truth = images["full", False]
+    head = truth > 0.08 * np.percentile(truth, 99.5)
+    zero_filled = least_squares(images["partial", False], truth, head)  # less than all lines hold
+    for (name, _), image in images.items():
+        level = least_squares(image, truth, head)
+        assert abs(level / (zero_filled if "partial" in name else 1) - 1) < 0.01, (name, level)
+
+
+def test_a_field_wider_than_the_encoded_one_is_told_and_stretches_nothing():
+    shape = (32, 48, 24)
+    _, full = scan(shape)
+    want = pipeline.reconstruct(full)
+    for axis in range(3):
+        wide = tuple(FIELD * (1.1 if a == axis else 1) for a in range(3))
+        contrary = known(full, header=replace(full.layout.header, recon_fov=wide))
+        result = pipeline.reconstruct(contrary)
+        same_bits(result.image, want.image)
+        assert result.field == want.field
+        (told,) = result.warnings
+        assert f"264 mm wide along {'xyz'[axis]}, the encoded field of view 240 mm" in told
 
 
 def blob(points):
