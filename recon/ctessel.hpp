@@ -14,10 +14,11 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <complex>
 #include <cstddef>
-#include <initializer_list>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <vector>
 
@@ -75,9 +76,13 @@ struct BasicSamples {
   std::ptrdiff_t extent(Dim d) const { return has(d) ? extents[place(d)] : 1; }
   std::ptrdiff_t stride(Dim d) const { return has(d) ? strides[place(d)] : 0; }
 
-  /// Number of samples.
+  /// Number of samples. Without a single one the other extents may be so large that their product
+  /// overflows.
   std::ptrdiff_t size() const {
     std::ptrdiff_t n = 1;
+    for (std::ptrdiff_t extent : extents) {
+      if (extent <= 0) return 0;
+    }
     for (std::ptrdiff_t extent : extents) n *= extent;
     return n;
   }
@@ -121,6 +126,38 @@ struct BasicSamples {
 using Samples = BasicSamples<float>;
 using ConstSamples = BasicSamples<const float>;
 
+// ---- Options ------------------------------------------------------------------------------------
+
+/// Cosine window along x, y and z: how far it falls at its edge, from 0 (flat) to 0.915 (nearly a full
+/// Hamming window), and its width in samples.
+struct RingingWindow {
+  std::array<double, 3> strength;
+  std::array<int, 3> width;
+};
+
+/// Lines of an axis that were sampled, the first and the last, counted from the centre; fractions are
+/// truncated toward zero.
+struct LineRange {
+  double first, last;
+};
+
+/// Sampled lines of kx, ky and kz; none for an axis that was sampled in full.
+using LineRanges = std::array<std::optional<LineRange>, 3>;
+
+/// Positions on an axis, the last one included; none if it lies before the first.
+struct Positions {
+  std::ptrdiff_t first, last;
+  std::ptrdiff_t count() const { return std::max<std::ptrdiff_t>(last - first + 1, 0); }
+};
+
+/// What the homodyne filter makes of an axis: whether its range is asymmetric by more than a line, so
+/// that the filter is tried; whether it is weighted; and what the centre keeps of it. A range that is
+/// tried and cannot be used keeps position 0.
+struct HomodyneAxis {
+  bool tried, weighted;
+  Positions kept;
+};
+
 // Routines are seen outside of the shared library; the views above are compiled where they are used.
 #pragma GCC visibility push(default)
 
@@ -128,6 +165,45 @@ using ConstSamples = BasicSamples<const float>;
 /// Where only `to` has imaginary parts they become 0; where only `from` has, they are left out.
 /// The two must not overlap. Threads: split over rows or tiles. Memory: none.
 void copy(const ConstSamples& from, const Samples& to);
+
+// ---- k-space and image arrays -------------------------------------------------------------------
+
+/// Weights centred k-space against truncation ringing: see TS_ringing_filter. `out` has the extents
+/// of `data` and may be `data`. Threads: split over volumes, or over planes where there are few.
+/// Memory: the three windows; 64 KiB or a row of weights on each thread.
+void ringing_filter(const ConstSamples& data, const Samples& out, const RingingWindow& window);
+
+// ---- Homodyne reconstruction --------------------------------------------------------------------
+//
+// Noll, Nishimura, Macovski, IEEE Trans. Med. Imaging 10:154 (1991).
+
+/// Homodyne weighting of one axis of n samples: 0 on the missing side, a ramp 1 -+ t^2 across the
+/// symmetric centre, 2 beyond. Gives the positions of the symmetric centre; or nothing, and writes
+/// nothing, where the range covers less than 0.55 of the extent that its larger end implies, or all
+/// of it: the missing lines must lie on the negative side. weights has n entries or is null.
+std::optional<Positions> homodyne_weights(int n, const LineRange& sampled, float* weights);
+
+/// What the filter makes of an axis of n samples. |first + last| <= 1 counts as symmetric.
+HomodyneAxis homodyne_axis(int n, const std::optional<LineRange>& sampled);
+
+/// Copies the unweighted symmetric centre of k-space (kx, ky, kz, ...): `centre` has the positions
+/// that homodyne_axis keeps of the first three axes. Threads: see copy. Memory: none.
+void homodyne_centre(const ConstSamples& kspace, const LineRanges& sampled, const Samples& centre);
+
+/// Weighs k-space with the F-th root of the product of the weightings of F weighted axes. `out` has
+/// the extents of `kspace` and may be `kspace`; where no axis is weighted it becomes a copy.
+/// Threads: split over the merged axes from the fourth on. Memory: a float per line of each axis;
+/// 64 KiB or a row of weights on each thread.
+void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, const Samples& out);
+
+/// Takes the phase of a low-resolution image L away, in place: every sample d of `image` becomes the
+/// real part of d conj(L) / |L|, its imaginary part 0. Where any extent of the two differs, L is
+/// resampled trilinearly over the first three axes with the bits of TS_linear_interpolation; volumes
+/// that L does not have stay as they are. L = 0 gives NaN. L may overlap the image: it counts as it
+/// was before. Threads: split over the merged axes from the fourth on. Memory: a copy of L where it
+/// overlaps the image otherwise than sample for sample, or has to be resampled and has gaps; then
+/// also 16 bytes per sample of each axis and, on each thread, 40 for each sample of a row.
+void remove_phase(const Samples& image, const ConstSamples& low);
 
 #pragma GCC visibility pop
 

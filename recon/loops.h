@@ -38,7 +38,8 @@ void for_each_chunk(std::int64_t n, const Body& body) {
 inline std::int64_t extent(int ndims, const int* dims, int d) { return d < ndims ? dims[d] : 1; }
 
 /// Product of the extents from dimension `first` (0-based) on: the merged outer count.
-inline std::int64_t merged_outer(int ndims, const int* dims, int first = 3) {
+template <class Int>
+std::int64_t merged_outer(int ndims, const Int* dims, int first = 3) {
   std::int64_t count = 1;
   for (int d = first; d < ndims; ++d) count *= dims[d];
   return count;

@@ -5,8 +5,12 @@
 #include <vector>
 
 #include "cTessel.h"
-#include "dispatch.h"
 #include "loops.h"
+#include "weighting.h"
+
+using ctessel::Dim;
+
+namespace ctessel {
 
 namespace {
 
@@ -41,52 +45,42 @@ struct Windows {
   }
 };
 
-CTESSEL_CLONES void weigh_plane(float* part, const float* wx, std::ptrdiff_t nx, const float* wy,
-                                std::ptrdiff_t ny, float wz) {
-  for (std::ptrdiff_t y = 0; y < ny; ++y, part += nx) {
-#pragma omp simd
-    for (std::ptrdiff_t x = 0; x < nx; ++x) part[x] *= wz * (wy[y] * wx[x]);
+/// The combination along a run, by the axis that it runs along.
+void fill(const Windows& w, const WeightRows& rows, float* out) {
+  std::ptrdiff_t at[] = {rows.first[0], rows.first[1], rows.first[2]};
+  for (std::ptrdiff_t j = 0; j < rows.rows; ++j, ++at[rows.next], out += rows.n) {
+    const float *x = w.x.data() + at[0], *y = w.y.data() + at[1], *z = w.z.data() + at[2];
+    const auto run = [&](auto weight) {
+      for (std::ptrdiff_t i = 0; i < rows.n; ++i) out[i] = weight(i);
+    };
+    if (rows.run == 0) run([&](std::ptrdiff_t i) { return *z * (*y * x[i]); });
+    if (rows.run == 1) run([&](std::ptrdiff_t i) { return *z * (y[i] * *x); });
+    if (rows.run == 2) run([&](std::ptrdiff_t i) { return z[i] * (*y * *x); });
   }
 }
 
-/// A sample of exactly 0 stays as it is even where the weight is not a number.
-void weigh_sample(float* re, float* im, float w) {
-  if (*re == 0 && (!im || *im == 0)) return;
-  *re *= w;
-  if (im) *im *= w;
-}
-
-/// Weights that are finite and not negative leave a 0 as it is. Then the parts go one after the
-/// other: taken together they would keep two places of memory open for reading and for writing.
-void filter_plane(float* re, float* im, const Windows& w, float wz) {
-  const auto nx = static_cast<std::ptrdiff_t>(w.x.size()),
-             ny = static_cast<std::ptrdiff_t>(w.y.size());
-  weigh_plane(re, w.x.data(), nx, w.y.data(), ny, wz);
-  if (im) weigh_plane(im, w.x.data(), nx, w.y.data(), ny, wz);
-}
-
-void filter_plane_with_nan(float* re, float* im, const Windows& w, float wz) {
-  for (float wy : w.y) {
-    for (float wx : w.x) {
-      weigh_sample(re++, im, wz * (wy * wx));
-      if (im) ++im;
-    }
-  }
+void filter(const ConstSamples& from, const Samples& to, const double* strength, const int* width,
+            Share share) {
+  const Windows w{window(to.extent(Dim::x), strength[0], width[0]),
+                  window(to.extent(Dim::y), strength[1], width[1]),
+                  window(to.extent(Dim::z), strength[2], width[2])};
+  // Weights that are finite and not negative leave a 0 as it is by themselves.
+  const auto rows = [&](const WeightRows& r, float* out) { fill(w, r, out); };
+  weigh(from, to, {rows, !w.finite()}, share);
 }
 
 }  // namespace
 
+void ringing_filter(const ConstSamples& data, const Samples& out, const RingingWindow& window) {
+  require_same_extents(data, out, "ringing_filter: data and out");
+  require_same_kind(data, out, "ringing_filter: data and out");
+  filter(data, out, window.strength.data(), window.width.data(), Share::planes);
+}
+
+}  // namespace ctessel
+
 void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* strength, int* width) {
-  const std::ptrdiff_t d0 = dims[0], d1 = dims[1], d2 = ndims > 2 ? dims[2] : 1;
-  if (d0 <= 0 || d1 <= 0 || d2 <= 0) return;
-  const Windows w{window(d0, strength[0], width[0]), window(d1, strength[1], width[1]),
-                  window(d2, strength[2], width[2])};
-  const auto filter = w.finite() ? filter_plane : filter_plane_with_nan;
-  ctessel::for_each_chunk(
-      ctessel::merged_outer(ndims, dims), [&](std::int64_t begin, std::int64_t end) {
-        for (auto plane = static_cast<std::ptrdiff_t>(begin) * d2; plane < end * d2; ++plane) {
-          const std::ptrdiff_t at = d0 * d1 * plane;
-          filter(re + at, im ? im + at : nullptr, w, w.z[static_cast<std::size_t>(plane % d2)]);
-        }
-      });
+  const ctessel::Samples data = ctessel::volumes(re, im, ndims, dims);
+  if (data.extent(Dim::x) <= 0 || data.extent(Dim::y) <= 0 || data.extent(Dim::z) <= 0) return;
+  ctessel::filter(data, data, strength, width, ctessel::Share::volumes);
 }

@@ -476,6 +476,26 @@ void store_row(const float* re, const float* im, const Row& to) {
   for (ptrdiff_t i = 0; to.im && i < to.n; ++i) to.im[i * to.step] = im ? im[i] : 0.0f;
 }
 
+ptrdiff_t outer_offset(const ConstSamples& s, ptrdiff_t r) {
+  ptrdiff_t at = 0;
+  for (int d = 3; r > 0; r /= s.extent(Dim(d++))) at += r % s.extent(Dim(d)) * s.stride(Dim(d));
+  return at;
+}
+
+JointRows::JointRows(const Samples& a, const ConstSamples& b) : a_(a), b_(b) {
+  for (int d : memory_order(a)) {
+    const Axis axis{a.extent(Dim(d)), a.stride(Dim(d)), b.stride(Dim(d))};
+    Axis* last = axes_.empty() ? nullptr : &axes_.back();
+    if (axis.n == 1) continue;
+    if (last && axis.a == last->a * last->n && axis.b == last->b * last->n) {
+      last->n *= axis.n;
+    } else {
+      axes_.push_back(axis);
+    }
+  }
+  if (axes_.empty()) axes_.push_back({1, 1, 1});
+}
+
 std::vector<int> memory_order(const ConstSamples& s) {
   std::vector<int> order(s.extents.size());
   std::iota(order.begin(), order.end(), 0);
@@ -492,6 +512,11 @@ bool is_packed(const ConstSamples& s) {
     step *= s.extent(Dim(d));
   }
   return true;
+}
+
+void require_same_kind(const ConstSamples& a, const ConstSamples& b, const char* names) {
+  if (!a.im == !b.im) return;
+  throw std::invalid_argument(std::string(names) + " must both be complex or both real");
 }
 
 void require_same_extents(const ConstSamples& a, const ConstSamples& b, const char* names) {

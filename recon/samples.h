@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ctessel.hpp"
+#include "loops.h"
 
 namespace ctessel {
 
@@ -25,6 +26,40 @@ inline ConstRow row_of(const ConstSamples& s, Dim d, std::ptrdiff_t offset = 0) 
 inline Row row_of(const Samples& s, Dim d, std::ptrdiff_t offset = 0) {
   return {s.re + offset, s.im ? s.im + offset : nullptr, s.stride(d), s.extent(d)};
 }
+
+/// Offset of outer volume r, counted over the axes from the fourth on.
+std::ptrdiff_t outer_offset(const ConstSamples& s, std::ptrdiff_t r);
+
+/// Rows through two views of the same extents, along the axis that is fastest in the first; axes on
+/// which both run on without a gap are one.
+class JointRows {
+ public:
+  JointRows(const Samples& a, const ConstSamples& b);
+
+  /// body(row of a, row of b) for the samples begin .. end - 1, in the order of the rows.
+  template <class Body>
+  void visit(std::ptrdiff_t begin, std::ptrdiff_t end, const Body& body) const {
+    const Axis& run = axes_.front();
+    while (begin < end) {
+      const std::ptrdiff_t i = begin % run.n, n = std::min(run.n - i, end - begin);
+      std::ptrdiff_t at = i * run.a, from = i * run.b, row = begin / run.n;
+      for (std::size_t d = 1; row > 0; row /= axes_[d++].n) {
+        at += row % axes_[d].n * axes_[d].a, from += row % axes_[d].n * axes_[d].b;
+      }
+      body(Row{a_.re + at, a_.im ? a_.im + at : nullptr, run.a, n},
+           ConstRow{b_.re + from, b_.im ? b_.im + from : nullptr, run.b, n});
+      begin += n;
+    }
+  }
+
+ private:
+  struct Axis {
+    std::ptrdiff_t n, a, b;
+  };
+  const Samples& a_;
+  const ConstSamples& b_;
+  std::vector<Axis> axes_;
+};
 
 /// Row to parts without gaps. im may be null and gets zeros where the row has no imaginary parts.
 void load_row(const ConstRow& from, float* re, float* im);
@@ -50,7 +85,18 @@ inline bool in_pairs(const ConstSamples& s) { return s.im && s.im == s.re + 1; }
 /// Whether the samples lie without gaps, first axis fastest: as parts, or as pairs.
 bool is_packed(const ConstSamples& s);
 
-/// Throws std::invalid_argument with one line unless both have the same extents.
+/// The arrays of cTessel.h: parts without gaps as (x, y, z, all others).
+template <class Float>
+BasicSamples<Float> volumes(Float* re, Float* im, int ndims, const int* dims) {
+  return BasicSamples<Float>::parts(re, im,
+                                    {dims[0], dims[1], ndims > 2 ? dims[2] : 1,
+                                     static_cast<std::ptrdiff_t>(merged_outer(ndims, dims))});
+}
+
+/// Throws std::invalid_argument with one line unless both are complex or both real.
+void require_same_kind(const ConstSamples& a, const ConstSamples& b, const char* names);
+
+/// The same unless both have the same extents.
 void require_same_extents(const ConstSamples& a, const ConstSamples& b, const char* names);
 
 }  // namespace ctessel
