@@ -8,43 +8,74 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 #include "cTessel.h"
 #include "dispatch.h"
-#include "loops.h"
+#include "samples.h"
+#include "simd.h"
+
+namespace ctessel {
 
 namespace {
 
-std::ptrdiff_t product(const int* dims, int begin, int end) {
-  std::ptrdiff_t n = 1;
+using std::ptrdiff_t;
+
+ptrdiff_t product(const int* dims, int begin, int end) {
+  ptrdiff_t n = 1;
   for (int d = begin; d < end; ++d) n *= dims[d];
   return n;
 }
 
-/// Where the coils of an output voxel lie: S apart from base(n) on.
-struct Coils {
-  std::ptrdiff_t S, count;
-  std::ptrdiff_t base(std::ptrdiff_t n) const { return n / S * (count - 1) * S + n; }
-  /// Voxels from n on whose samples lie side by side.
-  std::ptrdiff_t run(std::ptrdiff_t n) const { return S - n % S; }
-};
+/// The images of one coil: all that an output voxel or row belongs to.
+ConstSamples first_coil(const ConstSamples& data, Dim coil) {
+  return data.extent(coil) > 0 ? data.slice(coil, 0, 1) : data;
+}
+
+void require_combined(const ConstSamples& data, Dim coil, const ConstSamples& out) {
+  Extents one = data.extents;
+  one[static_cast<std::size_t>(coil)] = 1;
+  require_same_extents({data.re, nullptr, one, data.strides}, out, "one coil of data, and out");
+}
+
+/// Runs body(out row, data row of coil 0) over all voxels in blocks of at most `most`, with a body
+/// of its own on each thread.
+template <class Body>
+void for_each_block(const Samples& out, const ConstSamples& first, ptrdiff_t most,
+                    const Body& shared) {
+  const JointRows rows(out, first);
+  for_each_chunk(out.size(), [&](std::int64_t begin, std::int64_t end) {
+    const auto last = static_cast<ptrdiff_t>(end);
+    Body body = shared;
+    for (auto n = static_cast<ptrdiff_t>(begin); n < last; n += most) {
+      rows.visit(n, std::min(n + most, last), body);
+    }
+  });
+}
 
 // ---- Sum of squares -----------------------------------------------------------------------------
 
-constexpr std::ptrdiff_t kBlock = 65536;  // sums of one block: 256 KiB, a part of the L2 cache
-constexpr std::ptrdiff_t kTile = 16;      // voxels taken together where coils lie closer than that
+constexpr ptrdiff_t kBlock = 65536;  // sums of one block: 256 KiB, a part of the L2 cache
 
-/// Adds the squares of C coils that lie S apart to the sums.
-template <int C, bool Complex>
-[[gnu::always_inline]] inline void add_coils(float* out, const float* re, const float* im,
-                                             std::ptrdiff_t S, std::ptrdiff_t n) {
+/// Images of coils S floats apart, their samples `step` apart.
+struct Coils {
+  const float *re, *im;
+  ptrdiff_t step, S, count;
+  Coils from(ptrdiff_t c) const { return {re + c * S, im ? im + c * S : nullptr, step, S, count}; }
+};
+
+/// Adds the squares of C coils to the sums. Step 0: any.
+template <int C, bool Complex, int Step>
+CTESSEL_INLINE void add_coils(float* out, const Coils& coils, ptrdiff_t n) {
+  const ptrdiff_t step = Step ? Step : coils.step, S = coils.S;
+  const float *re = coils.re, *im = coils.im;
 #pragma omp simd
-  for (std::ptrdiff_t i = 0; i < n; ++i) {
+  for (ptrdiff_t i = 0; i < n; ++i) {
     float sum = out[i];
     for (int c = 0; c < C; ++c) {
-      sum += re[i + c * S] * re[i + c * S];
-      if (Complex) sum += im[i + c * S] * im[i + c * S];
+      sum += re[step * i + c * S] * re[step * i + c * S];
+      if (Complex) sum += im[step * i + c * S] * im[step * i + c * S];
     }
     out[i] = sum;
   }
@@ -54,118 +85,99 @@ template <int C, bool Complex>
 /// prefetchers follow.
 constexpr int kTogether = 4;
 
-CTESSEL_CLONES void add_squares(float* out, const float* re, const float* im, std::ptrdiff_t S,
-                                std::ptrdiff_t coils, std::ptrdiff_t n) {
-  std::ptrdiff_t c = 0;
-  for (; c + kTogether <= coils; c += kTogether) {
-    if (im) add_coils<kTogether, true>(out, re + c * S, im + c * S, S, n);
-    if (!im) add_coils<kTogether, false>(out, re + c * S, nullptr, S, n);
+template <bool Complex, int Step>
+CTESSEL_INLINE void add_all(float* out, const Coils& coils, ptrdiff_t n) {
+  ptrdiff_t c = 0;
+  for (; c + kTogether <= coils.count; c += kTogether) {
+    add_coils<kTogether, Complex, Step>(out, coils.from(c), n);
   }
-  for (; c < coils; ++c) {
-    if (im) add_coils<1, true>(out, re + c * S, im + c * S, S, n);
-    if (!im) add_coils<1, false>(out, re + c * S, nullptr, S, n);
-  }
+  for (; c < coils.count; ++c) add_coils<1, Complex, Step>(out, coils.from(c), n);
 }
 
-CTESSEL_CLONES void take_roots(float* out, std::ptrdiff_t n) {
+CTESSEL_CLONES void add_squares(float* out, const Coils& coils, ptrdiff_t n) {
+  if (coils.im && coils.step == 1) return add_all<true, 1>(out, coils, n);
+  if (coils.step == 2 && coils.im == coils.re + 1) {
+    // Pairs, named by the real part alone so that each is loaded once.
+    return add_all<true, 2>(out, {coils.re, coils.re + 1, 2, coils.S, coils.count}, n);
+  }
+  if (coils.im) return add_all<true, 0>(out, coils, n);
+  if (coils.step == 1) return add_all<false, 1>(out, coils, n);
+  add_all<false, 0>(out, coils, n);
+}
+
+CTESSEL_CLONES void take_roots(float* out, ptrdiff_t n) {
 #pragma omp simd
-  for (std::ptrdiff_t i = 0; i < n; ++i) out[i] = std::sqrt(out[i]);
+  for (ptrdiff_t i = 0; i < n; ++i) out[i] = std::sqrt(out[i]);
 }
 
-/// Voxels first .. last with coils close together: a tile of independent sums at a time.
-void sum_tiles(const float* re, const float* im, const Coils& coils, float* out,
-               std::ptrdiff_t first, std::ptrdiff_t last) {
-  for (std::ptrdiff_t n = first; n < last; n += kTile) {
-    const std::ptrdiff_t count = std::min(kTile, last - n);
-    std::ptrdiff_t at[kTile];
-    float sum[kTile] = {};
-    for (std::ptrdiff_t v = 0; v < kTile; ++v) at[v] = coils.base(n + std::min(v, count - 1));
-    std::copy_n(out + n, count, sum);
-    for (std::ptrdiff_t c = 0; c < coils.count; ++c) {
-      for (std::ptrdiff_t v = 0; v < kTile; ++v) {
-        const std::ptrdiff_t i = at[v] + c * coils.S;
-        sum[v] += re[i] * re[i];
-        if (im) sum[v] += im[i] * im[i];
-      }
-    }
-    std::copy_n(sum, count, out + n);
-  }
-}
+/// Sums and roots of a row of voxels, in the output itself where that is without gaps.
+struct SumRow {
+  ptrdiff_t S, coils;
+  std::vector<float> own{};
 
-void sum_block(const float* re, const float* im, const Coils& coils, float* out,
-               std::ptrdiff_t first, std::ptrdiff_t last) {
-  if (coils.count < 1) return;  // without coils there need not be an array to point into
-  if (coils.S < kTile) return sum_tiles(re, im, coils, out, first, last);
-  for (std::ptrdiff_t n = first; n < last;) {
-    const std::ptrdiff_t count = std::min(coils.run(n), last - n), base = coils.base(n);
-    add_squares(out + n, re + base, im ? im + base : nullptr, coils.S, coils.count, count);
-    n += count;
+  void operator()(const Row& out, const ConstRow& from) {
+    const Coils all{from.re, from.im, from.step, S, coils};
+    if (out.step == 1) return sum(out.re, all, out.n);
+    own.resize(static_cast<std::size_t>(out.n));
+    load_row({out.re, nullptr, out.step, out.n}, own.data(), nullptr);
+    sum(own.data(), all, out.n);
+    store_row(own.data(), nullptr, out);
   }
-}
+
+  static void sum(float* sums, const Coils& all, ptrdiff_t n) {
+    add_squares(sums, all, n);
+    take_roots(sums, n);
+  }
+};
 
 }  // namespace
 
-void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, float* out,
-                    int* outdims) {
-  const Coils coils{product(dims, 0, coildim - 1), dims[coildim - 1]};
-  ctessel::for_each_chunk(product(outdims, 0, ndims), [&](std::int64_t begin, std::int64_t end) {
-    for (std::int64_t n = begin; n < end; n += kBlock) {
-      const auto first = static_cast<std::ptrdiff_t>(n),
-                 last = static_cast<std::ptrdiff_t>(std::min<std::int64_t>(n + kBlock, end));
-      sum_block(re, im, coils, out, first, last);
-      take_roots(out + first, last - first);
-    }
-  });
+void sos(const ConstSamples& data, Dim coil, const Samples& out) {
+  require_combined(data, coil, out);
+  for_each_block(out, first_coil(data, coil), kBlock, SumRow{data.stride(coil), data.extent(coil)});
 }
 
 // ---- Phase-corrected sum of squares -------------------------------------------------------------
 
 namespace {
 
-/// Data whose tenth dimension has D entries V apart. A coil's weight at a voxel is its mean
-/// magnitude along that dimension, the same for every entry.
-struct Series {
-  const float *re, *im;
-  std::ptrdiff_t V, D;
-};
+constexpr ptrdiff_t kVoxels = 256;
 
-constexpr std::ptrdiff_t kVoxels = 256;
-
-/// Sums of a block of voxels at one entry of the tenth dimension.
+/// Sums of a block of voxels at one entry of the averaged axis.
 struct Sums {
   float squares[kVoxels], real[kVoxels], imaginary[kVoxels];
 };
 
-/// Samples of the block's voxels, side by side from `base` on or at `base + at[v]`.
-struct Place {
-  std::ptrdiff_t base;
-  const std::ptrdiff_t* at;
+/// One coil's samples of a block, D images V floats apart. A coil's weight at a voxel is its mean
+/// magnitude along that axis, the same for every entry.
+struct Series {
+  const float *re, *im;
+  ptrdiff_t step, V, D;
 };
 
-template <bool SideBySide>
-[[gnu::always_inline]] inline void add_magnitudes(const Series& s, const Place& p, float* sum,
-                                                  std::ptrdiff_t n) {
-  const float* re = s.re + p.base;
-  const float* im = s.im ? s.im + p.base : nullptr;
+template <int Step>
+CTESSEL_INLINE void add_magnitudes(const Series& s, ptrdiff_t k, float* sum, ptrdiff_t n) {
+  const ptrdiff_t step = Step ? Step : s.step;
+  const float *re = s.re + k * s.V, *im = s.im ? s.im + k * s.V : nullptr;
 #pragma omp simd
-  for (std::ptrdiff_t v = 0; v < n; ++v) {
-    const float x = re[SideBySide ? v : p.at[v]], y = im ? im[SideBySide ? v : p.at[v]] : 0.0f;
+  for (ptrdiff_t v = 0; v < n; ++v) {
+    const float x = re[step * v], y = im ? im[step * v] : 0.0f;
     sum[v] += std::sqrt(x * x + y * y);
   }
 }
 
-template <bool SideBySide>
-[[gnu::always_inline]] inline void add_weighted(const Series& s, const Place& p, const float* w,
-                                                Sums& sums, std::ptrdiff_t n) {
-  const float* re = s.re + p.base;
-  const float* im = s.im ? s.im + p.base : nullptr;
+template <int Step>
+CTESSEL_INLINE void add_weighted(const Series& s, ptrdiff_t k, const float* w, Sums& sums,
+                                 ptrdiff_t n) {
+  const ptrdiff_t step = Step ? Step : s.step;
+  const float *re = s.re + k * s.V, *im = s.im ? s.im + k * s.V : nullptr;
 #pragma omp simd
-  for (std::ptrdiff_t v = 0; v < n; ++v) {
-    const float x = re[SideBySide ? v : p.at[v]];
+  for (ptrdiff_t v = 0; v < n; ++v) {
+    const float x = re[step * v];
     sums.squares[v] += x * x;
     sums.real[v] += x * w[v];
     if (im) {
-      const float y = im[SideBySide ? v : p.at[v]];
+      const float y = im[step * v];
       sums.squares[v] += y * y;
       sums.imaginary[v] += w[v] * y;
     }
@@ -173,82 +185,100 @@ template <bool SideBySide>
 }
 
 /// Takes one coil into the sums of all D entries: its weights once, then every entry.
-template <bool SideBySide>
-[[gnu::always_inline]] inline void add_coil(const Series& s, const Place& p, Sums* sums,
-                                            std::ptrdiff_t n) {
+template <int Step>
+CTESSEL_INLINE void add_coil_in_steps(const Series& s, Sums* sums, ptrdiff_t n) {
   float w[kVoxels] = {};
-  for (std::ptrdiff_t k = 0; k < s.D; ++k) {
-    add_magnitudes<SideBySide>(s, {p.base + k * s.V, p.at}, w, n);
-  }
+  for (ptrdiff_t k = 0; k < s.D; ++k) add_magnitudes<Step>(s, k, w, n);
   const auto count = static_cast<float>(s.D);
-  for (std::ptrdiff_t v = 0; v < n; ++v) w[v] /= count;
-  for (std::ptrdiff_t t = 0; t < s.D; ++t) {
-    add_weighted<SideBySide>(s, {p.base + t * s.V, p.at}, w, sums[t], n);
-  }
+  for (ptrdiff_t v = 0; v < n; ++v) w[v] /= count;
+  for (ptrdiff_t t = 0; t < s.D; ++t) add_weighted<Step>(s, t, w, sums[t], n);
 }
 
-CTESSEL_CLONES void add_coil_at(const Series& s, const Place& p, Sums* sums, std::ptrdiff_t n) {
-  if (p.at) return add_coil<false>(s, p, sums, n);
-  add_coil<true>(s, p, sums, n);
+CTESSEL_CLONES void add_coil(const Series& s, Sums* sums, ptrdiff_t n) {
+  if (s.step == 1) return add_coil_in_steps<1>(s, sums, n);
+  if (s.step == 2) return add_coil_in_steps<2>(s, sums, n);
+  add_coil_in_steps<0>(s, sums, n);
 }
 
-void store(const Sums& sums, std::ptrdiff_t v, float* out_re, float* out_im) {
+void store(const Sums& sums, ptrdiff_t v, float* out_re, float* out_im) {
   const float m = std::sqrt(sums.squares[v]), phase = std::atan2(sums.imaginary[v], sums.real[v]);
   *out_re = m * std::cos(phase);
   *out_im = m * std::sin(phase);
 }
 
-/// Voxels first .. last (counted without coils and without the tenth dimension) of one outer index.
-void combine_voxels(const Series& s, const Coils& coils, std::ptrdiff_t first, std::ptrdiff_t n,
-                    std::vector<Sums>& sums, std::ptrdiff_t out_step, float* out_re,
-                    float* out_im) {
-  std::ptrdiff_t at[kVoxels];
-  const std::ptrdiff_t base = coils.base(first);
-  const bool side_by_side = coils.run(first) >= n;
-  for (std::ptrdiff_t v = 0; v < n && !side_by_side; ++v) at[v] = coils.base(first + v) - base;
-  std::fill(sums.begin(), sums.end(), Sums{});
-  for (std::ptrdiff_t c = 0; c < coils.count; ++c) {
-    add_coil_at(s, {base + c * coils.S, side_by_side ? nullptr : at}, sums.data(), n);
-  }
-  for (std::ptrdiff_t t = 0; t < s.D; ++t) {
-    for (std::ptrdiff_t v = 0; v < n; ++v) {
-      store(sums[static_cast<std::size_t>(t)], v, out_re + first + v + t * out_step,
-            out_im + first + v + t * out_step);
+/// One coil's series to the next, and the output's images V_out floats apart.
+struct CombineRow {
+  ptrdiff_t coils, S, D, V, V_out;
+  std::vector<Sums> sums{};
+
+  void operator()(const Row& out, const ConstRow& from) {
+    sums.assign(static_cast<std::size_t>(D), Sums{});
+    for (ptrdiff_t c = 0; c < coils; ++c) {
+      add_coil({from.re + c * S, from.im ? from.im + c * S : nullptr, from.step, V, D}, sums.data(),
+               out.n);
+    }
+    for (ptrdiff_t t = 0; t < D; ++t) {
+      for (ptrdiff_t v = 0; v < out.n; ++v) {
+        const ptrdiff_t at = t * V_out + v * out.step;
+        store(sums[static_cast<std::size_t>(t)], v, out.re + at, out.im + at);
+      }
     }
   }
+};
+
+}  // namespace
+
+void pcsos(const ConstSamples& data, Dim coil, const Samples& out) {
+  constexpr Dim kAveraged = Dim::repetition;
+  if (coil == kAveraged) throw std::invalid_argument("pcsos: the coils are on the averaged axis");
+  if (!out.im) throw std::invalid_argument("pcsos: out must be complex");
+  require_combined(data, coil, out);
+  if (data.extent(kAveraged) == 0) return;
+  const bool averaged = data.ndim() > static_cast<int>(kAveraged);
+  const auto one = [&](const auto& s) { return averaged ? s.slice(kAveraged, 0, 1) : s; };
+  for_each_block(one(out), one(first_coil(data, coil)), kVoxels,
+                 CombineRow{data.extent(coil), data.stride(coil), data.extent(kAveraged),
+                            data.stride(kAveraged), out.stride(kAveraged)});
 }
 
-/// Coils below the tenth dimension, outputs of the input's shape: the usual case, in blocks.
-void combine_blocks(const Series& s, const Coils& coils, std::int64_t outer, float* out_re,
-                    float* out_im) {
-  const std::ptrdiff_t voxels = s.V / coils.count;
-  const std::ptrdiff_t blocks = (voxels + kVoxels - 1) / kVoxels;
-  ctessel::for_each_chunk(outer * blocks, [&](std::int64_t begin, std::int64_t end) {
-    std::vector<Sums> sums(static_cast<std::size_t>(s.D));
-    for (auto b = static_cast<std::ptrdiff_t>(begin); b < end; ++b) {
-      const std::ptrdiff_t r = b / blocks, first = b % blocks * kVoxels;
-      const Series one{s.re + r * s.V * s.D, s.im ? s.im + r * s.V * s.D : nullptr, s.V, s.D};
-      combine_voxels(one, coils, first, std::min(kVoxels, voxels - first), sums, voxels,
-                     out_re + r * voxels * s.D, out_im + r * voxels * s.D);
-    }
-  });
+}  // namespace ctessel
+
+void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, float* out,
+                    int* outdims) {
+  using namespace ctessel;
+  const ptrdiff_t S = product(dims, 0, coildim - 1), coils = dims[coildim - 1],
+                  n = product(outdims, 0, ndims);
+  if (S <= 0) return;
+  // Voxels below the coils, then whole runs of them; and what is left of a run.
+  const auto sum = [&](ptrdiff_t first, ptrdiff_t below, ptrdiff_t above) {
+    if (below * above == 0) return;
+    const ptrdiff_t at = first * coils;
+    sos(ConstSamples::parts(re + at, im ? im + at : nullptr, {below, coils, above}), Dim::y,
+        Samples::parts(out + first, nullptr, {below, 1, above}));
+  };
+  sum(0, S, n / S);
+  sum(n / S * S, n % S, 1);
 }
+
+namespace {
 
 /// One output voxel of any shape, `total` samples in all: coils at or beyond the tenth dimension,
 /// outputs that do not match the input.
-void combine_voxel(const Series& s, const Coils& coils, std::ptrdiff_t total, std::ptrdiff_t n,
-                   float* out_re, float* out_im) {
+void combine_voxel(const ctessel::ConstSamples& data, const int* dims, int coildim,
+                   std::ptrdiff_t total, std::ptrdiff_t n, float* out_re, float* out_im) {
+  using namespace ctessel;
+  const ptrdiff_t S = product(dims, 0, coildim - 1), coils = dims[coildim - 1],
+                  V = product(dims, 0, 9), D = dims[9];
   Sums sums;
   sums.squares[0] = sums.real[0] = sums.imaginary[0] = 0;
-  const std::ptrdiff_t b = coils.base(n), t = b % (s.D * s.V) / s.V;
-  for (std::ptrdiff_t c = 0; c < coils.count && b + c * coils.S < total; ++c) {
-    const std::ptrdiff_t i = b + c * coils.S;
+  const ptrdiff_t b = n / S * (coils - 1) * S + n, t = b % (D * V) / V;
+  for (ptrdiff_t c = 0; c < coils && b + c * S < total; ++c) {
+    const ptrdiff_t first = b + c * S - t * V;
+    const Series s{data.re + first, data.im ? data.im + first : nullptr, 1, V, D};
     float w = 0;
-    for (std::ptrdiff_t k = 0; k < s.D && i + (k - t) * s.V < total; ++k) {
-      add_magnitudes<true>(s, {i + (k - t) * s.V, nullptr}, &w, 1);
-    }
-    w /= static_cast<float>(s.D);
-    add_weighted<true>(s, {i, nullptr}, &w, sums, 1);
+    for (ptrdiff_t k = 0; k < D && first + k * V < total; ++k) add_magnitudes<1>(s, k, &w, 1);
+    w /= static_cast<float>(D);
+    add_weighted<1>(s, t, &w, sums, 1);
   }
   store(sums, 0, out_re + n, out_im + n);
 }
@@ -257,22 +287,25 @@ void combine_voxel(const Series& s, const Coils& coils, std::ptrdiff_t total, st
 
 void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, float* out_re,
                       float* out_im, int* outdims) {
-  const Series s{re, im, product(dims, 0, 9), dims[9]};
-  const Coils coils{product(dims, 0, coildim - 1), dims[coildim - 1]};
-  const std::ptrdiff_t total = product(dims, 0, std::max(ndims, 10)),
-                       n = product(outdims, 0, ndims);
-  if (s.D <= 0) {  // a mean over nothing
+  using namespace ctessel;
+  const int axes = std::max(ndims, 10);
+  const ptrdiff_t total = product(dims, 0, axes), n = product(outdims, 0, ndims),
+                  coils = dims[coildim - 1];
+  const ConstSamples data = ConstSamples::parts(re, im, Extents(dims, dims + axes));
+  if (dims[9] <= 0) {  // a mean over nothing
     std::fill_n(out_re, n, NAN);
     std::fill_n(out_im, n, NAN);
-  } else if (coils.count <= 0) {
+  } else if (coils <= 0) {
     std::fill_n(out_re, n, 0.0f);
     std::fill_n(out_im, n, 0.0f);
-  } else if (coildim < 10 && n == total / coils.count) {
-    combine_blocks(s, coils, ctessel::merged_outer(ndims, dims, 10), out_re, out_im);
-  } else if (s.V > 0) {
-    ctessel::for_each_chunk(n, [&](std::int64_t begin, std::int64_t end) {
-      for (auto v = static_cast<std::ptrdiff_t>(begin); v < end; ++v) {
-        combine_voxel(s, coils, total, v, out_re, out_im);
+  } else if (coildim < 10 && n == total / coils) {
+    Extents one = data.extents;
+    one[static_cast<std::size_t>(coildim - 1)] = 1;
+    pcsos(data, Dim(coildim - 1), Samples::parts(out_re, out_im, one));
+  } else if (product(dims, 0, 9) > 0) {
+    for_each_chunk(n, [&](std::int64_t begin, std::int64_t end) {
+      for (auto v = static_cast<ptrdiff_t>(begin); v < end; ++v) {
+        combine_voxel(data, dims, coildim, total, v, out_re, out_im);
       }
     });
   }

@@ -173,6 +173,21 @@ void copy(const ConstSamples& from, const Samples& to);
 /// Memory: the three windows; 64 KiB or a row of weights on each thread.
 void ringing_filter(const ConstSamples& data, const Samples& out, const RingingWindow& window);
 
+// ---- Coil combination ---------------------------------------------------------------------------
+//
+// Roemer et al., Magn. Reson. Med. 16:192 (1990).
+
+/// Root sum of squares over the coils, out = sqrt(out + sum over coils of |data|^2), in the order of
+/// TS_perform_sos. `out` is real and has extent 1 along `coil`; pass zeros unless sets of coils are
+/// taken in turn. Threads: split over voxels. Memory: none; where the samples of `out` have gaps,
+/// 256 KiB on each thread.
+void sos(const ConstSamples& data, Dim coil, const Samples& out);
+
+/// The same magnitude with the phase of the weighted coil sum: see TS_perform_pcsos. Weights are means
+/// along Dim::repetition, which is not the coils' axis. `out` is complex, written, and has extent 1
+/// along `coil`. Threads: split over voxels. Memory: 3 KiB per thread and entry of the averaged axis.
+void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
+
 // ---- Homodyne reconstruction --------------------------------------------------------------------
 //
 // Noll, Nishimura, Macovski, IEEE Trans. Med. Imaging 10:154 (1991).

@@ -234,25 +234,36 @@ struct Grid {
   }
 };
 
-/// Samples at the two ends of each interval along x, for the four rows around a row.
-struct Ends {
-  const float *first[4], *second[4];
+/// One part of the four rows around a row, spread onto the grid along x: the samples at the first ends
+/// of the intervals, n of them, then those at the second ends, row by row.
+struct Spread {
+  const float* ends;
+  float* out;
 };
 
 /// The eight corners in the order of TS_linear_interpolation, their weights multiplied as there.
-CTESSEL_CLONES void sum_corners(const Ends& ends, const double* fraction, double fa, double fc,
-                                float* out, ptrdiff_t n) {
-  const double a[] = {1 - fa, fa, 1 - fa, fa}, c[] = {1 - fc, 1 - fc, fc, fc};
+template <int Parts>
+CTESSEL_INLINE void sum_corners(const Spread* parts, const double* fraction, double fa, double fc,
+                                ptrdiff_t n) {
+  const double ga = 1 - fa, gc = 1 - fc;
 #pragma omp simd
   for (ptrdiff_t i = 0; i < n; ++i) {
     const double fb = fraction[i], gb = 1 - fb;
-    double sum = 0;
-    for (int k = 0; k < 4; ++k) {
-      sum += gb * a[k] * c[k] * ends.first[k][i];
-      sum += fb * a[k] * c[k] * ends.second[k][i];
+    const double rows[] = {gb * ga, fb * ga, gb * fa, fb * fa};
+    for (int p = 0; p < Parts; ++p) {
+      const float* ends = parts[p].ends + i;
+      double sum = 0;
+      for (int k = 0; k < 4; ++k) sum += rows[k] * gc * ends[k * n];
+      for (int k = 0; k < 4; ++k) sum += rows[k] * fc * ends[(k + 4) * n];
+      parts[p].out[i] = static_cast<float>(sum);
     }
-    out[i] = static_cast<float>(sum);
   }
+}
+
+CTESSEL_CLONES void interpolate_row(const Spread* parts, bool complex, const double* fraction,
+                                    double fa, double fc, ptrdiff_t n) {
+  if (complex) return sum_corners<2>(parts, fraction, fa, fc, n);
+  sum_corners<1>(parts, fraction, fa, fc, n);
 }
 
 /// The low-resolution image on the data's grid, a row at a time, with the rule of
@@ -282,46 +293,34 @@ class Resampler {
     const ptrdiff_t base = volume_ * r + nx_ * y_.index[iy] + plane_ * z_.index[iz];
     if (base != s.spread_from) spread(base, volume_ * (r + 1), s);
     s.spread_from = base;
-    const int parts = low_.im ? 2 : 1;
-    for (int part = 0; part < parts; ++part) {
-      Ends ends;
-      for (int k = 0; k < 4; ++k) {
-        ends.first[k] = spread_row(s, part, k);
-        ends.second[k] = ends.first[k] + s.n;
-      }
-      // This fraction alone is a float.
-      sum_corners(ends, x_.fraction.data(), y_.fraction[iy], static_cast<float>(z_.fraction[iz]),
-                  s.values.data() + static_cast<std::size_t>(part) * s.n,
-                  static_cast<ptrdiff_t>(s.n));
-    }
+    const Spread parts[] = {{s.ends.data(), s.values.data()},
+                            {s.ends.data() + 8 * s.n, s.values.data() + s.n}};
+    // The last fraction alone is a float.
+    interpolate_row(parts, low_.im, x_.fraction.data(), y_.fraction[iy],
+                    static_cast<float>(z_.fraction[iz]), static_cast<ptrdiff_t>(s.n));
     return {s.values.data(), low_.im ? s.values.data() + s.n : nullptr, 1,
             static_cast<ptrdiff_t>(s.n)};
   }
 
  private:
-  static float* spread_row(Scratch& s, int part, int k) {
-    return s.ends.data() + static_cast<std::size_t>(2 * (4 * part + k)) * s.n;
-  }
-
   void spread(ptrdiff_t base, ptrdiff_t end, Scratch& s) const {
     const ptrdiff_t rows[] = {0, nx_, plane_, nx_ + plane_};
-    for (int k = 0; k < 4; ++k) {
-      spread_part(low_.re, base + rows[k], end, s.n, spread_row(s, 0, k));
-      if (low_.im) spread_part(low_.im, base + rows[k], end, s.n, spread_row(s, 1, k));
+    for (std::size_t k = 0; k < 4; ++k) {
+      float* ends = s.ends.data() + 2 * k * s.n;
+      spread_part(low_.re, base + rows[k], end, s.n, ends);
+      if (low_.im) spread_part(low_.im, base + rows[k], end, s.n, ends + 8 * s.n);
     }
   }
 
   void spread_part(const float* part, ptrdiff_t row, ptrdiff_t end, std::size_t n,
                    float* out) const {
-    const ptrdiff_t step = in_steps();
+    const ptrdiff_t step = ctessel::in_pairs(low_) ? 2 : 1;
     const auto at = [&](ptrdiff_t i) { return i < end ? part[step * i] : 0.0f; };
     for (std::size_t i = 0; i < n; ++i) {
       out[i] = at(row + x_.index[i]);
       out[n + i] = at(row + x_.index[i] + 1);
     }
   }
-
-  ptrdiff_t in_steps() const { return ctessel::in_pairs(low_) ? 2 : 1; }
 
   const ConstSamples& low_;
   ptrdiff_t nx_, plane_, volume_;

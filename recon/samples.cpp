@@ -28,6 +28,7 @@ constexpr ptrdiff_t kSquare = 64;                     // samples along either si
 constexpr ptrdiff_t kMostRows = kSquare + kLine / 4;  // of a tile whose columns begin with lines
 constexpr ptrdiff_t kUnit = 16 * kSquare;             // samples that a thread reads on
 constexpr ptrdiff_t kRow = 1 << 14;                   // samples of a row that it copies at once
+constexpr ptrdiff_t kShort = 16;                      // samples of a row that is worth a call
 constexpr ptrdiff_t kStream = 1 << 22;                // bytes that leave little else in the caches
 
 /// What a copy does to one sample: Ins words, one from each of the arrays read, and Outs words,
@@ -494,6 +495,9 @@ JointRows::JointRows(const Samples& a, const ConstSamples& b) : a_(a), b_(b) {
     }
   }
   if (axes_.empty()) axes_.push_back({1, 1, 1});
+  const auto is_long = [](const Axis& axis) { return axis.n >= kShort; };
+  const auto run = std::find_if(axes_.begin(), axes_.end(), is_long);
+  if (run != axes_.end()) std::rotate(axes_.begin(), run, run + 1);
 }
 
 std::vector<int> memory_order(const ConstSamples& s) {

@@ -30,15 +30,15 @@ inline Row row_of(const Samples& s, Dim d, std::ptrdiff_t offset = 0) {
 /// Offset of outer volume r, counted over the axes from the fourth on.
 std::ptrdiff_t outer_offset(const ConstSamples& s, std::ptrdiff_t r);
 
-/// Rows through two views of the same extents, along the axis that is fastest in the first; axes on
-/// which both run on without a gap are one.
+/// Rows through two views of the same extents, along the axis that is fastest in the first unless that
+/// has but a few entries; axes on which both run on without a gap are one.
 class JointRows {
  public:
   JointRows(const Samples& a, const ConstSamples& b);
 
   /// body(row of a, row of b) for the samples begin .. end - 1, in the order of the rows.
   template <class Body>
-  void visit(std::ptrdiff_t begin, std::ptrdiff_t end, const Body& body) const {
+  void visit(std::ptrdiff_t begin, std::ptrdiff_t end, Body&& body) const {
     const Axis& run = axes_.front();
     while (begin < end) {
       const std::ptrdiff_t i = begin % run.n, n = std::min(run.n - i, end - begin);
