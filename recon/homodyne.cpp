@@ -235,9 +235,9 @@ struct Grid {
 };
 
 /// One part of the four rows around a row, spread onto the grid along x: the samples at the first ends
-/// of the intervals, n of them, then those at the second ends, row by row.
+/// of the intervals, then those at the second ends.
 struct Spread {
-  const float* ends;
+  const float* ends[4];
   float* out;
 };
 
@@ -251,10 +251,16 @@ CTESSEL_INLINE void sum_corners(const Spread* parts, const double* fraction, dou
     const double fb = fraction[i], gb = 1 - fb;
     const double rows[] = {gb * ga, fb * ga, gb * fa, fb * fa};
     for (int p = 0; p < Parts; ++p) {
-      const float* ends = parts[p].ends + i;
+      const auto& ends = parts[p].ends;
       double sum = 0;
-      for (int k = 0; k < 4; ++k) sum += rows[k] * gc * ends[k * n];
-      for (int k = 0; k < 4; ++k) sum += rows[k] * fc * ends[(k + 4) * n];
+      sum += rows[0] * gc * ends[0][i];
+      sum += rows[1] * gc * ends[0][n + i];
+      sum += rows[2] * gc * ends[1][i];
+      sum += rows[3] * gc * ends[1][n + i];
+      sum += rows[0] * fc * ends[2][i];
+      sum += rows[1] * fc * ends[2][n + i];
+      sum += rows[2] * fc * ends[3][i];
+      sum += rows[3] * fc * ends[3][n + i];
       parts[p].out[i] = static_cast<float>(sum);
     }
   }
@@ -264,6 +270,12 @@ CTESSEL_CLONES void interpolate_row(const Spread* parts, bool complex, const dou
                                     double fa, double fc, ptrdiff_t n) {
   if (complex) return sum_corners<2>(parts, fraction, fa, fc, n);
   sum_corners<1>(parts, fraction, fa, fc, n);
+}
+
+CTESSEL_CLONES void pick(const float* from, ptrdiff_t step, const ptrdiff_t* index, float* out,
+                         ptrdiff_t n) {
+#pragma omp simd
+  for (ptrdiff_t i = 0; i < n; ++i) out[i] = from[step * index[i]];
 }
 
 /// The low-resolution image on the data's grid, a row at a time, with the rule of
@@ -280,45 +292,63 @@ class Resampler {
         y_(low.extent(Dim::y), image.extent(Dim::y)),
         z_(low.extent(Dim::z), image.extent(Dim::z)) {}
 
-  /// One thread's rows.
+  /// One thread's rows: four places for spread ones, each with the linear offset of what it holds.
   struct Scratch {
-    explicit Scratch(const Resampler& r) : n(r.x_.index.size()), ends(16 * n), values(2 * n) {}
+    explicit Scratch(const Resampler& r) : n(r.x_.index.size()), spread(16 * n), values(2 * n) {}
+    const float* ends(std::size_t place, bool imaginary) const {
+      return spread.data() + (4 * place + 2 * imaginary) * n;
+    }
     std::size_t n;
-    std::vector<float> ends, values;
-    ptrdiff_t spread_from = -1;
+    std::vector<float> spread, values;
+    ptrdiff_t held[4] = {-1, -1, -1, -1};
+    std::size_t places[4];  // of the rows around
   };
 
   ConstRow row(ptrdiff_t y, ptrdiff_t z, ptrdiff_t r, Scratch& s) const {
     const auto iy = static_cast<std::size_t>(y), iz = static_cast<std::size_t>(z);
     const ptrdiff_t base = volume_ * r + nx_ * y_.index[iy] + plane_ * z_.index[iz];
-    if (base != s.spread_from) spread(base, volume_ * (r + 1), s);
-    s.spread_from = base;
-    const Spread parts[] = {{s.ends.data(), s.values.data()},
-                            {s.ends.data() + 8 * s.n, s.values.data() + s.n}};
+    const ptrdiff_t around[] = {base, base + nx_, base + plane_, base + nx_ + plane_};
+    hold(around, volume_ * (r + 1), s);
+    float *re = s.values.data(), *im = low_.im ? re + s.n : nullptr;
+    Spread parts[] = {{{}, re}, {{}, im}};
+    for (std::size_t k = 0; k < 4; ++k) {
+      for (std::size_t p = 0; p < 2; ++p) parts[p].ends[k] = s.ends(s.places[k], p == 1);
+    }
     // The last fraction alone is a float.
     interpolate_row(parts, low_.im, x_.fraction.data(), y_.fraction[iy],
                     static_cast<float>(z_.fraction[iz]), static_cast<ptrdiff_t>(s.n));
-    return {s.values.data(), low_.im ? s.values.data() + s.n : nullptr, 1,
-            static_cast<ptrdiff_t>(s.n)};
+    return {re, im, 1, static_cast<ptrdiff_t>(s.n)};
   }
 
  private:
-  void spread(ptrdiff_t base, ptrdiff_t end, Scratch& s) const {
-    const ptrdiff_t rows[] = {0, nx_, plane_, nx_ + plane_};
+  /// Spreads those of four rows that are not held, into the places of rows that are not wanted.
+  void hold(const ptrdiff_t (&rows)[4], ptrdiff_t end, Scratch& s) const {
     for (std::size_t k = 0; k < 4; ++k) {
-      float* ends = s.ends.data() + 2 * k * s.n;
-      spread_part(low_.re, base + rows[k], end, s.n, ends);
-      if (low_.im) spread_part(low_.im, base + rows[k], end, s.n, ends + 8 * s.n);
+      auto* place = std::find(s.held, s.held + 4, rows[k]);
+      if (place == s.held + 4) {
+        place = std::find_if(s.held, s.held + 4, [&](ptrdiff_t held) {
+          return std::find(rows, rows + 4, held) == rows + 4;
+        });
+        *place = rows[k];
+        float* ends = s.spread.data() + 4 * static_cast<std::size_t>(place - s.held) * s.n;
+        spread_part(low_.re, rows[k], end, s.n, ends);
+        if (low_.im) spread_part(low_.im, rows[k], end, s.n, ends + 2 * s.n);
+      }
+      s.places[k] = static_cast<std::size_t>(place - s.held);
     }
   }
 
+  /// Positions ascend: the last ones may lie past the end of the volume.
   void spread_part(const float* part, ptrdiff_t row, ptrdiff_t end, std::size_t n,
                    float* out) const {
     const ptrdiff_t step = ctessel::in_pairs(low_) ? 2 : 1;
-    const auto at = [&](ptrdiff_t i) { return i < end ? part[step * i] : 0.0f; };
-    for (std::size_t i = 0; i < n; ++i) {
-      out[i] = at(row + x_.index[i]);
-      out[n + i] = at(row + x_.index[i] + 1);
+    for (ptrdiff_t next : {0, 1}) {
+      const ptrdiff_t room = end - row - next;
+      const auto inside = std::lower_bound(x_.index.begin(), x_.index.end(), room);
+      const auto count = static_cast<std::size_t>(inside - x_.index.begin());
+      pick(part + step * (row + next), step, x_.index.data(), out, inside - x_.index.begin());
+      std::fill(out + count, out + n, 0.0f);
+      out += n;
     }
   }
 
