@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "cTessel.h"
 #include "conversion.h"
@@ -300,7 +301,8 @@ class Resampler {
     }
     std::size_t n;
     std::vector<float> spread, values;
-    ptrdiff_t held[4] = {-1, -1, -1, -1};
+    ptrdiff_t end = -1;  // of the volume, past which rows count as zeros
+    ptrdiff_t held[4];
     std::size_t places[4];  // of the rows around
   };
 
@@ -323,6 +325,7 @@ class Resampler {
  private:
   /// Spreads those of four rows that are not held, into the places of rows that are not wanted.
   void hold(const ptrdiff_t (&rows)[4], ptrdiff_t end, Scratch& s) const {
+    if (std::exchange(s.end, end) != end) std::fill_n(s.held, 4, ptrdiff_t{-1});
     for (std::size_t k = 0; k < 4; ++k) {
       auto* place = std::find(s.held, s.held + 4, rows[k]);
       if (place == s.held + 4) {

@@ -67,7 +67,8 @@ class Walk {
   Walk(const ConstSamples& from, const Samples& to, const Weighting& weighting)
       : from_(from), to_(to), weighting_(weighting), pairs_(in_pairs(from) && in_pairs(to)) {
     for (int d = 0; d < 3; ++d) axes_[d] = step(d);
-    std::stable_sort(order_, order_ + 3, [&](int a, int b) { return rank(a) < rank(b); });
+    std::sort(order_, order_ + 3,
+              [&](int a, int b) { return std::pair(rank(a), a) < std::pair(rank(b), b); });
     run_ = {axes_[order_[0]], pairs_ ? 2 : 1};
     for (int d : memory_order(to)) {
       if (d >= 3 && to.extent(Dim(d)) > 1) add_outer(step(d));
