@@ -123,7 +123,7 @@ def _parser():
     )
     parser.add_argument("--version", action="version", version=f"ctessel {__version__}")
     commands = parser.add_subparsers(metavar="COMMAND", required=True)
-    for add in (_add_recon, _add_info, _add_merge, _add_phantom):
+    for add in (_add_recon, _add_info, _add_merge, _add_phantom, _add_warp, _add_unwarp):
         add(commands)
     return parser
 
@@ -258,6 +258,95 @@ def _add_phantom(commands):
     command.add_argument("--seed", type=int, metavar="N")
 
 
+def _add_warp(commands):
+    command = _command(
+        commands, "warp", warp, "write the displacement field of gradients that are not linear"
+    )
+    command.add_argument("coefficients", metavar="COEFFICIENTS")
+    command.add_argument("-o", "--output", required=True, metavar="WARP.nii.gz", type=_nifti_name)
+    command.add_argument("--like", metavar="IMAGE.nii.gz", help="the image that it is for")
+    command.add_argument(
+        "--extent", type=_size, metavar="MM", help="side of a cube around the isocentre (500)"
+    )
+    command.add_argument("--spacing", type=_size, metavar="MM", help="between its voxels (5)")
+    command.add_argument(
+        "--type",
+        choices=("itk", "fsl", "fsl-abs", "ras"),
+        default="itk",
+        help="convention: displacement (itk, the default; fsl) or place (fsl-abs; ras, of the world)",
+    )
+    command.add_argument(
+        "--direction",
+        choices=("unwarp", "distort"),
+        default="unwarp",
+        help="from true positions to encoded ones (unwarp, the default), or the inverse",
+    )
+    command.add_argument(
+        "--dims",
+        type=int,
+        choices=(3, 2, 1),
+        default=3,
+        help="all (3, the default), in the plane of the slices (2), across them (1)",
+    )
+    command.add_argument(
+        "--jacobian",
+        metavar="J.nii.gz",
+        type=_nifti_name,
+        help="also the factors of intensity, |det d encoded / d position|",
+    )
+    command.add_argument(
+        "--grad-dev",
+        metavar="G.nii.gz",
+        type=_nifti_name,
+        help="also d encoded_a / d position_b minus identity, volume 3 a + b, along the axes of b-vectors",
+    )
+    _add_field(command)
+
+
+def _add_unwarp(commands):
+    command = _command(
+        commands, "unwarp", unwarp, "correct an image for gradients that are not linear"
+    )
+    command.add_argument("image", metavar="IMAGE.nii.gz")
+    command.add_argument("--coefficients", required=True, metavar="FILE")
+    command.add_argument("-o", "--output", required=True, metavar="OUT.nii.gz", type=_nifti_name)
+    command.add_argument(
+        "--mode",
+        choices=("auto", "3d", "2d", "through-plane", "none"),
+        default="auto",
+        help="what is still to be corrected; auto (the default) reads the sidecar",
+    )
+    command.add_argument(
+        "--no-intensity", action="store_true", help="do not multiply with the Jacobian"
+    )
+    command.add_argument(
+        "--interpolation",
+        choices=("cubic", "sinc", "linear"),
+        default="cubic",
+        help="cubic splines (the default), windowed sinc, or linear",
+    )
+    _add_field(command)
+
+
+def _add_field(command):
+    command.add_argument(
+        "--position",
+        metavar="POSITION",
+        type=_patient_position,
+        help="how the patient lay, in place of the sidecar's PatientPosition: HFS, HFP, FFS, FFP",
+    )
+    command.add_argument(
+        "--radius", type=_size, metavar="MM", help="of the expansion, in place of the file's"
+    )
+    command.add_argument(
+        "--axes",
+        metavar="LPS",
+        type=_gradient_axes,
+        help="where the gradients' axes point, head first on the back, in place of the file's form",
+    )
+    command.add_argument("--threads", type=_positive, metavar="N")
+
+
 def _number(kind, accept, what):
     def convert(text):
         try:
@@ -273,17 +362,25 @@ def _number(kind, accept, what):
 
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
+_size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
 
 
 def _patient_position(text):
-    from ._gradients import GRADIENT_AXES
+    from .gradients import POSITIONS
 
-    if text not in GRADIENT_AXES:
-        raise argparse.ArgumentTypeError(
-            f"expected one of {', '.join(GRADIENT_AXES)}, got {text!r}"
-        )
+    if text not in POSITIONS:
+        raise argparse.ArgumentTypeError(f"expected one of {', '.join(POSITIONS)}, got {text!r}")
     return text
+
+
+def _gradient_axes(text):
+    from .gradients import check_axes
+
+    try:
+        return check_axes(text)
+    except ValueError as error:
+        raise argparse.ArgumentTypeError(str(error)) from None
 
 
 def _png_name(text):
@@ -341,13 +438,17 @@ def recon(arguments):
 
 def _warn(texts, arguments):
     """A line on stderr for each; with --strict they end the run."""
-    for text in texts:
-        print(f"ctessel: warning: {text}", file=sys.stderr)
+    _tell(texts)
     if texts and arguments.strict:
         raise ValueError(
             f"{arguments.raw}: {len(texts)} warning{'s' * (len(texts) > 1)}, and --strict takes none; "
             "mend what they name, or leave --strict out"
         )
+
+
+def _tell(texts):
+    for text in texts:
+        print(f"ctessel: warning: {text}", file=sys.stderr)
 
 
 def info(arguments):
@@ -393,6 +494,62 @@ def phantom(arguments):
     }
     with _progress("writing", "acquisitions") as progress:
         phantoms.write(arguments.output, arguments.kind, progress=progress, **changes)
+
+
+def warp(arguments):
+    """``ctessel warp``"""
+    from . import warp as warps
+    from .gradients import read_coefficients
+
+    if arguments.like and (arguments.extent or arguments.spacing):
+        raise UsageError("argument --like: not allowed with --extent and --spacing")
+    coefficients = read_coefficients(
+        arguments.coefficients, radius=arguments.radius, axes=arguments.axes
+    )
+    if arguments.like:
+        image = warps.load(arguments.like)
+        grid, position = image.grid, warps.patient_position(image, arguments.position)
+    else:
+        grid = warps.scanner_grid(arguments.extent or 500, arguments.spacing or 5)
+        position = arguments.position or "HFS"
+    correction = warps.Correction(
+        coefficients, position, arguments.dims, arguments.direction == "distort"
+    )
+    warnings = warps.save_warp(
+        arguments.output,
+        grid,
+        correction,
+        kind=arguments.type,
+        jacobian=arguments.jacobian,
+        grad_dev=arguments.grad_dev,
+        source=arguments.coefficients,
+        threads=arguments.threads,
+    )
+    _tell(warnings)
+
+
+def unwarp(arguments):
+    """``ctessel unwarp``"""
+    from . import warp as warps
+    from .gradients import read_coefficients
+
+    coefficients = read_coefficients(
+        arguments.coefficients, radius=arguments.radius, axes=arguments.axes
+    )
+    with _progress("correcting", "steps") as progress:
+        warnings = warps.unwarp_file(
+            arguments.image,
+            coefficients,
+            arguments.output,
+            source=arguments.coefficients,
+            mode=arguments.mode,
+            position=arguments.position,
+            intensity=not arguments.no_intensity,
+            interpolation=arguments.interpolation,
+            threads=arguments.threads,
+            progress=progress,
+        )
+    _tell(warnings)
 
 
 @contextlib.contextmanager

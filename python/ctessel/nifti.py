@@ -122,12 +122,22 @@ def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
 
 
 def _save(image, path, matrix, known, repetition_time):
+    place(image, matrix, known)
+    image.header.set_xyzt_units("mm", "sec")
+    image.header["pixdim"][4] = repetition_time
+    store(image, path)
+
+
+def place(image, matrix, known=True):
+    """State where voxels lie; an affine whose axes are not perpendicular in sform alone."""
     image.set_sform(matrix, code=1 if known else 0)
     axes = matrix[:3, :3] / np.linalg.norm(matrix[:3, :3], axis=0)
     upright = np.allclose(axes.T @ axes, np.eye(3), atol=1e-4)
     image.set_qform(matrix, code=1 if known and upright else 0)
-    image.header.set_xyzt_units("mm", "sec")
-    image.header["pixdim"][4] = repetition_time
+
+
+def store(image, path):
+    """Write an image of nibabel, packed where the name ends in .gz."""
     if path.suffix != ".gz":
         return image.to_filename(path)
     with open(path, "wb") as file, _Gzip(file) as packed:

@@ -1,0 +1,621 @@
+"""The correction for gradients that are not linear, as a warp for images that lie in the scanner.
+
+World coordinates are those of NIfTI (right, anterior, superior; mm) with their origin at the
+isocentre. Everything is in the image domain. docs/geometry.md derives signs and axes.
+"""
+
+import itertools
+import json
+import zlib
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+from pathlib import Path
+
+import numpy as np
+from scipy import ndimage
+
+from . import _core, nifti, runtime
+from .files import Staged, printable
+from .gradients import Coefficients
+
+__all__ = ["Correction", "Grid", "save_warp", "scanner_grid", "unwarp", "unwarp_file"]
+
+#: What of the displacement a mode undoes: all, what lies in the plane of the slices, what leaves it.
+MODES = {"3d": 3, "2d": 2, "through-plane": 1, "none": 0}
+TYPES = ("itk", "fsl", "fsl-abs", "ras")
+#: Orders of splines.
+ORDERS = {"cubic": 3, "linear": 1}
+_RAS = np.array([-1.0, -1.0, 1.0])  # along left, posterior, superior
+_SLAB = 1 << 18  # voxels that are worked on at a time
+_STEPS = 200  # of an iteration
+
+
+@dataclass(frozen=True)
+class Grid:
+    """Voxels in the world: voxel (i, j, k) lies at ``affine @ (i, j, k, 1)``."""
+
+    affine: np.ndarray
+    shape: tuple
+
+    @property
+    def normal(self):
+        """Unit vector across the planes of the first two axes, in the world."""
+        across = np.cross(self.affine[:3, 0], self.affine[:3, 1])
+        return across / np.linalg.norm(across)
+
+    @property
+    def reach(self):
+        """Distance of the furthest voxel from the isocentre in mm."""
+        corners = itertools.product(*((0, n - 1) for n in self.shape))
+        return max(np.linalg.norm(self.affine[:3] @ (*corner, 1)) for corner in corners)
+
+    def slab(self, first, last):
+        """Slices first to last - 1."""
+        affine = self.affine.copy()
+        affine[:3, 3] += first * affine[:3, 2]
+        return Grid(affine, (*self.shape[:2], last - first))
+
+    def slabs(self):
+        """Ranges of slices that are worked on at a time."""
+        step = max(1, _SLAB // max(1, self.shape[0] * self.shape[1]))
+        return [(k, min(k + step, self.shape[2])) for k in range(0, self.shape[2], step)]
+
+
+def scanner_grid(extent, spacing):
+    """Grid over at least a cube around the isocentre, along the axes of the world; mm."""
+    count = 2 * int(np.ceil(extent / (2 * spacing) - 1e-9)) + 1
+    affine = np.diag([spacing, spacing, spacing, 1.0])
+    affine[:3, 3] = -spacing * (count // 2)
+    return Grid(affine, (count,) * 3)
+
+
+@dataclass(frozen=True)
+class Correction:
+    """A displacement field of the world.
+
+    Attributes
+    ----------
+    coefficients : Coefficients
+    position : {"HFS", "HFP", "FFS", "FFP"}
+        How the patient lay.
+    dims : {3, 2, 1}
+        All of the displacement, its part in the plane of the slices, or its part across them.
+    distort : bool
+        False: from true positions to where they are encoded, which undoes the distortion of an image
+        that is sampled there. True: the inverse.
+    """
+
+    coefficients: Coefficients
+    position: str = "HFS"
+    dims: int = 3
+    distort: bool = False
+
+    def evaluate(self, grid, wanted, threads=None):
+        """What is `wanted` of the displacement of a grid's voxels.
+
+        Parameters
+        ----------
+        grid : Grid
+        wanted : sequence of {"displacement", "determinant", "jacobian"}
+            The determinant is that of ``d encoded / d position``, by which intensity is to be multiplied
+            (of the inverse, its reciprocal); the Jacobian is that of all three dimensions.
+        threads : int, optional
+
+        Returns
+        -------
+        list of ndarray of float64
+            ``(x, y, z, 3)`` in mm, ``(x, y, z)``, ``(x, y, z, 3, 3)``, along the axes of the world;
+            NaN where the inverse does not converge.
+        """
+        signs = self.coefficients.signs(self.position) * _RAS
+        at = {"affine": signs[:, None] * grid.affine[:3], "shape": grid.shape}
+        moved = None
+        if self.distort:
+            start = _voxels(at["affine"], grid.shape)
+            moved = self._points(at, start, signs * grid.normal, threads) - start
+            at = {"points": start + moved}
+        names = set(wanted)
+        if self.dims < 3 and "determinant" in names:
+            names.add("jacobian")
+        found = self._found(at, names, signs, threads)
+        along = found.get("displacement")
+        if moved is not None:
+            along = signs * moved
+        elif self.dims < 3 and along is not None:
+            along = _projected(along, grid.normal, self.dims)
+        if "determinant" in wanted and self.dims < 3:
+            found["determinant"] = _partial_determinant(found["jacobian"], grid, self.dims)
+        results = {"displacement": along, "jacobian": found.get("jacobian")}
+        if "determinant" in wanted:
+            size = np.abs(found["determinant"])
+            results["determinant"] = 1 / size if self.distort else size
+        return [results[name] for name in wanted]
+
+    def _found(self, at, names, signs, threads):
+        names = sorted(names)
+        found = dict(
+            zip(
+                names,
+                self.coefficients.field.evaluate(names, threads=threads, **at),
+                strict=True,
+            )
+        )
+        if "displacement" in found:
+            found["displacement"] *= signs
+        if "jacobian" in found:
+            found["jacobian"] *= signs[:, None] * signs
+        return found
+
+    def _points(self, at, start, normal, threads):
+        """Points, along the gradients' axes, that the part in `dims` moves to those of the grid."""
+        field = self.coefficients.field
+        if self.dims == 3:
+            return field.inverse(threads=threads, **at)[0]
+        points = start.copy()
+        for _ in range(_STEPS):
+            moved = _projected(field.displacement(points, threads=threads), normal, self.dims)
+            step = start - moved - points
+            left = ~(np.abs(step).max(-1) <= 1e-9 * field.radius)
+            points += step
+            if not left.any():
+                return points
+        points[left] = np.nan
+        return points
+
+
+def _voxels(affine, shape):
+    index = np.moveaxis(np.indices(shape, dtype=float), 0, -1)
+    return index @ affine[:, :3].T + affine[:, 3]
+
+
+def _projected(vectors, normal, dims):
+    across = (vectors @ normal)[..., None] * normal
+    return vectors - across if dims == 2 else across
+
+
+def _partial_determinant(jacobian, grid, dims):
+    """Of the map that moves points by the displacement's part in or across the plane alone."""
+    n = grid.normal
+    if dims == 1:
+        return np.einsum("...ab,a,b", jacobian, n, n)
+    u = grid.affine[:3, 0] / np.linalg.norm(grid.affine[:3, 0])
+    v = np.cross(n, u)
+    uu, uv, vu, vv = (
+        np.einsum("...ab,a,b", jacobian, p, q) for p, q in itertools.product((u, v), repeat=2)
+    )
+    return uu * vv - uv * vu
+
+
+# ---- Images --------------------------------------------------------------------------------------
+
+
+def unwarp(
+    volumes, grid, correction, *, intensity=True, interpolation="cubic", threads=None, progress=None
+):
+    """Images whose voxels lie where their signal comes from.
+
+    Parameters
+    ----------
+    volumes : ndarray of float32 or complex64, ``(x, y, z, ...)``
+        Any number of volumes on the same grid.
+    grid : Grid
+    correction : Correction
+        Of any `dims`; with `distort`, the images are distorted instead.
+    intensity : bool, optional
+        Multiply with the determinant of ``d encoded / d position``: voxels that were encoded closer
+        together hold more signal.
+    interpolation : {"cubic", "linear", "sinc"}, optional
+        Splines, or a windowed sinc over six voxels along each axis, which takes several times as long.
+    threads : int, optional
+    progress : callable, optional
+        Gets the number of volumes done and the number of all.
+
+    Returns
+    -------
+    ndarray
+        In the shape and type of `volumes`; 0 where an object was encoded more than half a voxel outside
+        of the image. Along axes of one voxel nothing is sampled.
+    """
+    threads = threads or _core.max_threads()
+    series = volumes.reshape(*grid.shape, -1, order="A")
+    out = np.zeros(series.shape, series.dtype, order="F")
+    with ThreadPoolExecutor(threads) as pool:
+        places, factor = _places(grid, correction, intensity, pool)
+        for n in range(series.shape[3]):
+            sampled = _sampled(series[..., n].T, places, interpolation, pool)
+            out[..., n] = (sampled if factor is None else sampled * factor).T
+            if progress:
+                progress(n + 1, series.shape[3])
+    return out.reshape(volumes.shape, order="F")
+
+
+def _places(grid, correction, intensity, pool):
+    """Where to sample, in voxels, ``(3, z, y, x)`` along z, y, x; and the factors ``(z, y, x)``."""
+    to_voxels = np.linalg.inv(grid.affine[:3, :3])[::-1]
+    backwards = grid.shape[::-1]
+    places = np.empty((3, *backwards), np.float32)
+    factor = np.empty(backwards, np.float32) if intensity else None
+    wanted = ["displacement", "determinant"] if intensity else ["displacement"]
+
+    def work(first, last):
+        found = correction.evaluate(grid.slab(first, last), wanted, threads=1)
+        moved = np.moveaxis(found[0], (2, 1, 0), (0, 1, 2))  # as it lies in memory
+        for axis in range(3):
+            # Added to the index, so that what is not moved stays on its voxel to the last bit.
+            index = np.arange(first, last) if axis == 0 else np.arange(backwards[axis])
+            along = index.reshape([-1 if d == axis else 1 for d in range(3)])
+            np.add(moved @ to_voxels[axis], along, out=places[axis, first:last], casting="unsafe")
+        if intensity:
+            factor[first:last] = found[1].T
+
+    list(pool.map(lambda slab: work(*slab), grid.slabs()))
+    return places, factor
+
+
+def _sampled(volume, places, interpolation, pool):
+    if np.iscomplexobj(volume):
+        parts = (_sampled(p, places, interpolation, pool) for p in (volume.real, volume.imag))
+        return next(parts) + 1j * next(parts)
+    axes = [d for d in range(3) if volume.shape[d] > 1]
+    flat = np.ascontiguousarray(np.squeeze(volume, tuple({0, 1, 2} - set(axes))), np.float32)
+    if interpolation == "cubic":
+        flat = _spline_weights(flat, pool)
+    out = np.empty(volume.shape, np.float32)
+
+    def work(part):
+        at = [places[d][part] for d in axes]
+        inside = np.ones(out[part].shape, bool)
+        for place, d in zip(at, axes, strict=True):
+            inside &= (place >= -0.5) & (place <= volume.shape[d] - 0.5)
+        at = np.where(inside, at, 0)
+        if interpolation == "sinc":
+            sampled = _windowed_sinc(flat, at)
+        else:
+            order = ORDERS[interpolation]
+            sampled = ndimage.map_coordinates(
+                flat, at, np.float32, order, "mirror", prefilter=False
+            )
+        out[part] = np.where(inside, sampled, 0)
+
+    list(pool.map(work, _pieces(volume.shape[0])))
+    return out
+
+
+def _windowed_sinc(data, at):
+    """Six samples along each axis, weighed with a sinc under the main lobe of a wider one (Lanczos).
+
+    Duchon, "Lanczos filtering in one and two dimensions", J. Appl. Meteor. 18:1016 (1979).
+    """
+    taps = []
+    for place, n in zip(at, data.shape, strict=True):
+        first = np.floor(place).astype(np.intp) - 2
+        near = [first + k for k in range(6)]
+        weights = [np.sinc(place - k) * np.sinc((place - k) / 3) for k in near]
+        total = sum(weights)
+        taps.append(
+            [(np.clip(k, 0, n - 1), w / total) for k, w in zip(near, weights, strict=True)]
+        )
+    return _weighted(data.ravel(), 0, data.shape, taps)
+
+
+def _weighted(data, row, shape, taps):
+    if not taps:
+        return data[row]
+    row = row * shape[0]
+    return sum(w * _weighted(data, row + k, shape[1:], taps[1:]) for k, w in taps[0])
+
+
+def _pieces(count):
+    """Slices along the first axis that threads take in turn."""
+    step = -(-count // 32)
+    return [slice(k, k + step) for k in range(0, count, step)]
+
+
+def _spline_weights(data, pool):
+    """The prefilter of the spline, axis after axis; threads share the lines."""
+    out = np.array(data, np.float32, order="C")
+    if out.ndim == 1:
+        return ndimage.spline_filter(out, 3, np.float32, "mirror")
+    for axis in range(out.ndim):
+        shared = 1 if axis == 0 else 0
+
+        def work(part, axis=axis, shared=shared):
+            lines = out[(slice(None),) * shared + (part,)]
+            ndimage.spline_filter1d(lines, 3, axis, lines, "mirror")
+
+        list(pool.map(work, _pieces(out.shape[shared])))
+    return out
+
+
+# ---- Files ---------------------------------------------------------------------------------------
+
+
+@dataclass(frozen=True)
+class Image:
+    """An image of a NIfTI file, and what its sidecar tells."""
+
+    path: Path
+    file: object
+    grid: Grid
+    sidecar: dict
+
+
+def load(path):
+    """An image with a place in the scanner; ValueError with one line for others."""
+    import nibabel
+
+    path = Path(path)
+    nifti.base_name(path)
+    try:
+        file = nibabel.load(path)
+    except FileNotFoundError:
+        raise ValueError(f"{path}: no such file; check the name") from None
+    except (nibabel.filebasedimages.ImageFileError, *_BROKEN) as error:
+        raise ValueError(f"{path}: cannot be read ({error}); is it a NIfTI image?") from None
+    header, shape = file.header, file.shape
+    if not (header["sform_code"] > 0 or header["qform_code"] > 0):
+        raise ValueError(
+            f"{path}: does not say where it lies in the scanner (codes of sform and qform are 0)"
+        )
+    size = abs(np.linalg.det(file.affine[:3, :3])) if np.isfinite(file.affine).all() else 0
+    if not (size > 0 and len(shape) >= 3 and min(shape) > 0):
+        raise ValueError(f"{path}: has voxels without a volume; its affine or extents are no use")
+    return Image(path, file, Grid(file.affine.astype(float), shape[:3]), _sidecar(path))
+
+
+_BROKEN = (EOFError, OSError, zlib.error)
+
+
+def _sidecar(path):
+    beside = nifti.sidecar_path(path)
+    if not beside.exists():
+        return {}
+    try:
+        found = json.loads(beside.read_text())
+    except ValueError as error:
+        raise ValueError(f"{beside}: cannot be read ({error}); mend or remove it") from None
+    if not isinstance(found, dict):
+        raise ValueError(f"{beside}: holds no keys and values; mend or remove it")
+    return found
+
+
+def _data(image):
+    """Samples as float32, or complex64."""
+    kind = np.complex64 if image.file.get_data_dtype().kind == "c" else np.float32
+    try:
+        return np.asarray(image.file.dataobj).astype(kind, copy=False)
+    except (*_BROKEN, ValueError, TypeError) as error:
+        raise ValueError(f"{image.path}: cannot be read ({error}); copy it again") from None
+
+
+def patient_position(image, position=None):
+    """How the patient lay: as stated, or as the sidecar tells."""
+    position = position or image.sidecar.get("PatientPosition")
+    if position is None:
+        beside = nifti.sidecar_path(image.path).name
+        raise ValueError(
+            f"{image.path}: {beside} has no PatientPosition; state it, --position HFS or other"
+        )
+    return position
+
+
+def _mode(image):
+    """What the sidecar leaves to be corrected, and a warning where it does not tell."""
+    kinds = image.sidecar.get("ImageType", ())
+    kinds = kinds.split("\\") if isinstance(kinds, str) else kinds
+    corrected = image.sidecar.get("NonlinearGradientCorrection")
+    if "GradientCorrection" in image.sidecar or "DIS3D" in kinds:
+        return "none", f"{image.path}: has been corrected before; it is copied as it is"
+    if "DIS2D" in kinds:
+        return "through-plane", None
+    if corrected:
+        return "none", f"{image.path}: was corrected on the scanner; it is copied as it is"
+    if "ND" in kinds or corrected is not None:
+        return "3d", None
+    return "3d", (
+        f"{image.path}: nothing tells whether the scanner corrected it; in three dimensions, "
+        "--mode states otherwise"
+    )
+
+
+def warnings_of(grid, coefficients, name):
+    """What may make a correction another one than the user expects, a line each."""
+    found = []
+    if grid.reach > coefficients.radius:
+        found.append(
+            f"{name}: reaches {grid.reach:.0f} mm from the isocentre, the coefficients are meant "
+            f"for up to {coefficients.radius:g} mm"
+        )
+    if not coefficients.stated and not coefficients.symmetric:
+        found.append(
+            f"the coefficients' even orders depend on where the axes of the gradients point; "
+            f"{coefficients.axes} is assumed, --axes states it"
+        )
+    return found
+
+
+def unwarp_file(
+    path,
+    coefficients,
+    output,
+    *,
+    source="",
+    mode="auto",
+    position=None,
+    intensity=True,
+    interpolation="cubic",
+    threads=None,
+    progress=None,
+):
+    """Correct a NIfTI image; its sidecar's keys and what was done go to the JSON file beside it.
+
+    Parameters
+    ----------
+    path, output : path
+    coefficients : Coefficients
+    source : str, optional
+        Name of the coefficients' file, for the sidecar.
+    mode : {"auto", "3d", "2d", "through-plane", "none"}, optional
+        "auto" corrects what the sidecar says that the scanner has not.
+    position : str, optional
+        How the patient lay, in place of the sidecar.
+    intensity, interpolation, threads, progress
+        See `unwarp`.
+
+    Returns
+    -------
+    list of str
+        Warnings, a line each.
+    """
+    image, warnings = load(path), []
+    if mode == "auto":
+        mode, warning = _mode(image)
+        warnings += [warning] if warning else []
+    entries = {**image.sidecar}
+    if mode == "none":
+        data = _data(image)
+    else:
+        correction = Correction(coefficients, patient_position(image, position), MODES[mode])
+        coefficients.signs(correction.position)
+        warnings += warnings_of(image.grid, coefficients, image.path)
+        if min(image.grid.shape) == 1:
+            warnings.append(f"{image.path}: a single slice is sampled within its plane only")
+        size = np.prod(image.file.shape) * 8 + np.prod(image.grid.shape) * 28
+        runtime.check(size, f"{image.path}", "correct the volumes of a series one by one")
+        data = unwarp(
+            _data(image),
+            image.grid,
+            correction,
+            intensity=intensity,
+            interpolation=interpolation,
+            threads=threads,
+            progress=progress,
+        )
+        entries["NonlinearGradientCorrection"] = True
+        entries["GradientCorrection"] = {
+            "Mode": mode,
+            "Coefficients": printable(source),
+            "PatientPosition": correction.position,
+            "GradientAxes": coefficients.axes,
+            "Intensity": intensity,
+            "Interpolation": interpolation,
+        }
+    if warnings:
+        entries["Warnings"] = [*image.sidecar.get("Warnings", []), *warnings]
+    _write(output, data, image, entries)
+    return warnings
+
+
+def _write(output, data, image, entries):
+    header = image.file.header.copy()
+    header.set_data_dtype(data.dtype)
+    header.set_slope_inter(None, None)
+    header["cal_min"] = header["cal_max"] = 0
+    with Staged() as files:
+        nifti.store(type(image.file)(data, image.file.affine, header), files.path(output))
+        text = json.dumps(entries, indent=2) + "\n"
+        files.path(nifti.sidecar_path(output)).write_text(text)
+        files.commit()
+
+
+def save_warp(
+    output, grid, correction, *, kind="itk", jacobian=None, grad_dev=None, source="", threads=None
+):
+    """Write a displacement field for tools that apply warps.
+
+    Parameters
+    ----------
+    output : path
+    grid : Grid
+        Of the image that the warp is for.
+    correction : Correction
+    kind : {"itk", "fsl", "fsl-abs", "ras"}, optional
+        "itk": displacement in mm, left, posterior, superior, ``(x, y, z, 1, 3)``. "fsl": displacement
+        in mm along the voxels' axes, x reversed where the affine's determinant is positive. "fsl-abs":
+        the place itself in that system. "ras": the place in the world, mm.
+    jacobian : path, optional
+        Also a file of the determinant of ``d encoded / d position``, for the intensity.
+    grad_dev : path, optional
+        Also a file of the Jacobian minus identity, ``(x, y, z, 9)``: volume 3 a + b, counted from 0, is
+        ``d encoded_a / d position_b`` along the axes in which b-vectors are given: those of the
+        voxels, x reversed where the affine's determinant is positive.
+    source : str, optional
+        Name of the coefficients' file, for the sidecar.
+    threads : int, optional
+
+    Returns
+    -------
+    list of str
+        Warnings, a line each.
+    """
+    field = np.empty((*grid.shape, 3), np.float32, order="F")
+    size = np.empty(grid.shape, np.float32, order="F") if jacobian else None
+    slopes = np.empty((*grid.shape, 9), np.float32, order="F") if grad_dev else None
+    wanted = ["displacement"] + ["determinant"] * bool(jacobian) + ["jacobian"] * bool(grad_dev)
+    for first, last in grid.slabs():
+        slab = grid.slab(first, last)
+        found = dict(zip(wanted, correction.evaluate(slab, wanted, threads), strict=True))
+        field[:, :, first:last] = _converted(found["displacement"], slab, grid, first, kind)
+        if jacobian:
+            size[:, :, first:last] = found["determinant"]
+        if grad_dev:
+            slopes[:, :, first:last] = _deviation(found["jacobian"], grid)
+    warnings = warnings_of(grid, correction.coefficients, "the field")
+    if lost := int(np.isnan(field[..., 0]).sum()):
+        warnings.append(f"{lost} voxels have no position: the inverse does not converge there (NaN)")
+    entries = {
+        "WarpType": kind,
+        "Direction": "distort" if correction.distort else "unwarp",
+        "Dimensions": correction.dims,
+        "Coefficients": printable(source),
+        "PatientPosition": correction.position,
+        "GradientAxes": correction.coefficients.axes,
+    }
+    if warnings:
+        entries["Warnings"] = warnings
+    with Staged() as files:
+        for path, values in ((output, field), (jacobian, size), (grad_dev, slopes)):
+            if path:
+                vectors = values is field and kind == "itk"
+                nifti.store(_image(values, grid, vectors), files.path(path))
+        text = json.dumps(entries, indent=2) + "\n"
+        files.path(nifti.sidecar_path(output)).write_text(text)
+        files.commit()
+    return warnings
+
+
+def _image(values, grid, vectors):
+    import nibabel
+
+    image = nibabel.Nifti1Image(values[:, :, :, None] if vectors else values, grid.affine)
+    if vectors:
+        image.header.set_intent("vector")
+    nifti.place(image, grid.affine)
+    return image
+
+
+def _converted(moved, slab, grid, first, kind):
+    """Displacements along the axes of the world in the convention of a kind of warp."""
+    if kind == "itk":
+        return moved * _RAS
+    if kind == "ras":
+        return moved + _voxels(slab.affine[:3], slab.shape)
+    along, sizes = _image_axes(grid)
+    steps = moved @ np.linalg.inv(grid.affine[:3, :3]).T * sizes * along
+    if kind == "fsl":
+        return steps
+    corner = np.array([grid.shape[0] - 1 if along[0] < 0 else 0, 0, -first])
+    return steps + (np.moveaxis(np.indices(slab.shape), 0, -1) - corner) * sizes * along
+
+
+def _image_axes(grid):
+    """Signs of the axes that b-vectors and FSL's coordinates have, and the sizes of voxels."""
+    along = np.array([-1.0 if np.linalg.det(grid.affine[:3, :3]) > 0 else 1.0, 1.0, 1.0])
+    return along, np.linalg.norm(grid.affine[:3, :3], axis=0)
+
+
+def _deviation(jacobian, grid):
+    along, sizes = _image_axes(grid)
+    axes = grid.affine[:3, :3] / sizes * along
+    turned = np.linalg.inv(axes) @ (jacobian - np.eye(3)) @ axes
+    return turned.reshape(*jacobian.shape[:3], 9)

@@ -1,0 +1,416 @@
+"""Warps of gradients that are not linear: signs and axes, conventions of files, images."""
+
+import json
+import shutil
+import subprocess
+
+import nibabel
+import numpy as np
+import pytest
+
+from ctessel import cli, warp
+from ctessel.gradients import Coefficients, Term, read_coefficients
+
+LINEAR = (Term("x", "A", 1, 1, 1.0), Term("y", "B", 1, 1, 1.0), Term("z", "A", 1, 0, 1.0))
+TERMS = (
+    *LINEAR, Term("x", "A", 3, 1, 0.03), Term("y", "B", 3, 1, 0.02), Term("z", "A", 3, 0, -0.04),
+    Term("z", "A", 2, 0, 0.02), Term("x", "B", 2, 1, 0.01), Term("y", "A", 4, 2, 1e-3),
+)  # fmt: skip
+FIELD = Coefficients(TERMS, 250.0, "LPS")
+
+# Oblique and anisotropic, of either handedness.
+TURN = np.array([[0.96, -0.28, 0], [0.28, 0.96, 0], [0, 0, 1]]) @ np.array([[1, 0, 0], [0, 0.8, -0.6], [0, 0.6, 0.8]])
+
+
+def grid_of(steps, shape, turn=TURN):
+    affine = np.eye(4)
+    affine[:3, :3] = turn * steps
+    affine[:3, 3] = -affine[:3, :3] @ (np.array(shape) - 1) / 2 + (3, -4, 5)
+    return warp.Grid(affine.astype(np.float32).astype(float), shape)  # as a file holds it
+
+
+GRIDS = [grid_of((-3.0, 4, 5), (20, 18, 14)), grid_of((3.0, 4, 5), (20, 18, 14)), grid_of((-3, -4, 5.0), (9, 8, 7), np.eye(3))]
+
+
+def world(grid):
+    return np.moveaxis(np.indices(grid.shape), 0, -1) @ grid.affine[:3, :3].T + grid.affine[:3, 3]
+
+
+# ---- Signs and axes ------------------------------------------------------------------------------
+
+#: The scanner's axes: x to the left of a patient who lies head first on the back, y down, z towards the
+#: head. Feet first is half a turn around y, prone half a turn around z.
+FEET, PRONE = np.diag([-1.0, 1, -1]), np.diag([-1.0, -1, 1])
+SCANNER_OF_LPS = {"HFS": np.eye(3), "HFP": PRONE, "FFS": FEET, "FFP": FEET @ PRONE}
+
+
+def polynomial(axis, points):
+    """What one gradient adds, of even order: its sign depends on where its axis points. With R = 250."""
+    x, y, z = np.moveaxis(points, -1, 0)
+    moved = np.zeros_like(points)
+    moved[..., axis] = (12 * (x * x - y * y), 12 * (x * x - y * y), 7 * (2 * z * z - x * x - y * y))[axis] / 12500
+    return moved
+
+
+#: The same as coefficients: 3 (x^2 - y^2) and (2 z^2 - x^2 - y^2) / 2 over R^2, times R.
+SECOND = [Term("x", "A", 2, 2, 0.08), Term("y", "A", 2, 2, 0.08), Term("z", "A", 2, 0, 0.28)]
+
+
+def density(points):
+    """An object without symmetry; patient axes, mm."""
+    total = 0.0
+    for centre, width in [((25, -20, 30), 18), ((-30, 10, -15), 24), ((5, 35, 10), 15)]:
+        total = total + np.exp(-((points - centre) ** 2).sum(-1) / (2 * width**2))
+    return total
+
+
+@pytest.mark.parametrize("position", ["HFS", "HFP", "FFS", "FFP"])
+@pytest.mark.parametrize("axis", [0, 1, 2], ids=["left-right", "front-back", "head-foot"])
+def test_an_object_is_found_where_it_is(position, axis):
+    ras = np.diag([-1.0, -1, 1])
+    to_scanner = SCANNER_OF_LPS[position]
+    grid = grid_of((-4.0, 4, 4), (40, 40, 40))
+    encoded = world(grid) @ ras @ to_scanner.T
+    true, step = encoded, 1e-3
+    for _ in range(60):
+        true = encoded - polynomial(axis, true)
+    slopes = [
+        (polynomial(axis, true + d) - polynomial(axis, true - d))[..., axis] / (2 * step) for d in step * np.eye(3)
+    ]
+    image = density(true @ to_scanner) / (1 + slopes[axis])  # to_scanner is its own inverse
+    coefficients = Coefficients((*LINEAR, SECOND[axis]), 250.0, "LPS")
+    correction = warp.Correction(coefficients, position)
+    got = warp.unwarp(image.astype(np.float32), grid, correction)
+    want = density(world(grid) @ ras)
+    moved = np.abs(correction.evaluate(grid, ["displacement"])[0]).max()
+    inner = (slice(4, -4),) * 3
+    assert moved > 4
+    assert np.abs(got - want)[inner].max() < 0.004
+    assert np.abs(image - want)[inner].max() > 0.05
+    head, back = position[0], position[2]
+    head, back = ("FH"["HF".index(head)], back) if axis == 2 else (head, "PS"["SP".index(back)])
+    wrong = warp.unwarp(image.astype(np.float32), grid, warp.Correction(coefficients, f"{head}F{back}"))
+    assert np.abs(wrong - want)[inner].max() > 0.05
+
+
+@pytest.mark.parametrize("dims", [3, 2, 1])
+@pytest.mark.parametrize("grid", GRIDS[:2], ids=["left-handed", "right-handed"])
+def test_forward_and_inverse_are_the_identity(dims, grid):
+    back = warp.Correction(FIELD, "FFS", dims, distort=True)
+    there = warp.Correction(FIELD, "FFS", dims)
+    moved, size = back.evaluate(grid, ["displacement", "determinant"])
+    start = world(grid)
+    points = (start + moved)[::3, ::3, ::3].reshape(-1, 3)
+    normal = np.cross(grid.affine[:3, 0], grid.affine[:3, 1])
+    for point, encoded, scale in zip(points, start[::3, ::3, ::3].reshape(-1, 3), size[::3, ::3, ::3].flat, strict=True):
+        affine = grid.affine.copy()
+        affine[:3, 3] = point
+        here = warp.Grid(affine, (1, 1, 1))
+        step, factor = there.evaluate(here, ["displacement", "determinant"])
+        np.testing.assert_allclose(point + step[0, 0, 0], encoded, atol=1e-4)
+        assert factor[0, 0, 0] * scale == pytest.approx(1, abs=1e-9)
+        across = step[0, 0, 0] @ normal / np.linalg.norm(normal)
+        size_of_step = np.linalg.norm(step)
+        if dims < 3:
+            assert abs(across) == pytest.approx(0 if dims == 2 else size_of_step, abs=1e-9)
+
+
+@pytest.mark.parametrize("dims", [3, 2, 1])
+def test_the_determinant_is_that_of_the_displacement(dims):
+    correction = warp.Correction(FIELD, "HFP", dims)
+    for grid in GRIDS:
+        moved, got = correction.evaluate(grid, ["displacement", "determinant"])
+        columns = []
+        for d in range(3):
+            ahead, behind = grid.affine.copy(), grid.affine.copy()
+            ahead[d, 3] += 1e-3
+            behind[d, 3] -= 1e-3
+            pair = [correction.evaluate(warp.Grid(a, grid.shape), ["displacement"])[0] for a in (ahead, behind)]
+            columns.append((pair[0] - pair[1]) / 2e-3)
+        slopes = np.stack(columns, -1) + np.eye(3)
+        np.testing.assert_allclose(got, np.abs(np.linalg.det(slopes)), atol=1e-7)
+        if dims == 3:
+            np.testing.assert_allclose(correction.evaluate(grid, ["jacobian"])[0], slopes, atol=1e-6)
+
+
+# ---- Files ---------------------------------------------------------------------------------------
+
+
+def save(path, data, grid, **sidecar):
+    image = nibabel.Nifti1Image(data, grid.affine)
+    image.set_sform(grid.affine, 1)
+    image.set_qform(grid.affine, 1)
+    image.to_filename(path)
+    if sidecar:
+        path.with_name(path.name.split(".")[0] + ".json").write_text(json.dumps(sidecar))
+    return path
+
+
+@pytest.fixture
+def table(tmp_path):
+    path, usual = tmp_path / "coil.txt", {"x": "A", "y": "B", "z": "A"}
+    lines = [f"{t.axis} {t.order} {t.degree} {t.value}" for t in TERMS if t.kind == usual[t.axis]]
+    path.write_text("\n".join(lines))
+    return path
+
+
+def smooth(grid, seed=0):
+    points = np.moveaxis(np.indices(grid.shape), 0, -1) / np.array(grid.shape)
+    rng = np.random.default_rng(seed)
+    waves = sum(np.cos(2 * np.pi * (points @ rng.uniform(-1.5, 1.5, 3)) + k) for k in range(6))
+    return (100 + 10 * waves).astype(np.float32)
+
+
+def run(*words):
+    return cli.main([str(w) for w in words])
+
+
+def made(tmp_path, table, grid, *options, kind="itk"):
+    image = save(tmp_path / "a.nii.gz", smooth(grid), grid, PatientPosition="HFP", ImageType=["ND"])
+    out = tmp_path / f"{kind}.nii.gz"
+    assert run("warp", table, "--like", image, "-o", out, "--type", kind, *options) == 0
+    return image, nibabel.load(out)
+
+
+@pytest.mark.parametrize("grid", GRIDS, ids=["left-handed", "right-handed", "straight"])
+@pytest.mark.parametrize("direction", ["unwarp", "distort"])
+def test_conventions_of_warp_files(tmp_path, table, grid, direction):
+    correction = warp.Correction(read_coefficients(table), "HFP", distort=direction == "distort")
+    target = world(grid) + correction.evaluate(grid, ["displacement"])[0]
+    files = {k: made(tmp_path, table, grid, "--direction", direction, kind=k)[1] for k in ("itk", "fsl", "fsl-abs", "ras")}
+    itk = files["itk"]
+    assert itk.shape == (*grid.shape, 1, 3) and itk.header["intent_code"] == 1007
+    assert itk.header["sform_code"] == itk.header["qform_code"] == 1
+    moved = itk.get_fdata()[:, :, :, 0] * (-1, -1, 1)
+    np.testing.assert_allclose(world(grid) + moved, target, atol=1e-5)
+    np.testing.assert_allclose(files["ras"].get_fdata(), target, atol=1e-5)
+
+    def scaled(points):  # FSL's coordinates by their definition
+        voxels = (points - grid.affine[:3, 3]) @ np.linalg.inv(grid.affine[:3, :3]).T
+        if np.linalg.det(grid.affine[:3, :3]) > 0:
+            voxels[..., 0] = grid.shape[0] - 1 - voxels[..., 0]
+        return voxels * itk.header.get_zooms()[:3]
+
+    np.testing.assert_allclose(files["fsl-abs"].get_fdata(), scaled(target), atol=1e-4)
+    np.testing.assert_allclose(files["fsl"].get_fdata(), scaled(target) - scaled(world(grid)), atol=1e-5)
+
+
+@pytest.mark.skipif(not shutil.which("mrtransform"), reason="no mrtransform")
+@pytest.mark.parametrize("grid", GRIDS[:2], ids=["left-handed", "right-handed"])
+def test_another_tool_with_our_warp_gives_our_image(tmp_path, table, grid):
+    image, _ = made(tmp_path, table, grid, kind="itk")
+    made(tmp_path, table, grid, kind="ras")
+    assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "u.nii", "--no-intensity") == 0
+    ours = nibabel.load(tmp_path / "u.nii").get_fdata()
+    quiet = ["-quiet", "-force"]
+    subprocess.run(["mrtransform", image, "-warp", tmp_path / "ras.nii.gz", "-interp", "cubic", tmp_path / "m.nii", *quiet], check=True)
+    theirs = nibabel.load(tmp_path / "m.nii").get_fdata()
+    inner = (slice(4, -4),) * 3
+    error = np.abs(ours - theirs)[inner].max()
+    assert error < 0.3 and np.abs(ours - smooth(grid))[inner].max() > 10 * error
+
+
+@pytest.mark.parametrize("grid", GRIDS, ids=["left-handed", "right-handed", "straight"])
+def test_deviations_turn_b_vectors_as_the_field_does(tmp_path, table, grid):
+    files = [tmp_path / "g.nii.gz", tmp_path / "j.nii"]
+    made(tmp_path, table, grid, "--grad-dev", files[0], "--jacobian", files[1])
+    deviation, size = (nibabel.load(f).get_fdata() for f in files)
+    assert deviation.shape == (*grid.shape, 9)
+    jacobian = warp.Correction(read_coefficients(table), "HFP").evaluate(grid, ["jacobian"])[0]
+    np.testing.assert_allclose(size, np.abs(np.linalg.det(jacobian)), atol=1e-6)
+    axes = grid.affine[:3, :3] / np.linalg.norm(grid.affine[:3, :3], axis=0)
+    if np.linalg.det(axes) > 0:
+        axes = axes * (-1, 1, 1)
+    vector = np.array([0.6, -0.48, 0.64])
+    for at in [(0, 0, 0), (3, 5, 2), (8, 7, 6)]:
+        # The phase of a gradient g is g . encoded: its slope is the gradient that acts at this place.
+        acting = axes.T @ jacobian[at].T @ (axes @ vector)
+        matrix = np.eye(3) + deviation[at].reshape(3, 3, order="F")
+        np.testing.assert_allclose(matrix @ vector, acting, atol=1e-6)
+
+
+def test_a_field_over_a_cube_of_the_scanner(tmp_path, table):
+    out = tmp_path / "w.nii.gz"
+    assert run("warp", table, "-o", out, "--extent", 100, "--spacing", 20, "--type", "ras") == 0
+    image = nibabel.load(out)
+    assert image.shape == (7, 7, 7, 3) and np.abs(image.get_fdata()[3, 3, 3]).max() == 0
+    np.testing.assert_array_equal(image.affine[:3, 3], [-60, -60, -60])
+    known = json.loads((tmp_path / "w.json").read_text())
+    assert known["WarpType"] == "ras" and known["PatientPosition"] == "HFS"
+
+
+# x (1 - (x / 250)^2 / 2) has its highest value, 136, at 204: no point is encoded beyond.
+def test_where_the_inverse_does_not_converge(tmp_path, capsys):
+    table, out = tmp_path / "c.txt", tmp_path / "w.nii.gz"
+    table.write_text(f"x 3 1 {1 / 3}\n")
+    assert run("warp", table, "-o", out, "--direction", "distort", "--extent", 400, "--spacing", 100) == 0
+    lost = np.isnan(nibabel.load(out).get_fdata()[..., 0, 0])
+    assert lost[0].any() and not lost[2].any()
+    lines = capsys.readouterr().err.splitlines()
+    assert lines[-1] == f"ctessel: warning: {lost.sum()} voxels have no position: the inverse does not converge there (NaN)"
+    assert lines[0].startswith("ctessel: warning: the field: reaches 346 mm from the isocentre")
+
+
+# ---- Images --------------------------------------------------------------------------------------
+
+
+def unwarped(tmp_path, data, grid, table, *options, **sidecar):
+    image, out = save(tmp_path / "in.nii.gz", data, grid, **{"PatientPosition": "HFS", **sidecar}), tmp_path / "out.nii.gz"
+    assert run("unwarp", image, "--coefficients", table, "-o", out, *options) == 0
+    return nibabel.load(out), json.loads((tmp_path / "out.json").read_text())
+
+
+def test_linear_gradients_change_no_bit(tmp_path):
+    (tmp_path / "c.txt").write_text("x 1 1 3\n")
+    data = smooth(GRIDS[0])
+    for interpolation in ("linear", "sinc", "cubic"):
+        got, _ = unwarped(tmp_path, data, GRIDS[0], tmp_path / "c.txt", "--interpolation", interpolation)
+        np.testing.assert_allclose(got.get_fdata(), data, atol=2e-5)
+
+
+def test_a_series_is_its_volumes_whatever_the_threads_and_the_type(tmp_path, table):
+    grid = GRIDS[0]
+    series = np.stack([smooth(grid, seed) for seed in range(3)], -1)
+    got, known = unwarped(tmp_path, series, grid, table, "--mode", "3d", RepetitionTime=2.5)
+    assert known["RepetitionTime"] == 2.5 and known["NonlinearGradientCorrection"] is True
+    assert known["GradientCorrection"]["Mode"] == "3d"
+    np.testing.assert_array_equal(got.affine, grid.affine)
+    whole = got.get_fdata(dtype=np.float32)
+    correction = warp.Correction(read_coefficients(table), "HFS")
+    for n in range(3):
+        for threads in (1, 3):
+            alone = warp.unwarp(series[..., n], grid, correction, threads=threads)
+            np.testing.assert_array_equal(alone, whole[..., n])
+    pair = (series[..., 0] + 1j * series[..., 1]).astype(np.complex64)
+    both = warp.unwarp(pair, grid, correction)
+    np.testing.assert_array_equal(both.imag, whole[..., 1])
+    counts, _ = unwarped(tmp_path, np.round(series[..., 0]).astype(np.int16), grid, table, "--mode", "3d")
+    assert counts.get_data_dtype() == np.float32
+    assert np.abs(counts.get_fdata() - whole[..., 0]).max() < 1.5
+
+
+def test_interpolations_of_fine_detail(table):
+    grid = grid_of((-4.0, 4, 4), (40, 36, 32))
+
+    def waves(points):  # four voxels long
+        return np.cos(points @ np.eye(3) * np.pi / 2).sum(-1)
+
+    voxels = np.moveaxis(np.indices(grid.shape, float), 0, -1)
+    correction = warp.Correction(read_coefficients(table), "HFS")
+    steps = correction.evaluate(grid, ["displacement"])[0] @ np.linalg.inv(grid.affine[:3, :3]).T
+    want, error = waves(voxels + steps), {}
+    for name in ("cubic", "sinc", "linear"):
+        got = warp.unwarp(waves(voxels).astype(np.float32), grid, correction, intensity=False, interpolation=name)
+        error[name] = np.abs(got - want)[5:-5, 5:-5, 5:-5].max()
+    assert error["cubic"] < 0.02 and error["sinc"] < 0.02 and error["linear"] > 0.1, error
+
+
+def test_a_slice_is_corrected_in_its_plane(tmp_path, table, capsys):
+    thick = grid_of((-4.0, 4, 5), (32, 30, 3))
+    column = np.repeat(smooth(thick)[:, :, 1:2], 3, axis=2)
+    correction = warp.Correction(read_coefficients(table), "HFS")
+    want = warp.unwarp(column, thick, correction)[:, :, 1]
+    got, _ = unwarped(tmp_path, column[:, :, 1:2], thick.slab(1, 2), table, "--mode", "3d")
+    inner = (slice(3, -3),) * 2
+    np.testing.assert_allclose(got.get_fdata()[..., 0][inner], want[inner], atol=1e-3)
+    assert "a single slice is sampled within its plane only" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize(
+    "sidecar, mode, warns",
+    [
+        ({}, "3d", "nothing tells whether the scanner corrected it"),
+        ({"ImageType": ["M", "ND"]}, "3d", ""),
+        ({"ImageType": "ORIGINAL\\M\\ND"}, "3d", ""),
+        ({"ImageType": ["M", "DIS2D"], "NonlinearGradientCorrection": True}, "through-plane", ""),
+        ({"ImageType": ["M", "DIS3D"]}, "none", "has been corrected before"),
+        ({"NonlinearGradientCorrection": True}, "none", "was corrected on the scanner"),
+        ({"NonlinearGradientCorrection": False}, "3d", ""),
+        ({"ImageType": ["ND"], "GradientCorrection": {"Mode": "3d"}}, "none", "has been corrected before"),
+    ],
+)
+def test_auto_corrects_what_is_left(tmp_path, table, capsys, sidecar, mode, warns):
+    grid = GRIDS[1]
+    got, known = unwarped(tmp_path, smooth(grid), grid, table, **sidecar)
+    stderr = capsys.readouterr().err
+    assert (warns in stderr) if warns else stderr == ""
+    if mode == "none":
+        np.testing.assert_array_equal(got.get_fdata(dtype=np.float32), smooth(grid))
+        assert known.get("GradientCorrection") == sidecar.get("GradientCorrection")
+        return
+    assert known["GradientCorrection"]["Mode"] == mode
+    correction = warp.Correction(read_coefficients(table), "HFS", warp.MODES[mode])
+    np.testing.assert_array_equal(got.get_fdata(dtype=np.float32), warp.unwarp(smooth(grid), grid, correction))
+
+
+def bad(tmp_path, name):
+    """An image that cannot be used."""
+    path, data = tmp_path / "bad.nii", smooth(GRIDS[2])
+    if name == "flat":
+        nibabel.Nifti1Image(data[..., 0], GRIDS[2].affine).to_filename(path)
+    elif name == "nowhere":
+        nibabel.Nifti1Image(data, None).to_filename(path)
+    elif name == "text":
+        path.write_text("no image")
+    elif name == "cut":
+        save(path, data, GRIDS[2], PatientPosition="HFS", ImageType=["ND"])
+        path.write_bytes(path.read_bytes()[:1000])
+    elif name in ("HFDR", "unknown"):
+        save(path, data, GRIDS[2], **({"PatientPosition": name} if name == "HFDR" else {"ImageType": ["ND"]}))
+    elif name == "sidecar":
+        save(path, data, GRIDS[2])
+        (tmp_path / "bad.json").write_text("{")
+    return path
+
+
+@pytest.mark.parametrize(
+    "name, text",
+    [
+        ("absent", "bad.nii: no such file; check the name"),
+        ("flat", "bad.nii: has voxels without a volume; its affine or extents are no use"),
+        ("nowhere", "bad.nii: does not say where it lies in the scanner (codes of sform and qform are 0)"),
+        ("text", "bad.nii: cannot be read"),
+        ("cut", "bad.nii: cannot be read"),
+        ("unknown", "bad.nii: bad.json has no PatientPosition; state it, --position HFS or other"),
+        ("HFDR", "position: expected one of HFS, HFP, FFS, FFP, got 'HFDR'"),
+        ("sidecar", "bad.json: cannot be read"),
+    ],
+)
+def test_images_that_cannot_be_used_leave_one_line_and_no_file(tmp_path, table, capsys, name, text):
+    image = bad(tmp_path, name)
+    before = sorted(tmp_path.iterdir())
+    assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "o.nii.gz", "--mode", "3d") == cli.DEFECT
+    lines = capsys.readouterr().err.splitlines()
+    assert len(lines) == 1 and lines[0].startswith("ctessel: ") and text in lines[0]
+    if name != "cut":
+        assert run("warp", table, "--like", image, "-o", tmp_path / "o.nii.gz") == cli.DEFECT
+    assert sorted(tmp_path.iterdir()) == before
+
+
+def test_wrong_use(tmp_path, table, capsys):
+    image = save(tmp_path / "a.nii", smooth(GRIDS[2]), GRIDS[2], PatientPosition="HFS")
+    for words in (
+        ["warp", table, "-o", tmp_path / "w.txt"],
+        ["warp", table, "-o", tmp_path / "w.nii", "--like", image, "--extent", 100],
+        ["warp", table, "-o", tmp_path / "w.nii", "--dims", 4],
+        ["warp", table, "-o", tmp_path / "w.nii", "--spacing", 0],
+        ["unwarp", image, "--coefficients", table, "-o", tmp_path / "w.nii", "--axes", "xyz"],
+        ["unwarp", image, "-o", tmp_path / "w.nii"],
+    ):
+        with pytest.raises(SystemExit) as error:
+            run(*words)
+        assert error.value.code == cli.USAGE
+    assert run("unwarp", image, "--coefficients", image, "-o", tmp_path / "w.nii") == cli.DEFECT
+    assert "a.nii: is no text" in capsys.readouterr().err
+    assert not (tmp_path / "w.nii").exists()
+
+
+def test_a_guess_of_axes_is_told(tmp_path, capsys):
+    coil, out = tmp_path / "c.dat", tmp_path / "w.nii"
+    coil.write_text("SCALEZ3 1e-4\n")
+    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0 and not capsys.readouterr().err
+    coil.write_text("SCALEZ2 1e-4\n")
+    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0
+    assert "LPS is assumed, --axes states it" in capsys.readouterr().err
+    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50, "--axes", "RAS") == 0
+    assert not capsys.readouterr().err
