@@ -1,46 +1,10 @@
-"""ISMRMRD's header text and the fields of its acquisitions."""
+"""ISMRMRD's header text."""
 
 import math
 import xml.etree.ElementTree as ElementTree
 
-import numpy as np
-
+from .acquisitions import DefectError
 from .scan import Header, Limit
-
-#: One acquisition's header as libismrmrd lays it out, without gaps.
-HEAD = np.dtype([
-    ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
-    ("acquisition_time_stamp", "<u4"), ("physiology_time_stamp", "<u4", 3),
-    ("number_of_samples", "<u2"), ("available_channels", "<u2"), ("active_channels", "<u2"),
-    ("channel_mask", "<u8", 16), ("discard_pre", "<u2"), ("discard_post", "<u2"),
-    ("center_sample", "<u2"), ("encoding_space_ref", "<u2"), ("trajectory_dimensions", "<u2"),
-    ("sample_time_us", "<f4"), ("position", "<f4", 3), ("read_dir", "<f4", 3),
-    ("phase_dir", "<f4", 3), ("slice_dir", "<f4", 3), ("patient_table_position", "<f4", 3),
-    ("kspace_encode_step_1", "<u2"), ("kspace_encode_step_2", "<u2"), ("average", "<u2"),
-    ("slice", "<u2"), ("contrast", "<u2"), ("phase", "<u2"), ("repetition", "<u2"), ("set", "<u2"),
-    ("segment", "<u2"), ("user", "<u2", 8), ("user_int", "<i4", 8), ("user_float", "<f4", 8),
-])  # fmt: skip
-
-
-def flag(number):
-    """Bit of a flag, which the format counts from 1."""
-    return np.uint64(1 << (number - 1))
-
-
-NOISE = flag(19)
-CALIBRATION = flag(20)
-CALIBRATION_AND_IMAGING = flag(21)
-REVERSE = flag(22)
-#: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
-NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
-
-
-class DefectError(ValueError):
-    """A file lacks something, or contradicts itself. The text says what, and what mends it."""
-
-    def __init__(self, what, mend="convert the scanner's data again"):
-        super().__init__(f"{what}; {mend}")
-
 
 def parse(text):
     """One `Header` for each encoding of the header text.

@@ -428,10 +428,7 @@ def recon(arguments):
     if arguments.dry_run:
         _say(job.intentions())
         return
-    with _progress("reading", "acquisitions") as progress:
-        scan = job.read(progress)
-    with _progress("reconstructing", "volumes") as progress:
-        result = job.reconstruct(scan, progress)
+    result = job.reconstruct(_progress)
     _warn(result.warnings[len(job.plan.warnings) :], arguments)
     job.write(result)
 

@@ -6,7 +6,7 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import files, nifti, pipeline, raw, report, runtime
+from . import files, nifti, pipeline, raw, report, runtime, workers
 
 
 @dataclass
@@ -20,27 +20,34 @@ class Job:
     affine: np.ndarray
     known: bool
 
-    def read(self, progress):
-        return raw.read(
-            self.found.path,
-            found=self.found,
-            scratch=self.arguments.scratch,
-            progress=progress,
-            threads=self.plan.options.threads,
-        )
-
-    def reconstruct(self, scan, progress):
+    def reconstruct(self, show):
+        """The images. `show` gives a progress bar: a context manager of what and in which unit."""
         with self._client() as client:
-            return pipeline.reconstruct(scan, None, progress, client, plan=self.plan)
+            source = self._source(client, show)
+            with show("reconstructing", "volumes") as progress:
+                return pipeline.reconstruct(source, None, progress, client, plan=self.plan)
+
+    def _source(self, client, show):
+        """The file itself where all who work see it, or its samples."""
+        if self.arguments.workers or (client and _seen_by(client, self.found.path)):
+            return raw.Source(self.found, self.plan.options.threads)
+        with show("reading", "acquisitions") as progress:
+            return raw.read(
+                self.found.path,
+                found=self.found,
+                scratch=self.arguments.scratch,
+                progress=progress,
+                threads=self.plan.options.threads,
+            )
 
     def _client(self):
-        if not (self.arguments.workers or self.arguments.scheduler):
-            return contextlib.nullcontext()  # Dask takes a second to load
-        from . import dask
+        if self.arguments.scheduler:
+            from . import dask  # which takes a second to load
 
-        # A cancelled run leaves its semaphores to a helper process, which would complain on stderr.
-        os.environ.setdefault("PYTHONWARNINGS", "ignore:resource_tracker")
-        return dask.connect(self.arguments.workers, self.arguments.scheduler)
+            return dask.connect(scheduler=self.arguments.scheduler)
+        if self.arguments.workers:
+            return workers.Workers(self.arguments.workers)
+        return contextlib.nullcontext()
 
     def write(self, result):
         with files.Staged() as staged:
@@ -90,6 +97,19 @@ class Job:
         return report.intentions(self.found, self.plan, self.needed, names)
 
 
+def _seen_by(client, path):
+    """Whether the workers of a cluster see a file under the same name."""
+    own = raw.state(path)
+    return all(state == own for state in client.run(_state, os.path.abspath(path)).values())
+
+
+def _state(path):
+    try:
+        return raw.state(path)
+    except OSError:
+        return None
+
+
 def prepare(arguments, part):
     """A `Job` from the command's arguments; refuses what is not possible before any work."""
     coefficients = arguments.geometry and pipeline.read_coefficients(arguments.geometry)
@@ -112,7 +132,8 @@ def prepare(arguments, part):
         matrix, known = nifti.affine(*_geometry(found, plan))
     except ValueError as error:
         raise raw.RawError(f"{found.path}: {error}") from None
-    needed = plan.memory(arguments.workers or 1) + report.INTERPRETER
+    shared = bool(arguments.workers)
+    needed = plan.memory(arguments.workers or 1, shared) + report.INTERPRETER
     job = Job(arguments, found, plan, needed, matrix, known)
     for name in [*job.names(), *([arguments.preview] if arguments.preview else [])]:
         files.check_output(name)
@@ -147,7 +168,8 @@ def _geometry(found, plan):
 def _check_memory(job):
     """Refuse what does not fit before the work."""
     shape = (job.found.width, *job.found.scan.shape[1:])
-    on_disk = 8 * int(np.prod(shape, dtype=float)) if job.arguments.scratch else 0
+    scratch = job.arguments.scratch and not job.arguments.workers
+    on_disk = 8 * int(np.prod(shape, dtype=float)) if scratch else 0
     runtime.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
     )

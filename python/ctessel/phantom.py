@@ -12,9 +12,9 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import _ismrmrd, raw, runtime
+from . import _ismrmrd, acquisitions, raw, runtime
 from .fourier import to_kspace
-from ._ismrmrd import HEAD
+from .acquisitions import HEAD
 from .files import Staged
 from .scan import Header, Limit
 
@@ -241,8 +241,8 @@ def _measurements(phantom):
 
 
 _FLAGS = {
-    "": 0, "noise": _ismrmrd.NOISE, "apart": _ismrmrd.CALIBRATION, "calibration": _ismrmrd.CALIBRATION,
-    "both": _ismrmrd.CALIBRATION_AND_IMAGING,
+    "": 0, "noise": acquisitions.NOISE, "apart": acquisitions.CALIBRATION, "calibration": acquisitions.CALIBRATION,
+    "both": acquisitions.CALIBRATION_AND_IMAGING,
 }  # fmt: skip
 
 

@@ -146,14 +146,18 @@ class Plan:
             "coils": self.shape[3],
         }
 
-    def memory(self, workers=1):
+    def memory(self, workers=1, shared=False):
         """Bytes that the reconstruction needs, the scan itself included.
 
-        `workers` is the number of blocks that are worked on at once.
+        `workers` is the number of blocks that are worked on at once; where a file is `shared`, they
+        read their blocks from it, and nobody holds the whole scan.
         """
         volumes = min(self.group, self.shape[6]) * self.shape[5]
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
         image = prod(self.image_shape) * np.dtype(self.image_type).itemsize
+        if shared:
+            read = 8 * prod(self.shape[:4]) * volumes
+            return int(image + workers * (read + block + PROCESS))
         others = (2 * sent + PROCESS) * workers if workers > 1 else 0
         scan = 8 * (prod(self.shape) + prod(self.apart or (0,)))
         return int(scan + image + workers * block + others)

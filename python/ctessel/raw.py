@@ -12,20 +12,22 @@ import tempfile
 from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import replace
+from functools import lru_cache
 
 import numpy as np
 
 from . import runtime
+from ._ismrmrd import parse
+from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
-from ._ismrmrd import HEAD, DefectError, parse
 from .runtime import DoesNotFitError
-from ._survey import IGNORED, NOISE_SCAN, RANGE_AXES, Contents, survey
 from .scan import AXES, Layout, Limit, Scan, times_text
 
 __all__ = [
     "Contents",
     "DoesNotFitError",
     "RawError",
+    "Source",
     "contents",
     "describe",
     "facts",
@@ -47,6 +49,7 @@ def read(
     *,
     group="dataset",
     range=None,
+    skip=(),
     scratch=None,
     cut=False,
     progress=None,
@@ -64,6 +67,9 @@ def read(
     range : tuple of str, int, int, optional
         Axis ("slice", "echo" or "repetition") and the first and last position to be read along it,
         from 0. Slices count along the slice direction, whatever the order of their measurement.
+    skip : sequence of (str, int), optional
+        Axis and position of images that are left out, also from the calibration. Those that are
+        left follow each other.
     scratch : str or path, optional
         Folder for a file that holds k-space in place of memory. It has no name any more when this
         returns, so that nothing is left of it once the scan is forgotten.
@@ -91,22 +97,82 @@ def read(
         The samples need more memory than is free.
     """
     path = os.fspath(path)
-    found = found or contents(path, group=group, range=range, cut=cut)
+    found = found or contents(path, group=group, range=range, skip=skip, cut=cut)
     if scratch is None:
         runtime.check(found.nbytes, f"{path}: reading it", mend_memory(found))
-    kspace = _zeros(_kspace_shape(found), scratch)
-    calibration = _zeros(found.apart.shape, scratch) if found.apart else None
-    try:
-        noise = _fill(_open(path, found.group), found, kspace, calibration, progress, threads)
-    except (DefectError, RuntimeError) as error:
-        raise _named(path, error) from None
-    _divide(kspace, found.scan.times)
-    if calibration is not None:
-        _divide(calibration, found.apart.times)
-    return Scan(_layout(found, noise), kspace, calibration)
+    known, targets = layout(found), [(found.scan, _zeros(_kspace_shape(found), scratch))]
+    if found.apart:
+        targets.append((found.apart, _zeros(found.apart.shape, scratch)))
+    _read_into(targets, _open(path, found.group), found, progress, threads)
+    return Scan(known, *(array for _, array in targets))
 
 
-def contents(path, *, group="dataset", range=None, cut=False):
+class Source:
+    """Samples of a raw data file, read as they are asked for: what `ctessel.scan.Scan` holds at once.
+
+    Another process that gets it opens the file by itself, and finds out anew what is in it: only names
+    and numbers are sent.
+    """
+
+    shared = True
+
+    def __init__(self, found, threads=None):
+        self._state, self._threads = state(found.path), threads
+        self.layout, self._found = layout(found), found
+        self._file = _open(found.path, found.group)
+
+    def __reduce__(self):
+        f = self._found
+        what = (f.group, f.range, f.skipped, f.cut, self._threads)
+        return _Elsewhere, (os.path.abspath(f.path), self._state, *what)
+
+    def frames(self, index, repetitions):
+        """k-space of a slice, ``(x, y, z, coil, echo, repetition)``."""
+        numbers = np.arange(self.layout.shape[6])[repetitions]
+        return self._read(self._found.scan.part(index, numbers), self._found.width)[:, :, :, :, 0]
+
+    def separate(self, index):
+        """Calibration scan of a slice, ``(x, y, z, coil)``."""
+        places = self._found.apart
+        at = min(index, places.shape[4] - 1)
+        return self._read(places.part(at, np.array([0])), places.shape[0])[:, :, :, :, 0, 0, 0]
+
+    def _read(self, places, width):
+        array = runtime.zeros((width, *places.shape[1:]))
+        _read_into([(places, array)], self._file, self._found, None, self._threads)
+        return array
+
+
+class _Elsewhere:
+    """The `Source` of another process, opened when samples are asked for."""
+
+    shared = True
+
+    def __init__(self, *names):
+        self._names = names
+
+    def frames(self, index, repetitions):
+        return _source(*self._names).frames(index, repetitions)
+
+    def separate(self, index):
+        return _source(*self._names).separate(index)
+
+
+@lru_cache(1)  # every block of a run brings the same names
+def _source(path, known, group, range, skip, cut, threads):
+    found = contents(path, group=group, range=range, skip=skip, cut=cut)
+    if state(path) != known:
+        raise RawError(f"{path}: has changed since the run began; start it again")
+    return Source(found, threads)
+
+
+def state(path):
+    """What changes with a file."""
+    status = os.stat(path)
+    return status.st_size, status.st_mtime_ns
+
+
+def contents(path, *, group="dataset", range=None, skip=(), cut=False):
     """What a raw data file holds, without its samples. Arguments and errors are those of `read`.
 
     Returns
@@ -116,11 +182,10 @@ def contents(path, *, group="dataset", range=None, cut=False):
     path = os.fspath(path)
     reader = _open(path, group)
     try:
-        found = survey(path, group, parse(reader.header), _heads(reader, path), range)
+        found = survey(parse(reader.header), _heads(reader, path), range, skip)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
-    found.cut = cut
-    return found
+    return replace(found, cut=cut, path=path, group=group)
 
 
 def layout(found):
@@ -132,14 +197,14 @@ def layout(found):
     -------
     Layout
     """
-    at, noise = np.flatnonzero(found.role == NOISE_SCAN), []
-    if at.size:
-        reader = _open(found.path, found.group)
-        try:
-            noise = [reader.read(i, 1).samples(i) for i in at]
-        except RuntimeError as error:
-            raise _named(found.path, error) from None
-    return _layout(found, noise)
+    at = np.flatnonzero(found.role == NOISE_SCAN)
+    if not at.size:
+        return _layout(found, [])
+    try:
+        block = _open(found.path, found.group).read(at)
+        return _layout(found, [block.samples(i) for i in at])
+    except RuntimeError as error:
+        raise _named(found.path, error) from None
 
 
 def describe(path, *, group="dataset", range=None):
@@ -285,6 +350,7 @@ def _layout(found, noise):
         found.flagged,
         found.scan.shape[0] if found.width < found.scan.shape[0] else None,
         found.range,
+        found.warnings,
     )
 
 
@@ -304,29 +370,38 @@ def _cut_header(found):
     )
 
 
-def _fill(reader, found, kspace, calibration, progress, threads):
-    """Put samples where they belong, several measurements of a line summed. Returns the noise."""
-    noise, total = [], found.heads.size
-    bytes_each = 8 * int(found.heads["number_of_samples"].max()) * found.scan.shape[3]
-    step = max(1, min(256, BLOCK_BYTES // max(1, bytes_each)))
-    shape = (found.scan.shape[0], found.scan.shape[3], min(step, total))
-    whole = np.empty(shape if found.width < shape[0] else 0, np.complex64, order="F")
-    parts = [slice(first, min(first + step, total)) for first in range(0, total, step)]
-    parts = [part for part in parts if (found.role[part] != IGNORED).any()]
+def _read_into(targets, reader, found, progress, threads):
+    """Read what belongs to some places into arrays, the mean where a line was measured several times.
+
+    `targets` are pairs of `Places` and arrays, which hold zeros.
+    """
+    try:
+        _fill(targets, reader, found, progress, threads)
+    except RuntimeError as error:
+        raise _named(found.path, error) from None
+    for places, array in targets:
+        _divide(array, places.times)
+
+
+def _fill(targets, reader, found, progress, threads):
+    numbers = np.flatnonzero(np.any([places.which for places, _ in targets], 0))
+    samples, coils, done = int(found.heads["number_of_samples"].max()), found.scan.shape[3], 0
+    step = max(1, min(256, BLOCK_BYTES // max(1, 8 * samples * coils)))
+    whole = np.empty((found.scan.shape[0], coils, min(step, numbers.size)), np.complex64, order="F")
+    parts = [numbers[first : first + step] for first in range(0, numbers.size, step)]
     for part, block in _read_ahead(reader, parts):
-        noise += _fill_block(block, found, kspace, calibration, part, whole, threads)
+        for places, array in targets:
+            _fill_part(block, places, array, part[places.which[part]], whole, threads)
+        done += part.size
         if progress:
-            progress(part.stop, total)
-    if progress:
-        progress(total, total)
-    return noise
+            progress(done, numbers.size)
 
 
 def _read_ahead(reader, parts):
     """Acquisitions of each part, read while those of the part before are put to their places."""
 
     def read(part):
-        return part, reader.read(part.start, part.stop - part.start)
+        return part, reader.read(part)
 
     with ThreadPoolExecutor(1) as thread:
         jobs = deque()  # alone holds them: an error in a variable here would keep the file open
@@ -338,23 +413,12 @@ def _read_ahead(reader, parts):
             yield jobs.popleft().result()
 
 
-def _fill_block(block, found, kspace, calibration, part, whole, threads):
-    """Put samples of some acquisitions where they belong. Returns those that are noise.
-
-    `whole` is room for the block's readouts.
-    """
-
-    def chosen(which):
-        return part.start + np.flatnonzero(which[part])
-
-    if calibration is not None:
-        _place(block, found.apart, calibration, chosen(found.apart.which))
-    lines = chosen(found.scan.which)
-    if found.width == found.scan.shape[0]:
-        _place(block, found.scan, kspace, lines)
-    elif lines.size:
-        _place_cut(block, found, kspace, lines, whole[:, :, : lines.size], threads)
-    return [block.samples(i) for i in chosen(found.role == NOISE_SCAN)]
+def _fill_part(block, places, array, numbers, whole, threads):
+    """Put lines of a block where they belong. `whole` is room for their readouts."""
+    if array.shape[0] == places.shape[0]:
+        _place(block, places, array, numbers)
+    elif numbers.size:
+        _place_cut(block, places, array, numbers, whole[:, :, : numbers.size], threads)
 
 
 def _place(block, places, array, numbers):
@@ -369,7 +433,7 @@ def _place(block, places, array, numbers):
     )
 
 
-def _place_cut(block, found, kspace, numbers, whole, threads):
+def _place_cut(block, places, array, numbers, whole, threads):
     """Put lines of a block without their oversampling; `whole`, room for them, is overwritten.
 
     The centres are moved to the first samples, and back, on the way.
@@ -377,20 +441,20 @@ def _place_cut(block, found, kspace, numbers, whole, threads):
     n, coils, count = whole.shape
     block.put(
         numbers,
-        x=found.scan.x[numbers],
+        x=places.x[numbers],
         array=whole,
         offsets=n * coils * np.arange(count),
         coil_axis=1,
         turn=n - n // 2,
         add=np.zeros(count, bool),
     )
-    binding(found.path).put(
-        cut_unshifted(whole, found.width, threads=threads),
-        kspace,
-        offsets=found.scan.offsets(kspace, numbers),
+    binding("raw data").put(
+        cut_unshifted(whole, len(array), threads=threads),
+        array,
+        offsets=places.offsets(array, numbers),
         coil_axis=3,
-        turn=found.width // 2,
-        add=found.scan.repeated(numbers),
+        turn=len(array) // 2,
+        add=places.repeated(numbers),
     )
 
 

@@ -5,6 +5,7 @@ A block is some repetitions of one slice. What it is made of comes from a source
 """
 
 from dataclasses import dataclass, field
+from functools import partial
 from math import prod
 
 import numpy as np
@@ -70,8 +71,8 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
     options : Options, optional
     progress : callable, optional
         Called with the number of volumes that are done and that of all.
-    client : distributed.Client, optional
-        Processes to work on, see `ctessel.dask.connect`. Results are the same bits.
+    client : ctessel.workers.Workers or distributed.Client, optional
+        Processes to work on, here or of `ctessel.dask.connect`. Results are the same bits.
     plan : Plan, optional
         What `ctessel.pipeline.plan` has decided for this scan, or a part of that; in place of
         `options`.
@@ -126,11 +127,14 @@ def _run(plan, source, client):
     """Blocks with what was made of them, in any order."""
     if client is None:
         return _run_here(plan, source)
-    from .dask import run_tasks
+    run = getattr(client, "run_tasks", None)
+    if run is None:
+        from .dask import run_tasks
 
+        run = partial(run_tasks, client)
     if source.shared:
-        return run_tasks(client, work, ((block, (plan, block, source)) for block in blocks(plan)))
-    return run_tasks(client, _work, _tasks(plan, source))
+        return run(work, ((block, (plan, block, source)) for block in blocks(plan)))
+    return run(_work, _tasks(plan, source))
 
 
 def _run_here(plan, source):

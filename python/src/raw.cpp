@@ -208,8 +208,11 @@ void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets
 /// Some acquisitions of a file.
 class Acquisitions {
  public:
-  Acquisitions(std::size_t first, std::size_t count) : first_(first), records_(count) {}
+  /// `numbers` grow.
+  explicit Acquisitions(std::vector<hsize_t> numbers)
+      : numbers_(std::move(numbers)), records_(numbers_.size()) {}
 
+  const std::vector<hsize_t>& numbers() const { return numbers_; }
   Record* records() { return records_.data(); }
 
   /// For HDF5, which asks for room for each acquisition: all of it is given back at once.
@@ -245,17 +248,19 @@ class Acquisitions {
   }
 
  private:
-  std::string name(std::size_t i) const { return "acquisition " + std::to_string(first_ + i); }
+  std::string name(std::size_t i) const { return "acquisition " + std::to_string(numbers_[i]); }
 
   ISMRMRD_AcquisitionHeader head(std::size_t i) const { return head_of(records_[i].head); }
 
   Line line(std::size_t number) const {
-    const std::size_t i = number - first_;
-    if (i >= records_.size()) throw py::index_error("acquisitions that were not read");
+    const auto at = std::lower_bound(numbers_.begin(), numbers_.end(), number);
+    if (at == numbers_.end() || *at != number)
+      throw py::index_error("acquisitions that were not read");
+    const auto i = static_cast<std::size_t>(at - numbers_.begin());
     return line_of(head(i), static_cast<const Sample*>(records_[i].data.p), number);
   }
 
-  std::size_t first_;
+  std::vector<hsize_t> numbers_;
   std::vector<Record> records_;
   std::pmr::monotonic_buffer_resource samples_;
 };
@@ -287,20 +292,28 @@ class Reader {
     {
       const py::gil_scoped_release release;
       const Quiet quiet;
-      read_into(first, count, *head_type_, to, H5P_DEFAULT);
+      read_into(part(first, count), *head_type_, to, H5P_DEFAULT);
     }
     return heads;
   }
 
-  std::unique_ptr<Acquisitions> read(std::size_t first, std::size_t count) const {
-    check_range(first, count);
-    auto block = std::make_unique<Acquisitions>(first, count);
+  /// Acquisitions of these numbers, which grow.
+  std::unique_ptr<Acquisitions> read(const Indices& numbers) const {
+    const auto given = numbers.unchecked<1>();
+    std::vector<hsize_t> wanted(static_cast<std::size_t>(given.size()));
+    for (ptrdiff_t i = 0; i < given.size(); ++i) {
+      if (given(i) < 0 || (i > 0 && given(i) <= given(i - 1)))
+        throw py::value_error("expected numbers that grow");
+      wanted[static_cast<std::size_t>(i)] = static_cast<hsize_t>(given(i));
+    }
+    if (!wanted.empty()) check_range(wanted.back(), 1);
+    auto block = std::make_unique<Acquisitions>(std::move(wanted));
     const py::gil_scoped_release release;
     const Quiet quiet;
     const Handle how(H5Pcreate(H5P_DATASET_XFER), H5Pclose);
     check(H5Pset_vlen_mem_manager(how, Acquisitions::allocate, block.get(), Acquisitions::keep,
                                   block.get()));
-    read_into(first, count, *record_type_, block->records(), how);
+    read_into(selected(block->numbers()), *record_type_, block->records(), how);
     block->check();
     return block;
   }
@@ -336,12 +349,26 @@ class Reader {
       throw py::index_error("acquisitions outside the file");
   }
 
-  void read_into(std::size_t first, std::size_t count, hid_t type, void* to, hid_t how) const {
-    if (count == 0) return;
-    const hsize_t start = first, n = count;
-    const Handle space(H5Dget_space(*data_), H5Sclose);
-    check(H5Sselect_hyperslab(space, H5S_SELECT_SET, &start, nullptr, &n, nullptr));
-    const Handle memory(H5Screate_simple(1, &n, nullptr), H5Sclose);
+  Handle part(hsize_t first, hsize_t count) const {
+    Handle space(H5Dget_space(*data_), H5Sclose);
+    check(H5Sselect_hyperslab(space, H5S_SELECT_SET, &first, nullptr, &count, nullptr));
+    return space;
+  }
+
+  Handle selected(const std::vector<hsize_t>& numbers) const {
+    if (numbers.empty()) return part(0, 0);
+    if (numbers.back() - numbers.front() + 1 == numbers.size())
+      return part(numbers.front(), numbers.size());
+    Handle space(H5Dget_space(*data_), H5Sclose);
+    check(H5Sselect_elements(space, H5S_SELECT_SET, numbers.size(), numbers.data()));
+    return space;
+  }
+
+  void read_into(const Handle& space, hid_t type, void* to, hid_t how) const {
+    const hssize_t points = H5Sget_select_npoints(space);
+    if (points <= 0) return;
+    const auto count = static_cast<hsize_t>(points);
+    const Handle memory(H5Screate_simple(1, &count, nullptr), H5Sclose);
     check(H5Dread(*data_, type, memory, space, how, to));
   }
 
@@ -420,7 +447,7 @@ PYBIND11_MODULE(_raw, m) {
       .def_property_readonly("header", [](const Reader& r) { return py::bytes(r.header()); })
       .def("__len__", &Reader::size)
       .def("heads", &Reader::heads, py::arg("first"), py::arg("count"))
-      .def("read", &Reader::read, py::arg("first"), py::arg("count"));
+      .def("read", &Reader::read, py::arg("numbers"));
   py::class_<Acquisitions>(m, "Acquisitions")
       .def("samples", &Acquisitions::samples, py::arg("number"))
       .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),

@@ -1,17 +1,14 @@
-"""What a raw data file holds, from the headers of its acquisitions."""
+"""Where the acquisitions of a scan belong: from their headers alone.
 
-from dataclasses import dataclass, field
+Readers of files and streams bring the headers, `survey` finds out. Its steps take columns, one entry
+an acquisition, and return new ones.
+"""
+
+from dataclasses import dataclass, replace
 
 import numpy as np
 
-from ._ismrmrd import (
-    CALIBRATION,
-    CALIBRATION_AND_IMAGING,
-    NOISE,
-    NOT_IMAGING,
-    REVERSE,
-    DefectError,
-)
+from . import runtime
 from .scan import Header, Limit, Placement
 
 #: Axes that a scan can be read in parts along, in the order of its arrays.
@@ -19,8 +16,42 @@ RANGE_AXES = ("slice", "echo", "repetition")
 #: Roles of an acquisition. APART belongs to a calibration scan that is kept by itself.
 IGNORED, IMAGING, APART, NOISE_SCAN = range(4)
 
+#: One acquisition's header as libismrmrd lays it out, without gaps.
+HEAD = np.dtype([
+    ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
+    ("acquisition_time_stamp", "<u4"), ("physiology_time_stamp", "<u4", 3),
+    ("number_of_samples", "<u2"), ("available_channels", "<u2"), ("active_channels", "<u2"),
+    ("channel_mask", "<u8", 16), ("discard_pre", "<u2"), ("discard_post", "<u2"),
+    ("center_sample", "<u2"), ("encoding_space_ref", "<u2"), ("trajectory_dimensions", "<u2"),
+    ("sample_time_us", "<f4"), ("position", "<f4", 3), ("read_dir", "<f4", 3),
+    ("phase_dir", "<f4", 3), ("slice_dir", "<f4", 3), ("patient_table_position", "<f4", 3),
+    ("kspace_encode_step_1", "<u2"), ("kspace_encode_step_2", "<u2"), ("average", "<u2"),
+    ("slice", "<u2"), ("contrast", "<u2"), ("phase", "<u2"), ("repetition", "<u2"), ("set", "<u2"),
+    ("segment", "<u2"), ("user", "<u2", 8), ("user_int", "<i4", 8), ("user_float", "<f4", 8),
+])  # fmt: skip
 
-@dataclass
+
+def flag(number):
+    """Bit of a flag, which the format counts from 1."""
+    return np.uint64(1 << (number - 1))
+
+
+NOISE = flag(19)
+CALIBRATION = flag(20)
+CALIBRATION_AND_IMAGING = flag(21)
+REVERSE = flag(22)
+#: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
+NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
+
+
+class DefectError(ValueError):
+    """A file lacks something, or contradicts itself. The text says what, and what mends it."""
+
+    def __init__(self, what, mend="convert the scanner's data again"):
+        super().__init__(f"{what}; {mend}")
+
+
+@dataclass(frozen=True, eq=False)
 class Places:
     """Where lines of k-space go: per acquisition, and extents of the array that they go to."""
 
@@ -45,13 +76,26 @@ class Places:
         at = (self.y, self.z, self.slice, self.echo, self.repetition)
         return self.times[tuple(i[numbers] for i in at)] > 1
 
+    def part(self, index, repetitions):
+        """Places of some repetitions of one slice alone, in an array of theirs."""
+        among = np.full(self.shape[6], -1)
+        among[repetitions] = np.arange(len(repetitions))
+        which = self.which & (self.slice == index)
+        which[which] = among[self.repetition[which]] >= 0
+        return replace(
+            self,
+            shape=(*self.shape[:4], 1, self.shape[5], len(repetitions)),
+            which=which,
+            slice=np.zeros_like(self.slice),
+            repetition=among[np.where(which, self.repetition, 0)],
+            times=self.times[:, :, [index]][..., repetitions],
+        )
 
-@dataclass
+
+@dataclass(frozen=True, eq=False)
 class Contents:
-    """What a raw data file holds, without the samples."""
+    """What a scan holds, without the samples."""
 
-    path: str
-    group: str
     header: Header
     heads: np.ndarray
     role: np.ndarray
@@ -59,8 +103,11 @@ class Contents:
     flagged: np.ndarray  # (y, z) of bool: lines that the file calls calibration
     apart: Places | None = None
     range: tuple[str, int, int] | None = None
-    extents: dict[str, int] = field(default_factory=dict)  # of RANGE_AXES in the whole file
+    skipped: tuple[tuple[str, int], ...] = ()
+    kept: dict | None = None  # positions of the whole scan, by RANGE_AXES
     cut: bool = False  # the readout to the field of the image, while it is read
+    path: str = ""
+    group: str = ""
 
     @property
     def width(self):
@@ -78,14 +125,43 @@ class Contents:
 
     @property
     def nbytes(self):
-        """Memory of the arrays that the file is read into."""
+        """Memory of the arrays that the scan is read into."""
         arrays = [(self.width, *self.scan.shape[1:]), (self.noise_samples, self.scan.shape[3])]
         arrays += [self.apart.shape] if self.apart else []
         return sum(int(np.prod(shape, dtype=float)) for shape in arrays) * 8
 
+    @property
+    def warnings(self):
+        """What may lead to another image than the user expects, a line each."""
+        measured = self.scan.times[self.scan.times > 0]
+        often, counts = np.unique(measured, return_counts=True)
+        if often.size < 2:
+            return ()
+        usual = often[counts.argmax()]
+        odd = int(counts.sum() - counts.max())
+        return (
+            f"{odd} of {measured.size} lines were not measured {usual} time{'s' * (usual > 1)} as the others, "
+            f"but {', '.join(str(n) for n in often if n != usual)} times; each is the mean of its own",
+        )
 
-def survey(path, group, encodings, heads, part=None):
-    """`Contents` from header texts (one `Header` per encoding) and headers of acquisitions.
+
+def survey(encodings, heads, part=None, skip=()):
+    """Find out what a scan holds.
+
+    Parameters
+    ----------
+    encodings : sequence of Header
+        One for each encoding of the scan.
+    heads : ndarray of HEAD
+        One for each acquisition, in the order of measurement.
+    part : tuple of str, int, int, optional
+        Axis and the first and last position that are wanted.
+    skip : sequence of (str, int), optional
+        Axis and position of images that are left out, also from the calibration.
+
+    Returns
+    -------
+    Contents
 
     Raises
     ------
@@ -96,20 +172,31 @@ def survey(path, group, encodings, heads, part=None):
     space, header = _encoding(encodings, heads, role == IMAGING)
     index = {"slice": heads["slice"], "echo": heads["contrast"], "repetition": _repetitions(heads)}
     index = {name: _compact(values, role == IMAGING) for name, values in index.items()}
-    role[(role == APART) & (index["slice"] < 0)] = IGNORED  # calibrates slices that have no images
-    _order_slices(heads, role == IMAGING, header, index["slice"])
+    # What calibrates slices that have no images is of no use.
+    role = np.where((role == APART) & (index["slice"] < 0), IGNORED, role)
+    index["slice"], placed = _in_order(heads, role == IMAGING, index["slice"])
+    header = replace(header, **placed)
     extents = {name: int(index[name][role == IMAGING].max()) + 1 for name in RANGE_AXES}
-    _restrict(heads, role, header, index, extents, part)
+    kept = _kept(extents, part, skip)
+    role = _restricted(heads, role, index, kept, skip)
+    index = {name: _compacted(index[name], kept[name], extents[name]) for name in RANGE_AXES}
+    header = _restricted_header(header, kept, extents)
     coils = _coils(heads, role)
     index["y"], index["z"] = _lines(heads, encodings, role)
-    calibration_in_scan = _join_calibration(heads, role, flagged, header, space, index)
-    scan = _scan_places(heads, role, header, coils, index)
-    marked = np.zeros(scan.times.shape[:2], bool)
-    marked[scan.y[calibration_in_scan], scan.z[calibration_in_scan]] = True
-    apart = _apart_places(heads, role, encodings, header, coils, index, scan.shape[4])
+    role = _joined(heads, role, header, space, index)
+    scan, readout = _scan_places(heads, role, header, coils, index)
+    role, apart, fov = _apart_places(heads, role, encodings, coils, index, scan.shape[4])
     averages = float(np.median(scan.times[scan.times > 0]))
-    header.noise_bandwidth_ratio = _dwell_ratio(heads, role) / averages
-    return Contents(path, group, header, heads, role, scan, marked, apart, part, extents)
+    header = replace(
+        header,
+        limits={**header.limits, "x": readout},
+        noise_bandwidth_ratio=_dwell_ratio(heads, role) / averages,
+        calibration_fov=fov,
+    )
+    marked = np.zeros(scan.times.shape[:2], bool)
+    called = flagged & (role == IMAGING)
+    marked[scan.y[called], scan.z[called]] = True
+    return Contents(header, heads, role, scan, marked, apart, part, tuple(skip), kept)
 
 
 def _roles(heads):
@@ -154,24 +241,24 @@ def _compact(values, imaging):
     return np.where(kinds[at] == values, at, -1)
 
 
-def _order_slices(heads, imaging, header, index):
-    """Count slices along their normal, and note where they are. `index` is changed."""
+def _in_order(heads, imaging, index):
+    """Slices counted along their normal; and where they are, as fields of a header."""
     first = [int(np.flatnonzero(imaging & (index == i))[0]) for i in range(int(index.max()) + 1)]
     if not all(_has_directions(heads[i]) for i in first):
-        return
+        return index, {}
     places = [_placement(heads[i]) for i in first]
     if len(places) > 1 and not np.ptp([np.hstack([*vars(p).values()]) for p in places], 0).any():
-        return  # the file does not tell the slices apart
+        return index, {}  # the file does not tell the slices apart
     along = np.array([p.position @ places[0].slice for p in places])
     order = np.argsort(along, kind="stable")
     steps = np.diff(along[order])
-    if steps.size and steps.min() > 1e-3:
-        rank = np.append(np.argsort(order), -1)  # -1 stays -1
-        index[:] = rank[index]
-        places = [places[i] for i in order]
-        positions = np.array([p.position for p in places])
-        header.spacing = float(np.median(np.linalg.norm(np.diff(positions, axis=0), axis=1)))
-    header.placements = places
+    if not (steps.size and steps.min() > 1e-3):
+        return index, {"placements": places}
+    rank = np.append(np.argsort(order), -1)  # -1 stays -1
+    places = [places[i] for i in order]
+    positions = np.array([p.position for p in places])
+    spacing = float(np.median(np.linalg.norm(np.diff(positions, axis=0), axis=1)))
+    return rank[index], {"placements": places, "spacing": spacing}
 
 
 def _has_directions(head):
@@ -191,31 +278,54 @@ def _placement(head):
     return Placement(position, read, phase, normal)
 
 
-def _restrict(heads, role, header, index, extents, part):
-    """Leave out what is not in `part`: (axis, first, last). Roles and indices are changed.
+def _kept(extents, part, skip):
+    """Positions along each axis that are wanted, of the whole scan."""
+    for axis, first, last in [*([part] if part else []), *((axis, n, n) for axis, n in skip)]:
+        if axis not in RANGE_AXES:
+            raise DefectError(
+                f"it cannot be read along {axis}", f"parts are taken along {', '.join(RANGE_AXES)}"
+            )
+        if not 0 <= first <= last < extents[axis]:
+            where = f"{first} to {last}" if last > first else str(first)
+            raise DefectError(
+                f"{axis} {where} is not in it", f"it has {axis} 0 to {extents[axis] - 1}"
+            )
+    kept = {axis: np.arange(n) for axis, n in extents.items()}
+    if part:
+        kept[part[0]] = np.arange(part[1], part[2] + 1)
+    for axis, number in skip:
+        kept[axis] = kept[axis][kept[axis] != number]
+        if not kept[axis].size:
+            raise DefectError(f"nothing is left along {axis}", "leave out less with --skip")
+    return kept
 
-    Other echoes and repetitions still calibrate.
-    """
-    if part is None:
-        return
-    axis, first, last = part
-    if axis not in RANGE_AXES:
-        raise DefectError(
-            f"it cannot be read along {axis}", f"--range takes {', '.join(RANGE_AXES)}"
-        )
-    if not 0 <= first <= last < extents[axis]:
-        raise DefectError(
-            f"{axis} {first} to {last} is not in it", f"it has {axis} 0 to {extents[axis] - 1}"
-        )
-    kinds = [IMAGING, APART] if axis == "slice" else [IMAGING]
-    outside = np.isin(role, kinds) & ((index[axis] < first) | (index[axis] > last))
+
+def _restricted(heads, role, index, kept, skip):
+    """Roles of what is kept. Other echoes and repetitions still calibrate, unless they are skipped."""
     both = heads["flags"] & CALIBRATION_AND_IMAGING != 0
-    role[outside] = np.where(both[outside] & (axis != "slice"), APART, IGNORED)
-    index[axis] -= first
-    if axis == "slice":
-        header.placements = header.placements[first : last + 1]
-    if axis == "echo":
-        header.te = header.te[first : last + 1]
+    for axis in RANGE_AXES:
+        outside = ~np.isin(index[axis], kept[axis])
+        left = [n for name, n in skip if name == axis]
+        useless = np.isin(index[axis], left) | (outside & (axis == "slice"))
+        role = np.where(useless & np.isin(role, (IMAGING, APART)), IGNORED, role)
+        role = np.where(outside & (role == IMAGING), np.where(both, APART, IGNORED), role)
+    return role
+
+
+def _compacted(index, kept, extent):
+    """Positions among those that are kept; -1 for others."""
+    among = np.full(extent + 1, -1)  # the last one for -1
+    among[kept] = np.arange(len(kept))
+    return among[index]
+
+
+def _restricted_header(header, kept, extents):
+    def chosen(values, axis):
+        return [values[i] for i in kept[axis]] if len(values) == extents[axis] else values
+
+    return replace(
+        header, placements=chosen(header.placements, "slice"), te=chosen(header.te, "echo")
+    )
 
 
 def _coils(heads, role):
@@ -250,8 +360,8 @@ def _lines(heads, encodings, role):
     return y, z
 
 
-def _join_calibration(heads, role, flagged, header, space, index):
-    """Calibration lines join the images where they complete each of them. `role` is changed.
+def _joined(heads, role, header, space, index):
+    """Roles where calibration lines join the images, if they complete each of them.
 
     They stay apart where the file says so, where they repeat lines of the images, which need not
     have the same contrast, where some images have fewer of them than others, and where they belong
@@ -260,13 +370,14 @@ def _join_calibration(heads, role, flagged, header, space, index):
     candidates = role == APART
     apart = header.calibration_mode in ("separate", "external")
     apart |= bool((heads["encoding_space_ref"][candidates] != space).any())
-    if not apart and candidates.any():
-        shape = _image_shape(role == IMAGING, header, index)
-        images, lines = (_times(which, index, shape) > 0 for which in (role == IMAGING, candidates))
-        if lines.any() and np.ptp(lines.sum((0, 1))) == 0 and not (images & lines).any():
-            here = _inside([index[name][candidates] for name in RANGE_AXES], shape[2:])
-            role[candidates] = np.where(here, IMAGING, IGNORED)
-    return flagged & (role == IMAGING)
+    if apart or not candidates.any():
+        return role
+    shape = _image_shape(role == IMAGING, header, index)
+    images, lines = (_times(which, index, shape) > 0 for which in (role == IMAGING, candidates))
+    if not lines.any() or np.ptp(lines.sum((0, 1))) > 0 or (images & lines).any():
+        return role
+    here = _inside([index[name] for name in RANGE_AXES], shape[2:])
+    return np.where(candidates, np.where(here, IMAGING, IGNORED), role)
 
 
 def _image_shape(which, header, index):
@@ -276,6 +387,11 @@ def _image_shape(which, header, index):
 
 def _times(which, index, shape):
     """How often each line was measured, (y, z, slice, echo, repetition)."""
+    runtime.check(
+        10 * int(np.prod(shape, dtype=float)),
+        "the list of its lines",
+        "is the matrix in its header right?",
+    )
     at = [index[name][which] for name in ("y", "z", *RANGE_AXES)]
     inside = _inside(at, shape)
     flat = np.ravel_multi_index([a[inside] for a in at], shape)
@@ -287,14 +403,14 @@ def _inside(at, shape):
 
 
 def _scan_places(heads, role, header, coils, index):
+    """Places of the images' lines, and the limits of their readouts."""
     which = role == IMAGING
-    x, header.limits["x"] = _readouts(heads, header, which)
+    x, readout = _readouts(heads, header, which)
     shape = _image_shape(which, header, index)
     times = _times(which, index, shape)
     shape = (header.encoded_matrix[0], *shape[:2], coils, *shape[2:])
-    return Places(
-        shape, which, x, index["y"], index["z"], *(index[name] for name in RANGE_AXES), times
-    )
+    places = (index[name] for name in ("y", "z", *RANGE_AXES))
+    return Places(shape, which, x, *places, times), readout
 
 
 def _readouts(heads, header, which):
@@ -342,21 +458,23 @@ def _agreed(first, length, extent, which, reverse):
     return first - (reverse & (first + length > extent)[which].any())
 
 
-def _apart_places(heads, role, encodings, header, coils, index, slices):
-    """Places of a separate calibration scan: first echo and repetition, smallest centred grid."""
+def _apart_places(heads, role, encodings, coils, index, slices):
+    """Places of a separate calibration scan, roles without the rest of it, and its field of view.
+
+    Of several echoes and repetitions the first one counts. The grid is the smallest centred one.
+    """
     which = role == APART
     if not which.any():
-        return None
+        return role, None, None
     space = heads["encoding_space_ref"]
     both = (role == IMAGING) & (heads["flags"] & CALIBRATION_AND_IMAGING != 0)
     which |= both & (space == space[which][0])
     for name in ("contrast", "repetition"):
         which &= heads[name] == heads[name][which].min()
-    role[(role == APART) & ~which] = IGNORED
+    role = np.where((role == APART) & ~which, IGNORED, role)
     own = encodings[space[which][0]]
-    header.calibration_fov = own.encoded_fov
     x, _ = _readouts(heads, own, which)
-    places = {name: index[name].copy() for name in ("y", "z")}
+    places = {name: index[name] for name in ("y", "z")}
     shape = []
     for name, extent in zip("yz", own.encoded_matrix[1:]):
         at = places[name] - extent // 2
@@ -370,11 +488,12 @@ def _apart_places(heads, role, encodings, header, coils, index, slices):
     if lacking.size:
         raise DefectError(f"its calibration scan lacks slice {lacking[0]}")
     shape = (own.encoded_matrix[0], *shape, coils, slices, 1, 1)
-    return Places(shape, which, x, at["y"], at["z"], at["slice"], none, none, times)
+    places = Places(shape, which, x, at["y"], at["z"], at["slice"], none, none, times)
+    return role, places, own.encoded_fov
 
 
 def _dwell_ratio(heads, role):
     dwell = [heads["sample_time_us"][role == kind] for kind in (NOISE_SCAN, IMAGING)]
-    if not all(times.size and np.median(times) > 0 for times in dwell):
+    if not all(times.size and 0 < np.median(times) < np.inf for times in dwell):
         return 1.0
     return float(np.median(dwell[0]) / np.median(dwell[1]))

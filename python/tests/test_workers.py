@@ -1,0 +1,103 @@
+"""Workers read their own part of a file, give the bits of one process, and leave nothing behind."""
+
+import os
+import signal
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import numpy as np
+import pytest
+from conftest import same_bits
+
+from ctessel import phantom, pipeline, raw
+from ctessel.pipeline import Options
+from ctessel.workers import Workers
+
+
+@pytest.fixture(scope="module")
+def workers():
+    with Workers(2) as started:
+        yield started
+
+
+@pytest.mark.parametrize("kind", ["undersampled-3", "turns", "averages", "partial-readout", "3d-undersampled", "echoes"])
+def test_a_file_gives_the_samples_of_the_whole_block_by_block(tmp_path, kind):
+    phantom.write(tmp_path / "p.h5", kind, size=32, coils=2, noise=0.01)
+    found = raw.contents(tmp_path / "p.h5", cut=True)
+    whole, source = raw.read(found.path, found=found), raw.Source(found)
+    for index in range(whole.kspace.shape[4]):
+        count = whole.kspace.shape[6]
+        for repetitions in (slice(0, count), np.arange(count)[::2]):
+            same_bits(source.frames(index, repetitions), whole.frames(index, repetitions))
+        if whole.calibration is not None:
+            same_bits(source.separate(index), whole.separate(index))
+
+
+@pytest.mark.parametrize("options", [Options(combine="sos"), Options(regularisation=0.5)])
+def test_workers_make_the_images_of_one_process(tmp_path, workers, monkeypatch, options):
+    phantom.write(tmp_path / "p.h5", "noise", size=32, coils=4, slices=3, repetitions=3)
+    monkeypatch.setattr(pipeline.plan.__globals__["Plan"], "group", 1)  # one repetition at a time
+    found, seen = raw.contents(tmp_path / "p.h5"), []
+    want = pipeline.reconstruct(raw.read(found.path, found=found), options).image
+    for source in (raw.Source(found), raw.read(found.path, found=found)):
+        seen.clear()
+        got = pipeline.reconstruct(source, options, lambda *done: seen.append(done), workers)
+        same_bits(got.image, want)
+        assert seen == [(n, 9) for n in range(1, 10)]
+
+
+def test_a_file_that_changes_is_refused(tmp_path, workers):
+    phantom.write(tmp_path / "p.h5", "full", size=32, coils=2)
+    source = raw.Source(raw.contents(tmp_path / "p.h5"))
+    os.utime(tmp_path / "p.h5", (0, 0))
+    with pytest.raises(raw.RawError, match="has changed since the run began"):
+        pipeline.reconstruct(source, client=workers)
+
+
+def deadly(number, mark):
+    """Ends its own process the first time that number 3 is worked on."""
+    if number == 3 and not (mark and mark.exists()):
+        if mark:
+            mark.touch()
+        os.kill(os.getpid(), signal.SIGKILL)
+    return number**2
+
+
+def test_nothing_is_lost_with_a_worker(tmp_path):
+    with Workers(2) as started:
+        tasks = [(f"at {n}", (n, tmp_path / "died")) for n in range(12)]
+        assert dict(started.run_tasks(deadly, tasks)) == {f"at {n}": n**2 for n in range(12)}
+        with pytest.raises(MemoryError, match="start fewer"):
+            list(started.run_tasks(deadly, [(0, (3, None))]))
+
+
+def children(number):
+    return [int(word) for word in Path(f"/proc/{number}/task/{number}/children").read_text().split()]
+
+
+@pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
+def test_no_worker_outlives_a_run_that_is_cancelled(tmp_path, how):
+    file = tmp_path / "p.h5"
+    phantom.write(file, "undersampled", size=96, coils=8, slices=40)
+    (tmp_path / "out").mkdir()
+    command = [sys.executable, "-m", "ctessel", "recon", file, "-o", tmp_path / "out" / "i.nii", "--workers", "2"]
+    run = subprocess.Popen(command, stderr=subprocess.PIPE, text=True, start_new_session=True)
+    while len(started := children(run.pid)) < 3:  # the workers, and one that clears up behind them
+        assert run.poll() is None
+        time.sleep(0.01)
+    if how == signal.SIGINT:
+        os.killpg(run.pid, how)  # as a terminal does
+    else:
+        run.send_signal(how)
+    told = run.communicate(timeout=30)[1]
+    if how == signal.SIGKILL:
+        assert run.returncode == -how
+    else:
+        assert (run.returncode, told.strip()) == (128 + how, "ctessel: cancelled, nothing was written")
+        assert not list((tmp_path / "out").iterdir())
+    patience = time.monotonic() + 10
+    while any(Path(f"/proc/{n}").exists() for n in started):
+        assert time.monotonic() < patience
+        time.sleep(0.02)
