@@ -104,7 +104,8 @@ class Contents:
     apart: Places | None = None
     range: tuple[str, int, int] | None = None
     skipped: tuple[tuple[str, int], ...] = ()
-    kept: dict | None = None  # positions of the whole scan, by RANGE_AXES
+    extents: dict | None = None  # of the whole scan, by RANGE_AXES
+    kept: dict | None = None  # positions of the whole scan that are here
     cut: bool = False  # the readout to the field of the image, while it is read
     path: str = ""
     group: str = ""
@@ -177,7 +178,7 @@ def survey(encodings, heads, part=None, skip=()):
     index["slice"], placed = _in_order(heads, role == IMAGING, index["slice"])
     header = replace(header, **placed)
     extents = {name: int(index[name][role == IMAGING].max()) + 1 for name in RANGE_AXES}
-    kept = _kept(extents, part, skip)
+    kept = wanted(extents, part, skip)
     role = _restricted(heads, role, index, kept, skip)
     index = {name: _compacted(index[name], kept[name], extents[name]) for name in RANGE_AXES}
     header = _restricted_header(header, kept, extents)
@@ -196,7 +197,7 @@ def survey(encodings, heads, part=None, skip=()):
     marked = np.zeros(scan.times.shape[:2], bool)
     called = flagged & (role == IMAGING)
     marked[scan.y[called], scan.z[called]] = True
-    return Contents(header, heads, role, scan, marked, apart, part, tuple(skip), kept)
+    return Contents(header, heads, role, scan, marked, apart, part, tuple(skip), extents, kept)
 
 
 def _roles(heads):
@@ -278,8 +279,8 @@ def _placement(head):
     return Placement(position, read, phase, normal)
 
 
-def _kept(extents, part, skip):
-    """Positions along each axis that are wanted, of the whole scan."""
+def wanted(extents, part=None, skip=()):
+    """Positions along each axis that are wanted, of the whole scan; arguments are those of `survey`."""
     for axis, first, last in [*([part] if part else []), *((axis, n, n) for axis, n in skip)]:
         if axis not in RANGE_AXES:
             raise DefectError(

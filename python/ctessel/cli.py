@@ -218,6 +218,14 @@ def _add_resources(command):
         help="only a part along slice, echo or repetition, from 0; see ctessel merge",
     )
     resources.add_argument(
+        "--skip",
+        nargs=2,
+        action="append",
+        default=[],
+        metavar=("AXIS", "N"),
+        help="leave out a bad slice, echo or repetition, counted as for --range; repeatable",
+    )
+    resources.add_argument(
         "--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory"
     )
     resources.add_argument("--workers", type=_positive, metavar="N", help="processes to start here")
@@ -243,6 +251,7 @@ def _add_merge(commands):
     command = _command(commands, "merge", merge, "join images that were made with --range")
     command.add_argument("parts", nargs="+", metavar="PART.nii.gz")
     command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name)
+    command.add_argument("--gaps", action="store_true", help="parts need not follow each other")
 
 
 def _add_phantom(commands):
@@ -415,6 +424,17 @@ def _range(words):
     return axis, int(first), int(last)
 
 
+def _skip(pairs):
+    from .raw import RANGE_AXES
+
+    for axis, number in pairs:
+        if axis not in RANGE_AXES or not number.isdigit():
+            raise UsageError(
+                f"argument --skip: expected {', '.join(RANGE_AXES)} with a position from 0, got {axis} {number}"
+            )
+    return tuple((axis, int(number)) for axis, number in pairs)
+
+
 # ---- Commands ------------------------------------------------------------------------------------
 
 
@@ -423,6 +443,7 @@ def recon(arguments):
     from .job import prepare
 
     runtime.keep_freed()
+    arguments.skip = _skip(arguments.skip)
     job = prepare(arguments, _range(arguments.range))
     _warn(job.plan.warnings, arguments)
     if arguments.dry_run:
@@ -459,7 +480,7 @@ def merge(arguments):
     """``ctessel merge``"""
     from . import nifti
 
-    nifti.merge(arguments.parts, arguments.output)
+    nifti.merge(arguments.parts, arguments.output, arguments.gaps)
 
 
 def phantom(arguments):

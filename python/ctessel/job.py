@@ -6,7 +6,7 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import files, nifti, pipeline, raw, report, runtime, workers
+from . import acquisitions, files, nifti, pipeline, raw, report, runtime, workers
 
 
 @dataclass
@@ -80,9 +80,13 @@ class Job:
         return [output, phase] if self.arguments.combine == "phase" else [output]
 
     def _sidecar(self, result, kind):
+        header, echoes = self.found.header, self.plan.kept[1]
+        if len(header.te) == self.plan.shape[5]:
+            header = replace(header, te=[header.te[i] for i in echoes])
         return report.sidecar(
             result,
-            self.found.header,
+            header,
+            skipped=self.found.skipped,
             source=self.found.path,
             position=self.arguments.position,
             geometry=self.arguments.geometry,
@@ -124,14 +128,13 @@ def prepare(arguments, part):
         position=arguments.position,
         threads=arguments.threads,
     )
-    found, alone = _contents(arguments, part)
     try:
-        plan = pipeline.plan(raw.layout(found), options)
-        if part and not alone:
-            plan = pipeline.select(plan, *part)
+        found, plan = _planned(arguments, part, options)
         matrix, known = nifti.affine(*_geometry(found, plan))
+    except raw.RawError:
+        raise
     except ValueError as error:
-        raise raw.RawError(f"{found.path}: {error}") from None
+        raise raw.RawError(f"{arguments.raw}: {error}") from None
     shared = bool(arguments.workers)
     needed = plan.memory(arguments.workers or 1, shared) + report.INTERPRETER
     job = Job(arguments, found, plan, needed, matrix, known)
@@ -142,20 +145,26 @@ def prepare(arguments, part):
     return job
 
 
-def _contents(arguments, part):
-    """What the file holds, and whether of the part alone."""
+def _planned(arguments, part, options):
+    """What the file holds, and the plan of what is wanted."""
+
+    def alone(part):
+        found = raw.contents(
+            arguments.raw, group=arguments.group, range=part, skip=arguments.skip, cut=True
+        )
+        return found, pipeline.plan(raw.layout(found), options)
+
     # Slices do not depend on each other, other parts on the calibration of the whole.
-    alone = part is not None and part[0] == "slice"
-
-    def contents(part):
-        return raw.contents(arguments.raw, group=arguments.group, range=part, cut=True)
-
+    if part is None or part[0] == "slice":
+        return alone(part)
     try:
-        return contents(part if alone else None), alone
-    except raw.RawError:
-        if part is None or alone:
-            raise
-        return contents(part), True  # it may leave out just what the whole is refused for
+        found, plan = alone(None)
+    except ValueError:
+        return alone(part)  # it may leave out just what the whole is refused for
+    axis = part[0]
+    kept = acquisitions.wanted(found.extents, part, arguments.skip)[axis]
+    first, last = np.searchsorted(found.kept[axis], kept[[0, -1]]).tolist()
+    return found, replace(pipeline.select(plan, axis, first, last), selection=part)
 
 
 def _geometry(found, plan):

@@ -194,7 +194,7 @@ def base_name(path):
     raise ValueError(f"{path}: is to be a NIfTI file; give it a name that ends in .nii or .nii.gz")
 
 
-def merge(paths, output):
+def merge(paths, output, gaps=False):
     """Join the parts of a scan that were reconstructed with ``--range``.
 
     Parameters
@@ -203,6 +203,8 @@ def merge(paths, output):
         Images with their sidecars, in any order.
     output : path
         Joined image; its sidecar appears beside it.
+    gaps : bool, optional
+        Echoes or repetitions between the parts may be missing. The sidecar lists them as skipped.
 
     Raises
     ------
@@ -212,7 +214,7 @@ def merge(paths, output):
     import nibabel
 
     parts = sorted((_part(nibabel, Path(path)) for path in paths), key=lambda part: part.first)
-    _check_parts(parts)
+    missing = _check_parts(parts, gaps)
     first, axis = parts[0], parts[0].axis
     data = [_with_axes(np.asanyarray(part.image.dataobj), FILE_AXES[axis] + 1) for part in parts]
     joined = np.concatenate(data, FILE_AXES[axis])
@@ -220,6 +222,9 @@ def merge(paths, output):
         **first.sidecar,
         "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last},
     }
+    for name, more in (("Skipped", [{"Axis": axis, "Position": n} for n in missing]), ("Warnings", [])):
+        entries = [entry for part in parts for entry in part.listed(name)] + more
+        sidecar.update({name: _once(entries)} if entries else {})
     if axis == "echo":
         sidecar["EchoTime"] = np.hstack([p.sidecar.get("EchoTime", []) for p in parts]).tolist()
     known = bool(first.image.header["sform_code"])
@@ -242,10 +247,15 @@ class _Part:
         try:
             part = sidecar["Range"]
             self.axis, self.first, self.last = part["Axis"], int(part["First"]), int(part["Last"])
-        except (KeyError, TypeError):
+        except (KeyError, TypeError, ValueError):
             raise ValueError(
                 f"{path}: is no part; only images made with --range can be merged"
             ) from None
+
+    def listed(self, name):
+        """An entry of the sidecar that is a list, or none."""
+        entries = self.sidecar.get(name)
+        return entries if isinstance(entries, list) else []
 
 
 def _part(nibabel, path):
@@ -259,26 +269,47 @@ def _part(nibabel, path):
         raise ValueError(f"{path}: cannot be read ({error}); reconstruct this part again") from None
 
 
-def _check_parts(parts):
-    first, following = parts[0], parts[0].first
+def _once(entries):
+    return [entry for i, entry in enumerate(entries) if entry not in entries[:i]]
+
+
+def _check_parts(parts, gaps):
+    """Refuse what is not of one scan. Returns the positions between the parts that are missing."""
+    first, following, missing = parts[0], parts[0].first, []
     for part in parts:
         if part.axis != first.axis or part.sidecar.get("Steps") != first.sidecar.get("Steps"):
             raise ValueError(
                 f"{part.path}: is of another scan or was reconstructed otherwise than {first.path}"
             )
-        if part.first != following:
-            raise ValueError(
-                f"{part.path}: starts at {part.axis} {part.first}, {following} is due; "
-                "give every part once"
-            )
+        missing += _gap(part, following, gaps)
         following = part.last + 1
-        moved = part.image.affine[:3] - first.image.affine[:3]
-        if part.axis == "slice":
-            moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
-        if part.image.header["sform_code"] and np.abs(moved).max() > 0.02:
-            raise ValueError(
-                f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
-            )
+        _check_place(part, first)
+    return missing
+
+
+def _gap(part, due, gaps):
+    if part.first < due:
+        raise ValueError(
+            f"{part.path}: starts at {part.axis} {part.first}, {due} is due; give every part once"
+        )
+    if part.first > due and not (gaps and part.axis != "slice"):
+        lacking = f"{due}" if part.first == due + 1 else f"{due} to {part.first - 1}"
+        mend = "an image cannot do without" if part.axis == "slice" else "or leave them out with --gaps"
+        raise ValueError(
+            f"{part.path}: starts at {part.axis} {part.first}, but {part.axis} {lacking} is missing; "
+            f"give that part too, {mend}"
+        )
+    return range(due, part.first)
+
+
+def _check_place(part, first):
+    moved = part.image.affine[:3] - first.image.affine[:3]
+    if part.axis == "slice":
+        moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
+    if part.image.header["sform_code"] and np.abs(moved).max() > 0.02:
+        raise ValueError(
+            f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
+        )
 
 
 def _with_axes(data, count):

@@ -53,13 +53,16 @@ def _aligned(facts):
     return [f"{name:{width}}  {text}" for name, text in facts.items()]
 
 
-def sidecar(result, header, *, source, position, geometry, known, kind):
+def sidecar(result, header, *, skipped, source, position, geometry, known, kind):
     """The sidecar of an image, under the BIDS standard's keys where there are some.
 
     Parameters
     ----------
     result : Result
     header : Header
+        With the echo times of this image.
+    skipped : sequence of (str, int)
+        Axis and position of what was left out.
     source : str
         The raw data file.
     position : str or None
@@ -71,9 +74,7 @@ def sidecar(result, header, *, source, position, geometry, known, kind):
     kind : str
         What the values of the image are.
     """
-    axis, first, last = result.selection or ("", 0, 0)
-    times = header.te[first : last + 1] if axis == "echo" else header.te
-    echoes = [time / 1000 for time in times]
+    echoes = [time / 1000 for time in header.te]
     entries = {
         "ProtocolName": header.protocol,
         "PatientPosition": position or header.patient_position,
@@ -84,6 +85,7 @@ def sidecar(result, header, *, source, position, geometry, known, kind):
         "Sources": [printable(source)],
         "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
         "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
+        "Skipped": [{"Axis": axis, "Position": number} for axis, number in skipped],
         "Steps": result.steps,
         "Warnings": result.warnings,
         "Parameters": {**result.parameters, "geometry": geometry and printable(geometry)},

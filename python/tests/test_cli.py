@@ -9,6 +9,7 @@ import sys
 import threading
 import time
 
+import foreign
 import nibabel
 import numpy as np
 import pytest
@@ -76,6 +77,43 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale
     assert not (tmp_path / "twice.nii").exists()
 
 
+@pytest.mark.parametrize("axis, field", [("repetition", "repetition"), ("echo", "contrast")])
+def test_a_bad_image_in_the_middle_is_left_out_or_merged_around(tmp_path, capsys, axis, field):
+    def files(where, bad=None):
+        images = [foreign.records(foreign.image(32, 16, seed=i), **{field: i}) for i in range(4)]
+        kept = [image[:5] if i == bad else image for i, image in enumerate(images)]
+        return foreign.write(tmp_path / where, sum(kept, []), foreign.header(32, 16, te="</TE><TE>".join("2468")))
+
+    whole, broken = files("whole.h5"), files("broken.h5", 2)
+    want = recon(whole, tmp_path / "whole.nii").get_fdata()
+    assert cli.main(["recon", str(broken), "-o", str(tmp_path / "no.nii")]) == cli.DEFECT
+    told = capsys.readouterr().err
+    assert told.endswith(f"--skip {axis} 2\n") and told.count("\n") == 1
+    others = np.delete(want, 2, -1)
+    skipped = recon(broken, tmp_path / "skipped.nii", "--skip", axis, 2)
+    np.testing.assert_array_equal(skipped.get_fdata(), others)
+    sidecar = json.loads((tmp_path / "skipped.json").read_text())
+    assert sidecar["Skipped"] == [{"Axis": axis, "Position": 2}]
+    times = [0.002, 0.004, 0.008] if axis == "echo" else [0.002, 0.004, 0.006, 0.008]
+    assert sidecar["EchoTime"] == times
+    parts = [tmp_path / "a.nii", tmp_path / "b.nii"]
+    recon(broken, parts[0], "--range", axis, 0, 1)
+    last = recon(broken, parts[1], "--range", axis, 2, 3, "--skip", axis, 2).get_fdata()
+    np.testing.assert_array_equal(last[..., 0].squeeze(), want[..., 3].squeeze())
+    recon(broken, parts[1], "--range", axis, 3, 3)
+    merge = ["merge", *map(str, parts), "-o", str(tmp_path / "merged.nii")]
+    assert cli.main(merge) == cli.DEFECT
+    assert f"{axis} 2 is missing; give that part too, or leave them out with --gaps" in capsys.readouterr().err
+    assert cli.main([*merge, "--gaps"]) == 0
+    np.testing.assert_array_equal(nibabel.load(tmp_path / "merged.nii").get_fdata(), others)
+    merged = json.loads((tmp_path / "merged.json").read_text())
+    assert merged["Skipped"] == [{"Axis": axis, "Position": 2}] and merged["EchoTime"] == times
+    for words in (["--skip", axis, 4], ["--skip", axis, 0, "--range", axis, 0, 0], ["--range", axis, 3, 4, "--skip", axis, 2]):
+        assert cli.main(["recon", str(broken), "-o", str(tmp_path / "no.nii"), *map(str, words)]) == cli.DEFECT
+        assert capsys.readouterr().err.count("\n") == 1
+    assert not (tmp_path / "no.nii").exists()
+
+
 def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, monkeypatch):
     target, folder = str(tmp_path / "i.nii"), tmp_path / "folder.nii"
     folder.mkdir()
@@ -108,7 +146,8 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     one_line("is missing")
     for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--preview", "i.gif"],
                   ["recon", scan, "-o", target, "--ringing", 2],
-                  ["recon", scan, "-o", target, "--range", "x", 0, 1], ["phantom", "cube", "-o", target]):  # fmt: skip
+                  ["recon", scan, "-o", target, "--range", "x", 0, 1],
+                  ["recon", scan, "-o", target, "--skip", "slice", -1], ["phantom", "cube", "-o", target]):  # fmt: skip
         assert code(*wrong) == cli.USAGE
     capsys.readouterr()
     most = resource.getrlimit(resource.RLIMIT_FSIZE)
