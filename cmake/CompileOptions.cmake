@@ -6,6 +6,8 @@ function(ctessel_compile_options target)
     -ffp-contract=off -fno-math-errno -fno-trapping-math -Wall -Wextra -Wshadow -Wconversion
     # A simd loop may stay scalar in odd builds; gcc's -Wconversion leaves signs to -Wsign-conversion.
     "$<$<CXX_COMPILER_ID:Clang>:-Wno-pass-failed;-Wno-sign-conversion>"
+    # The 32-bit system interface aligns the stack to 4 bytes, and old hosts do no more than that.
+    $<$<EQUAL:${CMAKE_SIZEOF_VOID_P},4>:-mstackrealign>
     $<$<BOOL:${CTESSEL_WERROR}>:-Werror>)
   # Safe only beside -ffp-contract=off: the wide versions have fused instructions at hand.
   target_compile_definitions(${target} PRIVATE CTESSEL_DISPATCH)

@@ -4,7 +4,7 @@ include(CMakePackageConfigHelpers)
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/cTessel)
 set(config ${PROJECT_BINARY_DIR}/config)
 
-install(TARGETS cTessel cTessel_shared EXPORT cTesselTargets)
+install(TARGETS cTessel_static cTessel_shared EXPORT cTesselTargets)
 install(FILES ${PROJECT_SOURCE_DIR}/recon/cTessel.h ${PROJECT_SOURCE_DIR}/recon/ctessel.hpp TYPE INCLUDE)
 install(EXPORT cTesselTargets NAMESPACE cTessel:: DESTINATION ${config_folder})
 

@@ -20,11 +20,10 @@ diff <("$source/tests/header_routines.sh" "$tree/include/cTessel.h" "$tree/inclu
   { echo 'the shared library shows (>) or misses (<) routines'; exit 1; }
 
 echo '== find_package'
-wide=$(grep -q -m 1 avx2 /proc/cpuinfo && echo -mavx2 || true)  # wider vectors than the library's
 cmake -S "$source/tests/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$tree" \
-  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags $wide" >"$work/log" &&
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/log" &&
   cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
-"$work/build/with_cTessel" && "$work/build/with_static"
+for program in with_cTessel with_static; do "$work/build/$program"; done
 ldd "$work/build/with_cTessel" | grep -q "$tree.*libcTessel.so.0" ||
   { echo 'not linked with the installed shared library'; exit 1; }
 if cmake -S "$source/tests/consumer" -B "$work/build" -DWANTED_VERSION=99 >/dev/null 2>&1; then
@@ -32,15 +31,22 @@ if cmake -S "$source/tests/consumer" -B "$work/build" -DWANTED_VERSION=99 >/dev/
   exit 1
 fi
 
-echo '== pkg-config'
-PKG_CONFIG_PATH=$(dirname "$library")/pkgconfig
-export PKG_CONFIG_PATH
-# shellcheck disable=SC2046,SC2086
-$cxx -std=c++17 $flags "$source/tests/consumer/main.cpp" -o "$work/shared" \
-  $(pkg-config --cflags --libs cTessel)
-LD_LIBRARY_PATH=$(dirname "$library") "$work/shared"
-rm "$(dirname "$library")"/libcTessel.so*
-# shellcheck disable=SC2046,SC2086
-$cxx -std=c++17 $flags "$source/tests/consumer/main.cpp" -o "$work/static" \
-  $(pkg-config --static --cflags --libs cTessel)
-"$work/static"
+# Wider vectors than the library's, and functions that are merged with the library's unless inlined.
+PKG_CONFIG_PATH=$(dirname "$library")/pkgconfig LD_LIBRARY_PATH=$(dirname "$library")
+export PKG_CONFIG_PATH LD_LIBRARY_PATH
+wide=$(grep -q -m 1 avx2 /proc/cpuinfo && echo -mavx2 || true)
+kinds=("-O0 $wide" '-O2 -march=native' -O2)
+for k in "${!kinds[@]}"; do
+  # shellcheck disable=SC2046,SC2086
+  $cxx -std=c++17 $flags ${kinds[k]} -c "$source/tests/consumer/main.cpp" -o "$work/$k.o" \
+    $(pkg-config --cflags cTessel)
+done
+for linking in '' --static; do
+  [ -z "$linking" ] || rm "$(dirname "$library")"/libcTessel.so*
+  for k in "${!kinds[@]}"; do
+    echo "== pkg-config $linking, ${kinds[k]}"
+    # shellcheck disable=SC2046,SC2086
+    $cxx $flags "$work/$k.o" -o "$work/program" $(pkg-config $linking --libs cTessel)
+    "$work/program"
+  done
+done
