@@ -6,6 +6,7 @@ set(config ${PROJECT_BINARY_DIR}/config)
 
 install(TARGETS cTessel_static cTessel_shared EXPORT cTesselTargets)
 install(FILES ${PROJECT_SOURCE_DIR}/recon/cTessel.h ${PROJECT_SOURCE_DIR}/recon/ctessel.hpp TYPE INCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NOTICE TYPE DOC)
 install(EXPORT cTesselTargets NAMESPACE cTessel:: DESTINATION ${config_folder})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/package/cTesselConfig.cmake.in

@@ -25,7 +25,7 @@ cp octave/src/* "$package/src"
 cp recon/*.cpp recon/*.h "$package/src/recon"
 cp gateway/homodyne.{cpp,h,m} gateway/mexversion.cpp gateway/exports.map "$package/src/gateway"
 cp gateway/host/{interleaved.cpp,host.h} "$package/src/gateway/host"
-cp LICENSE "$package/COPYING"
+cat LICENSE <(echo) NOTICE >"$package/COPYING"
 cp CHANGELOG.md "$package/NEWS"
 sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$date" +%F)/" octave/DESCRIPTION.in \
   >"$package/DESCRIPTION"

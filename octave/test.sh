@@ -16,6 +16,7 @@ out=$PWD/build/octave-package
 rm -rf "$out"
 mkdir -p "$out/installed" "$out/home"
 tarball=$(octave/package.sh "$out")
+tar -xzOf "$tarball" --wildcards '*/COPYING' | grep -q 'Arm Limited' || { echo 'no NOTICE' >&2; exit 1; }
 
 export CTESSEL_DATA=${CTESSEL_DATA:-$PWD/../shared/data}
 HOME=$out/home octave-cli --norc --no-history --quiet --path "$PWD/octave" --path "$PWD/demo" \

@@ -27,6 +27,9 @@ class CMakeBuild(build_ext):
         subprocess.run(["cmake", "--build", build, "--target", "python_modules", "-j", jobs], check=True)
         for ext in list(self.extensions):
             self.take(ext, build / "python")
+        package = Path(self.get_ext_fullpath("ctessel._core")).parent
+        for text in ("LICENSE", "NOTICE"):
+            self.copy_file(str(ROOT / text), str(package / text))
 
     def take(self, ext, built):
         target = Path(self.get_ext_fullpath(ext.name)).resolve()

@@ -1,7 +1,9 @@
 // Sine and cosine of many angles at once, the bits of the maths library.
 //
 // The GNU C library works single-precision sines out in double: a reduction by quarter turns and a
-// polynomial, rounded once at the end. Lanes do the same here. Its builds differ in whether
+// polynomial, rounded once at the end. Lanes do the same here, with the same coefficients: those of
+// sinf and cosf in Arm Optimized Routines, copyright (c) 2018 Arm Limited, MIT licence, whose text is in
+// NOTICE. The library's builds differ in whether
 // products are fused into sums, and so by a few units of a double: where that could tip the last
 // rounding, or where the reduction has cancelled most digits, the library itself is asked. A
 // library with other polynomials is told by its values at a few angles and then does all the work.

@@ -149,7 +149,7 @@ struct Sums {
   float x[kLanes] = {}, y[kLanes] = {}, z[kLanes] = {};
 };
 
-/// Adds the terms up in order and in single precision, as the result's rounding is laid down.
+/// Adds the terms up in order and in single precision: both show in the last bits of the result.
 CTESSEL_CLONES
 void add_up(const Expansion& e, const float* ratio, const Angles& angles, const Terms& terms,
             Sums& sums) {

@@ -28,8 +28,8 @@ int find_first(const T* a, T v, int n) {
 
 int TS_round(double x) {
   const int whole = ctessel::to_int(x);
-  // The fraction carries the sign of x, so a negative value never rounds away from zero. Callers
-  // pass coordinates, which are negative by rounding only, and rely on getting sample 0 then.
+  // The fraction carries the sign of x, so a negative value never rounds away from zero: a
+  // coordinate that is negative by rounding only names sample 0.
   const double fraction = x - whole;  // 1 or more only for an x beyond int
   return fraction >= 0.5 && fraction < 1 ? ctessel::to_int(whole + 1.0) : whole;
 }

@@ -30,8 +30,8 @@ float polar_angle(float z, float r) {
   return kHalfPi;
 }
 
-/// The second and fourth quadrants take the arctangent in double, the others in float. Stored
-/// results depend on it in their last bit, so it stays.
+/// The second and fourth quadrants take the arctangent in double, the others in float: the last bit
+/// of an angle, and of every position that comes from it, depends on which.
 float azimuth(float x, float y) {
   const double slope = static_cast<double>(y) / x;
   if (x > 0) return y >= 0 ? std::atan(y / x) : static_cast<float>(std::atan(slope) + kTwoPi);

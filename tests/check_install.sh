@@ -14,6 +14,10 @@ mv "$work/first" "$tree"
 headers=$(LC_ALL=C ls -m "$tree/include")
 [ "$headers" = 'cTessel.h, ctessel.hpp' ] || { echo "headers: $headers"; exit 1; }
 
+for text in LICENSE NOTICE; do
+  cmp "$source/$text" "$tree"/share/doc/*/$text
+done
+
 library=$(find "$tree" -name 'libcTessel.so')
 diff <("$source/tests/header_routines.sh" "$tree/include/cTessel.h" "$tree/include/ctessel.hpp") \
   <(nm -DC --defined-only "$library" | cut -d' ' -f3- | sed 's/(.*//' | grep -v '^ctessel::[A-Z]' | sort -u) ||

@@ -15,7 +15,8 @@ cpack -G DEB --config "$1/CPackConfig.cmake" -B "$work" >"$work/log" 2>&1 ||
 package=$(ls "$work"/libctessel-dev_*.deb)
 dpkg-deb -c "$package" >"$work/files"
 for file in include/cTessel.h include/ctessel.hpp libcTessel.a libcTessel.so cTesselConfig.cmake \
-  cTesselConfigVersion.cmake cTesselTargets.cmake pkgconfig/cTessel.pc doc/libctessel-dev/copyright; do
+  cTesselConfigVersion.cmake cTesselTargets.cmake pkgconfig/cTessel.pc doc/libctessel-dev/copyright \
+  doc/cTessel/NOTICE; do
   grep -qE "/$file( |\$)" "$work/files" || { echo "missing: $file"; status=1; }
 done
 others=$(grep -vE "^d|\./usr/(include/c(Tessel\.h|tessel\.hpp)|lib/|share/doc/)" "$work/files" || true)

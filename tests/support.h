@@ -3,7 +3,13 @@
 
 #include <omp.h>
 
+#if __has_include(<catch2/catch.hpp>)
 #include <catch2/catch.hpp>
+#else  // Catch2 3
+#include <catch2/catch_approx.hpp>
+#include <catch2/catch_test_macros.hpp>
+using Catch::Approx;
+#endif
 #include <cstdlib>
 #include <random>
 #include <string>

@@ -39,7 +39,7 @@ Description: reconstruction kernels for magnetic-resonance imaging (Python)
  The command ctessel reconstructs ISMRMRD raw data to NIfTI images; it needs
  the recommended packages.
 CONTROL
-cp LICENSE "$doc/copyright"
+cat LICENSE <(echo) NOTICE >"$doc/copyright"
 printf 'python3-ctessel (%s) unstable; urgency=low\n\n  * See CHANGELOG.md of the sources.\n\n -- cTessel developers <ctessel@example.org>  %s\n' \
   "$version" "$(date -R -d "@$(git log -1 --format=%ct 2>/dev/null || date +%s)")" |
   gzip -9n >"$doc/changelog.gz"

@@ -8,15 +8,11 @@
 # finds them through their own loader. Exit status 99: Valgrind found a fault.
 set -euo pipefail
 
-root=$(cd "$(dirname "$0")/.." && pwd)/build/libc32
+root=$("$(dirname "$0")/package32.sh" libc6 libc6-dbg)
 lib=$root/lib/i386-linux-gnu
+[ -e "$lib" ] || lib=$root/usr/lib/i386-linux-gnu  # since Debian 13
 if [ ! -e "$lib/.debug" ]; then
-  mkdir -p "$root/apt/lists/partial" "$root/apt/cache/archives/partial"
-  apt=(apt-get -qq -o APT::Architectures::=amd64 -o APT::Architectures::=i386
-       -o Dir::State::lists="$root/apt/lists" -o Dir::Cache="$root/apt/cache" -o APT::Sandbox::User=)
-  "${apt[@]}" update >/dev/null 2>&1 || true  # an index that is of no use here may be missing
-  (cd "$root/apt" && "${apt[@]}" download libc6:i386 libc6-dbg:i386 >&2)
-  for package in "$root"/apt/*.deb; do dpkg -x "$package" "$root"; done
+  rm -rf "$lib/.debug.new"
   mkdir "$lib/.debug.new"
   for file in ld-linux.so.2 libc.so.6 libm.so.6; do
     id=$(readelf -n "$lib/$file" | awk '/Build ID/ {print $3}')

@@ -18,6 +18,10 @@ def test_examples_in_the_documentation_run(name):
     assert doctest.testmod(importlib.import_module(f"ctessel.{name}")).failed == 0
 
 
+def test_licences_of_others_are_installed():
+    assert "Arm Limited" in (Path(ctessel.__file__).parent / "NOTICE").read_text()
+
+
 def shape_of(arguments):
     keyword_only = [(a.arg, ast.unparse(d) if d else None) for a, d in zip(arguments.kwonlyargs, arguments.kw_defaults)]
     return [a.arg for a in arguments.args], [ast.unparse(d) for d in arguments.defaults], keyword_only

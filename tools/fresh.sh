@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Makes a bare Debian 12 or 13 under build/fresh/, clones the committed state into it and runs a command
+# there, in the clone. Needs root and mmdebstrap; everything is removed afterwards.
+#
+#   tools/fresh.sh 12|13 COMMAND [ARGUMENT...]
+set -euo pipefail
+
+case "${1-}" in
+  12) suite=bookworm ;;
+  13) suite=trixie ;;
+  *) suite= ;;
+esac
+if [ -z "$suite" ] || [ $# -lt 2 ]; then
+  echo "usage: $0 12|13 COMMAND [ARGUMENT...]" >&2
+  exit 2
+fi
+shift
+if [ "$(id -u)" -ne 0 ] || ! command -v mmdebstrap >/dev/null; then
+  echo "$0 needs root and mmdebstrap (apt-get install mmdebstrap)." >&2
+  exit 1
+fi
+cd "$(dirname "$0")/.."
+[ -z "$(git status --porcelain --untracked-files=no)" ] ||
+  echo "$0: what is not committed is not in the clone" >&2
+
+mkdir -p build/fresh
+root=$(mktemp -d "$PWD/build/fresh/$suite.XXXXXX")
+# Nothing is ever mounted where this script runs, but a deletion must not follow a mount even so.
+trap 'rm -rf --one-file-system "$root"' EXIT
+trap 'exit 130' INT TERM HUP
+mmdebstrap --quiet --mode=root --variant=minbase "$suite" "$root"
+git clone --quiet --no-hardlinks . "$root/root/cTessel"
+
+# /proc and /dev are mounted for the command's own processes alone: with the last of them the mounts
+# are gone, and with this script the processes.
+unshare --mount --pid --fork --kill-child -- bash -c '
+  mount -t proc proc "$0/proc" && mount --bind /dev "$0/dev" && mount -t tmpfs tmpfs "$0/dev/shm" &&
+  exec chroot "$0" env -i -C /root/cTessel HOME=/root LANG=C.UTF-8 \
+    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
