@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# From a bare Debian 12 to pictures in demo-output/: homodyne reconstruction in GNU Octave, SENSE, and
+# From a bare Debian 12 or 13 to pictures in demo-output/: homodyne reconstruction in GNU Octave, SENSE, and
 # from a raw data file to NIfTI images.
 #
 #   ./demo.sh         a built-in phantom

@@ -29,6 +29,7 @@ function [zero_filled, sharp, seconds] = homodyne_images(kspace, ranges)
   tic
   homodyne('multiply', image, phase);
   seconds(2) = toc;
+  image(phase == 0) = 0;
   sharp = combined(image);
 end
 

@@ -47,7 +47,9 @@
 %   centre = zeros(size(data), 'single');
 %   centre(:, 45:85, :) = low(:, :, :);                 % line 0 is sample 65, so -20 .. 20
 %   image = to_image(data);
-%   homodyne('multiply', image, to_image(centre));      % image is real now, and sharp
+%   low = to_image(centre);
+%   homodyne('multiply', image, low);                   % image is real now, and sharp
+%   image(low == 0) = 0;                                % an empty voxel has no phase: NaN until here
 %   imagesc(sqrt(sum(real(image) .^ 2, 4)))
 %
 % Literature: D. C. Noll, D. G. Nishimura, A. Macovski, "Homodyne detection in magnetic resonance

@@ -7,6 +7,7 @@ tools/install_packages.sh python/packages.txt
 
 export PATH=/usr/bin:$PATH # Debian's Python, whatever else is installed
 version=$(sed -nE 's/^project\(cTessel VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+python=$(/usr/bin/python3 -c 'import sys; print("%d.%d" % sys.version_info[:2])')
 architecture=$(dpkg --print-architecture)
 root=build/python/deb
 rm -rf "$root"
@@ -29,7 +30,7 @@ Priority: optional
 Architecture: $architecture
 Maintainer: cTessel developers <ctessel@example.org>
 Installed-Size: $(du -ks "$root/usr" | cut -f1)
-Depends: python3 (>= 3.11), python3 (<< 3.12), python3-numpy, $libraries
+Depends: python3 (>= $python), python3 (<< ${python%.*}.$((${python#*.} + 1))), python3-numpy, $libraries
 Recommends: python3-scipy, python3-nibabel, python3-matplotlib, python3-tqdm
 Suggests: python3-dask, python3-distributed
 Description: reconstruction kernels for magnetic-resonance imaging (Python)
