@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Which part may include which: dependencies point from the gateway to the kernels, never back.
+# Which part may include or import which: dependencies point from the gateway to the kernels and from the
+# command to the scan, never back.
 #
 #   check_layers.sh SOURCE_FOLDER
 set -u
@@ -19,6 +20,32 @@ allow "$std|omp\.h|emmintrin\.h|Eigen/[A-Za-z]+|$own" recon/*.cpp recon/*.h
 allow "$std" recon/*.hpp
 allow "$std|homodyne\.h|host/host\.h|ctessel\.hpp" gateway/*.cpp gateway/*.h
 allow "$std|mex\.h|host\.h|memory\.h" gateway/host/*
+
+# modules that are not to be imported, module... that do not
+forbid() {
+  local above="($1)" found
+  shift
+  found=$(cd python/ctessel && grep -HnE \
+    "^ *from (\.|ctessel\.)$above import|^ *from (\.|ctessel) import .*\b$above\b|^ *import ctessel\.$above\b" \
+    "${@/%/.py}")
+  [ -z "$found" ] || { printf 'not to be imported here:\n%s\n' "$found"; status=1; }
+}
+bar() { local IFS='|'; echo "$*"; }
+kernels=(_arrays _coils _geometry _helpers _sense homodyne)
+pieces=(sampling coverage fourier steps)
+readers=(raw acquisitions _ismrmrd)
+command='cli|job|report'
+outside="$command|files|nifti|phantom|workers|serve|send|stream|$(bar "${readers[@]}")"
+everything="$outside|dask|pipeline|reconstruct|plan|parts|warp|gradients|$(bar "${pieces[@]}")"
+mapfile -t modules < <(basename -s .py -a python/ctessel/[!_]*.py | grep -vx cli)
+forbid cli "${modules[@]}"
+forbid '[a-z_]+' scan
+forbid "$everything|scan" "${kernels[@]}" runtime
+forbid "$outside|dask|pipeline|reconstruct|plan" "${pieces[@]}" gradients
+forbid "$outside|dask|pipeline|reconstruct" plan
+forbid "$outside|pipeline" reconstruct
+forbid "$command|pipeline|reconstruct|plan|steps" "${readers[@]}"
+
 found=$(grep -nE '\b(printf|puts|fopen|std::cout|std::cerr|[io]?fstream)\b' recon/*.cpp recon/*.h |
   grep -vE ':[0-9]+: *//')
 [ -z "$found" ] || { printf 'the kernels neither print nor open files:\n%s\n' "$found"; status=1; }
