@@ -22,7 +22,7 @@ package=$tree/$name
 mkdir -p "$package/src/recon" "$package/src/gateway/host"
 cp -r octave/inst octave/INDEX "$package"
 cp octave/src/* "$package/src"
-cp recon/*.cpp recon/*.h "$package/src/recon"
+cp recon/*.cpp recon/*.h recon/*.hpp "$package/src/recon"
 cp gateway/homodyne.{cpp,h,m} gateway/mexversion.cpp gateway/exports.map "$package/src/gateway"
 cp gateway/host/{interleaved.cpp,host.h} "$package/src/gateway/host"
 cat LICENSE <(echo) NOTICE >"$package/COPYING"
