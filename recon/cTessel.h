@@ -6,12 +6,12 @@
 // Element (x, y, z, p) lies at x + Nx (y + Ny (z + Nz p)). On a centred axis of N samples the zero
 // frequency lies at index floor(N / 2). Dimension numbers passed as arguments count from 1.
 //
-// The caller owns every array. Nothing is validated or printed; what stays the caller's duty is
-// said with each routine. std::bad_alloc leaves a routine uncaught; in a parallel region, or in a module
-// with a C++ runtime of its own, it ends the process. Routines may be called from several threads at
-// once on disjoint outputs; each uses the OpenMP default number of threads, and results are the same
-// bits for every thread count. Memory is what a call allocates beyond its inputs and outputs, without
-// a few bytes per line of an axis; ./bench.sh measures it.
+// The caller owns every array. Nothing is printed, and only what a routine's errors name is validated:
+// the rest is the caller's duty. std::bad_alloc leaves a routine uncaught; in a parallel region, or in
+// a module with a C++ runtime of its own, it ends the process. Routines may be called from several
+// threads at once on disjoint outputs; each uses the OpenMP default number of threads, and results are
+// the same bits for every thread count. Memory is what a call allocates beyond its inputs and outputs,
+// without a few bytes per line of an axis; ./bench.sh measures it.
 #pragma once
 
 #include <Eigen/Core>
@@ -68,7 +68,8 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 ///
 /// Along each of the first three axes, at j samples from the centre floor(N / 2), the weight is
 /// 0.54 + 0.46 cos(2 pi j / L) within the window and 0 outside; L is such that the weight at half
-/// the window's width is 1 - strength.
+/// the window's width is 1 - strength. A window of w samples has j = -floor(w / 2) .. ceil(w / 2) - 1:
+/// an even one ends a sample earlier on the positive side.
 ///
 ///   re, im       in/out  k-space, x fastest; im may be null and then counts as 0
 ///   ndims, dims  in      extents, at least two; the third is 1 below three, dims[3..] merge into P

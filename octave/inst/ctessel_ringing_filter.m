@@ -12,6 +12,7 @@
 %              the extents of KSPACE.
 %   y          the same shape, single: at j samples from the centre the weight of an axis is
 %              0.54 + 0.46 cos(2 pi j / L), where L makes it 1 - strength at half the width.
+%              An even window ends a sample earlier on the positive side.
 %
 % Example:
 %

@@ -88,7 +88,8 @@ def ringing_filter(data, strength, width=None, *, out=None, inplace=False, threa
 
     Along each of the first three axes the weight is ``0.54 + 0.46 cos(2 pi j / L)``, j counted
     from the centre ``N // 2``, with L such that the weight at ``j = width / 2`` is
-    ``1 - strength``; samples outside the central `width` become 0. Strength 0.915 is close to a
+    ``1 - strength``; samples outside the central `width` become 0, and an even window
+    ends a sample earlier on the positive side. Strength 0.915 is close to a
     full Hamming window.
 
     Parameters
