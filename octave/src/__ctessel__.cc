@@ -9,10 +9,12 @@
 
 #include <algorithm>
 #include <climits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
 
 namespace {
 
@@ -259,6 +261,35 @@ Values legendre(const Values& args) {
   return ovl(values);
 }
 
+std::vector<ctessel::GradientTerm> terms_of(const NDArray& rows) {
+  std::vector<ctessel::GradientTerm> terms;
+  for (const double* t = rows.data(); t < rows.data() + rows.numel(); t += 5) {
+    terms.push_back({ctessel::Dim(static_cast<int>(t[0]) - 1), t[1] != 0, static_cast<int>(t[2]),
+                     static_cast<int>(t[3]), t[4]});
+  }
+  return terms;
+}
+
+/// what (1 position, 2 displacement, 3 jacobian, 4 determinant, 5 inverse), points, terms, radius
+Values gradient_field(const Values& args) try {
+  const int what = args(1).int_value();
+  const NDArray points = args(2).array_value();
+  const ctessel::GradientField field(terms_of(args(3).array_value()), args(4).double_value());
+  const octave_idx_type n = points.numel() / 3;
+  NDArray values(dim_vector(what == 3 ? 9 : what == 4 ? 1 : 3, n));
+  const auto list = ctessel::FieldPoints::list(points.data(), n);
+  if (what == 5) {
+    const auto lost = field.inverse(list, values.fortran_vec());
+    return ovl(values, static_cast<double>(lost));
+  }
+  double* out[5] = {};
+  out[what] = values.fortran_vec();
+  field.evaluate(list, {out[1], out[2], out[3], out[4]});
+  return ovl(values, 0.0);
+} catch (const std::invalid_argument& fault) {
+  error("ctessel_gradient_field: %s", fault.what());
+}
+
 struct Kernel {
   const char* name;
   int arguments;
@@ -274,6 +305,7 @@ constexpr Kernel kKernels[] = {
     {"pcsos", 2, pcsos},
     {"sense", 7, sense},
     {"geometry", 7, geometry},
+    {"gradient_field", 4, gradient_field},
     {"legendre", 3, legendre},
 };
 
