@@ -192,12 +192,8 @@ def _add_steps(command):
     steps.add_argument(
         "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
     )
-    steps.add_argument(
-        "--position",
-        metavar="POSITION",
-        type=_patient_position,
-        help="how the patient lay for --geometry, in place of what the file says: HFS, HFP, FFS, FFP",
-    )
+    _add_coefficients(steps, "the file says")
+    _add_dims(steps)
     steps.add_argument(
         "--combine",
         choices=("sos", "phase"),
@@ -290,13 +286,7 @@ def _add_warp(commands):
         default="unwarp",
         help="from true positions to encoded ones (unwarp, the default), or the inverse",
     )
-    command.add_argument(
-        "--dims",
-        type=int,
-        choices=(3, 2, 1),
-        default=3,
-        help="all (3, the default), in the plane of the slices (2), across them (1)",
-    )
+    _add_dims(command)
     command.add_argument(
         "--jacobian",
         metavar="J.nii.gz",
@@ -338,14 +328,19 @@ def _add_unwarp(commands):
 
 
 def _add_field(command):
+    _add_coefficients(command, "the sidecar's PatientPosition says")
+    command.add_argument("--threads", type=_positive, metavar="N")
+
+
+def _add_coefficients(command, said):
     command.add_argument(
         "--position",
         metavar="POSITION",
         type=_patient_position,
-        help="how the patient lay, in place of the sidecar's PatientPosition: HFS, HFP, FFS, FFP",
+        help=f"how the patient lay, in place of what {said}: HFS, HFP, FFS, FFP",
     )
     command.add_argument(
-        "--radius", type=_size, metavar="MM", help="of the expansion, in place of the file's"
+        "--radius", type=_size, metavar="MM", help="of the coefficients, in place of their file's"
     )
     command.add_argument(
         "--axes",
@@ -353,7 +348,16 @@ def _add_field(command):
         type=_gradient_axes,
         help="where the gradients' axes point, head first on the back, in place of the file's form",
     )
-    command.add_argument("--threads", type=_positive, metavar="N")
+
+
+def _add_dims(command):
+    command.add_argument(
+        "--dims",
+        type=int,
+        choices=(3, 2, 1),
+        default=3,
+        help="correct all (3, the default), in the plane of the slices (2), across them (1)",
+    )
 
 
 def _number(kind, accept, what):

@@ -116,7 +116,9 @@ def _state(path):
 
 def prepare(arguments, part):
     """A `Job` from the command's arguments; refuses what is not possible before any work."""
-    coefficients = arguments.geometry and pipeline.read_coefficients(arguments.geometry)
+    coefficients = arguments.geometry and pipeline.read_coefficients(
+        arguments.geometry, radius=arguments.radius, axes=arguments.axes
+    )
     options = pipeline.Options(
         combine="pcsos" if arguments.combine == "phase" else "sos",
         ringing=arguments.ringing,
@@ -126,6 +128,7 @@ def prepare(arguments, part):
         regularisation=arguments.regularise,
         coefficients=coefficients or None,
         position=arguments.position,
+        dims=arguments.dims,
         threads=arguments.threads,
     )
     try:

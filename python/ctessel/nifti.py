@@ -52,19 +52,24 @@ def affine(header, shape, field):
             "several slabs fit no single file; reconstruct them one at a time, --range slice 0 0"
         )
     size = np.array(field, float) / (nx, ny, nz)
-    places = header.placements
-    known = len(places) == slices
-    if known:
-        columns, first = (
-            _in_patient(places, size, header.spacing if nz == 1 else 0),
-            places[0].position,
-        )
-    else:
-        columns, first = np.diag(size), np.zeros(3)
+    if len(header.placements) != slices:
+        matrix = np.diag([*size, 1.0])
+        matrix[:3, 3] = -size * (nx // 2, ny // 2, nz // 2)
+        return _LPS_TO_RAS @ matrix, False
+    return placed(header.placements, shape, field, header.spacing), True
+
+
+def placed(placements, shape, field, spacing=0.0):
+    """Affine of a slab, or of slices: from voxels to the patient's right, anterior and superior.
+
+    `spacing` is that of the only slice to its neighbours, 0 for its thickness; see `affine`.
+    """
+    size = np.array(field, float) / shape[:3]
+    columns = _in_patient(placements, size, spacing if shape[2] == 1 else 0)
     matrix = np.eye(4)
     matrix[:3, :3] = columns
-    matrix[:3, 3] = first - columns @ (nx // 2, ny // 2, nz // 2)
-    return _LPS_TO_RAS @ matrix, known
+    matrix[:3, 3] = placements[0].position - columns @ np.floor_divide(shape[:3], 2)
+    return _LPS_TO_RAS @ matrix
 
 
 def _in_patient(places, size, spacing):

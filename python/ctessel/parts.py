@@ -4,11 +4,14 @@ from dataclasses import replace
 
 import numpy as np
 
+from .plan import geometry_warnings, geometry_words
 from .scan import AXES
 
 
 def select(plan, axis, first, last):
     """The plan of a part of a scan, which reconstructs to the same bits as within the whole.
+
+    Slices apart from the others are the exception: their geometry is corrected within their planes.
 
     The samples it takes are those of the part and the calibration lines of the whole.
 
@@ -32,7 +35,16 @@ def select(plan, axis, first, last):
         raise ValueError(f"range: {axis} {first} to {last} is outside 0 to {count - 1}")
     kept = list(plan.kept)
     kept[at] = kept[at][first : last + 1]
-    return replace(plan, kept=tuple(kept), selection=(axis, first, last))
+    part = replace(plan, kept=tuple(kept), selection=(axis, first, last))
+    if part.stack == plan.stack:
+        return part
+    words, own = geometry_words(plan), geometry_words(part)
+    others = tuple(text for text in plan.warnings if text not in geometry_warnings(plan))
+    return replace(
+        part,
+        steps=tuple(own if step == words else step for step in plan.steps),
+        warnings=(*others, *geometry_warnings(part)),
+    )
 
 
 def merge(results):

@@ -18,13 +18,14 @@ of view lie at ``N // 2``, and transforms are unitary.
 """
 
 from ._arrays import ringing_filter
-from ._gradients import Coefficients, geometry, read_coefficients, voxel_positions
 from .fourier import flip, remove_oversampling, resize, to_image, to_kspace
+from .gradients import Coefficients, read_coefficients
 from .parts import merge, select
 from .plan import Options, Plan, plan
 from .reconstruct import Result, reconstruct
 from .sampling import Lattice, calibration_block, fold_lines, partial_ranges, undersampling
 from .steps import combine, homodyne_recon, noise_covariance, sensitivity_maps, unfold, whiten
+from .warp import geometry, voxel_positions
 
 __all__ = [
     "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block", "combine", "flip",

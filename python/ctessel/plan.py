@@ -10,10 +10,11 @@ from math import prod
 import numpy as np
 
 from . import __version__, coverage
-from ._gradients import Coefficients, gradient_axes
+from .gradients import Coefficients
 from .sampling import Lattice, calibration_block, partial_ranges
 from .scan import Placement, times_text
 from .steps import noise_covariance, usable_ranges
+from .warp import scan_grid, warnings_of
 
 #: k-space that is worked on at once, in bytes; at least one volume.
 BLOCK = 64 * 2**20
@@ -32,7 +33,7 @@ class Options:
     the filter, 0 to 0.915. `regularisation` is the strength of that of SENSE, 1 trusting the level
     of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
     lines used along an axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the
-    geometry, with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
+    geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
     "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
 
@@ -45,6 +46,7 @@ class Options:
     calibration_size: int = 48
     mask: float = 0.05
     coefficients: Coefficients | None = None
+    dims: int = 3
     order: int = 3
     intensity: bool = True
     position: str | None = None
@@ -123,6 +125,22 @@ class Plan:
         return np.float32 if self.options.combine == "sos" else np.complex64
 
     @property
+    def stack(self):
+        """Whether the geometry of all slices is corrected as that of one volume, after their blocks."""
+        part = self.selection is not None and self.selection[0] == "slice"
+        several = self.matrix[2] == 1 and len(self.kept[0]) > 1 and not part
+        return self.options.coefficients is not None and several and self.grid() is not None
+
+    def grid(self, index=None):
+        """Where the voxels of a slice lie, or those of all; None where slices are not parallel."""
+        kept = self.placements[self.kept[0].start : self.kept[0].stop]
+        places = kept if index is None else [self.placements[index]]
+        try:
+            return scan_grid(places, self.matrix, self.field)
+        except ValueError:
+            return None
+
+    @property
     def group(self):
         """Repetitions that are worked on at once."""
         return max(1, BLOCK // (8 * prod(self.shape[:4]) * self.shape[5]))
@@ -160,7 +178,8 @@ class Plan:
             return int(image + workers * (read + block + PROCESS))
         others = (2 * sent + PROCESS) * workers if workers > 1 else 0
         scan = 8 * (prod(self.shape) + prod(self.apart or (0,)))
-        return int(scan + image + workers * block + others)
+        stack = 48 * prod(self.image_shape[:4]) if self.stack else 0
+        return int(scan + image + max(workers * block + others, stack))
 
     def _block(self, pattern, volumes):
         """Bytes of a block as it is sent, and the most that is held while it is worked on.
@@ -224,6 +243,7 @@ def plan(scan, options=None):
         (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings),
         layout.selection,
     )
+    made = replace(made, warnings=(*made.warnings, *geometry_warnings(made)))
     return replace(made, steps=tuple(_words(layout, made)))
 
 
@@ -298,7 +318,7 @@ def _check(layout, options, grid):
         raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
     if options.coefficients is None:
         return
-    gradient_axes(options.position or layout.header.patient_position or "HFS")
+    options.coefficients.signs(options.position or layout.header.patient_position or "HFS")
     if len(layout.header.placements) < layout.shape[4]:
         raise ValueError(
             "coefficients: the positions of the slices are unknown; reconstruct without "
@@ -466,12 +486,34 @@ def _words(layout, made):
     if not first.unfolds and layout.shape[3] > 1:
         steps.append(_combine_words(made, first))
     if options.coefficients is not None:
-        steps.append(
-            f"geometry correction, splines of order {options.order}"
-            + (", intensity by the Jacobian" if options.intensity else "")
-        )
+        steps.append(geometry_words(made))
     steps.append(f"image {times_text(made.matrix)}, field of view {times_text(made.field)} mm")
     return [step for step in steps if step]
+
+
+def geometry_words(made):
+    """The step of the correction, for people."""
+    options = made.options
+    what = {3: "", 2: " in the plane of the slices", 1: " across the slices"}[options.dims]
+    if made.matrix[2] == 1 and not made.stack:
+        what += ", each slice by itself"
+    how = ", intensity by the Jacobian" if options.intensity else ""
+    return f"geometry correction{what}, splines of order {options.order}{how}"
+
+
+def geometry_warnings(made):
+    """What may surprise about the correction, a line each."""
+    options = made.options
+    if options.coefficients is None:
+        return
+    grids = [made.grid(index) for index in made.kept[0]]
+    yield from warnings_of(max(grids, key=lambda grid: grid.reach), options.coefficients, "the image")
+    part = made.selection is not None and made.selection[0] == "slice"
+    if made.matrix[2] == 1 and not made.stack and (len(grids) > 1 or part):
+        yield (
+            "geometry: the slices are corrected within their planes only, as parallel and evenly "
+            "spaced ones of a whole scan are across as well"
+        )
 
 
 def _noise_words(layout, made):

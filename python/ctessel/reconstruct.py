@@ -11,12 +11,12 @@ from math import prod
 import numpy as np
 
 from ._arrays import ringing_filter
-from ._gradients import apply_warp, warp
 from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image, to_kspace
 from .plan import plan as make_plan
 from .sampling import fold_lines
 from .steps import combine, homodyne_recon, sensitivity_maps, unfold
+from .warp import geometry
 
 
 @dataclass
@@ -109,6 +109,8 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
         done += prod(volumes.shape[3:])
         if progress:
             progress(done, total)
+    if plan.stack:
+        image[:, :, 0] = _corrected(plan, plan.placements[slices.start : slices.stop], image[:, :, 0])
     return Result(
         image, list(plan.steps), plan.parameters, plan.field, plan.selection, list(plan.warnings)
     )
@@ -251,7 +253,9 @@ def reconstruct_block(plan, block, basis, samples):
     image = combine(image, plan.options.combine, threads)
     if plan.gain(pattern) != 1:
         image *= plan.gain(pattern)
-    return {"image": _corrected(plan, block, image)}
+    if plan.options.coefficients is not None and not plan.stack:
+        image = _corrected(plan, [plan.placements[block.slice]], image)
+    return {"image": image}
 
 
 def _unfolded(plan, pattern, basis, samples):
@@ -286,18 +290,17 @@ def _finished(plan, pattern, samples):
     return homodyne_recon(samples, pattern.ranges, field=plan.matrix, threads=threads)
 
 
-def _corrected(plan, block, image):
+def _corrected(plan, places, image):
     """The image where gradients are not linear: each voxel where it belongs."""
     options = plan.options
-    if options.coefficients is None:
-        return image
-    field = warp(
-        image.shape[:3],
-        plan.placements[block.slice],
+    return geometry(
+        image,
+        list(places),
         plan.field,
         options.coefficients,
-        plan.position,
-        options.intensity,
-        options.threads,
+        position=plan.position,
+        dims=options.dims,
+        order=options.order,
+        intensity=options.intensity,
+        threads=options.threads,
     )
-    return apply_warp(image, field, options.order)

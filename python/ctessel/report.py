@@ -82,6 +82,8 @@ def sidecar(result, header, *, skipped, source, position, geometry, known, kind)
         "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
         "SpacingBetweenSlices": header.spacing,
         "ImageType": kind,
+        "NonlinearGradientCorrection": bool(geometry),
+        "GradientCorrection": geometry and {"Coefficients": printable(geometry)},
         "Sources": [printable(source)],
         "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
         "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),

@@ -18,7 +18,10 @@ from . import _core, nifti, runtime
 from .files import Staged, printable
 from .gradients import Coefficients
 
-__all__ = ["Correction", "Grid", "save_warp", "scanner_grid", "unwarp", "unwarp_file"]
+__all__ = [
+    "Correction", "Grid", "geometry", "save_warp", "scan_grid", "scanner_grid", "unwarp", "unwarp_file",
+    "voxel_positions",
+]  # fmt: skip
 
 #: What of the displacement a mode undoes: all, what lies in the plane of the slices, what leaves it.
 MODES = {"3d": 3, "2d": 2, "through-plane": 1, "none": 0}
@@ -67,6 +70,96 @@ def scanner_grid(extent, spacing):
     affine = np.diag([spacing, spacing, spacing, 1.0])
     affine[:3, 3] = -spacing * (count // 2)
     return Grid(affine, (count,) * 3)
+
+
+def scan_grid(placements, matrix, field):
+    """Grid of a slab, or of parallel slices one after the other.
+
+    Parameters
+    ----------
+    placements : sequence of Placement
+        One for each slice.
+    matrix : sequence of 3 int
+        Voxels of one slice or slab; the voxel ``n // 2`` of each axis lies at its placement.
+    field : sequence of 3 float
+        Its field of view in mm.
+
+    Raises
+    ------
+    ValueError
+        Slices that are not parallel and evenly spaced.
+    """
+    shape = (*matrix[:2], matrix[2] * len(placements))
+    return Grid(nifti.placed(placements, matrix, field), shape)
+
+
+def voxel_positions(shape, placement, field):
+    """Patient coordinates of all voxels.
+
+    Parameters
+    ----------
+    shape, placement, field
+        See `geometry`.
+
+    Returns
+    -------
+    ndarray of float64, ``(3, x, y, z)``
+        Left, posterior, superior, in mm from the isocentre.
+    """
+    grid = scan_grid([placement], shape[:3], field)
+    return np.moveaxis(_voxels(grid.affine[:3], grid.shape) * _RAS, -1, 0)
+
+
+def geometry(
+    image,
+    placement,
+    field,
+    coefficients,
+    *,
+    position="HFS",
+    dims=3,
+    order=3,
+    intensity=True,
+    threads=None,
+):
+    """Undo the distortion of gradients that are not linear.
+
+    Parameters
+    ----------
+    image : ndarray of complex64 or float32, ``(x, y, z, ...)``
+        One slice or slab; real and imaginary parts are interpolated alike.
+    placement : Placement, or sequence of them
+        Where its centre and axes lie; several are those of parallel slices along z.
+    field : sequence of 3 float
+        Field of view of a slice or of the slab, in mm.
+    coefficients : Coefficients
+    position : {"HFS", "HFP", "FFS", "FFP"}, optional
+        How the patient lies.
+    dims : {3, 2, 1}, optional
+        All of the displacement, its part in the plane of the slices, or its part across them.
+    order : {1, 3}, optional
+        Order of the spline between voxels.
+    intensity : bool, optional
+        Multiply with the determinant of ``d encoded / d position``, as voxels that were encoded closer
+        together hold more signal.
+    threads : int, optional
+
+    Returns
+    -------
+    ndarray
+        In the shape and type of `image`; 0 where the object was encoded outside the image. A single
+        slice is sampled within its plane only.
+    """
+    placements = placement if isinstance(placement, (list, tuple)) else [placement]
+    matrix = (*image.shape[:2], image.shape[2] // len(placements))
+    return unwarp(
+        image,
+        scan_grid(placements, matrix, field),
+        Correction(coefficients, position, dims),
+        intensity=intensity,
+        interpolation="cubic" if order == 3 else "linear",
+        threads=threads,
+    )
 
 
 @dataclass(frozen=True)
