@@ -3,30 +3,28 @@
 
     python3 python/scaling.py [SLICES]
 
-A 2-D data set of 16 coils, 256 x 256, R = 2, is reconstructed here and by 1, 2, ... processes, as
-many as there are cores, each on one thread; the shortest of a few runs counts. Beyond the cores,
-time follows from processor time that other programs on the machine do not lengthen: that of each
-slice in a worker, and that of this process for sending k-space and fetching the image, which it
-does for all. The simulation hands each slice to the worker that is free first.
+A 2-D file of 16 coils, 256 x 256, R = 2, is reconstructed here and by processes on one thread each; the
+shortest of a few runs counts. Beyond the cores, time follows from processor time, which other programs
+on the machine do not lengthen: that of each slice in a worker, which reads it, and that of this process
+for a slice. The simulation hands each slice to the worker that is free first.
 """
 
 import heapq
 import os
 import sys
+import tempfile
 import time
+from functools import partial
 from pathlib import Path
 
 import numpy as np
 
-sys.path.insert(0, str(Path(__file__).resolve().parent / "tests"))
+import ctessel.dask
+from ctessel import phantom, pipeline, raw, reconstruct
+from ctessel.workers import Workers
 
-from scans import lines, scan  # noqa: E402
-
-import ctessel.dask  # noqa: E402
-from ctessel import pipeline, reconstruct  # noqa: E402
-
-OPTIONS = pipeline.Options(threads=1)
-RUNS = 5
+OPTIONS = pipeline.Options(combine="sos", threads=1)
+RUNS = 3
 
 
 def lasts(clock, function):
@@ -39,72 +37,77 @@ def lasts(clock, function):
     return min(times)
 
 
-def timed_block(*arguments):
-    return lasts(time.process_time, lambda: reconstruct._work(*arguments))
+def timed(plan, block, source):
+    return lasts(time.process_time, lambda: reconstruct.work(plan, block, source))
 
 
 def image_alone(plan, *_):
-    return np.ones((*plan.matrix, 1, 1), np.complex64)
+    return {"image": np.ones((*plan.matrix, 1, 1), np.float32)}
 
 
-def tasks(data):
-    return reconstruct._tasks(pipeline.plan(data, OPTIONS), data)
+def tasks(plan, source):
+    return ((block, (plan, block, source)) for block in reconstruct.blocks(plan))
 
 
-def simulated(work, send, workers):
-    """End of the last block: one sender, blocks to the worker that is free first."""
-    free, sent = [0.0] * workers, 0.0
+def simulated(work, hand, workers):
+    """End of the last block: one process hands them out, each to the worker that is free first."""
+    free, handed = [0.0] * workers, 0.0
     for duration in work:
-        sent += send
-        heapq.heappush(free, max(heapq.heappop(free), sent) + duration)
+        handed += hand
+        heapq.heappush(free, max(heapq.heappop(free), handed) + duration)
     return max(free)
 
 
-def processor_times(data):
-    """Of each block in a worker, and of sending and fetching one in this process."""
+def here(run, function, made):
+    """Processor time of this process for each of some tasks."""
+    made = list(made())
+    return lasts(time.process_time, lambda: list(run(function, iter(made)))) / len(made)
+
+
+def sending(plan, found):
+    """Processor time of this process for a slice that it reads and sends itself."""
+
+    def all_of_it():
+        return list(ctessel.dask.run_tasks(client, image_alone, reconstruct._tasks(plan, scan)))
+
+    reading = lasts(time.process_time, lambda: raw.read(found.path, found=found))
+    scan = raw.read(found.path, found=found)
     with ctessel.dask.connect(workers=1) as client:
-        work = [spent for _, spent in ctessel.dask.run_tasks(client, timed_block, tasks(data))]
-
-        def through():
-            return list(ctessel.dask.run_tasks(client, image_alone, tasks(data)))
-
-        return work, lasts(time.process_time, through) / len(work)
+        client.ctessel_folder = None
+        return (reading + lasts(time.process_time, all_of_it)) / found.scan.shape[4]
 
 
-def whole(data, workers):
-    with ctessel.dask.connect(workers=workers) as client:
-        client.wait_for_workers(workers or 0) if client else None
-        pipeline.reconstruct(data, OPTIONS, client=client)  # workers import what they need
-        return lasts(time.perf_counter, lambda: pipeline.reconstruct(data, OPTIONS, client=client))
+def main(slices, path):
+    phantom.write(path, "undersampled", size=256, coils=16, slices=slices, noise=0.01)
+    found = raw.contents(path, cut=True)
+    source, plan = raw.Source(found, 1), pipeline.plan(raw.layout(found), OPTIONS)
 
+    def whole(client=None):
+        if client is None:
+            return pipeline.reconstruct(raw.read(path, found=found, threads=1), plan=plan)
+        return pipeline.reconstruct(source, client=client, plan=plan)
 
-def main(slices):
-    data = scan((256, 256, 1), 16, lines(256, 2, 0, 24), slices=slices, oversampling=2, noise=0.01)[
-        1
-    ]
-    cores = len(os.sched_getaffinity(0))
-    work, send = processor_times(data)
+    with Workers(1) as workers:
+        work = [spent for _, spent in workers.run_tasks(timed, tasks(plan, source))]
+        hand = here(workers.run_tasks, image_alone, partial(tasks, plan, source))
+    cores, size = len(os.sched_getaffinity(0)), os.path.getsize(path) / slices
     print(
-        f"{slices} slices, {data.kspace.nbytes / 2**20:.0f} MiB of k-space, {cores} cores, load "
-        f"{os.getloadavg()[0]:.1f}\n"
-        f"processor time of a slice {np.median(work) * 1e3:.0f} ms in a worker, "
-        f"{send * 1e3:.1f} ms to send and fetch it"
+        f"{slices} slices of {size / 1e6:.1f} MB, {cores} cores, load {os.getloadavg()[0]:.1f}\n"
+        f"processor time of a slice: {np.median(work) * 1e3:.0f} ms in a worker, reading included; "
+        f"{hand * 1e3:.1f} ms here; {sending(plan, found) * 1e3:.0f} ms here where it is sent"
     )
-    alone = lasts(time.process_time, lambda: pipeline.reconstruct(data, OPTIONS))
-    print(f"one process: {alone:.2f} s of processor time, {whole(data, None):.2f} s measured")
-    for workers in range(1, cores + 1):
-        print(
-            f"{workers} workers: {whole(data, workers):.2f} s measured, "
-            f"{max(simulated(work, send, workers), (sum(work) + slices * send) / cores):.2f} s "
-            "simulated"
-        )
-    for workers in (4, 8, 16, 32, 64):
-        time_left = simulated(work, send, workers)
-        print(
-            f"{workers} workers: {time_left:.2f} s simulated, "
-            f"{alone / time_left:.1f} times one process"
-        )
+    alone = lasts(time.process_time, whole)
+    print(f"one process: {alone:.2f} s of processor time, {lasts(time.perf_counter, whole):.2f} s measured")
+    for count in (1, 2, 3, 4):
+        with Workers(count) as workers:
+            whole(workers)  # they import what they need
+            measured = lasts(time.perf_counter, lambda: whole(workers))
+        print(f"{count} workers: {measured:.2f} s measured, {simulated(work, hand, count):.2f} s simulated")
+    for count in (8, 16, 32, 64, 128):
+        left = simulated(work * 8, hand, count) / 8
+        print(f"{count} workers: {left:.3f} s simulated, {sum(work) / left:.1f} times one worker")
 
 
 if __name__ == "__main__":
-    main(int(sys.argv[1]) if len(sys.argv) > 1 else 32)
+    with tempfile.TemporaryDirectory() as folder:
+        main(int(sys.argv[1]) if len(sys.argv) > 1 else 32, Path(folder) / "scan.h5")

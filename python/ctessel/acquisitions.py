@@ -138,7 +138,7 @@ class Contents:
         often, counts = np.unique(measured, return_counts=True)
         if often.size < 2:
             return ()
-        usual = often[counts.argmax()]
+        usual = int(often[counts.argmax()])
         odd = int(counts.sum() - counts.max())
         return (
             f"{odd} of {measured.size} lines were not measured {usual} time{'s' * (usual > 1)} as the others, "

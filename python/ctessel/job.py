@@ -25,7 +25,13 @@ class Job:
         with self._client() as client:
             source = self._source(client, show)
             with show("reconstructing", "volumes") as progress:
-                return pipeline.reconstruct(source, None, progress, client, plan=self.plan)
+                result = pipeline.reconstruct(source, None, progress, client, plan=self.plan)
+        if not np.isfinite(result.image).all():
+            raise raw.RawError(
+                f"{self.found.path}: its image is not finite, its samples are too large; "
+                "convert the scanner's data again"
+            )
+        return result
 
     def _source(self, client, show):
         """The file itself where all who work see it, or its samples."""
@@ -78,6 +84,11 @@ class Job:
         base = nifti.base_name(output)
         phase = output.with_name(f"{base}_phase{output.name[len(base):]}")
         return [output, phase] if self.arguments.combine == "phase" else [output]
+
+    def outputs(self):
+        """All files that are written."""
+        sidecars = [nifti.sidecar_path(name) for name in self.names()]
+        return [*self.names(), *sidecars, *([self.arguments.preview] if self.arguments.preview else [])]
 
     def _sidecar(self, result, kind):
         header, echoes = self.found.header, self.plan.kept[1]
@@ -141,8 +152,10 @@ def prepare(arguments, part):
     shared = bool(arguments.workers)
     needed = plan.memory(arguments.workers or 1, shared) + report.INTERPRETER
     job = Job(arguments, found, plan, needed, matrix, known)
-    for name in [*job.names(), *([arguments.preview] if arguments.preview else [])]:
+    for name in job.outputs():
         files.check_output(name)
+        if os.path.exists(name) and os.path.samefile(name, found.path):
+            raise ValueError(f"{name}: is the raw data file; give the image another name")
     if not arguments.dry_run:
         _check_memory(job)
     return job

@@ -116,8 +116,8 @@ def test_a_bad_image_in_the_middle_is_left_out_or_merged_around(tmp_path, capsys
 
 def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, monkeypatch):
     target, folder = str(tmp_path / "i.nii"), tmp_path / "folder.nii"
-    folder.mkdir()
-    folder.with_suffix(".png").mkdir()
+    for ending in (".nii", ".png", ".json"):
+        folder.with_suffix(ending).mkdir()
 
     def code(*arguments):
         try:
@@ -138,8 +138,14 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
             for names in (["-o", where], ["-o", target, "--preview", where.with_suffix(".png")]):
                 assert code("recon", scan, *names, *rest) == cli.DEFECT
                 one_line(words)
-    folder.rmdir()
-    folder.with_suffix(".png").rmdir()
+        assert code("recon", scan, "-o", tmp_path / "folder.nii.gz", *rest) == cli.DEFECT
+        one_line("folder.json: is a folder")
+    for ending in (".nii", ".png", ".json"):
+        folder.with_suffix(ending).rmdir()
+    (tmp_path / "i.json").symlink_to(scan)
+    assert code("recon", tmp_path / "i.json", "-o", target) == cli.DEFECT
+    one_line("i.json: is the raw data file")
+    (tmp_path / "i.json").unlink()
     assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
     one_line("none: cannot be written to")
     assert code("merge", target, "-o", target) == cli.DEFECT
@@ -171,6 +177,20 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     assert code("info", scan) == cli.DEFECT
     one_line("apt-get install libismrmrd-dev")
     assert not list(tmp_path.iterdir())
+
+
+def test_what_makes_another_image_than_expected_is_told(tmp_path, capsys):
+    lines, target = foreign.records(foreign.image(32, 16)), str(tmp_path / "i.nii")
+    file = foreign.write(tmp_path / "twice.h5", [*lines, *lines[3:5]], foreign.header(32, 16))
+    assert cli.main(["recon", str(file), "-o", target]) == 0
+    told = capsys.readouterr().err
+    assert told.startswith("ctessel: warning: 2 of 16 lines were not measured 1 time as the others, but 2 times")
+    assert json.loads((tmp_path / "i.json").read_text())["Warnings"] == [told[len("ctessel: warning: ") : -1]]
+    huge = foreign.records(np.full((2, 16, 32), 1e38, np.complex64))
+    file = foreign.write(tmp_path / "huge.h5", huge, foreign.header(32, 16))
+    assert cli.main(["recon", str(file), "-o", str(tmp_path / "huge.nii")]) == cli.DEFECT
+    assert "its image is not finite" in capsys.readouterr().err
+    assert not (tmp_path / "huge.nii").exists()
 
 
 def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
