@@ -25,15 +25,25 @@ cd "$(dirname "$0")/.."
 
 mkdir -p build/fresh
 root=$(mktemp -d "$PWD/build/fresh/$suite.XXXXXX")
-# Nothing is ever mounted where this script runs, but a deletion must not follow a mount even so.
-trap 'rm -rf --one-file-system "$root"' EXIT
+child=
+finish() {
+  [ -z "$child" ] || { kill -KILL "$child" 2>/dev/null && wait "$child"; } || true
+  # Nothing was mounted where this script runs, and a deletion does not follow a mount even so.
+  rm -rf --one-file-system "$root"
+}
+trap finish EXIT
 trap 'exit 130' INT TERM HUP
 mmdebstrap --quiet --mode=root --variant=minbase "$suite" "$root"
 git clone --quiet --no-hardlinks . "$root/root/cTessel"
 
-# /proc and /dev are mounted for the command's own processes alone: with the last of them the mounts
-# are gone, and with this script the processes.
+# /proc and /dev are mounted for the command's own processes alone: the mounts go with the last of
+# them, and they with this script. In the background, so that signals to the script do not wait.
 unshare --mount --pid --fork --kill-child -- bash -c '
   mount -t proc proc "$0/proc" && mount --bind /dev "$0/dev" && mount -t tmpfs tmpfs "$0/dev/shm" &&
   exec chroot "$0" env -i -C /root/cTessel HOME=/root LANG=C.UTF-8 \
-    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@"
+    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@" &
+child=$!
+status=0
+wait "$child" || status=$?
+child=
+exit "$status"
