@@ -38,13 +38,15 @@ class Job:
         if self.arguments.workers or (client and _seen_by(client, self.found.path)):
             return raw.Source(self.found, self.plan.options.threads)
         with show("reading", "acquisitions") as progress:
-            return raw.read(
+            scan = raw.read(
                 self.found.path,
                 found=self.found,
                 scratch=self.arguments.scratch,
                 progress=progress,
                 threads=self.plan.options.threads,
             )
+        scan.disposable = True
+        return scan
 
     def _client(self):
         if self.arguments.scheduler:

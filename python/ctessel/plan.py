@@ -141,9 +141,30 @@ class Plan:
             return None
 
     @property
+    def in_slabs(self):
+        """Whether volumes are worked on in slabs of x: 3-D scans whose readout is not partial."""
+        return self.shape[2] > 1 and not any(pattern.ranges[0] for pattern in self.patterns)
+
+    @property
+    def slab(self):
+        """Bytes of the coil images of a slab."""
+        return BLOCK // 4
+
+    @property
     def group(self):
         """Repetitions that are worked on at once."""
+        if self.in_slabs:
+            return 1
         return max(1, BLOCK // (8 * prod(self.shape[:4]) * self.shape[5]))
+
+    def mask(self, pattern):
+        """Threshold of the object: coils that are combined alone need maps where noise is, too."""
+        return self.options.mask if pattern.unfolds else 0
+
+    def completes_slabs(self, pattern):
+        """Whether nothing is left to be done along x; of coils that are combined as they are, never."""
+        untouched = self.options.ringing == 0 and self.pixels[0] == pattern.full[0]
+        return untouched or not pattern.weighted
 
     def gain(self, pattern):
         """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
@@ -168,7 +189,8 @@ class Plan:
         """Bytes that the reconstruction needs, the scan itself included.
 
         `workers` is the number of blocks that are worked on at once; where a file is `shared`, they
-        read their blocks from it, and nobody holds the whole scan.
+        read their blocks from it, and nobody holds the whole scan. Of a 3-D scan k-space counts once:
+        the transformed readouts take its place where the source lets them.
         """
         volumes = min(self.group, self.shape[6]) * self.shape[5]
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
@@ -188,6 +210,8 @@ class Plan:
         98 % of it.
         """
         size, coils = 8 * volumes, self.shape[3]
+        if self.in_slabs:
+            return self._slab(pattern, size)
         pixels = size * prod(self.pixels)
         if pattern.weighted:
             slots = size * coils * prod(lattice.folded for lattice in pattern.lattices)
@@ -197,6 +221,17 @@ class Plan:
             return lines, lines + 1.3 * cut + 2.2 * maps + 3 * volume
         lines, cut = (size * coils * prod(n) for n in (self.shape[:3], pattern.full))
         return lines, max(2 * lines, cut + (5 if any(pattern.ranges) else 2.2) * coils * pixels)
+
+
+    def _slab(self, pattern, size):
+        """As `_block`, of a volume that is put together of its slabs."""
+        volume = size * max(prod(self.pixels), prod(pattern.full))
+        finished = self.completes_slabs(pattern)
+        calibration = 8 * self.shape[3] * self.readout * prod(
+            self.calibration.lines if pattern.weighted else (0,)
+        )
+        sent = self.slab * size // 8 + calibration
+        return sent, 5 * sent + (1.5 if finished else 5) * volume
 
 
 def plan(scan, options=None):

@@ -115,6 +115,7 @@ class Source:
     """
 
     shared = True
+    disposable = True  # samples are read anew each time
 
     def __init__(self, found, threads=None):
         self._state, self._threads = state(found.path), threads

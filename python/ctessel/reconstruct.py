@@ -10,6 +10,7 @@ from math import prod
 
 import numpy as np
 
+from . import slabs
 from ._arrays import ringing_filter
 from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image, to_kspace
@@ -127,16 +128,25 @@ def blocks(plan):
 
 def _run(plan, source, client):
     """Blocks with what was made of them, in any order."""
+    if plan.in_slabs:
+        return _run_volumes(plan, source, client)
     if client is None:
         return _run_here(plan, source)
+    if source.shared:
+        return _each(work, ((block, (plan, block, source)) for block in blocks(plan)), client)
+    return _each(_work, _tasks(plan, source), client)
+
+
+def _each(function, tasks, client):
+    """Results of a function with their places, here or on what has `run_tasks`."""
+    if client is None:
+        return ((place, function(*arguments)) for place, arguments in tasks)
     run = getattr(client, "run_tasks", None)
     if run is None:
         from .dask import run_tasks
 
         run = partial(run_tasks, client)
-    if source.shared:
-        return run(work, ((block, (plan, block, source)) for block in blocks(plan)))
-    return run(_work, _tasks(plan, source))
+    return run(function, tasks)
 
 
 def _run_here(plan, source):
@@ -212,18 +222,22 @@ def _basis(plan, block, calibration, first):
     if calibration is None:
         return None
     options, pattern = plan.options, plan.patterns[block.pattern]
-    samples = remove_oversampling(
-        calibration, round(len(calibration) * plan.calibration.cut), threads=options.threads
-    )
-    samples = samples[central(len(samples), min(len(samples), plan.calibration.x))]
-    # Coils that are combined alone need maps where noise is, too.
-    mask = options.mask if pattern.unfolds else 0
     made = sensitivity_maps(
-        samples, pattern.calibration_pixels, mask=mask, threads=options.threads
+        _cut(plan, calibration),
+        pattern.calibration_pixels,
+        mask=plan.mask(pattern),
+        threads=options.threads,
     )
     maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
     levels = first is not None and (sa(_folded(plan, first)), sa(expected))
     return Basis(maps, expected, levels or None)
+
+
+def _cut(plan, calibration):
+    """Calibration lines over the image's field along x, the central samples of the readout."""
+    n = round(len(calibration) * plan.calibration.cut)
+    samples = remove_oversampling(calibration, n, threads=plan.options.threads)
+    return samples[central(len(samples), min(len(samples), plan.calibration.x))]
 
 
 def reconstruct_block(plan, block, basis, samples):
@@ -250,29 +264,35 @@ def reconstruct_block(plan, block, basis, samples):
         image = _finished(
             plan, pattern, remove_oversampling(samples, plan.readout, threads=threads)
         )
-    image = combine(image, plan.options.combine, threads)
+    return {"image": _placed(plan, block, _combined(plan, pattern, image))}
+
+
+def _combined(plan, pattern, image):
+    image = combine(image, plan.options.combine, plan.options.threads)
     if plan.gain(pattern) != 1:
         image *= plan.gain(pattern)
-    if plan.options.coefficients is not None and not plan.stack:
-        image = _corrected(plan, [plan.placements[block.slice]], image)
-    return {"image": image}
+    return image
 
 
 def _unfolded(plan, pattern, basis, samples):
-    options = plan.options
-    image = unfold(
-        _folded(plan, samples),
+    image = _weighted(plan, pattern, basis, _folded(plan, samples))
+    if plan.options.ringing > 0 or any(pattern.ranges) or plan.pixels != pattern.full:
+        return _finished(plan, pattern, to_kspace(image, threads=plan.options.threads))
+    return resize(image, plan.matrix)
+
+
+def _weighted(plan, pattern, basis, folded):
+    """Unfolded image ``(x, y, z, 1, ...)`` of folded coil images."""
+    return unfold(
+        folded,
         basis.maps,
         pattern.lattices,
         covariance=plan.covariance,
         expected=basis.expected if basis.levels else None,
         levels=basis.levels,
-        strength=options.regularisation,
-        threads=options.threads,
+        strength=plan.options.regularisation,
+        threads=plan.options.threads,
     )[:, :, :, None]
-    if options.ringing > 0 or any(pattern.ranges) or plan.pixels != pattern.full:
-        return _finished(plan, pattern, to_kspace(image, threads=options.threads))
-    return resize(image, plan.matrix)
 
 
 def _folded(plan, samples):
@@ -281,13 +301,27 @@ def _folded(plan, samples):
     return to_image(image, (1, 2), threads)
 
 
-def _finished(plan, pattern, samples):
-    """Coil images of k-space over the whole field: filter, size, transform or homodyne."""
-    options, threads = plan.options, plan.options.threads
-    if options.ringing > 0:
-        samples = ringing_filter(samples, options.ringing, pattern.window, threads=threads)
-    samples = resize(samples, plan.pixels, threads)
-    return homodyne_recon(samples, pattern.ranges, field=plan.matrix, threads=threads)
+def _finished(plan, pattern, samples, axes=(0, 1, 2)):
+    """Coil images of k-space over the whole field: filter, size, transform or homodyne.
+
+    Of slabs, whose readout is transformed, `axes` are the others.
+    """
+    strength, threads, n = plan.options.ringing, plan.options.threads, len(samples)
+    window, pixels, matrix = pattern.window, plan.pixels, plan.matrix
+    if 0 not in axes:
+        strength = (0, strength, strength)
+        window, pixels, matrix = ((n, *size[1:]) for size in (window, pixels, matrix))
+    if plan.options.ringing > 0:
+        samples = ringing_filter(samples, strength, window, threads=threads)
+    samples = resize(samples, pixels, threads)
+    return homodyne_recon(samples, pattern.ranges, field=matrix, threads=threads, axes=axes)
+
+
+def _placed(plan, block, image):
+    """The image of a block, its geometry corrected unless that waits for all slices."""
+    if plan.options.coefficients is None or plan.stack:
+        return image
+    return _corrected(plan, [plan.placements[block.slice]], image)
 
 
 def _corrected(plan, places, image):
@@ -304,3 +338,74 @@ def _corrected(plan, places, image):
         intensity=options.intensity,
         threads=options.threads,
     )
+
+
+# ---- Slabs of 3-D scans --------------------------------------------------------------------------
+
+
+def _run_volumes(plan, source, client):
+    """Volumes, each put together of its slabs."""
+    calibration, shared = {}, {}
+    for block in blocks(plan):
+        pattern = plan.patterns[block.pattern]
+        if block.slice not in calibration:  # its samples may be overwritten by the first volume
+            calibration = {block.slice: _slice_calibration(plan, block, source)}
+        at = block.slice, block.pattern
+        if at not in shared:
+            shared = {at: _volume_basis(plan, block, source, calibration[block.slice])}
+        frames = source.frames(block.slice, block.along())
+        volume = slabs.transformed(plan, pattern, frames, source.disposable)
+        yield block, _volume(plan, block, volume, *shared[at], client)
+
+
+def _slice_calibration(plan, block, source):
+    return plan.calibration and _cut(plan, calibration_lines(plan, block.slice, source))
+
+
+def _volume_basis(plan, block, source, calibration):
+    """What sensitivities of the volumes are made of, and the levels for regularisation or None."""
+    pattern = plan.patterns[block.pattern]
+    if not pattern.weighted:
+        return None, None
+    made, expected = slabs.sensitivities(plan, pattern, calibration)
+    if not (pattern.unfolds and plan.options.regularisation > 0):
+        return made, None
+    first = source.frames(block.slice, slice(pattern.repetitions[0], pattern.repetitions[0] + 1))
+    return made, (sa(slabs.transformed(plan, pattern, first, False)), expected)
+
+
+def _volume(plan, block, volume, sensitivities, levels, client):
+    pattern = plan.patterns[block.pattern]
+
+    def tasks():
+        for x in slabs.edges(plan, pattern, len(volume)):
+            part = sensitivities and sensitivities.part(x)
+            yield x, (plan, block, np.array(volume[x], order="F"), part, levels)
+
+    made = {}
+    for x, parts in _each(reconstruct_slab, tasks(), client):
+        for name, part in parts.items():
+            if name not in made:
+                made[name] = np.empty((len(volume), *part.shape[1:]), part.dtype, order="F")
+            made[name][x] = part
+    if not plan.completes_slabs(pattern):
+        lines = to_kspace(made["image"], threads=plan.options.threads, overwrite=True)
+        made["image"] = _combined(plan, pattern, _finished(plan, pattern, lines))
+    made["image"] = _placed(plan, block, made["image"])
+    return made
+
+
+def reconstruct_slab(plan, block, samples, sensitivities, levels):
+    """Image of a slab whose readout is transformed, as `reconstruct_block` of a block."""
+    pattern, threads = plan.patterns[block.pattern], plan.options.threads
+    if not pattern.weighted:
+        return {"image": _combined(plan, pattern, _finished(plan, pattern, samples, (1, 2)))}
+    basis = Basis(*sensitivities.maps(plan, pattern), levels)
+    image = _weighted(plan, pattern, basis, to_image(samples, (1, 2), threads, overwrite=True))
+    if not plan.completes_slabs(pattern):
+        return {"image": image}
+    if any(pattern.ranges) or plan.pixels != pattern.full:
+        image = _finished(plan, pattern, to_kspace(image, (1, 2), threads), (1, 2))
+    else:
+        image = resize(image, (len(image), *plan.matrix[1:]))
+    return {"image": _combined(plan, pattern, image)}

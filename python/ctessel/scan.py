@@ -102,6 +102,8 @@ class Scan:
     calibration: np.ndarray | None = None
     #: Whether other processes can make their own of it, so that blocks need not be sent to them.
     shared = False
+    #: Whether its samples may be overwritten: nobody needs them afterwards.
+    disposable = False
 
     @classmethod
     def of(cls, kspace, header, sampled=None, *, calibration=None, **known):

@@ -113,21 +113,40 @@ def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
     K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
     (1999).
     """
-    lines = ringing_filter(np.asfortranarray(calibration), window, threads=threads)
+    lines = low_resolution(calibration, window, threads)
     images = to_image(resize(lines, size, threads), threads=threads, overwrite=True)
     combined = pcsos(images, threads=threads)
+    inside = object_mask(np.abs(combined), mask) if mask > 0 else None
+    return _relative(images, combined, inside), combined
+
+
+def low_resolution(calibration, window=0.9, threads=None):
+    """Calibration lines under a window against ringing; see `sensitivity_maps`."""
+    return ringing_filter(np.asfortranarray(calibration), window, threads=threads)
+
+
+def relative_maps(images, inside=None, threads=None):
+    """Sensitivities from low-resolution coil images, which are overwritten; see `sensitivity_maps`.
+
+    `inside` marks the voxels of the object; without it all are taken for such.
+    """
+    combined = pcsos(images, threads=threads)
+    return _relative(images, combined, inside), combined
+
+
+def _relative(images, combined, inside):
     empty = combined == 0
-    maps = images
-    maps *= (1 / np.where(empty, np.complex64(1), combined))[..., None]
-    maps[empty] = 1 / np.sqrt(np.float32(images.shape[3]))  # all zeros would be a singular matrix
-    if mask > 0:
-        outside = ~_object(np.abs(combined), mask)
+    images *= (1 / np.where(empty, np.complex64(1), combined))[..., None]
+    # All zeros would be a singular matrix.
+    images[empty] = 1 / np.sqrt(np.float32(images.shape[3]))
+    if inside is not None:
         # The kernel may still use such a voxel for other columns: the imaginary parts stay.
-        maps.real[..., 0][outside] = 0
-    return maps, combined
+        images.real[..., 0][~inside] = 0
+    return images
 
 
-def _object(magnitude, threshold):
+def object_mask(magnitude, threshold):
+    """Voxels above a share of the brightest one, filled and grown by a few."""
     inside = magnitude > threshold * magnitude.max()
     inside = ndimage.binary_fill_holes(inside)
     reach = [min(3, n // 32) for n in inside.shape]
@@ -208,7 +227,7 @@ def _restore_phase(image, lattices):
     return image
 
 
-def homodyne_recon(kspace, ranges, *, field=None, threads=None):
+def homodyne_recon(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2)):
     """Image of partial-Fourier k-space along up to three axes.
 
     Parameters
@@ -221,6 +240,8 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None):
     field : sequence of 3 int, optional
         Central extents of the image to keep.
     threads : int, optional
+    axes : sequence of int, optional
+        Those that are still to be transformed; `ranges` of others are None.
 
     Returns
     -------
@@ -235,7 +256,7 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None):
     usable = usable_ranges(kspace.shape, ranges)
     field = tuple(field or kspace.shape[:3])
     if not any(usable):
-        return _cut(to_image(kspace, threads=threads), field)
+        return _cut(to_image(kspace, axes, threads), field)
     mirrored = [axis for axis, r in enumerate(usable) if r and sum(r) < 0]
     for axis in mirrored:
         usable[axis] = _mirror(usable[axis])
@@ -243,10 +264,8 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None):
     weighted, centre = homodyne.filter(
         np.asfortranarray(data), threads=threads, **dict(zip(("kx", "ky", "kz"), usable))
     )
-    low = to_image(
-        zero_pad(centre, kspace.shape[:3], threads=threads), threads=threads, overwrite=True
-    )
-    image = to_image(weighted, threads=threads, overwrite=True)
+    low = to_image(zero_pad(centre, kspace.shape[:3], threads=threads), axes, threads, True)
+    image = to_image(weighted, axes, threads, True)
     if mirrored:
         low, image = flip(low, mirrored), flip(image, mirrored)
     low, image = _cut(low, field), _cut(image, field)

@@ -1,6 +1,10 @@
 """The pipeline on phantoms whose images are known."""
 
+import os
 import re
+import resource
+import subprocess
+import sys
 from collections import Counter
 from dataclasses import replace
 from fractions import Fraction
@@ -13,7 +17,7 @@ from scans import FIELD, coils, error, header, known, lines, phantom, scan
 import ctessel
 from ctessel import pipeline
 from ctessel.pipeline import Options
-from ctessel.scan import Limit, Placement, Scan
+from ctessel.scan import Header, Limit, Placement, Scan
 
 ROUNDING = 2e-6  # of single precision after transforms, relative to the largest value
 
@@ -324,6 +328,66 @@ def test_a_field_wider_than_the_encoded_one_is_told_and_stretches_nothing():
         assert result.field == want.field
         (told,) = result.warnings
         assert f"264 mm wide along {'xyz'[axis]}, the encoded field of view 240 mm" in told
+
+
+@pytest.mark.parametrize("options", [
+    Options(), Options(combine="sos", ringing=0.4), Options(matrix=(20, 40, 33)),
+    Options(regularisation=0.8, matrix=(16, 32, 32), ringing=0.2), Options(whiten=False),
+], ids=["plain", "ringing", "larger", "regularised", "not weighted"])  # fmt: skip
+@pytest.mark.parametrize("kind", ["full", "partial", "undersampled"])
+def test_slabs_of_any_width_have_the_bits_of_the_volume(monkeypatch, kind, options):
+    block = np.outer(*[np.abs(np.arange(32) - 15.5) < 8] * 2)
+    mask = {
+        "full": np.ones((32, 32), bool), "partial": np.outer(lines(32), lines(32, first=-8)),
+        "undersampled": block | np.outer(lines(32, 2), lines(32, 2)),
+    }[kind]  # fmt: skip
+    _, volumes = scan((16, 32, 32), 6, mask=mask, repetitions=2, oversampling=2, noise=0.05)
+    want = pipeline.reconstruct(volumes, options)
+    samples = volumes.kspace.copy()
+    monkeypatch.setattr(ctessel.plan, "BLOCK", 1 << 18)  # a column or a few
+    same_bits(pipeline.reconstruct(volumes, options).image, want.image)
+    same_bits(volumes.kspace, samples)  # they are the caller's
+    volumes.disposable = True
+    same_bits(pipeline.reconstruct(volumes, options).image, want.image)
+
+
+MOST = 850 << 20  # of 3-D scans with 453 MB of k-space: resident memory of the whole process
+LEAST = 450 << 20  # with k-space in a file: all data of the process
+
+
+def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp_path):
+    pytest.importorskip("ctessel._raw")
+    write_large_volume(tmp_path / "v.h5")
+    seen = {}
+    for name, limit, options in (("here", resource.RLIM_INFINITY, []), ("file", LEAST, ["--scratch", tmp_path])):
+        run = [sys.executable, "-W", "ignore", "-m", "ctessel", "recon", tmp_path / "v.h5", "-o", tmp_path / f"{name}.nii"]
+        process = subprocess.Popen([*run, *options], preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit)))
+        _, status, usage = os.wait4(process.pid, 0)
+        assert status == 0, name
+        seen[name] = 1024 * usage.ru_maxrss
+    print(f"{seen['here'] >> 20} MiB resident")
+    assert seen["here"] < MOST
+    assert (tmp_path / "here.nii").read_bytes() == (tmp_path / "file.nii").read_bytes()
+
+
+def write_large_volume(path):
+    """192 x 192 x 96 voxels, 16 coils, R = 2 x 2, and samples of noise that is stronger around k = 0."""
+    from ctessel import _ismrmrd, _raw
+
+    shape, field = (192, 192, 96), (192.0, 192.0, 96.0)
+    limits = {name: Limit(0, n - 1, n // 2) for name, n in zip("xyz", shape)}
+    text = Header(shape, field, shape, field, limits, (2, 2), "embedded")
+    writer = _raw.Writer(str(path), "dataset", _ismrmrd.header_text(text, coils=16, counts={}))
+    lines_y, lines_z = (lines(n, 2) for n in shape[1:])
+    block = [np.abs(np.arange(n) - n // 2) < 12 for n in shape[1:]]
+    samples = random_complex((192, 16), 1) * np.exp(-np.abs(np.arange(192) - 96) / 20)[:, None]
+    for y, z in np.argwhere(np.outer(lines_y, lines_z) | np.outer(*block)):
+        head = np.zeros((), _ismrmrd.HEAD)
+        head["center_sample"], head["kspace_encode_step_1"], head["kspace_encode_step_2"] = 96, y, z
+        head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
+        level = np.exp(-(abs(y - 96) + abs(z - 48)) / 20)
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples * level, np.complex64))
+    writer.close()
 
 
 def blob(points):
