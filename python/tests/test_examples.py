@@ -1,4 +1,4 @@
-"""The example runs, and its pictures show what they should."""
+"""The examples run, and their pictures show what they should."""
 
 import sys
 from pathlib import Path
@@ -20,3 +20,13 @@ def test_pipeline_draws_and_reconstructs(tmp_path):
         return np.linalg.norm(np.abs(a) - np.abs(truth)) / np.linalg.norm(truth)
 
     assert error(result) < 0.8 * error(zero_filled)
+
+
+def test_geometry_draws_what_the_documentation_shows(tmp_path, monkeypatch):
+    import geometry
+
+    monkeypatch.setattr(sys, "argv", ["geometry.py", str(tmp_path)])
+    geometry.main()
+    shown = Path(__file__).resolve().parents[2] / "docs"
+    for name in ("geometry_axes.png", "geometry_field.png", "geometry_grid.png"):
+        assert (tmp_path / name).stat().st_size > 10_000 and (shown / name).exists()
