@@ -36,10 +36,13 @@ def flag(number):
     return np.uint64(1 << (number - 1))
 
 
+LAST_IN_SLICE = flag(8)
+LAST_IN_REPETITION = flag(14)
 NOISE = flag(19)
 CALIBRATION = flag(20)
 CALIBRATION_AND_IMAGING = flag(21)
 REVERSE = flag(22)
+LAST_IN_MEASUREMENT = flag(25)
 #: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
 NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
 

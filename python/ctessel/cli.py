@@ -123,7 +123,16 @@ def _parser():
     )
     parser.add_argument("--version", action="version", version=f"ctessel {__version__}")
     commands = parser.add_subparsers(metavar="COMMAND", required=True)
-    for add in (_add_recon, _add_info, _add_merge, _add_phantom, _add_warp, _add_unwarp):
+    for add in (
+        _add_recon,
+        _add_info,
+        _add_merge,
+        _add_phantom,
+        _add_warp,
+        _add_unwarp,
+        _add_serve,
+        _add_send,
+    ):
         add(commands)
     return parser
 
@@ -360,6 +369,69 @@ def _add_dims(command):
     )
 
 
+def _add_serve(commands):
+    command = _command(commands, "serve", serve, "make images of ISMRMRD streams while they come")
+    command.add_argument("--host", default="127.0.0.1", help="address to listen on")
+    command.add_argument("--port", type=_port, default=9002, help="0 for any that is free")
+    command.add_argument("--stdio", action="store_true", help="one stream, from stdin to stdout")
+    command.add_argument(
+        "--config",
+        action="append",
+        default=[],
+        metavar="NAME=OPTIONS-FILE",
+        help="options of the steps, as JSON, for streams that name this configuration",
+    )
+    command.add_argument(
+        "--save", type=Path, metavar="FOLDER", help="keep the raw data of each scan as a file there"
+    )
+    command.add_argument("--threads", type=_positive, metavar="N", help="threads of the kernels")
+    command.add_argument(
+        "--connections", type=_positive, default=8, metavar="N", help="served at once (default: 8)"
+    )
+    command.add_argument(
+        "--timeout",
+        type=_seconds,
+        default=300.0,
+        metavar="SECONDS",
+        help="silence that ends a connection (default: 300)",
+    )
+    _add_steps(command)
+    _add_pixels(command)
+
+
+def _add_pixels(command):
+    command.add_argument(
+        "--pixels",
+        choices=("int16", "float", "complex"),
+        default="int16",
+        help="int16 magnitudes with one scale for a series (the default), or images as they are",
+    )
+
+
+def _add_send(commands):
+    command = _command(commands, "send", send, "send a raw data file to a server, as a scanner does")
+    command.add_argument("raw", metavar="RAW.h5")
+    command.add_argument("--to", required=True, metavar="HOST:PORT")
+    command.add_argument(
+        "-o",
+        "--output",
+        metavar="IMAGES.nii.gz",
+        type=_nifti_name,
+        help="NIfTI file of the images that come back",
+    )
+    command.add_argument(
+        "--realtime", action="store_true", help="send lines at the times of their measurement"
+    )
+    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration to name")
+    command.add_argument(
+        "--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}'
+    )
+    command.add_argument(
+        "--timeout", type=_seconds, default=300.0, metavar="SECONDS", help="silence that ends it"
+    )
+    _add_group(command)
+
+
 def _number(kind, accept, what):
     def convert(text):
         try:
@@ -376,6 +448,8 @@ def _number(kind, accept, what):
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 _size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
+_seconds = _number(float, lambda x: 0 < x < 1e6, "a number of seconds")
+_port = _number(int, lambda n: 0 <= n < 65536, "0 to 65535")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
 
 
@@ -478,6 +552,20 @@ def info(arguments):
     from .job import information
 
     _say(information(arguments.raw, arguments.group))
+
+
+def serve(arguments):
+    """``ctessel serve``"""
+    from .serve import serve as run
+
+    return run(arguments)
+
+
+def send(arguments):
+    """``ctessel send``"""
+    from .send import send as run
+
+    return run(arguments)
 
 
 def merge(arguments):

@@ -127,12 +127,12 @@ def _state(path):
         return None
 
 
-def prepare(arguments, part):
-    """A `Job` from the command's arguments; refuses what is not possible before any work."""
+def options(arguments):
+    """The options of the steps that a command was given."""
     coefficients = arguments.geometry and pipeline.read_coefficients(
         arguments.geometry, radius=arguments.radius, axes=arguments.axes
     )
-    options = pipeline.Options(
+    return pipeline.Options(
         combine="pcsos" if arguments.combine == "phase" else "sos",
         ringing=arguments.ringing,
         matrix=arguments.pad and tuple(arguments.pad),
@@ -144,8 +144,13 @@ def prepare(arguments, part):
         dims=arguments.dims,
         threads=arguments.threads,
     )
+
+
+def prepare(arguments, part):
+    """A `Job` from the command's arguments; refuses what is not possible before any work."""
+    choice = options(arguments)
     try:
-        found, plan = _planned(arguments, part, options)
+        found, plan = _planned(arguments, part, choice)
         matrix, known = nifti.affine(*_geometry(found, plan))
     except raw.RawError:
         raise

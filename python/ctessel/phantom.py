@@ -250,8 +250,10 @@ def _acquisitions(phantom, image, lines):
     rng = np.random.default_rng(phantom.seed)
     kspace = [_kspace(phantom, image[:, :, :, s, 0, 0]) for s in range(phantom.slices)]
     first = _first_sample(phantom)
+    last = {line[4:]: number for number, line in enumerate(lines)}  # of a slice, echo and repetition
     for number, (flag, y, z, average, s, e, r) in enumerate(lines):
         head = _head(phantom, number, flag, y, z, average, s, e, r)
+        head["flags"] |= acquisitions.LAST_IN_SLICE * (last[s, e, r] == number)
         if flag == "noise":
             samples = np.zeros((2048, phantom.coils), np.complex64)
         else:

@@ -24,12 +24,15 @@
 #include <vector>
 
 #include "lines.h"
+#include "raw_stream.h"
 
 namespace {
 
 namespace py = pybind11;
 using namespace ISMRMRD;
 using namespace ctessel_lines;
+using Trajectory = py::array_t<float, py::array::f_style>;
+using WaveformSamples = py::array_t<std::uint32_t, py::array::f_style>;
 
 constexpr std::size_t kLongestHeader = 64 << 20;
 
@@ -237,6 +240,20 @@ class Acquisitions {
     }
   }
 
+  /// All of them as messages of the streaming protocol, without their trajectories.
+  py::bytes messages() const {
+    constexpr std::uint16_t kId = 1008;
+    std::string text;
+    for (const Record& record : records_) {
+      ISMRMRD_AcquisitionHeader h = head_of(record.head);
+      h.trajectory_dimensions = 0;
+      text.append(reinterpret_cast<const char*>(&kId), sizeof kId);
+      text.append(reinterpret_cast<const char*>(&h), kHeadBytes);
+      text.append(static_cast<const char*>(record.data.p), record.data.len * sizeof(float));
+    }
+    return text;
+  }
+
   /// Samples that count of acquisition `number` of the file, (sample, coil), in the order of k-space.
   Samples samples(std::size_t number) const { return samples_of(line(number)); }
 
@@ -414,25 +431,45 @@ class Writer {
     file_.reset();
   }
 
-  /// Samples (sample, coil); their numbers replace those of the header.
-  void append(const Bytes& head, const Samples& samples) {
-    if (!file_) throw std::runtime_error("the file has been closed");
+  /// Samples (sample, coil), trajectory (dimension, sample); their numbers replace the header's.
+  void append(const Bytes& head, const Samples& samples, const Trajectory& trajectory) {
     if (head.size() != static_cast<py::ssize_t>(kHeadBytes) || samples.ndim() != 2)
       throw py::value_error("expected a header of 340 bytes and samples (sample, coil)");
+    if (trajectory.ndim() != 2 ||
+        (trajectory.size() > 0 && trajectory.shape(1) != samples.shape(0)))
+      throw py::value_error("expected a trajectory (dimension, sample)");
     ISMRMRD_Acquisition acquisition{};
     std::memcpy(&acquisition.head, head.data(), kHeadBytes);
     acquisition.head.number_of_samples = static_cast<std::uint16_t>(samples.shape(0));
     acquisition.head.active_channels = static_cast<std::uint16_t>(samples.shape(1));
     acquisition.head.available_channels = acquisition.head.active_channels;
-    acquisition.head.trajectory_dimensions = 0;
+    acquisition.head.trajectory_dimensions = static_cast<std::uint16_t>(trajectory.shape(0));
     acquisition.data = const_cast<complex_float_t*>(samples.data());  // read only
-    const py::gil_scoped_release release;
-    const Quiet quiet;
-    if (ismrmrd_append_acquisition(file_->get(), &acquisition) != ISMRMRD_NOERROR)
-      throw std::runtime_error(library_reason());
+    acquisition.traj = const_cast<float*>(trajectory.data());
+    write([&] { return ismrmrd_append_acquisition(file_->get(), &acquisition); });
+  }
+
+  /// Samples (sample, channel) of a header as it is on the wire.
+  void append_waveform(const Bytes& head, const WaveformSamples& samples) {
+    if (head.size() != ptrdiff_t{sizeof(ISMRMRD_WaveformHeader)} || samples.ndim() != 2)
+      throw py::value_error("expected a header of 40 bytes and samples (sample, channel)");
+    ISMRMRD_Waveform waveform{};
+    std::memcpy(&waveform.head, head.data(), sizeof waveform.head);
+    waveform.head.number_of_samples = static_cast<std::uint16_t>(samples.shape(0));
+    waveform.head.channels = static_cast<std::uint16_t>(samples.shape(1));
+    waveform.data = const_cast<std::uint32_t*>(samples.data());
+    write([&] { return ismrmrd_append_waveform(file_->get(), &waveform); });
   }
 
  private:
+  template <class Append>
+  void write(const Append& append) {
+    if (!file_) throw std::runtime_error("the file has been closed");
+    const py::gil_scoped_release release;
+    const Quiet quiet;
+    if (append() != ISMRMRD_NOERROR) throw std::runtime_error(library_reason());
+  }
+
   std::unique_ptr<Output> file_;
 };
 
@@ -442,6 +479,7 @@ void ignore_error(const char*, int, const char*, int, const char*) {}
 
 PYBIND11_MODULE(_raw, m) {
   ismrmrd_set_error_handler(ignore_error);
+  bind_stream(m);
   py::class_<Reader>(m, "Reader")
       .def(py::init<const std::string&, const std::string&>(), py::arg("path"), py::arg("group"))
       .def_property_readonly("header", [](const Reader& r) { return py::bytes(r.header()); })
@@ -449,6 +487,7 @@ PYBIND11_MODULE(_raw, m) {
       .def("heads", &Reader::heads, py::arg("first"), py::arg("count"))
       .def("read", &Reader::read, py::arg("numbers"));
   py::class_<Acquisitions>(m, "Acquisitions")
+      .def("messages", &Acquisitions::messages)
       .def("samples", &Acquisitions::samples, py::arg("number"))
       .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),
            py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("turn"),
@@ -459,6 +498,8 @@ PYBIND11_MODULE(_raw, m) {
   py::class_<Writer>(m, "Writer")
       .def(py::init<const std::string&, const std::string&, const std::string&>(), py::arg("path"),
            py::arg("group"), py::arg("header"))
-      .def("append", &Writer::append, py::arg("head"), py::arg("samples"))
+      .def("append", &Writer::append, py::arg("head"), py::arg("samples"),
+           py::arg("trajectory") = Trajectory(std::vector<ptrdiff_t>{0, 0}))
+      .def("append_waveform", &Writer::append_waveform, py::arg("head"), py::arg("samples"))
       .def("close", &Writer::close);
 }

@@ -1,0 +1,407 @@
+"""Samples of a stream as a source of k-space, and what of a scan can be reconstructed before its end.
+
+An image may go out early only where nothing that is measured later can change it. So the rest of the
+scan is forecast: from the counters that the header promises, and from the lines of the first image.
+The whole is planned as if it had been measured; a slice whose forecast lines are all there then has
+the plan, and the bits, of the finished scan. Where something else comes than was forecast, nothing
+more goes out before the end.
+"""
+
+from dataclasses import fields, is_dataclass, replace
+
+import numpy as np
+
+from . import raw
+from ._ismrmrd import parse
+from .acquisitions import (
+    CALIBRATION,
+    CALIBRATION_AND_IMAGING,
+    LAST_IN_MEASUREMENT,
+    LAST_IN_REPETITION,
+    LAST_IN_SLICE,
+    NOISE,
+    NOISE_SCAN,
+    NOT_IMAGING,
+    REVERSE,
+    survey,
+)
+from .fourier import cut_unshifted
+from .plan import plan as make_plan
+from .stream import parse_xml
+
+#: Ends of a slice, of a repetition and of the measurement.
+LAST = LAST_IN_SLICE | LAST_IN_REPETITION | LAST_IN_MEASUREMENT
+#: Counters that tell the measurements of a line apart, and whether it calibrates alone.
+COUNTERS = (
+    "kspace_encode_step_1", "kspace_encode_step_2", "average", "slice", "contrast", "phase",
+    "repetition", "set",
+)  # fmt: skip
+#: What decides where the samples of a line belong, besides its counters.
+ALIKE = (
+    "number_of_samples", "active_channels", "discard_pre", "discard_post", "center_sample",
+    "encoding_space_ref",
+)  # fmt: skip
+#: Lines that are put to their places at once.
+BATCH = 256
+#: Acquisitions after which no forecast is tried any more.
+UNCLEAR = 50_000
+#: Lines of all images that are counted, measured or not.
+MOST_LINES = 40_000_000
+#: Lines that are forecast.
+MOST_FORECAST = 200_000
+#: Counters whose number the header has to say; of phases and sets there is one where it says nothing.
+PROMISED = ("slice", "contrast", "repetition", "average")
+
+
+def contents(header, heads):
+    """`raw.Contents` of a stream: of the text of its header and the headers of its acquisitions."""
+    matrices = [one.encoded_matrix for one in parse(header)]
+    images = len(np.unique(np.stack([heads[name] for name in ("slice", "contrast", "repetition")]), axis=1)[0])
+    if max(y * z for _, y, z in matrices) * images > MOST_LINES:
+        raise ValueError(f"its encoded lines are more than {MOST_LINES}; reconstruct it from a file")
+    return replace(survey(parse(header), heads), cut=True)
+
+
+class Arrived:
+    """Source of samples for `reconstruct`: the acquisitions of a stream, all of which have come."""
+
+    shared = False
+
+    def __init__(self, acquisitions, found, threads=None):
+        self._acquisitions, self._found, self._threads = acquisitions, found, threads
+        noise = np.flatnonzero(found.role == NOISE_SCAN)
+        self.layout = raw._layout(found, [acquisitions.samples(int(i)) for i in noise])
+        self._images = _by_image(found.scan)
+        self._latest = None  # frames are asked for twice where they calibrate
+
+    def frames(self, index, repetitions):
+        """k-space of a slice, ``(x, y, z, coil, echo, repetition)``."""
+        if isinstance(repetitions, slice):
+            repetitions = range(repetitions.start, repetitions.stop)
+        wanted = (index, *repetitions)
+        if self._latest is None or self._latest[0] != wanted:
+            self._latest = wanted, self._filled(index, repetitions)
+        return self._latest[1]
+
+    def separate(self, index):
+        """Calibration scan of a slice, ``(x, y, z, coil)``."""
+        places = self._found.apart
+        array = np.zeros((*places.shape[:4], 1, 1), np.complex64, order="F")
+        rows = np.flatnonzero(places.which & (places.slice == min(index, places.shape[4] - 1)))
+        self._put(places, rows, self.numbers(rows), array)
+        return array[..., 0, 0]
+
+    def numbers(self, rows):
+        """Which acquisitions of the stream those of the survey are."""
+        return rows
+
+    def image(self, index, repetition):
+        """Acquisitions that make an image: those of the survey, and the stream's."""
+        rows = self._images.get((index, repetition), np.zeros(0, int))
+        return rows, rows
+
+    def _filled(self, index, repetitions):
+        places = self._found.scan
+        shape = (*self.layout.shape[:4], self.layout.shape[5], len(repetitions))
+        array = np.zeros(shape, np.complex64, order="F")
+        for at, repetition in enumerate(repetitions):
+            self._put(places, *self.image(index, repetition), array[..., at : at + 1])
+        return array
+
+    def _put(self, places, rows, numbers, array):
+        """Put lines of one image to their places, several measurements of a line averaged."""
+        steps = np.array(array.strides, np.int64) // array.itemsize
+        at = (places.y, places.z, None, places.echo)
+        offsets = sum(i[rows] * step for i, step in zip(at, steps[1:]) if i is not None)
+        for first in range(0, len(rows), BATCH):
+            part = slice(first, first + BATCH)
+            self._put_some(places, rows[part], numbers[part], array, offsets[part])
+        where, times = np.unique(offsets, return_counts=True)
+        for offset, count in zip(where[times > 1], times[times > 1]):
+            _, y, z, _, echo, _ = np.unravel_index(offset, array.shape, order="F")
+            array[:, y, z, :, echo] /= np.float32(count)
+
+    def _put_some(self, places, rows, numbers, array, offsets):
+        n, add = places.shape[0], places.repeated(rows)
+        if len(array) == n:
+            self._acquisitions.put(
+                numbers, places.x[rows], array, offsets, coil_axis=3, turn=0, add=add
+            )
+            return
+        # The centres are moved to the first samples, and back, on the way.
+        whole = np.zeros((n, array.shape[3], len(rows)), np.complex64, order="F")
+        self._acquisitions.put(
+            numbers, places.x[rows], whole, n * array.shape[3] * np.arange(len(rows)),
+            coil_axis=1, turn=n - n // 2, add=np.zeros(len(rows), bool),
+        )  # fmt: skip
+        cut = cut_unshifted(whole, len(array), threads=self._threads)
+        raw.binding("stream").put(cut, array, offsets, coil_axis=3, turn=len(array) // 2, add=add)
+
+
+def _by_image(places):
+    """Acquisitions of each image, by its slice and repetition."""
+    rows = np.flatnonzero(places.which)
+    at = np.stack([places.slice[rows], places.repetition[rows]], 1)
+    images, which = np.unique(at, axis=0, return_inverse=True)
+    order = np.argsort(which.ravel(), kind="stable")
+    ends = np.cumsum(np.bincount(which.ravel()))
+    return {
+        tuple(image): np.sort(rows[part])
+        for image, part in zip(images.tolist(), np.split(order, ends[:-1]))
+    }
+
+
+# ---- What will come ------------------------------------------------------------------------------
+
+
+class Forecast(Arrived):
+    """Source of samples for a scan that still runs, and the plan of the whole scan.
+
+    It spans two repetitions: what comes after them is like the second one.
+
+    Parameters
+    ----------
+    header : bytes
+    heads : ndarray of `HEAD`
+        What has come.
+    acquisitions : Stream
+    options : Options
+
+    Raises
+    ------
+    ValueError
+        What will come cannot be said yet, or cannot be reconstructed.
+    """
+
+    def __init__(self, header, heads, acquisitions, options):
+        counts = _promised(header, heads)
+        beyond = np.flatnonzero(heads["repetition"] > counts["repetition"][0] + 1)
+        expected = _expected(header, heads[: beyond[0]] if beyond.size else heads, counts)
+        super().__init__(acquisitions, contents(header, expected), options.threads)
+        self.plan = make_plan(self.layout, options)
+        self._expected, self._second = expected, counts["repetition"][0] + 1
+        self._turns = (len(counts["phase"]), len(counts["set"]))
+        self._separate = np.full(expected.size, -1)
+        self._arrivals, self._within = {}, np.zeros(expected.size, int)
+        for rows in self._images.values():
+            self._within[rows] = np.arange(len(rows))
+        lines = np.flatnonzero(expected["flags"] & (NOISE | NOT_IMAGING) == 0)
+        self._rows = dict(zip(_keys(expected[lines]), lines.tolist()))
+        if len(self._rows) < lines.size:
+            raise ValueError("lines that cannot be told apart")
+        self._known = 0
+        self._noise = np.count_nonzero(heads["flags"] & NOISE)
+
+    def numbers(self, rows):
+        return self._separate[rows]
+
+    def image(self, index, repetition):
+        rows, numbers = self._images[index, self._like(repetition)], self._arrivals[index, repetition]
+        order = np.argsort(numbers)  # several measurements of a line are added as they came
+        return rows[order], numbers[order]
+
+    def pattern(self, repetition):
+        """Number of the pattern of a repetition."""
+        like = self._like(repetition)
+        return next(n for n, p in enumerate(self.plan.patterns) if like in p.repetitions)
+
+    @property
+    def header(self):
+        return self._found.header
+
+    @property
+    def last_calibrating(self):
+        """The last repetition whose lines later ones need."""
+        region = self.plan.calibration
+        firsts = [int(pattern.repetitions[0]) for pattern in self.plan.patterns]
+        return max([*firsts, 0 if region is None or region.separate else region.frames - 1])
+
+    def agrees(self, plan, repetitions):
+        """Whether a plan makes the same images of some repetitions."""
+        others = ("shape", "kept", "patterns", "steps", "warnings")
+        ours = (f.name for f in fields(plan) if f.name not in others)
+        if any(not _same(getattr(self.plan, name), getattr(plan, name)) for name in ours):
+            return False
+        for repetition in repetitions:
+            forecast = self.plan.patterns[self.pattern(repetition)]
+            pattern = next(p for p in plan.patterns if repetition in p.repetitions)
+            if not _same(replace(forecast, repetitions=None), replace(pattern, repetitions=None)):
+                return False
+        return self.plan.shape[:6] == plan.shape[:6]
+
+    def arrive(self, heads):
+        """Take note of all headers so far. Returns the images that the new ones complete.
+
+        ValueError where something else came than was forecast.
+        """
+        numbers = np.arange(self._known, heads.size)
+        self._known = heads.size
+        numbers = numbers[heads["flags"][numbers] & NOT_IMAGING == 0]
+        noise = heads["flags"][numbers] & NOISE != 0
+        self._noise -= np.count_nonzero(noise)
+        if self._noise < 0:
+            raise ValueError("a noise scan after lines of images")
+        numbers = numbers[~noise]
+        new = heads[numbers]
+        new["repetition"] = np.minimum(new["repetition"], self._second)
+        rows = np.array([self._rows.get(key, -1) for key in _keys(new)], int)
+        odd = np.flatnonzero((rows < 0) | ~_alike(self._expected[rows], new))
+        if odd.size:
+            raise ValueError(f"acquisition {numbers[odd[0]]} is none of those that were expected")
+        later = (heads["repetition"][numbers].astype(int) - new["repetition"]) * np.prod(self._turns)
+        complete = [self._note(*each) for each in zip(rows, numbers, later)]
+        return [image for image in complete if image]
+
+    def _note(self, row, number, later):
+        scan, apart = self._found.scan, self._found.apart
+        if apart and apart.which[row] and later == 0:
+            self._separate[row] = number
+        if not scan.which[row]:
+            return None
+        like = (int(scan.slice[row]), int(scan.repetition[row]))
+        image = (like[0], like[1] + int(later))
+        arrivals = self._arrivals.setdefault(image, np.full(len(self._images[like]), -1))
+        if arrivals[self._within[row]] >= 0:
+            raise ValueError(f"acquisition {number} has come before")
+        arrivals[self._within[row]] = number
+        return image if (arrivals >= 0).all() else None
+
+    def ready(self, index, repetition):
+        """Whether all has come that an image is made of."""
+        pattern, region = self.plan.patterns[self.pattern(repetition)], self.plan.calibration
+        frames = {repetition}
+        if pattern.unfolds:
+            frames |= {int(pattern.repetitions[0])}
+            frames |= set() if region.separate else set(range(region.frames))
+            if region.separate:
+                places = self._found.apart
+                rows = places.which & (places.slice == min(index, places.shape[4] - 1))
+                if (self._separate[rows] < 0).any():
+                    return False
+        return all((self._arrivals.get((index, frame), self._none) >= 0).all() for frame in frames)
+
+    _none = np.full(1, -1)
+
+    def _like(self, repetition):
+        turns = int(np.prod(self._turns))
+        return repetition if repetition < turns else turns + repetition % turns
+
+
+def _same(a, b):
+    """Whether two values have the same content, arrays and records of them included."""
+    if is_dataclass(a) and not isinstance(a, type):
+        return type(a) is type(b) and all(_same(getattr(a, f.name), getattr(b, f.name)) for f in fields(a))
+    if isinstance(a, (list, tuple)):
+        return type(a) is type(b) and len(a) == len(b) and all(map(_same, a, b))
+    if isinstance(a, np.ndarray) or isinstance(b, np.ndarray):
+        return a is not None and b is not None and np.array_equal(a, b)
+    return a == b
+
+
+def _promised(header, heads):
+    """The values of each counter that the header promises."""
+    space = int(heads["encoding_space_ref"][_imaging(heads)][0])
+    limits = parse_xml(header).findall("{*}encoding")[space].find("{*}encodingLimits")
+    counts = {"phase": range(1), "set": range(1)}
+    for name in (*PROMISED, *counts):
+        limit = None if limits is None else limits.find("{*}" + name)
+        if limit is not None:
+            first, last = (limit.findtext("{*}" + end, "") for end in ("minimum", "maximum"))
+            counts[name] = range(int(first), min(int(last), 65535) + 1)
+        if not counts.get(name):
+            raise ValueError(f"the header does not say how many there are of {name}")
+    return counts
+
+
+def _imaging(heads):
+    """Lines that are part of images: not noise, calibration alone, or what is ignored."""
+    flags = heads["flags"]
+    alone = (flags & CALIBRATION != 0) & (flags & CALIBRATION_AND_IMAGING == 0)
+    return (flags & (NOISE | NOT_IMAGING) == 0) & ~alone
+
+
+def _expected(header, heads, counts):
+    """Headers of what has come and of what will: two repetitions of every slice.
+
+    ValueError where the lines of an image, or the places of the slices, are not known yet.
+    """
+    first = _template(heads, counts, 0)
+    lines = [first]
+    if len(counts["repetition"]) > 1:
+        lines.append(_second(header, heads, counts, first))
+    seen = {int(head["slice"]): head for head in heads[heads["flags"] & (NOISE | NOT_IMAGING) == 0][::-1]}
+    if set(seen) != set(counts["slice"]):
+        raise ValueError("the places of some slices are not known yet")
+    if len(seen) * sum(template.size for template in lines) > MOST_FORECAST:
+        raise ValueError("there are too many lines to foresee")
+    made = [heads]
+    for repetition, template in zip(counts["repetition"], lines):
+        for index in counts["slice"]:
+            made.append(_moved(template, seen[index], repetition))
+    made = np.concatenate(made)
+    # What has come stays, of what will come the rest.
+    keys = _keys(made)
+    have, fresh = set(keys[: heads.size]), np.ones(made.size, bool)
+    fresh[heads.size :] = [key not in have for key in keys[heads.size :]]
+    return made[fresh]
+
+
+def _template(heads, counts, number):
+    """The lines of one image that is complete, of the first repetition or the second."""
+    repetition = counts["repetition"][number]
+    ours = heads[(heads["repetition"] == repetition) & (heads["flags"] & (NOISE | NOT_IMAGING) == 0)]
+    for index in counts["slice"]:
+        lines = ours[ours["slice"] == index]
+        if _complete(lines[_imaging(lines)], heads, counts):
+            return lines
+    raise ValueError("no image is complete yet")
+
+
+def _complete(lines, heads, counts):
+    """Whether these are all lines of a slice: the last one says so, or the next repetition began."""
+    if not lines.size:
+        return False
+    names = ("contrast", "phase", "set", "average")
+    groups, each = np.unique(np.stack([lines[name] for name in names]), axis=1, return_counts=True)
+    if groups.shape[1] != np.prod([len(counts[name]) for name in names]) or np.ptp(each):
+        return False
+    same = heads[heads["slice"] == lines["slice"][0]]
+    return bool(lines["flags"][-1] & LAST or (same["repetition"] > lines["repetition"][0]).any())
+
+
+def _second(header, heads, counts, first):
+    """The lines of a slice in the second repetition, whose calibration may be that of the first."""
+    try:
+        return _template(heads, counts, 1)
+    except ValueError:
+        imaging = first[_imaging(first)]
+        apart = parse(header)[int(imaging["encoding_space_ref"][0])].calibration_mode
+        if imaging.size < first.size and apart not in ("separate", "external"):
+            raise
+        if apart == "interleaved":
+            raise ValueError("lines that move from repetition to repetition") from None
+        return imaging
+
+
+def _moved(template, to, repetition):
+    """Lines of another slice and repetition."""
+    lines = template.copy()
+    lines["repetition"] = repetition
+    for name in ("slice", "position", "read_dir", "phase_dir", "slice_dir"):
+        lines[name] = to[name]
+    return lines
+
+
+def _keys(heads):
+    """What tells the measurements of lines apart, for each header."""
+    alone = ~_imaging(heads) & (heads["flags"] & NOT_IMAGING == 0)
+    table = np.stack([*(heads[name].astype("<u2") for name in COUNTERS), alone.astype("<u2")], 1)
+    return np.ascontiguousarray(table).view(f"V{2 * table.shape[1]}").ravel().tolist()
+
+
+def _alike(expected, heads):
+    """Whether the samples of lines belong where those of the expected ones do."""
+    same = expected["flags"] & REVERSE == heads["flags"] & REVERSE
+    for name in ALIKE:
+        same &= expected[name] == heads[name]
+    return same

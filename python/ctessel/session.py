@@ -1,0 +1,474 @@
+"""One scan through a connection: raw data come in, images go out while it still runs.
+
+Messages are received by a thread of their own, so that the sender need not wait for a reconstruction.
+What of the scan is complete is reconstructed at once where nothing that follows can change it, the
+rest at the end; both with the bits that the same data have as a file.
+"""
+
+import contextlib
+import json
+import queue
+import threading
+import time
+from dataclasses import dataclass, field
+
+import numpy as np
+
+from . import raw, runtime, stream
+from ._ismrmrd import parse
+from .acquisitions import HEAD
+from .arrived import LAST, UNCLEAR, Arrived, Forecast, contents
+from .files import Staged
+from .pictures import Pictures
+from .plan import plan as make_plan
+from .reconstruct import Block, blocks, prepare, reconstruct_block
+from .reconstruct import lines as lines_of
+from .stream import StreamError
+
+#: Samples that may be held beyond twice those that the header promises.
+SPARE = 256 << 20
+#: Samples of images that have been sent are given back once more than this is held.
+KEPT = 256 << 20
+#: Bytes that a reconstruction may take for each byte of samples.
+PROPORTION = 64
+#: Sensitivities that are kept for later repetitions.
+BASES = 512 << 20
+#: Coils where the header does not say how many there are.
+MOST_COILS = 1024
+
+
+@dataclass
+class Report:
+    """What a session did, for the log."""
+
+    acquisitions: int = 0
+    images: int = 0
+    early: int = 0  # of them, before the scan's end
+    clipped: int = 0
+    latencies: list = field(default_factory=list)  # seconds
+    seconds: float = 0.0
+    held: int = 0  # most bytes of samples
+    saved: str = ""
+    error: str = ""
+
+    def text(self):
+        """The report as JSON, times in milliseconds."""
+        times = sorted(1000 * t for t in self.latencies)
+        latency = {"median": round(float(np.median(times)), 1), "worst": round(times[-1], 1)} if times else {}
+        return json.dumps({
+            "acquisitions": self.acquisitions, "images": self.images, "early": self.early,
+            "clipped": self.clipped, "latency_ms": latency, "seconds": round(self.seconds, 3),
+            "samples_bytes": self.held, "saved": self.saved, "error": self.error,
+        })  # fmt: skip
+
+
+class Session:
+    """One connection.
+
+    Parameters
+    ----------
+    connection : Connection
+    settings : Settings
+        What is done where the stream does not say it.
+    log : callable
+        Takes lines for the server's log.
+    name : str
+        What a file of the raw data is called.
+    """
+
+    def __init__(self, connection, settings, log, name):
+        self.connection, self._settings, self._log, self._name = connection, settings, log, name
+        self.report = Report()
+        self._words = dict(settings.words)
+        self._header = self._chosen = None
+
+    def run(self):
+        """Serve the connection to its end; returns whether a scan came."""
+        begun = time.monotonic()
+        try:
+            if not self._begin():
+                return False
+            self._scan()
+            return True
+        except (ValueError, RuntimeError, MemoryError, runtime.DoesNotFitError) as error:
+            self._complain(error)
+            return True
+        except SystemExit:
+            self._complain("the server ends")
+            raise
+        finally:
+            self.report.seconds = time.monotonic() - begun
+            with contextlib.suppress(StreamError):
+                self.connection.send(stream.close())
+
+    def _complain(self, error):
+        words = " ".join(str(error).split()) or type(error).__name__
+        self.report.error = self.report.error or words
+        self._log(f"error: {words}")
+        with contextlib.suppress(StreamError):
+            self.connection.send(stream.line("ERROR", words))
+
+    def _warn(self, words):
+        self._log(f"warning: {words}")
+        self.connection.send(stream.line("WARNING", words))
+
+    # ---- Before the first line -------------------------------------------------------------------
+
+    def _begin(self):
+        """Receive up to the header. Returns whether it came."""
+        while self._header is None:
+            for message in self.connection.receive():
+                if message is None or message[0] == stream.CLOSE:
+                    return False
+                if message[0] != stream.HEADER:
+                    self._other(message)
+                    continue
+                self._header = message[2].tobytes().rstrip(b"\0")
+                self._allow()
+        return True
+
+    def _allow(self):
+        """Set what the header allows to be held."""
+        root = stream.parse_xml(self._header)
+        parse(self._header)
+        coils = root.findtext("{*}acquisitionSystemInformation/{*}receiverChannels", "0")
+        coils = int(coils) if coils.isdigit() and 0 < int(coils) <= MOST_COILS else MOST_COILS
+        promised = sum(_lines(encoding) for encoding in root.findall("{*}encoding"))
+        limit = min(2 * 8 * coils * promised + SPARE, runtime.available() // 2)
+        self.connection.acquisitions.allow(coils, 0, limit)
+        for parameter in root.findall("{*}userParameters/{*}userParameterLong"):
+            if parameter.findtext("{*}name") == "BitsStored":
+                value = parameter.findtext("{*}value", "")
+                self._settings.bits = int(value) if value.isdigit() else self._settings.bits
+
+    def _other(self, message):
+        """A message that is neither header nor data."""
+        number, head, body = message[0], message[1], message[2].tobytes()
+        if number == stream.CONFIG_FILE:
+            self._configure(head.rstrip(b"\0").decode(errors="replace"))
+        elif number == stream.CONFIG_TEXT:
+            self._log("a configuration as text is not used; the options of the command are")
+        elif number == stream.TEXT:
+            self._parameters(stream.parameters(body))
+        elif number == stream.QUERY:
+            self.connection.send(stream.response(head, "Unknown query"))
+        elif number == stream.HEADER:
+            raise StreamError("a second header; one connection is for one scan")
+
+    def _configure(self, name):
+        if name in self._settings.configs:
+            self._words = {**self._settings.words, **self._settings.configs[name]}
+        elif name:
+            self._log(f"no configuration is called {name[:80]!r}; the options of the command are used")
+
+    def _parameters(self, found):
+        if found is None:
+            self._log("a TEXT without parameters")
+            return
+        if self._chosen:
+            self._log("parameters after the first images are not used")
+            return
+        for name in ("config", "customconfig"):
+            if isinstance(found.get(name), str):
+                self._configure(found[name])
+        named = {n: v for n, v in found.items() if n not in ("config", "customconfig")}
+        self._words = self._settings.changed(self._words, named, self._log)
+
+    # ---- The scan --------------------------------------------------------------------------------
+
+    def _scan(self):
+        with self._saving() as save:
+            events = queue.SimpleQueue()
+            receiver = threading.Thread(target=self._receive, args=(events, save), daemon=True)
+            receiver.start()
+            self._work(Scan(self), events)
+            self.report.saved = save.commit()
+
+    @contextlib.contextmanager
+    def _saving(self):
+        """What keeps the raw data, or does nothing."""
+        if not self._settings.save:
+            yield _NoFile()
+            return
+        with Staged() as files:
+            path = self._settings.save / f"{self._name}.h5"
+            yield _File(files, path, self._header.decode(), self._warn)
+
+    def _receive(self, events, save):
+        """Hand on what comes, until the stream ends; the raw data are kept on the way."""
+        try:
+            known = 0
+            while True:
+                messages = self.connection.receive()
+                acquisitions = self.connection.acquisitions
+                now, count = time.monotonic(), len(acquisitions)
+                save.append(acquisitions, known, count)
+                if count > known:
+                    events.put(("lines", acquisitions.heads(known, count - known), now))
+                    known = count
+                for message in messages:
+                    if message is None:
+                        raise StreamError("the stream ended without CLOSE")
+                    if message[0] == stream.WAVEFORM:
+                        save.append_waveform(message)
+                        continue
+                    events.put(("message", message, now))
+                    if message[0] == stream.CLOSE:
+                        return
+        except BaseException as error:
+            events.put(("error", error, 0.0))
+
+    def _work(self, scan, events):
+        while True:
+            kind, what, now = events.get()
+            if kind == "error":
+                raise what
+            self.report.held = max(self.report.held, self.connection.acquisitions.held)
+            if kind == "lines":
+                self._attempt(scan.arrive, what, now)
+            elif what[0] == stream.CLOSE:
+                self._attempt(scan.finish, now)
+                return
+            else:
+                self._other(what)
+
+    def _attempt(self, step, *arguments):
+        """A step of the reconstruction. If it fails, the rest of the scan is still received."""
+        if self.report.error:
+            return self.forget_all()
+        try:
+            step(*arguments)
+        except StreamError:
+            raise
+        except Exception as error:
+            self._complain(error)
+
+    def forget_all(self):
+        """Give back the samples of a scan that is not reconstructed any more."""
+        if not self._settings.save:
+            self.connection.acquisitions.forget(np.arange(len(self.connection.acquisitions)))
+
+    # ---- What the scan asks for ------------------------------------------------------------------
+
+    def options(self):
+        """The options of the reconstruction, kind of the pixels and their bits; fixed from now on."""
+        self._chosen = self._chosen or (*self._settings.options(self._words), self._settings.bits)
+        return self._chosen
+
+    header = property(lambda self: self._header)
+    warn, log = _warn, property(lambda self: self._log)
+
+
+def _lines(encoding):
+    """Samples of one coil that an encoding promises."""
+    count = 1
+    for axis in "xyz":
+        text = encoding.findtext(f"{{*}}encodedSpace/{{*}}matrixSize/{{*}}{axis}", "1")
+        count *= max(1, int(text)) if text.isdigit() else 1
+    for name in ("slice", "contrast", "phase", "repetition", "set", "average"):
+        last = encoding.findtext(f"{{*}}encodingLimits/{{*}}{name}/{{*}}maximum", "0")
+        count *= 1 + (min(int(last), 65535) if last.isdigit() else 0)
+    return count
+
+
+class Scan:
+    """The images of a session: what is reconstructed early, and what at the end."""
+
+    def __init__(self, session):
+        self._session, self._acquisitions = session, session.connection.acquisitions
+        self._heads, self._parts = np.zeros(0, HEAD), []
+        self._forecast = self._pictures = self._options = None
+        self._hopeless = False
+        self._sent, self._waiting, self._when = {}, [], {}
+        self._bases, self._told = {}, set()
+
+    def arrive(self, heads, now):
+        """Take note of new acquisitions; send what they complete."""
+        self._parts.append(heads.view(HEAD)[:, 0])
+        if self._hopeless or not self._worth():
+            return
+        self._join()
+        try:
+            if self._forecast is None:
+                self._start()
+            self._waiting += self._forecast.arrive(self._heads)
+        except ValueError as error:
+            self._give_up(error)
+            return
+        for image in list(self._waiting):
+            if self._forecast.ready(*image):
+                self._waiting.remove(image)
+                self._early(*image, now)
+
+    def _worth(self):
+        """Whether new headers may complete an image: some end a slice, or a forecast counts them."""
+        return self._forecast is not None or any(
+            (part["flags"] & LAST).any() or part["repetition"].any() for part in self._parts
+        )
+
+    def _join(self):
+        self._heads = np.concatenate([self._heads, *self._parts])
+        self._parts = []
+
+    def _start(self):
+        options, kind, bits = self._session.options()
+        self._forecast = Forecast(self._session.header, self._heads, self._acquisitions, options)
+        self._check(self._forecast.plan)
+        self._open(self._forecast.plan, self._forecast.header, kind, bits)
+
+    def _check(self, plan):
+        """Refuse a header whose matrix is out of all proportion to the lines that have come."""
+        needed = plan.memory()
+        if needed > SPARE + PROPORTION * self._acquisitions.received:
+            raise ValueError(
+                f"its images need {runtime.text(needed)} of memory, for few lines; "
+                "is the matrix of its header right?"
+            )
+        runtime.check(needed, "the reconstruction", "use a machine with more memory")
+
+    def _open(self, plan, header, kind, bits):
+        self._tell(plan)
+        connection = self._session.connection
+        self._pictures = Pictures(connection, plan, header, kind, bits, self._note)
+
+    def _tell(self, plan):
+        """Send the warnings of a plan, each once."""
+        for words in plan.warnings:
+            if words not in self._told:
+                self._session.warn(words)
+            self._told.add(words)
+
+    def _give_up(self, error):
+        """Nothing goes out early any more; before a forecast, the next lines may make one."""
+        if self._forecast is None and self._heads.size < UNCLEAR:
+            return
+        self._hopeless = True
+        self._session.log(f"images wait for the end of the scan: {error}")
+
+    def _early(self, index, repetition, now):
+        forecast = self._forecast
+        block = Block(index, np.array([repetition]), forecast.pattern(repetition))
+        self._sent[index, repetition] = forecast.image(index, repetition)[1]
+        self._reconstruct(forecast, forecast.plan, block, self._heads, now)
+        self._session.report.early += 1
+        if self._acquisitions.held > KEPT and repetition > forecast.last_calibrating:
+            self._acquisitions.forget(self._sent[index, repetition])
+
+    def _reconstruct(self, source, plan, block, heads, now):
+        samples = lines_of(plan, block, source)
+        made = reconstruct_block(plan, block, self._basis(source, plan, block), samples)
+        for at, repetition in enumerate(block.repetitions.tolist()):
+            one = {name: values[..., at : at + 1] for name, values in made.items()}
+            head = heads[source.image(block.slice, repetition)[1][0]]
+            self._pictures.add(block.slice, repetition, one, head, now)
+
+    def _basis(self, source, plan, block):
+        key = (block.slice, block.pattern)
+        if key not in self._bases:
+            while sum(_bytes(basis) for basis in self._bases.values()) > BASES:
+                del self._bases[next(iter(self._bases))]
+            self._bases[key] = prepare(plan, block, source)
+        return self._bases[key]
+
+    def _note(self, arrived):
+        """An image has been sent whose last line came at that time."""
+        if arrived is not None:
+            self._session.report.latencies.append(time.monotonic() - arrived)
+
+    # ---- The end ---------------------------------------------------------------------------------
+
+    def finish(self, now):
+        """Reconstruct what has not been sent."""
+        self._join()
+        report = self._session.report
+        report.acquisitions = self._heads.size
+        if not self._heads.size:
+            raise StreamError("a scan without acquisitions")
+        found = contents(self._session.header, self._heads)
+        options, kind, bits = self._session.options()
+        source = Arrived(self._acquisitions, found, options.threads)
+        plan = make_plan(source.layout, options)
+        self._check(plan)
+        if self._pictures is None:
+            self._open(plan, found.header, kind, bits)
+        elif self._sent and not self._holds(plan, source):
+            self._session.warn(
+                "images went out before something that changes them was measured; all are sent again"
+            )
+            self._sent = {}
+            self._open(plan, found.header, kind, bits)
+        self._tell(plan)
+        self._bases = {}  # patterns have other numbers
+        for block in blocks(plan):
+            left = [r for r in block.repetitions.tolist() if (block.slice, r) not in self._sent]
+            if left:
+                part = Block(block.slice, np.array(left), block.pattern)
+                self._reconstruct(source, plan, part, self._heads, now)
+        self._pictures.finish()
+        report.images, report.clipped = self._pictures.count, self._pictures.clipped
+        if report.clipped:
+            self._session.warn(
+                f"{report.clipped} pixels were brighter than the scale of the first volume allows "
+                "and have been clipped"
+            )
+
+    def _holds(self, plan, source):
+        """Whether the images that were sent early are those of the whole scan."""
+        repetitions = {repetition for _, repetition in self._sent}
+        return self._forecast.agrees(plan, repetitions) and all(
+            np.array_equal(np.sort(source.image(*image)[1]), np.sort(numbers))
+            for image, numbers in self._sent.items()
+        )
+
+
+def _bytes(basis):
+    return 0 if basis is None else basis.maps.nbytes + basis.expected.nbytes
+
+
+# ---- Raw data that are kept ----------------------------------------------------------------------
+
+
+class _NoFile:
+    def append(self, acquisitions, first, last):
+        pass
+
+    def append_waveform(self, message):
+        pass
+
+    def commit(self):
+        return ""
+
+
+class _File:
+    """A file of the raw data, written as they come, which appears once it is complete."""
+
+    def __init__(self, files, path, header, warn):
+        self._files, self._path, self._warn = files, path, warn
+        self._writer = raw.binding(path).Writer(str(files.path(path)), "dataset", header)
+
+    def append(self, acquisitions, first, last):
+        for number in range(first, last):
+            self._write(self._writer.append, *acquisitions.as_sent(number))
+
+    def _write(self, append, *arguments):
+        """Images are made all the same where the file cannot be written."""
+        try:
+            if self._writer:
+                append(*arguments)
+        except RuntimeError as error:
+            self._writer = None
+            self._warn(f"{self._path} cannot be written ({error}); the raw data are not kept")
+
+    def append_waveform(self, message):
+        head = np.frombuffer(message[1], np.uint8)
+        fields = head.view(stream.WAVEFORM_HEAD)[0]
+        shape = (int(fields["number_of_samples"]), int(fields["channels"]))
+        samples = message[2].view("<u4").reshape(shape, order="F")
+        self._write(self._writer.append_waveform, head, samples)
+
+    def commit(self):
+        if not self._writer:
+            return ""
+        self._writer.close()
+        self._files.commit()
+        return str(self._path)

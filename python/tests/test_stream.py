@@ -1,0 +1,477 @@
+"""Streams of raw data: the protocol, images while the scan runs, and peers that are hostile or unlucky."""
+
+import contextlib
+import json
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import nibabel
+import numpy as np
+import pytest
+
+from ctessel import _raw, cli, phantom, send, stream
+from ctessel.acquisitions import HEAD
+
+
+class Server:
+    """``ctessel serve`` in a process of its own, with what it logs."""
+
+    def __init__(self, *arguments, timeout=20):
+        command = [sys.executable, "-m", "ctessel", "serve", "--port", "0", "--timeout", str(timeout)]
+        self._file = tempfile.NamedTemporaryFile("r", suffix=".log")
+        with open(self._file.name, "w") as log:
+            self.process = subprocess.Popen([*command, *map(str, arguments)], stderr=log)
+        until(lambda: "listens on" in "".join(self.log))
+        line = next(line for line in self.log if "listens on" in line)
+        host, port = line.split()[-1].split(":")
+        self.address = host, int(port)
+
+    @property
+    def log(self):
+        return Path(self._file.name).read_text().splitlines()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        try:
+            assert self.process.wait(30) == 143
+        finally:
+            self.process.kill()
+            self._file.close()
+
+    def resident(self):
+        """Bytes of the server and its sessions, its descriptors, and the number of sessions."""
+        found = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
+        children = [int(pid) for pid in found.read_text().split()]
+        size = 0
+        for pid in (self.process.pid, *children):
+            with contextlib.suppress(FileNotFoundError, IndexError):
+                text = Path(f"/proc/{pid}/status").read_text()
+                size += int(re.findall(r"VmRSS:\s+(\d+)", text)[0]) * 1024
+        return size, len(os.listdir(f"/proc/{self.process.pid}/fd")), len(children)
+
+    def settled(self):
+        """`resident` once no session is left."""
+        until(lambda: self.resident()[2] == 0)
+        return self.resident()
+
+    def report(self):
+        """The report of the latest session."""
+        self.settled()
+        line = [line for line in self.log if '"images"' in line][-1]
+        return json.loads(line[line.index("{") :])
+
+
+def until(condition, seconds=30):
+    end = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < end, "it did not happen in time"
+        time.sleep(0.02)
+
+
+@pytest.fixture(scope="module")
+def server():
+    with Server("--pixels", "float") as made:
+        yield made
+
+
+@pytest.fixture(scope="module")
+def small(tmp_path_factory):
+    """The stream of a small scan, as a list of its messages."""
+    file = tmp_path_factory.mktemp("small") / "small.h5"
+    phantom.write(file, "undersampled", size=32, coils=4)
+    return split(send.Sender(file))
+
+
+def split(sender, **options):
+    """The messages of a stream, acquisitions one by one."""
+    def size(block, at):
+        head = np.frombuffer(block, HEAD, 1, at + 2)[0]
+        return 342 + 8 * int(head["number_of_samples"]) * int(head["active_channels"])
+
+    messages = []
+    for block in map(bytes, sender.messages(**options)):
+        at = 0
+        while block[:2] == struct.pack("<H", stream.ACQUISITION) and at < len(block):
+            messages.append(block[at : at + size(block, at)])
+            at += len(messages[-1])
+        messages += [block] if at == 0 else []
+    return messages
+
+
+class Peer:
+    """A client that sends what it is told to."""
+
+    def __init__(self, address):
+        self.socket = socket.create_connection(address, 20)
+        self.connection = stream.Connection(self.socket, stream.TO_CLIENT, 20)
+        self.connection.acquisitions.allow(0, 1 << 30, 1 << 30)
+        self.images, self.lines, self.closed = [], [], False
+
+    def send(self, *messages):
+        with contextlib.suppress(ConnectionError):  # the server may have had enough
+            for message in messages:
+                self.socket.sendall(message)
+        return self
+
+    def receive(self, images=None):
+        """Take what comes up to the end, or to a number of images."""
+        while not self.closed and (images is None or len(self.images) < images):
+            for message in self.connection.receive():
+                self.closed = message is None or message[0] == stream.CLOSE
+                if message and message[0] == stream.TEXT:
+                    self.lines.append(message[2].tobytes().decode())
+                if message and message[0] == stream.IMAGE:
+                    self.images.append(stream.parse_image(message[1], message[2]))
+        return self
+
+    def end(self):
+        self.receive()
+        self.socket.close()
+        return self
+
+
+def reconstructed(file, folder, *options):
+    assert cli.main(["recon", str(file), "-o", f"{folder}/recon.nii", *options]) == 0
+    return nibabel.load(f"{folder}/recon.nii")
+
+
+def acquisition(samples, coils, **fields):
+    head = np.zeros((), HEAD)
+    values = {"number_of_samples": samples, "active_channels": coils, "read_dir": (1, 0, 0),
+              "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1)}  # fmt: skip
+    for name, value in {**values, **fields}.items():
+        head[name] = value
+    return struct.pack("<H", stream.ACQUISITION) + head.tobytes()
+
+
+# ---- The protocol --------------------------------------------------------------------------------
+
+
+def test_headers_are_laid_out_as_in_the_library(tmp_path):
+    def names(table, skip=()):
+        return [name for name in table.names if name not in skip]
+
+    counters = HEAD.names[HEAD.names.index("kspace_encode_step_1") : HEAD.names.index("user_int")]
+    theirs = [("AcquisitionHeader", HEAD, name, f"idx.{name}" if name in counters else name)
+              for name in names(HEAD)]  # fmt: skip
+    theirs += [("ImageHeader", stream.IMAGE_HEAD, n, n) for n in names(stream.IMAGE_HEAD)]
+    theirs += [("WaveformHeader", stream.WAVEFORM_HEAD, n, n) for n in names(stream.WAVEFORM_HEAD)]
+    rows = "".join(
+        f'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{kind}, {theirs}), '
+        f"sizeof(ISMRMRD_{kind}));\n"
+        for kind, _, _, theirs in theirs
+    )
+    (tmp_path / "offsets.cpp").write_text(
+        "#include <cstddef>\n#include <cstdio>\n#include <ismrmrd/ismrmrd.h>\n"
+        "#include <ismrmrd/waveform.h>\nusing namespace ISMRMRD;\n"
+        f"int main() {{\n{rows}}}\n"
+    )
+    subprocess.run(["g++", "-w", "offsets.cpp", "-o", "offsets"], cwd=tmp_path, check=True)
+    printed = subprocess.run([tmp_path / "offsets"], capture_output=True, text=True, check=True).stdout
+    for (_, table, name, _), line in zip(theirs, printed.splitlines()):
+        assert [table.fields[name][1], table.itemsize] == [int(n) for n in line.split()], name
+
+
+@pytest.mark.parametrize("kind", phantom.KINDS)
+def test_images_of_a_stream_are_those_of_the_file(tmp_path, server, kind):
+    phantom.write(tmp_path / "p.h5", kind, size=32, **({"slices": 2} if kind == "turns" else {}))
+    want = reconstructed(tmp_path / "p.h5", tmp_path)
+    arguments = ["--to", "{}:{}".format(*server.address), "-o", f"{tmp_path}/live.nii"]
+    assert cli.main(["send", f"{tmp_path}/p.h5", *arguments]) == 0
+    got = nibabel.load(tmp_path / "live.nii")
+    assert got.get_data_dtype() == want.get_data_dtype()
+    np.testing.assert_array_equal(np.asarray(got.dataobj), np.asarray(want.dataobj))
+    np.testing.assert_allclose(got.affine, want.affine, atol=1e-4)
+    assert server.report()["images"] > 0
+
+
+def test_an_image_tells_where_it_lies_and_what_it_is(tmp_path, server):
+    phantom.write(tmp_path / "p.h5", "oblique", size=32, echoes=2)
+    affine = np.diag([-1, -1, 1, 1]) @ reconstructed(tmp_path / "p.h5", tmp_path).affine
+    images = send.Sender(tmp_path / "p.h5").exchange(server.address)
+    for head, attributes, pixels in images:
+        np.testing.assert_allclose(
+            head["position"], (affine @ (16, 16, head["slice"], 1))[:3], atol=1e-3
+        )
+        for name, axis in (("read_dir", 0), ("phase_dir", 1), ("slice_dir", 2)):
+            np.testing.assert_allclose(
+                head[name], affine[:3, axis] / np.linalg.norm(affine[:3, axis]), atol=1e-6
+            )
+        np.testing.assert_allclose([float(v) for v in attributes["ImageRowDir"]], head["read_dir"])
+        assert pixels.shape == (32, 32, 1, 1) and attributes["DataRole"] == ["Image"]
+        assert float(attributes["EchoTime"][0]) == 5.0 * (head["contrast"] + 1)
+    assert sorted(head["image_index"] for head, _, _ in images) == list(range(1, 7))
+
+
+# ---- While the scan runs -------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("kind, changes, early", [
+    ("slices", {}, 4), ("undersampled-3", {"slices": 2, "repetitions": 4}, 7),
+    ("undersampled", {"repetitions": 3}, 2), ("averages", {"slices": 2, "coils": 2}, 1),
+    ("noise", {"slices": 2, "repetitions": 3}, 5), ("3d", {"repetitions": 3}, 2), ("turns", {}, 0),
+])  # fmt: skip
+def test_images_come_before_the_last_line_where_it_cannot_change_them(
+    tmp_path, server, kind, changes, early
+):
+    phantom.write(tmp_path / "p.h5", kind, size=32, **changes)
+    want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
+    messages = split(send.Sender(tmp_path / "p.h5"))
+    peer = Peer(server.address).send(*messages[:-2]).receive(images=early)
+    peer.send(*messages[-2:]).end()
+    send.write(tmp_path / "live.nii", peer.images)
+    np.testing.assert_array_equal(np.asarray(nibabel.load(tmp_path / "live.nii").dataobj), want)
+    assert server.report()["early"] >= early and not peer.lines
+
+
+def test_lines_that_change_what_was_sent_have_it_sent_again(tmp_path, server):
+    phantom.write(tmp_path / "p.h5", "slices", slices=2, size=32, noise=0.1)
+    messages = split(send.Sender(tmp_path / "p.h5"))
+    again = bytearray(messages[20])  # one of the first slice's once more, twice as strong
+    again[342:] = (2 * np.frombuffer(again[342:], "f4")).tobytes()
+    messages.insert(-1, bytes(again))
+    writer = _raw.Writer(str(tmp_path / "q.h5"), "dataset", messages[1][6:].decode())
+    for message in messages[2:-1]:
+        head = np.frombuffer(message, np.uint8, 340, 2)
+        shape = head.view(HEAD)[0][["number_of_samples", "active_channels"]].tolist()
+        samples = np.frombuffer(message, np.complex64, -1, 342).reshape(shape, order="F")
+        writer.append(head, samples)
+    writer.close()
+    peer = Peer(server.address).send(*messages[:-2]).receive(images=2).send(*messages[-2:]).end()
+    assert len(peer.images) == 4 and "sent again" in "".join(peer.lines)
+    want = np.asarray(reconstructed(tmp_path / "q.h5", tmp_path).dataobj)
+    np.testing.assert_array_equal(send.assembled(peer.images[2:])[:, :, 0, :, 0, 0], want)
+
+
+def test_one_scale_holds_for_a_series(tmp_path, server):
+    phantom.write(tmp_path / "p.h5", "repetitions", size=32, slices=2, noise=0)
+    messages = split(send.Sender(tmp_path / "p.h5"), parameters='{"parameters": {"pixels": "int16"}}')
+    for at, message in enumerate(messages):
+        head = np.frombuffer(message, HEAD, 1, 2)[0] if len(message) > 1400 else None
+        if head is not None and message[:2] == b"\xf0\x03":
+            level = np.float32((1, 1.5, 2.5)[head["repetition"]])
+            messages[at] = message[:342] + (level * np.frombuffer(message[342:], "f4")).tobytes()
+    peer = Peer(server.address).send(*messages).end()
+    peaks = np.zeros((2, 3))
+    for head, attributes, pixels in peer.images:
+        assert pixels.dtype == np.int16 and attributes["RescaleSlope"] == peer.images[0][1]["RescaleSlope"]
+        peaks[head["slice"], head["repetition"]] = pixels.max()
+    assert peaks.max(0).tolist() == [2047, pytest.approx(3070, abs=1), 4095]
+    clipped = server.report()["clipped"]
+    assert clipped > 0 and f"{clipped} pixels" in peer.lines[-1]
+
+
+def test_options_come_from_command_config_and_text(tmp_path):
+    phantom.write(tmp_path / "p.h5", "full", size=32)
+    (tmp_path / "smooth.json").write_text('{"ringing": 0.5, "no_such": 1}')
+    sender = send.Sender(tmp_path / "p.h5")
+    cases = [
+        ("", None, []),
+        ("smooth", None, ["--ringing", "0.5"]),
+        ("unknown", '{"ringing": 7, "geometry": "/etc/passwd"}', []),
+        ("unknown", '{"parameters": {"customconfig": "smooth", "pad": "64 64 1"}}',
+         ["--ringing", "0.5", "--pad", "64", "64", "1"]),
+    ]  # fmt: skip
+    with Server("--pixels", "float", "--config", f"smooth={tmp_path}/smooth.json") as made:
+        for config, parameters, words in cases:
+            want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path, *words).dataobj)
+            images = sender.exchange(made.address, config, parameters)
+            np.testing.assert_array_equal(images[0][2][..., 0].squeeze(), want.squeeze())
+        told = "".join(made.log)
+        for words in ("no_such", "'unknown'", "'ringing' is not used", "'geometry' is not used"):
+            assert words in told
+        (_, attributes, pixels), = sender.exchange(made.address, "", '{"pixels": "complex"}')
+        want = np.asarray(
+            reconstructed(tmp_path / "p.h5", tmp_path, "--combine", "phase").dataobj
+        )
+        np.testing.assert_array_equal(np.abs(pixels[..., 0]).squeeze(), want.squeeze())
+
+
+# ---- Raw data that are kept ----------------------------------------------------------------------
+
+
+def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
+    def file():
+        return [path for path in tmp_path.iterdir() if path.suffix == ".h5"]
+
+    wave = np.zeros(1, stream.WAVEFORM_HEAD)
+    wave["number_of_samples"], wave["channels"] = 3, 2
+    extra = struct.pack("<H", stream.WAVEFORM) + wave.tobytes() + bytes(range(24))
+    with Server("--save", tmp_path) as made:
+        Peer(made.address).send(*small[:-1]).socket.close()
+        until(lambda: re.search(r'"error": "\w', "".join(made.log)))
+        assert not file()
+        # Lines that no reconstruction can use are kept all the same.
+        odd = acquisition(64, 4, kspace_encode_step_1=99) + struct.pack("<512f", *range(512))
+        peer = Peer(made.address).send(*small[:2], odd, extra, small[-1]).end()
+        assert peer.lines[-1].startswith("ERROR    ctessel: ")
+        until(file)
+    reader = _raw.Reader(str(file()[0]), "dataset")
+    assert reader.header == small[1][6:] and len(reader) == 1
+    np.testing.assert_array_equal(reader.heads(0, 1).view(HEAD)["kspace_encode_step_1"], 99)
+    np.testing.assert_array_equal(
+        reader.read([0]).samples(0).ravel(order="F").view("f4"), np.arange(512)
+    )
+    import h5py
+
+    with h5py.File(file()[0]) as saved:
+        assert saved["dataset/waveforms"]["data"][0].tobytes() == bytes(range(24))
+    assert not [path for path in tmp_path.iterdir() if path.name.startswith(".")]
+
+
+def test_a_stream_comes_through_a_pipe(tmp_path, small):
+    command = [sys.executable, "-m", "ctessel", "serve", "--stdio"]
+    for messages, code in ((small[1:], 0), (small[1:-3], 1)):
+        done = subprocess.run(command, input=b"".join(messages), capture_output=True, timeout=60)
+        assert done.returncode == code
+        (tmp_path / "out").write_bytes(done.stdout)
+        with open(tmp_path / "out", "rb") as out:
+            connection = stream.Connection(out.fileno(), stream.TO_CLIENT, 5)
+            connection.acquisitions.allow(0, 1 << 30, 1 << 30)
+            ids = []
+            while ids[-1:] != [stream.CLOSE]:
+                ids += [message[0] for message in connection.receive()]
+        assert ids == [stream.IMAGE if code == 0 else stream.TEXT, stream.CLOSE]
+
+
+# ---- Hostile and unlucky peers -------------------------------------------------------------------
+
+
+def bomb():
+    entities = "".join(f'<!ENTITY a{i} "{f"&a{i - 1};" * 10}">' for i in range(1, 9))
+    return f'<!DOCTYPE a [<!ENTITY a0 "x">{entities}]><a>&a8;</a>'.encode()
+
+
+def broken(small):
+    """Streams that end in an error."""
+    head, most = small[1], 0xFFFF
+    huge = head.replace(b"<x>64</x><y>32</y>", b"<x>65535</x><y>65535</y>")
+    huge = huge[:2] + struct.pack("<I", len(huge) - 6) + huge[6:]
+    text = struct.Struct("<HI")
+    nan = bytearray(small[4])
+    nan[422:426] = struct.pack("<f", np.nan)
+    return {
+        "unknown id": [struct.pack("<H", 1019)],
+        "an id that is none": [b"GET / HTTP/1.1\r\n\r\n"],
+        "long text": [text.pack(stream.TEXT, 2**32 - 1)],
+        "long header": [text.pack(stream.HEADER, 2**32 - 1)],
+        "long query": [struct.pack("<HQQQ", stream.QUERY, 0, 1, 2**64 - 1)],
+        "no XML": [stream.text(stream.HEADER, "<a>")],
+        "no text": [stream.text(stream.HEADER, b"\xff\xfe\x00")],
+        "bomb": [stream.text(stream.HEADER, bomb())],
+        "deep": [stream.text(stream.HEADER, b"<a>" * 200_000)],
+        "no encoding": [stream.text(stream.HEADER, "<ismrmrdHeader/>")],
+        "data before the header": [small[4]],
+        "overflow": [head, acquisition(most, most)],
+        "channels": [head, acquisition(16, 5)],
+        "trajectory": [head, acquisition(most, 4, trajectory_dimensions=most)],
+        "nothing measured": [head, small[-1]],
+        "two headers": [head, head],
+        "image": [head, struct.pack("<H", stream.IMAGE)],
+        "not finite": [head, *small[2:4], bytes(nan), *small[5:]],
+        "huge matrix": [huge, *small[2:]],
+        "counters": [head, acquisition(64, 4, slice=most, repetition=most, set=most, phase=most)
+                     + bytes(2048), small[4], small[-1]],  # fmt: skip
+        "directions": [head, acquisition(64, 4, read_dir=(np.nan,) * 3) + bytes(2048), small[-1]],
+    }  # fmt: skip
+
+
+def test_broken_streams_end_in_an_error_and_leave_nothing(server, small):
+    cases = broken(small)
+    before, most = server.settled(), 0
+    for number in range(200):
+        name = list(cases)[number % len(cases)]
+        peer = Peer(server.address).send(*cases[name]).end()
+        assert [line[:17] for line in peer.lines][-1:] == ["ERROR    ctessel:"], name
+        assert "fault of ctessel" not in "".join(peer.lines), (name, peer.lines)
+        most = max(most, server.resident()[0])
+    after = server.settled()
+    assert after[0] - before[0] < 60e6 and after[1] - before[1] <= 2 and most - before[0] < 600e6
+    assert len(Peer(server.address).send(*small).end().images) == 1
+
+
+def test_a_stream_may_be_cut_anywhere(server, small):
+    before = server.settled()
+    for border in range(len(small)):
+        for extra in (b"", small[border][: len(small[border]) // 2]):
+            peer = Peer(server.address).send(*small[:border], extra)
+            peer.socket.shutdown(socket.SHUT_WR)
+            peer.end()
+            failed = border > 1 or extra  # before the header an end is none too early
+            assert bool(peer.lines) == bool(failed), (border, len(extra))
+            assert len(peer.images) == (border == len(small) - 1)  # all but CLOSE
+    assert server.settled()[1:] == before[1:]
+
+
+def test_silent_peers_are_closed(small, tmp_path):
+    phantom.write(tmp_path / "p.h5", "repetitions", size=32, repetitions=8)
+    images = split(send.Sender(tmp_path / "p.h5"), parameters='{"pad": [1024, 1024, 1]}')
+    with Server("--pixels", "float", timeout=1) as made:
+        begun = time.monotonic()
+        silent = [Peer(made.address).send(*small[:n]) for n in (0, 1, 2, 5)]
+        for peer in silent:
+            assert "silence for 1 s" in peer.end().lines[-1]
+        drop = Peer(made.address)  # a byte at a time keeps no message open
+        while not select_readable(drop.socket):
+            drop.send(b"\x01\x00"[:1])
+            time.sleep(0.2)
+        deaf = Peer(made.address).send(*images)  # reads nothing
+        until(lambda: "has read nothing for 1 s" in "".join(made.log))
+        deaf.socket.close()
+        assert time.monotonic() - begun < 30
+        assert made.settled()[2] == 0
+
+
+def select_readable(peer):
+    import select
+
+    return bool(select.select([peer], [], [], 0)[0])
+
+
+def test_connections_are_limited_and_served_together(small):
+    with Server("--connections", 4, "--pixels", "float") as made:
+        for _ in range(3):
+            assert len(Peer(made.address).send(*small).end().images) == 1
+        made.settled()
+        peers = [Peer(made.address).send(*small[:-1]) for _ in range(4)]
+        until(lambda: made.resident()[2] == 4)
+        refused = Peer(made.address).send(*small).end()
+        assert "4 connections are open" in refused.lines[0] and not refused.images
+        crowd = [socket.create_connection(made.address, 20) for _ in range(300)]
+        for peer in peers:
+            assert len(peer.send(small[-1]).end().images) == 1
+        for peer in crowd:
+            peer.close()
+        assert made.settled()[2] == 0
+
+
+def test_sigterm_ends_sessions_cleanly(tmp_path, small):
+    with Server("--save", tmp_path) as made:
+        peer = Peer(made.address).send(*small[:10])
+        until(lambda: made.resident()[2] == 1)
+        time.sleep(0.3)
+        made.process.send_signal(signal.SIGTERM)
+        peer.end()
+        assert peer.closed and "the server ends" in peer.lines[-1]
+        assert made.process.wait(20) == 143
+    assert not list(tmp_path.iterdir())
+
+
+def test_short_sessions_leave_nothing(server, small):
+    Peer(server.address).send(*small[:2]).socket.close()
+    before = server.settled()
+    for _ in range(1000):
+        Peer(server.address).send(small[0], small[-1]).end()
+    after = server.settled()
+    assert after[0] - before[0] < 5e6 and after[1] == before[1]
