@@ -32,8 +32,8 @@ forbid() {
 }
 bar() { local IFS='|'; echo "$*"; }
 kernels=(_arrays _coils _geometry _helpers _sense homodyne)
-pieces=(sampling coverage fourier steps)
-readers=(raw acquisitions _ismrmrd)
+pieces=(sampling coverage fourier steps slabs)
+readers=(raw acquisitions centre _ismrmrd)
 command='cli|job|report'
 outside="$command|files|nifti|phantom|workers|serve|send|stream|$(bar "${readers[@]}")"
 everything="$outside|dask|pipeline|reconstruct|plan|parts|warp|gradients|$(bar "${pieces[@]}")"

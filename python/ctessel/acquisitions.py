@@ -112,6 +112,8 @@ class Contents:
     cut: bool = False  # the readout to the field of the image, while it is read
     path: str = ""
     group: str = ""
+    file: object = None  # what reads the samples
+    told: tuple[str, ...] = ()  # what the samples say against the headers
 
     @property
     def width(self):

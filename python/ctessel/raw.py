@@ -16,7 +16,7 @@ from functools import lru_cache
 
 import numpy as np
 
-from . import runtime
+from . import centre, runtime
 from ._ismrmrd import parse
 from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
@@ -103,7 +103,7 @@ def read(
     known, targets = layout(found), [(found.scan, _zeros(_kspace_shape(found), scratch))]
     if found.apart:
         targets.append((found.apart, _zeros(found.apart.shape, scratch)))
-    _read_into(targets, _open(path, found.group), found, progress, threads)
+    _read_into(targets, found.file, found, progress, threads)
     return Scan(known, *(array for _, array in targets))
 
 
@@ -120,7 +120,7 @@ class Source:
     def __init__(self, found, threads=None):
         self._state, self._threads = state(found.path), threads
         self.layout, self._found = layout(found), found
-        self._file = _open(found.path, found.group)
+        self._file = found.file
 
     def __reduce__(self):
         f = self._found
@@ -183,10 +183,38 @@ def contents(path, *, group="dataset", range=None, skip=(), cut=False):
     path = os.fspath(path)
     reader = _open(path, group)
     try:
-        found = survey(parse(reader.header), _heads(reader, path), range, skip)
+        encodings, heads = parse(reader.header), _heads(reader, path)
+        found = survey(encodings, heads, range, skip)
+        encodings, told = _recentred(reader, encodings, found)
+        if told:
+            found = survey(encodings, heads, range, skip)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
-    return replace(found, cut=cut, path=path, group=group)
+    return replace(found, cut=cut, path=path, group=group, file=reader, told=tuple(told))
+
+
+def _recentred(reader, encodings, found):
+    """Encodings with k = 0 where the samples show it, and what is to be told about that."""
+    told = []
+    for axis, name in ((1, "y"), (2, "z")):
+        numbers = centre.lines_through(found, axis)
+        if not numbers.size:
+            continue
+        block = reader.read(numbers)
+        energies = [np.linalg.norm(block.samples(i)) ** 2 for i in numbers]
+        away, limit = centre.moved(found, axis, numbers, np.array(energies)), found.header.limits[name]
+        if away == 0:
+            continue
+        true = replace(limit, center=limit.center + away)
+        encodings = [
+            replace(e, limits={**e.limits, name: true}) if e.limits[name] == limit else e
+            for e in encodings
+        ]
+        told.append(
+            f"k = 0 along {name} is line {true.center} by the energy of k-space, line "
+            f"{limit.center} by the header; line {true.center} is taken"
+        )
+    return encodings, told
 
 
 def layout(found):
@@ -202,7 +230,7 @@ def layout(found):
     if not at.size:
         return _layout(found, [])
     try:
-        block = _open(found.path, found.group).read(at)
+        block = found.file.read(at)
         return _layout(found, [block.samples(i) for i in at])
     except RuntimeError as error:
         raise _named(found.path, error) from None
@@ -351,7 +379,7 @@ def _layout(found, noise):
         found.flagged,
         found.scan.shape[0] if found.width < found.scan.shape[0] else None,
         found.range,
-        found.warnings,
+        (*found.warnings, *found.told),
     )
 
 

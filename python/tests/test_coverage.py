@@ -174,3 +174,47 @@ def test_a_full_first_frame_calibrates_the_frames_after_it(tmp_path, measured):
     full, half = np.moveaxis(nibabel.load(tmp_path / "i.nii").get_fdata()[:, :, 0], -1, 0)
     head = full > 0.1 * np.percentile(full, 99.5)
     assert np.linalg.norm((half - full)[head]) < 0.05 * np.linalg.norm(full[head])
+
+
+CALIBRATION_AND_IMAGING = 1 << 20
+
+
+def partial_file(path, kspace, first, centre, flagged=()):
+    """Lines from `first` (counted from k = 0) on, numbered from 0; `centre` is what the header says."""
+    n = kspace.shape[1]
+    kept = range(n // 2 + first, n)
+    ready = [
+        foreign.record(kspace[:, y], y - kept[0], flags=CALIBRATION_AND_IMAGING * (y - n // 2 in flagged))
+        for y in kept
+    ]
+    text = foreign.header(kspace.shape[2], n)
+    text = text.replace(f"<center>{n // 2}</center>", f"<center>{centre}</center>")
+    return foreign.write(path, ready, text)
+
+
+@pytest.mark.parametrize("flagged", [range(-8, 8), ()])
+def test_a_wrong_centre_is_seen_in_the_samples(tmp_path, measured, capsys, flagged):
+    """The middle of the measured lines in place of k = 0 makes a partial scan look complete."""
+    kspace = 1e7 * measured("brain16_ksp")[:, :, 0].transpose(2, 1, 0)
+    images = []
+    for name, centre in (("right", 20), ("wrong", 42)):
+        file = partial_file(tmp_path / f"{name}.h5", kspace, -20, centre, flagged)
+        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii", "--no-homodyne"]) == 0
+        images.append(nibabel.load(tmp_path / f"{name}.nii").get_fdata())
+        told = capsys.readouterr().err.splitlines()
+        assert told == ([] if name == "right" else [
+            "ctessel: warning: k = 0 along y is line 20 by the energy of k-space, line 42 by the header; "
+            "line 20 is taken"
+        ])
+    steps = json.loads((tmp_path / "wrong.json").read_text())["Steps"]
+    assert any("partial Fourier along y, lines -20 to 63" in step for step in steps)
+    np.testing.assert_allclose(*images, atol=1e-4 * images[0].max())
+
+
+@pytest.mark.parametrize("name", ["brain16_ksp", "brain1_t1sag_ksp", "phantom1_grid_ksp", "phantom32_ksp"])
+def test_measured_scans_keep_the_centre_of_their_header(tmp_path, measured, capsys, name):
+    kspace = measured(name)[:, :, 0].transpose(2, 1, 0)
+    for first in (-kspace.shape[1] // 2, -20):
+        file = partial_file(tmp_path / "p.h5", kspace, first, -first)
+        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/i.nii"]) == 0
+        assert capsys.readouterr().err == ""

@@ -373,6 +373,7 @@ def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp
 def write_large_volume(path):
     """192 x 192 x 96 voxels, 16 coils, R = 2 x 2, and samples of noise that is stronger around k = 0."""
     from ctessel import _ismrmrd, _raw
+    from ctessel.acquisitions import HEAD
 
     shape, field = (192, 192, 96), (192.0, 192.0, 96.0)
     limits = {name: Limit(0, n - 1, n // 2) for name, n in zip("xyz", shape)}
@@ -382,7 +383,7 @@ def write_large_volume(path):
     block = [np.abs(np.arange(n) - n // 2) < 12 for n in shape[1:]]
     samples = random_complex((192, 16), 1) * np.exp(-np.abs(np.arange(192) - 96) / 20)[:, None]
     for y, z in np.argwhere(np.outer(lines_y, lines_z) | np.outer(*block)):
-        head = np.zeros((), _ismrmrd.HEAD)
+        head = np.zeros((), HEAD)
         head["center_sample"], head["kspace_encode_step_1"], head["kspace_encode_step_2"] = 96, y, z
         head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
         level = np.exp(-(abs(y - 96) + abs(z - 48)) / 20)
@@ -528,9 +529,10 @@ def test_everything_is_decided_once(tmp_path, monkeypatch):
     for name in ("_grid", "_pattern", "_calibration", "noise_covariance", "_words"):
         counted(ctessel.plan, name)
     counted(ctessel.coverage, "turns")
+    counted(ctessel.raw, "_open")
     phantoms.write(tmp_path / "p.h5", "noise", size=48, coils=4, slices=2, repetitions=3)
     recon = f"recon {tmp_path}/p.h5 -o {tmp_path}/i.nii"
     for part in ("", " --range repetition 1 2", " --range slice 0 0"):
         calls.clear()
         assert cli.main((recon + part).split()) == 0
-        assert set(calls.values()) == {1} and len(calls) == 6, (part, calls)
+        assert set(calls.values()) == {1} and len(calls) == 7, (part, calls)
