@@ -19,7 +19,7 @@ import time
 GROUPS = {
     "transforms": ("scipy/fft", "scipy.fft"),
     "kernels": ("ctessel._core",),
-    "reading": ("ctessel._raw", "/ctessel/raw.py", "/ctessel/_survey.py", "/ctessel/_ismrmrd.py", "fill"),
+    "reading": ("ctessel._raw", "/ctessel/raw.py", "/ctessel/acquisitions.py", "/ctessel/_ismrmrd.py", "fill"),
     "writing": ("zlib", "gzip", "nibabel", "/ctessel/nifti.py", "_io."),
     "steps outside kernels": ("",),
 }
