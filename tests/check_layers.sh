@@ -37,7 +37,8 @@ readers=(raw acquisitions centre _ismrmrd)
 command='cli|job|report'
 outside="$command|files|nifti|phantom|workers|serve|send|stream|$(bar "${readers[@]}")"
 everything="$outside|dask|pipeline|reconstruct|plan|parts|warp|gradients|$(bar "${pieces[@]}")"
-mapfile -t modules < <(basename -s .py -a python/ctessel/[!_]*.py | grep -vx cli)
+# serve reads the command's options from streams.
+mapfile -t modules < <(basename -s .py -a python/ctessel/[!_]*.py | grep -vxE 'cli|serve')
 forbid cli "${modules[@]}"
 forbid '[a-z_]+' scan
 forbid "$everything|scan" "${kernels[@]}" runtime
