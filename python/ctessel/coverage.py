@@ -174,12 +174,29 @@ def _lost(layout, made):
     lost = {}
     for turn in made:
         missing = _missing(layout, turn)
+        missing[_beyond(layout, turn)] = True
         for y, z in np.argwhere(missing.any((2, 3, 4))):
             images = np.argwhere(missing[y, z])
             images[:, 2] = turn.repetitions[images[:, 2]]
             everywhere = missing[y, z].all()
             lost.setdefault((int(y), int(z)), []).append((everywhere, images))
     return [_line_words(layout, at, found) for at, found in sorted(lost.items())]
+
+
+def _beyond(layout, turn):
+    """Outermost lines that the header promises and no image has, ``(y, z)`` of bool: few, of slices."""
+    beyond = np.zeros(layout.shape[1:3], bool)
+    limit, step = layout.header.limits.get("y"), turn.regular.steps[0]
+    if limit is None or layout.shape[2] > 1:
+        return beyond
+    (first, _), (last, _) = _ends(turn.regular.expected)
+    middle = layout.shape[1] // 2
+    low, high = (limit.minimum - limit.center + middle, limit.maximum - limit.center + middle)
+    lines = [*range(first - step, low - 1, -step), *range(last + step, high + 1, step)]
+    inside = [y for y in lines if 0 <= y < layout.shape[1]]
+    if len(inside) <= few(np.count_nonzero(turn.regular.expected)):
+        beyond[inside] = True
+    return beyond
 
 
 def _line_words(layout, at, found):

@@ -17,7 +17,7 @@ of view lie at ``N // 2``, and transforms are unitary.
 (64, 48, 1)
 """
 
-from ._arrays import ringing_filter
+from . import ringing_filter
 from .fourier import flip, remove_oversampling, resize, to_image, to_kspace
 from .gradients import Coefficients, read_coefficients
 from .parts import merge, select

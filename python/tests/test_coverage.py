@@ -94,6 +94,9 @@ FULL, HALF = np.ones((128, 1), bool), lines(128, 2, 0, 24)[:, None]
 @pytest.mark.parametrize("some, words", [
     (layout(FULL), []),
     (layout(without(FULL, 40, 41)), ["2 lines were lost and zero-filled: ky -24, ky -23 (counted from k = 0)"]),
+    (layout(without(FULL, 0, 127)), ["2 lines were lost and zero-filled: ky -64, ky 63"]),
+    (layout(without(HALF, 0), (2, 1), "embedded"), ["1 line was lost and zero-filled: ky -64"]),
+    (layout(without(FULL, *range(40))), []),  # partial Fourier, whatever the limits promise
     (in_one_image(), ["ky -34 of slice 1, repetition 1, ky -33 of slice 1, repetition 2"]),
     (layout(without(HALF, 10, 67), (2, 1), "embedded"), ["2 lines were lost and zero-filled: ky -54, ky 3"]),
     (layout(HALF, (3, 1), "embedded"), ["acceleration of 3 x 1, the lines have 2 x 1"]),
