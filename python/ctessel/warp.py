@@ -15,7 +15,7 @@ import numpy as np
 from scipy import ndimage
 
 from . import _core, nifti, runtime
-from .files import Staged, printable
+from .files import Staged, check_output, printable
 from .gradients import Coefficients
 
 __all__ = [
@@ -560,43 +560,51 @@ def unwarp_file(
     list of str
         Warnings, a line each.
     """
+    check_output(output)
     image, warnings = load(path), []
     if mode == "auto":
         mode, warning = _mode(image)
         warnings += [warning] if warning else []
-    entries = {**image.sidecar}
-    if mode == "none":
-        data = _data(image)
-    else:
+    data, entries = _data(image), {**image.sidecar}
+    if mode != "none":
         correction = Correction(coefficients, patient_position(image, position), MODES[mode])
-        coefficients.signs(correction.position)
-        warnings += warnings_of(image.grid, coefficients, image.path)
-        if min(image.grid.shape) == 1:
-            warnings.append(f"{image.path}: a single slice is sampled within its plane only")
-        size = np.prod(image.file.shape) * 8 + np.prod(image.grid.shape) * 28
-        runtime.check(size, f"{image.path}", "correct the volumes of a series one by one")
-        data = unwarp(
-            _data(image),
-            image.grid,
-            correction,
-            intensity=intensity,
-            interpolation=interpolation,
-            threads=threads,
-            progress=progress,
-        )
-        entries["NonlinearGradientCorrection"] = True
-        entries["GradientCorrection"] = {
-            "Mode": mode,
-            "Coefficients": printable(source),
-            "PatientPosition": correction.position,
-            "GradientAxes": coefficients.axes,
-            "Intensity": intensity,
-            "Interpolation": interpolation,
-        }
+        warnings += _check_image(image, correction)
+        how = {"intensity": intensity, "interpolation": interpolation}
+        data = unwarp(data, image.grid, correction, threads=threads, progress=progress, **how)
+        entries |= _corrected_entries(correction, mode, source, how)
     if warnings:
         entries["Warnings"] = [*image.sidecar.get("Warnings", []), *warnings]
     _write(output, data, image, entries)
     return warnings
+
+
+def _check_image(image, correction):
+    """Refuses what cannot be done; warnings of what can."""
+    coefficients, shape = correction.coefficients, image.grid.shape
+    coefficients.signs(correction.position)
+    needed = 8 * np.prod(image.file.shape, dtype=float) + 28 * np.prod(shape, dtype=float)
+    runtime.check(needed, str(image.path), "correct the volumes of a series one by one")
+    warnings = warnings_of(image.grid, coefficients, image.path)
+    if min(shape) == 1:
+        warnings.append(f"{image.path}: a single slice is sampled within its plane only")
+    return warnings
+
+
+def _corrected_entries(correction, mode, source, how):
+    """What the sidecar of a corrected image tells."""
+    return {
+        "NonlinearGradientCorrection": True,
+        "GradientCorrection": {"Mode": mode, **_field_entries(correction, source)}
+        | {name.capitalize(): value for name, value in how.items()},
+    }
+
+
+def _field_entries(correction, source):
+    return {
+        "Coefficients": printable(source),
+        "PatientPosition": correction.position,
+        "GradientAxes": correction.coefficients.axes,
+    }
 
 
 def _write(output, data, image, entries):
@@ -604,11 +612,10 @@ def _write(output, data, image, entries):
     header.set_data_dtype(data.dtype)
     header.set_slope_inter(None, None)
     header["cal_min"] = header["cal_max"] = 0
-    with Staged() as files:
-        nifti.store(type(image.file)(data, image.file.affine, header), files.path(output))
-        text = json.dumps(entries, indent=2) + "\n"
-        files.path(nifti.sidecar_path(output)).write_text(text)
-        files.commit()
+    with Staged() as staged:
+        nifti.store(type(image.file)(data, image.file.affine, header), staged.path(output))
+        _write_entries(staged, output, entries)
+        staged.commit()
 
 
 def save_warp(
@@ -641,40 +648,53 @@ def save_warp(
     list of str
         Warnings, a line each.
     """
-    field = np.empty((*grid.shape, 3), np.float32, order="F")
-    size = np.empty(grid.shape, np.float32, order="F") if jacobian else None
-    slopes = np.empty((*grid.shape, 9), np.float32, order="F") if grad_dev else None
-    wanted = ["displacement"] + ["determinant"] * bool(jacobian) + ["jacobian"] * bool(grad_dev)
-    for first, last in grid.slabs():
-        slab = grid.slab(first, last)
-        found = dict(zip(wanted, correction.evaluate(slab, wanted, threads), strict=True))
-        field[:, :, first:last] = _converted(found["displacement"], slab, grid, first, kind)
-        if jacobian:
-            size[:, :, first:last] = found["determinant"]
-        if grad_dev:
-            slopes[:, :, first:last] = _deviation(found["jacobian"], grid)
+    files = {"displacement": output, "determinant": jacobian, "jacobian": grad_dev}
+    files = {name: path for name, path in files.items() if path}
+    for path in files.values():
+        check_output(path)
+    if len({*map(str, files.values())}) < len(files):
+        raise ValueError(f"{output}: is named for two files; give each a name of its own")
+    values = _warp_values(grid, correction, kind, tuple(files), threads)
     warnings = warnings_of(grid, correction.coefficients, "the field")
-    if lost := int(np.isnan(field[..., 0]).sum()):
+    if lost := int(np.isnan(values["displacement"][..., 0]).sum()):
         warnings.append(f"{lost} voxels have no position: the inverse does not converge there (NaN)")
     entries = {
         "WarpType": kind,
         "Direction": "distort" if correction.distort else "unwarp",
         "Dimensions": correction.dims,
-        "Coefficients": printable(source),
-        "PatientPosition": correction.position,
-        "GradientAxes": correction.coefficients.axes,
+        **_field_entries(correction, source),
     }
     if warnings:
         entries["Warnings"] = warnings
-    with Staged() as files:
-        for path, values in ((output, field), (jacobian, size), (grad_dev, slopes)):
-            if path:
-                vectors = values is field and kind == "itk"
-                nifti.store(_image(values, grid, vectors), files.path(path))
-        text = json.dumps(entries, indent=2) + "\n"
-        files.path(nifti.sidecar_path(output)).write_text(text)
-        files.commit()
+    with Staged() as staged:
+        for name, path in files.items():
+            vectors = name == "displacement" and kind == "itk"
+            nifti.store(_image(values[name], grid, vectors), staged.path(path))
+        _write_entries(staged, output, entries)
+        staged.commit()
     return warnings
+
+
+def _warp_values(grid, correction, kind, wanted, threads):
+    """What files hold, slab by slab."""
+    sizes = {"displacement": (3,), "determinant": (), "jacobian": (9,)}
+    values = {
+        name: np.empty((*grid.shape, *sizes[name]), np.float32, order="F") for name in wanted
+    }
+    for first, last in grid.slabs():
+        slab = grid.slab(first, last)
+        found = dict(zip(wanted, correction.evaluate(slab, wanted, threads), strict=True))
+        found["displacement"] = _converted(found["displacement"], slab, grid, first, kind)
+        if "jacobian" in wanted:
+            found["jacobian"] = _deviation(found["jacobian"], grid)
+        for name in wanted:
+            values[name][:, :, first:last] = found[name]
+    return values
+
+
+def _write_entries(staged, output, entries):
+    text = json.dumps(entries, indent=2) + "\n"
+    staged.path(nifti.sidecar_path(output)).write_text(text)
 
 
 def _image(values, grid, vectors):
