@@ -301,7 +301,7 @@ def unwarp(
         Splines, or a windowed sinc over six voxels along each axis, which takes several times as long.
     threads : int, optional
     progress : callable, optional
-        Gets the number of volumes done and the number of all.
+        Gets the number of steps done and the number of all.
 
     Returns
     -------
@@ -312,17 +312,31 @@ def unwarp(
     threads = threads or _core.max_threads()
     series = volumes.reshape(*grid.shape, -1, order="A")
     out = np.zeros(series.shape, series.dtype, order="F")
+    parts = 2 if np.iscomplexobj(series) else 1
+    steps = len(grid.slabs()) + parts * series.shape[3] * len(_pieces(grid.shape[2]))
     with ThreadPoolExecutor(threads) as pool:
-        places, factor = _places(grid, correction, intensity, pool)
+        workers = _Workers(pool, steps, progress)
+        places, factor = _places(grid, correction, intensity, workers)
         for n in range(series.shape[3]):
-            sampled = _sampled(series[..., n].T, places, interpolation, pool)
+            sampled = _sampled(series[..., n].T, places, interpolation, workers)
             out[..., n] = (sampled if factor is None else sampled * factor).T
-            if progress:
-                progress(n + 1, series.shape[3])
     return out.reshape(volumes.shape, order="F")
 
 
-def _places(grid, correction, intensity, pool):
+class _Workers:
+    """Threads that tell how far they are."""
+
+    def __init__(self, pool, steps, progress):
+        self.pool, self._steps, self._progress, self._done = pool, steps, progress, 0
+
+    def run(self, work, pieces):
+        for _ in self.pool.map(work, pieces):
+            self._done += 1
+            if self._progress:
+                self._progress(self._done, self._steps)
+
+
+def _places(grid, correction, intensity, workers):
     """Where to sample, in voxels, ``(3, z, y, x)`` along z, y, x; and the factors ``(z, y, x)``."""
     to_voxels = np.linalg.inv(grid.affine[:3, :3])[::-1]
     backwards = grid.shape[::-1]
@@ -341,18 +355,18 @@ def _places(grid, correction, intensity, pool):
         if intensity:
             factor[first:last] = found[1].T
 
-    list(pool.map(lambda slab: work(*slab), grid.slabs()))
+    workers.run(lambda slab: work(*slab), grid.slabs())
     return places, factor
 
 
-def _sampled(volume, places, interpolation, pool):
+def _sampled(volume, places, interpolation, workers):
     if np.iscomplexobj(volume):
-        parts = (_sampled(p, places, interpolation, pool) for p in (volume.real, volume.imag))
+        parts = (_sampled(p, places, interpolation, workers) for p in (volume.real, volume.imag))
         return next(parts) + 1j * next(parts)
     axes = [d for d in range(3) if volume.shape[d] > 1]
     flat = np.ascontiguousarray(np.squeeze(volume, tuple({0, 1, 2} - set(axes))), np.float32)
     if interpolation == "cubic":
-        flat = _spline_weights(flat, pool)
+        flat = _spline_weights(flat, workers.pool)
     out = np.empty(volume.shape, np.float32)
 
     def work(part):
@@ -370,7 +384,7 @@ def _sampled(volume, places, interpolation, pool):
             )
         out[part] = np.where(inside, sampled, 0)
 
-    list(pool.map(work, _pieces(volume.shape[0])))
+    workers.run(work, _pieces(volume.shape[0]))
     return out
 
 

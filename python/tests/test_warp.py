@@ -281,6 +281,9 @@ def test_a_series_is_its_volumes_whatever_the_threads_and_the_type(tmp_path, tab
         for threads in (1, 3):
             alone = warp.unwarp(series[..., n], grid, correction, threads=threads)
             np.testing.assert_array_equal(alone, whole[..., n])
+    told = []
+    warp.unwarp(series, grid, correction, progress=lambda *at: told.append(at))
+    assert [done for done, _ in told] == list(range(1, told[-1][1] + 1))
     pair = (series[..., 0] + 1j * series[..., 1]).astype(np.complex64)
     both = warp.unwarp(pair, grid, correction)
     np.testing.assert_array_equal(both.imag, whole[..., 1])
