@@ -195,7 +195,7 @@ class Plan:
         volumes = min(self.group, self.shape[6]) * self.shape[5]
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
         image = prod(self.image_shape) * np.dtype(self.image_type).itemsize
-        if shared:
+        if shared and not self.in_slabs:
             read = 8 * prod(self.shape[:4]) * volumes
             return int(image + workers * (read + block + PROCESS))
         others = (2 * sent + PROCESS) * workers if workers > 1 else 0

@@ -179,6 +179,18 @@ def test_a_full_first_frame_calibrates_the_frames_after_it(tmp_path, measured):
     assert np.linalg.norm((half - full)[head]) < 0.05 * np.linalg.norm(full[head])
 
 
+def test_info_and_recon_agree_on_a_line_of_a_wrong_repetition(tmp_path, capsys):
+    ready = [foreign.record(line, y, repetition=9 * (y == 3)) for y, line in enumerate(foreign.image(32, 16).swapaxes(0, 1))]
+    file = str(foreign.write(tmp_path / "stray.h5", ready, foreign.header(32, 16)))
+    assert cli.main(["info", file]) == 0
+    words = "repetition 1 has 1 line, others 15; leave it out with --range repetition 0 0"
+    assert words in capsys.readouterr().out
+    assert cli.main(["recon", file, "-o", f"{tmp_path}/i.nii"]) == cli.DEFECT
+    assert words in capsys.readouterr().err
+    assert cli.main(["recon", file, "-o", f"{tmp_path}/i.nii", "--range", "repetition", "0", "0"]) == 0
+    assert "1 line was lost and zero-filled: ky -5" in capsys.readouterr().err
+
+
 CALIBRATION_AND_IMAGING = 1 << 20
 
 
