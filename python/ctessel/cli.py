@@ -5,6 +5,7 @@ import contextlib
 import os
 import signal
 import sys
+import tempfile
 from pathlib import Path
 
 from . import runtime
@@ -153,7 +154,7 @@ def _add_recon(commands):
     command = _command(
         commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD)"
     )
-    command.add_argument("raw", metavar="RAW.h5")
+    command.add_argument("raw", metavar="RAW.h5", help="or -, for a stream from stdin")
     command.add_argument(
         "-o",
         "--output",
@@ -518,6 +519,20 @@ def _skip(pairs):
 
 def recon(arguments):
     """``ctessel recon``"""
+    if arguments.raw != "-":
+        return _recon(arguments)
+    from .session import received
+
+    with tempfile.TemporaryDirectory(prefix="ctessel-") as folder:
+        arguments.raw = f"{folder}/stdin.h5"
+        try:
+            received(sys.stdin.fileno(), arguments.raw, arguments.group)
+        except ValueError as error:
+            raise ValueError(f"stdin: {error}; send an ISMRMRD stream again") from None
+        return _recon(arguments)
+
+
+def _recon(arguments):
     from .job import prepare
 
     runtime.keep_freed()

@@ -129,13 +129,7 @@ class Session:
 
     def _allow(self):
         """Set what the header allows to be held."""
-        root = stream.parse_xml(self._header)
-        parse(self._header)
-        coils = root.findtext("{*}acquisitionSystemInformation/{*}receiverChannels", "0")
-        coils = int(coils) if coils.isdigit() and 0 < int(coils) <= MOST_COILS else MOST_COILS
-        promised = sum(_lines(encoding) for encoding in root.findall("{*}encoding"))
-        limit = min(2 * 8 * coils * promised + SPARE, runtime.available() // 2)
-        self.connection.acquisitions.allow(coils, 0, limit)
+        root = allow(self._header, self.connection.acquisitions)
         for parameter in root.findall("{*}userParameters/{*}userParameterLong"):
             if parameter.findtext("{*}name") == "BitsStored":
                 value = parameter.findtext("{*}value", "")
@@ -257,6 +251,54 @@ class Session:
 
     header = property(lambda self: self._header)
     warn, log = _warn, property(lambda self: self._log)
+
+
+def allow(header, acquisitions):
+    """Set what may be held of a scan with this header; returns its root."""
+    root = stream.parse_xml(header)
+    parse(header)
+    coils = root.findtext("{*}acquisitionSystemInformation/{*}receiverChannels", "0")
+    coils = int(coils) if coils.isdigit() and 0 < int(coils) <= MOST_COILS else MOST_COILS
+    promised = sum(_lines(encoding) for encoding in root.findall("{*}encoding"))
+    acquisitions.allow(coils, 0, min(2 * 8 * coils * promised + SPARE, runtime.available() // 2))
+    return root
+
+
+def received(source, path, group="dataset"):
+    """Write the stream that comes from a pipe to a raw data file.
+
+    Parameters
+    ----------
+    source : int
+        File that is read.
+    path : path
+    group : str, optional
+        Group of the HDF5 file.
+
+    Raises
+    ------
+    StreamError
+        It is no stream, or is cut.
+    """
+    connection = stream.Connection(source, stream.TO_SERVER, 1e6)
+    acquisitions, writer, known, ended = connection.acquisitions, None, 0, False
+    while not ended:
+        messages, count = connection.receive(), len(acquisitions)
+        for number in range(known, count):
+            writer.append(*acquisitions.as_sent(number))
+        acquisitions.forget(np.arange(known, count))
+        known = count
+        for message in messages:
+            if message is None:
+                raise StreamError("the stream ended without CLOSE")
+            ended = message[0] == stream.CLOSE
+            if message[0] == stream.HEADER:
+                header = message[2].tobytes().rstrip(b"\0")
+                allow(header, acquisitions)
+                writer = raw.binding(path).Writer(str(path), group, header.decode())
+    if not known:
+        raise StreamError("the stream holds no acquisitions")
+    writer.close()
 
 
 def _lines(encoding):

@@ -345,6 +345,19 @@ def test_a_stream_comes_through_a_pipe(tmp_path, small):
         assert ids == [stream.IMAGE if code == 0 else stream.TEXT, stream.CLOSE]
 
 
+def test_recon_takes_a_stream_from_stdin(tmp_path, small):
+    def run(messages):
+        command = [sys.executable, "-m", "ctessel", "recon", "-", "-o", f"{tmp_path}/piped.nii"]
+        return subprocess.run(command, input=b"".join(messages), capture_output=True, timeout=60)
+
+    cut = run(small[1:-1])
+    assert cut.returncode == 1 and cut.stderr.startswith(b"ctessel: stdin: the stream ended without")
+    assert run(small[1:]).returncode == 0
+    phantom.write(tmp_path / "p.h5", "undersampled", size=32, coils=4)
+    want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
+    np.testing.assert_array_equal(np.asarray(nibabel.load(tmp_path / "piped.nii").dataobj), want)
+
+
 # ---- Hostile and unlucky peers -------------------------------------------------------------------
 
 
