@@ -65,7 +65,7 @@ def contents(header, heads):
 class Arrived:
     """Source of samples for `reconstruct`: the acquisitions of a stream, all of which have come."""
 
-    shared = False
+    shared = disposable = False
 
     def __init__(self, acquisitions, found, threads=None):
         self._acquisitions, self._found, self._threads = acquisitions, found, threads
@@ -270,7 +270,7 @@ class Forecast(Arrived):
         """Whether all has come that an image is made of."""
         pattern, region = self.plan.patterns[self.pattern(repetition)], self.plan.calibration
         frames = {repetition}
-        if pattern.unfolds:
+        if region is not None:
             frames |= {int(pattern.repetitions[0])}
             frames |= set() if region.separate else set(range(region.frames))
             if region.separate:

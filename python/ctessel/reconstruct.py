@@ -111,7 +111,7 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
         if progress:
             progress(done, total)
     if plan.stack:
-        image[:, :, 0] = _corrected(plan, plan.placements[slices.start : slices.stop], image[:, :, 0])
+        image[:, :, 0] = straightened(plan, image[:, :, 0])
     return Result(
         image, list(plan.steps), plan.parameters, plan.field, plan.selection, list(plan.warnings)
     )
@@ -155,6 +155,30 @@ def _run_here(plan, source):
         if at != (block.slice, block.pattern):
             at, basis = (block.slice, block.pattern), prepare(plan, block, source)
         yield block, reconstruct_block(plan, block, basis, lines(plan, block, source))
+
+
+def single(plan, block, source, shared=None):
+    """What `reconstruct` makes of one block, for callers that take blocks as their samples come.
+
+    Returns
+    -------
+    made : dict of str and ndarray
+        As `reconstruct_block` returns it.
+    shared : tuple
+        To be handed in again for other blocks of the same slice and pattern.
+    """
+    if not plan.in_slabs:
+        shared = shared or (prepare(plan, block, source),)
+        return reconstruct_block(plan, block, *shared, lines(plan, block, source)), shared
+    shared = shared or _volume_basis(plan, block, source, _slice_calibration(plan, block, source))
+    frames = source.frames(block.slice, block.along())
+    volume = slabs.transformed(plan, plan.patterns[block.pattern], frames, source.disposable)
+    return _volume(plan, block, volume, *shared, None), shared
+
+
+def straightened(plan, image):
+    """Images of all slices, ``(x, y, slice, ...)``, where gradients bend the slices themselves."""
+    return _corrected(plan, plan.placements[plan.kept[0].start : plan.kept[0].stop], image)
 
 
 def _tasks(plan, source):

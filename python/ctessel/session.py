@@ -21,8 +21,7 @@ from .arrived import LAST, UNCLEAR, Arrived, Forecast, contents
 from .files import Staged
 from .pictures import Pictures
 from .plan import plan as make_plan
-from .reconstruct import Block, blocks, prepare, reconstruct_block
-from .reconstruct import lines as lines_of
+from .reconstruct import Block, blocks, single, straightened
 from .stream import StreamError
 
 #: Samples that may be held beyond twice those that the header promises.
@@ -322,7 +321,7 @@ class Scan:
         self._forecast = self._pictures = self._options = None
         self._hopeless = False
         self._sent, self._waiting, self._when = {}, [], {}
-        self._bases, self._told = {}, set()
+        self._shared, self._stacks, self._told = {}, {}, set()
 
     def arrive(self, heads, now):
         """Take note of new acquisitions; send what they complete."""
@@ -397,20 +396,31 @@ class Scan:
             self._acquisitions.forget(self._sent[index, repetition])
 
     def _reconstruct(self, source, plan, block, heads, now):
-        samples = lines_of(plan, block, source)
-        made = reconstruct_block(plan, block, self._basis(source, plan, block), samples)
+        key = (block.slice, block.pattern)
+        while sum(map(_bytes, self._shared.values())) > BASES and key not in self._shared:
+            del self._shared[next(iter(self._shared))]
+        made, self._shared[key] = single(plan, block, source, self._shared.get(key))
         for at, repetition in enumerate(block.repetitions.tolist()):
             one = {name: values[..., at : at + 1] for name, values in made.items()}
             head = heads[source.image(block.slice, repetition)[1][0]]
-            self._pictures.add(block.slice, repetition, one, head, now)
+            self._deliver(plan, block.slice, repetition, (one, head, now))
 
-    def _basis(self, source, plan, block):
-        key = (block.slice, block.pattern)
-        if key not in self._bases:
-            while sum(_bytes(basis) for basis in self._bases.values()) > BASES:
-                del self._bases[next(iter(self._bases))]
-            self._bases[key] = prepare(plan, block, source)
-        return self._bases[key]
+    def _deliver(self, plan, index, repetition, image):
+        """Send an image; where slices are bent, once those of its repetition are complete."""
+        if not plan.stack:
+            self._pictures.add(index, repetition, *image)
+            return
+        stack = self._stacks.setdefault(repetition, {})
+        stack[index] = image
+        if len(stack) < len(plan.kept[0]):
+            return
+        order = sorted(self._stacks.pop(repetition))
+        straight = straightened(
+            plan, np.concatenate([stack[at][0]["image"][:, :, :1] for at in order], 2)
+        )
+        for at, (one, head, now) in sorted(stack.items()):
+            one["image"] = straight[:, :, at : at + 1]
+            self._pictures.add(at, repetition, one, head, now)
 
     def _note(self, arrived):
         """An image has been sent whose last line came at that time."""
@@ -437,10 +447,10 @@ class Scan:
             self._session.warn(
                 "images went out before something that changes them was measured; all are sent again"
             )
-            self._sent = {}
+            self._sent, self._stacks = {}, {}
             self._open(plan, found.header, kind, bits)
         self._tell(plan)
-        self._bases = {}  # patterns have other numbers
+        self._shared = {}  # patterns have other numbers
         for block in blocks(plan):
             left = [r for r in block.repetitions.tolist() if (block.slice, r) not in self._sent]
             if left:
@@ -463,8 +473,12 @@ class Scan:
         )
 
 
-def _bytes(basis):
-    return 0 if basis is None else basis.maps.nbytes + basis.expected.nbytes
+def _bytes(value):
+    """Memory of arrays, in whatever they are."""
+    if isinstance(value, np.ndarray):
+        return value.nbytes
+    parts = value if isinstance(value, (list, tuple)) else getattr(value, "__dict__", {}).values()
+    return sum(map(_bytes, parts))
 
 
 # ---- Raw data that are kept ----------------------------------------------------------------------
