@@ -310,7 +310,7 @@ def unwarp(
         of the image. Along axes of one voxel nothing is sampled.
     """
     threads = threads or _core.max_threads()
-    series = volumes.reshape(*grid.shape, -1, order="A")
+    series = volumes.reshape(*grid.shape, -1, order="F")
     out = np.zeros(series.shape, series.dtype, order="F")
     parts = 2 if np.iscomplexobj(series) else 1
     steps = len(grid.slabs()) + parts * series.shape[3] * len(_pieces(grid.shape[2]))

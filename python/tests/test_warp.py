@@ -284,6 +284,10 @@ def test_a_series_is_its_volumes_whatever_the_threads_and_the_type(tmp_path, tab
     told = []
     warp.unwarp(series, grid, correction, progress=lambda *at: told.append(at))
     assert [done for done, _ in told] == list(range(1, told[-1][1] + 1))
+    for order in "CF":  # echoes and repetitions
+        both = np.array(np.stack([series, series[..., ::-1]], -1), order=order)
+        got_both = warp.unwarp(both, grid, correction)
+        np.testing.assert_array_equal(got_both, np.stack([whole, whole[..., ::-1]], -1))
     pair = (series[..., 0] + 1j * series[..., 1]).astype(np.complex64)
     both = warp.unwarp(pair, grid, correction)
     np.testing.assert_array_equal(both.imag, whole[..., 1])
