@@ -6,6 +6,7 @@ import xml.etree.ElementTree as ElementTree
 from .acquisitions import DefectError
 from .scan import Header, Limit
 
+
 def parse(text):
     """One `Header` for each encoding of the header text.
 

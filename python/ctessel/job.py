@@ -16,7 +16,6 @@ class Job:
     arguments: object
     found: raw.Contents
     plan: pipeline.Plan
-    needed: int  # bytes
     affine: np.ndarray
     known: bool
 
@@ -35,7 +34,8 @@ class Job:
 
     def _source(self, client, show):
         """The file itself where all who work see it, or its samples."""
-        if self.arguments.workers or (client and _seen_by(client, self.found.path)):
+        scheduler = self.arguments.scheduler
+        if self.by_part() or (scheduler and _seen_by(client, self.found.path)):
             return raw.Source(self.found, self.plan.options.threads)
         with show("reading", "acquisitions") as progress:
             scan = raw.read(
@@ -47,6 +47,16 @@ class Job:
             )
         scan.disposable = True
         return scan
+
+    @property
+    def needed(self):
+        """Bytes of memory."""
+        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + report.INTERPRETER
+
+    def by_part(self):
+        """Whether workers here read what they work on; slabs are cut from a volume that is kept."""
+        arguments = self.arguments
+        return bool(arguments.workers) and not (self.plan.in_slabs and arguments.scratch)
 
     def _client(self):
         if self.arguments.scheduler:
@@ -156,9 +166,7 @@ def prepare(arguments, part):
         raise
     except ValueError as error:
         raise raw.RawError(f"{arguments.raw}: {error}") from None
-    shared = bool(arguments.workers)
-    needed = plan.memory(arguments.workers or 1, shared) + report.INTERPRETER
-    job = Job(arguments, found, plan, needed, matrix, known)
+    job = Job(arguments, found, plan, matrix, known)
     for name in job.outputs():
         files.check_output(name)
         if os.path.exists(name) and os.path.samefile(name, found.path):
@@ -200,7 +208,7 @@ def _geometry(found, plan):
 def _check_memory(job):
     """Refuse what does not fit before the work."""
     shape = (job.found.width, *job.found.scan.shape[1:])
-    scratch = job.arguments.scratch and not job.arguments.workers
+    scratch = job.arguments.scratch and not job.by_part()
     on_disk = 8 * int(np.prod(shape, dtype=float)) if scratch else 0
     runtime.check(
         job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)

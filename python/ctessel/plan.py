@@ -348,7 +348,10 @@ def _check(layout, options, grid):
     if min(grid.matrix) < 1:
         raise ValueError(f"matrix: expected extents of at least 1, got {grid.matrix}")
     if layout.shape[2] == 1 and grid.matrix[2] != 1:
-        raise ValueError(f"matrix: expected one voxel along z for slices, got {grid.matrix[2]}")
+        raise ValueError(
+            f"matrix: expected one voxel along z for slices, got {grid.matrix[2]}; name the "
+            "extents of the image (--pad X Y 1)"
+        )
     if options.combine not in ("pcsos", "sos"):
         raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
     if options.coefficients is None:

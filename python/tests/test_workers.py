@@ -11,7 +11,7 @@ import numpy as np
 import pytest
 from conftest import same_bits
 
-from ctessel import phantom, pipeline, raw
+from ctessel import cli, phantom, pipeline, raw
 from ctessel.pipeline import Options
 from ctessel.workers import Workers
 
@@ -46,6 +46,18 @@ def test_workers_make_the_images_of_one_process(tmp_path, workers, monkeypatch, 
         got = pipeline.reconstruct(source, options, lambda *done: seen.append(done), workers)
         same_bits(got.image, want)
         assert seen == [(n, 9) for n in range(1, 10)]
+
+
+def test_the_command_gives_the_bits_of_one_process(tmp_path):
+    nibabel = pytest.importorskip("nibabel")
+    for kind in ("slices", "3d-undersampled"):
+        phantom.write(tmp_path / "p.h5", kind, size=32, coils=4)
+        images = []
+        for options in ([], ["--workers", "2"], ["--workers", "2", "--scratch", str(tmp_path)]):
+            assert cli.main(["recon", str(tmp_path / "p.h5"), "-o", str(tmp_path / "i.nii"), *options]) == 0
+            images.append(np.array(nibabel.load(tmp_path / "i.nii").dataobj))
+        same_bits(images[1], images[0])
+        same_bits(images[2], images[0])
 
 
 def test_a_file_that_changes_is_refused(tmp_path, workers):
