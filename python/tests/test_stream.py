@@ -298,6 +298,20 @@ def test_options_come_from_command_config_and_text(tmp_path):
         np.testing.assert_array_equal(np.abs(pixels[..., 0]).squeeze(), want.squeeze())
 
 
+def test_slices_that_gradients_bend_wait_for_their_volume(tmp_path):
+    phantom.write(tmp_path / "p.h5", "slices", size=32, slices=3, repetitions=2)
+    (tmp_path / "c.grad").write_text("0.25 m = R0\n 1 A( 3, 0) -0.5 z\n 2 A( 3, 1) -1 x\n")
+    want, plain = (
+        np.asarray(reconstructed(tmp_path / "p.h5", tmp_path, *words).dataobj)
+        for words in (("--geometry", f"{tmp_path}/c.grad"), ())
+    )
+    with Server("--pixels", "float", "--geometry", tmp_path / "c.grad") as made:
+        images = send.Sender(tmp_path / "p.h5").exchange(made.address)
+    got = send.assembled(images)[:, :, 0, :, 0]
+    np.testing.assert_array_equal(got, want)
+    assert np.abs(got - plain).max() > 0.01
+
+
 # ---- Raw data that are kept ----------------------------------------------------------------------
 
 
