@@ -427,7 +427,8 @@ def _readouts(heads, header, which):
         for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
     )
     length = samples - pre - post
-    given, reverse = centre > 0, heads["flags"] & REVERSE != 0
+    # Senders that remove oversampling may leave the centre of the longer readout behind.
+    given, reverse = (centre > 0) & (centre < samples), heads["flags"] & REVERSE != 0
     centre = np.where(given, centre, samples // 2)
     turned = np.where(given, samples - 1 - centre, centre)
     first = extent // 2 + np.where(reverse, post - turned, pre - centre)

@@ -254,6 +254,14 @@ def test_lines_that_change_what_was_sent_have_it_sent_again(tmp_path, server):
     np.testing.assert_array_equal(send.assembled(peer.images[2:])[:, :, 0, :, 0, 0], want)
 
 
+def test_a_centre_beyond_the_readout_is_that_of_a_longer_one(server, small):
+    plain = Peer(server.address).send(*small).end().images[0][2]
+    moved = [bytearray(message) for message in small]
+    for message in moved[2:-1]:
+        np.frombuffer(message, HEAD, 1, 2)["center_sample"] = 64  # of 64 samples, k = 0 is the 32nd
+    np.testing.assert_array_equal(Peer(server.address).send(*moved).end().images[0][2], plain)
+
+
 def test_one_scale_holds_for_a_series(tmp_path, server):
     phantom.write(tmp_path / "p.h5", "repetitions", size=32, slices=2, noise=0)
     messages = split(send.Sender(tmp_path / "p.h5"), parameters='{"parameters": {"pixels": "int16"}}')
