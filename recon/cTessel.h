@@ -158,10 +158,9 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// (of folded images, maps, full size, covariance, output, factors, and with regularisation of ref
 /// and of a location of reg); -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
 /// earlier volumes written. Too few locations in sens or reg are the caller's fault.
-/// Threads: split over x within each step.
-/// Memory: the factors, 16 bytes for each coil, alias and voxel of their grid (see
-/// get_combination_factors), what the two steps need, and with regularisation 4 bytes per sample of
-/// one location of reg.
+/// The results are those of get_combination_factors and unfold, to the bit. Threads: split over x.
+/// Memory: on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to
+/// 1400 pairs of a coil and an alias; it does not grow with the extents nor with the volumes.
 /// Source: Pruessmann et al., SENSE: sensitivity encoding for fast MRI, MRM 1999;42:952.
 int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dims, float* sens_re,
                    float* sens_im, int sens_ndims, int* sens_dims, float* psi_re, float* psi_im,

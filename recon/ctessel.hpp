@@ -158,6 +158,25 @@ struct HomodyneAxis {
   Positions kept;
 };
 
+/// What SENSE knows beside folded images and maps. Arrays on the maps' grid are (x', y', z', location).
+struct SenseOptions {
+  /// (coil, coil): noise covariance; none: the identity. Any unit without regularisation; with it, the
+  /// noise power of the folded images, covariance(c, c) = mean |noise|^2 in their unit.
+  ConstSamples covariance;
+  /// Expected magnitude, on the maps' grid, which switches the regularisation on: 1 / (expected^2
+  /// weight) on the diagonal, 0 where nothing is expected.
+  ConstSamples expected;
+  double weight = 1;
+  /// Image of any extents that gives the weight instead, as in TS_sense_recon: ((rms(folded) / scale)
+  /// / rms(reference))^2 / reduction.
+  ConstSamples reference;
+  double scale = 1;
+  /// On the maps' grid, real: not 0 where a voxel is in the object, each for itself, taken at the
+  /// nearest sample. None: coil 0's real parts decide, and an alias stays in for the rest of its
+  /// column x, as in TS_sense_recon.
+  ConstSamples mask;
+};
+
 // Routines are seen outside of the shared library; the views above are compiled where they are used.
 #pragma GCC visibility push(default)
 
@@ -187,6 +206,27 @@ void sos(const ConstSamples& data, Dim coil, const Samples& out);
 /// along Dim::repetition, which is not the coils' axis. `out` is complex, written, and has extent 1
 /// along `coil`. Threads: split over voxels. Memory: 3 KiB per thread and entry of the averaged axis.
 void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
+
+// ---- SENSE --------------------------------------------------------------------------------------
+//
+// Pruessmann et al., Magn. Reson. Med. 42:952 (1999).
+
+/// Unfolds undersampled multi-coil images: the noise-weighted least-squares solution of every voxel's
+/// aliases, with the bits of TS_sense_recon.
+///
+///   folded     in   (x, y, z, coil, p, q, r, location, ...), up to 13 axes; real or complex
+///   maps       in   (x', y', z', coil, location), sensitivities over the full field of view, on any
+///                   grid; as many coils and locations as folded
+///   full_size  in   x, y, z of the image; x as folded, y and z at least as folded, any quotient
+///   out        out  (full x, y, z, 1, p, q, r, location, ...), complex or for real parts only; pixels
+///                   outside of the object stay as they are
+///
+/// Errors: std::invalid_argument where extents do not fit. Threads: split over x. Memory: on each
+/// thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
+/// coil and an alias.
+void sense(const ConstSamples& folded, const ConstSamples& maps,
+           const std::array<int, 3>& full_size, const Samples& out,
+           const SenseOptions& options = {});
 
 // ---- Homodyne reconstruction --------------------------------------------------------------------
 //

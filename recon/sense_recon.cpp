@@ -6,12 +6,21 @@
 #include <array>
 #include <climits>
 #include <cmath>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
+#include "samples.h"
 #include "sense_steps.h"
+#include "sense_volumes.h"
 
 namespace {
 
+using ctessel::ConstSamples;
+using ctessel::Dim;
+using ctessel::Samples;
 using std::int64_t;
 
 constexpr int64_t kTooMany = -1;
@@ -47,7 +56,6 @@ struct Extents {
     if (std::find(parts, parts + 3, kTooMany) != parts + 3) return kTooMany;
     return product({parts[0], parts[1], parts[2], d[7]});
   }
-  Eigen::VectorXi first_four() const { return Eigen::Map<const Eigen::VectorXi>(d.data(), 4); }
 };
 
 Eigen::MatrixXcd noise_covariance(const float* re, const float* im, int rows, int columns) {
@@ -72,15 +80,12 @@ int64_t ceiling(float quotient) {
   return c >= 0 && c < 2147483648.0f ? static_cast<int64_t>(c) : -1;
 }
 
-/// Extents of the factors, x, y, z and slots: all 0 if they cannot be held.
-Eigen::VectorXi factor_extents(const Extents& sens, const Eigen::Vector3f& R) {
+/// Whether the factors of a location can be numbered with int.
+bool factors_fit(const Extents& sens, const Eigen::Vector3f& R) {
   const int64_t y = ceiling(static_cast<float>(sens.d[1]) / R[1]),
                 z = ceiling(static_cast<float>(sens.d[2]) / R[2]),
                 slots = product({ceiling(R[2]), ceiling(R[1]), sens.d[3]});
-  Eigen::VectorXi dims = Eigen::VectorXi::Zero(4);
-  if (slots == kTooMany || product({sens.d[0], y, z, slots}) == kTooMany) return dims;
-  dims << sens.d[0], static_cast<int>(y), static_cast<int>(z), static_cast<int>(slots);
-  return dims;
+  return slots != kTooMany && product({sens.d[0], y, z, slots}) != kTooMany;
 }
 
 /// Level of the folded data over the reference, squared, per unfolded pixel. The ratio
@@ -94,16 +99,220 @@ double regularisation_weight(double fold_rms, double scale, double reference_rms
   return ratio * ratio / reduction;
 }
 
-void magnitude(const float* re, const float* im, int64_t first, Eigen::VectorXf& out) {
-  for (Eigen::Index i = 0; i < out.size(); ++i) {
-    const double x = re[first + i], y = im ? im[first + i] : 0.0f;
-    out[i] = static_cast<float>(std::sqrt(x * x + y * y));
+/// A whole data set. Folded images and output have thirteen axes.
+struct DataSet {
+  ConstSamples folded, maps, mask, expected;
+  int64_t expected_size;  // samples of a location
+  Samples out;
+  int64_t out_samples;  // of a packed output that volumes may overrun; 0 if they fit
+  Eigen::MatrixXcd psi;
+  Eigen::Vector3f reduction;
+  Eigen::VectorXi full;
+  double lambda;
+};
+
+/// A view of parts without gaps, of thirteen axes: a volume of nx rows and ny rows a plane, and the
+/// axes behind the coils one volume of `step` floats after the other.
+template <class Float>
+ctessel::BasicSamples<Float> packed(Float* re, Float* im, const Extents& n, int64_t nx, int64_t ny,
+                                    int64_t step) {
+  ctessel::BasicSamples<Float> s(re, im, {n.d.begin(), n.d.end()}, {});
+  for (int64_t stride : {int64_t{1}, nx, nx * ny, step / std::max(n.d[3], 1)})
+    s.strides.push_back(static_cast<std::ptrdiff_t>(stride));
+  for (std::size_t d = 4; d < n.d.size(); ++d, step *= n.d[d - 1])
+    s.strides.push_back(static_cast<std::ptrdiff_t>(step));
+  return s;
+}
+
+/// The volumes of a location, which run over the axes before it and then over those behind it.
+struct Location {
+  const DataSet& data;
+  int64_t l;
+  int64_t count() const {
+    int64_t n = 1;
+    for (int d : kAxes) n *= data.folded.extents[static_cast<std::size_t>(d)];
+    return n;
+  }
+  ctessel::VolumePlace place(int64_t volume) const {
+    ctessel::VolumePlace at{l * data.folded.stride(Dim::location),
+                            l * data.out.stride(Dim::location), INT64_MAX};
+    for (int d : kAxes) {
+      const int64_t n = data.folded.extent(Dim(d)), i = volume % n;
+      at.in += i * data.folded.stride(Dim(d));
+      at.out += i * data.out.stride(Dim(d));
+      volume /= n;
+    }
+    if (data.out_samples > 0) at.room = data.out_samples - at.out;
+    return at;
+  }
+  static constexpr int kAxes[] = {8, 9, 10, 11, 12, 4, 5, 6};
+};
+
+ctessel::Volume volume_of(const ConstSamples& s, Dim axis, int64_t l) {
+  if (!s) return {};
+  const int64_t at = l * s.stride(axis);
+  return {s.re + at,        s.im ? s.im + at : nullptr, s.stride(Dim::x),
+          s.stride(Dim::y), s.stride(Dim::z),           s.stride(Dim::coil)};
+}
+
+Eigen::VectorXi first_four(const ConstSamples& s) {
+  Eigen::VectorXi n(4);
+  for (int d = 0; d < 4; ++d) n[d] = static_cast<int>(s.extent(Dim(d)));
+  return n;
+}
+
+/// What unfolding needs to know of one location beside its factors.
+ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem& factors,
+                                 const Location& location) {
+  float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
+  factors.record_edges(edges_y, edges_z);
+  const Eigen::VectorXi fold = first_four(d.folded);
+  const int Ay = ctessel::most_aliases(d.full[1], fold[1]);
+  // Aliases along z that the factors have no slot for are left out: data of two dimensions are
+  // unfolded with one slice however many the full size names.
+  const int64_t room_z = factors.slots() / std::max<int64_t>(1, factors.nc * Ay);
+  const int Az =
+      static_cast<int>(std::min<int64_t>(ctessel::most_aliases(d.full[2], fold[2]), room_z));
+  return {factors,
+          volume_of(d.folded, Dim::location, 0),
+          fold[0],
+          d.full[0],
+          d.full[1],
+          d.out.re,
+          d.out.im,
+          d.out.stride(Dim::x),
+          d.out.stride(Dim::y),
+          d.out.stride(Dim::z),
+          ctessel::list_lines(fold[1], d.full[1], Ay, factors.y.lines, edges_y),
+          ctessel::list_lines(fold[2], d.full[2], Az, factors.z.lines, edges_z),
+          ctessel::row_grid(fold[0], static_cast<int>(factors.nx)),
+          location.count(),
+          [](const void* context, int64_t volume) {
+            return static_cast<const Location*>(context)->place(volume);
+          },
+          &location};
+}
+
+/// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
+void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
+  ctessel::FactorProblem factors(first_four(d.maps), d.psi, d.reduction, first_four(d.folded),
+                                 d.full);
+  if (std::min({factors.nx, int64_t{factors.y.lines}, int64_t{factors.z.lines}, factors.nc,
+                int64_t{d.folded.extent(Dim::x)}}) < 1) {
+    return;
+  }
+  for (int64_t l = 0; l < locations; ++l) {
+    factors.maps = volume_of(d.maps, Dim(4), l);
+    factors.mask = volume_of(d.mask, Dim(3), l);
+    factors.expected = volume_of(d.expected, Dim(3), l);
+    factors.expected_size = d.expected ? d.expected_size : 0;
+    factors.lambda = d.lambda;
+    const Location location{d, l};
+    ctessel::SenseProblem problem = problem_of(d, factors, location);
+    if (l + 1 == locations && last_count >= 0) problem.volumes = last_count;
+    ctessel::unfold_volumes(problem);
   }
 }
 
-float* offset(float* p, int64_t by) { return p ? p + by : nullptr; }
+[[noreturn]] void refuse(const std::string& what) { throw std::invalid_argument("sense: " + what); }
+
+void require_extent(const ConstSamples& s, int axis, int64_t n, const char* what) {
+  const int64_t given = s.extent(Dim(axis));
+  if (given == n) return;
+  refuse(std::string(what) + " must have extent " + std::to_string(n) + " along axis " +
+         std::to_string(axis) + ", not " + std::to_string(given));
+}
+
+void require_on_grid(const ConstSamples& s, const ConstSamples& maps, const char* what) {
+  if (!s) return;
+  for (int d = 0; d < 3; ++d) require_extent(s, d, maps.extent(Dim(d)), what);
+  require_extent(s, 3, maps.extent(Dim(4)), what);
+}
+
+void require_fit(const ConstSamples& folded, const ConstSamples& maps,
+                 const std::array<int, 3>& full, const Samples& out,
+                 const ctessel::SenseOptions& options) {
+  if (folded.ndim() > 13) refuse("folded images have at most 13 axes");
+  for (const auto* s : {&folded, &maps}) {
+    if (s->size() < 1) refuse("folded images and maps must not be empty");
+    for (std::ptrdiff_t n : s->extents) {
+      if (n > INT_MAX) refuse("an extent is at most 2147483647");
+    }
+  }
+  require_extent(maps, 3, folded.extent(Dim::coil), "maps");
+  require_extent(maps, 4, folded.extent(Dim::location), "maps");
+  require_on_grid(options.mask, maps, "the mask");
+  require_on_grid(options.expected, maps, "the expected magnitude");
+  for (int d = 0; d < 2 && options.covariance; ++d)
+    require_extent(options.covariance, d, maps.extent(Dim::coil), "the covariance");
+  if (full[0] != folded.extent(Dim::x) || full[1] < folded.extent(Dim::y) ||
+      full[2] < folded.extent(Dim::z)) {
+    refuse("full_size must be that of the folded images along x and at least that along y and z");
+  }
+  for (int d = 0; d < 13; ++d) {
+    const int64_t n = d < 3 ? full[static_cast<std::size_t>(d)] : folded.extent(Dim(d));
+    require_extent(out, d, d == 3 ? 1 : n, "out");
+  }
+}
+
+/// TS_SA of samples wherever they lie, in the same order.
+double root_mean_square(const ConstSamples& s) {
+  const std::ptrdiff_t nx = s.extent(Dim::x);
+  std::vector<float> re(static_cast<std::size_t>(nx)), im(re);
+  long double sum = 0;
+  for (std::ptrdiff_t row = 0; row < s.size() / nx; ++row) {
+    std::ptrdiff_t at = 0, rest = row;
+    for (int d = 1; d < s.ndim(); ++d) {
+      at += rest % s.extent(Dim(d)) * s.stride(Dim(d));
+      rest /= s.extent(Dim(d));
+    }
+    ctessel::load_row(ctessel::row_of(s, Dim::x, at), re.data(), im.data());
+    for (std::size_t i = 0; i < re.size(); ++i) {
+      const long double x = re[i], y = im[i];
+      sum += x * x + y * y;
+    }
+  }
+  return static_cast<double>(std::sqrt(sum / static_cast<long double>(s.size())));
+}
+
+Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
+  if (!s) return Eigen::MatrixXcd::Identity(coils, coils);
+  Eigen::MatrixXcd psi(coils, coils);
+  for (std::ptrdiff_t c = 0; c < coils; ++c) {
+    for (std::ptrdiff_t r = 0; r < coils; ++r) {
+      const std::ptrdiff_t at = r * s.stride(Dim(0)) + c * s.stride(Dim(1));
+      psi(r, c) = {s.re[at], s.im ? s.im[at] : 0.0f};
+    }
+  }
+  return psi;
+}
 
 }  // namespace
+
+void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
+                    const std::array<int, 3>& full_size, const Samples& out,
+                    const SenseOptions& options) {
+  require_fit(folded, maps, full_size, out, options);
+  const ::Extents fold(4, first_four(folded).data());
+  const int64_t grid = maps.extent(Dim::x) * maps.extent(Dim::y) * maps.extent(Dim::z);
+  double weight = options.weight;
+  if (options.expected && options.reference) {
+    weight = regularisation_weight(root_mean_square(folded), options.scale,
+                                   root_mean_square(options.reference), fold, full_size.data());
+  }
+  const DataSet data{folded.with_axes(13),
+                     maps.with_axes(5),
+                     options.mask,
+                     options.expected,
+                     grid,
+                     out.with_axes(13),
+                     0,
+                     covariance_of(options.covariance, maps.extent(Dim::coil)),
+                     reduction_factors(fold, 3, full_size.data()),
+                     Eigen::Map<const Eigen::VectorXi>(full_size.data(), 3),
+                     options.expected ? weight : 0.0};
+  unfold_locations(data, folded.extent(Dim::location), -1);
+}
 
 int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dims, float* sens_re,
                    float* sens_im, int sens_ndims, int* sens_dims, float* psi_re, float* psi_im,
@@ -120,42 +329,42 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
     if (n == kTooMany) return -1;
   }
   const Eigen::Vector3f R = reduction_factors(F, fold_ndims, full_size);
-  Eigen::VectorXi factor_dims = factor_extents(S, R);
-  if (factor_dims[3] == 0 && S.d[3] != 0 && F.total() != 0) return -1;
+  const bool fit = factors_fit(S, R);
+  if (!fit && S.d[3] != 0 && F.total() != 0) return -1;
+  if (F.d[7] == 0) return 1;
+  if (psi_dims[0] != S.d[3] || psi_dims[1] != S.d[3] || (!fit && S.coils() != 0)) return -1;
 
-  const Eigen::MatrixXcd psi = noise_covariance(psi_re, psi_im, psi_dims[0], psi_dims[1]);
-  const double lambda =
-      regularised ? regularisation_weight(
-                        TS_SA(fold_re, fold_im, static_cast<int>(F.total())), scale,
-                        TS_SA(ref_re, ref_im, static_cast<int>(Ref.total())), F, full_size)
-                  : 0.0;
-  // Cleared: voxels with fewer aliases than the most leave slots unwritten, and their neighbours'
-  // interpolation may read those.
-  Eigen::VectorXcd factors = Eigen::VectorXcd::Zero(factor_dims.prod());
-  Eigen::VectorXf expected(static_cast<Eigen::Index>(regularised ? Reg.volume() : 0));
-  Eigen::VectorXi fold4 = F.first_four();
-  const Eigen::VectorXi full = Eigen::Map<const Eigen::VectorXi>(full_size, 3);
-
+  const auto on_grid = [&](float* re, float* im, const Extents& n, std::size_t axis, int64_t step) {
+    ConstSamples s = packed<const float>(re, im, n, S.d[0], S.d[1], step);
+    s.strides[axis] = static_cast<std::ptrdiff_t>(step);
+    return s;
+  };
+  DataSet data{packed<const float>(fold_re, fold_im, F, F.d[0], F.d[1], F.coils()),
+               on_grid(sens_re, sens_im, S, 4, S.coils()),
+               {},
+               regularised ? on_grid(reg_re, reg_im, Reg, 3, Reg.volume()) : ConstSamples(),
+               Reg.volume(),
+               packed(out_re, out_im, F, full_size[0], full_size[1], O.coils()),
+               O.total(),
+               noise_covariance(psi_re, psi_im, psi_dims[0], psi_dims[1]),
+               R,
+               Eigen::Map<const Eigen::VectorXi>(full_size, 3),
+               0};
+  if (regularised) {
+    data.lambda =
+        regularisation_weight(TS_SA(fold_re, fold_im, static_cast<int>(F.total())), scale,
+                              TS_SA(ref_re, ref_im, static_cast<int>(Ref.total())), F, full_size);
+  }
+  // Only a volume that starts past the end ends the run: positions outside of one leave the rest of
+  // the image good.
   for (int64_t l = 0; l < F.d[7]; ++l) {
-    magnitude(reg_re, reg_im, l * Reg.volume(), expected);
-    float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
-    // Only a refusal ends the run: positions outside the maps leave the rest of the image good.
-    if (get_combination_factors(sens_re + l * S.coils(), offset(sens_im, l * S.coils()),
-                                S.first_four(), psi, R, lambda, expected, factors, fold4, full,
-                                edges_y, edges_z) == 0) {
+    const Location location{data, l};
+    for (int64_t v = 0; v < location.count(); ++v) {
+      if (F.total() > 0 && location.place(v).out < O.total()) continue;
+      unfold_locations(data, l + 1, v);
       return -1;
     }
-    for (int64_t a = 0; a < F.middle(); ++a) {
-      for (int64_t b = 0; b < F.outer(); ++b) {
-        // Both arrays have the folded data's outer extents; only the volumes differ.
-        const int64_t volume = a + F.middle() * (l + F.d[7] * b);
-        const int64_t in = volume * F.coils(), out = volume * O.coils();
-        if (out >= O.total() || in >= F.total()) return -1;
-        const int64_t room = std::min(O.total() - out, product({full[0], full[1], full[2]}));
-        ctessel::unfold_within(fold_re + in, offset(fold_im, in), fold4, factors, factor_dims, full,
-                               edges_y, edges_z, out_re + out, out_im + out, room);
-      }
-    }
   }
+  unfold_locations(data, F.d[7], -1);
   return 1;
 }

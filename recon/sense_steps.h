@@ -10,7 +10,6 @@
 #pragma once
 
 #include <Eigen/Core>
-#include <algorithm>
 #include <cstdint>
 #include <new>
 #include <vector>
@@ -30,55 +29,6 @@ inline Eigen::VectorXf even_grid(int n, int high, int single) {
   return grid;
 }
 
-/// Rows of a volume that a query between rows and planes blends, as linear offsets with weights.
-///
-/// Like the interpolation routines it judges rows by their offset against the volume's end alone.
-/// Offsets ascend, so the rows inside are the first `count`.
-struct Corners {
-  std::int64_t offset[4];
-  double weight[4];
-  int count;
-};
-
-inline Corners corner_rows(std::int64_t row, std::int64_t nx, std::int64_t plane,
-                           std::int64_t volume, double fa, double fc) {
-  const double ga = 1 - fa, gc = 1 - fc;
-  Corners corners{
-      {row, row + nx, row + plane, row + nx + plane}, {ga * gc, fa * gc, ga * fc, fa * fc}, 0};
-  while (corners.count < 4 && corners.offset[corners.count] < volume) ++corners.count;
-  return corners;
-}
-
-template <int Rows, int Parts, class Value>
-__attribute__((always_inline)) inline void sum_rows(const Value* volume, const Corners& corners,
-                                                    std::int64_t n, Value* __restrict out) {
-  for (std::int64_t i = 0; i < n; ++i) {
-    double sum = 0;
-    for (int r = 0; r < Rows; ++r) sum += corners.weight[r] * volume[Parts * corners.offset[r] + i];
-    out[i] = static_cast<Value>(sum);
-  }
-}
-
-/// Weighted sum of the rows inside, `length` samples of `Parts` values each. Inline, for callers
-/// that come in versions for wider vectors.
-template <int Parts, class Value>
-__attribute__((always_inline)) inline void blend_rows(const Value* volume, const Corners& corners,
-                                                      std::int64_t length, Value* out) {
-  const std::int64_t n = Parts * length;
-  switch (corners.count) {
-    case 4:
-      return sum_rows<4, Parts>(volume, corners, n, out);
-    case 3:
-      return sum_rows<3, Parts>(volume, corners, n, out);
-    case 2:
-      return sum_rows<2, Parts>(volume, corners, n, out);
-    case 1:
-      return sum_rows<1, Parts>(volume, corners, n, out);
-    default:
-      std::fill_n(out, n, Value(0));
-  }
-}
-
 /// Arrays that begin with a cache line: of vectors that long, every second access would cross into
 /// the next one elsewhere.
 template <class T>
@@ -95,10 +45,24 @@ struct LineAllocator {
 template <class T>
 using LineVector = std::vector<T, LineAllocator<T>>;
 
-/// unfold for an output of out_size samples, which may be fewer than the full size has.
-int unfold_within(const float* fold_re, const float* fold_im, const Eigen::VectorXi& fold4,
-                  const Eigen::VectorXcd& factors, const Eigen::VectorXi& factor_dims,
-                  const Eigen::VectorXi& full_size, const float* edges_y, const float* edges_z,
-                  float* out_re, float* out_im, std::int64_t out_size);
+/// Full lines of every folded line along one axis, and its coordinate on the factor grid: none of its
+/// interpolation mixes both sides of a jump.
+struct UnfoldAxis {
+  int lines, room;
+  std::vector<int> count, full;
+  std::vector<float> coord;
+};
+UnfoldAxis list_lines(int folded_len, int full_len, int room, int factor_len, const float* edges);
+
+/// Where the pixels of a row lie along the factor grid's x.
+struct RowGrid {
+  std::vector<int> index, nearest;
+  std::vector<double> fraction;
+  bool regular;  // one factor sample per pixel
+};
+RowGrid row_grid(int folded_len, int factor_len);
+
+/// Largest alias count along an axis.
+int most_aliases(int full_len, int folded_len);
 
 }  // namespace ctessel

@@ -15,58 +15,19 @@
 #include "conversion.h"
 #include "dispatch.h"
 #include "loops.h"
+#include "row_interpolation.h"
 #include "sense_steps.h"
 
 namespace {
 
 using ctessel::Corners;
 using ctessel::Range;
+using ctessel::RowGrid;
+using ctessel::UnfoldAxis;
 using std::int64_t;
 
 constexpr int64_t kTile = 256;  // columns at a time: keeps the rows in work in the first cache
 constexpr int kBlock = 8;       // folded lines at a time
-
-/// Full lines of every folded line and its coordinate on the factor grid, along one axis.
-struct Axis {
-  int lines, room;
-  std::vector<int> count, full;
-  std::vector<float> coord;
-};
-
-Axis list_lines(int folded_len, int full_len, int room, int factor_len, const float* edges) {
-  Axis axis{folded_len, room, {}, {}, {}};
-  float compartments[] = {-1, -1};
-  if (folded_len > 0) get_compartments(full_len, folded_len, compartments);
-  const Eigen::VectorXf plain = ctessel::even_grid(folded_len, factor_len - 1, 0);
-  Eigen::VectorXi lines(room);
-  for (int i = 0; i < folded_len; ++i) {
-    axis.count.push_back(TS_get_unfolded_positions(full_len, folded_len, i, lines));
-    axis.full.insert(axis.full.end(), lines.begin(), lines.end());
-    const float at = static_cast<float>(pos2interpolate(plain[i], i, compartments, edges));
-    axis.coord.push_back(at < 0 ? 0 : at);
-  }
-  return axis;
-}
-
-/// Where the pixels of a row lie along the factor grid's x.
-struct RowGrid {
-  std::vector<int> index, nearest;
-  std::vector<double> fraction;
-  bool regular;  // one factor sample per pixel
-};
-
-RowGrid row_grid(int folded_len, int factor_len) {
-  RowGrid grid{{}, {}, {}, folded_len == factor_len};
-  const Eigen::VectorXf plain = ctessel::even_grid(folded_len, factor_len - 1, 0);
-  for (float x : plain) {
-    x = x < 0 ? 0 : x;
-    grid.index.push_back(ctessel::to_int(x));
-    grid.nearest.push_back(TS_round(x));
-    grid.fraction.push_back(static_cast<double>(x) - grid.index.back());
-    grid.regular &= grid.index.back() + 1 == static_cast<int>(grid.index.size());
-  }
-  return grid;
-}
 
 struct Problem {
   const float *fold_re, *fold_im;
@@ -77,13 +38,15 @@ struct Problem {
   int64_t X, Y;
   float *out_re, *out_im;
   int64_t out_size;
-  Axis y, z;
+  UnfoldAxis y, z;
   RowGrid x;
 };
 
 CTESSEL_CLONES
 void blend(const double* slot, const Corners& corners, int64_t length, double* out) {
-  ctessel::blend_rows<2>(slot, corners, length, out);
+  const double* rows[4];
+  for (int r = 0; r < corners.count; ++r) rows[r] = slot + 2 * corners.offset[r];
+  ctessel::blend_rows(rows, corners.weight, corners.count, 2 * length, out);
 }
 
 /// u += M v along a row whose pixels have consecutive factors; weights come in equal pairs.
@@ -119,7 +82,8 @@ void apply_between(const double* __restrict row, const int* __restrict index,
 /// A folded line in work.
 struct Line {
   int y;
-  double fraction;      // between its two rows
+  double fraction;  // between its two rows
+  double slice_fraction;
   Corners around;       // rows of a slot around it, of both slices
   int64_t low, high;    // the same rows among those blended between slices
   unsigned char* mask;  // by alias and column
@@ -192,6 +156,7 @@ class Columns {
       const float py = p_.y.coord[size(y)];
       Line line{y,
                 static_cast<double>(py) - ctessel::to_int(py),
+                slice_fraction(z),
                 corners(y, z),
                 0,
                 0,
@@ -235,10 +200,13 @@ class Columns {
                                 static_cast<double>(py) - iy, static_cast<double>(pz) - iz);
   }
 
+  double slice_fraction(int z) const {
+    return static_cast<double>(p_.z.coord[size(z)]) - ctessel::to_int(p_.z.coord[size(z)]);
+  }
+
   /// Blends the block's rows of a slot between slice and next slice.
   void blend_slices(const double* slot, int z) {
-    const float pz = p_.z.coord[size(z)];
-    const double fc = static_cast<double>(pz) - ctessel::to_int(pz);
+    const double fc = slice_fraction(z);
     for (std::size_t r = 0; r < rows_.size(); ++r) {
       Corners slices{{rows_[r], rows_[r] + p_.fx * p_.fy}, {1 - fc, fc}, 0};
       while (slices.count < 2 && slices.offset[slices.count] < p_.voxels) ++slices.count;
@@ -256,24 +224,27 @@ class Columns {
       blend(reinterpret_cast<const double*>(p_.factors + j * p_.voxels), line.around, span_,
             row_.data());
     }
-    const std::complex<double> past = sample_past(j, line.around);
+    const std::complex<double> past = sample_past(j, line, between_slices);
     row_[size(2 * span_)] = past.real();
     row_[size(2 * span_ + 1)] = past.imag();
   }
 
-  /// The sample after the last one of a row, which may be the next row's first.
-  std::complex<double> sample_past(int64_t j, const Corners& around) const {
-    std::complex<double> past = 0;
-    for (int r = 0; r < around.count; ++r) {
-      const int64_t at = around.offset[r] + span_;
-      // A grid of one row per slice counts its corners so that the second row may read one sample
-      // of the next slot.
-      const bool counted = at < p_.voxels || (r == 1 && p_.fy == 1 && around.count > 2);
-      if (counted && j * p_.voxels + at < p_.factor_count) {
-        past += around.weight[r] * p_.factors[j * p_.voxels + at];
-      }
-    }
-    return past;
+  /// The sample after the last one of a row, which may be the next row's first. Blended in the same
+  /// order as the others, so that results do not depend on where a thread's columns end.
+  std::complex<double> sample_past(int64_t j, const Line& line, bool between_slices) const {
+    const auto at = [&](int r) { return past_of_corner(j, line.around, r); };
+    if (!between_slices) return line.around.weight[0] * at(0) + line.around.weight[1] * at(1);
+    const double fa = line.fraction, ga = 1 - fa, fc = line.slice_fraction, gc = 1 - fc;
+    return ga * (gc * at(0) + fc * at(2)) + fa * (gc * at(1) + fc * at(3));
+  }
+
+  std::complex<double> past_of_corner(int64_t j, const Corners& around, int r) const {
+    // A grid of one row per slice counts its corners so that the second row may read one sample
+    // of the next slot.
+    const int64_t at = around.offset[r] + span_;
+    const bool inside =
+        r < around.count && (at < p_.voxels || (r == 1 && p_.fy == 1 && around.count > 2));
+    return inside && j * p_.voxels + at < p_.factor_count ? p_.factors[j * p_.voxels + at] : 0.0;
   }
 
   /// u += M v of the block's lines for coil c and alias k.
@@ -359,26 +330,54 @@ class Columns {
   const std::vector<float> zeros_;
 };
 
-/// Largest alias count along an axis.
-int most_aliases(int full_len, int folded_len) {
-  if (folded_len < 1) return 0;
-  return ctessel::to_int(std::ceil(static_cast<float>(full_len) / static_cast<float>(folded_len)));
-}
-
 }  // namespace
 
-int ctessel::unfold_within(const float* fold_re, const float* fold_im, const Eigen::VectorXi& fold4,
-                           const Eigen::VectorXcd& factors, const Eigen::VectorXi& factor_dims,
-                           const Eigen::VectorXi& full_size, const float* edges_y,
-                           const float* edges_z, float* out_re, float* out_im, int64_t out_size) {
+ctessel::UnfoldAxis ctessel::list_lines(int folded_len, int full_len, int room, int factor_len,
+                                        const float* edges) {
+  UnfoldAxis axis{folded_len, room, {}, {}, {}};
+  float compartments[] = {-1, -1};
+  if (folded_len > 0) get_compartments(full_len, folded_len, compartments);
+  const Eigen::VectorXf plain = even_grid(folded_len, factor_len - 1, 0);
+  Eigen::VectorXi lines(room);
+  for (int i = 0; i < folded_len; ++i) {
+    axis.count.push_back(TS_get_unfolded_positions(full_len, folded_len, i, lines));
+    axis.full.insert(axis.full.end(), lines.begin(), lines.end());
+    const float at = static_cast<float>(pos2interpolate(plain[i], i, compartments, edges));
+    axis.coord.push_back(at < 0 ? 0 : at);
+  }
+  return axis;
+}
+
+ctessel::RowGrid ctessel::row_grid(int folded_len, int factor_len) {
+  RowGrid grid{{}, {}, {}, folded_len == factor_len};
+  const Eigen::VectorXf plain = even_grid(folded_len, factor_len - 1, 0);
+  for (float x : plain) {
+    x = x < 0 ? 0 : x;
+    grid.index.push_back(to_int(x));
+    grid.nearest.push_back(TS_round(x));
+    grid.fraction.push_back(static_cast<double>(x) - grid.index.back());
+    grid.regular &= grid.index.back() + 1 == static_cast<int>(grid.index.size());
+  }
+  return grid;
+}
+
+int ctessel::most_aliases(int full_len, int folded_len) {
+  if (folded_len < 1) return 0;
+  return to_int(std::ceil(static_cast<float>(full_len) / static_cast<float>(folded_len)));
+}
+
+int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::VectorXcd& factors,
+           Eigen::VectorXi& factor_dims, Eigen::VectorXi& /*sens4*/, Eigen::VectorXi full_size,
+           float* edges_y, float* edges_z, float* out_re, float* out_im) {
   const int64_t fx = factor_dims[0], fy = factor_dims[1], fz = factor_dims[2], nc = fold4[3];
   if (std::min({fx, fy, fz}) < 1 || fold4.minCoeff() < 0 || full_size.minCoeff() < 0) return 1;
   // Aliases along z that the factors have no slot for are left out: data of two dimensions are
   // unfolded with one slice however many the full size names.
   const int64_t voxels = fx * fy * fz, slots = factors.size() / voxels;
-  const int Ay = most_aliases(full_size[1], fold4[1]);
+  const int Ay = ctessel::most_aliases(full_size[1], fold4[1]);
   const int64_t room_z = slots / std::max<int64_t>(1, std::max<int64_t>(1, nc) * Ay);
-  const int Az = static_cast<int>(std::min<int64_t>(most_aliases(full_size[2], fold4[2]), room_z));
+  const int Az =
+      static_cast<int>(std::min<int64_t>(ctessel::most_aliases(full_size[2], fold4[2]), room_z));
   const Problem problem{fold_re,
                         fold_im,
                         fold4[0],
@@ -395,12 +394,12 @@ int ctessel::unfold_within(const float* fold_re, const float* fold_im, const Eig
                         full_size[1],
                         out_re,
                         out_im,
-                        out_size,
-                        list_lines(fold4[1], full_size[1], Ay, factor_dims[1], edges_y),
-                        list_lines(fold4[2], full_size[2], Az, factor_dims[2], edges_z),
-                        row_grid(fold4[0], factor_dims[0])};
+                        int64_t{full_size[0]} * full_size[1] * full_size[2],
+                        ctessel::list_lines(fold4[1], full_size[1], Ay, factor_dims[1], edges_y),
+                        ctessel::list_lines(fold4[2], full_size[2], Az, factor_dims[2], edges_z),
+                        ctessel::row_grid(fold4[0], factor_dims[0])};
   int status = 1;
-  for_each_chunk(problem.nx, [&](int64_t begin, int64_t end) {
+  ctessel::for_each_chunk(problem.nx, [&](int64_t begin, int64_t end) {
     for (int64_t x = begin; x < end; x += kTile) {
       if (Columns(problem, {x, std::min(x + kTile, end)}).run()) continue;
 #pragma omp atomic write
@@ -408,12 +407,4 @@ int ctessel::unfold_within(const float* fold_re, const float* fold_im, const Eig
     }
   });
   return status;
-}
-
-int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::VectorXcd& factors,
-           Eigen::VectorXi& factor_dims, Eigen::VectorXi& /*sens4*/, Eigen::VectorXi full_size,
-           float* edges_y, float* edges_z, float* out_re, float* out_im) {
-  const std::int64_t size = std::int64_t{full_size[0]} * full_size[1] * full_size[2];
-  return ctessel::unfold_within(fold_re, fold_im, fold4, factors, factor_dims, full_size, edges_y,
-                                edges_z, out_re, out_im, size);
 }

@@ -3,12 +3,16 @@
 #include <complex>
 #include <numeric>
 
+#include "ctessel.hpp"
 #include "naive_sense.h"
 #include "support.h"
 
 namespace {
 
 using Complex = std::complex<double>;
+
+/// The same bits, or both not a number.
+bool same(float a, float b) { return std::isnan(b) ? std::isnan(a) : bits({a}) == bits({b}); }
 
 struct Setup {
   std::array<int, 4> maps;          // nx, ny, nz, coils
@@ -260,6 +264,150 @@ TEST_CASE("unfold keeps its place in the mask at a position out of range", "[sen
     CHECK(re.values() == want_re);
     CHECK(re.values()[6] == 8.0f);  // alias (3, 0) with the result of the skipped (1, 1)
   });
+}
+
+TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") {
+  CAPTURE(run_seed());
+  constexpr int kColumns = 600, kLast = kColumns - 1;
+  // Columns in which two aliases are equal: their neighbours take them with weight 0.
+  for (const int singular : {-1, 0, 255, 256, 300, kLast}) {
+    CAPTURE(singular);
+    Scene s({{kColumns, 8, 1, 3}, {kColumns, 4, 1}, {kColumns, 8, 1}, false});
+    for (int c = 0; singular >= 0 && c < 3; ++c)
+      for (auto* part : {&s.re, &s.im}) {
+        float* column = part->data() + singular + kColumns * 8 * c;
+        column[7 * kColumns] = column[3 * kColumns];  // both on folded line 1
+      }
+    Eigen::VectorXcd f = Eigen::VectorXcd::Zero(s.factor_dims.prod());
+    s.factors(f);
+    const int pixels = kColumns * 8;
+    std::vector<float> want_re(pixels), want_im(pixels);
+    unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
+           s.edges_y.data(), s.edges_z.data(), want_re.data(), want_im.data());
+    const int lost = static_cast<int>(
+        std::count_if(want_re.begin(), want_re.end(), [](float v) { return std::isnan(v); }));
+    CHECK(lost == (singular < 0 ? 0 : singular == 0 ? 6 : 8));  // column 0 follows the last one
+    with_thread_counts([&] {
+      int fold[] = {kColumns, 4, 1, 3}, out[] = {kColumns, 8, 1, 1}, psi[] = {3, 3};
+      Guarded<float> re(pixels, 0.0f), im(pixels, 0.0f);
+      CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
+                           s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
+                           1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+      int differ = 0;
+      for (int i = 0; i < pixels; ++i) {
+        differ += !same(re.values()[i], want_re[i]) || !same(im.values()[i], want_im[i]);
+      }
+      CHECK(differ == 0);
+      CHECK((re.intact() && im.intact()));
+    });
+  }
+}
+
+namespace {
+
+/// Samples of parts with further axes, in another layout.
+struct Elsewhere {
+  Elsewhere(const std::vector<float>& re, const std::vector<float>& im, const ctessel::Extents& n,
+            bool pairs, ctessel::Order order)
+      : pair(re.size()), parts{re, im} {
+    view = pairs ? ctessel::Samples::pairs(pair.data(), n, order)
+                 : ctessel::Samples::parts(parts[0].data(), parts[1].data(), n, order);
+    ctessel::copy(ctessel::ConstSamples::parts(re.data(), im.data(), n), view);
+  }
+  std::vector<std::complex<float>> pair;
+  std::vector<float> parts[2];
+  ctessel::Samples view;
+};
+
+}  // namespace
+
+TEST_CASE("sense takes samples as they lie, with the bits of TS_sense_recon", "[sense_recon]") {
+  CAPTURE(run_seed());
+  Random random(2);
+  int fold[] = {11, 4, 3, 4, 2, 1, 1, 2}, maps[] = {11, 10, 6, 4, 2}, psi[] = {4, 4};
+  int full[] = {11, 10, 6}, out[] = {11, 10, 6, 1, 2, 1, 1, 2}, ref[] = {5, 3};
+  const auto extents = [](const auto& n) { return ctessel::Extents(std::begin(n), std::end(n)); };
+  const auto reals = [&](int n) { return random.reals(static_cast<std::size_t>(n)); };
+  std::vector<float> fold_re = reals(2112), fold_im = reals(2112), maps_re = reals(5280),
+                     maps_im = reals(5280), psi_re(16), psi_im(16), image = reals(1320),
+                     zeros(1320), want_re(2640), want_im(2640);
+  for (int i = 0; i < 16; i += 5) psi_re[i] = 1.5f;
+  TS_sense_recon(fold_re.data(), fold_im.data(), 8, fold, maps_re.data(), maps_im.data(), 5, maps,
+                 psi_re.data(), psi_im.data(), 2, psi, full, image.data(), nullptr, 2, ref,
+                 image.data(), nullptr, 4, std::array{11, 10, 6, 2}.data(), 2, want_re.data(),
+                 want_im.data(), out);
+  const double level = TS_SA(fold_re.data(), fold_im.data(), 2112) / 2 /
+                       TS_SA(image.data(), nullptr, 15),
+               weight = level * level / (2.5 * 2);
+  for (const bool pairs : {false, true}) {
+    for (const auto order : {ctessel::Order::fortran, ctessel::Order::c}) {
+      CAPTURE(pairs, order == ctessel::Order::c);
+      Elsewhere in(fold_re, fold_im, extents(fold), pairs, order),
+          on(maps_re, maps_im, extents(maps), pairs, order),
+          noise(psi_re, psi_im, extents(psi), pairs, order),
+          expected(image, zeros, {11, 10, 6, 2}, pairs, order),
+          to(std::vector<float>(2640), std::vector<float>(2640), extents(out), pairs, order);
+      ctessel::SenseOptions options{noise.view, expected.view, weight, {}, 1, {}};
+      for (const bool referred : {false, true}) {
+        if (referred) {
+          options.reference = ctessel::ConstSamples::parts(image.data(), nullptr, {5, 3});
+          options.scale = 2;
+          options.weight = NAN;
+        }
+        ctessel::sense(in.view, on.view, {11, 10, 6}, to.view, options);
+        std::vector<float> re(2640), im(2640);
+        ctessel::copy(to.view, ctessel::Samples::parts(re.data(), im.data(), extents(out)));
+        CHECK((bits(re) == bits(want_re) && bits(im) == bits(want_im)));
+      }
+    }
+  }
+  CHECK_THROWS_AS(
+      ctessel::sense(ctessel::ConstSamples::parts(fold_re.data(), nullptr, {11, 4, 3, 3}),
+                     ctessel::ConstSamples::parts(maps_re.data(), nullptr, {11, 10, 6, 4}),
+                     {11, 10, 6}, ctessel::Samples::parts(want_re.data(), nullptr, {11, 10, 6})),
+      std::invalid_argument);
+}
+
+TEST_CASE("A mask holds for each voxel alone", "[sense_recon]") {
+  CAPTURE(run_seed());
+  Random random(3);
+  constexpr int kX = 20, kY = 12, kPixels = kX * kY;
+  Scene s({{kX, kY, 1, 4}, {kX, 4, 1}, {kX, kY, 1}, false});
+  std::vector<float> mask(kPixels), re(kPixels, 9.0f), im(re);
+  for (float& m : mask) m = random.integer(0, 2) > 0;
+  const ctessel::Extents maps = {kX, kY, 1, 4}, fold = {kX, 4, 1, 4}, image = {kX, kY, 1};
+  const auto view = [](const std::vector<float>& a, const std::vector<float>& b,
+                       const ctessel::Extents& n) {
+    return ctessel::ConstSamples::parts(a.data(), b.data(), n);
+  };
+  ctessel::SenseOptions options;
+  options.mask = ctessel::ConstSamples::parts(mask.data(), nullptr, image);
+  ctessel::sense(view(s.fold_re, s.fold_im, fold), view(s.re, s.im, maps), {kX, kY, 1},
+                 ctessel::Samples::parts(re.data(), im.data(), image), options);
+  for (int i = 0; i < kPixels; ++i) CHECK((re[i] == 9) == (mask[i] == 0));
+  for (int x = 0; x < kX; ++x) {
+    for (int line = 0; line < 4; ++line) {  // line 0 is that of rows 0, 4 and 8
+      std::vector<int> rows;
+      for (int y = line; y < kY; y += 4)
+        if (mask[x + kX * y] != 0) rows.push_back(y);
+      if (rows.empty()) continue;
+      Eigen::MatrixXcd S(4, rows.size());
+      Eigen::VectorXcd v(4);
+      for (int c = 0; c < 4; ++c) {
+        const int at = x + kX * (line + 4 * c);
+        v[c] = {s.fold_re[at], s.fold_im[at]};
+        for (std::size_t k = 0; k < rows.size(); ++k) {
+          const int sample = x + kX * (rows[k] + kY * c);
+          S(c, k) = {s.re[sample], s.im[sample]};
+        }
+      }
+      const Eigen::VectorXcd u = S.colPivHouseholderQr().solve(v);
+      for (std::size_t k = 0; k < rows.size(); ++k) {
+        const Complex got(re[x + kX * rows[k]], im[x + kX * rows[k]]);
+        CHECK(std::abs(got - u[k]) < 1e-3 * (1 + u.norm()));
+      }
+    }
+  }
 }
 
 TEST_CASE("Extents that cannot be are refused before memory is touched", "[sense_recon]") {

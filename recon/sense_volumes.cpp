@@ -1,0 +1,453 @@
+// Unfolding of all volumes of a location with factors that are never stored as a whole.
+//
+// A tile is some columns of pixels. Its factors are formed one folded line at a time, narrowed to
+// single precision at the pixels' places, and applied to the line of every volume. Lines that lie on
+// the factor grid's own rows need no neighbours: what interpolation takes with weight 0 changes
+// nothing as long as it is finite. So tiles are first worked on directly, and once more with every
+// neighbour where something was not finite.
+
+#include "sense_volumes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "cTessel.h"
+#include "conversion.h"
+#include "dispatch.h"
+
+namespace {
+
+using ctessel::FactorLines;
+using ctessel::Range;
+using ctessel::SenseProblem;
+using ctessel::VolumePlace;
+using std::int64_t;
+
+constexpr int kBlock = 8;              // folded lines whose rows of factors are kept between slices
+constexpr int64_t kCache = 700 << 10;  // bytes of a tile, of which the second cache has room
+constexpr int64_t kChunk = 16;         // columns whose sums stay in registers
+
+std::size_t size(int64_t n) { return static_cast<std::size_t>(n); }
+
+CTESSEL_CLONES
+void blend(const double* const* rows, const double* weight, int count, int64_t n, double* out) {
+  ctessel::blend_rows(rows, weight, count, n, out);
+}
+
+/// Factors of consecutive pixels that lie on the factors' own columns.
+CTESSEL_CLONES
+void narrow(const double* __restrict row, int64_t n, float* __restrict re, float* __restrict im) {
+  for (int64_t i = 0; i < n; ++i) {
+    re[i] = static_cast<float>(row[2 * i]);
+    im[i] = static_cast<float>(row[2 * i + 1]);
+  }
+}
+
+/// Factors of pixels between columns; `index` counts from the row's start.
+CTESSEL_CLONES
+void narrow_between(const double* __restrict row, const int* __restrict index,
+                    const double* __restrict low, const double* __restrict high, int64_t n,
+                    float* __restrict re, float* __restrict im) {
+  for (int64_t i = 0; i < n; ++i) {
+    const double* at = row + 2 * index[i];
+    re[i] = static_cast<float>(low[i] * at[0] + high[i] * at[2]);
+    im[i] = static_cast<float>(low[i] * at[1] + high[i] * at[3]);
+  }
+}
+
+/// u = sum over the coils, in ascending order, of m v for n columns. Rows of m are `next` apart.
+template <bool Whole>
+[[gnu::always_inline]] inline void add_coils(const float* m, int64_t next, int64_t im,
+                                             const float* const* v_re, const float* const* v_im,
+                                             int64_t nc, int64_t at, int64_t n, float* u_re,
+                                             float* u_im) {
+  const int64_t count = Whole ? kChunk : n;
+  float re[kChunk] = {}, imaginary[kChunk] = {};
+  for (int64_t c = 0; c < nc; ++c, m += next) {
+    const float *a = v_re[c] + at, *b = v_im[c] + at;
+    for (int64_t i = 0; i < count; ++i) {
+      re[i] += m[i] * a[i] - m[im + i] * b[i];
+      imaginary[i] += m[i] * b[i] + m[im + i] * a[i];
+    }
+  }
+  for (int64_t i = 0; i < count; ++i) {
+    u_re[at + i] = re[i];
+    u_im[at + i] = imaginary[i];
+  }
+}
+
+/// One alias of a line: m has a row of real and, `im` further, one of imaginary parts per coil.
+CTESSEL_CLONES
+void combine(const float* m, int64_t next, int64_t im, const float* const* v_re,
+             const float* const* v_im, int64_t nc, int64_t n, float* u_re, float* u_im) {
+  int64_t at = 0;
+  for (; at + kChunk <= n; at += kChunk)
+    add_coils<true>(m + at, next, im, v_re, v_im, nc, at, kChunk, u_re, u_im);
+  if (at < n) add_coils<false>(m + at, next, im, v_re, v_im, nc, at, n - at, u_re, u_im);
+}
+
+/// 0, or not a number where a value is not finite.
+CTESSEL_CLONES
+double rest(const double* v, int64_t n) {
+  double sum[8] = {};
+  for (int64_t i = 0; i + 8 <= n; i += 8)
+    for (int64_t j = 0; j < 8; ++j) sum[j] += 0.0 * v[i + j];
+  for (int64_t i = n / 8 * 8; i < n; ++i) sum[0] += 0.0 * v[i];
+  for (int64_t j = 1; j < 8; ++j) sum[0] += sum[j];
+  return sum[0];
+}
+
+/// Factors of one row of the factor grid in a tile's columns and, if needed, the one behind them.
+struct Line {
+  int64_t row = -1, last_use = 0;
+  bool finite = true;
+  ctessel::LineVector<std::complex<double>> slots;
+};
+
+/// Unfolds some columns x of all volumes.
+class Tile {
+ public:
+  /// With neighbours, or directly where lines need none.
+  Tile(const SenseProblem& problem, Range columns, bool between)
+      : p_(problem),
+        f_(problem.factors),
+        x0_(columns.begin),
+        width_(columns.end - columns.begin),
+        first_(p_.x.index[size(x0_)]),
+        span_(p_.x.index[size(columns.end - 1)] - first_ + 1),
+        wraps_(first_ + span_ == f_.nx),
+        pitch_(span_ + 1),
+        m_pitch_((width_ + kChunk - 1) / kChunk * kChunk),
+        rows_(int64_t{f_.y.lines} * f_.z.lines),
+        aligned_(is_aligned(p_.x, columns)),
+        lines_(f_, {first_, first_ + span_ + (wraps_ || (aligned_ && !between) ? 0 : 1)}),
+        m_(size(2 * f_.slots() * m_pitch_)),
+        u_(size(2 * f_.aliases() * width_)),
+        v_(size(p_.folded.x == 1 ? 0 : 2 * f_.nc * width_)),
+        v_re_(size(f_.nc)),
+        v_im_(size(f_.nc)),
+        mask_(size(f_.aliases() * width_)),
+        present_(size(f_.aliases())),
+        zeros_(size(width_)) {
+    for (int64_t i = x0_; i < columns.end; ++i) {
+      const double fraction = p_.x.fraction[size(i)];
+      index_.push_back(p_.x.index[size(i)] - static_cast<int>(first_));
+      low_.push_back(1 - fraction);
+      high_.push_back(fraction);
+    }
+    window_.reserve(kWindow);
+    if (wraps_ && between) past_.emplace(f_, Range{0, 1});
+  }
+
+  /// False if something was not finite: the tile then has to be unfolded with neighbours.
+  bool unfold_directly() {
+    Line& line = new_line();
+    for (int y = 0; y < p_.y.lines; ++y) {
+      for (int z = 0; z < p_.z.lines; ++z) {
+        lines_.form(y, z, true, line.slots.data(), pitch_);
+        finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
+      }
+    }
+    return finite_ && lines_.finite();
+  }
+
+  /// False if a factor was not finite. A block of lines goes through all slices: what two slices of
+  /// it need is kept.
+  bool unfold_between() {
+    if (reads_next_slot() && past_) {
+      first_samples_.resize(size(f_.slots() + 1));
+      past_->form(0, 0, false, first_samples_.data(), 1);
+    }
+    for (auto* row : {&low_row_, &high_row_, &row_}) row->resize(size(2 * pitch_));
+    for (int y = 0; y < p_.y.lines; y += kBlock) {
+      const int end = std::min(y + kBlock, p_.y.lines);
+      for (int z = 0; z < p_.z.lines; ++z) {
+        for (int i = y; i < end; ++i) unfold_line(i, z);
+      }
+    }
+    return finite_;
+  }
+
+ private:
+  static constexpr std::size_t kWindow = 4 * kBlock;
+
+  static bool is_aligned(const ctessel::RowGrid& x, Range columns) {
+    bool aligned = x.regular;
+    for (int64_t i = columns.begin; i < columns.end; ++i) aligned &= x.fraction[size(i)] == 0;
+    return aligned;
+  }
+
+  /// A grid of one row per slice counts its corners so that the second row may read one sample of
+  /// the next slot.
+  bool reads_next_slot() const { return f_.y.lines == 1 && f_.z.lines > 1; }
+
+  const double* slot(const Line& line, int64_t j) const {
+    return reinterpret_cast<const double*>(line.slots.data() + j * pitch_);
+  }
+
+  Line& new_line() {
+    if (window_.size() < kWindow) {
+      window_.emplace_back();
+      window_.back().slots.resize(size(f_.slots() * pitch_));
+      return window_.back();
+    }
+    return *std::min_element(window_.begin(), window_.end(),
+                             [](const Line& a, const Line& b) { return a.last_use < b.last_use; });
+  }
+
+  /// A row of the factor grid with the column behind the tile's.
+  const Line& need(int64_t row) {
+    ++uses_;
+    for (Line& line : window_) {
+      if (line.row != row) continue;
+      line.last_use = uses_;
+      return line;
+    }
+    Line& line = new_line();
+    line.row = row;
+    line.last_use = uses_;
+    std::fill(line.slots.begin(), line.slots.end(), 0.0);
+    form(row, lines_, line.slots.data(), pitch_);
+    if (past_ && row + 1 < rows_) form(row + 1, *past_, line.slots.data() + span_, pitch_);
+    line.finite = rest(slot(line, 0), static_cast<int64_t>(2 * line.slots.size())) == 0;
+    finite_ &= line.finite;
+    return line;
+  }
+
+  void form(int64_t row, FactorLines& lines, std::complex<double>* out, int64_t pitch) const {
+    lines.form(static_cast<int>(row % f_.y.lines), static_cast<int>(row / f_.y.lines), false, out,
+               pitch);
+  }
+
+  void unfold_line(int y, int z) {
+    const float py = p_.y.coord[size(y)], pz = p_.z.coord[size(z)];
+    const int iy = ctessel::to_int(py), iz = ctessel::to_int(pz);
+    const double fa = static_cast<double>(py) - iy, fc = static_cast<double>(pz) - iz;
+    const ctessel::Corners around =
+        ctessel::corner_rows(iy + int64_t{f_.y.lines} * iz, 1, f_.y.lines, rows_, fa, fc);
+    const Line* lines[4] = {};
+    bool finite = !reads_next_slot();
+    for (int r = 0; r < around.count; ++r) {
+      lines[r] = &need(around.offset[r]);
+      finite &= lines[r]->finite;
+    }
+    const Line& nearest = need(TS_round(py) + int64_t{f_.y.lines} * TS_round(pz));
+    if (finite && around.count > 0 && around.weight[0] == 1) {
+      finish(y, z, nearest, finite, [&](int64_t j) { return slot(*lines[0], j); });
+    } else if (f_.z.lines == 1) {
+      finish(y, z, nearest, finite, [&](int64_t j) {
+        return blend_lines(lines, around.weight, around.count, j, low_row_.data());
+      });
+    } else {
+      finish(y, z, nearest, finite,
+             [&](int64_t j) { return blend_slices(lines, around, fa, fc, j); });
+    }
+  }
+
+  const double* blend_lines(const Line* const* lines, const double* weight, int count, int64_t j,
+                            double* out) const {
+    const double* rows[4];
+    for (int r = 0; r < count; ++r) rows[r] = slot(*lines[r], j);
+    blend(rows, weight, count, 2 * pitch_, out);
+    return out;
+  }
+
+  /// Rows of a slot, blended between slices first.
+  const double* blend_slices(const Line* const* lines, const ctessel::Corners& around, double fa,
+                             double fc, int64_t j) {
+    const double between[] = {1 - fc, fc}, rows_weight[] = {1 - fa, fa};
+    for (int r = 0; r < 2; ++r) {
+      const Line* slices[] = {lines[r], lines[r + 2]};
+      blend_lines(slices, between, slices[0] ? 1 + (slices[1] != nullptr) : 0, j,
+                  (r == 0 ? low_row_ : high_row_).data());
+    }
+    if (!first_samples_.empty() && around.offset[1] + 1 == rows_) {
+      const std::complex<double> next = between[0] * first_samples_[size(j + 1)];
+      high_row_[size(2 * span_)] += next.real();
+      high_row_[size(2 * span_ + 1)] += next.imag();
+    }
+    const double* rows[] = {low_row_.data(), high_row_.data()};
+    blend(rows, rows_weight, 2, 2 * pitch_, row_.data());
+    return row_.data();
+  }
+
+  /// Marks the aliases whose factor at the nearest grid point is not 0; false if there is none.
+  bool find_present(const Line& nearest) {
+    bool any = false;
+    for (int64_t k = 0; k < n_; ++k) {
+      bool here = false;
+      for (int64_t i = 0; i < width_; ++i) {
+        const int64_t at = p_.x.nearest[size(x0_ + i)] - first_;
+        const bool there = nearest.slots[size(k * pitch_ + at)] != 0.0;
+        mask_[size(k * width_ + i)] = there;
+        here |= there;
+      }
+      present_[size(k)] = here;
+      any |= here;
+    }
+    return any;
+  }
+
+  /// Applies a folded line's factors, of which `row` gives a slot's, to all volumes. Where all that
+  /// they are blended from is finite, pixels on the factors' columns need not look at the next one.
+  template <class Row>
+  void finish(int y, int z, const Line& nearest, bool finite, const Row& row) {
+    n_ = int64_t{p_.y.count[size(y)]} * p_.z.count[size(z)];
+    if (!find_present(nearest)) return;
+    for (int64_t c = 0; c < f_.nc; ++c) {
+      for (int64_t k = 0; k < n_; ++k) {
+        if (!present_[size(k)]) continue;
+        const int64_t j = ctessel::factor_slot(c, n_, k);
+        float* m = m_.data() + 2 * j * m_pitch_;
+        if (aligned_ && finite) {
+          narrow(row(j), width_, m, m + m_pitch_);
+        } else {
+          narrow_between(row(j), index_.data(), low_.data(), high_.data(), width_, m, m + m_pitch_);
+        }
+      }
+    }
+    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, p_.place(p_.context, v), v == 0);
+  }
+
+  void unfold_volume(int y, int z, const VolumePlace& place, bool look) {
+    load_folded(place.in + x0_ * p_.folded.x + y * p_.folded.y + z * p_.folded.z);
+    for (int64_t k = 0; k < n_; ++k) {
+      if (!present_[size(k)]) continue;
+      float *re = u_.data() + 2 * k * width_, *im = re + width_;
+      combine(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, v_re_.data(), v_im_.data(),
+              f_.nc, width_, re, im);
+      for (int64_t i = 0; look && i < 2 * width_; ++i) finite_ &= std::isfinite(re[i]);
+    }
+    deliver(y, z, place);
+  }
+
+  void load_folded(int64_t at) {
+    const ctessel::Volume& f = p_.folded;
+    for (int64_t c = 0; c < f_.nc; ++c, at += f.coil) {
+      const float *re = f.re + at, *im = f.im ? f.im + at : nullptr;
+      if (f.x != 1) {
+        float* copy = v_.data() + 2 * c * width_;
+        ctessel::load_row(re, im, f.x, width_, copy, copy + width_);
+        re = copy;
+        im = copy + width_;
+      }
+      v_re_[size(c)] = re;
+      v_im_[size(c)] = im ? im : zeros_.data();
+    }
+  }
+
+  /// Full line and slice of alias k.
+  struct Target {
+    int64_t y, z;
+  };
+  Target target(int y, int z, int64_t k) const {
+    const int nz = p_.z.count[size(z)];
+    return {p_.y.full[size(y * p_.y.room + k / nz)], p_.z.full[size(z * p_.z.room + k % nz)]};
+  }
+
+  void write(const VolumePlace& place, const Target& to, int64_t i, int64_t k) {
+    const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z;
+    p_.out_re[at] = u_[size(2 * k * width_ + i)];
+    if (p_.out_im) p_.out_im[at] = u_[size((2 * k + 1) * width_ + i)];
+  }
+
+  /// Where a position is out of range, the next position takes its place in the walk through mask
+  /// and results: the mask numbers the aliases that are delivered, not the positions.
+  void deliver(int y, int z, const VolumePlace& place) {
+    bool inside = true;
+    const auto first = [&](const Target& to) {
+      return x0_ + p_.full_x * (to.y + p_.full_y * to.z);
+    };
+    for (int64_t k = 0; k < n_; ++k) inside &= first(target(y, z, k)) + width_ <= place.room;
+    for (int64_t k = 0; inside && k < n_; ++k) {
+      const Target to = target(y, z, k);
+      for (int64_t i = 0; i < width_; ++i) {
+        if (mask_[size(k * width_ + i)]) write(place, to, i, k);
+      }
+    }
+    for (int64_t i = 0; !inside && i < width_; ++i) {
+      int64_t k = 0;
+      for (int64_t position = 0; position < n_; ++position) {
+        const Target to = target(y, z, position);
+        if (mask_[size(k * width_ + i)] && first(to) + i >= place.room) continue;
+        if (mask_[size(k * width_ + i)]) write(place, to, i, k);
+        ++k;
+      }
+    }
+  }
+
+  const SenseProblem& p_;
+  const ctessel::FactorProblem& f_;
+  const int64_t x0_, width_, first_, span_;  // columns, and the factor columns they span
+  const bool wraps_;                         // the column behind them is the next row's first
+  const int64_t pitch_, m_pitch_, rows_;
+  const bool aligned_;  // pixels lie on the factors' columns
+  FactorLines lines_;
+  std::optional<FactorLines> past_;
+  std::vector<Line> window_;
+  int64_t uses_ = 0, n_ = 0;  // n_: aliases of the line in work
+  bool finite_ = true;
+  std::vector<int> index_;
+  ctessel::LineVector<double> low_, high_, low_row_, high_row_, row_;
+  std::vector<std::complex<double>> first_samples_;  // of every slot
+  ctessel::LineVector<float> m_, u_, v_;             // factors by slot and part
+  std::vector<const float*> v_re_, v_im_;
+  std::vector<unsigned char> mask_, present_;  // by alias and column; by alias
+  const std::vector<float> zeros_;
+};
+
+enum class Kind : unsigned char { kDirect, kBetween, kNotFinite };
+struct Done {
+  int64_t end = 0;
+  Kind kind = Kind::kDirect;
+};
+
+Done unfold_tile(const SenseProblem& p, Range columns, bool direct) {
+  if (direct && Tile(p, columns, false).unfold_directly()) return {columns.end, Kind::kDirect};
+  const bool finite = Tile(p, columns, true).unfold_between();
+  return {columns.end, finite ? Kind::kBetween : Kind::kNotFinite};
+}
+
+/// Columns whose samples, factors and narrowed factors fit the cache.
+int64_t tile_width(const SenseProblem& p) {
+  const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
+  const double bytes = static_cast<double>(p.factors.slots()) * (24 * ratio + 8);
+  return std::clamp<int64_t>(static_cast<int64_t>(kCache / bytes) / kChunk * kChunk, kChunk, 256);
+}
+
+/// Whether lines lie on the factors' own and need no neighbours, nor the last column one behind it.
+bool needs_no_neighbours(const SenseProblem& p) {
+  bool whole = p.factors.y.same_grid && p.factors.z.same_grid;
+  for (const auto& [axis, lines] :
+       {std::pair(&p.y, p.factors.y.lines), {&p.z, p.factors.z.lines}}) {
+    whole &= axis->lines == lines;
+    for (int i = 0; i < axis->lines; ++i) whole &= axis->coord[size(i)] == static_cast<float>(i);
+  }
+  return whole && (p.x.fraction.back() == 0 || p.x.index.back() + 1 < p.factors.nx);
+}
+
+}  // namespace
+
+void ctessel::unfold_volumes(const SenseProblem& p) {
+  const int64_t width = tile_width(p);
+  const bool direct = needs_no_neighbours(p);
+  std::vector<Done> tiles(size(p.nx));
+  for_each_chunk(p.nx, [&](int64_t begin, int64_t end) {
+    for (int64_t x = begin; x < end; x += width) {
+      tiles[size(x)] = unfold_tile(p, {x, std::min(x + width, end)}, direct);
+    }
+  });
+  // The right neighbour of the last column is the first one.
+  std::vector<Range> again;
+  for (int64_t x = 0; x < p.nx; x = tiles[size(x)].end) {
+    const Done& here = tiles[size(x)];
+    const Done& next = tiles[size(here.end < p.nx ? here.end : 0)];
+    if (here.kind == Kind::kDirect && next.kind == Kind::kNotFinite) again.push_back({x, here.end});
+  }
+  for_each_chunk(static_cast<int64_t>(again.size()), [&](int64_t begin, int64_t end) {
+    for (int64_t i = begin; i < end; ++i) unfold_tile(p, again[size(i)], false);
+  });
+}
