@@ -44,8 +44,19 @@ struct Factors {
 struct Series {
   int axis;
   bool sine;
+  int degree;
   int first = kOrders, last = -1;  // orders, minus the degree
-  std::array<Factors, kOrders> factors = {};
+  Factors factors[kOrders] = {};
+};
+
+/// What the sums read. Versions for wide vectors are made of plain arrays: clang leaves out the members
+/// of the library's classes that only they call.
+struct Sequence {
+  int degrees = 0;                   // one more than the highest
+  const Series* series = nullptr;    // degree by degree
+  int first[kOrders + 1] = {};       // of a degree
+  int entries[2][kOrders + 1] = {};  // of the rows of Q, without and with derivatives
+  double recurrence[kOrders + 1][kOrders] = {};
 };
 
 /// (2n - 1)!! / (n - m)!, the factor of z^(n-m) in Q_n^m.
@@ -60,10 +71,8 @@ double leading_factor(int n, int m) {
 
 struct GradientField::Expansion {
   double radius;
-  int degrees = 0;                                  // one more than the highest
-  std::array<std::vector<Series>, kOrders> series;  // by degree
-  std::array<int, kOrders + 1> entries = {}, entries_with_derivatives = {};  // of the rows of Q
-  std::array<std::array<double, kOrders>, kOrders + 1> recurrence = {};
+  std::vector<Series> series;
+  Sequence sequence;
 
   void add(const GradientTerm& term, double value);
   void prepare();
@@ -109,12 +118,12 @@ std::array<double, 3> linear_terms(const std::vector<GradientTerm>& terms) {
 }  // namespace
 
 void GradientField::Expansion::add(const GradientTerm& t, double value) {
-  auto& all = series[static_cast<std::size_t>(t.degree)];
   const int axis = static_cast<int>(t.axis), n = t.order, m = t.degree;
-  auto mine = std::find_if(all.begin(), all.end(),
-                           [&](const Series& s) { return s.axis == axis && s.sine == t.sine; });
-  if (mine == all.end()) mine = all.insert(all.end(), {axis, t.sine});
-  Factors& f = mine->factors[static_cast<std::size_t>(n - m)];
+  auto mine = std::find_if(series.begin(), series.end(), [&](const Series& s) {
+    return s.axis == axis && s.sine == t.sine && s.degree == m;
+  });
+  if (mine == series.end()) mine = series.insert(series.end(), {axis, t.sine, m});
+  Factors& f = mine->factors[n - m];
   f.here += value * leading_factor(n, m);
   if (n > m) f.along += value * (n + m) * leading_factor(n - 1, m);
   if (n > m + 1) f.across += value * leading_factor(n - 1, m + 1);
@@ -123,16 +132,25 @@ void GradientField::Expansion::add(const GradientTerm& t, double value) {
 }
 
 void GradientField::Expansion::prepare() {
-  for (std::size_t m = 0; m < series.size(); ++m) {
-    for (const Series& s : series[m]) {
-      degrees = static_cast<int>(m) + 1;
-      entries[m] = std::max(entries[m], s.last + 1);
-      entries_with_derivatives[m] = std::max(entries_with_derivatives[m], s.last + 1);
-      entries_with_derivatives[m + 1] = std::max(entries_with_derivatives[m + 1], s.last - 1);
-    }
-    for (std::size_t k = 2; k < kOrders; ++k) {
-      const double n = static_cast<double>(m + k), d = static_cast<double>(m);
-      recurrence[m][k] = (n + d - 1) * (n - d - 1) / ((2 * n - 1) * (2 * n - 3));
+  std::stable_sort(series.begin(), series.end(),
+                   [](const Series& a, const Series& b) { return a.degree < b.degree; });
+  sequence.series = series.data();
+  for (const Series& s : series) {
+    const int m = s.degree;
+    sequence.degrees = m + 1;
+    const auto reach = [&](int slopes, int degree, int entries) {
+      int& now = sequence.entries[slopes][degree];
+      now = std::max(now, entries);
+    };
+    reach(0, m, s.last + 1);
+    reach(1, m, s.last + 1);
+    reach(1, m + 1, s.last - 1);
+    for (int d = m + 1; d <= kOrders; ++d) ++sequence.first[d];
+  }
+  for (int m = 0; m <= kOrders; ++m) {
+    for (int k = 2; k < kOrders; ++k) {
+      const double n = m + k;
+      sequence.recurrence[m][k] = (n + m - 1) * (k - 1) / ((2 * n - 1) * (2 * n - 3));
     }
   }
 }
@@ -171,18 +189,21 @@ CTESSEL_INLINE void subtract_product(Lanes<W>& sum, const Lanes<W>& a, const Lan
 
 /// Two entries of 0 before a row stand for the orders below its degree.
 template <int W>
-using Row = std::array<Lanes<W>, kOrders + 2>;
+struct Row {
+  Lanes<W> at[kOrders + 2];
+};
 
 /// Q of one degree from its lowest order on, as far as any sum reads it.
 template <int W>
-CTESSEL_INLINE void fill_row(const std::array<double, kOrders>& c, int entries, const Lanes<W>& z,
+CTESSEL_INLINE void fill_row(const double* c, int entries, const Lanes<W>& z,
                              const Lanes<W>& square, Row<W>& row) {
-  row[0] = row[1] = {};
-  for (int i = 0; i < kTogether<W>; ++i) row[2].v[i] = Vector<double, W>{} + 1;
-  row[3] = z;
+  Lanes<W>* q = row.at;
+  q[0] = q[1] = {};
+  for (int i = 0; i < kTogether<W>; ++i) q[2].v[i] = Vector<double, W>{} + 1;
+  q[3] = z;
   for (int k = 2; k < entries; ++k) {
     for (int i = 0; i < kTogether<W>; ++i) {
-      row[k + 2].v[i] = z.v[i] * row[k + 1].v[i] - c[k] * square.v[i] * row[k].v[i];
+      q[k + 2].v[i] = z.v[i] * q[k + 1].v[i] - c[k] * square.v[i] * q[k].v[i];
     }
   }
 }
@@ -206,8 +227,8 @@ CTESSEL_INLINE void turn(const Lanes<W>& x, const Lanes<W>& y, int to, Turns<W>&
 
 template <int W>
 struct Sums {
-  Lanes<W> moved[3] = {}, slope[3][3] = {};
-  Lanes<W> across[3] = {};  // the part of the slopes that x and y are still to multiply
+  Lanes<W> moved[3], slope[3][3];
+  Lanes<W> across[3];  // the part of the slopes that x and y are still to multiply
 };
 
 template <int W, bool Slopes>
@@ -215,11 +236,11 @@ CTESSEL_INLINE void add_series(const Series& s, const Row<W>& row, const Row<W>&
                                const Turns<W>& t, Sums<W>& sums) {
   Lanes<W> here = {}, along = {}, across = {};
   for (int k = s.first; k <= s.last; ++k) {
-    const Factors& f = s.factors[static_cast<std::size_t>(k)];
+    const Factors& f = s.factors[k];
     for (int i = 0; i < kTogether<W>; ++i) {
-      here.v[i] += f.here * row[k + 2].v[i];
-      if (Slopes) along.v[i] += f.along * row[k + 1].v[i];
-      if (Slopes) across.v[i] += f.across * next[k].v[i];
+      here.v[i] += f.here * row.at[k + 2].v[i];
+      if (Slopes) along.v[i] += f.along * row.at[k + 1].v[i];
+      if (Slopes) across.v[i] += f.across * next.at[k].v[i];
     }
   }
   const Lanes<W>& part = s.sine ? t.im : t.re;
@@ -242,24 +263,27 @@ CTESSEL_INLINE void get(const double* from, Lanes<W>& to) {
 
 /// The sums of kTogether<W> vectors of points, from point `first` of the batch on.
 template <int W, bool Slopes>
-CTESSEL_INLINE void sum_up(const Expansion& e, int first, Batch& b) {
+CTESSEL_INLINE void sum_up(const Sequence& e, int first, Batch& b) {
   Lanes<W> x, y, z, square = {};
   get(b.at[0] + first, x);
   get(b.at[1] + first, y);
   get(b.at[2] + first, z);
-  for (const Lanes<W>* u : {&x, &y, &z}) add_product(square, *u, *u);
-  Sums<W> sums;
+  add_product(square, x, x);
+  add_product(square, y, y);
+  add_product(square, z, z);
+  Sums<W> sums = {};
   Turns<W> turns = {};
   for (int i = 0; i < kTogether<W>; ++i) turns.re.v[i] += 1;
   Row<W> rows[2];
-  const auto& entries = Slopes ? e.entries_with_derivatives : e.entries;
+  const int* entries = e.entries[Slopes];
   fill_row(e.recurrence[0], entries[0], z, square, rows[0]);
   for (int m = 0; m < e.degrees; ++m) {
     if (m > 0) turn(x, y, m, turns);
-    const auto d = static_cast<std::size_t>(m);
-    Row<W>&row = rows[d % 2], &next = rows[1 - d % 2];
-    fill_row(e.recurrence[d + 1], entries[d + 1], z, square, next);
-    for (const Series& s : e.series[d]) add_series<W, Slopes>(s, row, next, turns, sums);
+    Row<W>&row = rows[m % 2], &next = rows[1 - m % 2];
+    fill_row(e.recurrence[m + 1], entries[m + 1], z, square, next);
+    for (int k = e.first[m]; k < e.first[m + 1]; ++k) {
+      add_series<W, Slopes>(e.series[k], row, next, turns, sums);
+    }
   }
   for (int axis = 0; axis < 3; ++axis) {
     std::memcpy(b.moved[axis] + first, &sums.moved[axis], sizeof x);
@@ -272,7 +296,7 @@ CTESSEL_INLINE void sum_up(const Expansion& e, int first, Batch& b) {
 }
 
 template <int W>
-CTESSEL_INLINE void sum_up_batch(const Expansion& e, bool slopes, Batch& b) {
+CTESSEL_INLINE void sum_up_batch(const Sequence& e, bool slopes, Batch& b) {
   for (int first = 0; first < kBatch; first += W * kTogether<W>) {
     if (slopes) {
       sum_up<W, true>(e, first, b);
@@ -282,7 +306,7 @@ CTESSEL_INLINE void sum_up_batch(const Expansion& e, bool slopes, Batch& b) {
   }
 }
 
-CTESSEL_BY_WIDTH(void sum_up_here(const Expansion& e, bool slopes, Batch& b), sum_up_batch,
+CTESSEL_BY_WIDTH(void sum_up_here(const Sequence& e, bool slopes, Batch& b), sum_up_batch,
                  (e, slopes, b))
 
 // ---- Points in, results out ---------------------------------------------------------------------
@@ -354,7 +378,7 @@ void GradientField::evaluate(const FieldPoints& points, const FieldValues& out) 
       place(points, first + j, at[j]);
       for (int d = 0; d < 3; ++d) b.at[d][j] = at[j][d] / e.radius;
     }
-    sum_up_here(e, slopes, b);
+    sum_up_here(e.sequence, slopes, b);
     for (int j = 0; j < count; ++j) {
       for (int d = 0; d < 3; ++d) {
         const double moved = b.moved[d][j] * e.radius;
@@ -393,7 +417,7 @@ void search(const Expansion& e, int count, Search& s) {
   std::copy(&s.goal[0][0], &s.goal[0][0] + 3 * kBatch, &s.b.at[0][0]);
   int left = count;
   for (int k = 0; k < kInverseSteps && left > 0; ++k) {
-    sum_up_here(e, false, s.b);
+    sum_up_here(e.sequence, false, s.b);
     for (int j = 0; j < count; ++j) {
       if (s.found[j] || !step(s, j)) continue;
       s.found[j] = true;
