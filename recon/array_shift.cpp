@@ -1,20 +1,30 @@
-// Circular shifts between the first element of an axis and its centre, in place.
+// Circular shifts between the first element of an axis and its centre, in place and into another array.
 //
-// Six routines over one rotation. An axis of N blocks of B contiguous floats is turned by
-// m = floor(N / 2) blocks, or back. Its first m blocks and m later ones trade places in one pass
-// that reads and writes every float once. On an odd axis one block is left over, the traded parts
-// land one block apart from where they came from, and only that block needs scratch memory.
+// In place: one rotation. An axis of N blocks of B contiguous floats is turned by m = floor(N / 2)
+// blocks, or back. Its first m blocks and m later ones trade places in one pass that reads and writes
+// every float once. On an odd axis one block is left over, the traded parts land one block apart from
+// where they came from, and only that block needs scratch memory.
+// Into another array: rows go where they belong, each in one piece or in two.
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include "cTessel.h"
-#include "loops.h"
+#include "samples.h"
+#include "simd.h"
+
+namespace ctessel {
 
 namespace {
 
+using std::ptrdiff_t;
+
 /// Floats traded at once: all are loaded before any is stored, as the two sides may overlap.
-constexpr std::ptrdiff_t kTrade = 16;
+constexpr ptrdiff_t kTrade = 16, kLineFloats = kLine / 4;
 using Quad [[gnu::vector_size(16), gnu::aligned(4), gnu::may_alias]] = float;
 
 /// The values from `low` on go to `to`, those from `high` on take their place. All are held in
@@ -34,31 +44,31 @@ void trade_one(float* low, const float* high, float* to) {
   *low = from_high;
 }
 
-/// One line: `half` = m B floats trade places; `odd` floats, B or none, are left over.
-struct Line {
-  std::ptrdiff_t half, odd;
+/// One line of an axis: `half` = m B floats trade places; `odd` floats, B or none, are left over.
+struct Halves {
+  ptrdiff_t half, odd;
 };
 
-void copy_floats(float* to, const float* from, std::ptrdiff_t n) {
-  for (std::ptrdiff_t i = 0; i < n; ++i) to[i] = from[i];
+void copy_floats(float* to, const float* from, ptrdiff_t n) {
+  for (ptrdiff_t i = 0; i < n; ++i) to[i] = from[i];
 }
 
 /// Element 0 to the centre. Upwards: what a step stores over was read `odd` floats before or is
 /// held.
-void turn_forward(float* line, Line l, float* held) {
+void turn_forward(float* line, Halves l, float* held) {
   float *to = line + l.half, *high = to + l.odd;
   copy_floats(held, to, l.odd);
-  std::ptrdiff_t i = 0;
+  ptrdiff_t i = 0;
   for (; i + kTrade <= l.half; i += kTrade) trade(line + i, high + i, to + i);
   for (; i < l.half; ++i) trade_one(line + i, high + i, to + i);
   copy_floats(high + l.half - l.odd, held, l.odd);
 }
 
 /// The centre to element 0: the same steps with the two ends exchanged, hence downwards.
-void turn_back(float* line, Line l, float* held) {
+void turn_back(float* line, Halves l, float* held) {
   float *high = line + l.half, *to = high + l.odd;
   copy_floats(held, high + l.half, l.odd);
-  std::ptrdiff_t i = l.half;
+  ptrdiff_t i = l.half;
   for (; i >= kTrade; i -= kTrade) {
     trade(line + i - kTrade, high + i - kTrade, to + i - kTrade);
   }
@@ -67,29 +77,28 @@ void turn_back(float* line, Line l, float* held) {
 }
 
 /// The lines of one axis: blocks in a line, floats in a block, from line to line and in a volume.
-struct Axis {
-  std::ptrdiff_t N, block, step, volume;
+struct Lines {
+  ptrdiff_t N, block, step, volume;
   std::int64_t outer;
 };
 
 /// The axis length comes from the caller's own dimension number, all else from the axis.
-Axis axis_of(const int* dims, int ndims, int axis, int dim) {
-  const std::ptrdiff_t nx = dims[0], ny = dims[1], nz = ndims > 2 ? dims[2] : 1;
-  const std::ptrdiff_t blocks[] = {1, nx, nx * ny, nx * ny * nz};
-  return {dims[dim - 1], blocks[axis - 1], blocks[axis], blocks[3],
-          ctessel::merged_outer(ndims, dims)};
+Lines lines_of(const int* dims, int ndims, int axis, int dim) {
+  const ptrdiff_t nx = dims[0], ny = dims[1], nz = ndims > 2 ? dims[2] : 1;
+  const ptrdiff_t blocks[] = {1, nx, nx * ny, nx * ny * nz};
+  return {dims[dim - 1], blocks[axis - 1], blocks[axis], blocks[3], merged_outer(ndims, dims)};
 }
 
 /// Asks for memory a few short lines ahead: their two halves lie so close that the processor's own
 /// prefetching does not make out either.
-void prefetch_ahead(const float* line, std::ptrdiff_t length, const float* end) {
-  constexpr std::ptrdiff_t kShort = 4096, kAhead = 2048, kCacheLine = 16;
+void prefetch_ahead(const float* line, ptrdiff_t length, const float* end) {
+  constexpr ptrdiff_t kShort = 4096, kAhead = 2048;
   if (length > kShort || end - line < length + kAhead) return;
-  for (std::ptrdiff_t i = 0; i < length; i += kCacheLine) __builtin_prefetch(line + kAhead + i, 1);
+  for (ptrdiff_t i = 0; i < length; i += kLineFloats) __builtin_prefetch(line + kAhead + i, 1);
 }
 
-void rotate_volume(float* volume, const Axis& a, bool forward, float* held) {
-  const Line l{a.N / 2 * a.block, a.N % 2 * a.block};
+void rotate_volume(float* volume, const Lines& a, bool forward, float* held) {
+  const Halves l{a.N / 2 * a.block, a.N % 2 * a.block};
   const float* end = volume + a.volume;
   for (float* line = volume; line < end; line += a.step) {
     prefetch_ahead(line, a.step, end);
@@ -101,41 +110,206 @@ void rotate_volume(float* volume, const Axis& a, bool forward, float* held) {
   }
 }
 
-void rotate_part(float* part, const Axis& a, bool forward) {
-  ctessel::for_each_chunk(a.outer, [&](std::int64_t begin, std::int64_t end) {
+void rotate_part(float* part, const Lines& a, bool forward) {
+  for_each_chunk(a.outer, [&](std::int64_t begin, std::int64_t end) {
     std::vector<float> held(static_cast<std::size_t>(a.N % 2 * a.block));
-    for (auto o = static_cast<std::ptrdiff_t>(begin); o < end; ++o) {
+    for (auto o = static_cast<ptrdiff_t>(begin); o < end; ++o) {
       rotate_volume(part + o * a.volume, a, forward, held.data());
     }
   });
 }
 
-void rotate(float* re, float* im, const int* dims, int ndims, int axis, int dim, bool forward) {
-  const Axis a = axis_of(dims, ndims, axis, dim);
+void rotate(float* re, float* im, const Lines& a, bool forward) {
   if (a.N <= 1 || a.step <= 0) return;
   rotate_part(re, a, forward);
   if (im) rotate_part(im, a, forward);
 }
 
+/// An array without gaps as lines of one axis, or none. Pairs move as two floats.
+std::optional<Lines> dense_lines(const Samples& s, Dim d) {
+  const bool pairs = in_pairs(s);
+  ptrdiff_t block = pairs ? 2 : 1, outer = 1, step = block, *count = &block;
+  for (int k : memory_order(s)) {
+    const ptrdiff_t n = s.extent(Dim(k));
+    if (n > 1 && s.stride(Dim(k)) != step) return {};
+    step *= n;
+    if (Dim(k) == d) {
+      count = &outer;
+    } else {
+      *count *= n;
+    }
+  }
+  const ptrdiff_t line = block * s.extent(d);
+  return Lines{s.extent(d), block, line, line, outer};
+}
+
+// ---- Into another array -------------------------------------------------------------------------
+
+/// An axis of both sides, and by how many entries it is turned.
+struct Turn {
+  ptrdiff_t n, from, to, m;
+};
+
+/// Rows of `floats` floats side by side, or of n such units turned by m.
+struct TurnedRows {
+  ptrdiff_t floats, n = 1, m = 0;
+  std::vector<Turn> outer;
+
+  ptrdiff_t count() const {
+    ptrdiff_t rows = 1;
+    for (const Turn& t : outer) rows *= t.n;
+    return rows;
+  }
+};
+
+constexpr ptrdiff_t kRowFloats = 1 << 12;  // of a row that is long enough
+constexpr ptrdiff_t kStreamed = 1 << 20;   // floats that leave little else in the caches
+
+/// Empty where the two do not run on along the same axis.
+std::optional<TurnedRows> turned_rows(const ConstSamples& from, const Samples& to,
+                                      const Extents& distances) {
+  TurnedRows rows{in_pairs(from) && in_pairs(to) ? 2 : 1, 1, 0, {}};
+  bool open = true;
+  for (int k : memory_order(to)) {
+    const Turn t{to.extent(Dim(k)), from.stride(Dim(k)), to.stride(Dim(k)),
+                 distances[static_cast<std::size_t>(k)]};
+    if (t.n == 1) continue;
+    const bool side_by_side = t.from == rows.floats && t.to == rows.floats;
+    open = open && rows.n == 1 && side_by_side && rows.floats < kRowFloats;
+    if (open && t.m == 0) {
+      rows.floats *= t.n;
+    } else if (open) {
+      rows.n = t.n, rows.m = t.m;
+    } else {
+      rows.outer.push_back(t);
+    }
+  }
+  if (rows.floats <= 2 && rows.n == 1) return {};
+  return rows;
+}
+
+void turn_rows(const float* from, float* to, const TurnedRows& rows) {
+  const bool stream = rows.count() * rows.n * rows.floats >= kStreamed;
+  const auto move = [&](float* out, const float* in, ptrdiff_t floats) {
+    const auto bytes = floats * static_cast<ptrdiff_t>(sizeof(float));
+    auto* target = reinterpret_cast<char*>(out);
+    const auto* source = reinterpret_cast<const char*>(in);
+    if (stream && bytes >= 8 * kLine) return stream_bytes(target, source, bytes);
+    std::memcpy(target, source, static_cast<std::size_t>(bytes));
+  };
+  for_each_chunk(rows.count(), [&](std::int64_t begin, std::int64_t end) {
+    for (auto r = static_cast<ptrdiff_t>(begin); r < end; ++r) {
+      ptrdiff_t index = r, f = 0, t = 0;
+      for (const Turn& a : rows.outer) {
+        const ptrdiff_t i = index % a.n;
+        f += (i + a.n - a.m) % a.n * a.from, t += i * a.to;
+        index /= a.n;
+      }
+      const ptrdiff_t first = rows.m * rows.floats, rest = (rows.n - rows.m) * rows.floats;
+      move(to + t, from + f + rest, first);
+      move(to + t + first, from + f, rest);
+    }
+    finish_streams();
+  });
+}
+
+/// Block by block, for layouts that differ.
+void turn_blocks(const ConstSamples& from, const Samples& to, const Extents& distances,
+                 std::size_t d = 0) {
+  while (d < distances.size() && distances[d] == 0) ++d;
+  if (d == distances.size()) return copy(from, to);
+  const ptrdiff_t m = distances[d], rest = from.extents[d] - m;
+  const Dim axis{static_cast<int>(d)};
+  turn_blocks(from.slice(axis, 0, rest), to.slice(axis, m, rest), distances, d + 1);
+  turn_blocks(from.slice(axis, rest, m), to.slice(axis, 0, m), distances, d + 1);
+}
+
+void turn(const ConstSamples& from, const Samples& to, const Extents& distances) {
+  if (to.size() == 0) return;
+  const auto rows = turned_rows(from, to, distances);
+  const bool pairs = in_pairs(from) && in_pairs(to);
+  if (!rows || (!pairs && !from.im != !to.im)) return turn_blocks(from, to, distances);
+  turn_rows(from.re, to.re, *rows);
+  if (to.im && !pairs) turn_rows(from.im, to.im, *rows);
+}
+
+/// By how many entries each axis is turned; an axis that is named twice turns twice.
+Extents distances_of(const Extents& extents, const std::vector<Dim>& axes, bool forward) {
+  Extents m(extents.size(), 0);
+  for (Dim axis : axes) {
+    const auto d = static_cast<std::size_t>(axis);
+    if (d >= m.size()) throw std::invalid_argument("shift: no such axis");
+    const ptrdiff_t n = std::max<ptrdiff_t>(extents[d], 1);
+    m[d] = (m[d] + (forward ? n / 2 : n - n / 2)) % n;
+  }
+  return m;
+}
+
+/// Data with gaps: parts of them go through memory of their own, cut along the slowest axis that is
+/// not shifted.
+void shift_with_gaps(const Samples& data, const Extents& distances) {
+  Dim cut{-1};
+  for (int d : memory_order(data)) {
+    if (distances[static_cast<std::size_t>(d)] == 0 && data.extent(Dim(d)) > 1) cut = Dim(d);
+  }
+  const ptrdiff_t pieces = cut == Dim(-1) ? 1 : data.extent(cut);
+  std::vector<std::complex<float>> own(static_cast<std::size_t>(data.size() / pieces));
+  for (ptrdiff_t i = 0; i < pieces; ++i) {
+    const Samples piece = cut == Dim(-1) ? data : data.slice(cut, i, 1);
+    const Samples scratch =
+        data.im ? Samples::pairs(own.data(), piece.extents)
+                : Samples::parts(reinterpret_cast<float*>(own.data()), nullptr, piece.extents);
+    copy(piece, scratch);
+    turn(scratch, piece, distances);
+  }
+}
+
+void shift(const Samples& data, const std::vector<Dim>& axes, bool forward) {
+  const Extents distances = distances_of(data.extents, axes, forward);
+  if (data.size() == 0) return;
+  for (Dim axis : axes) {
+    const auto lines = dense_lines(data, axis);
+    if (!lines) return shift_with_gaps(data, distances);
+    rotate(data.re, in_pairs(data) ? nullptr : data.im, *lines, forward);
+  }
+}
+
+void shift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes,
+           bool forward) {
+  require_same_extents(data, out, "shift: data and out");
+  turn(data, out, distances_of(data.extents, axes, forward));
+}
+
 }  // namespace
 
+void fftshift(const Samples& data, const std::vector<Dim>& axes) { shift(data, axes, true); }
+void ifftshift(const Samples& data, const std::vector<Dim>& axes) { shift(data, axes, false); }
+void fftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes) {
+  shift(data, out, axes, true);
+}
+void ifftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes) {
+  shift(data, out, axes, false);
+}
+
+}  // namespace ctessel
+
 void TS_fftshift_dim1(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 1, dim, true);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 1, dim), true);
 }
 void TS_fftshift_dim2(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 2, dim, true);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 2, dim), true);
 }
 void TS_fftshift_dim3(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 3, dim, true);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 3, dim), true);
 }
 void TS_ifftshift_dim1(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 1, dim, false);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 1, dim), false);
 }
 void TS_ifftshift_dim2(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 2, dim, false);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 2, dim), false);
 }
 void TS_ifftshift_dim3(float* re, float* im, int* dims, int ndims, int dim) {
-  rotate(re, im, dims, ndims, 3, dim, false);
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, 3, dim), false);
 }
 
 void TS_fftshift(float* re, float* im, int* dims, int ndims, int dim) {

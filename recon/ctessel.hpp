@@ -187,6 +187,23 @@ void copy(const ConstSamples& from, const Samples& to);
 
 // ---- k-space and image arrays -------------------------------------------------------------------
 
+/// Moves the first sample of each named axis to its centre, index floor(N / 2): in place, or into
+/// `out`, which must not overlap `data`. Threads: in place split over what is slower in memory than the
+/// axis, else over rows. Memory: in place a block of the axis (a sample, row, ...) per thread where its
+/// length is odd; samples with gaps go through a copy, of one entry of the slowest axis that is not
+/// shifted.
+void fftshift(const Samples& data, const std::vector<Dim>& axes);
+void fftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes);
+
+/// Undoes fftshift, for odd lengths as well.
+void ifftshift(const Samples& data, const std::vector<Dim>& axes);
+void ifftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes);
+
+/// Copies samples to the centre of a larger array, from ceil((n - d) / 2) on along an axis of d samples
+/// that becomes n. `out` has as many axes; only samples with input are written, so clear it first.
+/// Threads: see copy. Memory: none.
+void zero_pad(const ConstSamples& data, const Samples& out);
+
 /// Weights centred k-space against truncation ringing: see TS_ringing_filter. `out` has the extents
 /// of `data` and may be `data`. Threads: split over volumes, or over planes where there are few.
 /// Memory: the three windows; 64 KiB or a row of weights on each thread.

@@ -40,8 +40,16 @@ struct Move {
   static constexpr ptrdiff_t kFrom = sizeof(Word) * Outs, kTo = sizeof(Word) * Ins;
   std::array<const char*, Ins> in;
   std::array<char*, Outs> out;
+  Team team = Team::all;
   bool stream = false;  // past the cache
 };
+
+/// Body on every thread of the team, with its share.
+template <class M, class Body>
+void share(const M& m, ptrdiff_t n, const Body& body) {
+  if (m.team == Team::one) return body(0, n);
+  for_each_chunk(n, body);
+}
 
 using Split = Move<std::uint32_t, 1, 2>;
 using Join = Move<std::uint32_t, 2, 1>;
@@ -168,7 +176,7 @@ template <class M>
 void walk_rows(const M& m, const Walk& row, std::vector<Walk> axes) {
   const ptrdiff_t pieces = (row.n + kRow - 1) / kRow;
   axes.insert(axes.begin(), {pieces, kRow * row.from, kRow * row.to});
-  for_each_chunk(count_of(axes), [&](std::int64_t begin, std::int64_t end) {
+  share(m, count_of(axes), [&](std::int64_t begin, std::int64_t end) {
     std::array<ptrdiff_t, kSquare> from, to;
     for (auto u = static_cast<ptrdiff_t>(begin); u < end; u += kSquare) {
       const ptrdiff_t count = std::min(kSquare, static_cast<ptrdiff_t>(end) - u);
@@ -392,7 +400,7 @@ class Tiles {
 
 template <class M>
 void walk_tiles(const M& m, const Plan& plan) {
-  for_each_chunk(Tiles<M>(m, plan).units(), [&](std::int64_t begin, std::int64_t end) {
+  share(m, Tiles<M>(m, plan).units(), [&](std::int64_t begin, std::int64_t end) {
     Tiles<M>(m, plan).run(static_cast<ptrdiff_t>(begin), static_cast<ptrdiff_t>(end));
     finish_streams();
   });
@@ -434,37 +442,40 @@ const char* bytes(const float* p) { return reinterpret_cast<const char*>(p); }
 char* bytes(float* p) { return reinterpret_cast<char*>(p); }
 
 template <class Word>
-void copy_words(const float* in, float* out, const ConstSamples& from, const Samples& to) {
-  move_samples(Copy<Word>{{bytes(in)}, {bytes(out)}}, from, to);
+void copy_words(const float* in, float* out, const ConstSamples& from, const Samples& to,
+                Team team) {
+  move_samples(Copy<Word>{{bytes(in)}, {bytes(out)}, team}, from, to);
 }
 
-void clear_imaginary(const Samples& to) {
+void clear_imaginary(const Samples& to, Team team) {
   const float zero = 0;
   const ConstSamples zeros(&zero, nullptr, to.extents, Extents(to.extents.size(), 0));
-  copy_words<std::uint32_t>(&zero, to.im, zeros, to);
+  copy_words<std::uint32_t>(&zero, to.im, zeros, to, team);
 }
-
-bool without_gaps(const float* re, const float* im) { return im == re + 1; }
 
 }  // namespace
 
-void copy(const ConstSamples& from, const Samples& to) {
+void copy(const ConstSamples& from, const Samples& to) { copy(from, to, Team::all); }
+
+void copy(const ConstSamples& from, const Samples& to, Team team) {
   require_same_extents(from, to, "copy: from and to");
   const bool both = from.im && to.im, pairs_in = in_pairs(from), pairs_out = in_pairs(to);
-  if (both && pairs_in && pairs_out) return copy_words<std::uint64_t>(from.re, to.re, from, to);
+  if (both && pairs_in && pairs_out) {
+    return copy_words<std::uint64_t>(from.re, to.re, from, to, team);
+  }
   if (both && pairs_in) {
-    return move_samples(Split{{bytes(from.re)}, {bytes(to.re), bytes(to.im)}}, from, to);
+    return move_samples(Split{{bytes(from.re)}, {bytes(to.re), bytes(to.im)}, team}, from, to);
   }
   if (both && pairs_out) {
-    return move_samples(Join{{bytes(from.re), bytes(from.im)}, {bytes(to.re)}}, from, to);
+    return move_samples(Join{{bytes(from.re), bytes(from.im)}, {bytes(to.re)}, team}, from, to);
   }
-  copy_words<std::uint32_t>(from.re, to.re, from, to);
-  if (both) copy_words<std::uint32_t>(from.im, to.im, from, to);
-  if (to.im && !from.im) clear_imaginary(to);
+  copy_words<std::uint32_t>(from.re, to.re, from, to, team);
+  if (both) copy_words<std::uint32_t>(from.im, to.im, from, to, team);
+  if (to.im && !from.im) clear_imaginary(to, team);
 }
 
 void load_row(const ConstRow& from, float* re, float* im) {
-  if (im && without_gaps(from.re, from.im) && from.step == 2) {
+  if (im && from.im == from.re + 1 && from.step == 2) {
     return split_run(from.re, re, im, from.n);
   }
   for (ptrdiff_t i = 0; i < from.n; ++i) re[i] = from.re[i * from.step];
@@ -472,7 +483,7 @@ void load_row(const ConstRow& from, float* re, float* im) {
 }
 
 void store_row(const float* re, const float* im, const Row& to) {
-  if (im && without_gaps(to.re, to.im) && to.step == 2) return join_run(re, im, to.re, to.n);
+  if (im && to.im == to.re + 1 && to.step == 2) return join_run(re, im, to.re, to.n);
   for (ptrdiff_t i = 0; i < to.n; ++i) to.re[i * to.step] = re[i];
   for (ptrdiff_t i = 0; to.im && i < to.n; ++i) to.im[i * to.step] = im ? im[i] : 0.0f;
 }

@@ -10,6 +10,10 @@
 
 namespace ctessel {
 
+/// Threads of a copy.
+enum class Team { all, one };
+void copy(const ConstSamples& from, const Samples& to, Team team);
+
 /// Samples along one axis: sample i at re[i step] and im[i step].
 template <class Float>
 struct BasicRow {
