@@ -277,6 +277,9 @@ void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, cons
 /// also 16 bytes per sample of each axis and, on each thread, 40 for each sample of a row.
 void remove_phase(const Samples& image, const ConstSamples& low);
 
+/// Samples whose real part is not a number.
+std::ptrdiff_t count_nan(const ConstSamples& samples);
+
 #pragma GCC visibility pop
 
 // ---- Gradient non-linearity (gradient_field.cpp) ------------------------------------------------
@@ -359,6 +362,17 @@ class GradientField {
  private:
   std::shared_ptr<const Expansion> expansion_;
 };
+
+// ---- Helpers ------------------------------------------------------------------------------------
+
+/// Trilinear interpolation of a volume (x, y, z) at n positions in samples, given axis by axis: each
+/// with the bits and the rules at the ends of TS_linear_interpolation. A complex volume gives pairs.
+/// Threads: one. Memory: none.
+void interpolate(const ConstSamples& volume, const std::array<const float*, 3>& at,
+                 std::ptrdiff_t n, float* out);
+
+/// Root-mean-square magnitude, as TS_SA sums it; without samples not a number. Memory: none.
+double root_mean_square(const ConstSamples& samples);
 
 #pragma GCC visibility pop
 

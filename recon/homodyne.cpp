@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
@@ -197,6 +198,13 @@ bool overlap(const ConstSamples& a, const ConstSamples& b) {
   return !(apart(a.re, b.re) && apart(a.re, b.im) && apart(a.im, b.re) && apart(a.im, b.im));
 }
 
+CTESSEL_CLONES ptrdiff_t count_nan_of(const ConstRow& row) {
+  ptrdiff_t count = 0;
+#pragma omp simd reduction(+ : count)
+  for (ptrdiff_t i = 0; i < row.n; ++i) count += row.re[row.step * i] != row.re[row.step * i];
+  return count;
+}
+
 ConstSamples copy_of(const ConstSamples& s, std::vector<float>& store) {
   const auto n = static_cast<std::size_t>(s.size());
   store.resize(s.im ? 2 * n : n);
@@ -379,6 +387,19 @@ void remove_resampled_phase(const Samples& image, const ConstSamples& low) {
 }
 
 }  // namespace
+
+std::ptrdiff_t count_nan(const ConstSamples& samples) {
+  std::atomic<ptrdiff_t> count{0};
+  const Samples same(const_cast<float*>(samples.re), nullptr, samples.extents, samples.strides);
+  const JointRows rows(same, samples);
+  for_each_chunk(samples.size(), [&](std::int64_t begin, std::int64_t end) {
+    ptrdiff_t mine = 0;
+    rows.visit(static_cast<ptrdiff_t>(begin), static_cast<ptrdiff_t>(end),
+               [&](const Row&, const ConstRow& row) { mine += count_nan_of(row); });
+    count += mine;
+  });
+  return count;
+}
 
 void remove_phase(const Samples& image, const ConstSamples& low) {
   if (image.size() == 0 || low.size() == 0) return;

@@ -4,6 +4,7 @@
 
 #include "cTessel.h"
 #include "conversion.h"
+#include "ctessel.hpp"
 
 namespace {
 
@@ -50,11 +51,23 @@ int TS_find(short* a, short v, int n) { return find_first(a, v, n); }
 int TS_find(int* a, int v, int n) { return find_first(a, v, n); }
 int TS_find(unsigned int* a, unsigned int v, int n) { return find_first(a, v, n); }
 
-double TS_SA(float* re, float* im, int n) {
+double ctessel::root_mean_square(const ConstSamples& samples) {
+  const std::ptrdiff_t n = samples.size(), row = samples.extent(Dim::x);
   long double sum = 0;
-  for (int i = 0; i < n; ++i) {
-    const long double x = re[i], y = im ? im[i] : 0;
-    sum += x * x + y * y;
+  for (std::ptrdiff_t first = 0; first < n; first += row) {
+    std::ptrdiff_t at = 0, index = first / row;
+    for (int d = 1; index > 0; index /= samples.extent(Dim(d++))) {
+      at += index % samples.extent(Dim(d)) * samples.stride(Dim(d));
+    }
+    for (std::ptrdiff_t i = 0; i < row; ++i, at += samples.stride(Dim::x)) {
+      const long double x = samples.re[at], y = samples.im ? samples.im[at] : 0;
+      sum += x * x + y * y;
+    }
   }
   return static_cast<double>(std::sqrt(sum / n));
+}
+
+double TS_SA(float* re, float* im, int n) {
+  if (n < 0) return -0.0;  // the root of 0 by a negative count
+  return ctessel::root_mean_square(ctessel::ConstSamples::parts(re, im, {n}));
 }

@@ -4,6 +4,7 @@
 
 #include "cTessel.h"
 #include "conversion.h"
+#include "ctessel.hpp"
 
 namespace {
 
@@ -13,9 +14,10 @@ struct Query {
   double fa, fb, fc;
 };
 
-/// Weighted sum of the eight corners. `total` ends the volume; `readable` ends the memory.
-template <class Sum, class Value>
-Sum sum_corners(const Value* volume, const Query& q, std::ptrdiff_t nx, std::ptrdiff_t plane,
+/// Weighted sum of the eight corners, read by `volume` from linear offsets. `total` ends the volume;
+/// `readable` ends the memory.
+template <class Sum, class Volume>
+Sum sum_corners(const Volume& volume, const Query& q, std::ptrdiff_t nx, std::ptrdiff_t plane,
                 std::ptrdiff_t total, std::ptrdiff_t readable) {
   const double ga = 1 - q.fa, gb = 1 - q.fb, gc = 1 - q.fc;
   const std::ptrdiff_t step[] = {0, 1, nx, nx + 1, plane, plane + 1, nx + plane, nx + plane + 1};
@@ -26,13 +28,14 @@ Sum sum_corners(const Value* volume, const Query& q, std::ptrdiff_t nx, std::ptr
   Sum sum{};
   for (int i = 0; i < corners; ++i) {
     // With rows or planes of one sample an early corner can lie past a later one.
-    if (q.base + step[i] < readable) sum += weight[i] * Sum(volume[q.base + step[i]]);
+    if (q.base + step[i] < readable) sum += weight[i] * Sum(volume(q.base + step[i]));
   }
   return sum;
 }
 
-float interpolate(const float* volume, float a, float b, float c, const int* dims,
-                  std::ptrdiff_t readable) {
+template <class Volume, class Extent>
+float interpolate_at(const Volume& volume, float a, float b, float c, const Extent* dims,
+                     std::ptrdiff_t readable) {
   const std::ptrdiff_t nx = dims[0], plane = nx * dims[1], total = plane * dims[2];
   const int ia = static_cast<int>(a), ib = static_cast<int>(b), ic = static_cast<int>(c);
   const Query q{nx * ia + ib + plane * ic, static_cast<double>(a) - ia, static_cast<double>(b) - ib,
@@ -41,7 +44,29 @@ float interpolate(const float* volume, float a, float b, float c, const int* dim
       sum_corners<double>(volume, q, nx, plane, total, readable < 0 ? total : readable));
 }
 
+float interpolate(const float* volume, float a, float b, float c, const int* dims,
+                  std::ptrdiff_t readable) {
+  return interpolate_at([=](std::ptrdiff_t i) { return volume[i]; }, a, b, c, dims, readable);
+}
+
 }  // namespace
+
+void ctessel::interpolate(const ConstSamples& volume, const std::array<const float*, 3>& at,
+                          std::ptrdiff_t n, float* out) {
+  const Extents dims{volume.extent(Dim::x), volume.extent(Dim::y), volume.extent(Dim::z)};
+  const auto offset = [&](std::ptrdiff_t i) {
+    return i % dims[0] * volume.stride(Dim::x) + i / dims[0] % dims[1] * volume.stride(Dim::y) +
+           i / dims[0] / dims[1] * volume.stride(Dim::z);
+  };
+  const auto value = [&](const float* part, std::ptrdiff_t i) {
+    const auto sample = [&](std::ptrdiff_t k) { return part[offset(k)]; };
+    return interpolate_at(sample, at[1][i], at[0][i], at[2][i], dims.data(), -1);
+  };
+  for (std::ptrdiff_t i = 0; i < n; ++i) {
+    *out++ = value(volume.re, i);
+    if (volume.im) *out++ = value(volume.im, i);
+  }
+}
 
 float* TS_linspace(float start, float stop, int n) {
   float* grid = new float[static_cast<std::size_t>(n > 0 ? n : 0)];
@@ -72,8 +97,8 @@ float TS_linear_interpolation(const Eigen::VectorXf& volume, float a, float b, f
 std::complex<double> TS_linear_interpolation(const Eigen::VectorXcd& volume,
                                              const Eigen::VectorXi& dims, int base, double fa,
                                              double fb, double fc, int P, int T) {
-  return sum_corners<std::complex<double>>(volume.data(), Query{base, fa, fb, fc}, dims[0], P, T,
-                                           volume.size());
+  return sum_corners<std::complex<double>>([&](std::ptrdiff_t i) { return volume.data()[i]; },
+                                           Query{base, fa, fb, fc}, dims[0], P, T, volume.size());
 }
 
 double pos2interpolate(double pos, int idx, const float* A, const float* B) {

@@ -154,7 +154,7 @@ void move_run(const M& m, Offsets o, ptrdiff_t n) {
   } else {
     const ptrdiff_t bytes = n * M::kTo;
     const bool stream =
-        m.stream && bytes >= 16 * kLine;  // the lines at both ends count little then
+        m.stream && bytes >= 4 * kLine;  // the lines at both ends count little then
     (stream ? stream_bytes : copy_bytes)(m.out[0] + o.to, m.in[0] + o.from, bytes);
   }
 }

@@ -6,18 +6,16 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <new>
+#include <numeric>
 
 namespace ctessel_python {
 
 namespace {
 
 constexpr int kAligned = 0x0100;  // NumPy's flag
-
-py::array as_array(py::handle object, const char* name) {
-  if (!py::isinstance<py::array>(object)) fail_type(name, "a NumPy array", describe(object));
-  return py::reinterpret_borrow<py::array>(object);
-}
 
 bool native(const py::dtype& t) { return t.byteorder() != '>'; }
 bool is_complex64(const py::dtype& t) { return t.kind() == 'c' && t.itemsize() == 8 && native(t); }
@@ -27,12 +25,30 @@ std::string array_text(const py::array& a) {
   return "an array of " + py::str(a.dtype()).cast<std::string>();
 }
 
-void check_kind(const py::array& a, const char* name, Kind kind) {
-  const py::dtype t = a.dtype();
-  if (kind != Kind::kReal && is_complex64(t)) return;
-  if (kind != Kind::kComplex && is_float32(t)) return;
-  const char* expected[] = {"complex64", "float32", "complex64 or float32"};
-  fail_type(name, std::string("an array of ") + expected[static_cast<int>(kind)], array_text(a));
+const char* type_text(Kind kind) {
+  constexpr const char* kTexts[] = {"complex64", "float32", "complex64 or float32"};
+  return kTexts[static_cast<int>(kind)];
+}
+
+bool fits(const py::dtype& t, Kind kind) {
+  return (kind != Kind::kReal && is_complex64(t)) || (kind != Kind::kComplex && is_float32(t));
+}
+
+/// Numbers of any type as complex64 or float32.
+py::array as_samples(py::handle object, const char* name, Kind kind) {
+  const std::string expected = std::string("an array of ") + type_text(kind);
+  if (py::hasattr(object, "mask") && py::hasattr(object, "filled")) {
+    fail_type(name, expected + " (fill the masked entries first)", "a masked array");
+  }
+  auto a = py::array::ensure(object);
+  PyErr_Clear();
+  if (!a || std::string("cfiub").find(a.dtype().kind()) == std::string::npos) {
+    fail_type(name, expected, describe(object));
+  }
+  if (fits(a.dtype(), kind)) return a;
+  const bool complex = kind == Kind::kComplex || a.dtype().kind() == 'c';
+  if (complex && kind == Kind::kReal) fail_type(name, expected, array_text(a));
+  return a.attr("astype")(complex ? "complex64" : "float32");
 }
 
 void check_extents(const py::array& a, const char* name) {
@@ -44,39 +60,60 @@ void check_extents(const py::array& a, const char* name) {
   }
 }
 
-/// First byte and the byte after the last.
-struct Bytes {
-  const char *begin, *end;
-};
-Bytes bytes_of(const View& v) {
-  Bytes b{v.data, v.data + v.item()};
-  for (std::size_t d = 0; d < v.shape.size(); ++d) {
-    const std::ptrdiff_t reach = (v.shape[d] - 1) * v.strides[d];
-    (reach < 0 ? b.begin : b.end) += reach;
+/// First float and the float after the last.
+std::pair<const float*, const float*> span_of(const ConstSamples& v) {
+  const float *begin = v.re, *end = v.re + (v.im ? 2 : 1);
+  for (int d = 0; d < v.ndim(); ++d) {
+    const std::ptrdiff_t reach = (v.extent(Dim(d)) - 1) * v.stride(Dim(d));
+    (reach < 0 ? begin : end) += reach;
   }
-  return v.size() == 0 ? Bytes{v.data, v.data} : b;
-}
-bool overlap(const View& a, const View& b) {
-  const Bytes p = bytes_of(a), q = bytes_of(b);
-  return p.begin < q.end && q.begin < p.end;
+  return {begin, v.size() == 0 ? begin : end};
 }
 
-void check_apart(const View& result, const View& read, const char* name) {
-  if (overlap(result, read)) {
+void check_apart(const ConstSamples& result, const ConstSamples& read, const char* name) {
+  if (result.size() == 0 || read.size() == 0) return;
+  const auto [begin, end] = span_of(result);
+  const auto [first, last] = span_of(read);
+  if (begin < last && first < end) {
     fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
   }
 }
 
-py::dtype sample_type(const View& v) {
-  return v.complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
+/// A writable array of exactly this shape and kind of sample.
+Samples output(py::handle object, const char* name, const Extents& shape, bool complex) {
+  const Kind kind = complex ? Kind::kComplex : Kind::kReal;
+  const std::string expected = std::string("an array of ") + type_text(kind);
+  if (!py::isinstance<py::array>(object)) fail_type(name, expected, describe(object));
+  const auto a = py::reinterpret_borrow<py::array>(object);
+  if (!fits(a.dtype(), kind)) fail_type(name, expected, array_text(a));
+  const Extents own(a.shape(), a.shape() + a.ndim());
+  if (own != shape) fail_value(name, "shape " + text_of(shape), "shape " + text_of(own));
+  if (!a.writeable()) fail_value(name, "a writable array", "a read-only one");
+  if (!(a.flags() & kAligned)) fail_value(name, "aligned memory", "an array that is not aligned");
+  return view_of(a);
 }
 
-void clear(const View& v) {
-  const double zero = 0;
-  View source = v;
-  source.data = reinterpret_cast<char*>(const_cast<double*>(&zero));
-  std::fill(source.strides.begin(), source.strides.end(), 0);
-  copy(source, v);
+py::dtype sample_type(const Layout& l) {
+  return l.complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
+}
+
+/// Strides in bytes of memory without gaps.
+Extents strides_of(const Layout& l) {
+  std::vector<std::size_t> order(l.shape.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  if (!l.like.empty()) {
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      return std::abs(l.like[a]) < std::abs(l.like[b]);
+    });
+  }
+  Extents strides(l.shape.size());
+  std::ptrdiff_t step = l.complex ? 8 : 4;
+  for (std::size_t d : order) {
+    strides[d] = step;
+    step *= std::max<std::ptrdiff_t>(l.shape[d], 1);
+  }
+  bytes_of_call += static_cast<double>(step);
+  return strides;
 }
 
 /// As NumPy asks for its own large arrays: far fewer page faults.
@@ -105,7 +142,7 @@ void fail_value(const std::string& name, const std::string& expected, const std:
   throw py::value_error(name + ": expected " + expected + ", got " + got);
 }
 
-std::string text_of(const std::vector<std::ptrdiff_t>& shape) {
+std::string text_of(const Extents& shape) {
   std::string text = "(";
   for (std::size_t d = 0; d < shape.size(); ++d) {
     text += (d ? ", " : "") + std::to_string(shape[d]);
@@ -116,7 +153,7 @@ std::string text_of(const std::vector<std::ptrdiff_t>& shape) {
 std::string describe(py::handle object) {
   if (py::isinstance<py::array>(object)) {
     const auto a = py::reinterpret_borrow<py::array>(object);
-    return array_text(a) + ", shape " + text_of(view_of(a).shape);
+    return array_text(a) + ", shape " + text_of({a.shape(), a.shape() + a.ndim()});
   }
   const std::string type = py::str(py::type::handle_of(object).attr("__name__"));
   if (object.is_none() || type == "bool") return py::repr(object).cast<std::string>();
@@ -126,97 +163,108 @@ std::string describe(py::handle object) {
   return type;
 }
 
-View view_of(const py::array& a) {
-  View v;
-  v.data = static_cast<char*>(const_cast<void*>(a.data()));
-  v.shape.assign(a.shape(), a.shape() + a.ndim());
-  v.strides.assign(a.strides(), a.strides() + a.ndim());
-  v.complex = a.itemsize() == 8;
-  return v;
+Samples view_of(const py::array& a) {
+  const bool complex = a.itemsize() == 8;
+  auto* floats = static_cast<float*>(const_cast<void*>(a.data()));
+  Extents strides(a.strides(), a.strides() + a.ndim());
+  for (std::ptrdiff_t& step : strides) step /= static_cast<std::ptrdiff_t>(sizeof(float));
+  return {floats, complex ? floats + 1 : nullptr, {a.shape(), a.shape() + a.ndim()}, strides};
 }
 
 Input input(py::handle object, const char* name, Kind kind, int min_ndim, int max_ndim) {
-  py::array a = as_array(object, name);
-  check_kind(a, name, kind);
+  py::array a = as_samples(object, name, kind);
   if (a.ndim() < min_ndim || a.ndim() > max_ndim) {
     fail_value(
         name,
         "from " + std::to_string(min_ndim) + " to " + std::to_string(max_ndim) + " dimensions",
-        "shape " + text_of(view_of(a).shape));
+        "shape " + text_of({a.shape(), a.shape() + a.ndim()}));
   }
   check_extents(a, name);
   if (!(a.flags() & kAligned)) a = a.attr("copy")();
+  bytes_of_call += static_cast<double>(a.nbytes());
   return {view_of(a), a};
 }
 
-View output(py::handle object, const char* name, const std::vector<std::ptrdiff_t>& shape,
-            bool complex) {
-  const py::array a = as_array(object, name);
-  check_kind(a, name, complex ? Kind::kComplex : Kind::kReal);
-  const View v = view_of(a);
-  if (v.shape != shape) fail_value(name, "shape " + text_of(shape), "shape " + text_of(v.shape));
-  if (!a.writeable()) fail_value(name, "a writable array", "a read-only one");
-  if (!(a.flags() & kAligned)) fail_value(name, "aligned memory", "an array that is not aligned");
-  return v;
+Input optional(py::handle object, const char* name, Kind kind, int max_ndim) {
+  if (object.is_none()) return {};
+  Input in = input(object, name, kind, 1, max_ndim);
+  check_not_empty(in.view, name);
+  return in;
 }
 
-void check_count(const std::vector<std::ptrdiff_t>& shape, const char* name) {
+void check_not_empty(const ConstSamples& v, const char* name) {
+  if (v.size() == 0) fail_value(name, "at least one sample", "shape " + text_of(v.extents));
+}
+
+void check_extent(const ConstSamples& v, const char* name, int axis, std::ptrdiff_t expected) {
+  if (v.extent(Dim(axis)) != expected) {
+    fail_value(name, "extent " + std::to_string(expected) + " along axis " + std::to_string(axis),
+               "shape " + text_of(v.extents));
+  }
+}
+
+void check_count(const Extents& shape, const char* name) {
   double count = 1;
   for (std::ptrdiff_t n : shape) count *= static_cast<double>(n);
   if (count > 1e18) fail_value(name, "at most 10^18 samples", "shape " + text_of(shape));
 }
 
-View layout_like(const View& like, const std::vector<std::ptrdiff_t>& shape, bool complex) {
-  View v{nullptr, shape, shape, complex};
-  std::ptrdiff_t step = v.item();
-  for (int axis : like.memory_order()) {
-    const auto d = static_cast<std::size_t>(axis);
-    v.strides[d] = step;
-    step *= std::max<std::ptrdiff_t>(shape[d], 1);
-  }
-  return v;
+py::array new_array(const Layout& layout) {
+  return py::array(sample_type(layout), layout.shape, strides_of(layout));
 }
 
-py::array new_array(const View& layout) {
-  return py::array(sample_type(layout), layout.shape, layout.strides);
-}
-
-py::array new_zeros(const View& layout) {
-  const auto count = static_cast<std::size_t>(std::max<std::ptrdiff_t>(layout.size(), 1));
-  const std::size_t bytes = count * static_cast<std::size_t>(layout.item());
-  void* memory = std::calloc(count, static_cast<std::size_t>(layout.item()));
+py::array new_zeros(const Layout& layout) {
+  const std::size_t item = layout.complex ? 8 : 4;
+  std::size_t count = 1;
+  for (std::ptrdiff_t n : layout.shape) count *= static_cast<std::size_t>(n);
+  const Extents strides = strides_of(layout);
+  void* memory = std::calloc(std::max<std::size_t>(count, 1), item);
   if (!memory) throw std::bad_alloc();
-  ask_for_large_pages(memory, bytes);
+  ask_for_large_pages(memory, count * item);
   const py::capsule owner(memory, [](void* p) { std::free(p); });
-  return py::array(sample_type(layout), layout.shape, layout.strides, memory, owner);
+  return py::array(sample_type(layout), layout.shape, strides, memory, owner);
 }
 
-Destination destination(const Input& data, py::handle object, py::handle out, bool inplace,
-                        const View& layout) {
+Result result(const Input& data, py::handle object, py::handle out, bool inplace) {
+  const bool complex = data.view.im;
   if (inplace && !out.is_none()) fail_value("out", "None beside inplace=True", describe(out));
   if (inplace || out.is(object)) {
-    const View v = output(object, inplace ? "data" : "out", data.view.shape, data.view.complex);
+    const Samples v = output(object, inplace ? "data" : "out", data.view.extents, complex);
     return {py::reinterpret_borrow<py::object>(object), v, true};
   }
-  return destination({data.view}, out, layout, false);
+  return result({data.view}, out, {data.view.extents, complex, data.view.strides}, false);
 }
 
-Destination destination(const std::vector<View>& read, py::handle out, const View& layout,
-                        bool zeros) {
+Result result(const std::vector<ConstSamples>& read, py::handle out, const Layout& layout,
+              bool zeros) {
   if (out.is_none()) {
     const py::array a = zeros ? new_zeros(layout) : new_array(layout);
     return {a, view_of(a), false};
   }
-  const View v = output(out, "out", layout.shape, layout.complex);
-  for (const View& r : read) check_apart(v, r, "out");
-  if (zeros) clear(v);
+  const Samples v = output(out, "out", layout.shape, layout.complex);
+  for (const ConstSamples& r : read) check_apart(v, r, "out");
+  constexpr float kZero[2] = {0, 0};
+  if (zeros) {
+    const Extents still(v.extents.size(), 0);
+    ctessel::copy({kZero, v.im ? kZero + 1 : nullptr, v.extents, still}, v);
+  }
   return {py::reinterpret_borrow<py::object>(out), v, false};
 }
 
-void check_apart_or_same(const View& result, const View& read, const char* name) {
+void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, const char* name) {
   const bool same =
-      result.data == read.data && result.shape == read.shape && result.strides == read.strides;
+      result.re == read.re && result.extents == read.extents && result.strides == read.strides;
   if (!same) check_apart(result, read, name);
+}
+
+thread_local double bytes_of_call = 0;
+
+void fail_memory(const char* routine) {
+  char text[200];
+  std::snprintf(text, sizeof text, "%s: not enough memory; its arrays take %.0f MB", routine,
+                bytes_of_call / 1e6);
+  PyErr_SetString(PyExc_MemoryError, text);
+  throw py::error_already_set();
 }
 
 int whole_number(py::handle object, const std::string& name, long least, long most) {
@@ -270,44 +318,9 @@ int axis_number(py::handle object, const char* name, int ndim) {
   return axis < 0 ? axis + ndim : axis;
 }
 
-std::vector<int> extents(const View& v, int least) {
-  std::vector<int> dims;
-  for (std::ptrdiff_t n : v.shape) dims.push_back(static_cast<int>(n));
-  while (static_cast<int>(dims.size()) < least) dims.push_back(1);
-  return dims;
-}
-
-Weights::Weights(const std::vector<std::ptrdiff_t>& shape) {
-  view = packed(nullptr, shape, false);
-  values.assign(static_cast<std::size_t>(view.size()), 1.0f);
-  view.data = reinterpret_cast<char*>(values.data());
-}
-
-void Weights::arrange_like(const View& data) {
-  View like = data.with_axes(view.ndim());
-  like.shape.resize(view.shape.size());
-  like.strides.resize(view.shape.size());
-  View arranged = layout_like(like, view.shape, false);
-  std::vector<float> own(values.size());
-  arranged.data = reinterpret_cast<char*>(own.data());
-  copy(view, arranged);
-  values.swap(own);
-  view = arranged;
-}
-
-View Weights::along(const View& data) const {
-  View all = view.with_axes(data.ndim());
-  all.shape = data.shape;
-  all.strides.resize(data.shape.size());
-  for (int d = 0; d < data.ndim(); ++d) {
-    if (view.extent(d) == 1) all.strides[static_cast<std::size_t>(d)] = 0;
-  }
-  return all;
-}
-
-Threads::Threads(py::handle count, std::ptrdiff_t bytes) : before_(omp_get_max_threads()) {
+Threads::Threads(py::handle count, std::ptrdiff_t samples) : before_(omp_get_max_threads()) {
   const int wanted = count.is_none() ? before_ : whole_number(count, "threads", 1, 1024);
-  omp_set_num_threads(bytes < kPiece ? 1 : wanted);
+  omp_set_num_threads(samples < kFew ? 1 : wanted);
 }
 
 }  // namespace ctessel_python

@@ -1,81 +1,47 @@
-// Coil combination. Voxels are independent of each other, so the kernels get small pieces with all
-// their coils, whatever the order of the axes in memory.
-
-#include <algorithm>
+// Coil combination.
 
 #include "arguments.h"
-#include "cTessel.h"
 
 namespace ctessel_python {
 
 namespace {
 
-using std::ptrdiff_t;
+using Combine = void (*)(const ConstSamples&, Dim, const Samples&);
 
-constexpr ptrdiff_t kCoilPiece = 4 * kPiece;  // little is done per sample: fewer pieces are faster
-constexpr int kAveraged = 9;                  // the axis over which pcsos averages its weights
-
-void sos_piece(const View& data, const View& out, int axis) {
-  const Parts parts(data);
-  std::vector<float> sum(static_cast<std::size_t>(out.size()), 0.0f);
-  std::vector<int> dims = extents(data), outdims = extents(out);
-  TS_perform_sos(parts.re(), parts.im(), data.ndim(), dims.data(), axis + 1, sum.data(),
-                 outdims.data());
-  join(sum.data(), nullptr, out);
+/// Kernels want the coils' axis to stay, with extent 1.
+Samples with_axis(Samples view, int axis) {
+  view.extents.insert(view.extents.begin() + axis, 1);
+  view.strides.insert(view.strides.begin() + axis, 0);
+  return view;
 }
 
-void pcsos_piece(const View& data, const View& out, int axis) {
-  const Parts parts(data);
-  const auto n = static_cast<std::size_t>(out.size());
-  std::vector<float> re(n), im(n);
-  std::vector<int> dims = extents(data, kAveraged + 1), outdims = extents(out, kAveraged + 1);
-  TS_perform_pcsos(parts.re(), parts.im(), static_cast<int>(dims.size()), dims.data(), axis + 1,
-                   re.data(), im.data(), outdims.data());
-  join(re.data(), im.data(), out);
-}
-
-/// Axes as they lie in memory. The averaged one must stay where it is, and with it all others.
-std::vector<int> axes_of(const View& data) {
-  std::vector<int> order = data.memory_order();
-  if (data.ndim() > kAveraged) std::sort(order.begin(), order.end());
-  return order;
-}
-
-using Combine = void (*)(const View&, const View&, int);
-
-void combine_pieces(Combine piece, const View& data, const View& out, int coil) {
-  const std::vector<int> order = axes_of(data);
-  const auto place = std::find(order.begin(), order.end(), coil) - order.begin();
-  const int axis = static_cast<int>(place);
-  for_each_piece(cut({data.permuted(order), out.permuted(order)}, {axis, kAveraged}, kCoilPiece),
-                 [&](const Views& p) { piece(p[0], p[1], axis); });
-}
-
-py::object combine(Combine piece, bool complex, py::handle data, py::handle axis, py::handle out,
+py::object combine(Combine kernel, bool complex, py::handle data, py::handle axis, py::handle out,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const int coil = axis_number(axis, "axis", in.view.ndim());
-  View one = in.view;
-  one.shape[static_cast<std::size_t>(coil)] = 1;
-  const View layout = layout_like(one, one.shape, complex).without_axis(coil);
-  const Destination to = destination({in.view}, out, layout, in.view.size() == 0);
-  const Threads team(threads, in.view.size() * in.view.item());
-  if (in.view.size() > 0) {
-    const py::gil_scoped_release unlocked;
-    combine_pieces(piece, in.view, to.view.with_axis(coil), coil);
-  }
+  Layout layout{in.view.extents, complex, in.view.strides};
+  layout.shape.erase(layout.shape.begin() + coil);
+  layout.like.erase(layout.like.begin() + coil);
+  const Result to = result({in.view}, out, layout, true);
+  const Threads team(threads, in.view.size());
+  const py::gil_scoped_release unlocked;
+  kernel(in.view, Dim(coil), with_axis(to.view, coil));
   return to.array;
+}
+
+py::object sos(py::handle data, py::handle axis, py::handle out, py::handle threads) {
+  return combine(ctessel::sos, false, data, axis, out, threads);
+}
+
+py::object pcsos(py::handle data, py::handle axis, py::handle out, py::handle threads) {
+  return combine(ctessel::pcsos, true, data, axis, out, threads);
 }
 
 }  // namespace
 
 void bind_coils(py::module_& m) {
-  m.def("sos", [](py::handle data, py::handle axis, py::handle out, py::handle threads) {
-    return combine(sos_piece, false, data, axis, out, threads);
-  });
-  m.def("pcsos", [](py::handle data, py::handle axis, py::handle out, py::handle threads) {
-    return combine(pcsos_piece, true, data, axis, out, threads);
-  });
+  define(m, "sos", sos);
+  define(m, "pcsos", pcsos);
 }
 
 }  // namespace ctessel_python

@@ -16,23 +16,29 @@ constexpr int kOrders = 14, kDegrees = 12, kZonal = 17;
 
 using Floats = py::array_t<float, py::array::c_style | py::array::forcecast>;
 
-/// Coefficients as floats: rows n = order, columns m = degree.
+/// Coefficients as floats: rows n = order, columns m = degree. Shorter tables end with zeros.
 std::vector<float> table_of(py::handle object, const char* name, ptrdiff_t rows,
                             ptrdiff_t columns) {
-  const std::string expected = "an array of shape " + text_of({rows, columns}) +
+  const std::string expected = "an array of at most " + text_of({rows, columns}) +
                                (columns == 1 ? " or " + text_of({rows}) : "");
   const auto any = py::array::ensure(object);
   if (!any || std::string("fiu").find(any.dtype().kind()) == std::string::npos) {
     PyErr_Clear();
     fail_type(name, "real numbers", describe(object));
   }
-  const std::vector<ptrdiff_t> shape(any.shape(), any.shape() + any.ndim());
-  const bool flat = columns == 1 && shape == std::vector<ptrdiff_t>{rows};
-  if (!flat && shape != std::vector<ptrdiff_t>{rows, columns}) {
+  const Extents shape(any.shape(), any.shape() + any.ndim());
+  const bool flat = columns == 1 && shape.size() == 1;
+  if ((!flat && shape.size() != 2) || shape[0] > rows || shape[0] < 2 ||
+      (!flat && (shape[1] > columns || shape[1] < std::min<ptrdiff_t>(columns, 2)))) {
     fail_value(name, expected, "shape " + text_of(shape));
   }
   const Floats values(any);
-  return {values.data(), values.data() + values.size()};
+  const ptrdiff_t given = flat ? 1 : shape[1];
+  std::vector<float> table(static_cast<std::size_t>(rows * columns));
+  for (ptrdiff_t r = 0; r < shape[0]; ++r) {
+    std::copy_n(values.data() + r * given, given, table.begin() + r * columns);
+  }
+  return table;
 }
 
 void check_linear_term(const std::vector<float>& table, const char* name, int columns, int m) {
@@ -60,51 +66,49 @@ float (*rows_of(std::vector<float>& table))[Columns] {
   return reinterpret_cast<float(*)[Columns]>(table.data());
 }
 
-/// Points in any order, as long as all three arrays have the same one.
-bool alike_and_dense(const View& x, const View& y, const View& z, const View& dense) {
-  return x.strides == dense.strides && y.strides == dense.strides && z.strides == dense.strides;
-}
+/// Points one after another: as they lie where all three arrays are alike and have no gaps,
+/// otherwise copied once, in C order.
+struct Points {
+  explicit Points(const Input (&in)[3]) : layout{in[0].view.extents, false, in[0].view.strides} {
+    const Extents dense = view_of(new_array(layout)).strides;
+    bool alike = true;
+    for (const Input& c : in) alike = alike && c.view.strides == dense;
+    for (int d = 0; d < 3; ++d) arrays[d] = alike ? py::array(in[d].holder) : Floats(in[d].holder);
+    layout.like = view_of(arrays[0]).strides;
+  }
+  py::array result() const { return new_array(layout); }
+  float* values(int d) const { return static_cast<float*>(const_cast<void*>(arrays[d].data())); }
 
-/// Coordinates of the points one after another; a copy only where they are not.
-struct Coordinates {
-  Coordinates(const View& v, bool dense) : copy(dense ? packed(v.data, {v.size()}, false) : v) {}
-  float* values() const { return copy.re(); }
-  Parts copy;
+  Layout layout;
+  py::array arrays[3];
 };
-
-void correct(const Input (&in)[3], const py::array (&out)[3], bool dense, Tables& t, float r0) {
-  const Coordinates x(in[0].view, dense), y(in[1].view, dense), z(in[2].view, dense);
-  float* to[3];
-  for (int d = 0; d < 3; ++d) to[d] = static_cast<float*>(const_cast<void*>(out[d].data()));
-  TS_geometry_correction(x.values(), y.values(), z.values(), to[0], to[1], to[2],
-                         static_cast<int>(in[0].view.size()), rows_of<kDegrees>(t.y),
-                         rows_of<kDegrees>(t.x), rows_of<1>(t.z), r0);
-}
 
 py::tuple geometry_correction(py::handle x, py::handle y, py::handle z, py::handle coeff_x,
                               py::handle coeff_y, py::handle coeff_z, py::handle radius,
                               py::handle threads) {
   const Input in[] = {input(x, "x", Kind::kReal, 0), input(y, "y", Kind::kReal, 0),
                       input(z, "z", Kind::kReal, 0)};
-  const View& first = in[0].view;
+  const Extents& shape = in[0].view.extents;
   for (int d = 1; d < 3; ++d) {
-    if (in[d].view.shape != first.shape) {
-      fail_value(d == 1 ? "y" : "z", "the shape of x, " + text_of(first.shape),
-                 "shape " + text_of(in[d].view.shape));
+    if (in[d].view.extents != shape) {
+      fail_value(d == 1 ? "y" : "z", "the shape of x, " + text_of(shape),
+                 "shape " + text_of(in[d].view.extents));
     }
   }
-  if (first.size() > INT_MAX) fail_value("x", "at most 2147483647 points", text_of(first.shape));
-  Tables tables = tables_of(coeff_x, coeff_y, coeff_z);
+  if (in[0].view.size() > INT_MAX) fail_value("x", "at most 2147483647 points", text_of(shape));
+  Tables t = tables_of(coeff_x, coeff_y, coeff_z);
   const auto r0 = static_cast<float>(number(radius, "r0"));
   if (!(r0 > 0)) fail_value("r0", "a radius above 0", std::to_string(r0));
-  const View same = layout_like(first, first.shape, false);
-  const bool dense = alike_and_dense(first, in[1].view, in[2].view, same);
-  const View layout = dense ? same : packed(nullptr, first.shape, false);
-  const py::array out[] = {new_array(layout), new_array(layout), new_array(layout)};
+  const Points points(in);
+  const py::array out[] = {points.result(), points.result(), points.result()};
+  const Samples to[] = {view_of(out[0]), view_of(out[1]), view_of(out[2])};
   const Threads team(threads);
+  const auto n = static_cast<int>(in[0].view.size());
   {
     const py::gil_scoped_release unlocked;
-    correct(in, out, dense, tables, r0);
+    TS_geometry_correction(points.values(0), points.values(1), points.values(2), to[0].re, to[1].re,
+                           to[2].re, n, rows_of<kDegrees>(t.y), rows_of<kDegrees>(t.x),
+                           rows_of<1>(t.z), r0);
   }
   return py::make_tuple(out[0], out[1], out[2]);
 }
@@ -155,7 +159,7 @@ void polar(const Floats& x, const Floats& y, const Floats& z, Floats r, Floats t
 }  // namespace
 
 void bind_geometry(py::module_& m) {
-  m.def("geometry_correction", geometry_correction);
+  define(m, "geometry_correction", geometry_correction);
   m.def("realign_corr_coeffs", realign);
   m.def("plgndr", legendre);
   m.def("create_plgndr_lookup", lookup);

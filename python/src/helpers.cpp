@@ -30,24 +30,16 @@ void check_positions(const Floats& at, const char* name, ptrdiff_t extent) {
   }
 }
 
-/// Values at positions of the same count; pairs are interpolated part by part.
+/// Values at positions of the same count.
 void linear_interpolation(py::handle volume, const Floats& x, const Floats& y, const Floats& z,
                           py::array out) {
   const Input in = input(volume, "volume", Kind::kEither, 1, 3);
-  check_positions(x, "x", in.view.extent(0));
-  check_positions(y, "y", in.view.extent(1));
-  check_positions(z, "z", in.view.extent(2));
-  std::vector<int> dims = extents(in.view, 3);
-  auto* to = static_cast<float*>(out.mutable_data());
-  const float *p = x.data(), *q = y.data(), *r = z.data();
-  const ptrdiff_t n = x.size(), step = in.view.complex ? 2 : 1;
+  check_positions(x, "x", in.view.extent(Dim::x));
+  check_positions(y, "y", in.view.extent(Dim::y));
+  check_positions(z, "z", in.view.extent(Dim::z));
+  const Samples to = view_of(out);
   const py::gil_scoped_release unlocked;
-  const Parts parts(in.view);
-  for (ptrdiff_t i = 0; i < n; ++i) {
-    to[step * i] = TS_linear_interpolation(parts.re(), q[i], p[i], r[i], dims.data());
-    if (!parts.im()) continue;
-    to[step * i + 1] = TS_linear_interpolation(parts.im(), q[i], p[i], r[i], dims.data());
-  }
+  ctessel::interpolate(in.view, {x.data(), y.data(), z.data()}, x.size(), to.re);
 }
 
 double position(py::handle pos, py::handle idx, py::handle a, py::handle b) {
@@ -110,42 +102,23 @@ int find(py::handle array, py::handle value) {
 double root_mean_square(py::handle data) {
   const Input in = input(data, "data", Kind::kEither);
   if (in.view.size() > INT_MAX) {
-    fail_value("data", "at most 2147483647 samples", "shape " + text_of(in.view.shape));
+    fail_value("data", "at most 2147483647 samples", "shape " + text_of(in.view.extents));
   }
   const py::gil_scoped_release unlocked;
-  const Parts parts(in.view);
-  return TS_SA(parts.re(), parts.im(), static_cast<int>(in.view.size()));
-}
-
-// For the benchmark: what it costs to take pairs apart and to put them together.
-
-void split_into(py::handle data, const py::array_t<float>& re, const py::array_t<float>& im,
-                py::handle threads) {
-  const Input in = input(data, "data", Kind::kComplex);
-  const Threads team(threads);
-  split(in.view, const_cast<float*>(re.data()), const_cast<float*>(im.data()));
-}
-
-void join_into(const py::array_t<float>& re, const py::array_t<float>& im, py::handle data,
-               py::handle threads) {
-  const Input in = input(data, "data", Kind::kComplex);
-  const Threads team(threads);
-  join(re.data(), im.data(), in.view);
+  return ctessel::root_mean_square(in.view);
 }
 
 }  // namespace
 
 void bind_helpers(py::module_& m) {
   m.def("linspace", linspace);
-  m.def("linear_interpolation", linear_interpolation);
+  define(m, "linear_interpolation", linear_interpolation);
   m.def("pos2interpolate", position);
   m.def("round", py::vectorize(static_cast<int (*)(double)>(TS_round)));
   m.def("round_float", py::vectorize(static_cast<int (*)(float)>(TS_round)));
   m.def("sub2ind", sub2ind);
   m.def("find", find);
-  m.def("split", split_into);
-  m.def("join", join_into);
-  m.def("sa", root_mean_square);
+  define(m, "sa", root_mean_square);
 }
 
 }  // namespace ctessel_python
