@@ -1,20 +1,18 @@
 """Reconstruction kernels for magnetic-resonance imaging, on NumPy arrays.
 
 Arrays are indexed ``data[x, y, z, coil, ...]``, whatever their order in memory: C order, Fortran
-order, slices and negative strides all give the same numbers. Samples are complex64 (or float32,
-which counts as complex with imaginary parts of zero); other types raise ``TypeError`` instead of
-being converted behind the caller's back. On a centred axis of N samples the zero frequency lies at
-index ``N // 2``.
+order, slices and negative strides all give the same numbers. Samples are complex64 or float32, used
+where they lie. What else NumPy makes numbers of (complex128, float64, integers, lists) is converted
+to them once; ``out=`` and ``inplace=`` need the types themselves, and masked arrays are refused. On
+a centred axis of N samples the zero frequency lies at index ``N // 2``.
 
-Nothing changes its input unless ``inplace=True`` or ``out=`` says so. Shifts, padding, coil
-combination, `ringing_filter` and `homodyne` take data without gaps in the order in which they lie,
-and results have the same order. The kernels of SENSE read Fortran order (first axis fastest);
-data in another order are rearranged on the way, and the result is in Fortran order.
+Nothing changes its input unless ``inplace=True`` or ``out=`` says so. New arrays lie in memory in the
+order of the data; the result of SENSE is in Fortran order (first axis fastest).
 
-Beyond arguments and result a call needs less than one copy of its data: at most half a copy for
-`ringing_filter` and `homodyne.filter` (weights of one volume) and for shifts in place, half of its
-inputs for SENSE (see there), a few percent for the rest. The exception is `homodyne.multiply` with
-resampling in place on data in C order, a copy of the volumes that are worked on.
+Beyond arguments, result and a conversion a call needs a few percent of its data. The exceptions are
+shifts in place of arrays with gaps (one entry of an axis that is not shifted, or a copy where there
+is none), `homodyne.multiply` with a low-resolution image that has gaps (a copy of that), and SENSE
+(see there).
 
 ``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
 one. Results are the same bits for every number. The interpreter's lock is released while kernels
@@ -29,8 +27,10 @@ Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names 
 was expected and what was got.
 """
 
+import importlib
 import os
 import sys
+from typing import TYPE_CHECKING
 
 if "ctessel" in map(os.path.basename, sys.orig_argv):
     # The command multiplies small matrices alone; for the threads of BLAS 128 MiB would be set aside.
@@ -43,6 +43,7 @@ with runtime.short_waits():
 from . import homodyne
 from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
 from ._coils import pcsos, sos
+from ._core import __version__, release_threads
 from ._geometry import (
     create_plgndr_lookup,
     func_yc,
@@ -58,10 +59,19 @@ from ._sense import compartments, folded_pos, sense_recon, unfolded_positions
 from .gradients import GradientField
 from .homodyne import HomodyneWarning
 
-__version__ = _core.__version__
+if TYPE_CHECKING:
+    from .fourier import to_image, to_kspace
+    from .steps import homodyne_recon
+else:
+    _NEED_SCIPY = {"homodyne_recon": "steps", "to_image": "fourier", "to_kspace": "fourier"}
+
+    def __getattr__(name):
+        if name not in _NEED_SCIPY:
+            raise AttributeError(f"module 'ctessel' has no attribute {name!r}")
+        return getattr(importlib.import_module("." + _NEED_SCIPY[name], __name__), name)
 
 # A forked child would wait for threads that it does not have.
-os.register_at_fork(before=_core.release_threads)
+os.register_at_fork(before=release_threads)
 
 __all__ = [
     "GradientField",
@@ -75,6 +85,7 @@ __all__ = [
     "func_ys",
     "geometry_correction",
     "homodyne",
+    "homodyne_recon",
     "ifftshift",
     "linear_interpolation",
     "linspace",
@@ -89,6 +100,8 @@ __all__ = [
     "sense_recon",
     "sos",
     "sub2ind",
+    "to_image",
+    "to_kspace",
     "unfolded_positions",
     "zero_pad",
 ]  # without round: a star import is not to hide the built-in function

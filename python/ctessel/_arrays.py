@@ -1,14 +1,27 @@
 """Circular shifts, zero padding and the ringing filter."""
 
+from collections.abc import Sequence
+from typing import Any
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
 from . import _core
 
 
-def fftshift(data, axes=None, *, out=None, inplace=False, threads=None):
+def fftshift(
+    data: ArrayLike,
+    axes: int | Sequence[int] | None = None,
+    *,
+    out: NDArray[Any] | None = None,
+    inplace: bool = False,
+    threads: int | None = None,
+) -> NDArray[Any]:
     """Move the first sample of each axis to its centre, index ``N // 2``.
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Any shape of one or more axes.
     axes : int or sequence of int, optional
         Axes to shift. By default the first three, x, y and z, as far as they exist.
@@ -37,7 +50,14 @@ def fftshift(data, axes=None, *, out=None, inplace=False, threads=None):
     return _core.fftshift(data, axes, out, inplace, threads)
 
 
-def ifftshift(data, axes=None, *, out=None, inplace=False, threads=None):
+def ifftshift(
+    data: ArrayLike,
+    axes: int | Sequence[int] | None = None,
+    *,
+    out: NDArray[Any] | None = None,
+    inplace: bool = False,
+    threads: int | None = None,
+) -> NDArray[Any]:
     """Move the centre of each axis, index ``N // 2``, to its first sample.
 
     Parameters and result are those of `fftshift`, which this function undoes.
@@ -51,7 +71,13 @@ def ifftshift(data, axes=None, *, out=None, inplace=False, threads=None):
     return _core.ifftshift(data, axes, out, inplace, threads)
 
 
-def zero_pad(data, shape, *, out=None, threads=None):
+def zero_pad(
+    data: ArrayLike,
+    shape: Sequence[int],
+    *,
+    out: NDArray[Any] | None = None,
+    threads: int | None = None,
+) -> NDArray[Any]:
     """Place an array in the centre of a larger one filled with zeros.
 
     Along an axis of d samples padded to n, sample i goes to ``i + ceil((n - d) / 2)``: index
@@ -59,7 +85,7 @@ def zero_pad(data, shape, *, out=None, threads=None):
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         k-space or image, ``(x, y, z, ...)``.
     shape : sequence of int
         New extents of the first one, two or three axes, none smaller than before.
@@ -83,7 +109,15 @@ def zero_pad(data, shape, *, out=None, threads=None):
     return _core.zero_pad(data, shape, out, threads)
 
 
-def ringing_filter(data, strength, width=None, *, out=None, inplace=False, threads=None):
+def ringing_filter(
+    data: ArrayLike,
+    strength: float | Sequence[float],
+    width: Sequence[int] | None = None,
+    *,
+    out: NDArray[Any] | None = None,
+    inplace: bool = False,
+    threads: int | None = None,
+) -> NDArray[Any]:
     """Weigh centred k-space with a cosine window against truncation (Gibbs) ringing.
 
     Along each of the first three axes the weight is ``0.54 + 0.46 cos(2 pi j / L)``, j counted
@@ -94,7 +128,7 @@ def ringing_filter(data, strength, width=None, *, out=None, inplace=False, threa
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Centred k-space, ``(x, y, z, ...)``.
     strength : float or sequence of float
         Drop of the weight at the window's edge, 0 (none) to 0.915, for all axes or for each of

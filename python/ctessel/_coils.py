@@ -1,14 +1,23 @@
 """Coil combination."""
 
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
 from . import _core
 
 
-def sos(data, axis=3, *, out=None, threads=None):
+def sos(
+    data: ArrayLike,
+    axis: int = 3,
+    *,
+    out: NDArray[np.float32] | None = None,
+    threads: int | None = None,
+) -> NDArray[np.float32]:
     """Combine coil images by the root of their sum of squares.
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Coil images, ``(x, y, z, coil, ...)``.
     axis : int, optional
         The coils' axis.
@@ -30,7 +39,13 @@ def sos(data, axis=3, *, out=None, threads=None):
     return _core.sos(data, axis, out, threads)
 
 
-def pcsos(data, axis=3, *, out=None, threads=None):
+def pcsos(
+    data: ArrayLike,
+    axis: int = 3,
+    *,
+    out: NDArray[np.complex64] | None = None,
+    threads: int | None = None,
+) -> NDArray[np.complex64]:
     """Combine coil images by the root of their sum of squares, with a phase.
 
     The phase is that of the sum of the coil images, each weighted with its magnitude averaged over
@@ -38,7 +53,7 @@ def pcsos(data, axis=3, *, out=None, threads=None):
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Coil images, ``(x, y, z, coil, ...)``; axes up to the tenth that are missing count as 1.
     axis : int, optional
         The coils' axis.

@@ -1,12 +1,25 @@
 """Geometry correction and the spherical harmonics behind it."""
 
+from typing import Any
+
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 
 from . import _core
 from ._helpers import _broadcast, _real
 
 
-def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, *, threads=None):
+def geometry_correction(
+    x: ArrayLike,
+    y: ArrayLike,
+    z: ArrayLike,
+    coeff_x: ArrayLike,
+    coeff_y: ArrayLike,
+    coeff_z: ArrayLike,
+    r0: float,
+    *,
+    threads: int | None = None,
+) -> tuple[NDArray[np.float32], NDArray[np.float32], NDArray[np.float32]]:
     """Where non-linear gradients place points.
 
     The field of each gradient axis is a sum of solid spherical harmonics, normalised by its linear
@@ -14,14 +27,15 @@ def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, *, threads=None)
 
     Parameters
     ----------
-    x, y, z : ndarray of float32
+    x, y, z : array_like, real
         Coordinates of the points from the gradients' isocentre, all of one shape, in the unit of
         `r0`.
-    coeff_x, coeff_y : array_like, shape (14, 12)
+    coeff_x, coeff_y : array_like, up to shape (14, 12)
         Cosine terms of the x gradient and sine terms of the y gradient: row n is the order, column
         m the degree; rows 1 to 13 and columns 1 to 11 are read.
-    coeff_z : array_like, shape (17,) or (17, 1)
-        Zonal terms of the z gradient; rows 1 to 16 are read.
+    coeff_z : array_like, up to shape (17,) or (17, 1)
+        Zonal terms of the z gradient; rows 1 to 16 are read. Terms that a shorter table does not
+        have are 0.
     r0 : float
         Reference radius of the expansion.
     threads : int, optional
@@ -44,7 +58,11 @@ def geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, *, threads=None)
     return _core.geometry_correction(x, y, z, coeff_x, coeff_y, coeff_z, r0, threads)
 
 
-def realign_corr_coeffs(coeff_x, coeff_y, coeff_z):
+def realign_corr_coeffs(
+    coeff_x: ArrayLike,
+    coeff_y: ArrayLike,
+    coeff_z: ArrayLike,
+) -> tuple[NDArray[np.float32], NDArray[np.float32], NDArray[np.float32]]:
     """Coefficient tables packed one degree after another, as the correction reads them.
 
     Parameters are those of `geometry_correction`.
@@ -57,7 +75,7 @@ def realign_corr_coeffs(coeff_x, coeff_y, coeff_z):
     return _core.realign_corr_coeffs(coeff_x, coeff_y, coeff_z)
 
 
-def plgndr(l, m, x):
+def plgndr(l: int, m: int, x: ArrayLike) -> Any:
     """Associated Legendre function P_l^m(x), with the phase (-1)^m and not normalised.
 
     Parameters
@@ -83,7 +101,7 @@ def plgndr(l, m, x):
     return _core.plgndr(l, m, _real(x, "x"))
 
 
-def create_plgndr_lookup(nl, nm, npts):
+def create_plgndr_lookup(nl: int, nm: int, npts: int) -> NDArray[np.float32]:
     """Table of P_l^m at `npts` cosines from -1 to 1.
 
     Returns
@@ -94,7 +112,11 @@ def create_plgndr_lookup(nl, nm, npts):
     return _core.create_plgndr_lookup(nl, nm, npts)
 
 
-def radius_theta_phi(x, y, z):
+def radius_theta_phi(
+    x: ArrayLike,
+    y: ArrayLike,
+    z: ArrayLike,
+) -> tuple[NDArray[np.float32], NDArray[np.float32], NDArray[np.float32]]:
     """Spherical coordinates of points, in radians.
 
     Parameters
@@ -113,12 +135,19 @@ def radius_theta_phi(x, y, z):
     return tuple(out)
 
 
-def radial_factor(r, r0, n):
+def radial_factor(r: ArrayLike, r0: ArrayLike, n: ArrayLike) -> Any:
     """(r / r0)^n in single precision, by repeated multiplication; 1 for n = 0."""
     return _core.radial_factor(_real(r, "r"), _real(r0, "r0"), _whole(n, "n"))
 
 
-def func_ys(n, m, r, phi, r0, p):
+def func_ys(
+    n: ArrayLike,
+    m: ArrayLike,
+    r: ArrayLike,
+    phi: ArrayLike,
+    r0: ArrayLike,
+    p: ArrayLike,
+) -> Any:
     """Sine term of the expansion: sin(m phi) (r / r0)^n p, all in single precision.
 
     n is the order, m the degree, r and r0 radii of one unit, phi an angle in radians and p the value
@@ -127,7 +156,14 @@ def func_ys(n, m, r, phi, r0, p):
     return _core.func_ys(_whole(n, "n"), _whole(m, "m"), *_term(r, phi, r0, p))
 
 
-def func_yc(n, m, r, phi, r0, p):
+def func_yc(
+    n: ArrayLike,
+    m: ArrayLike,
+    r: ArrayLike,
+    phi: ArrayLike,
+    r0: ArrayLike,
+    p: ArrayLike,
+) -> Any:
     """Cosine term of the expansion: cos(m phi) (r / r0)^n p. Arguments are those of `func_ys`."""
     return _core.func_yc(_whole(n, "n"), _whole(m, "m"), *_term(r, phi, r0, p))
 

@@ -1,11 +1,15 @@
 """Grids, interpolation, rounding, indices and search."""
 
+from collections.abc import Sequence
+from typing import Any
+
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 
 from . import _core
 
 
-def linspace(start, stop, n):
+def linspace(start: float, stop: float, n: int) -> NDArray[np.float32]:
     """Grid of `n` float32 values from `start` on, about evenly spaced up to `stop`.
 
     The step is added up in double precision, so the last value approximates `stop` without being
@@ -14,12 +18,17 @@ def linspace(start, stop, n):
     return _core.linspace(start, stop, n)
 
 
-def linear_interpolation(volume, x, y, z=0.0):
+def linear_interpolation(
+    volume: ArrayLike,
+    x: ArrayLike,
+    y: ArrayLike,
+    z: ArrayLike = 0.0,
+) -> NDArray[Any]:
     """Trilinear interpolation of a volume.
 
     Parameters
     ----------
-    volume : ndarray of complex64 or float32
+    volume : array_like, complex or real
         Up to three axes, ``(x, y, z)``.
     x, y, z : float or array_like
         Positions in samples from the first one, broadcast against each other; taken in single
@@ -33,13 +42,12 @@ def linear_interpolation(volume, x, y, z=0.0):
         next row: stay within the extents, or on them, for values without surprises.
     """
     x, y, z = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
-    kind = getattr(volume, "dtype", np.dtype(np.float32))
-    out = np.empty(x.shape, np.complex64 if kind == np.complex64 else np.float32)
+    out = np.empty(x.shape, np.complex64 if np.iscomplexobj(volume) else np.float32)
     _core.linear_interpolation(volume, x, y, z, out)
     return out
 
 
-def pos2interpolate(pos, idx, A, B):
+def pos2interpolate(pos: float, idx: int, A: Sequence[float], B: Sequence[float]) -> float:
     """Coordinate at which to interpolate for sample `idx`, whose plain coordinate is `pos`.
 
     `A` holds the last samples before two jumps of a folding pattern and `B` their coordinates on the
@@ -49,7 +57,7 @@ def pos2interpolate(pos, idx, A, B):
     return _core.pos2interpolate(pos, idx, A, B)
 
 
-def round(x):
+def round(x: ArrayLike) -> Any:
     """Nearest integer with halves up for x >= 0; negative values round toward zero.
 
     NaN and values outside 32 bits give -2147483648.
@@ -68,12 +76,12 @@ def round(x):
     return _core.round(values)
 
 
-def sub2ind(dims, sub):
+def sub2ind(dims: Sequence[int], sub: Sequence[int]) -> int:
     """Linear index of the 0-based subscript `sub` in an array of extents `dims`, first axis fastest."""
     return _core.sub2ind(dims, sub)
 
 
-def find(array, value):
+def find(array: NDArray[np.integer[Any]], value: int) -> int:
     """Index of the first entry of `array` that equals `value`, or -1.
 
     `array` has one axis and is of type int16, uint16, int32 or uint32.
@@ -81,7 +89,7 @@ def find(array, value):
     return _core.find(array, value)
 
 
-def sa(data):
+def sa(data: ArrayLike) -> float:
     """Root-mean-square magnitude of an array of complex64 or float32, summed in 80 bits on x86."""
     return _core.sa(data)
 

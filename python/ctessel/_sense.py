@@ -1,11 +1,26 @@
 """SENSE reconstruction and the geometry of folding."""
 
+from collections.abc import Sequence
+from typing import Any
+
+import numpy as np
+from numpy.typing import ArrayLike, NDArray
+
 from . import _core
 
 
 def sense_recon(
-    folded, sens, *, psi=None, full_size=None, ref=None, reg=None, scale=1.0, out=None, threads=None
-):
+    folded: ArrayLike,
+    sens: ArrayLike,
+    *,
+    psi: ArrayLike | None = None,
+    full_size: Sequence[int] | None = None,
+    ref: ArrayLike | None = None,
+    reg: ArrayLike | None = None,
+    scale: float = 1.0,
+    out: NDArray[np.complex64] | None = None,
+    threads: int | None = None,
+) -> NDArray[np.complex64]:
     """Unfold undersampled multi-coil images with coil sensitivities (SENSE).
 
     Each unfolded voxel is the noise-weighted least-squares solution
@@ -13,10 +28,10 @@ def sense_recon(
 
     Parameters
     ----------
-    folded : ndarray of complex64 or float32
+    folded : array_like, complex or real
         Folded images, ``(x, y, z, coil, ...)`` with up to 13 axes. Axis 7 is the location: it picks
         the sensitivities; all other axes from the fifth on share them.
-    sens : ndarray of complex64
+    sens : array_like, complex
         Sensitivities, ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, at the resolution of the
         unfolded image or a lower one. A coil-0 real part of exactly 0 marks a voxel as empty.
     psi : ndarray of complex64, optional
@@ -26,7 +41,7 @@ def sense_recon(
     full_size : sequence of 3 int, optional
         Unfolded extents along x, y, z: that of `folded` along x, at least those of `folded` along
         y and z; the quotients need not be whole. By default the extents of `sens` along y and z.
-    ref, reg : ndarray of complex64 or float32, optional
+    ref, reg : array_like, complex or real, optional
         Both together switch on regularisation: `reg` is an image on the grid of `sens`,
         ``(x, y, z[, location])``, whose squared magnitude is the expected signal power; the weight
         follows from the level of `folded` against that of the reference image `ref`.
@@ -67,7 +82,7 @@ def sense_recon(
     return _core.sense_recon(folded, sens, psi, full_size, ref, reg, scale, out, threads)
 
 
-def folded_pos(pos, full_len, fold_len):
+def folded_pos(pos: int, full_len: int, fold_len: int) -> int:
     """Folded line (0-based) on which line `pos` of `full_len` lands, folded to `fold_len` lines.
 
     The full lines are centred on the folded ones: line ``ceil((full_len - fold_len) / 2)`` is
@@ -76,7 +91,7 @@ def folded_pos(pos, full_len, fold_len):
     return _core.folded_pos(pos, full_len, fold_len)
 
 
-def unfolded_positions(full_len, fold_len, fold_pos):
+def unfolded_positions(full_len: int, fold_len: int, fold_pos: int) -> NDArray[np.int32]:
     """Full lines that land on folded line `fold_pos`, in the kernels' order.
 
     Returns
@@ -93,7 +108,7 @@ def unfolded_positions(full_len, fold_len, fold_pos):
     return _core.unfolded_positions(full_len, fold_len, fold_pos)
 
 
-def compartments(full_len, fold_len):
+def compartments(full_len: int, fold_len: int) -> tuple[float, float]:
     """Folded lines after which the number of aliased lines changes.
 
     Returns

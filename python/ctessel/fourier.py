@@ -1,18 +1,26 @@
 """Centred Fourier transforms and changes of grid."""
 
+from collections.abc import Sequence
+
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 from scipy import fft
 
 from . import _core
 from ._arrays import fftshift, ifftshift, zero_pad
 
 
-def to_image(kspace, axes=(0, 1, 2), threads=None, overwrite=False):
+def to_image(
+    kspace: ArrayLike,
+    axes: Sequence[int] = (0, 1, 2),
+    threads: int | None = None,
+    overwrite: bool = False,
+) -> NDArray[np.complex64]:
     """Image of centred k-space: a unitary inverse transform.
 
     Parameters
     ----------
-    kspace : ndarray of complex64
+    kspace : array_like
         k-space, ``(x, y, z, ...)``, k = 0 at index ``N // 2`` of every transformed axis.
     axes : sequence of int, optional
         Axes to transform.
@@ -29,13 +37,21 @@ def to_image(kspace, axes=(0, 1, 2), threads=None, overwrite=False):
     return _transform(fft.ifftn, kspace, axes, threads, overwrite)
 
 
-def to_kspace(image, axes=(0, 1, 2), threads=None, overwrite=False):
+def to_kspace(
+    image: ArrayLike,
+    axes: Sequence[int] = (0, 1, 2),
+    threads: int | None = None,
+    overwrite: bool = False,
+) -> NDArray[np.complex64]:
     """Centred k-space of an image: undoes `to_image`, with the same parameters."""
     return _transform(fft.fftn, image, axes, threads, overwrite)
 
 
 def _transform(transform, data, axes, threads, overwrite):
-    axes = tuple(axis for axis in axes if data.shape[axis] > 1)
+    data = np.asanyarray(data)
+    if data.dtype != np.complex64:
+        data = data.astype(np.complex64)
+    axes = tuple(axis for axis in axes if axis < data.ndim and data.shape[axis] > 1)
     if not axes:
         return np.array(data, np.complex64, order="F")
     out = _unshifted(transform, _shifted(data, axes, threads, overwrite), axes, threads)

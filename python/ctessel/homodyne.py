@@ -20,9 +20,11 @@ imaging", IEEE Trans. Med. Imaging 10:154 (1991).
 """
 
 import warnings
-from typing import NamedTuple
+from collections.abc import Sequence
+from typing import Any, NamedTuple
 
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 
 from . import _core
 
@@ -36,21 +38,30 @@ class HomodyneWarning(RuntimeWarning):
 class Filtered(NamedTuple):
     """Result of `filter`."""
 
-    weighted: np.ndarray
-    centre: np.ndarray
+    weighted: NDArray[Any]
+    centre: NDArray[np.complex64]
 
 
-def filter(data, *, kx=None, ky=None, kz=None, inplace=False, threads=None):
+def filter(
+    data: ArrayLike,
+    *,
+    kx: Sequence[float] | None = None,
+    ky: Sequence[float] | None = None,
+    kz: Sequence[float] | None = None,
+    inplace: bool = False,
+    threads: int | None = None,
+) -> Filtered:
     """Weigh partial-Fourier k-space and take out its symmetric centre.
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Centred k-space, ``(kx, ky, kz, ...)``.
     kx, ky, kz : sequence of two float, optional
-        First and last measured line along an axis, counted from the centre (line 0 is index
-        ``N // 2``). None, or a range with ``|first + last| <= 1``, leaves the axis alone. The
-        missing lines must be on the negative side, and more than 0.55 of the extent measured.
+        First and last measured line along an axis, whole numbers counted from the centre (line 0
+        is index ``N // 2``). None, or a range with ``|first + last| <= 1``, leaves the axis alone.
+        The missing lines must be on the negative side, and at least 0.55 of the extent measured:
+        `homodyne_recon` of the package turns an axis for the other side.
     inplace : bool, optional
         Weigh `data` itself.
     threads : int, optional
@@ -64,31 +75,29 @@ def filter(data, *, kx=None, ky=None, kz=None, inplace=False, threads=None):
     centre : ndarray of complex64
         The unweighted symmetric centre. ``zero_pad(centre, data.shape[:3])`` puts it back in place.
 
-    Warns
-    -----
-    HomodyneWarning
-        A range is asymmetric but cannot be used. Its axis stays unweighted, and `centre` keeps only
-        the first position along it.
+    Raises
+    ------
+    ValueError
+        A range is not on the axis, or the filter cannot use it.
     """
-    weighted, centre, rejected = _core.filter(data, kx, ky, kz, inplace, threads)
-    for name in rejected:
-        warnings.warn(
-            f"{name}: range rejected, axis left unweighted and the centre cut to one position; "
-            "expected missing lines on the negative side only and at least 0.55 of the extent",
-            HomodyneWarning,
-            stacklevel=2,
-        )
-    return Filtered(weighted, centre)
+    return Filtered(*_core.filter(data, kx, ky, kz, inplace, threads))
 
 
-def multiply(data, low, *, out=None, inplace=False, threads=None):
+def multiply(
+    data: ArrayLike,
+    low: ArrayLike,
+    *,
+    out: NDArray[Any] | None = None,
+    inplace: bool = False,
+    threads: int | None = None,
+) -> NDArray[Any]:
     """Remove the phase of a low-resolution image and keep the real part.
 
     Parameters
     ----------
-    data : ndarray of complex64 or float32
+    data : array_like, complex or real
         Image of the weighted k-space, ``(x, y, z, ...)``.
-    low : ndarray of complex64 or float32
+    low : array_like, complex or real
         Low-resolution image L with as many axes, equal from the fourth on; resampled trilinearly
         over the first three where any of those differs.
     out : ndarray, optional
@@ -118,7 +127,10 @@ def multiply(data, low, *, out=None, inplace=False, threads=None):
     return result
 
 
-def calculate_filter(n, range):
+def calculate_filter(
+    n: int,
+    range: Sequence[float],
+) -> tuple[NDArray[np.float32], tuple[int, int]] | None:
     """Homodyne weighting of one axis.
 
     Parameters

@@ -1,6 +1,9 @@
 """Steps from raw k-space to the image: noise, sensitivities, unfolding, homodyne, combination."""
 
+from collections.abc import Sequence
+
 import numpy as np
+from numpy.typing import ArrayLike, NDArray
 from scipy import ndimage
 
 from . import homodyne
@@ -227,7 +230,14 @@ def _restore_phase(image, lattices):
     return image
 
 
-def homodyne_recon(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2)):
+def homodyne_recon(
+    kspace: ArrayLike,
+    ranges: Sequence[tuple[int, int] | None],
+    *,
+    field: Sequence[int] | None = None,
+    threads: int | None = None,
+    axes: Sequence[int] = (0, 1, 2),
+) -> NDArray[np.complex64]:
     """Image of partial-Fourier k-space along up to three axes.
 
     Parameters
@@ -253,6 +263,7 @@ def homodyne_recon(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2)):
     D. C. Noll, D. G. Nishimura, A. Macovski, "Homodyne detection in magnetic resonance imaging",
     IEEE Trans. Med. Imaging 10:154 (1991).
     """
+    kspace = np.asanyarray(kspace)
     usable = usable_ranges(kspace.shape, ranges)
     field = tuple(field or kspace.shape[:3])
     if not any(usable):

@@ -34,11 +34,10 @@ def test_every_array_argument_is_checked(call, good):
     call(**good)
     for name in (n for n in good if isinstance(good[n], np.ndarray)):
         for bad, error, got in [
-            ([1, 2], TypeError, "got list"),
+            (["a"], TypeError, "got list"),
             (None, TypeError, "got None"),
-            (DATA.astype(complex), TypeError, "got an array of complex128"),
-            (DATA.astype(">c8"), TypeError, "got an array of >c8"),
-            (DATA.real.astype(int), TypeError, "got an array of int64"),
+            (np.array([{}]), TypeError, "got an array of object"),
+            (np.ma.masked_array(DATA, DATA.real > 0), TypeError, "got a masked array"),
             (np.zeros((), np.complex64), ValueError, r"got shape \(\)"),
             (HUGE, ValueError, "got 2147483648 along axis 0"),
         ]:
@@ -67,7 +66,6 @@ def test_every_array_argument_is_checked(call, good):
     (ctessel.ringing_filter, {"data": DATA, "strength": 0}, {"width": (4, -6, 2)}, r"width\[1\]: .* got -6"),
     (ctessel.sos, {"data": DATA}, {"axis": -5}, "axis: .* got -5"),
     (ctessel.sense_recon, SENSE, {"sens": DATA[..., :2]}, "sens: expected extent 3 along axis 3"),
-    (ctessel.sense_recon, SENSE, {"sens": DATA.real}, "sens: .* complex64, got"),
     (ctessel.sense_recon, SENSE, {"psi": np.eye(2, dtype=np.complex64)}, "psi: expected extent 3"),
     (ctessel.sense_recon, SENSE, {"full_size": (4, 5, 2)}, r"full_size\[1\]: .* at least .* 6, got 5"),
     (ctessel.sense_recon, SENSE, {"full_size": (8, 6, 2)}, r"full_size\[0\]: .* 4, got 8"),
@@ -84,7 +82,7 @@ def test_every_array_argument_is_checked(call, good):
     (ctessel.geometry_correction, dict(zip("xyz", [POINT] * 3), coeff_x=ONES[0], coeff_y=ONES[1], coeff_z=ONES[2]),
      {"r0": 0}, "r0: expected a radius above 0"),
     (ctessel.geometry_correction, dict(zip("xyz", [POINT] * 3), coeff_x=ONES[0], coeff_y=ONES[2], coeff_z=ONES[2]),
-     {"r0": 1}, r"coeff_y: .* shape \(14, 12\), got shape \(17,\)"),
+     {"r0": 1}, r"coeff_y: .* at most \(14, 12\), got shape \(17,\)"),
     (ctessel.find, {"array": np.arange(3)}, {"value": 1}, "array: .* got an array of int64"),
     (ctessel.sub2ind, {"dims": (2, 3)}, {"sub": (1,)}, "sub: expected 2 entries, got 1"),
     (ctessel.sub2ind, {"dims": (2**20, 2**20, 2**20)}, {"sub": (0, 0, 1)}, "dims: .* at most 2147483647"),
@@ -96,6 +94,26 @@ def test_a_wrong_argument_is_named(call, good, bad, message):
     with pytest.raises((TypeError, ValueError), match=f"^{message}"):
         call(**{**good, **bad})
     same_bits(DATA, before)
+
+
+@pytest.mark.parametrize("given", [
+    DATA.astype(complex), DATA.astype(">c8"), DATA.real.astype(float), np.arange(144).reshape(4, 6, 2, 3) % 2 == 0,
+    np.arange(144, dtype=np.int16).reshape(4, 6, 2, 3), DATA.tolist(), np.asfortranarray(DATA.real, ">f4"),
+])
+def test_other_numbers_are_converted_once(given):
+    samples = np.asarray(given)
+    samples = samples.astype(np.complex64 if np.iscomplexobj(samples) else np.float32)
+    for call, good in CALLS:
+        name = next(iter(good))
+        same_bits(np.asarray(call(**{**good, name: given})[0]), np.asarray(call(**{**good, name: samples})[0])) \
+            if call is not ctessel.sa else None
+    with pytest.raises(TypeError, match="^data: expected an array of"):
+        ctessel.fftshift(given, inplace=True)
+
+
+def test_memory_that_there_is_not_is_named():
+    with pytest.raises(MemoryError, match="^zero_pad: not enough memory; its arrays take [0-9]{8,} MB"):
+        ctessel.zero_pad(np.ones((1, 1, 1), np.complex64), (2**20, 2**20, 2**18))
 
 
 @pytest.mark.parametrize("shape", [(0,), (3, 0), (0, 2, 2), (2, 2, 2, 0)])
