@@ -20,7 +20,7 @@ import numpy as np
 from scipy import ndimage, special
 
 import ctessel
-from ctessel import _core, homodyne
+from ctessel import homodyne
 
 
 def shifts(report):
@@ -377,28 +377,6 @@ def helpers(report):
 # ---- The Python package ----
 
 
-def conversions(report, order):
-    shape = (16, 16, 4, 2) if QUICK else (256, 128, 16, 8)
-    data = np.ones(shape, np.complex64, order=order)
-    re, im = np.ones(data.size, np.float32), np.ones(data.size, np.float32)
-    source, target = np.ones(data.nbytes, np.uint8), np.ones(data.nbytes, np.uint8)
-    re_view, im_view = re.reshape(shape, **F), im.reshape(shape, **F)
-
-    def split_by_numpy():
-        re_view[...], im_view[...] = data.real, data.imag
-
-    def join_by_numpy():
-        data.real, data.imag = re_view, im_view
-
-    for name, ours, numpys in [("split", lambda: _core.split(data, re, im, 1), split_by_numpy),
-                               ("join", lambda: _core.join(re, im, data, 1), join_by_numpy)]:
-        ours(), numpys()
-        copy = lambda: ctypes.memmove(at(target), at(source), data.nbytes)  # noqa: E731
-        for peer, f in [("memcpy", copy), ("NumPy", numpys)]:
-            report.add(f"package: {name}", f"{order} order", peer,
-                       in_turns(lambda: seconds(ours), lambda: seconds(f)))
-
-
 def operations(report, shape, order, label):
     data, low = (np.array(noise(*shape, seed=s), order=order) for s in (1, 2))
     target = [n * 3 // 2 for n in shape[:3]]
@@ -428,7 +406,6 @@ def operations(report, shape, order, label):
 
 def package(report):
     for order in "FC":
-        conversions(report, order)
         operations(report, (32, 32, 2, 2) if QUICK else (192, 160, 8, 8), order, f"{order} order")
     operations(report, (8, 8, 1, 2), "F", "one small call")
 
