@@ -153,8 +153,7 @@ void move_run(const M& m, Offsets o, ptrdiff_t n) {
     join_run(floats(m.in[0] + o.from), floats(m.in[1] + o.from), floats(m.out[0] + o.to), n);
   } else {
     const ptrdiff_t bytes = n * M::kTo;
-    const bool stream =
-        m.stream && bytes >= 4 * kLine;  // the lines at both ends count little then
+    const bool stream = m.stream && bytes >= 4 * kLine;  // the lines at both ends count little then
     (stream ? stream_bytes : copy_bytes)(m.out[0] + o.to, m.in[0] + o.from, bytes);
   }
 }
