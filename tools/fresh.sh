@@ -27,7 +27,7 @@ mkdir -p build/fresh
 root=$(mktemp -d "$PWD/build/fresh/$suite.XXXXXX")
 child=
 finish() {
-  [ -z "$child" ] || { kill -KILL "$child" 2>/dev/null && wait "$child"; } || true
+  [ -z "$child" ] || { kill -KILL "$child" && wait "$child"; } 2>/dev/null || true
   # Nothing was mounted where this script runs, and a deletion does not follow a mount even so.
   rm -rf --one-file-system "$root"
 }
