@@ -39,8 +39,8 @@ end
 %!   assert(ctessel_fftshift(empty{1}), single(empty{1}))
 %! end
 %!error <Invalid call> ctessel_fftshift()
-%!error <ctessel_fftshift: X must be a full single or double array; got 2x3 int16 array>
-%! ctessel_fftshift(zeros(2, 3, 'int16') + int16(1))
+%!assert(ctessel_fftshift(int16([1 2 3; 4 5 6])), single([6 4 5; 3 1 2]))
+%!error <X must be a full numeric or logical array; got 1x1 cell array> ctessel_fftshift({1})
 %!error <X must be a full .* got 3x3 sparse double array> ctessel_fftshift(speye(3))
 %!error <DIM must be a whole number from 1 to 3; got 4> ctessel_fftshift(1:3, 4)
 %!error <DIM must be a whole number from 1 to 3; got 1.5> ctessel_fftshift(1:3, 1.5)

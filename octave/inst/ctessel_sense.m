@@ -24,9 +24,11 @@
 %   image        complex single, X x Y x Z x 1 and the further extents of FOLDED. 0 outside the
 %                object.
 %
-% Line j of a folded axis holds the sum of the lines of the full one that alias onto it, with the
-% central lines in place: the result of the centred transform of every R-th line of k-space,
-% multiplied by R.
+% Scale. Line j of a folded axis holds the SUM of the lines of the full one that alias onto it, with
+% the central lines in place. Of N lines of k-space take every R-th, N/R in all: their centred inverse
+% transform by ifft, which divides by the number of lines it is given, is that sum as it is. Do not
+% multiply it by R. The transform of all N lines with zeros for those left out divides by N instead,
+% and shows the sum divided by R.
 %
 % Example: every second line of a disc seen by four coils.
 %
@@ -192,7 +194,7 @@ end
 %! image = ctessel_sense(fold(real_maps .* abs(object), 12), real_maps);
 %! assert(image, single(abs(object)), 1e-2)
 %!error <Invalid call> ctessel_sense(1)
-%!error <ctessel_sense: FOLDED must be a full single or double array; got 1x1 cell array>
+%!error <ctessel_sense: FOLDED must be a full numeric or logical array; got 1x1 cell array>
 %! ctessel_sense({1}, maps)
 %!error <MAPS must be x, y, z, 4 coils, 1 locations, as FOLDED has; got 12x24x1x6>
 %! ctessel_sense(ones(12, 12, 1, 4), maps)

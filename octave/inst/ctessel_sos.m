@@ -33,4 +33,4 @@ end
 %!assert(ctessel_sos(zeros(2, 0), 2), zeros(2, 1, 'single'))
 %!error <ctessel_sos: DIM must be a whole number from 1 to 64; got 0> ctessel_sos(1, 0)
 %!error <DIM must be .* got "coils"> ctessel_sos(1, 'coils')
-%!error <X must be a full single or double array; got true> ctessel_sos(true)
+%!assert(ctessel_sos(logical([1 1 0 1]), 2), single(sqrt(3)))

@@ -45,4 +45,4 @@ end
 %!error <TARGET must be 2 or 3 whole numbers from 0 to 2147483647; got \[4 4.5\]>
 %! ctessel_zero_pad(ones(2), [4 4.5])
 %!error <TARGET must be 2 or 3 whole .* got 4> ctessel_zero_pad(ones(2), 4)
-%!error <X must be a full single or double array; got "text"> ctessel_zero_pad('text', [4 4])
+%!error <X must be a full numeric or logical array; got "text"> ctessel_zero_pad('text', [4 4])

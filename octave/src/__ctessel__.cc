@@ -1,14 +1,12 @@
 // The kernels of cTessel for GNU Octave, behind one entry: the first argument names the kernel.
 //
-// Octave keeps complex values as pairs, the kernels take separate parts: values are split, worked on
-// and joined here. The m-files are the interface for users; they check every argument, so nothing is
-// checked again but the number of arguments. Input values are never changed: Octave's arrays copy
-// themselves before they hand out storage to write into.
+// Octave keeps complex values as pairs, which the kernels take as they lie. The m-files are the interface
+// for users; they check every argument, so nothing is checked again but the number of arguments. Input
+// values are never changed: Octave's arrays copy themselves before they hand out storage to write into.
 
 #include <octave/oct.h>
 
 #include <algorithm>
-#include <climits>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -95,96 +93,94 @@ int count(const std::vector<int>& e) { return static_cast<int>(e.size()); }
 
 // ---- Arrays -------------------------------------------------------------------------------------
 
-using Shift = void(float*, float*, int*, int, int);
+using ctessel::ConstSamples;
+using ctessel::Dim;
+using ctessel::Samples;
 
-/// Pairs stay together as they are, so no parts are split: as floats, an array of pairs has one more
-/// axis of two in front, or rows of twice the length.
-void shift_pairs(Shift* shift, float* pairs, std::vector<int> dims, int axis) {
-  if (axis < 3) {
-    dims.insert(dims.begin(), 2);
-    ++axis;
-  } else if (dims[0] > INT_MAX / 2) {
-    error("__ctessel__: too many rows to shift along dimension 3");
-  } else {
-    dims[0] *= 2;
-  }
-  shift(pairs, nullptr, dims.data(), count(dims), axis);
+ctessel::Extents extents_of(const dim_vector& dims, int least) {
+  const std::vector<int> e = extents(dims, least);
+  return {e.begin(), e.end()};
 }
 
-/// x, axes: each axis shifted in turn, on the copy that writing makes
+/// Single values of either kind, and views of them.
+struct Single {
+  FloatComplexNDArray pairs;
+  FloatNDArray values;
+  bool is_complex;
+
+  explicit Single(const octave_value& v) : is_complex(v.iscomplex()) {
+    if (is_complex) pairs = v.float_complex_array_value();
+    if (!is_complex) values = v.float_array_value();
+  }
+  Single(const dim_vector& dims, bool with_imaginary) : is_complex(with_imaginary) {
+    if (is_complex) pairs = FloatComplexNDArray(dims, 0.0f);
+    if (!is_complex) values = FloatNDArray(dims, 0.0f);
+  }
+
+  dim_vector dims() const { return is_complex ? pairs.dims() : values.dims(); }
+  /// At least ten axes, so that every axis which a kernel names is there.
+  ConstSamples view() const {
+    if (is_complex) return ConstSamples::pairs(pairs.data(), extents_of(dims(), 10));
+    return ConstSamples::parts(values.data(), nullptr, extents_of(dims(), 10));
+  }
+  /// To write into. Storage shared with a variable of the user's is copied first.
+  Samples target() {
+    if (is_complex) return Samples::pairs(pairs.fortran_vec(), extents_of(dims(), 10));
+    return Samples::parts(values.fortran_vec(), nullptr, extents_of(dims(), 10));
+  }
+  octave_value value() const { return is_complex ? octave_value(pairs) : octave_value(values); }
+};
+
+using Shift = void(const Samples&, const std::vector<Dim>&);
+
+/// x, axes: shifted on the copy that writing makes
 template <Shift* shift>
 Values shift_axes(const Values& args) {
   const Array<int> axes = args(2).int_vector_value();
-  std::vector<int> dims = extents(args(1).dims(), 3);
-  if (args(1).iscomplex()) {
-    FloatComplexNDArray x = args(1).float_complex_array_value();
-    auto* pairs = reinterpret_cast<float*>(x.fortran_vec());
-    for (octave_idx_type i = 0; i < axes.numel(); ++i) shift_pairs(shift, pairs, dims, axes(i));
-    return ovl(x);
-  }
-  FloatNDArray x = args(1).float_array_value();
-  float* values = x.fortran_vec();
-  for (octave_idx_type i = 0; i < axes.numel(); ++i) {
-    shift(values, nullptr, dims.data(), count(dims), axes(i));
-  }
-  return ovl(x);
+  std::vector<Dim> list;
+  for (octave_idx_type i = 0; i < axes.numel(); ++i) list.push_back(Dim(axes(i) - 1));
+  Single x(args(1));
+  shift(x.target(), list);
+  return ovl(x.value());
 }
 
 /// x, [nx ny nz]
 Values zero_pad(const Values& args) {
-  const Parts x(args(1));
-  std::vector<int> dims = extents(x.re.dims(), 3), target = dims;
+  const Single x(args(1));
+  std::vector<int> target = extents(x.dims(), 3);
   const Array<int> n = args(2).int_vector_value();
   std::copy_n(n.data(), 3, target.begin());
-  Parts out(shape(target), x.is_complex);
-  TS_zero_pad(x.real(), x.imaginary(), count(dims), dims.data(), n(0), n(1), n(2), out.real(),
-              out.imaginary());
-  return ovl(out.joined());
+  Single out(shape(target), x.is_complex);
+  ctessel::zero_pad(x.view(), out.target());
+  return ovl(out.value());
 }
 
 /// x, three strengths, three widths
 Values ringing_filter(const Values& args) {
-  Parts x(args(1));
-  std::vector<int> dims = extents(x.re.dims(), 3);
-  NDArray strength = args(2).array_value();
-  Array<int> width = args(3).int_vector_value();
-  TS_ringing_filter(x.real(), x.imaginary(), count(dims), dims.data(), strength.fortran_vec(),
-                    width.fortran_vec());
-  return ovl(x.joined());
+  Single x(args(1));
+  const NDArray strength = args(2).array_value();
+  const Array<int> width = args(3).int_vector_value();
+  const Samples samples = x.target();
+  ctessel::ringing_filter(
+      samples, samples, {{strength(0), strength(1), strength(2)}, {width(0), width(1), width(2)}});
+  return ovl(x.value());
 }
 
 // ---- Coils --------------------------------------------------------------------------------------
 
-struct Combination {
-  const Parts coils;
-  int dim;
-  std::vector<int> dims, combined;
-
-  explicit Combination(const Values& args)
-      : coils(args(1)),
-        dim(args(2).int_value()),
-        dims(extents(coils.re.dims(), std::max(10, dim))),
-        combined(dims) {
-    combined[static_cast<std::size_t>(dim - 1)] = 1;
-  }
-};
+using Combine = void(const ConstSamples&, Dim, const Samples&);
 
 /// x, coil dimension
-Values sos(const Values& args) {
-  Combination c(args);
-  Parts out(shape(c.combined), false);
-  TS_perform_sos(c.coils.real(), c.coils.imaginary(), count(c.dims), c.dims.data(), c.dim,
-                 out.real(), c.combined.data());
-  return ovl(out.joined());
-}
-
-/// x, coil dimension
-Values pcsos(const Values& args) {
-  Combination c(args);
-  Parts out(shape(c.combined), true);
-  TS_perform_pcsos(c.coils.real(), c.coils.imaginary(), count(c.dims), c.dims.data(), c.dim,
-                   out.real(), out.imaginary(), c.combined.data());
-  return ovl(out.joined());
+template <Combine* kernel, bool Complex>
+Values combine(const Values& args) {
+  const Single coils(args(1));
+  const int dim = args(2).int_value();
+  std::vector<int> combined = extents(coils.dims(), std::max(10, dim));
+  combined[static_cast<std::size_t>(dim - 1)] = 1;
+  Single out(shape(combined), Complex);
+  const auto axes = static_cast<int>(combined.size());
+  kernel(coils.view().with_axes(axes), Dim(dim - 1), out.target().with_axes(axes));
+  return ovl(out.value());
 }
 
 // ---- SENSE --------------------------------------------------------------------------------------
@@ -297,12 +293,12 @@ struct Kernel {
 };
 
 constexpr Kernel kKernels[] = {
-    {"fftshift", 2, shift_axes<TS_fftshift>},
-    {"ifftshift", 2, shift_axes<TS_ifftshift>},
+    {"fftshift", 2, shift_axes<ctessel::fftshift>},
+    {"ifftshift", 2, shift_axes<ctessel::ifftshift>},
     {"zero_pad", 2, zero_pad},
     {"ringing_filter", 3, ringing_filter},
-    {"sos", 2, sos},
-    {"pcsos", 2, pcsos},
+    {"sos", 2, combine<ctessel::sos, false>},
+    {"pcsos", 2, combine<ctessel::pcsos, true>},
     {"sense", 7, sense},
     {"geometry", 7, geometry},
     {"gradient_field", 4, gradient_field},
