@@ -118,24 +118,24 @@ inline void split(const std::vector<double>& values, float* high, float* low) {
 inline Kernel field_kernel() {
   using ctessel::Dim;
   static const Floats at = noise(1200, 12), weights = noise(200, 13);
-  return {
-      "GradientField", {Floats(5200), Floats(5200)}, [](const std::vector<float*>& o) {
-        std::vector<ctessel::GradientTerm> terms = {
-            {Dim::x, false, 1, 1, 1}, {Dim::y, true, 1, 1, 1}, {Dim::z, false, 1, 0, 1}};
-        for (int k = 0; k < 200; ++k) {
-          const int n = 2 + k % 12, m = k / 12 % (n + 1);
-          terms.push_back({Dim(k % 3), m > 0 && k % 2 == 0, n, m,
-                           0.1 * weights[static_cast<std::size_t>(k)] / std::tgamma(2 * m + 2)});
-        }
-        const ctessel::GradientField field(terms, 2);
-        const std::vector<double> points(at.begin(), at.end());
-        const auto list = ctessel::FieldPoints::list(points.data(), 400);
-        std::vector<double> position(1200), jacobian(3600), determinant(400);
-        field.evaluate(list, {position.data(), nullptr, jacobian.data(), determinant.data()});
-        position.insert(position.end(), jacobian.begin(), jacobian.end());
-        position.insert(position.end(), determinant.begin(), determinant.end());
-        split(position, o[0], o[1]);
-      }};
+  return {"GradientField", {Floats(5200), Floats(5200)}, [](const std::vector<float*>& o) {
+            std::vector<ctessel::GradientTerm> terms = {
+                {Dim::x, false, 1, 1, 1}, {Dim::y, true, 1, 1, 1}, {Dim::z, false, 1, 0, 1}};
+            for (int k = 0; k < 200; ++k) {
+              const int n = 2 + k % 12, m = k / 12 % (n + 1);
+              double value = 0.1 * weights[static_cast<std::size_t>(k)];
+              for (int i = 2; i < 2 * m + 2; ++i) value /= i;  // the functions grow with the degree
+              terms.push_back({Dim(k % 3), m > 0 && k % 2 == 0, n, m, value});
+            }
+            const ctessel::GradientField field(terms, 2);
+            const std::vector<double> points(at.begin(), at.end());
+            const auto list = ctessel::FieldPoints::list(points.data(), 400);
+            std::vector<double> position(1200), jacobian(3600), determinant(400);
+            field.evaluate(list, {position.data(), nullptr, jacobian.data(), determinant.data()});
+            position.insert(position.end(), jacobian.begin(), jacobian.end());
+            position.insert(position.end(), determinant.begin(), determinant.end());
+            split(position, o[0], o[1]);
+          }};
 }
 
 /// The gateway's operations work on a host array; afterwards its parts count as outputs. One call at
