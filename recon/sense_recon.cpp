@@ -255,26 +255,6 @@ void require_fit(const ConstSamples& folded, const ConstSamples& maps,
   }
 }
 
-/// TS_SA of samples wherever they lie, in the same order.
-double root_mean_square(const ConstSamples& s) {
-  const std::ptrdiff_t nx = s.extent(Dim::x);
-  std::vector<float> re(static_cast<std::size_t>(nx)), im(re);
-  long double sum = 0;
-  for (std::ptrdiff_t row = 0; row < s.size() / nx; ++row) {
-    std::ptrdiff_t at = 0, rest = row;
-    for (int d = 1; d < s.ndim(); ++d) {
-      at += rest % s.extent(Dim(d)) * s.stride(Dim(d));
-      rest /= s.extent(Dim(d));
-    }
-    ctessel::load_row(ctessel::row_of(s, Dim::x, at), re.data(), im.data());
-    for (std::size_t i = 0; i < re.size(); ++i) {
-      const long double x = re[i], y = im[i];
-      sum += x * x + y * y;
-    }
-  }
-  return static_cast<double>(std::sqrt(sum / static_cast<long double>(s.size())));
-}
-
 Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
   if (!s) return Eigen::MatrixXcd::Identity(coils, coils);
   Eigen::MatrixXcd psi(coils, coils);
