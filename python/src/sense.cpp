@@ -17,7 +17,7 @@ using std::ptrdiff_t;
 constexpr int kReg = 3, kCoil = 3, kLocation = 7, kMostAxes = 13;
 
 struct FullSize {
-  int n[3];
+  std::array<int, 3> n;
 };
 
 FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::handle object) {
@@ -44,7 +44,7 @@ FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::
 
 /// Extents of the unfolded image: the coils are gone.
 Extents unfolded_shape(const ConstSamples& folded, const FullSize& full) {
-  Extents shape(full.n, full.n + 3);
+  Extents shape(full.n.begin(), full.n.end());
   for (int d = kCoil + 1; d < folded.ndim(); ++d) shape.push_back(folded.extent(Dim(d)));
   check_count(shape, "full_size");
   return shape;
@@ -96,169 +96,6 @@ Arguments arguments(py::handle folded, py::handle sens, py::handle psi, py::hand
   return a;
 }
 
-/// Parts, extents and their count, as the kernel takes them; all null when missing.
-struct Block {
-  explicit Block(const ConstSamples& v) : dims(v.extents.begin(), v.extents.end()) {
-    dims.resize(std::max<std::size_t>(dims.size(), 4), 1);
-    if (!v) return;
-    const auto n = static_cast<std::size_t>(v.size());
-    real.resize(n);
-    imaginary.resize(n);
-    ctessel::copy(v, Samples::parts(real.data(), imaginary.data(), v.extents));
-    re = real.data();
-    im = imaginary.data();
-  }
-  int ndims() const { return static_cast<int>(dims.size()); }
-
-  std::vector<float> real, imaginary;
-  float *re = nullptr, *im = nullptr;
-  std::vector<int> dims;
-};
-
-/// What one call of the kernel works on. `out` has an axis of extent 1 in the coils' place.
-struct Part {
-  ConstSamples folded, sens, ref, reg;
-  Samples out;
-  double scale;
-};
-
-int reconstruct(const Arguments& a, const Part& p) {
-  const auto n = static_cast<std::size_t>(p.out.size());
-  std::vector<float> re(n), im(n);
-  std::vector<int> outdims(p.out.extents.begin(), p.out.extents.end());
-  int status;
-  {
-    Block folded(p.folded), sens(p.sens), psi(a.psi.view), ref(p.ref), reg(p.reg);
-    const int coils = folded.dims[kCoil];
-    int psi_dims[] = {coils, coils}, full[] = {folded.dims[0], a.full.n[1], a.full.n[2]};
-    status =
-        TS_sense_recon(folded.re, folded.im, folded.ndims(), folded.dims.data(), sens.re, sens.im,
-                       sens.ndims(), sens.dims.data(), psi.re, psi.im, 2, psi_dims, full, ref.re,
-                       ref.im, ref.ndims(), ref.dims.data(), reg.re, reg.im, reg.ndims(),
-                       reg.dims.data(), p.scale, re.data(), im.data(), outdims.data());
-  }  // the inputs' parts are gone before the result's memory is touched
-  ctessel::copy(ConstSamples::parts(re.data(), im.data(), p.out.extents), p.out);
-  return status;
-}
-
-// ---- Slabs --------------------------------------------------------------------------------------
-//
-// Where maps and folded images have the same columns the kernel takes a column's neighbours with
-// weight 0: the map's next but one and the next one's factors, and behind the last column, as memory
-// goes on, the first one's of the next row. Values that are not finite show through. So a slab has
-// two more columns behind its own or, at the end, the image's first two in front, and gives the
-// same bits as the whole.
-
-constexpr ptrdiff_t kExtra = 2;
-
-struct Slab {
-  ptrdiff_t first, count;
-  bool last;
-};
-
-/// The columns of a slab with the others that it needs, in memory of their own at the end.
-ConstSamples columns(const ConstSamples& v, const Slab& s,
-                     std::vector<std::complex<float>>& store) {
-  if (!v || !s.last) return v ? v.slice(Dim::x, s.first, s.count + kExtra) : v;
-  Extents extents = v.extents;
-  extents[0] = s.count + kExtra;
-  store.resize(static_cast<std::size_t>(v.size() / v.extents[0] * extents[0]));
-  const Samples own = Samples::pairs(store.data(), extents);
-  ctessel::copy(v.slice(Dim::x, 0, kExtra), own.slice(Dim::x, 0, kExtra));
-  ctessel::copy(v.slice(Dim::x, s.first, s.count), own.slice(Dim::x, kExtra, s.count));
-  return own;
-}
-
-/// A scale and a reference with which the kernel finds `ratio`, to the last bit, in data of `level`.
-bool find_weight(double level, double ratio, double& scale, float& reference) {
-  reference = 1.0f;
-  for (int i = 0; i < 64; ++i, reference = std::nextafter(reference, 2.0f)) {
-    scale = level / (ratio * static_cast<double>(reference));
-    if (level / scale / TS_SA(&reference, nullptr, 1) == ratio) return true;
-  }
-  return false;
-}
-
-/// How many columns: eight for every thread and each of its steps, as the kernel works on eight at a
-/// time. What a slab needs, with the factors in double precision, is half of the inputs.
-ptrdiff_t slab_width(const Part& whole) {
-  const ptrdiff_t sens = whole.sens.size() * 8, folded = whole.folded.size() * 8;
-  const ptrdiff_t step = 8 * omp_get_max_threads(), locations = whole.folded.extent(Dim::location);
-  const ptrdiff_t room = std::max<ptrdiff_t>((sens + folded) / 2, 1 << 22);
-  const ptrdiff_t all = (3 * sens + folded + 2 * whole.out.size() * 8) / locations;
-  return std::max(room / (all / whole.out.extent(Dim::x) + 1) / step * step, step) - kExtra;
-}
-
-bool reconstruct_slab(const Arguments& a, const Part& whole, const Slab& s, double ratio) {
-  std::vector<std::complex<float>> stores[3];
-  Extents shape = whole.out.extents;
-  shape[0] = s.count + kExtra;
-  std::vector<std::complex<float>> own(
-      static_cast<std::size_t>(whole.out.size() / whole.out.extents[0] * shape[0]));
-  const Samples out = Samples::pairs(own.data(), shape);
-  Part p{columns(whole.folded, s, stores[0]),
-         columns(whole.sens, s, stores[1]),
-         {},
-         columns(whole.reg, s, stores[2]),
-         out,
-         a.scale};
-  float reference;
-  if (p.reg) {
-    const double level = ctessel::root_mean_square(p.folded);
-    if (!find_weight(level, ratio, p.scale, reference)) return false;
-    p.ref = ConstSamples::parts(&reference, nullptr, {1});
-  }
-  if (reconstruct(a, p) != 1) return false;
-  ctessel::copy(out.slice(Dim::x, s.last ? kExtra : 0, s.count),
-                whole.out.slice(Dim::x, s.first, s.count));
-  return true;
-}
-
-/// Entry i of an axis that may be missing.
-template <class View>
-View entry(const View& v, int axis, ptrdiff_t i) {
-  return axis < v.ndim() ? v.slice(Dim(axis), i, 1) : v;
-}
-
-Part location(Part p, ptrdiff_t l) {
-  p.folded = entry(p.folded, kLocation, l);
-  p.sens = entry(p.sens, kCoil + 1, l);
-  p.out = entry(p.out, kLocation, l);
-  if (p.reg) p.reg = entry(p.reg, kReg, l);
-  return p;
-}
-
-/// False where slabs cannot give the bits of the whole.
-bool reconstruct_slabs(const Arguments& a, const Part& whole) {
-  const ptrdiff_t X = whole.out.extent(Dim::x), width = slab_width(whole);
-  if (whole.sens.extent(Dim::x) != X || width + kExtra > X) return false;
-  const double ratio = whole.reg ? ctessel::root_mean_square(whole.folded) / a.scale /
-                                       ctessel::root_mean_square(whole.ref)
-                                 : 1.0;
-  for (ptrdiff_t l = 0; l < whole.folded.extent(Dim::location); ++l) {
-    const Part part = location(whole, l);
-    for (ptrdiff_t x = 0; x < X;) {
-      const bool last = x + width + kExtra > X;
-      const Slab slab{x, last ? X - x : width, last};
-      if (!reconstruct_slab(a, part, slab, ratio)) return false;
-      x += slab.count;
-    }
-  }
-  return true;
-}
-
-/// Where slabs will not do, locations can be taken one by one if no weight depends on all of them.
-int reconstruct_all(const Arguments& a, const Samples& out) {
-  const Part whole{a.folded.view, a.sens.view, a.ref.view, a.reg.view, out, a.scale};
-  if (reconstruct_slabs(a, whole)) return 1;
-  if (whole.reg) return reconstruct(a, whole);
-  int status = 1;
-  for (ptrdiff_t l = 0; l < whole.folded.extent(Dim::location) && status == 1; ++l) {
-    status = reconstruct(a, location(whole, l));
-  }
-  return status;
-}
-
 py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::handle full_size,
                        py::handle ref, py::handle reg, py::handle scale, py::handle out,
                        py::handle threads) {
@@ -268,16 +105,17 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
     if (in->view) read.push_back(in->view);
   }
   const Result to = result(read, out, {unfolded_shape(a.folded.view, a.full), true, {}}, true);
+  ctessel::SenseOptions options;
+  options.covariance = a.psi.view;
+  options.expected = a.reg.view;
+  options.reference = a.ref.view;
+  options.scale = a.scale;
+  Samples unfolded = to.view;  // the kernel wants the coils' axis to stay, with extent 1
+  unfolded.extents.insert(unfolded.extents.begin() + kCoil, 1);
+  unfolded.strides.insert(unfolded.strides.begin() + kCoil, 0);
   const Threads team(threads);
-  int status;
-  {
-    const py::gil_scoped_release unlocked;
-    Samples with_coil = to.view;
-    with_coil.extents.insert(with_coil.extents.begin() + kCoil, 1);
-    with_coil.strides.insert(with_coil.strides.begin() + kCoil, 0);
-    status = reconstruct_all(a, with_coil);
-  }
-  if (status != 1) throw std::runtime_error("sense_recon: the kernel refused these extents");
+  const py::gil_scoped_release unlocked;
+  ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options);
   return to.array;
 }
 
