@@ -11,8 +11,7 @@ order of the data; the result of SENSE is in Fortran order (first axis fastest).
 
 Beyond arguments, result and a conversion a call needs a few percent of its data. The exceptions are
 shifts in place of arrays with gaps (one entry of an axis that is not shifted, or a copy where there
-is none), `homodyne.multiply` with a low-resolution image that has gaps (a copy of that), and SENSE
-(see there).
+is none) and `homodyne.multiply` with a low-resolution image that has gaps (a copy of that).
 
 ``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
 one. Results are the same bits for every number. The interpreter's lock is released while kernels
