@@ -1,6 +1,7 @@
 """Streams of raw data: the protocol, images while the scan runs, and peers that are hostile or unlucky."""
 
 import contextlib
+import ctypes
 import json
 import os
 import re
@@ -28,7 +29,9 @@ class Server:
         command = [sys.executable, "-m", "ctessel", "serve", "--port", "0", "--timeout", str(timeout)]
         self._file = tempfile.NamedTemporaryFile("r", suffix=".log")
         with open(self._file.name, "w") as log:
-            self.process = subprocess.Popen([*command, *map(str, arguments)], stderr=log)
+            self.process = subprocess.Popen(
+                [*command, *map(str, arguments)], stderr=log, preexec_fn=end_with_parent
+            )
         until(lambda: "listens on" in "".join(self.log))
         line = next(line for line in self.log if "listens on" in line)
         host, port = line.split()[-1].split(":")
@@ -55,7 +58,7 @@ class Server:
         children = [int(pid) for pid in found.read_text().split()]
         size = 0
         for pid in (self.process.pid, *children):
-            with contextlib.suppress(FileNotFoundError, IndexError):
+            with contextlib.suppress(OSError, IndexError):  # one may end meanwhile
                 text = Path(f"/proc/{pid}/status").read_text()
                 size += int(re.findall(r"VmRSS:\s+(\d+)", text)[0]) * 1024
         return size, len(os.listdir(f"/proc/{self.process.pid}/fd")), len(children)
@@ -70,6 +73,11 @@ class Server:
         self.settled()
         line = [line for line in self.log if '"images"' in line][-1]
         return json.loads(line[line.index("{") :])
+
+
+def end_with_parent():
+    """Let the process end when that of the tests does, which may be killed."""
+    ctypes.CDLL(None).prctl(1, signal.SIGTERM)
 
 
 def until(condition, seconds=30):
