@@ -249,11 +249,11 @@ void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, flo
   const ptrdiff_t S = product(dims, 0, coildim - 1), coils = dims[coildim - 1],
                   n = product(outdims, 0, ndims);
   if (S <= 0) return;
-  // Voxels below the coils, then whole runs of them; and what is left of a run.
+  // Whole runs of the S voxels below the coils, then what is left of one: its coils are S apart, too.
   const auto sum = [&](ptrdiff_t first, ptrdiff_t below, ptrdiff_t above) {
     if (below * above == 0) return;
     const ptrdiff_t at = first * coils;
-    sos(ConstSamples::parts(re + at, im ? im + at : nullptr, {below, coils, above}), Dim::y,
+    sos({re + at, im ? im + at : nullptr, {below, coils, above}, {1, S, S * coils}}, Dim::y,
         Samples::parts(out + first, nullptr, {below, 1, above}));
   };
   sum(0, S, n / S);
