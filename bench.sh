@@ -27,7 +27,7 @@ if ! { cmake --preset bench -DCTESSEL_PYTHON=ON -DPYTHON_EXECUTABLE=/usr/bin/pyt
 fi
 # The Python package as it would be installed: the checkout's files beside the built module.
 mkdir -p $build/package/ctessel $output
-ln -sf "$PWD"/python/ctessel/*.py "$PWD"/$build/python/_core*.so $build/package/ctessel/
+ln -sf "$PWD"/python/ctessel/*.py "$PWD"/$build/python/_*.so $build/package/ctessel/
 
 run() {  # run WHAT FILE COMMAND...
   echo "Measuring: $1"
@@ -42,4 +42,5 @@ run "limits, naive versions, memory and growth" $build/kernels.json \
 # Freed memory is kept, so that peers that return new arrays do not pay for fresh pages.
 run "peers" $build/peers.json env OMP_NUM_THREADS=1 OPENBLAS_NUM_THREADS=1 MALLOC_MMAP_MAX_=0 \
   MALLOC_TRIM_THRESHOLD_=100000000000 MALLOC_TOP_PAD_=268435456 /usr/bin/python3 bench/peers.py $build
+run "errors of reconstructions" /dev/null /usr/bin/python3 bench/quality.py $build $output
 /usr/bin/python3 bench/report.py $build $output

@@ -177,6 +177,18 @@ struct SenseOptions {
   ConstSamples mask;
 };
 
+/// How espirit() estimates sensitivities.
+struct EspiritOptions {
+  /// Samples of the sliding window along every axis that has as many.
+  int kernel = 6;
+  /// Eigenvalue of the calibration matrix from which on it is signal, of the largest one.
+  double threshold = 0.001;
+  /// Eigenvalue up to which a voxel is outside the object: its maps are 0.
+  double crop = 0.8;
+  /// (X, Y, Z), real parts are written; empty: not wanted.
+  Samples eigenvalue;
+};
+
 // Routines are seen outside of the shared library; the views above are compiled where they are used.
 #pragma GCC visibility push(default)
 
@@ -244,6 +256,22 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 void sense(const ConstSamples& folded, const ConstSamples& maps,
            const std::array<int, 3>& full_size, const Samples& out,
            const SenseOptions& options = {});
+
+// ---- Sensitivities ------------------------------------------------------------------------------
+
+/// Sensitivity maps from fully measured k-space around its centre (ESPIRiT, one set of maps).
+///
+///   calibration  in   (x, y, z, coil), k-space, centres at floor(n / 2)
+///   maps         out  (X, Y, Z, coil), over the same field of view, centres at floor(N / 2)
+///
+/// The coils' squared magnitudes sum to 1 in every voxel of the object and are 0 elsewhere. The image
+/// that the maps unfold to has the phase of the coils' sum weighted with their magnitudes, at the
+/// calibration's resolution. Axes that are shorter than the window are spanned by it. Where the matrix
+/// has more than 256 columns (window samples x coils) the strongest third of them is signal at most.
+/// The time is that of columns^2 x rows; memory about five times that square in double complex.
+/// M. Uecker et al., Magn. Reson. Med. 71:990 (2014).
+void espirit(const ConstSamples& calibration, const Samples& maps,
+             const EspiritOptions& options = {});
 
 // ---- Homodyne reconstruction --------------------------------------------------------------------
 //

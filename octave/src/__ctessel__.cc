@@ -222,6 +222,29 @@ Values sense(const Values& args) {
   return ovl(out.joined(), status);
 }
 
+/// Views of parts in their order.
+ctessel::Samples samples(Parts& parts) {
+  const dim_vector dims = parts.re.dims();
+  ctessel::Extents n(4, 1);
+  for (int d = 0; d < dims.ndims(); ++d) n[static_cast<std::size_t>(d)] = dims(d);
+  return ctessel::Samples::parts(parts.real(), parts.imaginary(), std::move(n));
+}
+
+/// calibration, [X Y Z], kernel, threshold, crop
+Values espirit(const Values& args) {
+  Parts calibration(args(1));
+  const Array<int> size = args(2).int_vector_value();
+  Parts maps(shape({size(0), size(1), size(2), extents(calibration.re.dims(), 4)[3]}), true);
+  Parts eigenvalue(shape({size(0), size(1), size(2)}), false);
+  ctessel::EspiritOptions options;
+  options.kernel = args(3).int_value();
+  options.threshold = args(4).double_value();
+  options.crop = args(5).double_value();
+  options.eigenvalue = samples(eigenvalue);
+  ctessel::espirit(samples(calibration), samples(maps), options);
+  return ovl(maps.joined(), eigenvalue.joined());
+}
+
 // ---- Geometry -----------------------------------------------------------------------------------
 
 /// Coefficients by order (rows) and degree (columns), zero where the caller's table ends.
@@ -300,6 +323,7 @@ constexpr Kernel kKernels[] = {
     {"sos", 2, combine<ctessel::sos, false>},
     {"pcsos", 2, combine<ctessel::pcsos, true>},
     {"sense", 7, sense},
+    {"espirit", 5, espirit},
     {"geometry", 7, geometry},
     {"gradient_field", 4, gradient_field},
     {"legendre", 3, legendre},

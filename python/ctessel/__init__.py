@@ -43,6 +43,7 @@ from . import homodyne
 from ._arrays import fftshift, ifftshift, ringing_filter, zero_pad
 from ._coils import pcsos, sos
 from ._core import __version__, release_threads
+from ._espirit import espirit
 from ._geometry import (
     create_plgndr_lookup,
     func_yc,
@@ -77,6 +78,7 @@ __all__ = [
     "HomodyneWarning",
     "compartments",
     "create_plgndr_lookup",
+    "espirit",
     "fftshift",
     "find",
     "folded_pos",

@@ -210,7 +210,14 @@ def _add_steps(command):
         default="sos",
         help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
     )
-    steps.add_argument("--no-homodyne", action="store_true", help="zero-fill partial Fourier scans")
+    steps.add_argument(
+        "--partial",
+        choices=("auto", "zero", "homodyne", "pocs"),
+        default="auto",
+        help="lines that a partial scan lacks: zeros, homodyne, POCS, or the better of zeros and "
+        "POCS for each slice (auto, the default)",
+    )
+    steps.add_argument("--no-homodyne", action="store_true", help="the same as --partial zero")
     steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
 
 

@@ -146,7 +146,7 @@ def options(arguments):
         combine="pcsos" if arguments.combine == "phase" else "sos",
         ringing=arguments.ringing,
         matrix=arguments.pad and tuple(arguments.pad),
-        homodyne=not arguments.no_homodyne,
+        partial="zero" if arguments.no_homodyne else arguments.partial,
         whiten=not arguments.no_noise,
         regularisation=arguments.regularise,
         coefficients=coefficients or None,

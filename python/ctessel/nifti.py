@@ -232,6 +232,9 @@ def merge(paths, output, gaps=False):
         sidecar.update({name: _once(entries)} if entries else {})
     if axis == "echo":
         sidecar["EchoTime"] = np.hstack([p.sidecar.get("EchoTime", []) for p in parts]).tolist()
+    if axis == "slice" and "prediction" in sidecar.get("Parameters", {}):  # one a slice
+        figures = [f for p in parts for f in p.sidecar["Parameters"]["prediction"]]
+        sidecar["Parameters"] = {**sidecar["Parameters"], "prediction": figures}
     known = bool(first.image.header["sform_code"])
     with Staged() as files:
         target = files.path(output)

@@ -70,6 +70,10 @@ def merge(results):
             )
         following = result.selection[2] + 1
     image = np.concatenate([result.image for result in results], AXES.index(axis) - 1)
-    return replace(
+    merged = replace(
         results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
     )
+    if axis == "slice" and "prediction" in merged.parameters:  # one a slice
+        figures = [figure for result in results for figure in result.parameters["prediction"]]
+        merged.parameters = merged.parameters | {"prediction": figures}
+    return merged

@@ -20,17 +20,26 @@ of view lie at ``N // 2``, and transforms are unitary.
 from . import ringing_filter
 from .fourier import flip, remove_oversampling, resize, to_image, to_kspace
 from .gradients import Coefficients, read_coefficients
+from .partial import pocs, prediction_error
 from .parts import merge, select
 from .plan import Options, Plan, plan
 from .reconstruct import Result, reconstruct
 from .sampling import Lattice, calibration_block, fold_lines, partial_ranges, undersampling
-from .steps import combine, homodyne_recon, noise_covariance, sensitivity_maps, unfold, whiten
+from .steps import (
+    combine,
+    eigen_maps,
+    homodyne_recon,
+    noise_covariance,
+    sensitivity_maps,
+    unfold,
+    whiten,
+)
 from .warp import geometry, voxel_positions
 
 __all__ = [
-    "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block", "combine", "flip",
-    "fold_lines", "geometry", "homodyne_recon", "merge", "noise_covariance", "partial_ranges", "plan",
-    "read_coefficients", "reconstruct", "remove_oversampling", "resize", "ringing_filter", "select",
-    "sensitivity_maps", "to_image", "to_kspace", "undersampling", "unfold", "voxel_positions",
-    "whiten",
+    "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block", "combine",
+    "eigen_maps", "flip", "fold_lines", "geometry", "homodyne_recon", "merge", "noise_covariance",
+    "partial_ranges", "plan", "pocs", "prediction_error", "read_coefficients", "reconstruct",
+    "remove_oversampling", "resize", "ringing_filter", "select", "sensitivity_maps", "to_image",
+    "to_kspace", "undersampling", "unfold", "voxel_positions", "whiten",
 ]  # fmt: skip

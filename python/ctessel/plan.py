@@ -11,6 +11,7 @@ import numpy as np
 
 from . import __version__, coverage
 from .gradients import Coefficients
+from .partial import clipped
 from .sampling import Lattice, calibration_block, partial_ranges
 from .scan import Placement, times_text
 from .steps import noise_covariance, usable_ranges
@@ -20,6 +21,8 @@ from .warp import scan_grid, warnings_of
 BLOCK = 64 * 2**20
 #: Resident memory of a worker process that has imported all it needs, in bytes.
 PROCESS = 128 * 2**20
+#: What becomes of lines that a partial scan lacks.
+WAYS = ("auto", "zero", "homodyne", "pocs")
 #: Fewest calibration lines along an undersampled axis.
 FEWEST_LINES = 8
 
@@ -30,9 +33,11 @@ class Options:
 
     `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
     interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of
-    the filter, 0 to 0.915. `regularisation` is the strength of that of SENSE, 1 trusting the level
+    the filter, 0 to 0.915. `partial` says what becomes of lines that are missing on one side: "zero",
+    "homodyne", "pocs", or "auto", which is POCS in the slices where it predicts measured lines that are
+    hidden from it, and zero filling elsewhere. `regularisation` is the strength of that of SENSE, 1 trusting the level
     of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
-    lines used along an axis, `mask` the threshold of `sensitivity_maps`. `coefficients` correct the
+    lines used along an axis, `mask` the threshold of `eigen_maps`. `coefficients` correct the
     geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
     "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
@@ -40,7 +45,7 @@ class Options:
     combine: str = "pcsos"
     matrix: tuple[int, int, int] | None = None
     ringing: float = 0.0
-    homodyne: bool = True
+    partial: str = "auto"
     whiten: bool = True
     regularisation: float = 0.0
     calibration_size: int = 48
@@ -63,7 +68,7 @@ class Pattern:
     lattices: tuple[Lattice, Lattice]
     full: tuple[int, int, int]  # grid of k-space once it is unfolded, without oversampling
     partial: list  # first and last line of each axis that is measured more to one side, or None
-    ranges: list  # those that homodyne uses, in lines of the field that is transformed
+    ranges: list  # those that homodyne or POCS uses, in lines of the field that is transformed
     window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
     calibration_pixels: tuple[int, int, int]  # maps over the field of the calibration lines
 
@@ -72,6 +77,11 @@ class Pattern:
     @property
     def unfolds(self):
         return any(lattice.reduction > 1 for lattice in self.lattices)
+
+    @property
+    def keeps_lines(self):
+        """Whether measured lines are lines of the unfolded image; not of a field that is wider."""
+        return all(lattice.full == lattice.folded * lattice.step for lattice in self.lattices)
 
 
 @dataclass(frozen=True, eq=False)
@@ -142,8 +152,10 @@ class Plan:
 
     @property
     def in_slabs(self):
-        """Whether volumes are worked on in slabs of x: 3-D scans whose readout is not partial."""
-        return self.shape[2] > 1 and not any(pattern.ranges[0] for pattern in self.patterns)
+        """Whether volumes are worked on in slabs of x: 3-D scans, unless whether missing lines are
+        filled in is decided from all of the volume, or the readout is partial."""
+        whole = slice(1 if self.options.partial == "homodyne" else 3)
+        return self.shape[2] > 1 and not any(any(p.ranges[whole]) for p in self.patterns)
 
     @property
     def slab(self):
@@ -302,8 +314,8 @@ def _grid(layout, options):
     for axis in wide:
         share[axis] = 1.0
     kept = [min(1.0, s) for s in share]
-    # Cutting the field needs the whole readout; a partial one is cut after homodyne.
-    partial = options.homodyne and partial_ranges(layout)[0]
+    # Cutting the field needs the whole readout; a partial one is cut at the end.
+    partial = options.partial != "zero" and partial_ranges(layout)[0]
     readout = lines[0] if partial else max(1, round(lines[0] * kept[0]))
     matrix = tuple(options.matrix or header.recon_matrix)
     cut = (kept[0] if partial else 1.0, *kept[1:])
@@ -354,6 +366,8 @@ def _check(layout, options, grid):
         )
     if options.combine not in ("pcsos", "sos"):
         raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
+    if options.partial not in WAYS:
+        raise ValueError(f"partial: expected one of {', '.join(WAYS)}, got {options.partial!r}")
     if options.coefficients is None:
         return
     options.coefficients.signs(options.position or layout.header.patient_position or "HFS")
@@ -381,7 +395,7 @@ def _pattern(layout, options, grid, turn, noisy):
         lattices,
         full,
         partial,
-        usable_ranges(grid.pixels, ranges if options.homodyne else [None] * 3),
+        _usable(grid, ranges, options.partial),
         tuple(min(f, round(n * w)) for f, n, w in zip(full, measured, widening)),
         _calibration_grid(layout, grid, full),
         noisy or any(lattice.reduction > 1 for lattice in lattices),
@@ -412,6 +426,12 @@ def _wider(layout, grid):
     full = [n * w for n, w in zip(header.encoded_fov, (1.0, *grid.ratio))]
     own = header.encoded_fov if layout.calibration is None else header.calibration_fov or full
     return [o / f if f > 0 and o > 0 else 1.0 for o, f in zip(own, full)]
+
+
+def _usable(grid, ranges, partial):
+    if partial == "zero":
+        return [None] * 3
+    return (usable_ranges if partial == "homodyne" else clipped)(grid.pixels, ranges)
 
 
 def _calibration_grid(layout, grid, full):
@@ -571,7 +591,8 @@ def _combine_words(made, pattern):
 def _sense_words(made):
     options = made.options
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
-    words = f"sensitivity maps from {times_text(made.calibration.lines)} calibration lines"
+    way = "" if made.in_slabs else " (ESPIRiT)"
+    words = f"sensitivity maps{way} from {times_text(made.calibration.lines)} calibration lines"
     factors = ", ".join(
         f"{lattice.reduction} along {axis}"
         for axis, lattice in zip("yz", unfolding.lattices)
@@ -584,7 +605,18 @@ def _sense_words(made):
     turns = f", lines in {count} turns" if count > 1 else ""
     whole = [str(n) for p in made.patterns if not p.unfolds for n in p.repetitions]
     full = f", repetition {', '.join(whole)} fully measured" if whole else ""
-    return [words, f"SENSE: R = {factors}{turns}{full}{regularised}"]
+    if not made.in_slabs:
+        regularised = regularised or ", damped by the level of the noise"
+    kept = unfolding.keeps_lines and not made.in_slabs
+    put_back = ", measured lines put back" if kept else ""
+    return [words, f"SENSE: R = {factors}{turns}{full}{regularised}{put_back}"]
+
+
+_METHOD = {"auto": "POCS", "pocs": "POCS", "homodyne": "homodyne"}
+
+
+def _why(options):
+    return "switched off" if options.partial == "zero" else f"too few lines for {_METHOD[options.partial]}"
 
 
 def _partial_words(made, pattern):
@@ -592,12 +624,12 @@ def _partial_words(made, pattern):
     for axis, lines, used in zip("xyz", pattern.partial, pattern.ranges):
         if lines is None:
             continue
+        where = f"along {axis}, lines {(used or lines)[0]} to {(used or lines)[1]}"
         if used is None:
-            why = "switched off" if not made.options.homodyne else "too few lines for homodyne"
-            words.append(
-                f"partial Fourier along {axis}, lines {lines[0]} to {lines[1]}: zero-filled ({why})"
-            )
+            words.append(f"partial Fourier {where}: zero-filled ({_why(made.options)})")
+        elif made.options.partial == "homodyne":
+            words.append(f"homodyne {where}" + (" (mirrored)" if sum(used) < 0 else ""))
         else:
-            mirrored = " (mirrored)" if sum(used) < 0 else ""
-            words.append(f"homodyne along {axis}, lines {used[0]} to {used[1]}{mirrored}")
+            chosen = " where it predicts hidden lines, else zero filling"
+            words.append(f"POCS {where}" + (chosen if made.options.partial == "auto" else ""))
     return words

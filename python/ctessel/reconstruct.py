@@ -15,8 +15,9 @@ from ._arrays import ringing_filter
 from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image, to_kspace
 from .plan import plan as make_plan
-from .sampling import fold_lines
-from .steps import combine, homodyne_recon, sensitivity_maps, unfold
+from .partial import pocs, prediction_error
+from .sampling import Lattice, fold_lines
+from .steps import combine, eigen_maps, homodyne_recon, sensitivity_maps, unfold
 from .warp import geometry
 
 
@@ -55,11 +56,16 @@ class Block:
 @dataclass
 class Basis:
     """What all blocks of a slice and a pattern share: sensitivities, the image that they belong to,
-    and the levels of both kinds of data that regularisation needs."""
+    and the levels of both kinds of data that regularisation needs; the variance of the noise over
+    that of the image; and whether the lines that a partial scan lacks are filled in (POCS), with the
+    error of that on lines that were hidden."""
 
-    maps: np.ndarray
-    expected: np.ndarray
+    maps: np.ndarray | None = None
+    expected: np.ndarray | None = None
     levels: tuple[float, float] | None = None
+    damping: float = 0.0
+    fills: bool = False
+    prediction: float | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -103,8 +109,11 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
     plan = plan or make_plan(source, options)
     image = np.zeros(plan.image_shape, plan.image_type, order="F")
     slices, _, repetitions = plan.kept
-    total, done = prod(plan.image_shape[3:]), 0
+    total, done, predictions = prod(plan.image_shape[3:]), 0, {}
     for block, made in _run(plan, source, client):
+        if "prediction" in made:
+            figure = float(made["prediction"][0])
+            predictions[block.slice, block.pattern] = figure if np.isfinite(figure) else None
         volumes = made["image"][:, :, :, plan.kept[1].start : plan.kept[1].stop]
         image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
         done += prod(volumes.shape[3:])
@@ -112,8 +121,11 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
             progress(done, total)
     if plan.stack:
         image[:, :, 0] = straightened(plan, image[:, :, 0])
+    parameters = plan.parameters
+    if predictions:
+        parameters["prediction"] = [predictions[at] for at in sorted(predictions)]
     return Result(
-        image, list(plan.steps), plan.parameters, plan.field, plan.selection, list(plan.warnings)
+        image, list(plan.steps), parameters, plan.field, plan.selection, list(plan.warnings)
     )
 
 
@@ -203,25 +215,18 @@ def _work(plan, block, samples, calibration, first):
 
 
 def lines(plan, block, source):
-    """k-space of a block, ``(x, y, z, coil, echo, repetition)``; regular lines alone where there are
-    sensitivities."""
-    return _regular(plan, block, source.frames(block.slice, block.along()))
-
-
-def _regular(plan, block, frames):
-    pattern = plan.patterns[block.pattern]
-    return fold_lines(frames, pattern.lattices) if pattern.weighted else frames
+    """k-space of a block, ``(x, y, z, coil, echo, repetition)``."""
+    return source.frames(block.slice, block.along())
 
 
 def _calibration(plan, block, source):
     """Calibration lines of the block's slice, and the first frame of its lines where that counts."""
     pattern = plan.patterns[block.pattern]
-    if not pattern.weighted:
-        return None, None
+    decides = plan.options.partial == "auto" and any(pattern.ranges)
     first = None
-    if plan.options.regularisation > 0 and pattern.unfolds:
+    if decides or (plan.options.regularisation > 0 and pattern.unfolds):
         first = lines(plan, Block(block.slice, pattern.repetitions[:1], block.pattern), source)
-    return calibration_lines(plan, block.slice, source), first
+    return calibration_lines(plan, block.slice, source) if pattern.weighted else None, first
 
 
 def calibration_lines(plan, index, source):
@@ -238,23 +243,54 @@ def calibration_lines(plan, index, source):
 
 
 def prepare(plan, block, source):
-    """The `Basis` of a block's slice and pattern; None where there are no sensitivities."""
+    """The `Basis` of a block's slice and pattern."""
     return _basis(plan, block, *_calibration(plan, block, source))
 
 
 def _basis(plan, block, calibration, first):
-    if calibration is None:
-        return None
     options, pattern = plan.options, plan.patterns[block.pattern]
-    made = sensitivity_maps(
-        _cut(plan, calibration),
-        pattern.calibration_pixels,
-        mask=plan.mask(pattern),
-        threads=options.threads,
+    basis = Basis() if calibration is None else _sensitivities(plan, pattern, calibration)
+    if first is not None and options.regularisation > 0 and pattern.unfolds:
+        folded = _folded(plan, fold_lines(first, pattern.lattices))
+        basis.levels = sa(folded), sa(basis.expected)
+    if options.partial == "auto" and any(pattern.ranges):
+        samples = _filtered(plan, pattern, _complete(plan, pattern, basis, first[..., :1, :1]))
+        basis.prediction = prediction_error(samples, pattern.ranges, options.threads)
+    basis.fills = options.partial == "pocs" or (
+        basis.prediction is not None and basis.prediction < 1
     )
+    return basis
+
+
+def _sensitivities(plan, pattern, calibration):
+    threads, samples = plan.options.threads, _cut(plan, calibration)
+    if pattern.unfolds:
+        made = eigen_maps(
+            samples, pattern.calibration_pixels, mask=plan.options.mask, threads=threads
+        )
+    else:  # coils that are combined alone need maps where noise is, too
+        made = sensitivity_maps(samples, pattern.calibration_pixels, mask=0, threads=threads)
     maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
-    levels = first is not None and (sa(_folded(plan, first)), sa(expected))
-    return Basis(maps, expected, levels or None)
+    damping = _damping(plan, samples, maps, expected) if pattern.unfolds else 0.0
+    return Basis(maps, expected, damping=damping)
+
+
+def _damping(plan, samples, maps, expected):
+    """Variance of the noise over that of the image inside of the object.
+
+    Without a noise scan the noise is at most what the ends of the calibration's readouts hold, and
+    what its darkest voxels show.
+    """
+    inside = (maps != 0).any(3)
+    power = np.mean(np.abs(expected[inside], dtype=np.float64) ** 2) if inside.any() else 0.0
+    if plan.covariance is not None:
+        noise = 1.0  # the equations are weighted with its inverse
+    else:
+        ends = max(1, len(samples) // 16)
+        outer = np.mean(np.abs(np.concatenate([samples[:ends], samples[-ends:]])) ** 2)
+        image = to_image(samples, threads=plan.options.threads)
+        noise = min(outer, np.percentile(np.mean(np.abs(image) ** 2, 3), 5))
+    return float(noise / power) if power > 0 else 0.0
 
 
 def _cut(plan, calibration):
@@ -271,24 +307,24 @@ def reconstruct_block(plan, block, basis, samples):
     ----------
     plan : Plan
     block : Block
-    basis : Basis or None
+    basis : Basis
         What `prepare` makes for its slice and pattern.
     samples : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
-        What `lines` gives; with a `basis` they may be overwritten.
+        What `lines` gives.
 
     Returns
     -------
     dict of str and ndarray
-        "image": complex64 or float32, ``(x, y, z, echo, repetition)``.
+        "image": complex64 or float32, ``(x, y, z, echo, repetition)``. "prediction",
+        ``(repetition,)``, where it was decided from the data how missing lines are filled: what
+        `ctessel.pipeline.prediction_error` says of the slice.
     """
-    pattern, threads = plan.patterns[block.pattern], plan.options.threads
-    if pattern.weighted:
-        image = _unfolded(plan, pattern, basis, samples)
-    else:
-        image = _finished(
-            plan, pattern, remove_oversampling(samples, plan.readout, threads=threads)
-        )
-    return {"image": _placed(plan, block, _combined(plan, pattern, image))}
+    pattern = plan.patterns[block.pattern]
+    image = _filled(plan, pattern, basis, _complete(plan, pattern, basis, samples))
+    made = {"image": _placed(plan, block, _combined(plan, pattern, image))}
+    if basis.prediction is not None:
+        made["prediction"] = np.full(samples.shape[5], basis.prediction)
+    return made
 
 
 def _combined(plan, pattern, image):
@@ -298,11 +334,54 @@ def _combined(plan, pattern, image):
     return image
 
 
+def _complete(plan, pattern, basis, samples):
+    """k-space without gaps between its lines: that of each coil as it was measured, or unfolded; or,
+    where their noise is known, that of the image they combine to."""
+    threads = plan.options.threads
+    if not pattern.weighted:
+        return remove_oversampling(samples, plan.readout, threads=threads)
+    if pattern.unfolds:
+        coils = _unfolded(plan, pattern, basis, samples)
+        if plan.covariance is None:
+            return coils
+        folded = to_image(coils, threads=threads, overwrite=True)
+    else:
+        folded = _folded(plan, fold_lines(samples, pattern.lattices))
+    whole = [Lattice(1, 0, n, n) for n in pattern.full[1:]]
+    lattices = whole if pattern.unfolds else pattern.lattices
+    image = unfold(
+        folded,
+        basis.maps,
+        lattices,
+        covariance=plan.covariance,
+        damping=1e-6 * basis.damping,  # for maps that are 0
+        threads=threads,
+    )
+    return to_kspace(image[:, :, :, None], threads=threads, overwrite=True)
+
+
 def _unfolded(plan, pattern, basis, samples):
-    image = _weighted(plan, pattern, basis, _folded(plan, samples))
-    if plan.options.ringing > 0 or any(pattern.ranges) or plan.pixels != pattern.full:
-        return _finished(plan, pattern, to_kspace(image, threads=plan.options.threads))
-    return resize(image, plan.matrix)
+    """k-space of the coils: measured samples as they are, the others from the unfolded image."""
+    options, threads = plan.options, plan.options.threads
+    image = unfold(
+        _folded(plan, fold_lines(samples, pattern.lattices)),
+        basis.maps,
+        pattern.lattices,
+        covariance=plan.covariance,
+        expected=basis.expected if basis.levels else None,
+        levels=basis.levels,
+        strength=options.regularisation,
+        damping=basis.damping,
+        threads=threads,
+    )
+    maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 3))
+    coils = to_kspace(image[:, :, :, None] * maps, threads=threads, overwrite=True)
+    if not pattern.keeps_lines:
+        return coils
+    measured = remove_oversampling(samples, plan.readout, threads=threads)
+    measured = resize(measured, pattern.full, threads)
+    np.copyto(coils, measured, where=measured != 0)
+    return coils
 
 
 def _weighted(plan, pattern, basis, folded):
@@ -325,20 +404,35 @@ def _folded(plan, samples):
     return to_image(image, (1, 2), threads)
 
 
-def _finished(plan, pattern, samples, axes=(0, 1, 2)):
-    """Coil images of k-space over the whole field: filter, size, transform or homodyne.
+def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
+    """k-space with the extents of the image over the whole field, weighted by the ringing filter.
 
     Of slabs, whose readout is transformed, `axes` are the others.
     """
     strength, threads, n = plan.options.ringing, plan.options.threads, len(samples)
-    window, pixels, matrix = pattern.window, plan.pixels, plan.matrix
+    window, pixels = pattern.window, plan.pixels
     if 0 not in axes:
         strength = (0, strength, strength)
-        window, pixels, matrix = ((n, *size[1:]) for size in (window, pixels, matrix))
+        window, pixels = ((n, *size[1:]) for size in (window, pixels))
     if plan.options.ringing > 0:
         samples = ringing_filter(samples, strength, window, threads=threads)
-    samples = resize(samples, pixels, threads)
-    return homodyne_recon(samples, pattern.ranges, field=matrix, threads=threads, axes=axes)
+    return resize(samples, pixels, threads)
+
+
+def _filled(plan, pattern, basis, samples):
+    """Images of k-space over the whole field, lines that a partial scan lacks as it was decided."""
+    if not basis.fills:
+        return _finished(plan, pattern, samples)
+    samples = _filtered(plan, pattern, samples)
+    return pocs(samples, pattern.ranges, field=plan.matrix, threads=plan.options.threads)
+
+
+def _finished(plan, pattern, samples, axes=(0, 1, 2)):
+    """Images of k-space over the whole field: filter, size, transform or homodyne."""
+    matrix = plan.matrix if 0 in axes else (len(samples), *plan.matrix[1:])
+    ranges = pattern.ranges if plan.options.partial == "homodyne" else [None] * 3
+    samples = _filtered(plan, pattern, samples, axes)
+    return homodyne_recon(samples, ranges, field=matrix, threads=plan.options.threads, axes=axes)
 
 
 def _placed(plan, block, image):

@@ -10,8 +10,14 @@ from . import homodyne
 from ._arrays import ringing_filter, zero_pad
 from ._coils import pcsos, sos
 from .fourier import central, flip, resize, to_image
+from ._espirit import espirit
 from ._helpers import sa
 from ._sense import sense_recon
+
+#: Readout samples of the calibration that sensitivities need, whatever the lines.
+WINDOW_LINES = 24
+#: Eigenvalue of a voxel from which on it is inside of the object.
+CROP = 0.8
 
 
 def noise_covariance(noise, bandwidth_ratio=1.0):
@@ -156,6 +162,61 @@ def object_mask(magnitude, threshold):
     return ndimage.maximum_filter(inside, [2 * r + 1 for r in reach])
 
 
+def eigen_maps(calibration, size, *, mask=0.05, threads=None):
+    """Coil sensitivities as eigenvectors of the calibration data, and the image they belong to.
+
+    Maps are those of `ctessel.espirit`; of volumes those of each plane across the readout, which is
+    measured in full. Voxels are inside of the object where the eigenvalue says so, or where the
+    low-resolution image is bright.
+
+    Parameters
+    ----------
+    calibration : ndarray of complex64, ``(x, y, z, coil)``
+        Fully measured lines around k = 0, which lies at ``N // 2``.
+    size : sequence of 3 int
+        Extents of the maps, over the field of view of the calibration lines.
+    mask : float, optional
+        Share of the brightest magnitude from which on a voxel counts as inside.
+    threads : int, optional
+
+    Returns
+    -------
+    maps : ndarray of complex64, ``(x, y, z, coil)``
+        0 outside of the object.
+    combined : ndarray of complex64, ``(x, y, z)``
+        Combined low-resolution image.
+    """
+    combined = sensitivity_maps(calibration, size, mask=0, threads=threads)[1]
+    if calibration.shape[2] == 1:
+        across = min(len(calibration), max(calibration.shape[1], WINDOW_LINES))
+        lines = np.asfortranarray(calibration[central(len(calibration), across)])
+        maps, values = espirit(lines, size=size, crop=0, eigenvalue=True, threads=threads)
+    else:
+        maps, values = _planes(calibration, size, threads)
+    bright = np.abs(combined)
+    # Planes beside the object are noise, of which every voxel is an eigenvector's.
+    outside = ((values <= CROP) | (bright < mask / 5 * bright.max())) & ~object_mask(bright, mask)
+    maps[outside] = 0
+    return maps, combined
+
+
+def _planes(calibration, size, threads):
+    lines = resize(calibration, (size[0],), threads)
+    lines = to_image(lines, (0,), threads)
+    maps = np.empty((*size, calibration.shape[3]), np.complex64, order="F")
+    values = np.empty(size, np.float32, order="F")
+    for x in range(size[0]):
+        made = espirit(
+            np.asfortranarray(lines[x][:, :, None]),
+            size=(*size[1:], 1),
+            crop=0,
+            eigenvalue=True,
+            threads=threads,
+        )
+        maps[x], values[x] = (a[:, :, 0] for a in made)
+    return maps, values
+
+
 def unfold(
     folded,
     maps,
@@ -165,6 +226,7 @@ def unfold(
     expected=None,
     strength=1.0,
     levels=None,
+    damping=0.0,
     threads=None,
 ):
     """Unfold images of regularly undersampled k-space.
@@ -185,6 +247,10 @@ def unfold(
     levels : tuple of two float, optional
         Root-mean-square levels of the folded data and of the expected image of the whole scan, of
         which `folded` is a part. By default those of the arguments.
+    damping : float, optional
+        Without `expected`: what is added to the diagonal of every voxel's equations. Of maps whose
+        squares sum to 1 it is the variance of the noise over that of the image. More than 0 also
+        lets maps be 0 in all coils.
     threads : int, optional
 
     Returns
@@ -212,6 +278,12 @@ def unfold(
             "reg": expected,
             "ref": np.full((1, 1, 1), reference, np.float32),
             "scale": strength * level / whole,
+        }
+    elif damping > 0 and (level := sa(folded)) > 0:
+        weight = {
+            "reg": np.ones(maps.shape[:3], np.float32, order="F"),
+            "ref": np.ones((1, 1, 1), np.float32),
+            "scale": level * damping**0.5,
         }
     image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity

@@ -1,0 +1,253 @@
+#!/usr/bin/python3
+"""Error of whole reconstructions against fully sampled data, `ctessel recon` beside BART.
+
+    bench/quality.py BUILD OUTPUT [NAME.cfl...]
+
+Fully sampled k-space, (x, y, 1, coil), comes from pairs NAME.cfl and NAME.hdr as BART writes them,
+by default the measured data that the tests know. Lines are left out as a scanner would leave them
+out, the rest goes to both programs, and what they make of it is compared with the image of all
+lines. Writes OUTPUT/quality.md, OUTPUT/quality.json and pictures of the errors.
+
+Error: root mean square of the difference over that of the image, inside the object, after the one
+scale factor that makes it least. BART has the best of three regularisations for every row.
+Processor time is that of the processes, start-up included: of a scan of SLICES slices for
+`ctessel recon`, which takes them at once, and of one slice for BART, which takes one.
+"""
+
+import itertools
+import json
+import os
+import subprocess
+import sys
+import tempfile
+from dataclasses import dataclass
+from pathlib import Path
+
+import numpy as np
+from scipy import ndimage
+
+REDUCTIONS = [(2, 24), (2, 32), (3, 24), (3, 32)]
+SHARES = [0.5625, 0.625, 0.75]
+PARTIAL = ["auto", "zero", "homodyne", "pocs"]
+DATA = ["brain16_ksp", "phantom32_ksp", "brain1_t1sag_ksp"]  # by default
+SLICES = 16
+LEVELS = ["0", "0.001", "0.01"]
+if "CTESSEL_QUICK" in os.environ:
+    REDUCTIONS, SHARES, SLICES = REDUCTIONS[:1], SHARES[:1], 1
+SCRATCH = tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
+FOLDER = Path(SCRATCH.name)
+
+
+@dataclass
+class Outcome:
+    image: np.ndarray
+    seconds: float
+
+
+# ---- Programs ----
+
+
+def run(command, **changes):
+    """Processor time of a process and of its threads, in seconds."""
+    process = subprocess.Popen(list(map(str, command)), cwd=FOLDER, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.PIPE, env={**os.environ, **changes})
+    complaint = process.stderr.read().decode()
+    _, status, usage = os.wait4(process.pid, 0)
+    if status:
+        sys.exit(f"{' '.join(map(str, command))} failed: {complaint[-500:]}")
+    return usage.ru_utime + usage.ru_stime
+
+
+def write_raw(path, kspace, sampled, block, slices=1):
+    """A raw file: the measured lines, `block` of them flagged as calibration; the same slice as often
+    as asked for."""
+    from ctessel import _ismrmrd, acquisitions, raw
+    from ctessel.scan import Header, Limit
+
+    nx, ny, coils = kspace.shape[0], kspace.shape[1], kspace.shape[3]
+    regular = np.flatnonzero(sampled)
+    step = int(np.diff(regular).max())
+    header = Header(
+        encoded_matrix=(nx, ny, 1), encoded_fov=(2.0 * nx, 2.0 * ny, 5.0), recon_matrix=(nx, ny, 1),
+        recon_fov=(2.0 * nx, 2.0 * ny, 5.0),
+        limits={"x": Limit(0, nx - 1, nx // 2), "y": Limit(0, ny - 1, ny // 2), "z": Limit(0, 0, 0)},
+        acceleration=(step, 1), calibration_mode="embedded" if len(block) else "", patient_position="HFS",
+    )  # fmt: skip
+    path.unlink(missing_ok=True)  # lines are appended to a file that is there
+    text = _ismrmrd.header_text(header, coils=coils, counts={"slice": slices})
+    writer = raw.binding(path).Writer(str(path), "dataset", text)
+    for index, y in itertools.product(range(slices), sorted({*regular, *block})):
+        head = np.zeros((), acquisitions.HEAD)
+        head["version"], head["center_sample"], head["sample_time_us"] = 1, nx // 2, 5
+        head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
+        head["kspace_encode_step_1"], head["slice"] = y, index
+        head["position"] = 0, 0, 5 * index
+        if y in block:
+            head["flags"] = (
+                acquisitions.CALIBRATION_AND_IMAGING if sampled[y] else acquisitions.CALIBRATION
+            )
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, 0]))
+    writer.close()
+
+
+def ours(kspace, sampled, block=(), options=(), slices=1):
+    path, image = FOLDER / "scan.h5", FOLDER / "image.nii"
+    write_raw(path, kspace, sampled, block, slices)
+    seconds = run([sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options],
+                  PYTHONPATH=os.pathsep.join(sys.path))
+    return Outcome(read_nifti(image).reshape(*kspace.shape[:2], -1)[:, :, 0], seconds / slices)
+
+
+def read_nifti(path):
+    import nibabel
+
+    return np.squeeze(np.asarray(nibabel.load(path).dataobj))
+
+
+def write_cfl(name, a):
+    np.asarray(a, np.complex64).ravel("F").tofile(FOLDER / f"{name}.cfl")
+    (FOLDER / f"{name}.hdr").write_text("# Dimensions\n" + " ".join(map(str, a.shape)) + "\n")
+
+
+def read_cfl(path):
+    path = Path(path)
+    extents = path.with_suffix(".hdr").read_text().splitlines()[1].split()[:4]
+    return np.fromfile(path.with_suffix(".cfl"), "<c8").reshape([int(n) for n in extents], order="F")
+
+
+def bart(kspace, lines, calibrate, truth, inside):
+    """The best of BART's regularisations."""
+    write_cfl("kspace", kspace)
+    maps = run(["bart", *calibrate, *([lines] if calibrate == ["caldir"] else []), "kspace", "maps"])
+    outcomes = []
+    for level in LEVELS:
+        seconds = run(["bart", "pics", "-S", "-l2", "-r", level, "-i", 50, "kspace", "maps", "out"])
+        outcomes.append(Outcome(np.abs(np.squeeze(read_cfl(FOLDER / "out.cfl"))), maps + seconds))
+    return min(outcomes, key=lambda outcome: error(outcome.image, truth, inside))
+
+
+# ---- What is measured ----
+
+
+def sum_of_squares(kspace):
+    from ctessel import pipeline
+
+    return pipeline.combine(pipeline.to_image(kspace), "sos")[:, :, 0]
+
+
+def object_of(image):
+    """The inside of the object: bright enough, without specks, in one piece, without holes."""
+    inside = image > 0.08 * np.percentile(image, 99.5)
+    inside = ndimage.binary_opening(inside, iterations=2)
+    inside = ndimage.binary_closing(inside, iterations=4)
+    labels, n = ndimage.label(inside)
+    sizes = ndimage.sum_labels(inside, labels, range(1, n + 1))
+    return ndimage.binary_fill_holes(labels == 1 + np.argmax(sizes))
+
+
+def error(image, truth, inside):
+    a, b = image[inside].astype(float), truth[inside].astype(float)
+    return np.linalg.norm(a * (a @ b / (a @ a)) - b) / np.linalg.norm(b)
+
+
+def every(n, step):
+    return (np.arange(n) - n // 2) % step == 0
+
+
+def around(n, count):
+    return range(n // 2 - count // 2, n // 2 - count // 2 + count)
+
+
+def undersampled(name, kspace):
+    """Rows of the table of undersampled scans, with the images they are about."""
+    truth, n = sum_of_squares(kspace), kspace.shape[1]
+    inside = object_of(truth)
+    for step, lines in REDUCTIONS:
+        sampled, block = every(n, step), around(n, lines)
+        kept = kspace * (sampled | np.isin(np.arange(n), block))[None, :, None, None]
+        mine = ours(kspace, sampled, block, slices=SLICES)
+        ecalib = bart(kept, lines, ["ecalib", "-m1", "-r", lines], truth, inside)
+        caldir = bart(kept, lines, ["caldir"], truth, inside)
+        row = {"data": name, "R": step, "lines": lines}
+        for key, outcome in (("ctessel", mine), ("ecalib", ecalib), ("caldir", caldir)):
+            row[key] = error(outcome.image, truth, inside)
+        row["of ecalib"] = row["ctessel"] / row["ecalib"]
+        row["time, ecalib's over ours"] = ecalib.seconds / mine.seconds
+        print(row, file=sys.stderr)
+        yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image})
+
+
+def partial(name, kspace):
+    """Rows of the table of partial scans."""
+    truth, n = sum_of_squares(kspace), kspace.shape[1]
+    inside = object_of(truth)
+    for share in SHARES:
+        sampled = np.arange(n) >= n - round(share * n)
+        row = {"data": name, "share": share}
+        for way in PARTIAL:
+            options = ["--partial", way]
+            row[way] = error(ours(kspace, sampled, options=options).image, truth, inside)
+        print(row, file=sys.stderr)
+        yield row
+
+
+# ---- The report ----
+
+
+def picture(name, shown):
+    """Differences of all rows, ten times as bright as the image."""
+    import matplotlib
+
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+
+    programs = list(shown[0][1][2])
+    figure, axes = plt.subplots(len(programs), 1 + len(shown), constrained_layout=True,
+                                figsize=(2 * (1 + len(shown)), 2.2 * len(programs)))
+    for line, program in zip(axes, programs):
+        truth, top = shown[0][1][0], np.percentile(shown[0][1][0], 99.5)
+        line[0].imshow(truth.T, cmap="gray", vmin=0, vmax=top)
+        line[0].set_ylabel(program)
+        for place, (row, (_, inside, images)) in zip(line[1:], shown):
+            image = images[program]
+            scale = (image[inside] @ truth[inside]) / (image[inside] @ image[inside])
+            place.imshow(10 * np.abs(image * scale - truth).T, cmap="gray", vmin=0, vmax=top)
+            place.set_title(f"R = {row['R']}, {row['lines']} lines", fontsize=8)
+        for place in line:
+            place.set(xticks=[], yticks=[])
+    figure.savefig(name, dpi=100)
+    plt.close(figure)
+
+
+def table(rows):
+    head = list(rows[0])
+    text = [[f"{v:.4f}" if isinstance(v, float) and k not in ("share", "time, ecalib's over ours")
+             else f"{v:.3g}" if isinstance(v, float) else str(v) for k, v in row.items()] for row in rows]
+    return "\n".join(f"| {' | '.join(line)} |" for line in [head, ["---"] * len(head), *text])
+
+
+def main():
+    build, output, *paths = sys.argv[1:]
+    sys.path.insert(0, str(Path(build).resolve() / "package"))
+    folder = Path(os.environ.get("CTESSEL_DATA", Path(__file__).parents[2] / "shared" / "data"))
+    paths = paths or [p for p in (folder / f"{name}.cfl" for name in DATA) if p.exists()]
+    if not paths:
+        print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
+        return
+    below, missing = [], []
+    for path in paths:
+        name, kspace = Path(path).stem, read_cfl(path)
+        if kspace.shape[3] > 3:
+            shown = list(undersampled(name, kspace))
+            below += [row for row, _ in shown]
+            picture(f"{output}/quality-{name}.png", shown)
+        missing += partial(name, kspace)
+    with open(f"{output}/quality.json", "w") as file:
+        json.dump({"undersampled": below, "partial": missing}, file, indent=1)
+    sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
+                "## Partial Fourier", table(missing)]
+    Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
+
+
+if __name__ == "__main__":
+    main()

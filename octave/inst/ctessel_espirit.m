@@ -1,0 +1,69 @@
+% Coil sensitivities from fully measured k-space around its centre (ESPIRiT, one set of maps).
+%
+%   maps = ctessel_espirit(calibration, target)
+%   maps = ctessel_espirit(calibration, target, kernel, threshold, crop)
+%   [maps, eigenvalues] = ctessel_espirit(...)
+%
+%   calibration   k-space x, y, z, coil, line 0 at sample floor(n/2) + 1 of each dimension. Single or
+%                 double, without gaps.
+%   target        extents [X Y] or [X Y Z] of the maps, over the field of view of CALIBRATION
+%   kernel        samples of the window that slides over CALIBRATION, 6 if left out
+%   threshold     eigenvalue of the calibration matrix from which on it is signal, of the largest;
+%                 0.001 if left out
+%   crop          eigenvalue of a voxel, 1 at best, up to which it is outside of the object; 0.8 if left
+%                 out
+%   maps          complex single, X x Y x Z x coil. The coils' squared magnitudes sum to 1, outside of
+%                 the object to 0. An image that they unfold has the phase of the coils' sum weighted
+%                 with their magnitudes.
+%   eigenvalues   single, X x Y x Z
+%
+% Example: a disc seen by four coils.
+%
+%   [x, y] = ndgrid(((0:31) - 16) / 16);
+%   angles = reshape((0:3) * pi / 2, 1, 1, 1, 4);
+%   coils = exp(-(x - cos(angles)) .^ 2 - (y - sin(angles)) .^ 2) .* (x .^ 2 + y .^ 2 < 0.6);
+%   kspace = ctessel_fftshift(fft2(ctessel_ifftshift(coils, [1 2])), [1 2]);
+%   maps = ctessel_espirit(kspace(5:28, 5:28, :, :), [32 32]);
+%
+% Literature: M. Uecker et al., "ESPIRiT - an eigenvalue approach to autocalibrating parallel MRI",
+% Magnetic Resonance in Medicine 71(3):990-1001, 2014.
+%
+% See also: ctessel_sense
+function [maps, eigenvalues] = ctessel_espirit(calibration, target, kernel, threshold, crop)
+  if nargin < 2 || nargin > 5, print_usage(); end
+  who = 'ctessel_espirit';
+  if nargin < 3, kernel = 6; end
+  if nargin < 4, threshold = 0.001; end
+  if nargin < 5, crop = 0.8; end
+
+  check_array(who, 'CALIBRATION', calibration);
+  if isempty(calibration) || ndims(calibration) > 4
+    reject_shape(who, 'CALIBRATION', 'x, y, z, coil, none of them empty', calibration);
+  end
+  if ~all(isfinite(calibration(:))), reject_shape(who, 'CALIBRATION', 'finite', calibration); end
+  target = check_whole(who, 'TARGET', target, [2 3], 1, double(intmax));
+  if numel(target) == 2, target(3) = 1; end
+  kernel = check_whole(who, 'KERNEL', kernel, 1, 1, double(intmax));
+  check_positive(who, 'THRESHOLD', threshold);
+  if threshold >= 1, reject(who, 'THRESHOLD', 'less than 1', threshold); end
+  if ~isreal(crop) || ~isscalar(crop) || ~(crop >= 0 && crop <= 1)
+    reject(who, 'CROP', 'a number from 0 to 1', crop);
+  end
+  [maps, eigenvalues] = __ctessel__('espirit', calibration, target, kernel, threshold, crop);
+end
+
+%!test % maps of a disc are its sensitivities, but for a phase and their length
+%! [x, y] = ndgrid(((0:31) - 16) / 16);
+%! angles = reshape((0:3) * pi / 2, 1, 1, 1, 4);
+%! disc = x .^ 2 + y .^ 2 < 0.6;
+%! coils = exp(-(x - cos(angles)) .^ 2 - (y - sin(angles)) .^ 2 + .3i * angles);
+%! kspace = fftshift(fftshift(fft2(ifftshift(ifftshift(coils .* disc, 1), 2)), 1), 2);
+%! [maps, eigenvalues] = ctessel_espirit(kspace(5:28, 5:28, :, :), [32 32]);
+%! together = abs(sum(conj(maps) .* coils, 4)) ./ sqrt(sum(abs(coils) .^ 2, 4));
+%! assert(min(together(disc)) > .99)
+%! assert(sum(abs(maps) .^ 2, 4)(disc), ones(nnz(disc), 1, 'single'), 1e-5)
+%! assert(any(eigenvalues(:) < .8) && ~any(maps(eigenvalues <= .8)))
+%!error <CALIBRATION must be finite> ctessel_espirit([1 NaN], [4 4])
+%!error <TARGET must be 2 or 3 whole numbers> ctessel_espirit(ones(8), 4)
+%!error <THRESHOLD must be less than 1> ctessel_espirit(ones(8), [8 8], 6, 1)
+%!error <CROP must be a number from 0 to 1> ctessel_espirit(ones(8), [8 8], 6, .1, 2)

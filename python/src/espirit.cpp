@@ -1,0 +1,40 @@
+// Sensitivity maps from calibration lines.
+
+#include <climits>
+
+#include "arguments.h"
+
+namespace ctessel_python {
+namespace {
+
+py::tuple espirit(py::handle calibration, py::handle size, py::handle kernel, py::handle threshold,
+                  py::handle crop, py::handle threads) {
+  const Input lines = input(calibration, "calibration", Kind::kEither, 4, 4);
+  Extents shape;
+  for (const py::handle n : py::sequence(py::reinterpret_borrow<py::object>(size))) {
+    shape.push_back(whole_number(n, "size", 1, INT_MAX));
+  }
+  if (shape.size() != 3) fail_value("size", "three extents", std::to_string(shape.size()));
+  const py::array eigenvalue = new_array({shape, false, {}});
+  shape.push_back(lines.view.extent(Dim::coil));
+  check_count(shape, "size");
+  const py::array maps = new_array({shape, true, {}});
+  ctessel::EspiritOptions options;
+  options.kernel = whole_number(kernel, "kernel", 1, INT_MAX);
+  options.threshold = number(threshold, "threshold");
+  options.crop = number(crop, "crop");
+  options.eigenvalue = view_of(eigenvalue);
+  const Samples out = view_of(maps);
+  const Threads team(threads);
+  {
+    const py::gil_scoped_release unlocked;
+    ctessel::espirit(lines.view, out, options);
+  }
+  return py::make_tuple(maps, eigenvalue);
+}
+
+}  // namespace
+
+void bind_espirit(py::module_& m) { define(m, "espirit", espirit); }
+
+}  // namespace ctessel_python

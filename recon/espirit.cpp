@@ -1,0 +1,540 @@
+// Sensitivity maps as eigenvectors (ESPIRiT).
+//
+// Windows of kernel^d samples slide over the calibration data; each is a row of the calibration
+// matrix. The rows of strong singular values span the windows that the object and its coils can
+// make. The projection onto that space, seen as convolutions between coils, becomes in the image a
+// matrix of coil by coil for every voxel, whose eigenvector of eigenvalue 1 holds the
+// sensitivities. M. Uecker et al., "ESPIRiT - an eigenvalue approach to autocalibrating parallel
+// MRI", Magn. Reson. Med. 71:990 (2014).
+//
+// Sums run in a fixed order within each element, so threads and vectors leave the bits alone.
+#include <Eigen/Dense>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <numbers>
+#include <stdexcept>
+#include <vector>
+
+#include "ctessel.hpp"
+#include "dispatch.h"
+#include "loops.h"
+#include "samples.h"
+#include "simd.h"
+
+namespace ctessel {
+namespace {
+
+using Index = std::ptrdiff_t;
+using Complex = std::complex<double>;
+using Places = std::vector<Complex>;
+
+/// Orthonormal bases are multiplied by the matrix so many times before the signal space is read off.
+constexpr int kTurns = 3;
+/// Columns of a calibration matrix of which any share may be signal. Of more a third at most: data that
+/// fill the rest are noise alone, which costs time and says nothing.
+constexpr Index kSmall = 256;
+/// Products of a voxel's matrix with its vector, which starts as the coils' low-resolution values.
+constexpr int kPowers = 10;
+
+std::size_t at(Index i) { return static_cast<std::size_t>(i); }
+
+/// Complex rows as parts, one row behind the other.
+struct Matrix {
+  Index rows = 0, cols = 0;
+  std::vector<double> re, im;
+
+  Matrix() = default;
+  Matrix(Index r, Index c) : rows(r), cols(c), re(at(r * c)), im(at(r * c)) {}
+
+  Complex get(Index r, Index c) const { return {re[at(r * cols + c)], im[at(r * cols + c)]}; }
+  void set(Index r, Index c, Complex v) {
+    re[at(r * cols + c)] = v.real();
+    im[at(r * cols + c)] = v.imag();
+  }
+};
+
+Matrix adjoint(const Matrix& m) {
+  Matrix out(m.cols, m.rows);
+  for (Index r = 0; r < m.rows; ++r) {
+    for (Index c = 0; c < m.cols; ++c) out.set(c, r, std::conj(m.get(r, c)));
+  }
+  return out;
+}
+
+/// y += a x, n complex numbers in parts.
+CTESSEL_INLINE void add_scaled(double ar, double ai, const double* xr, const double* xi, double* yr,
+                               double* yi, Index n) {
+#pragma omp simd
+  for (Index j = 0; j < n; ++j) {
+    yr[j] += ar * xr[j] - ai * xi[j];
+    yi[j] += ar * xi[j] + ai * xr[j];
+  }
+}
+
+/// Rows i .. i + n - 1 of a product, for as many columns as V has numbers: sums stay in registers.
+/// `panel` holds these columns of b, parts of a row behind each other.
+template <int n, class V>
+CTESSEL_INLINE void multiply_block(const Matrix& a, const double* panel, Index i, Index column,
+                                   Matrix& out) {
+  constexpr Index width = sizeof(V) / sizeof(double);
+  V re[n] = {}, im[n] = {};
+  for (Index k = 0; k < a.cols; ++k) {
+    V xr, xi;  // a vector handed over by a function would depend on the processor's conventions
+    std::memcpy(&xr, panel + 2 * k * width, sizeof(V));
+    std::memcpy(&xi, panel + (2 * k + 1) * width, sizeof(V));
+    for (int r = 0; r < n; ++r) {
+      const double ar = a.re[at((i + r) * a.cols + k)], ai = a.im[at((i + r) * a.cols + k)];
+      re[r] += ar * xr - ai * xi;
+      im[r] += ar * xi + ai * xr;
+    }
+  }
+  for (int r = 0; r < n; ++r) {
+    std::memcpy(out.re.data() + (i + r) * out.cols + column, &re[r], sizeof(V));
+    std::memcpy(out.im.data() + (i + r) * out.cols + column, &im[r], sizeof(V));
+  }
+}
+
+template <class V>
+CTESSEL_INLINE void multiply_columns(const Matrix& a, const Matrix& b, Range rows, Index column,
+                                     Matrix& out, double* panel) {
+  constexpr Index width = sizeof(V) / sizeof(double);
+  for (Index k = 0; k < b.rows; ++k) {
+    std::copy_n(b.re.data() + k * b.cols + column, width, panel + 2 * k * width);
+    std::copy_n(b.im.data() + k * b.cols + column, width, panel + (2 * k + 1) * width);
+  }
+  Index i = rows.begin;
+  for (; i + 4 <= rows.end; i += 4) multiply_block<4, V>(a, panel, i, column, out);
+  for (; i < rows.end; ++i) multiply_block<1, V>(a, panel, i, column, out);
+}
+
+template <int width>
+CTESSEL_INLINE void multiply(const Matrix& a, const Matrix& b, Range rows, bool upper,
+                             Matrix& out) {
+  std::vector<double> panel(at(2 * b.rows * width));
+  Index column = 0;
+  const auto reached = [&](Index columns) {
+    return Range{rows.begin, upper ? std::min<Index>(rows.end, column + columns) : rows.end};
+  };
+  for (; column + width <= b.cols; column += width) {
+    multiply_columns<Vector<double, width>>(a, b, reached(width), column, out, panel.data());
+  }
+  for (; column < b.cols; ++column) {
+    multiply_columns<Vector<double, 1>>(a, b, reached(1), column, out, panel.data());
+  }
+}
+
+/// Rows of a product; of those of a Hermitian one only the upper triangle.
+CTESSEL_BY_WIDTH(void multiply_rows(const Matrix& a, const Matrix& b, Range rows, bool upper,
+                                    Matrix& out),
+                 multiply, (a, b, rows, upper, out))
+
+Matrix product(const Matrix& a, const Matrix& b, bool upper = false) {
+  Matrix out(a.rows, b.cols);
+  for_each_chunk(a.rows, [&](std::int64_t begin, std::int64_t end) {
+    multiply_rows(a, b, {begin, end}, upper, out);
+  });
+  return out;
+}
+
+/// adjoint(m) m.
+Matrix gram_of(const Matrix& m) {
+  Matrix out = product(adjoint(m), m, true);
+  for (Index r = 0; r < out.rows; ++r) {
+    for (Index c = 0; c < r; ++c) out.set(r, c, std::conj(out.get(c, r)));
+  }
+  return out;
+}
+
+Eigen::MatrixXcd small(const Matrix& m) {
+  Eigen::MatrixXcd out(m.rows, m.cols);
+  for (Index r = 0; r < m.rows; ++r) {
+    for (Index c = 0; c < m.cols; ++c) out(r, c) = m.get(r, c);
+  }
+  return out;
+}
+
+Matrix large(const Eigen::MatrixXcd& m) {
+  Matrix out(m.rows(), m.cols());
+  for (Index r = 0; r < m.rows(); ++r) {
+    for (Index c = 0; c < m.cols(); ++c) out.set(r, c, m(r, c));
+  }
+  return out;
+}
+
+// ---- The signal space of the calibration data ----------------------------------------------------
+
+/// Extents of the calibration data, of the window that slides over it, and of what is left to slide.
+struct Windows {
+  Index n[3], kernel[3], steps[3], coils;
+
+  Windows(const ConstSamples& calibration, int size) : coils(calibration.extent(Dim::coil)) {
+    for (int d = 0; d < 3; ++d) {
+      n[d] = calibration.extent(Dim(d));
+      kernel[d] = std::min<Index>(n[d], size);
+      steps[d] = n[d] - kernel[d] + 1;
+    }
+  }
+  Index volume() const { return kernel[0] * kernel[1] * kernel[2]; }
+};
+
+/// Visits (x, y, z) of a box, x fastest.
+template <class Visit>
+void for_each_place(const Index (&n)[3], const Visit& visit) {
+  for (Index z = 0; z < n[2]; ++z) {
+    for (Index y = 0; y < n[1]; ++y) {
+      for (Index x = 0; x < n[0]; ++x) visit(x, y, z);
+    }
+  }
+}
+
+Complex sample(const ConstSamples& s, Index x, Index y, Index z, Index coil) {
+  const Index i = x * s.stride(Dim::x) + y * s.stride(Dim::y) + z * s.stride(Dim::z) +
+                  coil * s.stride(Dim::coil);
+  return {s.re[i], s.im ? s.im[i] : 0.0f};
+}
+
+Matrix calibration_matrix(const ConstSamples& calibration, const Windows& w) {
+  Matrix out(w.steps[0] * w.steps[1] * w.steps[2], w.volume() * w.coils);
+  Index row = 0;
+  for_each_place(w.steps, [&](Index x, Index y, Index z) {
+    Index column = 0;
+    for (Index coil = 0; coil < w.coils; ++coil) {
+      for_each_place(w.kernel, [&](Index a, Index b, Index c) {
+        out.set(row, column++, sample(calibration, x + a, y + b, z + c, coil));
+      });
+    }
+    ++row;
+  });
+  return out;
+}
+
+/// Columns that are linearly independent, the same in every run: a generator's numbers in -1 .. 1.
+Matrix scattered(Index rows, Index cols) {
+  Matrix out(rows, cols);
+  std::uint64_t state = 1;
+  const auto next = [&] {
+    state = state * 6364136223846793005u + 1442695040888963407u;
+    return static_cast<double>(state >> 11) / 4503599627370496.0 - 1;
+  };
+  for (double& v : out.re) v = next();
+  for (double& v : out.im) v = next();
+  return out;
+}
+
+/// The same space with orthonormal columns.
+Matrix orthonormal(const Matrix& m) {
+  const Eigen::MatrixXcd gram = small(gram_of(m));
+  const Eigen::MatrixXcd lower = gram.llt().matrixL();
+  const Eigen::MatrixXcd unit = Eigen::MatrixXcd::Identity(gram.rows(), gram.cols());
+  return product(m, large(lower.triangularView<Eigen::Lower>().solve(unit).adjoint()));
+}
+
+double trace(const Matrix& m) {
+  double sum = 0;
+  for (Index i = 0; i < m.rows; ++i) sum += m.re[at(i * m.cols + i)];
+  return sum;
+}
+
+/// Eigenvectors of a Hermitian matrix whose eigenvalues exceed `threshold` times the largest, found in
+/// a basis of `width` columns; fewer columns than that are kept unless the basis is too narrow.
+Matrix strongest(const Matrix& gram, Index width, double threshold) {
+  Matrix shifted = gram;  // keeps products with it far from singular
+  for (Index i = 0; i < gram.rows; ++i) {
+    shifted.re[at(i * gram.cols + i)] += 1e-3 * threshold * trace(gram);
+  }
+  Matrix basis = scattered(gram.rows, width);
+  for (int turn = 0; turn < kTurns; ++turn) {
+    basis = orthonormal(product(shifted, basis));
+  }
+  basis = orthonormal(basis);
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXcd> within(
+      small(product(adjoint(basis), product(gram, basis))));
+  const Eigen::VectorXd& values = within.eigenvalues();
+  Index kept = 0;
+  while (kept < width && values(width - 1 - kept) > threshold * values(width - 1)) ++kept;
+  return product(basis, large(within.eigenvectors().rightCols(kept)));
+}
+
+Matrix signal_space(const Matrix& rows, Index coils, double threshold) {
+  const Matrix gram = gram_of(rows);
+  if (!(trace(gram) > 0)) return Matrix(gram.rows, 0);
+  const Index most = gram.rows > kSmall ? gram.rows / 3 : gram.rows;
+  for (Index width = 4 * coils;; width *= 2) {
+    width = std::min(width, most);
+    Matrix space = strongest(gram, width, threshold);
+    if (4 * space.cols <= 3 * width || width == most) return space;
+  }
+}
+
+/// The projection as convolutions: for every shift between two places of the window and every pair of
+/// coils c <= d the sum of its entries, pairs fastest.
+Matrix convolutions(const Matrix& space, const Windows& w) {
+  const Matrix projection = product(space, adjoint(space));
+  const Index span[2] = {2 * w.kernel[0] - 1, 2 * w.kernel[1] - 1};
+  Matrix out(span[0] * span[1] * (2 * w.kernel[2] - 1), w.coils * (w.coils + 1) / 2);
+  Index first = 0;
+  for_each_place(w.kernel, [&](Index a, Index b, Index c) {
+    Index second = 0;
+    for_each_place(w.kernel, [&](Index e, Index f, Index g) {
+      const Index shift = a - e + w.kernel[0] - 1 +
+                          span[0] * (b - f + w.kernel[1] - 1 + span[1] * (c - g + w.kernel[2] - 1));
+      Index pair = 0;
+      for (Index i = 0; i < w.coils; ++i) {
+        for (Index j = i; j < w.coils; ++j, ++pair) {
+          const Complex entry = projection.get(i * w.volume() + first, j * w.volume() + second);
+          out.set(shift, pair, out.get(shift, pair) + std::conj(entry));
+        }
+      }
+      ++second;
+    });
+    ++first;
+  });
+  for (double& v : out.re) v /= static_cast<double>(w.volume());
+  for (double& v : out.im) v /= static_cast<double>(w.volume());
+  return out;
+}
+
+// ---- From k-space to rows of the image -----------------------------------------------------------
+
+/// exp(2 pi i k (x - floor(N / 2)) / N): a row for each of the `terms` integers k from `first` on, a
+/// column for each of the N places x.
+Matrix waves(Index size, Index first, Index terms) {
+  Matrix out(terms, size);
+  for (Index k = 0; k < terms; ++k) {
+    for (Index x = 0; x < size; ++x) {
+      const double turns =
+          static_cast<double>((first + k) * (x - size / 2)) / static_cast<double>(size);
+      out.set(k, x, std::polar(1.0, 2 * std::numbers::pi * turns));
+    }
+  }
+  return out;
+}
+
+/// Trigonometric polynomials in (x, y, z), one a column; terms as rows, those of x fastest.
+class Polynomials {
+ public:
+  Polynomials(Matrix terms, const Index (&first)[3], const Index (&count)[3],
+              const Index (&size)[3])
+      : terms_(std::move(terms)) {
+    for (int d = 0; d < 3; ++d) waves_[d] = waves(size[d], first[d], count[d]);
+  }
+
+  /// Values along x at (y, z): a row a polynomial.
+  Matrix row(Index y, Index z) const {
+    const Matrix terms = summed(summed(terms_, waves_[2], z), waves_[1], y);
+    Matrix turned(terms.cols, terms.rows), out(terms.cols, waves_[0].cols);
+    for (Index k = 0; k < terms.rows; ++k) {
+      for (Index i = 0; i < terms.cols; ++i) turned.set(i, k, terms.get(k, i));
+    }
+    multiply_rows(turned, waves_[0], {0, turned.rows}, false, out);
+    return out;
+  }
+
+ private:
+  /// The sum along the slowest axis at one place of it.
+  static Matrix summed(const Matrix& terms, const Matrix& waves, Index place) {
+    Matrix out(terms.rows / waves.rows, terms.cols);
+    const Index rest = out.rows * out.cols;
+    for (Index k = 0; k < waves.rows; ++k) {
+      const Complex wave = waves.get(k, place);
+      add_scaled(wave.real(), wave.imag(), terms.re.data() + k * rest, terms.im.data() + k * rest,
+                 out.re.data(), out.im.data(), rest);
+    }
+    return out;
+  }
+
+  Matrix terms_, waves_[3];
+};
+
+/// Falls from 1 at the centre to almost 0 at both ends; 1 for an axis of one sample.
+double hann(Index i, Index n) {
+  const auto k = static_cast<double>(i - n / 2);
+  return n > 1 ? 0.5 + 0.5 * std::cos(2 * std::numbers::pi * k / static_cast<double>(n + 1)) : 1.0;
+}
+
+Polynomials low_resolution(const ConstSamples& calibration, const Windows& w,
+                           const Index (&size)[3]) {
+  Matrix terms(w.n[0] * w.n[1] * w.n[2], w.coils);
+  Index row = 0;
+  for_each_place(w.n, [&](Index x, Index y, Index z) {
+    const double weight = hann(x, w.n[0]) * hann(y, w.n[1]) * hann(z, w.n[2]);
+    for (Index c = 0; c < w.coils; ++c) terms.set(row, c, weight * sample(calibration, x, y, z, c));
+    ++row;
+  });
+  const Index first[] = {-(w.n[0] / 2), -(w.n[1] / 2), -(w.n[2] / 2)};
+  return {std::move(terms), first, w.n, size};
+}
+
+Polynomials coil_matrices(Matrix shifts, const Windows& w, const Index (&size)[3]) {
+  Index first[3], count[3];
+  for (int d = 0; d < 3; ++d) {
+    first[d] = 1 - w.kernel[d];
+    count[d] = 2 * w.kernel[d] - 1;
+  }
+  return {std::move(shifts), first, count, size};
+}
+
+// ---- Eigenvectors along a row --------------------------------------------------------------------
+
+/// out += m v, or conj(m) v: element by element.
+template <int sign>
+CTESSEL_INLINE void add_product(const double* mr, const double* mi, const double* vr,
+                                const double* vi, double* re, double* im, Index n) {
+#pragma omp simd
+  for (Index x = 0; x < n; ++x) {
+    re[x] += mr[x] * vr[x] - sign * mi[x] * vi[x];
+    im[x] += mr[x] * vi[x] + sign * mi[x] * vr[x];
+  }
+}
+
+/// Divides the columns from `first` on by their length, which becomes the eigenvalue.
+CTESSEL_INLINE void normalise(Matrix& v, Index first, Index n, double* length) {
+  for (Index x = 0; x < n; ++x) length[x] = 0;
+  for (Index i = first; i < v.rows * v.cols; i += v.cols) {
+    const double *re = v.re.data() + i, *im = v.im.data() + i;
+#pragma omp simd
+    for (Index x = 0; x < n; ++x) length[x] += re[x] * re[x] + im[x] * im[x];
+  }
+  for (Index x = 0; x < n; ++x) length[x] = std::sqrt(length[x]);
+  for (Index i = first; i < v.rows * v.cols; i += v.cols) {
+    double *re = v.re.data() + i, *im = v.im.data() + i;
+#pragma omp simd
+    for (Index x = 0; x < n; ++x) {
+      re[x] = length[x] > 0 ? re[x] / length[x] : 0;
+      im[x] = length[x] > 0 ? im[x] / length[x] : 0;
+    }
+  }
+}
+
+/// Columns of `v` times the Hermitian matrices of their voxels, whose pairs of coils are rows of `m`.
+CTESSEL_INLINE void multiply_voxels(const Matrix& m, const Matrix& v, Index first, Index n,
+                                    Matrix& out) {
+  Index pair = first;
+  const auto row = [&](Index coil) { return coil * v.cols + first; };
+  for (Index i = 0; i < v.rows; ++i) {
+    for (Index j = i; j < v.rows; ++j, pair += m.cols) {
+      const double *mr = m.re.data() + pair, *mi = m.im.data() + pair;
+      add_product<1>(mr, mi, v.re.data() + row(j), v.im.data() + row(j), out.re.data() + row(i),
+                     out.im.data() + row(i), n);
+      if (i == j) continue;
+      add_product<-1>(mr, mi, v.re.data() + row(i), v.im.data() + row(i), out.re.data() + row(j),
+                      out.im.data() + row(j), n);
+    }
+  }
+}
+
+/// Turns the columns of `v` into unit eigenvectors of the largest eigenvalue, by repeated products.
+CTESSEL_CLONES
+void to_eigenvectors(const Matrix& m, Matrix& v, double* eigenvalues) {
+  constexpr Index kVoxels = 16;  // their matrices stay in the cache
+  for (Index first = 0; first < v.cols; first += kVoxels) {
+    const Index n = std::min(kVoxels, v.cols - first);
+    normalise(v, first, n, eigenvalues + first);
+    Matrix next(v.rows, v.cols);
+    for (int power = 0; power < kPowers; ++power) {
+      for (Index i = first; i < v.rows * v.cols; i += v.cols) {
+        std::fill_n(next.re.data() + i, n, 0.0);
+        std::fill_n(next.im.data() + i, n, 0.0);
+      }
+      multiply_voxels(m, v, first, n, next);
+      normalise(next, first, n, eigenvalues + first);
+      std::swap(v, next);
+    }
+  }
+}
+
+/// Phase that gives the image that these maps unfold to the phase of the coils' weighted sum.
+Complex reference_phase(const Matrix& low, const Matrix& v, Index x) {
+  Complex projected = 0, weighted = 0;
+  for (Index c = 0; c < v.rows; ++c) {
+    projected += std::conj(v.get(c, x)) * low.get(c, x);
+    weighted += std::abs(low.get(c, x)) * low.get(c, x);
+  }
+  const Complex turn = projected * std::conj(weighted);
+  return std::abs(turn) > 0 ? turn / std::abs(turn) : 1.0;
+}
+
+/// Where the rows of one (y, z) begin in a view.
+Index place(const ConstSamples& s, Index y, Index z) {
+  return y * s.stride(Dim::y) + z * s.stride(Dim::z);
+}
+
+/// Maps of one row, cropped where the eigenvalue says that there is no object.
+void store_maps(const Matrix& low, Matrix& v, const std::vector<double>& eigenvalues, double crop,
+                Index y, Index z, const Samples& maps) {
+  std::vector<float> re(at(v.cols)), im(re);
+  for (Index x = 0; x < v.cols; ++x) {
+    const Complex turn = eigenvalues[at(x)] > crop ? reference_phase(low, v, x) : 0.0;
+    for (Index c = 0; c < v.rows; ++c) v.set(c, x, v.get(c, x) * turn);
+  }
+  for (Index c = 0; c < v.rows; ++c) {
+    for (Index x = 0; x < v.cols; ++x) {
+      re[at(x)] = static_cast<float>(v.re[at(c * v.cols + x)]);
+      im[at(x)] = static_cast<float>(v.im[at(c * v.cols + x)]);
+    }
+    store_row(re.data(), im.data(),
+              row_of(maps, Dim::x, place(maps, y, z) + c * maps.stride(Dim::coil)));
+  }
+}
+
+void check(const ConstSamples& calibration, const ConstSamples& maps,
+           const EspiritOptions& options) {
+  const auto refuse = [](const char* text) { throw std::invalid_argument(text); };
+  if (calibration.ndim() != 4 || calibration.size() == 0 || maps.ndim() != 4) {
+    refuse("calibration: expected samples in the four axes x, y, z, coil, and maps alike");
+  }
+  if (maps.extent(Dim::coil) != calibration.extent(Dim::coil) || maps.size() == 0) {
+    refuse("maps: expected as many coils as the calibration has, and extents of at least 1");
+  }
+  for (Index c = 0; c < calibration.extent(Dim::coil); ++c) {
+    const Index n[] = {calibration.extent(Dim::x), calibration.extent(Dim::y),
+                       calibration.extent(Dim::z)};
+    for_each_place(n, [&](Index x, Index y, Index z) {
+      const Complex v = sample(calibration, x, y, z, c);
+      if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) {
+        refuse("calibration: expected finite samples");
+      }
+    });
+  }
+  if (options.kernel < 1) refuse("kernel: expected at least 1 sample");
+  if (!(options.threshold > 0 && options.threshold < 1)) {
+    refuse("threshold: expected a share of the largest eigenvalue, more than 0 and less than 1");
+  }
+  if (!(options.crop >= 0 && options.crop <= 1)) refuse("crop: expected an eigenvalue of 0 to 1");
+  if (!options.eigenvalue) return;
+  for (Dim d : {Dim::x, Dim::y, Dim::z}) {
+    if (options.eigenvalue.extent(d) != maps.extent(d)) {
+      refuse("eigenvalue: expected the extents of the maps");
+    }
+  }
+}
+
+}  // namespace
+
+void espirit(const ConstSamples& calibration, const Samples& maps, const EspiritOptions& options) {
+  check(calibration, maps, options);
+  const Windows windows(calibration, options.kernel);
+  const Matrix rows = calibration_matrix(calibration, windows);
+  const Index size[] = {maps.extent(Dim::x), maps.extent(Dim::y), maps.extent(Dim::z)};
+  const Matrix space = signal_space(rows, windows.coils, options.threshold);
+  const Polynomials matrices = coil_matrices(convolutions(space, windows), windows, size);
+  const Polynomials images = low_resolution(calibration, windows, size);
+  for_each_chunk(size[1] * size[2], [&](std::int64_t begin, std::int64_t end) {
+    std::vector<double> eigenvalues(at(size[0]));
+    std::vector<float> values(at(size[0]));
+    for (Index i = begin; i < end; ++i) {
+      const Index y = i % size[1], z = i / size[1];
+      const Matrix low = images.row(y, z);
+      Matrix v = low;
+      to_eigenvectors(matrices.row(y, z), v, eigenvalues.data());
+      store_maps(low, v, eigenvalues, options.crop, y, z, maps);
+      if (!options.eigenvalue) continue;
+      std::copy(eigenvalues.begin(), eigenvalues.end(), values.begin());
+      store_row(values.data(), nullptr,
+                row_of(options.eigenvalue, Dim::x, place(options.eigenvalue, y, z)));
+    }
+  });
+}
+
+}  // namespace ctessel
