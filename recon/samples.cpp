@@ -174,7 +174,7 @@ void move_row(M m, Offsets o, Walk axis, ptrdiff_t n) {
 template <class M>
 void walk_rows(const M& m, const Walk& row, std::vector<Walk> axes) {
   const ptrdiff_t pieces = (row.n + kRow - 1) / kRow;
-  axes.insert(axes.begin(), {pieces, kRow * row.from, kRow * row.to});
+  if (pieces > 1) axes.insert(axes.begin(), {pieces, kRow * row.from, kRow * row.to});
   share(m, count_of(axes), [&](std::int64_t begin, std::int64_t end) {
     std::array<ptrdiff_t, kSquare> from, to;
     for (auto u = static_cast<ptrdiff_t>(begin); u < end; u += kSquare) {
