@@ -528,9 +528,10 @@ def recon(arguments):
     """``ctessel recon``"""
     if arguments.raw != "-":
         return _recon(arguments)
+    from . import files
     from .session import received
 
-    with tempfile.TemporaryDirectory(prefix="ctessel-") as folder:
+    with files.folder(tempfile.gettempdir()) as folder:
         arguments.raw = f"{folder}/stdin.h5"
         try:
             received(sys.stdin.fileno(), arguments.raw, arguments.group)

@@ -26,7 +26,7 @@ import dask.array as da
 import numpy as np
 
 import ctessel
-from ctessel import runtime, steps
+from ctessel import files, runtime, steps
 
 
 # ---- Operations on arrays ------------------------------------------------------------------------
@@ -273,10 +273,8 @@ def _environment(workers):
 def _folder(parent):
     if not os.path.isdir(parent):
         raise ValueError(f"shared: {parent} is no folder; name one that all workers see")
-    with tempfile.TemporaryDirectory(
-        prefix="ctessel-", dir=parent, ignore_cleanup_errors=True
-    ) as folder:
-        yield folder
+    with files.folder(parent) as made:
+        yield str(made)
 
 
 def run_tasks(client, function, tasks, ahead=2):

@@ -15,7 +15,7 @@ from pathlib import Path
 
 from . import runtime
 
-__all__ = ["Staged", "check_output", "printable"]
+__all__ = ["Staged", "check_output", "folder", "printable"]
 
 PREFIX = ".ctessel-"
 LOCK = f"{PREFIX}lock"
@@ -72,6 +72,21 @@ class Staged(contextlib.AbstractContextManager):
         with runtime.uninterrupted():
             while self._folders:
                 self._folders.popitem()[1].remove()
+
+
+@contextlib.contextmanager
+def folder(parent):
+    """Path of an empty folder in `parent`; a later run that asks for one there removes it if this is killed."""
+    _clear(Path(parent))
+    with runtime.uninterrupted():
+        made = _Folder(parent)
+    try:
+        empty = made.path / "files"
+        empty.mkdir()
+        yield empty
+    finally:
+        with runtime.uninterrupted():
+            made.remove()
 
 
 class _Folder:

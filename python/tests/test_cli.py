@@ -267,6 +267,22 @@ def test_a_later_run_clears_what_a_killed_one_left_and_nothing_else(scan, tmp_pa
     assert {p.name for p in tmp_path.iterdir()} == {"other.nii", "other.json"}
 
 
+HOLD = "import sys, time; from ctessel import files\nwith files.folder(sys.argv[1]): print(flush=True); time.sleep(60)"
+
+
+def test_folders_for_samples_of_killed_runs_go_and_those_in_use_stay(tmp_path):
+    command = [sys.executable, "-c", HOLD, str(tmp_path)]
+    run = subprocess.Popen(command, stdout=subprocess.PIPE)
+    assert run.stdout.readline() == b"\n"
+    with files.folder(tmp_path) as first:
+        assert len(list(tmp_path.iterdir())) == 2
+        run.kill()
+        run.communicate()
+        with files.folder(tmp_path) as second:
+            assert set(tmp_path.iterdir()) == {first.parent, second.parent}
+    assert not list(tmp_path.iterdir())
+
+
 def test_a_signal_waits_while_files_get_their_names(tmp_path, monkeypatch):
     replace, came = os.replace, []
 
