@@ -70,7 +70,7 @@ double unfold_work(const Scene& s) {
 /// Bytes that a thread keeps for up to 256 columns.
 double factor_memory(const Scene& s) {
   const double n = s.aliases, nc = s.maps[3], columns = std::min(s.maps[0], 256) + 16;
-  return 8 * n * nc * columns + 64 * (6 * n * nc + 4 * n * n) + 16 * nc * nc;
+  return (8 * n * nc + 5 * n + 40) * columns + 64 * (6 * n * nc + 4 * n * n) + 16 * nc * nc;
 }
 
 double unfold_memory(const Scene& s) {

@@ -195,8 +195,9 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
 /// Errors: 0, with nothing written, if psi is not (nc, nc), an extent is negative or factors is too
 /// small. -1 if sens_dims has a further entry of 0: no position then has a sample, and factors are 0.
 /// Threads: split over x.
-/// Memory: the inverse of psi; and on each thread, for each coil and alias, 8 bytes for each of up
-/// to 256 columns and 16 more, and 384 bytes; and 256 bytes for each pair of aliases.
+/// Memory: the inverse of psi; and on each thread, for each of up to 256 columns and 16 more, 8 bytes
+/// for each coil and alias, 5 for each alias and 40; 384 bytes for each coil and alias; and 256 bytes
+/// for each pair of aliases.
 int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorXi& sens_dims,
                             const Eigen::MatrixXcd& psi, const Eigen::Vector3f& reduction,
                             double lambda, const Eigen::VectorXf& reference,
