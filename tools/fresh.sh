@@ -34,13 +34,13 @@ finish() {
 trap finish EXIT
 trap 'exit 130' INT TERM HUP
 mmdebstrap --quiet --mode=root --variant=minbase "$suite" "$root"
-git clone --quiet --no-hardlinks . "$root/root/cTessel"
+git clone --quiet --no-hardlinks . "$root/srv/cTessel"
 
 # /proc and /dev are mounted for the command's own processes alone: the mounts go with the last of
 # them, and they with this script. In the background, so that signals to the script do not wait.
 unshare --mount --pid --fork --kill-child -- bash -c '
   mount -t proc proc "$0/proc" && mount --bind /dev "$0/dev" && mount -t tmpfs tmpfs "$0/dev/shm" &&
-  exec chroot "$0" env -i -C /root/cTessel HOME=/root LANG=C.UTF-8 \
+  exec chroot "$0" env -i -C /srv/cTessel HOME=/root LANG=C.UTF-8 \
     PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin "$@"' "$root" "$@" &
 child=$!
 status=0
