@@ -103,7 +103,7 @@ CTESSEL_INLINE void multiply_columns(const Matrix& a, const Matrix& b, Range row
     std::copy_n(b.re.data() + k * b.cols + column, width, panel + 2 * k * width);
     std::copy_n(b.im.data() + k * b.cols + column, width, panel + (2 * k + 1) * width);
   }
-  Index i = rows.begin;
+  auto i = static_cast<Index>(rows.begin);
   for (; i + 4 <= rows.end; i += 4) multiply_block<4, V>(a, panel, i, column, out);
   for (; i < rows.end; ++i) multiply_block<1, V>(a, panel, i, column, out);
 }
@@ -114,7 +114,7 @@ CTESSEL_INLINE void multiply(const Matrix& a, const Matrix& b, Range rows, bool 
   std::vector<double> panel(at(2 * b.rows * width));
   Index column = 0;
   const auto reached = [&](Index columns) {
-    return Range{rows.begin, upper ? std::min<Index>(rows.end, column + columns) : rows.end};
+    return Range{rows.begin, upper ? std::min<std::int64_t>(rows.end, column + columns) : rows.end};
   };
   for (; column + width <= b.cols; column += width) {
     multiply_columns<Vector<double, width>>(a, b, reached(width), column, out, panel.data());
@@ -523,7 +523,7 @@ void espirit(const ConstSamples& calibration, const Samples& maps, const Espirit
   for_each_chunk(size[1] * size[2], [&](std::int64_t begin, std::int64_t end) {
     std::vector<double> eigenvalues(at(size[0]));
     std::vector<float> values(at(size[0]));
-    for (Index i = begin; i < end; ++i) {
+    for (auto i = static_cast<Index>(begin); i < end; ++i) {
       const Index y = i % size[1], z = i / size[1];
       const Matrix low = images.row(y, z);
       Matrix v = low;
