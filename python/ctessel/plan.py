@@ -33,12 +33,14 @@ class Options:
 
     `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
     interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of
-    the filter, 0 to 0.915. `partial` says what becomes of lines that are missing on one side: "zero",
-    "homodyne", "pocs", or "auto", which is POCS in the slices where it predicts measured lines that are
-    hidden from it, and zero filling elsewhere. `regularisation` is the strength of that of SENSE, 1 trusting the level
+    the filter, 0 to 0.915. `partial` says what becomes of lines that are missing on one side:
+    "zero", "homodyne", "pocs", or "auto", which is POCS in the slices where it predicts measured
+    lines that are hidden from it, and zero filling elsewhere. `regularisation` is the strength of
+    that of SENSE with an expected image, 1 trusting the level
     of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
     lines used along an axis, `mask` the threshold of `eigen_maps`. `coefficients` correct the
-    geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
+    geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of
+    `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
     "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
 
@@ -230,6 +232,9 @@ class Plan:
             lines, cut = slots * self.shape[0], slots * self.readout
             maps = 8 * coils * prod(pattern.calibration_pixels)
             volume = max(pixels, size * prod(pattern.full))
+            if pattern.unfolds:  # coil by coil, so that measured lines can be put back
+                frames = size * coils * prod(self.shape[:3])
+                return frames, frames + 1.3 * cut + 2.2 * maps + 2 * coils * volume
             return lines, lines + 1.3 * cut + 2.2 * maps + 3 * volume
         lines, cut = (size * coils * prod(n) for n in (self.shape[:3], pattern.full))
         return lines, max(2 * lines, cut + (5 if any(pattern.ranges) else 2.2) * coils * pixels)
@@ -616,7 +621,9 @@ _METHOD = {"auto": "POCS", "pocs": "POCS", "homodyne": "homodyne"}
 
 
 def _why(options):
-    return "switched off" if options.partial == "zero" else f"too few lines for {_METHOD[options.partial]}"
+    if options.partial == "zero":
+        return "switched off"
+    return f"too few lines for {_METHOD[options.partial]}"
 
 
 def _partial_words(made, pattern):
