@@ -117,7 +117,10 @@ struct BasicSamples {
     for (std::size_t k = 0; k < n.size(); ++k) {
       const std::size_t d = order == Order::fortran ? k : n.size() - 1 - k;
       strides[d] = step;
-      step *= std::max<std::ptrdiff_t>(n[d], 1);
+      // Extents of no possible array may wrap round: their samples are never read.
+      step =
+          static_cast<std::ptrdiff_t>(static_cast<std::size_t>(step) *
+                                      static_cast<std::size_t>(std::max<std::ptrdiff_t>(n[d], 1)));
     }
     return strides;
   }

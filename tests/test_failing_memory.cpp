@@ -55,6 +55,10 @@ void* operator new(std::size_t n) {
   if (void* p = __wrap_malloc(n > 0 ? n : 1)) return p;
   throw std::bad_alloc();
 }
+// Temporary buffers of the standard library ask for it; the sanitizer's own would count as freed alone.
+void* operator new(std::size_t n, const std::nothrow_t&) noexcept {
+  return __wrap_malloc(n > 0 ? n : 1);
+}
 void* operator new(std::size_t n, std::align_val_t to) {
   const auto line = static_cast<std::size_t>(to);
   if (to_fail()) throw std::bad_alloc();
