@@ -51,7 +51,7 @@ class JointRows {
         at += row % axes_[d].n * axes_[d].a, from += row % axes_[d].n * axes_[d].b;
       }
       body(Row{a_.re + at, a_.im ? a_.im + at : nullptr, run.a, n},
-           ConstRow{b_.re + from, b_.im ? b_.im + from : nullptr, run.b, n});
+           ConstRow{b_.re ? b_.re + from : nullptr, b_.im ? b_.im + from : nullptr, run.b, n});
       begin += n;
     }
   }

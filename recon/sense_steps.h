@@ -23,7 +23,7 @@ inline std::int64_t factor_slot(std::int64_t c, std::int64_t n, std::int64_t k) 
 /// n values from 0 to high: i (high / (n - 1)) in single precision; `single` if there is but one.
 inline Eigen::VectorXf even_grid(int n, int high, int single) {
   Eigen::VectorXf grid(n > 0 ? n : 0);
-  const float step = static_cast<float>(high) / static_cast<float>(n - 1);
+  const float step = static_cast<float>(high) / static_cast<float>(std::int64_t{n} - 1);
   for (int i = 0; i < n; ++i) grid[i] = static_cast<float>(i) * step;
   if (n == 1) grid[0] = static_cast<float>(single);
   return grid;
