@@ -156,8 +156,9 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// full_size[2] although they are unfolded with a reduction of 1 along z.
 /// Errors: -1 before anything is read if an extent is negative or a product of extents exceeds int
 /// (of folded images, maps, full size, covariance, output, factors, and with regularisation of ref
-/// and of a location of reg); -1 if the covariance is not (coil, coil) or an output volume starts past the output's end, with
-/// earlier volumes written. Too few locations in sens or reg are the caller's fault.
+/// and of a location of reg); -1 if the covariance is not (coil, coil) or an output volume starts
+/// past the output's end, with earlier volumes written. Coils that only one of the folded images and
+/// the maps have take no part. Too few locations in sens or reg are the caller's fault.
 /// The results are those of get_combination_factors and unfold, to the bit. Threads: split over x.
 /// Memory: on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to
 /// 1400 pairs of a coil and an alias; it does not grow with the extents nor with the volumes.

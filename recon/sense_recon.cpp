@@ -175,6 +175,7 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
       static_cast<int>(std::min<int64_t>(ctessel::most_aliases(d.full[2], fold[2]), room_z));
   return {factors,
           volume_of(d.folded, Dim::location, 0),
+          fold[3],
           fold[0],
           d.full[0],
           d.full[1],
@@ -195,6 +196,8 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
 
 /// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
 void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
+  // Without a map nothing bounds the other extents, nor the lists of lines made from them.
+  if (first_four(d.maps).minCoeff() < 1) return;
   ctessel::FactorProblem factors(first_four(d.maps), d.psi, d.reduction, first_four(d.folded),
                                  d.full);
   if (std::min({factors.nx, int64_t{factors.y.lines}, int64_t{factors.z.lines}, factors.nc,

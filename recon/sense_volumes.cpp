@@ -116,6 +116,7 @@ class Tile {
         f_(problem.factors),
         x0_(columns.begin),
         width_(columns.end - columns.begin),
+        coils_(std::min(f_.nc, p_.folded_coils)),
         first_(p_.x.index[size(x0_)]),
         span_(p_.x.index[size(columns.end - 1)] - first_ + 1),
         wraps_(first_ + span_ == f_.nx),
@@ -318,7 +319,7 @@ class Tile {
       if (!present_[size(k)]) continue;
       float *re = u_.data() + 2 * k * width_, *im = re + width_;
       combine(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, v_re_.data(), v_im_.data(),
-              f_.nc, width_, re, im);
+              coils_, width_, re, im);
       for (int64_t i = 0; look && i < 2 * width_; ++i) finite_ &= std::isfinite(re[i]);
     }
     deliver(y, z, place);
@@ -326,7 +327,7 @@ class Tile {
 
   void load_folded(int64_t at) {
     const ctessel::Volume& f = p_.folded;
-    for (int64_t c = 0; c < f_.nc; ++c, at += f.coil) {
+    for (int64_t c = 0; c < coils_; ++c, at += f.coil) {
       const float *re = f.re + at, *im = f.im ? f.im + at : nullptr;
       if (f.x != 1) {
         float* copy = v_.data() + 2 * c * width_;
@@ -381,8 +382,10 @@ class Tile {
 
   const SenseProblem& p_;
   const ctessel::FactorProblem& f_;
-  const int64_t x0_, width_, first_, span_;  // columns, and the factor columns they span
-  const bool wraps_;                         // the column behind them is the next row's first
+  const int64_t x0_, width_;
+  const int64_t coils_;         // that have both maps and samples
+  const int64_t first_, span_;  // factor columns that the tile's columns span
+  const bool wraps_;            // the column behind them is the next row's first
   const int64_t pitch_, m_pitch_, rows_;
   const bool aligned_;  // pixels lie on the factors' columns
   FactorLines lines_;

@@ -17,7 +17,7 @@ struct VolumePlace {
 struct SenseProblem {
   const FactorProblem& factors;
   Volume folded;
-  std::int64_t nx;
+  std::int64_t folded_coils, nx;
   std::int64_t full_x, full_y;
   float *out_re, *out_im;
   std::int64_t out_x, out_y, out_z;  // steps

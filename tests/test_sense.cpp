@@ -303,6 +303,27 @@ TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") 
   }
 }
 
+TEST_CASE("Coils that lack a folded image or a map take no part, and nothing else is read",
+          "[sense_recon]") {
+  Scene s({{8, 8, 1, 3}, {8, 4, 1}, {8, 8, 1}, false});
+  Eigen::VectorXcd f = Eigen::VectorXcd::Zero(s.factor_dims.prod());
+  s.factors(f);
+  for (int coils : {2, 4}) {
+    CAPTURE(coils);
+    std::vector<float> in_re(s.fold_re), in_im(s.fold_im), want_re(64), want_im(64), re(64), im(64);
+    in_re.resize(static_cast<std::size_t>(32 * coils), 1.0f);
+    in_im.resize(in_re.size(), 1.0f);
+    s.folded[3] = std::min(coils, 3);
+    unfold(in_re.data(), in_im.data(), s.folded, f, s.factor_dims, s.maps, s.full, s.edges_y.data(),
+           s.edges_z.data(), want_re.data(), want_im.data());
+    int fold[] = {8, 4, 1, coils}, out[] = {8, 8, 1, 1}, psi[] = {3, 3};
+    CHECK(TS_sense_recon(in_re.data(), in_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
+                         s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
+                         1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+    CHECK((re == want_re && im == want_im));
+  }
+}
+
 namespace {
 
 /// Samples of parts with further axes, in another layout.

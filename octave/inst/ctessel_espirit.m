@@ -22,7 +22,7 @@
 %   [x, y] = ndgrid(((0:31) - 16) / 16);
 %   angles = reshape((0:3) * pi / 2, 1, 1, 1, 4);
 %   coils = exp(-(x - cos(angles)) .^ 2 - (y - sin(angles)) .^ 2) .* (x .^ 2 + y .^ 2 < 0.6);
-%   kspace = ctessel_fftshift(fft2(ctessel_ifftshift(coils, [1 2])), [1 2]);
+%   kspace = fftshift(fftshift(fft2(ifftshift(ifftshift(coils, 1), 2)), 1), 2);
 %   maps = ctessel_espirit(kspace(5:28, 5:28, :, :), [32 32]);
 %
 % Literature: M. Uecker et al., "ESPIRiT - an eigenvalue approach to autocalibrating parallel MRI",
