@@ -1,6 +1,7 @@
 """Centred Fourier transforms and changes of grid."""
 
 from collections.abc import Sequence
+from itertools import product
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -54,7 +55,7 @@ def _transform(transform, data, axes, threads, overwrite):
     axes = tuple(axis for axis in axes if axis < data.ndim and data.shape[axis] > 1)
     if not axes:
         return np.array(data, np.complex64, order="F")
-    out = _unshifted(transform, _shifted(data, axes, threads, overwrite), axes, threads)
+    out = _turned(transform, _shifted(data, axes, threads, overwrite), axes, threads)
     return fftshift(out, axes, inplace=True, threads=threads)
 
 
@@ -65,10 +66,34 @@ def _shifted(data, axes, threads, overwrite):
     return ifftshift(ordered, axes, inplace=free, threads=threads)
 
 
-def _unshifted(transform, data, axes, threads):
-    turned = tuple(data.ndim - 1 - axis for axis in axes)  # SciPy works and returns in C order
+def _turned(transform, data, axes, threads):
+    # SciPy works and returns in C order.
+    turned = tuple(data.ndim - 1 - axis for axis in axes if data.shape[axis] > 1)
     workers = threads or _core.max_threads()
     return transform(data.T, axes=turned, norm="ortho", overwrite_x=True, workers=workers).T
+
+
+def unshifted_image(kspace, axes, threads=None):
+    """`to_image` where k = 0 and the centre of the image lie at the first samples; overwrites `kspace`."""
+    return _turned(fft.ifftn, kspace, axes, threads)
+
+
+def unshifted_kspace(image, axes, threads=None):
+    """Undoes `unshifted_image`; overwrites `image`."""
+    return _turned(fft.fftn, image, axes, threads)
+
+
+def moved(shape, axes):
+    """Parts of an array in which the centre ``N // 2`` lies along some axes, and where each of them
+    belongs once the centre is the first sample: pairs of indices."""
+    ends = [[(slice(None),) * 2]] * len(shape)
+    for axis in axes:
+        centre, after = shape[axis] // 2, shape[axis] - shape[axis] // 2
+        ends[axis] = [
+            (slice(centre, None), slice(0, after)),
+            (slice(0, centre), slice(after, None)),
+        ]
+    return [tuple(zip(*part)) for part in product(*ends)]
 
 
 def central(n, kept):
@@ -135,14 +160,14 @@ def remove_oversampling(kspace, n, axis=0, threads=None, overwrite=False):
 
 def cut_unshifted(kspace, n, axis=0, threads=None):
     """`remove_oversampling` where the centre lies at the first sample; overwrites `kspace`."""
-    image = _unshifted(fft.ifftn, kspace, (axis,), threads)
+    image = unshifted_image(kspace, (axis,), threads)
     shape = kspace.shape[:axis] + (n,) + kspace.shape[axis + 1 :]
     cut = np.empty(shape, np.complex64, order="F")
     # The central samples are those at both ends.
     for part in (slice(0, n - n // 2), slice(-(n // 2), None)) if n > 1 else (slice(0, 1),):
         at = (slice(None),) * axis + (part,)
         cut[at] = image[at]
-    return _unshifted(fft.fftn, cut, (axis,), threads)
+    return unshifted_kspace(cut, (axis,), threads)
 
 
 def flip(data, axes):

@@ -11,9 +11,18 @@ from math import prod
 import numpy as np
 
 from . import slabs
-from ._arrays import ringing_filter
+from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
-from .fourier import central, remove_oversampling, resize, to_image, to_kspace
+from .fourier import (
+    central,
+    moved,
+    remove_oversampling,
+    resize,
+    to_image,
+    to_kspace,
+    unshifted_image,
+    unshifted_kspace,
+)
 from .plan import plan as make_plan
 from .partial import pocs, prediction_error
 from .sampling import Lattice, fold_lines
@@ -320,8 +329,7 @@ def reconstruct_block(plan, block, basis, samples):
         `ctessel.pipeline.prediction_error` says of the slice.
     """
     pattern = plan.patterns[block.pattern]
-    image = _filled(plan, pattern, basis, _complete(plan, pattern, basis, samples))
-    made = {"image": _placed(plan, block, _combined(plan, pattern, image))}
+    made = {"image": _placed(plan, block, _image(plan, pattern, basis, samples))}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     return made
@@ -340,13 +348,26 @@ def _complete(plan, pattern, basis, samples):
     threads = plan.options.threads
     if not pattern.weighted:
         return remove_oversampling(samples, plan.readout, threads=threads)
+    lines = _completed(plan, pattern, basis, _readout(plan, samples))
+    return to_kspace(lines, (0,), threads, overwrite=True)
+
+
+def _readout(plan, samples):
+    """k-space along y and z alone: the image along the readout, without oversampling."""
+    image = to_image(samples, (0,), plan.options.threads)
+    return np.asfortranarray(image[central(len(image), plan.readout)])
+
+
+def _completed(plan, pattern, basis, lines):
+    """`_complete` of what is weighted; the readout is transformed, before and after."""
+    threads = plan.options.threads
     if pattern.unfolds:
-        coils = _unfolded(plan, pattern, basis, samples)
+        lines = fftshift(_unfolded(plan, pattern, basis, lines), (1, 2), inplace=True, threads=threads)
         if plan.covariance is None:
-            return coils
-        folded = to_image(coils, threads=threads, overwrite=True)
+            return lines
+        folded = to_image(lines, (1, 2), threads, overwrite=True)
     else:
-        folded = _folded(plan, fold_lines(samples, pattern.lattices))
+        folded = to_image(fold_lines(lines, pattern.lattices), (1, 2), threads, overwrite=True)
     whole = [Lattice(1, 0, n, n) for n in pattern.full[1:]]
     lattices = whole if pattern.unfolds else pattern.lattices
     image = unfold(
@@ -357,14 +378,19 @@ def _complete(plan, pattern, basis, samples):
         damping=1e-6 * basis.damping,  # for maps that are 0
         threads=threads,
     )
-    return to_kspace(image[:, :, :, None], threads=threads, overwrite=True)
+    return to_kspace(image[:, :, :, None], (1, 2), threads, overwrite=True)
 
 
-def _unfolded(plan, pattern, basis, samples):
-    """k-space of the coils: measured samples as they are, the others from the unfolded image."""
+def _unfolded(plan, pattern, basis, lines):
+    """Lines of the coils: measured ones as they are, the others from the unfolded image.
+
+    The readout is transformed, before and after: all else is independent along it. The result begins
+    with k = 0 along y and z, as the transforms have it: to move the centres of all coils takes longer
+    than to unfold.
+    """
     options, threads = plan.options, plan.options.threads
     image = unfold(
-        _folded(plan, fold_lines(samples, pattern.lattices)),
+        to_image(fold_lines(lines, pattern.lattices), (1, 2), threads, overwrite=True),
         basis.maps,
         pattern.lattices,
         covariance=plan.covariance,
@@ -373,14 +399,16 @@ def _unfolded(plan, pattern, basis, samples):
         strength=options.regularisation,
         damping=basis.damping,
         threads=threads,
-    )
-    maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 3))
-    coils = to_kspace(image[:, :, :, None] * maps, threads=threads, overwrite=True)
-    if not pattern.keeps_lines:
-        return coils
-    measured = remove_oversampling(samples, plan.readout, threads=threads)
-    measured = resize(measured, pattern.full, threads)
-    np.copyto(coils, measured, where=measured != 0)
+    )[:, :, :, None]
+    maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 4))
+    coils = np.empty((*maps.shape[:4], *image.shape[4:]), np.complex64, order="F")
+    for centred, first in moved(pattern.full, (1, 2)):
+        np.multiply(image[centred], maps[centred], out=coils[first])
+    coils = unshifted_kspace(coils, (1, 2), threads)
+    if pattern.keeps_lines:
+        measured = resize(lines, pattern.full, threads)
+        for centred, first in moved(pattern.full, (1, 2)):
+            np.copyto(coils[first], measured[centred], where=measured[centred] != 0)
     return coils
 
 
@@ -419,12 +447,31 @@ def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
     return resize(samples, pixels, threads)
 
 
-def _filled(plan, pattern, basis, samples):
-    """Images of k-space over the whole field, lines that a partial scan lacks as it was decided."""
+def _image(plan, pattern, basis, samples):
+    """Images of the samples of a block, lines that a partial scan lacks as it was decided."""
+    homodyne = plan.options.partial == "homodyne" and pattern.ranges[0]
+    if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or homodyne):
+        image = _lines_image(plan, pattern, basis, _readout(plan, samples))
+        return np.asfortranarray(image[central(len(image), plan.matrix[0])])
+    samples = _complete(plan, pattern, basis, samples)
     if not basis.fills:
-        return _finished(plan, pattern, samples)
+        return _combined(plan, pattern, _finished(plan, pattern, samples))
     samples = _filtered(plan, pattern, samples)
-    return pocs(samples, pattern.ranges, field=plan.matrix, threads=plan.options.threads)
+    image = pocs(samples, pattern.ranges, field=plan.matrix, threads=plan.options.threads)
+    return _combined(plan, pattern, image)
+
+
+def _lines_image(plan, pattern, basis, lines):
+    """Images of lines that are weighted, whose readout is transformed and stays as it is."""
+    threads = plan.options.threads
+    changed = plan.options.ringing > 0 or plan.pixels[1:] != pattern.full[1:]
+    homodyne = plan.options.partial == "homodyne" and any(pattern.ranges)
+    if changed or homodyne or not pattern.unfolds or plan.covariance is not None:
+        lines = _completed(plan, pattern, basis, lines)
+        return _combined(plan, pattern, _finished(plan, pattern, lines, (1, 2)))
+    coils = unshifted_image(_unfolded(plan, pattern, basis, lines), (1, 2), threads)
+    image = fftshift(_combined(plan, pattern, coils), (1, 2), inplace=True, threads=threads)
+    return resize(image, (len(image), *plan.matrix[1:]))
 
 
 def _finished(plan, pattern, samples, axes=(0, 1, 2)):
