@@ -53,7 +53,33 @@ def _header(root, encoding):
         te=_times(root, "TE"),
         protocol=_text(root, "measurementInformation/protocolName", ""),
         patient_position=_text(root, "measurementInformation/patientPosition", ""),
+        **_told(root),
     )
+
+
+def _told(root):
+    """What images are labelled with. They do not depend on it, so what is wrong there is left out."""
+    system = "acquisitionSystemInformation"
+    scanner = {
+        name: _text(root, f"{system}/{tag}", "")
+        for name, tag in (("vendor", "systemVendor"), ("model", "systemModel"), ("institution", "institutionName"))
+    }
+    return {
+        "ti": _figures(root, "sequenceParameters/TI"),
+        "flip_angle": _figures(root, "sequenceParameters/flipAngle_deg"),
+        "field_strength": sum(_figures(root, f"{system}/systemFieldStrength_T")[:1]),
+        "frequency": sum(_figures(root, "experimentalConditions/H1resonanceFrequency_Hz")[:1]),
+        "scanner": {name: text for name, text in scanner.items() if text},
+    }
+
+
+def _figures(root, name):
+    """Numbers above 0; none where one is not."""
+    try:
+        figures = [float(found.text or "") for found in root.findall(_path(name))]
+    except ValueError:
+        return []
+    return figures if all(0 < figure < math.inf for figure in figures) else []
 
 
 def _path(name):
@@ -139,10 +165,12 @@ def header_text(header, *, coils, counts):
     _add(root, {
         "measurementInformation": {
             "patientPosition": header.patient_position, "protocolName": header.protocol},
-        "acquisitionSystemInformation": {"receiverChannels": coils},
+        "acquisitionSystemInformation": {
+            "systemFieldStrength_T": [b for b in [header.field_strength] if b], "receiverChannels": coils},
         "experimentalConditions": {"H1resonanceFrequency_Hz": 63870000},
         "encoding": encoding,
-        "sequenceParameters": {"TR": header.tr, "TE": header.te},
+        "sequenceParameters": {
+            "TR": header.tr, "TE": header.te, "TI": header.ti, "flipAngle_deg": header.flip_angle},
     })  # fmt: skip
     return ElementTree.tostring(root, encoding="unicode", xml_declaration=True)
 

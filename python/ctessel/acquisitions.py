@@ -16,6 +16,9 @@ RANGE_AXES = ("slice", "echo", "repetition")
 #: Roles of an acquisition. APART belongs to a calibration scan that is kept by itself.
 IGNORED, IMAGING, APART, NOISE_SCAN = range(4)
 
+#: Milliseconds of a scanner's time stamps, where acquisitions have some.
+TICK = 2.5
+
 #: One acquisition's header as libismrmrd lays it out, without gaps.
 HEAD = np.dtype([
     ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
@@ -198,6 +201,8 @@ def survey(encodings, heads, part=None, skip=()):
         limits={**header.limits, "x": readout},
         noise_bandwidth_ratio=_dwell_ratio(heads, role) / averages,
         calibration_fov=fov,
+        dwell=_dwell(heads, role),
+        volumes=_volumes(heads["acquisition_time_stamp"], scan),
     )
     marked = np.zeros(scan.times.shape[:2], bool)
     called = flagged & (role == IMAGING)
@@ -497,6 +502,24 @@ def _apart_places(heads, role, encodings, coils, index, slices):
     shape = (own.encoded_matrix[0], *shape, coils, slices, 1, 1)
     places = Places(shape, which, x, at["y"], at["z"], at["slice"], none, none, times)
     return role, places, own.encoded_fov
+
+
+def _volumes(stamps, places):
+    """Seconds from the first line of the scan to the first and last line of each repetition."""
+    repetition, stamps = places.repetition[places.which], stamps[places.which] * (TICK / 1000)
+    first, last = np.full((2, places.shape[6]), np.inf)
+    last *= -1
+    np.minimum.at(first, repetition, stamps)
+    np.maximum.at(last, repetition, stamps)
+    first, last = first - first.min(), last - first.min()
+    told = last.max() > 0 and np.isfinite(first).all() and np.all(np.diff(first) > 0)
+    return [(round(a, 4), round(b, 4)) for a, b in zip(first.tolist(), last.tolist())] if told else []
+
+
+def _dwell(heads, role):
+    """Microseconds between samples; 0 where the file does not tell."""
+    dwell = float(np.median(heads["sample_time_us"][role == IMAGING]))
+    return dwell if 0 < dwell < np.inf else 0.0
 
 
 def _dwell_ratio(heads, role):

@@ -158,7 +158,6 @@ def _add_recon(commands):
     command.add_argument(
         "-o",
         "--output",
-        required=True,
         metavar="IMAGE.nii.gz",
         type=_nifti_name,
         help="NIfTI file; IMAGE.json beside it tells what was done",
@@ -172,8 +171,24 @@ def _add_recon(commands):
     command.add_argument(
         "--strict", action="store_true", help="end with code 1, and write nothing, where there is a warning"
     )
+    _add_bids(command)
     _add_steps(command)
     _add_resources(command)
+
+
+def _add_bids(command):
+    group = command.add_argument_group("names of the BIDS standard")
+    group.add_argument("--bids", metavar="FOLDER", type=Path, help="write there, with or without -o")
+    group.add_argument("--subject", metavar="01", type=_label, help="letters and digits")
+    group.add_argument("--session", metavar="LABEL", type=_label)
+    group.add_argument(
+        "--suffix",
+        default="T1w",
+        metavar="T1w",
+        type=_bids_suffix,
+        help="what the images show: T1w (the default), T2w, FLAIR, MEGRE, bold and others",
+    )
+    group.add_argument("--task", metavar="NAME", type=_label, help="of bold, cbv and sbref")
 
 
 def _add_steps(command):
@@ -478,6 +493,21 @@ def _gradient_axes(text):
         raise argparse.ArgumentTypeError(str(error)) from None
 
 
+def _label(text):
+    if not (text.isascii() and text.isalnum()):
+        raise argparse.ArgumentTypeError(f"expected letters and digits, got {text!r}")
+    return text
+
+
+def _bids_suffix(text):
+    from .bids import SUFFIXES
+
+    known = sum(SUFFIXES.values(), ())
+    if text not in known:
+        raise argparse.ArgumentTypeError(f"expected one of {', '.join(known)}, got {text!r}")
+    return text
+
+
 def _png_name(text):
     if not text.endswith(".png"):
         raise argparse.ArgumentTypeError(
@@ -526,6 +556,10 @@ def _skip(pairs):
 
 def recon(arguments):
     """``ctessel recon``"""
+    if not (arguments.output or arguments.bids):
+        raise UsageError("the following arguments are required: -o/--output, or --bids")
+    if bool(arguments.bids) != bool(arguments.subject):
+        raise UsageError("--bids and --subject belong together")
     if arguments.raw != "-":
         return _recon(arguments)
     from . import files

@@ -15,7 +15,7 @@ from pathlib import Path
 
 from . import runtime
 
-__all__ = ["Staged", "check_output", "folder", "printable"]
+__all__ = ["Staged", "check_folder", "check_output", "folder", "folders", "printable"]
 
 PREFIX = ".ctessel-"
 LOCK = f"{PREFIX}lock"
@@ -145,6 +145,32 @@ def check_output(path):
         raise ValueError(f"{path}: is a folder; name a file")
     if not path.parent.is_dir() or not os.access(path.parent, os.W_OK | os.X_OK):
         raise ValueError(f"{path.parent}: cannot be written to; name a folder that can")
+
+
+@contextlib.contextmanager
+def folders(paths):
+    """Make folders where there are none; where that is left by an exception, they go again if empty."""
+    made = []
+    try:
+        for path in map(Path, paths):
+            lacking = [p for p in (path, *path.parents) if not p.exists()]
+            for folder in reversed(lacking):
+                folder.mkdir(exist_ok=True)
+                made.append(folder)
+        yield
+    except BaseException:
+        for folder in reversed(made):
+            with contextlib.suppress(OSError):
+                folder.rmdir()
+        raise
+
+
+def check_folder(path):
+    """ValueError unless `path` is a folder that can be written to, or one can be made."""
+    path = Path(path).absolute()
+    there = next(p for p in (path, *path.parents) if p.exists())
+    if not there.is_dir() or not os.access(there, os.W_OK | os.X_OK):
+        raise ValueError(f"{there}: cannot be written to; name a folder that can")
 
 
 def printable(path):

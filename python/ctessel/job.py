@@ -3,10 +3,11 @@
 import contextlib
 import os
 from dataclasses import dataclass, replace
+from functools import cached_property
 
 import numpy as np
 
-from . import acquisitions, files, nifti, pipeline, raw, report, runtime, workers
+from . import acquisitions, bids, files, nifti, pipeline, raw, report, runtime, workers
 
 
 @dataclass
@@ -68,53 +69,87 @@ class Job:
         return contextlib.nullcontext()
 
     def write(self, result):
-        with files.Staged() as staged:
-            for name, volumes, kind in self._images(result.image):
-                target = staged.path(name)
-                nifti.write(
-                    target,
-                    volumes,
-                    self.affine,
-                    self.known,
-                    report.repetition_time(self.found.header),
-                    self._sidecar(result, kind),
-                    staged.path(nifti.sidecar_path(name)),
-                )
+        made = sorted({image.path.parent for image in self.images})
+        with files.folders(made), files.Staged() as staged:
+            for part in self._parts():
+                volumes = _values(result.image, part)
+                for image in self.images:
+                    if image.part == part:
+                        self._write(staged, result, image, volumes)
             if self.arguments.preview:
                 report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
+            if self._folder:
+                self._folder.describe(staged)
             staged.commit()
+        if self._folder:
+            self._folder.enlist()
 
-    def _images(self, image):
-        magnitude, *phase = self.names()
-        yield magnitude, np.abs(image) if np.iscomplexobj(image) else image, "magnitude"
-        for name in phase:
-            yield name, np.angle(image), "phase, radians"
+    def _write(self, staged, result, image, volumes):
+        told = self._sidecar(result, image)
+        nifti.write(
+            staged.path(image.path),
+            volumes[..., image.echoes, image.repetitions],
+            self.affine,
+            self.known or image.code,
+            told.get("RepetitionTime", 0.0),
+            told,
+            staged.path(nifti.sidecar_path(image.path)),
+        )
+
+    def _parts(self):
+        return ["magnitude", "phase"] if self.arguments.combine == "phase" else ["magnitude"]
+
+    @cached_property
+    def images(self):
+        """The files of images that are written."""
+        output, made = self.arguments.output, []
+        if output:
+            base = nifti.base_name(output)
+            phase = output.with_name(f"{base}_phase{output.name[len(base):]}")
+            made = [bids.Image(path, part) for path, part in zip([output, phase], self._parts())]
+        if self._folder:
+            made += self._folder.images(self.plan, self._header, self._parts())
+        return made
+
+    @property
+    def _folder(self):
+        named = self.arguments
+        if named.bids:
+            return bids.Folder(named.bids, named.subject, named.session, named.suffix, named.task)
 
     def names(self):
-        """The images that are written: magnitude, and phase where it was asked for."""
-        output = self.arguments.output
-        base = nifti.base_name(output)
-        phase = output.with_name(f"{base}_phase{output.name[len(base):]}")
-        return [output, phase] if self.arguments.combine == "phase" else [output]
+        return [image.path for image in self.images]
 
-    def outputs(self):
-        """All files that are written."""
-        sidecars = [nifti.sidecar_path(name) for name in self.names()]
-        return [*self.names(), *sidecars, *([self.arguments.preview] if self.arguments.preview else [])]
+    def check_outputs(self):
+        """Refuse names that no file can be made of."""
+        preview = [self.arguments.preview] if self.arguments.preview else []
+        for name in [*self.names(), *map(nifti.sidecar_path, self.names()), *preview]:
+            if self._folder and self._folder.path in name.parents:
+                files.check_folder(name.parent)
+                if not name.parent.exists():
+                    continue
+            files.check_output(name)
+            if os.path.exists(name) and os.path.samefile(name, self.found.path):
+                raise ValueError(f"{name}: is the raw data file; give the image another name")
 
-    def _sidecar(self, result, kind):
-        header, echoes = self.found.header, self.plan.kept[1]
-        if len(header.te) == self.plan.shape[5]:
-            header = replace(header, te=[header.te[i] for i in echoes])
+    @property
+    def _header(self):
+        """With the echo times of the plan's echoes."""
+        header = self.found.header
+        if len(header.te) != self.plan.shape[5]:
+            return header
+        return replace(header, te=[header.te[i] for i in self.plan.kept[1]])
+
+    def _sidecar(self, result, image):
         return report.sidecar(
             result,
-            header,
+            bids.entries(self.plan, self._header, image),
+            header=self.found.header,
             skipped=self.found.skipped,
             source=self.found.path,
             position=self.arguments.position,
             geometry=self.arguments.geometry,
             known=self.known,
-            kind=kind,
         )
 
     def intentions(self):
@@ -122,6 +157,12 @@ class Job:
         names = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
         names += [self.arguments.preview] if self.arguments.preview else []
         return report.intentions(self.found, self.plan, self.needed, names)
+
+
+def _values(image, part):
+    if part == "phase":
+        return np.angle(image)
+    return np.abs(image) if np.iscomplexobj(image) else image
 
 
 def _seen_by(client, path):
@@ -167,10 +208,7 @@ def prepare(arguments, part):
     except ValueError as error:
         raise raw.RawError(f"{arguments.raw}: {error}") from None
     job = Job(arguments, found, plan, matrix, known)
-    for name in job.outputs():
-        files.check_output(name)
-        if os.path.exists(name) and os.path.samefile(name, found.path):
-            raise ValueError(f"{name}: is the raw data file; give the image another name")
+    job.check_outputs()
     if not arguments.dry_run:
         _check_memory(job)
     return job

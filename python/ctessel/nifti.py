@@ -112,7 +112,7 @@ def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
     matrix, known
         What `affine` returns.
     repetition_time : float
-        Seconds; 0 where it is not known.
+        From one volume to the next in seconds; 0 where it is not known.
     sidecar : dict
         Goes to `sidecar_file`.
     """
@@ -129,16 +129,21 @@ def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
 def _save(image, path, matrix, known, repetition_time):
     place(image, matrix, known)
     image.header.set_xyzt_units("mm", "sec")
+    image.header.set_dim_info(0, 1, 2)  # read, phase, slice
     image.header["pixdim"][4] = repetition_time
     store(image, path)
 
 
 def place(image, matrix, known=True):
-    """State where voxels lie; an affine whose axes are not perpendicular in sform alone."""
-    image.set_sform(matrix, code=1 if known else 0)
+    """State where voxels lie; an affine whose axes are not perpendicular in sform alone.
+
+    `known` may also be NIfTI's code: 1 by the scanner, 2 in a space of their own.
+    """
+    code = int(known)
+    image.set_sform(matrix, code=code)
     axes = matrix[:3, :3] / np.linalg.norm(matrix[:3, :3], axis=0)
     upright = np.allclose(axes.T @ axes, np.eye(3), atol=1e-4)
-    image.set_qform(matrix, code=1 if known and upright else 0)
+    image.set_qform(matrix, code=code if upright else 0)
 
 
 def store(image, path):
@@ -232,6 +237,8 @@ def merge(paths, output, gaps=False):
         sidecar.update({name: _once(entries)} if entries else {})
     if axis == "echo":
         sidecar["EchoTime"] = np.hstack([p.sidecar.get("EchoTime", []) for p in parts]).tolist()
+    if "VolumeTiming" in sidecar and axis == "repetition":
+        sidecar["VolumeTiming"] = sum((p.listed("VolumeTiming") for p in parts), [])
     if axis == "slice" and "prediction" in sidecar.get("Parameters", {}):  # one a slice
         figures = [f for p in parts for f in p.sidecar["Parameters"]["prediction"]]
         sidecar["Parameters"] = {**sidecar["Parameters"], "prediction": figures}

@@ -28,6 +28,7 @@ class Phantom:
     Missing lines: `partial` gives for x, y, z the share that is measured, negative where the end
     is missing instead of the beginning. `reduction` is for y and z. `calibration` is "embedded",
     "separate" or "", `turns` moves the undersampled lines on from repetition to repetition.
+    `pace` is the time from one line to the next by the scanner's clock in ms, 0 without a clock.
     Rotations are by `tilt` degrees, first about the left-right, then about the head-foot axis.
     """
 
@@ -50,6 +51,7 @@ class Phantom:
     tilt: tuple[float, float] = (0.0, 0.0)
     position: tuple[float, float, float] = (0.0, 0.0, 0.0)
     voxel: tuple[float, float, float] = (2.0, 2.0, 4.0)
+    pace: float = 0.0
     seed: int = 0
 
 
@@ -290,6 +292,7 @@ def _head(phantom, number, flag, y, z, average, s, echo, repetition):
         "position": np.asarray(phantom.position) + away * normal,
         "kspace_encode_step_1": y - _line_zero(phantom, 1),
         "kspace_encode_step_2": z - _line_zero(phantom, 2),
+        "acquisition_time_stamp": round(number * phantom.pace / acquisitions.TICK),
         "average": average, "slice": s, "contrast": echo, "repetition": repetition,
     }  # fmt: skip
     for name, value in values.items():
@@ -319,7 +322,7 @@ def _header_text(phantom):
         encoded_fov=(field[0] * phantom.oversampling, *field[1:]),
         recon_matrix=matrix, recon_fov=tuple(field), limits=limits, acceleration=phantom.reduction,
         calibration_mode=mode, tr=[500.0], te=[5.0 * (e + 1) for e in range(phantom.echoes)],
-        protocol="phantom", patient_position="HFS",
+        flip_angle=[60.0], field_strength=1.5, protocol="phantom", patient_position="HFS",
     )  # fmt: skip
     counts = {
         "average": phantom.averages,

@@ -53,14 +53,15 @@ def _aligned(facts):
     return [f"{name:{width}}  {text}" for name, text in facts.items()]
 
 
-def sidecar(result, header, *, skipped, source, position, geometry, known, kind):
+def sidecar(result, measured, *, header, skipped, source, position, geometry, known):
     """The sidecar of an image, under the BIDS standard's keys where there are some.
 
     Parameters
     ----------
     result : Result
+    measured : dict
+        What `ctessel.bids.entries` says of the image.
     header : Header
-        With the echo times of this image.
     skipped : sequence of (str, int)
         Axis and position of what was left out.
     source : str
@@ -71,17 +72,11 @@ def sidecar(result, header, *, skipped, source, position, geometry, known, kind)
         The file of the coefficients.
     known : bool
         Whether the file told where the voxels lie.
-    kind : str
-        What the values of the image are.
     """
-    echoes = [time / 1000 for time in header.te]
     entries = {
         "ProtocolName": header.protocol,
         "PatientPosition": position or header.patient_position,
-        "RepetitionTime": repetition_time(header),
-        "EchoTime": echoes[0] if len(echoes) == 1 else echoes,
-        "SpacingBetweenSlices": header.spacing,
-        "ImageType": kind,
+        **measured,
         "NonlinearGradientCorrection": bool(geometry),
         "GradientCorrection": geometry and {"Coefficients": printable(geometry)},
         "Sources": [printable(source)],
@@ -96,11 +91,6 @@ def sidecar(result, header, *, skipped, source, position, geometry, known, kind)
         "Versions": versions(),
     }
     return {name: value for name, value in entries.items() if value}
-
-
-def repetition_time(header):
-    """From one excitation to the next in seconds; 0 where it is not known."""
-    return header.tr[0] / 1000 if header.tr else 0.0
 
 
 def versions():

@@ -53,6 +53,14 @@ class Header:
     #: Of a separate calibration scan; None: the image's.
     calibration_fov: tuple[float, float, float] | None = None
     spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
+    ti: list[float] = field(default_factory=list)
+    flip_angle: list[float] = field(default_factory=list)  # degrees
+    field_strength: float = 0.0  # T; 0 where it is not known
+    frequency: float = 0.0  # of hydrogen, Hz; 0 where it is not known
+    dwell: float = 0.0  # between samples of a readout, us; 0 where it is not known
+    scanner: dict[str, str] = field(default_factory=dict)  # "vendor", "model", "institution"
+    #: First and last line of each repetition by the scanner's clock, in s; empty where it has none.
+    volumes: list[tuple[float, float]] = field(default_factory=list)
 
 
 @dataclass(frozen=True, eq=False)

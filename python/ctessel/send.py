@@ -8,7 +8,7 @@ import time
 
 import numpy as np
 
-from . import nifti, raw, runtime, stream
+from . import acquisitions, nifti, raw, runtime, stream
 from .files import Staged
 from .stream import StreamError
 
@@ -16,8 +16,6 @@ from .stream import StreamError
 BATCH = 64
 #: Bytes of one image at most.
 PIXELS = 1 << 31
-#: Milliseconds of a scanner's time stamps, where acquisitions have some.
-TICK = 2.5
 
 
 def send(arguments):
@@ -105,7 +103,7 @@ class Sender:
         heads, header = self._found.heads, self._found.header
         stamps = heads["acquisition_time_stamp"].astype(float)
         if np.ptp(stamps) > 0:
-            return (stamps - stamps[0]) * TICK / 1000
+            return (stamps - stamps[0]) * acquisitions.TICK / 1000
         within = self._found.scan.shape[4] * self._found.scan.shape[5]  # lines of one TR
         return np.arange(heads.size) * (header.tr[0] if header.tr else 0.0) / 1000 / within
 

@@ -21,7 +21,7 @@ from ctessel import cli, files, phantom, runtime
 def scan(tmp_path_factory):
     file = tmp_path_factory.mktemp("scan") / "scan.h5"
     phantom.write(
-        file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0)
+        file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0), pace=2.5
     )
     return file
 
@@ -35,12 +35,12 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     image = recon(scan, tmp_path / "i.nii.gz", "--preview", tmp_path / "i.png", "--combine", "phase", "--ringing", 0.2,
                   "--pad", 64, 64, 1, "--regularise", 1, "--position", "FFS")  # fmt: skip
     assert image.shape == (64, 64, 3, 4) and image.get_data_dtype() == np.float32
-    np.testing.assert_allclose(image.header["pixdim"][1:5], (1.5, 1.5, 5, 0.5))
+    np.testing.assert_allclose(image.header["pixdim"][1:5], (1.5, 1.5, 5, 0.27))  # 36 lines of 3 slices
     assert image.header.get_xyzt_units() == ("mm", "sec")
     np.testing.assert_allclose(image.get_qform(), image.get_sform(), atol=1e-4)
     assert image.header["qform_code"] == image.header["sform_code"] == 1
     told = json.loads((tmp_path / "i.json").read_text())
-    assert told["RepetitionTime"] == 0.5 and told["EchoTime"] == 0.005
+    assert told["RepetitionTime"] == 0.27 and told["RepetitionTimeExcitation"] == 0.5 and told["EchoTime"] == 0.005
     assert told["PatientPosition"] == "FFS"
     assert told["SpacingBetweenSlices"] == pytest.approx(5)
     assert told["Parameters"]["options"]["regularisation"] == 1
