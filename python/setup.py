@@ -51,7 +51,7 @@ setup(
     package_data={"ctessel": ["py.typed"]},
     ext_modules=[Extension("ctessel._core", sources=[]),
                  Extension("ctessel._raw", sources=[], optional=True)],
-    extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib"],
+    extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib", "h5py"],
                     "dask": ["dask", "distributed"]},
     entry_points={"console_scripts": ["ctessel = ctessel.cli:main"]},
     cmdclass={"build_ext": CMakeBuild},

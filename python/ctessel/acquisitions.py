@@ -116,7 +116,9 @@ class Contents:
     path: str = ""
     group: str = ""
     file: object = None  # what reads the samples
-    told: tuple[str, ...] = ()  # what the samples say against the headers
+    told: tuple[str, ...] = ()  # what the samples say against the headers, and what was assumed
+    format: str = "ISMRMRD"  # its name for people
+    given: object = None  # `ctessel.formats.Given`: what the user has said about the file
 
     @property
     def width(self):

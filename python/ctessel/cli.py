@@ -152,9 +152,9 @@ def _command(commands, name, run, text):
 
 def _add_recon(commands):
     command = _command(
-        commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD)"
+        commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD and others)"
     )
-    command.add_argument("raw", metavar="RAW.h5", help="or -, for a stream from stdin")
+    command.add_argument("raw", metavar="RAW", help="or -, for a stream from stdin")
     command.add_argument(
         "-o",
         "--output",
@@ -172,6 +172,7 @@ def _add_recon(commands):
         "--strict", action="store_true", help="end with code 1, and write nothing, where there is a warning"
     )
     _add_bids(command)
+    _add_input(command)
     _add_steps(command)
     _add_resources(command)
 
@@ -189,6 +190,41 @@ def _add_bids(command):
         help="what the images show: T1w (the default), T2w, FLAIR, MEGRE, bold and others",
     )
     group.add_argument("--task", metavar="NAME", type=_label, help="of bold, cbv and sbref")
+
+
+def _add_input(command):
+    group = command.add_argument_group("input", "what RAW does not say itself; see docs/formats.md")
+    # The names are those of ctessel.formats.NAMES, which is not loaded for the other commands.
+    group.add_argument(
+        "--format",
+        type=_format,
+        metavar="NAME",
+        help="ismrmrd, fastmri, m4raw, calgary, skmtea, cfl or matlab; by default what the content shows",
+    )
+    group.add_argument(
+        "--fov", type=_size, nargs=3, metavar=("X", "Y", "Z"), help="field of view in mm; of slices Z is their thickness"
+    )
+    group.add_argument(
+        "--lines", type=_positive, nargs="+", metavar="N", help="lines of the whole k-space: Y, Y Z, or X Y Z"
+    )
+    group.add_argument(
+        "--centre", type=_index, nargs="+", metavar="N", help="which line of the file is k = 0, from 0: Y, Y Z, or X Y Z"
+    )
+    group.add_argument(
+        "--array-axes", type=_axes, metavar="NAMES", help="of a MATLAB variable: x,y,coil,slice,repetition is the default"
+    )
+    group.add_argument("--calibration", metavar="FILE", help="calibration scan in a file of its own, of any format")
+    _add_group(group)
+
+
+def _given(arguments):
+    """What was said about the file, for `ctessel.raw.contents`."""
+    names = ("format", "fov", "lines", "centre", "calibration")
+    given = {**{name: getattr(arguments, name) for name in names}, "axes": arguments.array_axes}
+    for name in ("lines", "centre"):
+        if given[name] and len(given[name]) > 3:
+            raise UsageError(f"argument --{name}: expected one to three numbers, got {len(given[name])}")
+    return given
 
 
 def _add_steps(command):
@@ -258,7 +294,6 @@ def _add_resources(command):
     )
     resources.add_argument("--workers", type=_positive, metavar="N", help="processes to start here")
     resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
-    _add_group(resources)
 
 
 def _add_group(command):
@@ -271,8 +306,8 @@ def _add_info(commands):
     command = _command(
         commands, "info", info, "tell what is in a raw data file and what would be done with it"
     )
-    command.add_argument("raw", metavar="RAW.h5")
-    _add_group(command)
+    command.add_argument("raw", metavar="RAW")
+    _add_input(command)
 
 
 def _add_merge(commands):
@@ -469,11 +504,38 @@ def _number(kind, accept, what):
 
 
 _positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
+_index = _number(int, lambda n: n >= 0, "a whole number of at least 0")
 _level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 _size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
 _seconds = _number(float, lambda x: 0 < x < 1e6, "a number of seconds")
 _port = _number(int, lambda n: 0 <= n < 65536, "0 to 65535")
 _share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def _checked(check):
+    """A type of argument from a function that raises ValueError."""
+
+    def convert(text):
+        try:
+            return check(text)
+        except ValueError as error:
+            raise argparse.ArgumentTypeError(str(error)) from None
+
+    return convert
+
+
+@_checked
+def _format(text):
+    from .formats import known_format
+
+    return known_format(text)
+
+
+@_checked
+def _axes(text):
+    from .formats import check_axes
+
+    return check_axes(tuple(text.replace(",", " ").split()))
 
 
 def _patient_position(text):
@@ -484,13 +546,11 @@ def _patient_position(text):
     return text
 
 
+@_checked
 def _gradient_axes(text):
     from .gradients import check_axes
 
-    try:
-        return check_axes(text)
-    except ValueError as error:
-        raise argparse.ArgumentTypeError(str(error)) from None
+    return check_axes(text)
 
 
 def _label(text):
@@ -516,13 +576,11 @@ def _png_name(text):
     return Path(text)
 
 
+@_checked
 def _nifti_name(text):
     from .nifti import base_name
 
-    try:
-        base_name(text)
-    except ValueError as error:
-        raise argparse.ArgumentTypeError(str(error)) from None
+    base_name(text)
     return Path(text)
 
 
@@ -578,7 +636,7 @@ def _recon(arguments):
     from .job import prepare
 
     runtime.keep_freed()
-    arguments.skip = _skip(arguments.skip)
+    arguments.skip, arguments.given = _skip(arguments.skip), _given(arguments)
     job = prepare(arguments, _range(arguments.range))
     _warn(job.plan.warnings, arguments)
     if arguments.dry_run:
@@ -608,7 +666,7 @@ def info(arguments):
     """``ctessel info``"""
     from .job import information
 
-    _say(information(arguments.raw, arguments.group))
+    _say(information(arguments.raw, arguments.group, **_given(arguments)))
 
 
 def serve(arguments):

@@ -219,7 +219,7 @@ def _planned(arguments, part, options):
 
     def alone(part):
         found = raw.contents(
-            arguments.raw, group=arguments.group, range=part, skip=arguments.skip, cut=True
+            arguments.raw, group=arguments.group, range=part, skip=arguments.skip, cut=True, **arguments.given
         )
         return found, pipeline.plan(raw.layout(found), options)
 
@@ -253,8 +253,8 @@ def _check_memory(job):
     )
 
 
-def information(path, group):
+def information(path, group, **given):
     """What is in a raw data file and what ``ctessel recon`` would do with it, for people."""
-    found = raw.contents(path, group=group, cut=True)
+    found = raw.contents(path, group=group, cut=True, **given)
     options = pipeline.Options(combine="sos")
     return report.information(found, lambda: pipeline.plan(raw.layout(found), options))

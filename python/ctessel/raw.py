@@ -1,4 +1,4 @@
-"""Raw data files in ISMRMRD's format: what is in them, and their samples as a `Scan`.
+"""Raw data files: what is in them, and their samples as a `Scan`. ISMRMRD's are read here, others by `formats`.
 
 Headers of the acquisitions are read first; they tell the extents, so that a file which is
 defective, or does not fit into memory, is refused before any sample is read. Samples then go block
@@ -16,7 +16,7 @@ from functools import lru_cache
 
 import numpy as np
 
-from . import centre, runtime
+from . import centre, formats, runtime
 from ._ismrmrd import parse
 from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
@@ -55,6 +55,7 @@ def read(
     progress=None,
     found=None,
     threads=None,
+    **given,
 ):
     """Samples of a Cartesian scan at their places in k-space.
 
@@ -82,6 +83,9 @@ def read(
         What `contents` has found, which saves finding it again.
     threads : int, optional
         Threads that remove oversampling.
+    **given
+        What the file does not say: `format`, `fov`, `lines`, `centre`, `axes` and `calibration` of
+        `ctessel.formats.Given`. The format is found from the content by default.
 
     Returns
     -------
@@ -97,7 +101,7 @@ def read(
         The samples need more memory than is free.
     """
     path = os.fspath(path)
-    found = found or contents(path, group=group, range=range, skip=skip, cut=cut)
+    found = found or contents(path, group=group, range=range, skip=skip, cut=cut, **given)
     if scratch is None:
         runtime.check(found.nbytes, f"{path}: reading it", mend_memory(found))
     known, targets = layout(found), [(found.scan, _zeros(_kspace_shape(found), scratch))]
@@ -118,13 +122,15 @@ class Source:
     disposable = True  # samples are read anew each time
 
     def __init__(self, found, threads=None):
-        self._state, self._threads = state(found.path), threads
+        self._state, self._threads = _states(found), threads
         self.layout, self._found = layout(found), found
         self._file = found.file
 
     def __reduce__(self):
         f = self._found
-        what = (f.group, f.range, f.skipped, f.cut, self._threads)
+        apart = f.given.calibration and os.path.abspath(f.given.calibration)
+        given = replace(f.given, calibration=apart)
+        what = (f.group, f.range, f.skipped, f.cut, self._threads, given)
         return _Elsewhere, (os.path.abspath(f.path), self._state, *what)
 
     def frames(self, index, repetitions):
@@ -160,9 +166,9 @@ class _Elsewhere:
 
 
 @lru_cache(1)  # every block of a run brings the same names
-def _source(path, known, group, range, skip, cut, threads):
-    found = contents(path, group=group, range=range, skip=skip, cut=cut)
-    if state(path) != known:
+def _source(path, known, group, range, skip, cut, threads, given):
+    found = _contents(path, group, range, skip, cut, given)
+    if _states(found) != known:
         raise RawError(f"{path}: has changed since the run began; start it again")
     return Source(found, threads)
 
@@ -173,24 +179,67 @@ def state(path):
     return status.st_size, status.st_mtime_ns
 
 
-def contents(path, *, group="dataset", range=None, skip=(), cut=False):
+def _states(found):
+    paths = (found.path, found.given.calibration)
+    return tuple(state(formats.samples_of(path)) for path in paths if path)
+
+
+def contents(path, *, group="dataset", range=None, skip=(), cut=False, **given):
     """What a raw data file holds, without its samples. Arguments and errors are those of `read`.
 
     Returns
     -------
     Contents
     """
-    path = os.fspath(path)
-    reader = _open(path, group)
+    return _contents(os.fspath(path), group, range, skip, cut, formats.Given(**given))
+
+
+def _contents(path, group, range, skip, cut, given):
     try:
-        encodings, heads = parse(reader.header), _heads(reader, path)
+        opened = _opened(path, group, given)
+        encodings, heads, reader = opened.encodings, opened.heads, opened.file
         found = survey(encodings, heads, range, skip)
-        encodings, told = _recentred(reader, encodings, found)
+        encodings, told = ([], ()) if given.centre else _recentred(reader, encodings, found)
         if told:
             found = survey(encodings, heads, range, skip)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
-    return replace(found, cut=cut, path=path, group=group, file=reader, told=tuple(told))
+    given, told = replace(given, found=opened.found), (*opened.told, *told)
+    names = {"path": opened.path, "group": group, "format": opened.format, "given": given}
+    return replace(found, cut=cut, file=reader, told=told, **names)
+
+
+def _opened(path, group, given):
+    """The file, with its calibration scan where that is another one, as `formats.Opened`."""
+    scan = _open_any(path, group, given)
+    if given.calibration is None:
+        return replace(scan, found=(scan.found, None))
+    try:
+        own = _open_any(given.calibration, group, formats.Given(found=(given.found[1], None)))
+    except (DefectError, RuntimeError) as error:
+        raise _named(given.calibration, error) from None
+    return replace(formats.joined(scan, own), found=(scan.found, own.found))
+
+
+def _open_any(path, group, given):
+    if formats.pair_base(path) is None:
+        _check_file(path)
+    if given.format not in (None, "ismrmrd"):
+        return formats.opened(path, given)
+    try:
+        reader = _open(path, group)
+    except RawError as error:
+        try:
+            other = formats.opened(path, given)
+        except ModuleNotFoundError as missing:
+            package = f"python3-{missing.name}"
+            raise RawError(f"{error}; other formats need apt-get install {package}") from None
+        if other is None:
+            raise
+        return other
+    if given.fov or given.lines or given.centre:
+        raise DefectError("says its field of view, lines and centre itself", "leave out --fov, --lines, --centre")
+    return formats.Opened(path, "ISMRMRD", reader, parse(reader.header), _heads(reader, path))
 
 
 def _recentred(reader, encodings, found):
@@ -236,12 +285,12 @@ def layout(found):
         raise _named(found.path, error) from None
 
 
-def describe(path, *, group="dataset", range=None):
+def describe(path, *, group="dataset", range=None, **given):
     """Facts about a raw data file, for people: a dict of texts.
 
     Arguments and errors are those of `read`.
     """
-    return facts(contents(path, group=group, range=range))
+    return facts(contents(path, group=group, range=range, **given))
 
 
 def facts(found):
@@ -250,6 +299,7 @@ def facts(found):
     (nx, ny, nz), x = header.encoded_matrix, header.limits["x"]
     times = found.scan.times
     texts = {
+        "format": found.format,
         "protocol": header.protocol,
         "kind": "3-D" if nz > 1 else "2-D",
         "encoded": f"{times_text(header.encoded_matrix)}, {times_text(header.encoded_fov)} mm",
@@ -406,7 +456,7 @@ def _read_into(targets, reader, found, progress, threads):
     """
     try:
         _fill(targets, reader, found, progress, threads)
-    except RuntimeError as error:
+    except (DefectError, RuntimeError) as error:
         raise _named(found.path, error) from None
     for places, array in targets:
         _divide(array, places.times)

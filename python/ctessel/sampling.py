@@ -144,12 +144,12 @@ def regular(sampled, stated=(1, 1)):
     if min(sampled.shape) == 1:
         name = "yz"[sampled.shape[0] == 1]
         raise ValueError(
-            f"sampled: the lines along {name} have no regular distance; "
-            "expected every n-th line, with calibration lines around the centre"
+            f"sampled: the lines along {name} have no regular distance, as those of a random mask; such "
+            "cannot be unfolded: expected all lines or every n-th line, with calibration lines around the centre"
         )
     raise ValueError(
-        "sampled: the lines form no rectangular grid in y and z; shifted or random "
-        "patterns cannot be unfolded"
+        "sampled: the lines form no rectangular grid in y and z; shifted or random patterns cannot be "
+        "unfolded: expected all lines or every n-th line of both, with calibration lines around the centre"
     )
 
 

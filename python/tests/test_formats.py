@@ -1,0 +1,288 @@
+"""Files of other formats than ISMRMRD: the same bits as the same lines in that one, and what is refused."""
+
+import json
+import os
+import pickle
+
+import h5py
+import lookalike
+import nibabel
+import numpy as np
+import pytest
+from conftest import same_bits
+from scans import lines
+
+from ctessel import cli, pipeline, raw
+from ctessel.formats import Given
+from ctessel.scan import Limit
+
+FOV = lookalike.FOV
+
+
+def fastmri(path, samples, **more):
+    shape = samples.shape[:3]
+    return lookalike.fastmri(path, samples, lookalike.header(shape), **more), {}
+
+
+def m4raw(path, samples):
+    x, y, _ = samples.shape[:3]
+    text = f"<ismrmrdHeader><encodedSpace><fieldOfView_mm><x>{FOV[0]}</x><y>{FOV[1]}</y><z>{FOV[2]}</z></fieldOfView_mm></encodedSpace></ismrmrdHeader>"
+    return lookalike.fastmri(path, samples, text), {}
+
+
+def cfl(path, samples):
+    return lookalike.cfl(path, samples), {"fov": FOV}
+
+
+def matlab_73(path, samples):
+    return lookalike.matlab_73(path, samples[:, :, 0, :, :, 0]), {"fov": FOV}
+
+
+def matlab_7(path, samples):
+    return lookalike.matlab_7(path, samples[:, :, 0, :, :, 0]), {"fov": FOV}
+
+
+WRITERS = [fastmri, m4raw, cfl, matlab_73, matlab_7]
+R2 = lines(48, 2, calibration=16)
+KINDS = {
+    "full": {"slices": 3},
+    "undersampled": {"slices": 2, "lines": R2},
+    "partial": {"slices": 2, "lines": lines(48, first=-6)},
+    "repetitions": {"slices": 2, "repetitions": 3, "lines": R2},
+}
+
+
+def scan_of(kind):
+    fields = {**KINDS[kind]}
+    kept = fields.pop("lines", np.ones(48))
+    return lookalike.keep(lookalike.kspace((40, 48, 1), **fields), kept)
+
+
+def assert_same(path, given, reference, options=None):
+    """The same k-space, lines, plan in words, and image."""
+    ours, theirs = raw.read(path, cut=True, **given), raw.read(reference, cut=True)
+    same_bits(ours.kspace, theirs.kspace)
+    np.testing.assert_array_equal(ours.layout.lines, theirs.layout.lines)
+    plans = [pipeline.plan(scan, options) for scan in (ours, theirs)]
+    assert plans[0].steps == plans[1].steps and plans[0].field == plans[1].field
+    assert plans[0].warnings == plans[1].warnings
+    made = [pipeline.reconstruct(scan, plan=plan) for scan, plan in zip((ours, theirs), plans)]
+    same_bits(made[0].image, made[1].image)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+@pytest.mark.parametrize("write", WRITERS, ids=lambda write: write.__name__)
+def test_formats_give_the_bits_of_the_same_lines_in_ismrmrd(tmp_path, write, kind):
+    if kind == "repetitions" and write in (fastmri, m4raw):
+        pytest.skip("the format has one repetition a file")
+    samples = scan_of(kind)
+    path, given = write(tmp_path / "any.name", samples)
+    assert_same(path, given, lookalike.ismrmrd(tmp_path / "r.h5", samples))
+
+
+@pytest.mark.parametrize("write", WRITERS, ids=lambda write: write.__name__)
+def test_parts_and_workers_read_what_is_theirs(tmp_path, write):
+    samples = scan_of("undersampled")
+    path, given = write(tmp_path / "any", samples)
+    whole = raw.contents(path, cut=True, **given)
+    source = pickle.loads(pickle.dumps(raw.Source(whole)))
+    same_bits(source.frames(1, slice(0, 1)), np.asfortranarray(samples[:, :, :, :, 1]))
+    part = raw.read(path, range=("slice", 1, 1), **given)
+    same_bits(part.kspace, np.asfortranarray(samples[:, :, :, :, 1:]))
+    same_bits(raw.read(path, skip=[("slice", 0)], **given).kspace, part.kspace)
+
+
+def recon(path, out, *more):
+    return cli.main(["recon", str(path), "-o", str(out), *map(str, more)])
+
+
+def test_the_command_finds_the_format_and_writes_the_same_image(tmp_path):
+    samples = scan_of("undersampled")
+    lookalike.ismrmrd(tmp_path / "r.h5", samples)
+    assert recon(tmp_path / "r.h5", tmp_path / "r.nii") == 0
+    want = nibabel.load(tmp_path / "r.nii").get_fdata()
+    for write in WRITERS:
+        path, given = write(tmp_path / write.__name__, samples)
+        fov = ["--fov", *FOV] if given else []
+        for more in ([], ["--workers", 2]) if write in (fastmri, cfl) else ([],):
+            assert recon(path, tmp_path / "i.nii", *fov, *more, "--strict") == 0
+            np.testing.assert_array_equal(nibabel.load(tmp_path / "i.nii").get_fdata(), want)
+
+
+# ---- BART cfl ------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", ["scan", "scan.cfl", "scan.hdr"])
+def test_a_pair_has_three_names_and_without_a_field_of_view_voxels_of_1_mm(tmp_path, capfd, name):
+    lookalike.cfl(tmp_path / "scan", scan_of("full"))
+    assert recon(tmp_path / name, tmp_path / "i.nii") == 0
+    assert "ctessel: warning: the file has no field of view; voxels of 1 mm are taken" in capfd.readouterr().err
+    assert nibabel.load(tmp_path / "i.nii").header.get_zooms()[:3] == (1, 1, 1)
+    assert json.loads((tmp_path / "i.json").read_text())["Sources"] == ["scan.cfl"]
+
+
+def test_lines_and_centre_place_what_a_pair_holds(tmp_path):
+    whole = lookalike.kspace((40, 48, 1))
+    reference = lookalike.ismrmrd(tmp_path / "r.h5", lookalike.keep(whole, lines(48, first=-6)))
+    path = lookalike.cfl(tmp_path / "c", whole[:, 18:])
+    assert_same(path, {"fov": FOV, "lines": [48], "centre": [6]}, reference)
+    assert_same(path, {"fov": FOV, "centre": [6, 0]}, reference)  # the smallest matrix with it
+    early = lookalike.cfl(tmp_path / "e", whole[8:])
+    scan = raw.read(early, centre=(12, 24, 0), lines=(40, 48, 1))
+    same_bits(scan.kspace[8:], np.asfortranarray(whole[8:]))
+    assert scan.layout.header.limits["x"] == Limit(8, 39, 20)
+    with pytest.raises(raw.RawError, match="reach beyond a matrix of 40; mend --lines or --centre"):
+        raw.read(path, lines=[40], centre=[6])
+
+
+def test_axes_of_times_echoes_averages_and_slices_of_a_pair(tmp_path):
+    dims = [8, 12, 1, 2, 1, 3, 1, 1, 1, 1, 4, 5, 1, 2, 2, 1]
+    rng = np.random.default_rng(1)
+    samples = (rng.standard_normal((*dims, 2)) @ [1, 1j]).astype(np.complex64)
+    scan = raw.read(lookalike.cfl(tmp_path / "c", samples, dims))
+    merged = samples.reshape(8, 12, 1, 2, 3, 20, 2, 2, order="F")  # echo, both times, slice, average
+    want = (merged[..., 0] + merged[..., 1]) / np.float32(2)
+    same_bits(scan.kspace, np.asfortranarray(want.transpose(0, 1, 2, 3, 6, 4, 5)))
+
+
+@pytest.mark.parametrize("text, message", [
+    ("# Dimensions\n40 48 1 4 2\n", "its axis 4 has an extent of 2"),
+    ("# Dimensions\n40 48 1 -4\n", 'no up to 16 extents after "# Dimensions"'),
+    ("# Dimensions\n", "no up to 16 extents"),
+    ("40 48 1 4\n", "no up to 16 extents"),
+    ("# Dimensions\n40 48 1 999999999 1 999999999\n", "is cut short"),
+    ("# Dimensions\n40 48 1 5\n", "is cut short: it has 61440 bytes, the 40 x 48 x 1 x 5 samples of its .hdr 76800"),
+    ("# Dimensions\n40 48 1 3\n", "is too long"),
+    (None, "has no c.hdr"),
+])  # fmt: skip
+def test_defects_of_pairs(tmp_path, capfd, text, message):
+    lookalike.cfl(tmp_path / "c", lookalike.kspace((40, 48, 1)), text=text)
+    if text is None:
+        os.remove(tmp_path / "c.hdr")
+    assert recon(tmp_path / "c.cfl", tmp_path / "i.nii") == 1
+    error = capfd.readouterr().err
+    assert message in error and error.count("\n") == 1 and not (tmp_path / "i.nii").exists()
+
+
+# ---- fastMRI, M4Raw ------------------------------------------------------------------------------
+
+
+def test_padded_columns_and_oversampled_rows_of_fastmri(tmp_path):
+    """Rows have twice the field of the image; lines begin where the centre of the limits says."""
+    samples = lookalike.keep(lookalike.kspace((80, 48, 1), slices=2), lines(48, first=-20))
+    space = {"fov": (400.0, 180.0, 5.0), "recon": ((40, 48, 1), (200.0, 180.0, 5.0))}
+    text = lookalike.header((80, 48, 1), **space, y=Limit(0, 43, 20), te=[5.0], tr=[100.0])
+    path = lookalike.fastmri(tmp_path / "f", samples, text)
+    reference = lookalike.ismrmrd(tmp_path / "r.h5", samples, lookalike.header((80, 48, 1), **space))
+    assert_same(path, {}, reference)
+    found = raw.contents(path)
+    assert found.header.limits["y"] == Limit(4, 47, 24) and found.header.te == [5.0]
+    assert raw.describe(path)["image"] == "40 x 48 x 1, 200 x 180 x 5 mm"
+
+
+def test_masks_of_fastmri(tmp_path, capfd):
+    samples = lookalike.kspace((40, 48, 1), slices=2)
+    path, _ = fastmri(tmp_path / "f", samples, mask=R2, acceleration=2)  # samples beside it stay unused
+    scan = raw.read(path)
+    assert scan.layout.header.acceleration == (2, 1)
+    same_bits(scan.kspace, lookalike.keep(samples, R2))
+    assert scan.layout.warnings == ("16 lines that the file's mask leaves out have samples; they are not used",)
+    random = lines(48, 99, calibration=8)
+    random[np.random.default_rng(3).permutation(48)[:12]] = True
+    path, _ = fastmri(tmp_path / "r", lookalike.keep(samples, random), mask=random)
+    assert recon(path, tmp_path / "i.nii") == 1
+    error = capfd.readouterr().err
+    assert "no regular distance" in error and "random" in error and "every n-th line" in error
+    path, _ = fastmri(tmp_path / "w", samples, mask=np.ones(40))
+    with pytest.raises(raw.RawError, match="its mask has 40 entries .* 48 columns"):
+        raw.read(path)
+
+
+def test_one_coil_of_fastmri(tmp_path):
+    samples = lookalike.kspace((40, 48, 1), slices=2, coils=1)
+    path, _ = fastmri(tmp_path / "f", samples, single=True)
+    assert_same(path, {}, lookalike.ismrmrd(tmp_path / "r.h5", samples))
+
+
+@pytest.mark.parametrize("text", [b"", b"\xff\x00", b"<ismrmrdHeader/>", lookalike.header((256, 256, 1))])
+def test_headers_that_are_none_leave_the_matrix_to_the_data(tmp_path, text):
+    """Lines 30 to 224 of 256 are measured, and the field of view is that of the format's scans."""
+    samples = lookalike.keep(lookalike.kspace((40, 256, 1), coils=2), np.arange(256) // 1 % 225 >= 30)
+    scan = raw.read(lookalike.fastmri(tmp_path / "m", samples, np.bytes_(text) if isinstance(text, bytes) else text))
+    assert scan.layout.header.encoded_matrix == (40, 256, 1)
+    if isinstance(text, bytes):
+        assert scan.layout.header.encoded_fov == (240, 240, 5)
+        assert "240 x 240 mm and slices of 5 mm" in scan.layout.warnings[0]
+    same_bits(scan.kspace, samples)
+
+
+# ---- All of them ---------------------------------------------------------------------------------
+
+
+def test_a_format_that_was_given_is_used_or_refused(tmp_path, capfd):
+    samples = scan_of("full")
+    path, _ = fastmri(tmp_path / "f.h5", samples)
+    assert raw.contents(path, format="fastMRI").format == "fastMRI"
+    for name, message in (("cfl", "is no BART cfl file"), ("skm-tea", "SKM-TEA has 5"), ("ismrmrd", "no raw data in")):
+        assert recon(path, tmp_path / "i.nii", "--format", name) == 1
+        assert message in capfd.readouterr().err
+    with pytest.raises(SystemExit, match="2"):
+        recon(path, tmp_path / "i.nii", "--format", "dicom")
+    with pytest.raises(raw.RawError, match="leave out --fov"):
+        raw.read(path, fov=FOV)
+    with pytest.raises(ValueError, match="fov: expected three lengths"):
+        Given(fov=(1, 2))
+
+
+def _truncated(path):
+    fastmri(path, scan_of("full"))
+    os.truncate(path, os.path.getsize(path) // 2)
+
+
+def _absurd(path):
+    with h5py.File(path, "w") as file:
+        file.create_dataset("kspace", (60000, 60000, 60000, 4), "<c8", chunks=(1, 1, 100, 4))
+        file["ismrmrd_header"] = b""
+
+
+def _odd_type(path):
+    with h5py.File(path, "w") as file:
+        file["kspace"] = np.array([b"text"])
+        file["ismrmrd_header"] = 5
+
+
+def _not_finite(path):
+    samples = scan_of("full")
+    samples[3, 4] = np.nan
+    fastmri(path, samples)
+
+
+def _zero(path):
+    fastmri(path, 0 * scan_of("full"))
+
+
+def _unknown(path):
+    with h5py.File(path, "w") as file:
+        file["kspace"] = np.zeros((4, 4, 3), np.complex64)
+
+
+def _elsewhere(path):
+    with h5py.File(path, "w") as file:
+        file.create_dataset("kspace", (4, 4, 4, 4), "<f4", external=[(str(path) + "2", 0, h5py.h5f.UNLIMITED)])
+
+
+def _matlab_rubbish(path):
+    path.write_bytes(b"MATLAB 5.0 MAT-file".ljust(124) + b"\0\1IM" + bytes(range(256)) * 20)
+
+
+@pytest.mark.parametrize("write, message", [
+    (_truncated, "cut short"), (_absurd, "of which the file holds"), (_odd_type, ""), (_not_finite, "not finite"),
+    (_zero, "all its samples are zero"), (_unknown, "no format that is known"), (_elsewhere, "in other files"),
+    (_matlab_rubbish, "cannot be read"),
+])  # fmt: skip
+def test_hostile_files_end_in_one_line(tmp_path, capfd, write, message):
+    write(tmp_path / "bad")
+    for command in (["info"], ["recon", "-o", str(tmp_path / "i.nii")]):
+        assert cli.main([command[0], str(tmp_path / "bad"), *command[1:]]) == 1
+        error = capfd.readouterr().err
+        assert message in error and error.count("\n") == 1 and "fault of ctessel" not in error
