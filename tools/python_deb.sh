@@ -32,7 +32,7 @@ Maintainer: cTessel developers <ctessel@example.org>
 Installed-Size: $(du -ks "$root/usr" | cut -f1)
 Depends: python3 (>= $python), python3 (<< ${python%.*}.$((${python#*.} + 1))), python3-numpy, $libraries
 Recommends: python3-scipy, python3-nibabel, python3-matplotlib, python3-tqdm, python3-h5py
-Suggests: python3-dask, python3-distributed
+Suggests: python3-dask, python3-distributed, python3-pydicom
 Description: reconstruction kernels for magnetic-resonance imaging (Python)
  Homodyne reconstruction of partial-Fourier scans, SENSE, coil combination,
  geometry correction, ringing filter, zero padding and shifts on NumPy arrays

@@ -159,8 +159,11 @@ def _add_recon(commands):
         "-o",
         "--output",
         metavar="IMAGE.nii.gz",
-        type=_nifti_name,
+        type=Path,
         help="NIfTI file; IMAGE.json beside it tells what was done",
+    )
+    command.add_argument(
+        "--dicom", action="store_true", help="the output is a folder, for DICOM files in its place"
     )
     command.add_argument(
         "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
@@ -584,6 +587,13 @@ def _nifti_name(text):
     return Path(text)
 
 
+def _check_name(path):
+    try:
+        _nifti_name(path)
+    except argparse.ArgumentTypeError as error:
+        raise UsageError(f"argument -o/--output: {error}") from None
+
+
 def _range(words):
     from .raw import RANGE_AXES
 
@@ -616,6 +626,10 @@ def recon(arguments):
     """``ctessel recon``"""
     if not (arguments.output or arguments.bids):
         raise UsageError("the following arguments are required: -o/--output, or --bids")
+    if arguments.dicom and not arguments.output:
+        raise UsageError("--dicom: the folder is missing, -o FOLDER")
+    if arguments.output and not arguments.dicom:
+        _check_name(arguments.output)
     if bool(arguments.bids) != bool(arguments.subject):
         raise UsageError("--bids and --subject belong together")
     if arguments.raw != "-":

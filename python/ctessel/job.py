@@ -7,7 +7,7 @@ from functools import cached_property
 
 import numpy as np
 
-from . import acquisitions, bids, files, nifti, pipeline, raw, report, runtime, workers
+from . import acquisitions, bids, dicom, files, nifti, pipeline, raw, report, runtime, workers
 
 
 @dataclass
@@ -69,13 +69,19 @@ class Job:
         return contextlib.nullcontext()
 
     def write(self, result):
-        made = sorted({image.path.parent for image in self.images})
+        made = sorted({image.path.parent for image in self.images} | set(self._dicom()))
         with files.folders(made), files.Staged() as staged:
+            notes = [dicom.Notes.of(self.plan, self.known) for _ in self._dicom()]
             for part in self._parts():
                 volumes = _values(result.image, part)
                 for image in self.images:
                     if image.part == part:
                         self._write(staged, result, image, volumes)
+                for folder in self._dicom():
+                    which = bids.Image(folder, part)
+                    dicom.write(
+                        staged, folder, which, volumes, self.plan, self._header, self.affine, *notes
+                    )
             if self.arguments.preview:
                 report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
             if self._folder:
@@ -96,6 +102,10 @@ class Job:
             staged.path(nifti.sidecar_path(image.path)),
         )
 
+    def _dicom(self):
+        """The folder of DICOM files, or none."""
+        return [self.arguments.output] if self.arguments.dicom else []
+
     def _parts(self):
         return ["magnitude", "phase"] if self.arguments.combine == "phase" else ["magnitude"]
 
@@ -103,7 +113,7 @@ class Job:
     def images(self):
         """The files of images that are written."""
         output, made = self.arguments.output, []
-        if output:
+        if output and not self._dicom():
             base = nifti.base_name(output)
             phase = output.with_name(f"{base}_phase{output.name[len(base):]}")
             made = [bids.Image(path, part) for path, part in zip([output, phase], self._parts())]
@@ -123,6 +133,8 @@ class Job:
     def check_outputs(self):
         """Refuse names that no file can be made of."""
         preview = [self.arguments.preview] if self.arguments.preview else []
+        for folder in self._dicom():
+            dicom.check(folder)
         for name in [*self.names(), *map(nifti.sidecar_path, self.names()), *preview]:
             if self._folder and self._folder.path in name.parents:
                 files.check_folder(name.parent)
@@ -155,6 +167,7 @@ class Job:
     def intentions(self):
         """What would be done, for people."""
         names = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
+        names += [f"DICOM files in {folder}" for folder in self._dicom()]
         names += [self.arguments.preview] if self.arguments.preview else []
         return report.intentions(self.found, self.plan, self.needed, names)
 
