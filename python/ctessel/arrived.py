@@ -25,7 +25,7 @@ from .acquisitions import (
     REVERSE,
     survey,
 )
-from .fourier import cut_unshifted
+from .fourier import cut_unshifted, unshifted_image
 from .plan import plan as make_plan
 from .stream import parse_xml
 
@@ -43,6 +43,10 @@ ALIKE = (
 )  # fmt: skip
 #: Lines that are put to their places at once.
 BATCH = 256
+#: Lines of an image that is not complete which are worth to be put to their places.
+AHEAD = 8
+#: Bytes of such images.
+MOST_AHEAD = 128 << 20
 #: Acquisitions after which no forecast is tried any more.
 UNCLEAR = 50_000
 #: Lines of all images that are counted, measured or not.
@@ -91,6 +95,10 @@ class Arrived:
         self._put(places, rows, self.numbers(rows), array)
         return array[..., 0, 0]
 
+    def transformed(self, block):
+        """Lines of an image with the readout transformed, where that has been done ahead; None."""
+        return None
+
     def numbers(self, rows):
         """Which acquisitions of the stream those of the survey are."""
         return rows
@@ -108,22 +116,25 @@ class Arrived:
             self._put(places, *self.image(index, repetition), array[..., at : at + 1])
         return array
 
-    def _put(self, places, rows, numbers, array):
-        """Put lines of one image to their places, several measurements of a line averaged."""
+    def _put(self, places, rows, numbers, array, transformed=False):
+        """Put lines of one image to their places, several measurements of a line averaged.
+
+        transformed: the readout of the array is.
+        """
         steps = np.array(array.strides, np.int64) // array.itemsize
         at = (places.y, places.z, None, places.echo)
         offsets = sum(i[rows] * step for i, step in zip(at, steps[1:]) if i is not None)
         for first in range(0, len(rows), BATCH):
             part = slice(first, first + BATCH)
-            self._put_some(places, rows[part], numbers[part], array, offsets[part])
+            self._put_some(places, rows[part], numbers[part], array, offsets[part], transformed)
         where, times = np.unique(offsets, return_counts=True)
         for offset, count in zip(where[times > 1], times[times > 1]):
             _, y, z, _, echo, _ = np.unravel_index(offset, array.shape, order="F")
             array[:, y, z, :, echo] /= np.float32(count)
 
-    def _put_some(self, places, rows, numbers, array, offsets):
+    def _put_some(self, places, rows, numbers, array, offsets, transformed):
         n, add = places.shape[0], places.repeated(rows)
-        if len(array) == n:
+        if len(array) == n and not transformed:
             self._acquisitions.put(
                 numbers, places.x[rows], array, offsets, coil_axis=3, turn=0, add=add
             )
@@ -134,7 +145,11 @@ class Arrived:
             numbers, places.x[rows], whole, n * array.shape[3] * np.arange(len(rows)),
             coil_axis=1, turn=n - n // 2, add=np.zeros(len(rows), bool),
         )  # fmt: skip
-        cut = cut_unshifted(whole, len(array), threads=self._threads)
+        cut = whole
+        if len(array) < n:
+            cut = cut_unshifted(whole, len(array), threads=self._threads)
+        if transformed:
+            cut = unshifted_image(cut, (0,), self._threads)
         raw.binding("stream").put(cut, array, offsets, coil_axis=3, turn=len(array) // 2, add=add)
 
 
@@ -183,6 +198,7 @@ class Forecast(Arrived):
         self._turns = (len(counts["phase"]), len(counts["set"]))
         self._separate = np.full(expected.size, -1)
         self._arrivals, self._within = {}, np.zeros(expected.size, int)
+        self._begun, self._ahead = set(), {}
         for rows in self._images.values():
             self._within[rows] = np.arange(len(rows))
         lines = np.flatnonzero(expected["flags"] & (NOISE | NOT_IMAGING) == 0)
@@ -264,7 +280,9 @@ class Forecast(Arrived):
         if arrivals[self._within[row]] >= 0:
             raise ValueError(f"acquisition {number} has come before")
         arrivals[self._within[row]] = number
-        return image if (arrivals >= 0).all() else None
+        complete = (arrivals >= 0).all()
+        (self._begun.discard if complete else self._begun.add)(image)
+        return image if complete else None
 
     def ready(self, index, repetition):
         """Whether all has come that an image is made of."""
@@ -281,6 +299,47 @@ class Forecast(Arrived):
         return all((self._arrivals.get((index, frame), self._none) >= 0).all() for frame in frames)
 
     _none = np.full(1, -1)
+
+    def prepare(self, known):
+        """Put lines of images that are not complete to their places, while there is time.
+
+        known : container of (slice, pattern)
+            Those whose images will want `transformed`.
+        """
+        for index, repetition in self._begun:
+            if (index, self.pattern(repetition)) in known and self._opened(index, repetition):
+                self._advance(index, repetition, AHEAD)
+
+    def transformed(self, block):
+        """As `frames`, the readout transformed, of an image that was begun; else None."""
+        (repetition,) = block.repetitions.tolist()
+        if (block.slice, repetition) not in self._ahead:
+            return None
+        self._advance(block.slice, repetition, 1)
+        return self._ahead.pop((block.slice, repetition))[0]
+
+    def _opened(self, index, repetition):
+        """Whether there is an array for lines of an image, or can be one."""
+        if (index, repetition) in self._ahead:
+            return True
+        shape, places = (*self.layout.shape[:4], self.layout.shape[5], 1), self._found.scan
+        rows = self._images[index, self._like(repetition)]
+        room = MOST_AHEAD // (8 * int(np.prod(shape))) > len(self._ahead)
+        pattern = self.plan.patterns[self.pattern(repetition)]
+        if not (room and self.plan.keeps_readout(pattern)) or places.repeated(rows).any():
+            return False
+        array = np.zeros(shape, np.complex64, order="F")
+        self._ahead[index, repetition] = array, np.zeros(len(rows), bool)
+        return True
+
+    def _advance(self, index, repetition, least):
+        array, done = self._ahead[index, repetition]
+        arrivals = self._arrivals[index, repetition]
+        fresh = np.flatnonzero((arrivals >= 0) & ~done)
+        if len(fresh) >= least:
+            rows = self._images[index, self._like(repetition)][fresh]
+            self._put(self._found.scan, rows, arrivals[fresh], array, transformed=True)
+            done[fresh] = True
 
     def _like(self, repetition):
         turns = int(np.prod(self._turns))

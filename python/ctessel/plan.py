@@ -180,6 +180,11 @@ class Plan:
         untouched = self.options.ringing == 0 and self.pixels[0] == pattern.full[0]
         return untouched or not pattern.weighted
 
+    def keeps_readout(self, pattern):
+        """Whether slices of a pattern need the image along x alone, no k-space of it."""
+        one = self.shape[2] == 1 and self.readout == self.shape[0]
+        return one and pattern.weighted and self.completes_slabs(pattern) and not any(pattern.ranges)
+
     def gain(self, pattern):
         """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
         return np.float32((prod(self.pixels) / prod(pattern.window)) ** 0.5)

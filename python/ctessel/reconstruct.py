@@ -190,6 +190,9 @@ def single(plan, block, source, shared=None):
     """
     if not plan.in_slabs:
         shared = shared or (prepare(plan, block, source),)
+        ready = source.transformed(block)
+        if ready is not None:
+            return reconstruct_block(plan, block, *shared, ready, transformed=True), shared
         return reconstruct_block(plan, block, *shared, lines(plan, block, source)), shared
     shared = shared or _volume_basis(plan, block, source, _slice_calibration(plan, block, source))
     frames = source.frames(block.slice, block.along())
@@ -265,9 +268,8 @@ def _basis(plan, block, calibration, first):
     if options.partial == "auto" and any(pattern.ranges):
         samples = _filtered(plan, pattern, _complete(plan, pattern, basis, first[..., :1, :1]))
         basis.prediction = prediction_error(samples, pattern.ranges, options.threads)
-    basis.fills = options.partial == "pocs" or (
-        basis.prediction is not None and basis.prediction < 1
-    )
+    chosen = basis.prediction is not None and basis.prediction < 1
+    basis.fills = any(pattern.ranges) and (options.partial == "pocs" or chosen)
     return basis
 
 
@@ -309,7 +311,7 @@ def _cut(plan, calibration):
     return samples[central(len(samples), min(len(samples), plan.calibration.x))]
 
 
-def reconstruct_block(plan, block, basis, samples):
+def reconstruct_block(plan, block, basis, samples, transformed=False):
     """Images of a block.
 
     Parameters
@@ -320,6 +322,8 @@ def reconstruct_block(plan, block, basis, samples):
         What `prepare` makes for its slice and pattern.
     samples : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
         What `lines` gives.
+    transformed : bool, optional
+        The readout of the samples is transformed, which `Plan.keeps_readout` has to allow.
 
     Returns
     -------
@@ -329,7 +333,8 @@ def reconstruct_block(plan, block, basis, samples):
         `ctessel.pipeline.prediction_error` says of the slice.
     """
     pattern = plan.patterns[block.pattern]
-    made = {"image": _placed(plan, block, _image(plan, pattern, basis, samples))}
+    image = _image(plan, pattern, basis, samples, transformed)
+    made = {"image": _placed(plan, block, image)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     return made
@@ -447,11 +452,12 @@ def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
     return resize(samples, pixels, threads)
 
 
-def _image(plan, pattern, basis, samples):
+def _image(plan, pattern, basis, samples, transformed):
     """Images of the samples of a block, lines that a partial scan lacks as it was decided."""
     homodyne = plan.options.partial == "homodyne" and pattern.ranges[0]
     if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or homodyne):
-        image = _lines_image(plan, pattern, basis, _readout(plan, samples))
+        lines = samples if transformed else _readout(plan, samples)
+        image = _lines_image(plan, pattern, basis, lines)
         return np.asfortranarray(image[central(len(image), plan.matrix[0])])
     samples = _complete(plan, pattern, basis, samples)
     if not basis.fills:

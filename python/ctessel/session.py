@@ -317,10 +317,10 @@ class Scan:
 
     def __init__(self, session):
         self._session, self._acquisitions = session, session.connection.acquisitions
-        self._heads, self._parts = np.zeros(0, HEAD), []
-        self._forecast = self._pictures = self._options = None
+        self._heads, self._parts, self._room = np.zeros(0, HEAD), [], np.zeros(0, HEAD)
+        self._forecast = self._pictures = None
         self._hopeless = False
-        self._sent, self._waiting, self._when = {}, [], {}
+        self._sent, self._waiting = {}, []
         self._shared, self._stacks, self._told = {}, {}, set()
 
     def arrive(self, heads, now):
@@ -340,6 +340,7 @@ class Scan:
             if self._forecast.ready(*image):
                 self._waiting.remove(image)
                 self._early(*image, now)
+        self._forecast.prepare(self._shared)
 
     def _worth(self):
         """Whether new headers may complete an image: some end a slice, or a forecast counts them."""
@@ -348,8 +349,13 @@ class Scan:
         )
 
     def _join(self):
-        self._heads = np.concatenate([self._heads, *self._parts])
-        self._parts = []
+        """Add new headers to the others, in an array that grows by more than they need."""
+        first, count = self._heads.size, self._heads.size + sum(part.size for part in self._parts)
+        if count > self._room.size:
+            self._room = np.zeros(2 * count, HEAD)
+            self._room[:first] = self._heads
+        np.concatenate([*self._parts, np.zeros(0, HEAD)], out=self._room[first:count])
+        self._heads, self._parts = self._room[:count], []
 
     def _start(self):
         options, kind, bits = self._session.options()
@@ -441,9 +447,9 @@ class Scan:
         source = Arrived(self._acquisitions, found, options.threads)
         plan = make_plan(source.layout, options)
         self._check(plan)
-        if self._pictures is None:
+        if not self._sent:
             self._open(plan, found.header, kind, bits)
-        elif self._sent and not self._holds(plan, source):
+        elif not self._holds(plan, source):
             self._session.warn(
                 "images went out before something that changes them was measured; all are sent again"
             )

@@ -11,6 +11,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from pathlib import Path
 
@@ -18,7 +19,7 @@ import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _raw, cli, phantom, send, stream
+from ctessel import _raw, arrived, cli, phantom, send, serve, session, stream
 from ctessel.acquisitions import HEAD
 
 
@@ -120,8 +121,8 @@ def split(sender, **options):
 class Peer:
     """A client that sends what it is told to."""
 
-    def __init__(self, address):
-        self.socket = socket.create_connection(address, 20)
+    def __init__(self, address=None, connected=None):
+        self.socket = connected or socket.create_connection(address, 20)
         self.connection = stream.Connection(self.socket, stream.TO_CLIENT, 20)
         self.connection.acquisitions.allow(0, 1 << 30, 1 << 30)
         self.images, self.lines, self.closed = [], [], False
@@ -241,6 +242,41 @@ def test_images_come_before_the_last_line_where_it_cannot_change_them(
     send.write(tmp_path / "live.nii", peer.images)
     np.testing.assert_array_equal(np.asarray(nibabel.load(tmp_path / "live.nii").dataobj), want)
     assert server.report()["early"] >= early and not peer.lines
+
+
+@pytest.mark.parametrize("oversampling", [1, 2])
+def test_lines_find_their_places_while_others_come(tmp_path, monkeypatch, oversampling):
+    class Watched(arrived.Forecast):
+        made, ahead = [], []
+
+        def __init__(self, *arguments):
+            super().__init__(*arguments)
+            self.made.append(self)
+
+        def transformed(self, block):
+            self.ahead.append(super().transformed(block))
+            return self.ahead[-1]
+
+    monkeypatch.setattr(session, "Forecast", Watched)
+    changes = {"size": 32, "slices": 2, "repetitions": 3, "oversampling": oversampling}
+    phantom.write(tmp_path / "p.h5", "undersampled", noise=0.01, **changes)
+    want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
+    messages = split(send.Sender(tmp_path / "p.h5"))
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        ours = socket.create_connection(listener.getsockname())
+        theirs, _ = listener.accept()
+    connection = stream.Connection(theirs, stream.TO_SERVER, 20)
+    served = session.Session(
+        connection, serve.Settings({"pixels": ["float"]}), lambda text: None, "here"
+    )
+    thread = threading.Thread(target=served.run)
+    thread.start()
+    peer = Peer(connected=ours).send(*messages[:-9])
+    until(lambda: Watched.made and Watched.made[-1]._ahead)  # lines of the last image
+    peer.send(*messages[-9:]).end()
+    thread.join(20)
+    assert Watched.ahead[-1] is not None and Watched.ahead[0] is None
+    np.testing.assert_array_equal(send.assembled(peer.images)[:, :, 0, :, 0], want)
 
 
 def test_lines_that_change_what_was_sent_have_it_sent_again(tmp_path, server):
