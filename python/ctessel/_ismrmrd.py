@@ -149,12 +149,7 @@ def header_text(header, *, coils, counts):
         "kspace_encoding_step_2": header.limits["z"],
     }
     limits.update({name: Limit(0, n - 1, 0) for name, n in counts.items()})
-    encoding = {
-        "encodedSpace": _space(header.encoded_matrix, header.encoded_fov),
-        "reconSpace": _space(header.recon_matrix, header.recon_fov),
-        "encodingLimits": {name: vars(limit) for name, limit in limits.items()},
-        "trajectory": "cartesian",
-    }
+    encoding = _encoding(header, limits)
     if header.calibration_mode:
         factors = {f"kspace_encoding_step_{i}": n for i, n in enumerate(header.acceleration, 1)}
         encoding["parallelImaging"] = {
@@ -175,15 +170,37 @@ def header_text(header, *, coils, counts):
     return ElementTree.tostring(root, encoding="unicode", xml_declaration=True)
 
 
+def _encoding(header, limits):
+    return {
+        "encodedSpace": _space(header.encoded_matrix, header.encoded_fov),
+        "reconSpace": _space(header.recon_matrix, header.recon_fov),
+        "encodingLimits": {name: vars(limit) for name, limit in limits.items()},
+        "trajectory": "cartesian",
+    }
+
+
+def with_calibration(text, header):
+    """Header text with one more encoding, that of a calibration scan."""
+    root = ElementTree.fromstring(text)
+    space = root.tag.rpartition("}")[0][1:]
+    ElementTree.register_namespace("", space)
+    extra = ElementTree.Element(f"{{{space}}}encoding")
+    limits = {f"kspace_encoding_step_{i}": header.limits[name] for i, name in ((1, "y"), (2, "z"))}
+    _add(extra, _encoding(header, limits), f"{{{space}}}")
+    at = [i for i, child in enumerate(root) if child.tag.endswith("}encoding")][-1]
+    root.insert(at + 1, extra)
+    return ElementTree.tostring(root, encoding="unicode", xml_declaration=True)
+
+
 def _space(matrix, fov):
     return {"matrixSize": dict(zip("xyz", matrix)), "fieldOfView_mm": dict(zip("xyz", fov))}
 
 
-def _add(parent, values):
+def _add(parent, values, prefix=""):
     for name, value in values.items():
         for each in value if isinstance(value, list) else [value]:
-            element = ElementTree.SubElement(parent, name)
+            element = ElementTree.SubElement(parent, prefix + name)
             if isinstance(each, dict):
-                _add(element, each)
+                _add(element, each, prefix)
             else:
                 element.text = str(each)

@@ -127,6 +127,7 @@ def _parser():
     for add in (
         _add_recon,
         _add_info,
+        _add_convert,
         _add_merge,
         _add_phantom,
         _add_warp,
@@ -310,6 +311,17 @@ def _add_info(commands):
         commands, "info", info, "tell what is in a raw data file and what would be done with it"
     )
     command.add_argument("raw", metavar="RAW")
+    _add_input(command)
+
+
+def _add_convert(commands):
+    command = _command(
+        commands, "convert", convert, "convert k-space between ISMRMRD and BART, images of ISMRMRD files to NIfTI"
+    )
+    command.add_argument("raw", metavar="IN", help="file of any format that recon reads")
+    command.add_argument(
+        "output", metavar="OUT", help="NAME.cfl is a BART pair, NAME.h5 ISMRMRD, NAME.nii or NAME.nii.gz images"
+    )
     _add_input(command)
 
 
@@ -681,6 +693,16 @@ def info(arguments):
     from .job import information
 
     _say(information(arguments.raw, arguments.group, **_given(arguments)))
+
+
+def convert(arguments):
+    """``ctessel convert``"""
+    from . import convert as conversion
+
+    told, warnings = conversion.convert(arguments.raw, arguments.output, arguments.group, **_given(arguments))
+    _tell(warnings)
+    for line in told:
+        _say(line)
 
 
 def serve(arguments):

@@ -66,6 +66,8 @@ class Given:
     def __post_init__(self):
         if self.format is not None:
             object.__setattr__(self, "format", known_format(self.format))
+        if self.calibration is not None:
+            object.__setattr__(self, "calibration", os.fspath(self.calibration))
         for name in ("fov", "lines", "centre", "axes"):
             value = getattr(self, name)
             if value is not None:
@@ -125,7 +127,7 @@ class Stored:
     transformed: bool = False  # the readout is an image already
     mask: np.ndarray | None = None  # lines along y that the file calls measured
     shifted: bool | None = False  # k = 0 of y and z is the first line; None: the samples tell
-    fov: tuple[float, ...] | None = None  # of the format, where its files do not state it
+    text: bytes | None = None  # the header in full
     told: list[str] = field(default_factory=list)
 
     def __post_init__(self):
@@ -202,7 +204,19 @@ def _pair(path, given):
     axes = [BART_AXES[axis] for axis in order]
     times = axes.index("repetition again")
     data = data.reshape(*data.shape[: times - 1], -1, *data.shape[times + 1 :], order="F")
-    return base + ".cfl", Stored("cfl", data.T, tuple(a for a in axes[::-1] if a != "repetition again"))
+    header, text = _pair_header(base, dims) if not (given.fov or given.lines or given.centre) else (None, None)
+    axes = tuple(name for name in axes[::-1] if name != "repetition again")
+    return base + ".cfl", Stored("cfl", data.T, axes, header, text=text)
+
+
+def _pair_header(base, dims):
+    """The header that `ctessel.convert` has written beside a pair, as `Header` and as text; or None twice."""
+    with contextlib.suppress(OSError, DefectError), open(base + ".xml", "rb") as file:
+        text = file.read(64 << 20)
+        header = _ismrmrd.parse(text)[0]
+        if header.encoded_matrix == tuple(dims[:3]):
+            return header, text
+    return None, None
 
 
 def read_dimensions(base):
@@ -264,7 +278,7 @@ def _hdf5(path, given):
         return None
     if kspace is None:
         raise DefectError(f'has no array "kspace"{_others(file)}', "store it under this name")
-    _check_stored(kspace)
+    check_stored(kspace)
     return path, _STORED[kind](file, kspace, given)
 
 
@@ -303,7 +317,7 @@ def _kind(file, kspace):
     )
 
 
-def _check_stored(kspace):
+def check_stored(kspace):
     """Refuse samples that the file cannot hold, before anybody waits for them."""
     nbytes, held = kspace.dtype.itemsize * math.prod(kspace.shape), kspace.id.get_storage_size()
     if kspace.id.get_create_plist().get_external_count() or kspace.is_virtual:
@@ -606,7 +620,7 @@ class Lines:
     """Reads lines of a stored array as `raw` reads acquisitions, a part of the array at a time."""
 
     def __init__(self, stored):
-        self.stored, self.found = stored, None
+        self.stored, self.found, self.header = stored, None, stored.text
         self.axes = _line_axes(stored.axes)
         self.shape = tuple(stored.extents[name] for name in self.axes)
         self._split()
@@ -643,7 +657,7 @@ class Lines:
         except (OSError, ValueError, RuntimeError, KeyError, TypeError) as error:
             text = " ".join(str(error).split())[:160]
             raise DefectError(f"its samples cannot be read ({text})", "copy it again") from None
-        samples = _complex(samples, stored.pairs)
+        samples = plain(samples, stored.pairs)
         order = [stored.axes.index(name) for name in ("x", "coil", *self.axes) if name in stored.axes]
         samples = samples.transpose(order)
         if "coil" not in stored.axes:
@@ -702,9 +716,11 @@ class Lines:
         return Block(np.asarray(numbers), block)
 
 
-def _complex(samples, pairs):
-    """complex64 of what a file holds: parts side by side or as fields, of any precision."""
+def plain(samples, pairs=False):
+    """complex64 of what a file holds, parts side by side or as fields; real numbers stay as they are."""
     samples = np.asarray(samples)
+    if samples.dtype.kind in "biuf" and not pairs:
+        return samples
     if not samples.dtype.names and not pairs:
         with np.errstate(over="ignore"):  # what is too large is not finite then, and refused
             return samples.astype(np.complex64, copy=False)
@@ -772,6 +788,7 @@ class _Both:
 
     def __init__(self, first, second, count, kept):
         self._files, self._count, self._kept = (first, second), count, kept
+        self.header = first.header
 
     def read(self, numbers):
         numbers = np.asarray(numbers)

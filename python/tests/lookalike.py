@@ -40,13 +40,20 @@ def header(shape, fov=FOV, recon=None, y=None, **more):
     return _ismrmrd.header_text(made, coils=4, counts={})
 
 
-def ismrmrd(path, samples, text=None, sampled=None):
-    """The reference: every line that is not zero as an acquisition."""
+def ismrmrd(path, samples, text=None, apart=None):
+    """The reference: every line that is not zero as an acquisition; a calibration scan has the next encoding."""
+    records = _records(samples)
+    if apart is not None:
+        records += _records(apart, encoding_space_ref=1, flags=1 << 19)
+    return foreign.write(path, records, text or header(samples.shape[:3]))
+
+
+def _records(samples, **fields):
     lines, measured = [], (samples != 0).any((0, 3))
     for y, z, s, e, r in np.argwhere(measured):
-        line = samples[:, y, z, :, s, e, r].T
-        lines.append(foreign.record(line, y, kspace_encode_step_2=z, slice=s, contrast=e, repetition=r))
-    return foreign.write(path, lines, text or header(samples.shape[:3]))
+        at = {"kspace_encode_step_2": z, "slice": s, "contrast": e, "repetition": r}
+        lines.append(foreign.record(samples[:, y, z, :, s, e, r].T, y, **at, **fields))
+    return lines
 
 
 def fastmri(path, samples, text, mask=None, single=False, **attributes):

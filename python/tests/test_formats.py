@@ -286,3 +286,125 @@ def test_hostile_files_end_in_one_line(tmp_path, capfd, write, message):
         assert cli.main([command[0], str(tmp_path / "bad"), *command[1:]]) == 1
         error = capfd.readouterr().err
         assert message in error and error.count("\n") == 1 and "fault of ctessel" not in error
+
+
+# ---- Calgary-Campinas, SKM-TEA: the readout is an image already ----------------------------------
+
+
+def volume(**more):
+    """A volume with the readout transformed, and the k-space that it has as lines."""
+    transformed = lookalike.hybrid(lookalike.kspace((32, 24, 20), **more))
+    return transformed, pipeline.to_kspace(transformed, (0,))
+
+
+@pytest.mark.parametrize("corner", [True, False], ids=["corner", "middle"])
+@pytest.mark.parametrize("partial", [False, True], ids=["full", "partial"])
+def test_volumes_of_calgary(tmp_path, corner, partial):
+    """Zeros from 85 % of z on are lines at the edge if k = 0 lies in the middle of the array."""
+    transformed, samples = volume()
+    if partial:
+        transformed[:, :, 17:], samples[:, :, 17:] = 0, 0
+    path = lookalike.calgary(tmp_path / "c", transformed[..., 0, 0, 0], corner)
+    scan = raw.read(path, fov=FOV)
+    same_bits(scan.kspace, np.asfortranarray(samples))
+    (told,) = scan.layout.warnings
+    where = "in the corner" if corner else "in the middle"
+    empty = "no line along z is zero" if not partial else f"lines {'7 to 9' if corner else '17 to 19'} along z are zero"
+    assert where in told and empty in told
+    reference = raw.read(lookalike.ismrmrd(tmp_path / "r.h5", samples))
+    images = [pipeline.reconstruct(each).image for each in (scan, reference)]
+    same_bits(*images)
+
+
+def test_lines_that_were_cleared_beside_k_0_count_as_not_measured(tmp_path):
+    """A reader clears the last of z where k = 0 is in the corner: those are lines beside the centre."""
+    transformed, _ = volume()
+    stored = np.fft.ifftshift(transformed[..., 0, 0, 0], (1, 2))
+    stored[:, :, 17:] = 0
+    path = lookalike.calgary(tmp_path / "c", stored, corner=False)
+    scan = raw.read(path, fov=FOV)
+    assert "in the corner" in scan.layout.warnings[0] and "17 to 19 along z are zero" in scan.layout.warnings[0]
+    assert not scan.layout.sampled[:, 7:10].any() and scan.layout.sampled[:, 10:].all()
+
+
+def test_volumes_of_skm_tea_with_elliptic_support(tmp_path):
+    transformed, samples = volume(echoes=2)
+    y, z = np.meshgrid((np.arange(24) - 12) / 12, (np.arange(20) - 10) / 10, indexing="ij")
+    outside = y**2 + z**2 > 1.05
+    transformed[:, outside], samples[:, outside] = 0, 0
+    path = lookalike.skmtea(tmp_path / "s", transformed[:, :, :, :, 0, :, 0])
+    reference = lookalike.ismrmrd(tmp_path / "r.h5", samples)
+    assert_same(path, {"fov": FOV}, reference)
+    with h5py.File(path, "r+") as file:
+        del file["maps"]
+    with pytest.raises(raw.RawError, match="no format that is known; name one with --format"):
+        raw.read(path)
+    same_bits(raw.read(path, format="skm-tea").kspace, raw.read(reference).kspace)
+
+
+# ---- MATLAB --------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("write", [lookalike.matlab_73, lookalike.matlab_7])
+def test_axes_of_matlab_variables(tmp_path, write):
+    """The last axes of one are not there; others than the usual axes have names."""
+    flat = lookalike.kspace((40, 48, 1))
+    scan = raw.read(write(tmp_path / "m", flat[:, :, 0, :, 0, 0, 0]))
+    same_bits(scan.kspace, flat)
+    whole = lookalike.kspace((16, 24, 12), repetitions=2)
+    path = write(tmp_path / "v", whole[:, :, :, :, 0, 0])
+    scan = raw.read(path, axes=("x", "y", "z", "coil", "repetition"))
+    same_bits(scan.kspace, whole)
+    with pytest.raises(raw.RawError, match="has 5 axes, more than x, y, coil; name all with --array-axes"):
+        raw.read(path, axes=("x", "y", "coil"))
+    with pytest.raises(ValueError, match="axes: expected some of x, y"):
+        raw.read(path, axes=("x", "coil"))
+
+
+def test_variables_that_are_no_kspace(tmp_path):
+    samples = lookalike.kspace((16, 16, 1))[:, :, 0, :, 0, 0, 0]
+    for kind, name, message in ((b"logical", "kspace", "is real or logical"), (b"single", "data", "but data, mask")):
+        with pytest.raises(raw.RawError, match=message):
+            raw.read(lookalike.matlab_73(tmp_path / "m", samples, name, kind))
+    with pytest.raises(raw.RawError, match='its variable "kspace" is float64'):
+        raw.read(lookalike.matlab_7(tmp_path / "7", samples.real.astype(float)))
+    wide = lookalike.matlab_7(tmp_path / "w", samples.astype(complex))
+    same_bits(raw.read(wide).kspace[:, :, 0, :, 0, 0, 0], np.asfortranarray(samples))
+
+
+# ---- Calibration in a file of its own ------------------------------------------------------------
+
+
+def test_calibration_of_another_file_is_that_of_the_same_file(tmp_path):
+    """A scan of every second line, and 16 x 16 samples that calibrate it, in one file and in two."""
+    whole = lookalike.kspace((40, 48, 1), slices=2)
+    samples, small = lookalike.keep(whole, lines(48, 2)), np.asfortranarray(0.9 * whole[12:28, 16:32])
+    text = lookalike.header((40, 48, 1))
+    own = lookalike.header((16, 16, 1)).split("<encoding>")[1].split("</encoding>")[0]
+    both = text.replace("</encoding>", f"</encoding><encoding>{own}</encoding>")
+    reference = lookalike.ismrmrd(tmp_path / "b.h5", samples, both, apart=small)
+    scan = cfl(tmp_path / "scan", samples)[0]
+    lookalike.ismrmrd(tmp_path / "scan.h5", samples)
+    lookalike.ismrmrd(tmp_path / "small.h5", small, lookalike.header((16, 16, 1)))
+    cfl(tmp_path / "small", small)
+    pairs = [(scan, "small.h5"), (tmp_path / "scan.h5", "small.cfl"), (scan, "small")]
+    sos = pipeline.Options(combine="sos")
+    want = pipeline.reconstruct(raw.read(reference), sos).image
+    for path, calibration in pairs:
+        given = {"calibration": str(tmp_path / calibration), **({"fov": FOV} if path == scan else {})}
+        same_bits(pipeline.reconstruct(raw.read(path, **given), sos).image, want)
+        source = pickle.loads(pickle.dumps(raw.Source(raw.contents(path, **given))))
+        same_bits(source.separate(1), np.asfortranarray(small[:, :, :, :, 1, 0, 0]))
+    assert recon(scan, tmp_path / "i.nii", "--fov", *FOV, "--calibration", tmp_path / "small", "--workers", 2) == 0
+    np.testing.assert_array_equal(nibabel.load(tmp_path / "i.nii").get_fdata(), want[:, :, 0, :, 0, 0])
+
+
+def test_calibration_files_that_do_not_fit(tmp_path, capfd):
+    samples = scan_of("undersampled")
+    lookalike.ismrmrd(tmp_path / "r.h5", samples)
+    cfl(tmp_path / "one", samples[:, :, :, :, :1])
+    cfl(tmp_path / "coils", samples[:, :, :, :2])
+    for name, message in (("one", "lacks slice 1"), ("coils", "has 2 coils"), ("none", "No such file")):
+        assert recon(tmp_path / "r.h5", tmp_path / "i.nii", "--calibration", tmp_path / name) == 1
+        error = capfd.readouterr().err
+        assert message in error and error.count("\n") == 1
