@@ -8,7 +8,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-from . import runtime
+from . import options, runtime
 
 EXIT_CODES = """exit codes:
   0    done
@@ -177,7 +177,7 @@ def _add_recon(commands):
     )
     _add_bids(command)
     _add_input(command)
-    _add_steps(command)
+    options.add_steps(command)
     _add_resources(command)
 
 
@@ -206,13 +206,13 @@ def _add_input(command):
         help="ismrmrd, fastmri, m4raw, calgary, skmtea, cfl or matlab; by default what the content shows",
     )
     group.add_argument(
-        "--fov", type=_size, nargs=3, metavar=("X", "Y", "Z"), help="field of view in mm; of slices Z is their thickness"
+        "--fov", type=options.size, nargs=3, metavar=("X", "Y", "Z"), help="field of view in mm; of slices Z is their thickness"
     )
     group.add_argument(
-        "--lines", type=_positive, nargs="+", metavar="N", help="lines of the whole k-space: Y, Y Z, or X Y Z"
+        "--lines", type=options.positive, nargs="+", metavar="N", help="lines of the whole k-space: Y, Y Z, or X Y Z"
     )
     group.add_argument(
-        "--centre", type=_index, nargs="+", metavar="N", help="which line of the file is k = 0, from 0: Y, Y Z, or X Y Z"
+        "--centre", type=options.index, nargs="+", metavar="N", help="which line of the file is k = 0, from 0: Y, Y Z, or X Y Z"
     )
     group.add_argument(
         "--array-axes", type=_axes, metavar="NAMES", help="of a MATLAB variable: x,y,coil,slice,repetition is the default"
@@ -231,54 +231,9 @@ def _given(arguments):
     return given
 
 
-def _add_steps(command):
-    steps = command.add_argument_group("steps")
-    steps.add_argument(
-        "--ringing",
-        type=_share,
-        default=0.0,
-        metavar="S",
-        help="filter against ringing, strength 0 (none, the default) to 0.915",
-    )
-    steps.add_argument(
-        "--pad",
-        type=_positive,
-        nargs=3,
-        metavar=("X", "Y", "Z"),
-        help="voxels of the image; more than were measured interpolate by zero filling",
-    )
-    steps.add_argument(
-        "--regularise",
-        type=_level,
-        default=0.0,
-        metavar="SCALE",
-        help="regularise SENSE; 1 trusts the level of the calibration image",
-    )
-    steps.add_argument(
-        "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
-    )
-    _add_coefficients(steps, "the file says")
-    _add_dims(steps)
-    steps.add_argument(
-        "--combine",
-        choices=("sos", "phase"),
-        default="sos",
-        help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
-    )
-    steps.add_argument(
-        "--partial",
-        choices=("auto", "zero", "homodyne", "pocs"),
-        default="auto",
-        help="lines that a partial scan lacks: zeros, homodyne, POCS, or the better of zeros and "
-        "POCS for each slice (auto, the default)",
-    )
-    steps.add_argument("--no-homodyne", action="store_true", help="the same as --partial zero")
-    steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
-
-
 def _add_resources(command):
     resources = command.add_argument_group("resources")
-    resources.add_argument("--threads", type=_positive, metavar="N", help="threads of the kernels")
+    resources.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels")
     resources.add_argument(
         "--range",
         nargs=3,
@@ -296,7 +251,7 @@ def _add_resources(command):
     resources.add_argument(
         "--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory"
     )
-    resources.add_argument("--workers", type=_positive, metavar="N", help="processes to start here")
+    resources.add_argument("--workers", type=options.positive, metavar="N", help="processes to start here")
     resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
 
 
@@ -338,9 +293,9 @@ def _add_phantom(commands):
     command.add_argument("kind", metavar="KIND", help="kind of scan; 'list' shows all")
     command.add_argument("-o", "--output", metavar="RAW.h5")
     for name in ("size", "coils", "slices", "partitions", "repetitions", "echoes", "averages"):
-        command.add_argument(f"--{name}", type=_positive, metavar="N")
+        command.add_argument(f"--{name}", type=options.positive, metavar="N")
     command.add_argument(
-        "--noise", type=_level, metavar="LEVEL", help="standard deviation per sample and part"
+        "--noise", type=options.level, metavar="LEVEL", help="standard deviation per sample and part"
     )
     command.add_argument("--seed", type=int, metavar="N")
 
@@ -353,9 +308,9 @@ def _add_warp(commands):
     command.add_argument("-o", "--output", required=True, metavar="WARP.nii.gz", type=_nifti_name)
     command.add_argument("--like", metavar="IMAGE.nii.gz", help="the image that it is for")
     command.add_argument(
-        "--extent", type=_size, metavar="MM", help="side of a cube around the isocentre (500)"
+        "--extent", type=options.size, metavar="MM", help="side of a cube around the isocentre (500)"
     )
-    command.add_argument("--spacing", type=_size, metavar="MM", help="between its voxels (5)")
+    command.add_argument("--spacing", type=options.size, metavar="MM", help="between its voxels (5)")
     command.add_argument(
         "--type",
         choices=("itk", "fsl", "fsl-abs", "ras"),
@@ -368,7 +323,7 @@ def _add_warp(commands):
         default="unwarp",
         help="from true positions to encoded ones (unwarp, the default), or the inverse",
     )
-    _add_dims(command)
+    options.add_dims(command)
     command.add_argument(
         "--jacobian",
         metavar="J.nii.gz",
@@ -410,42 +365,14 @@ def _add_unwarp(commands):
 
 
 def _add_field(command):
-    _add_coefficients(command, "the sidecar's PatientPosition says")
-    command.add_argument("--threads", type=_positive, metavar="N")
-
-
-def _add_coefficients(command, said):
-    command.add_argument(
-        "--position",
-        metavar="POSITION",
-        type=_patient_position,
-        help=f"how the patient lay, in place of what {said}: HFS, HFP, FFS, FFP",
-    )
-    command.add_argument(
-        "--radius", type=_size, metavar="MM", help="of the coefficients, in place of their file's"
-    )
-    command.add_argument(
-        "--axes",
-        metavar="LPS",
-        type=_gradient_axes,
-        help="where the gradients' axes point, head first on the back, in place of the file's form",
-    )
-
-
-def _add_dims(command):
-    command.add_argument(
-        "--dims",
-        type=int,
-        choices=(3, 2, 1),
-        default=3,
-        help="correct all (3, the default), in the plane of the slices (2), across them (1)",
-    )
+    options.add_coefficients(command, "the sidecar's PatientPosition says")
+    command.add_argument("--threads", type=options.positive, metavar="N")
 
 
 def _add_serve(commands):
     command = _command(commands, "serve", serve, "make images of ISMRMRD streams while they come")
     command.add_argument("--host", default="127.0.0.1", help="address to listen on")
-    command.add_argument("--port", type=_port, default=9002, help="0 for any that is free")
+    command.add_argument("--port", type=options.port, default=9002, help="0 for any that is free")
     command.add_argument("--stdio", action="store_true", help="one stream, from stdin to stdout")
     command.add_argument(
         "--config",
@@ -457,28 +384,19 @@ def _add_serve(commands):
     command.add_argument(
         "--save", type=Path, metavar="FOLDER", help="keep the raw data of each scan as a file there"
     )
-    command.add_argument("--threads", type=_positive, metavar="N", help="threads of the kernels")
+    command.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels")
     command.add_argument(
-        "--connections", type=_positive, default=8, metavar="N", help="served at once (default: 8)"
+        "--connections", type=options.positive, default=8, metavar="N", help="served at once (default: 8)"
     )
     command.add_argument(
         "--timeout",
-        type=_seconds,
+        type=options.seconds,
         default=300.0,
         metavar="SECONDS",
         help="silence that ends a connection (default: 300)",
     )
-    _add_steps(command)
-    _add_pixels(command)
-
-
-def _add_pixels(command):
-    command.add_argument(
-        "--pixels",
-        choices=("int16", "float", "complex"),
-        default="int16",
-        help="int16 magnitudes with one scale for a series (the default), or images as they are",
-    )
+    options.add_steps(command)
+    options.add_pixels(command)
 
 
 def _add_send(commands):
@@ -500,72 +418,23 @@ def _add_send(commands):
         "--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}'
     )
     command.add_argument(
-        "--timeout", type=_seconds, default=300.0, metavar="SECONDS", help="silence that ends it"
+        "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="silence that ends it"
     )
     _add_group(command)
 
 
-def _number(kind, accept, what):
-    def convert(text):
-        try:
-            value = kind(text)
-        except ValueError:
-            value = None
-        if value is None or not accept(value):
-            raise argparse.ArgumentTypeError(f"expected {what}, got {text!r}")
-        return value
-
-    return convert
-
-
-_positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
-_index = _number(int, lambda n: n >= 0, "a whole number of at least 0")
-_level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
-_size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
-_seconds = _number(float, lambda x: 0 < x < 1e6, "a number of seconds")
-_port = _number(int, lambda n: 0 <= n < 65536, "0 to 65535")
-_share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
-
-
-def _checked(check):
-    """A type of argument from a function that raises ValueError."""
-
-    def convert(text):
-        try:
-            return check(text)
-        except ValueError as error:
-            raise argparse.ArgumentTypeError(str(error)) from None
-
-    return convert
-
-
-@_checked
+@options.checked
 def _format(text):
     from .formats import known_format
 
     return known_format(text)
 
 
-@_checked
+@options.checked
 def _axes(text):
     from .formats import check_axes
 
     return check_axes(tuple(text.replace(",", " ").split()))
-
-
-def _patient_position(text):
-    from .gradients import POSITIONS
-
-    if text not in POSITIONS:
-        raise argparse.ArgumentTypeError(f"expected one of {', '.join(POSITIONS)}, got {text!r}")
-    return text
-
-
-@_checked
-def _gradient_axes(text):
-    from .gradients import check_axes
-
-    return check_axes(text)
 
 
 def _label(text):
@@ -591,7 +460,7 @@ def _png_name(text):
     return Path(text)
 
 
-@_checked
+@options.checked
 def _nifti_name(text):
     from .nifti import base_name
 

@@ -412,9 +412,21 @@ def _unfolded(plan, pattern, basis, lines):
     coils = unshifted_kspace(coils, (1, 2), threads)
     if pattern.keeps_lines:
         measured = resize(lines, pattern.full, threads)
+        there = _there(pattern, measured)
         for centred, first in moved(pattern.full, (1, 2)):
-            np.copyto(coils[first], measured[centred], where=measured[centred] != 0)
+            np.copyto(coils[first], measured[centred], where=there[(slice(None), *centred[1:])])
     return coils
+
+
+def _there(pattern, lines):
+    """Lines that were measured, ``(1, y, z, 1, echo, repetition)``: those that are not 0 in all coils."""
+    there = np.zeros((1, *lines.shape[1:3], 1, *lines.shape[4:]), bool)
+    expected = np.count_nonzero(pattern.mask) * int(np.prod(lines.shape[4:]))
+    for coil in range(lines.shape[3]):
+        there |= lines[:, :, :, coil : coil + 1].any(0, keepdims=True)
+        if np.count_nonzero(there) == expected:  # none was lost
+            break
+    return there
 
 
 def _weighted(plan, pattern, basis, folded):

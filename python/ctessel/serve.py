@@ -16,7 +16,7 @@ import time
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 
-from . import job, runtime, stream
+from . import job, options, runtime, stream
 from .session import Session
 
 #: Refused connections that are given time to read why.
@@ -35,11 +35,9 @@ class _Parser(argparse.ArgumentParser):
 
 def _steps():
     """A parser of the steps' options alone."""
-    from . import cli
-
     parser = _Parser(add_help=False, allow_abbrev=False)
-    cli._add_steps(parser)
-    cli._add_pixels(parser)
+    options.add_steps(parser)
+    options.add_pixels(parser)
     return parser
 
 
@@ -75,10 +73,10 @@ class Settings:
         line = [word for name, texts in words.items() for word in (f"--{name}", *texts)]
         arguments = _steps().parse_args(line)
         arguments.threads = self.threads
-        options = job.options(arguments)
+        made = job.options(arguments)
         if arguments.pixels == "complex":
-            options = replace(options, combine="pcsos")
-        return options, arguments.pixels
+            made = replace(made, combine="pcsos")
+        return made, arguments.pixels
 
 
 def _words(name, value, trusted):

@@ -1,7 +1,7 @@
 """One scan through a connection: raw data come in, images go out while it still runs.
 
-Messages are received by a thread of their own, so that the sender need not wait for a reconstruction.
-What of the scan is complete is reconstructed at once where nothing that follows can change it, the
+Messages are received by a thread of their own, so that the sender need not wait for a
+reconstruction. What of the scan is complete is reconstructed at once where nothing that follows can change it, the
 rest at the end; both with the bits that the same data have as a file.
 """
 
@@ -32,6 +32,8 @@ KEPT = 256 << 20
 PROPORTION = 64
 #: Sensitivities that are kept for later repetitions.
 BASES = 512 << 20
+#: What streams can cause; all else is a fault of the system itself.
+CAUSED = (ValueError, RuntimeError, MemoryError, runtime.DoesNotFitError)
 #: Coils where the header does not say how many there are.
 MOST_COILS = 1024
 
@@ -53,7 +55,9 @@ class Report:
     def text(self):
         """The report as JSON, times in milliseconds."""
         times = sorted(1000 * t for t in self.latencies)
-        latency = {"median": round(float(np.median(times)), 1), "worst": round(times[-1], 1)} if times else {}
+        latency = {}
+        if times:
+            latency = {"median": round(float(np.median(times)), 1), "worst": round(times[-1], 1)}
         return json.dumps({
             "acquisitions": self.acquisitions, "images": self.images, "early": self.early,
             "clipped": self.clipped, "latency_ms": latency, "seconds": round(self.seconds, 3),
@@ -89,11 +93,11 @@ class Session:
                 return False
             self._scan()
             return True
-        except (ValueError, RuntimeError, MemoryError, runtime.DoesNotFitError) as error:
+        except Exception as error:
             self._complain(error)
             return True
         except SystemExit:
-            self._complain("the server ends")
+            self._complain(StreamError("the server ends"))
             raise
         finally:
             self.report.seconds = time.monotonic() - begun
@@ -102,6 +106,8 @@ class Session:
 
     def _complain(self, error):
         words = " ".join(str(error).split()) or type(error).__name__
+        if not isinstance(error, CAUSED):
+            words = f"fault of ctessel, {type(error).__name__}: {words}"
         self.report.error = self.report.error or words
         self._log(f"error: {words}")
         with contextlib.suppress(StreamError):
@@ -152,7 +158,9 @@ class Session:
         if name in self._settings.configs:
             self._words = {**self._settings.words, **self._settings.configs[name]}
         elif name:
-            self._log(f"no configuration is called {name[:80]!r}; the options of the command are used")
+            self._log(
+                f"no configuration is called {name[:80]!r}; the options of the command are used"
+            )
 
     def _parameters(self, found):
         if found is None:

@@ -121,8 +121,8 @@ def split(sender, **options):
 class Peer:
     """A client that sends what it is told to."""
 
-    def __init__(self, address=None, connected=None):
-        self.socket = connected or socket.create_connection(address, 20)
+    def __init__(self, address):
+        self.socket = socket.create_connection(address, 20)
         self.connection = stream.Connection(self.socket, stream.TO_CLIENT, 20)
         self.connection.acquisitions.allow(0, 1 << 30, 1 << 30)
         self.images, self.lines, self.closed = [], [], False
@@ -148,6 +148,21 @@ class Peer:
         self.receive()
         self.socket.close()
         return self
+
+
+@contextlib.contextmanager
+def served_here():
+    """A peer whose session runs in this process."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        peer = Peer(listener.getsockname())
+        connection = stream.Connection(listener.accept()[0], stream.TO_SERVER, 20)
+    settings = serve.Settings({"pixels": ["float"]})
+    made = session.Session(connection, settings, lambda text: None, "here")
+    thread = threading.Thread(target=made.run)
+    thread.start()
+    yield peer
+    peer.socket.close()
+    thread.join(20)
 
 
 def reconstructed(file, folder, *options):
@@ -262,19 +277,10 @@ def test_lines_find_their_places_while_others_come(tmp_path, monkeypatch, oversa
     phantom.write(tmp_path / "p.h5", "undersampled", noise=0.01, **changes)
     want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
     messages = split(send.Sender(tmp_path / "p.h5"))
-    with socket.create_server(("127.0.0.1", 0)) as listener:
-        ours = socket.create_connection(listener.getsockname())
-        theirs, _ = listener.accept()
-    connection = stream.Connection(theirs, stream.TO_SERVER, 20)
-    served = session.Session(
-        connection, serve.Settings({"pixels": ["float"]}), lambda text: None, "here"
-    )
-    thread = threading.Thread(target=served.run)
-    thread.start()
-    peer = Peer(connected=ours).send(*messages[:-9])
-    until(lambda: Watched.made and Watched.made[-1]._ahead)  # lines of the last image
-    peer.send(*messages[-9:]).end()
-    thread.join(20)
+    with served_here() as peer:
+        peer.send(*messages[:-9])
+        until(lambda: Watched.made and Watched.made[-1]._ahead)  # lines of the last image
+        peer.send(*messages[-9:]).end()
     assert Watched.ahead[-1] is not None and Watched.ahead[0] is None
     np.testing.assert_array_equal(send.assembled(peer.images)[:, :, 0, :, 0], want)
 
@@ -473,11 +479,22 @@ def test_broken_streams_end_in_an_error_and_leave_nothing(server, small):
         name = list(cases)[number % len(cases)]
         peer = Peer(server.address).send(*cases[name]).end()
         assert [line[:17] for line in peer.lines][-1:] == ["ERROR    ctessel:"], name
-        assert "fault of ctessel" not in "".join(peer.lines), (name, peer.lines)
+        assert "fault of ctessel" not in "".join(peer.lines + server.log), (name, peer.lines)
         most = max(most, server.resident()[0])
     after = server.settled()
     assert after[0] - before[0] < 60e6 and after[1] - before[1] <= 2 and most - before[0] < 600e6
     assert len(Peer(server.address).send(*small).end().images) == 1
+
+
+@pytest.mark.parametrize("step", ["make_plan", "parse"])
+def test_faults_of_the_system_are_told_as_such(small, monkeypatch, step):
+    def fails(*_):
+        raise TypeError("'NoneType' object")
+
+    monkeypatch.setattr(session, step, fails)
+    with served_here() as peer:
+        peer.send(*small).end()
+    assert peer.lines == ["ERROR    ctessel: fault of ctessel, TypeError: 'NoneType' object"]
 
 
 def test_a_stream_may_be_cut_anywhere(server, small):

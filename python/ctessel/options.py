@@ -1,0 +1,140 @@
+"""Options of the steps, which every command that reconstructs has, and types of arguments."""
+
+import argparse
+
+
+# ---- Types ---------------------------------------------------------------------------------------
+
+
+def _number(kind, accept, what):
+    def convert(text):
+        try:
+            value = kind(text)
+        except ValueError:
+            value = None
+        if value is None or not accept(value):
+            raise argparse.ArgumentTypeError(f"expected {what}, got {text!r}")
+        return value
+
+    return convert
+
+
+positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
+index = _number(int, lambda n: n >= 0, "a whole number of at least 0")
+level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
+size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
+seconds = _number(float, lambda x: 0 < x < 1e6, "a number of seconds")
+port = _number(int, lambda n: 0 <= n < 65536, "0 to 65535")
+share = _number(float, lambda x: 0 <= x <= 0.915, "0 to 0.915")
+
+
+def checked(check):
+    """A type of argument from a function that raises ValueError."""
+
+    def convert(text):
+        try:
+            return check(text)
+        except ValueError as error:
+            raise argparse.ArgumentTypeError(str(error)) from None
+
+    return convert
+
+
+def patient_position(text):
+    from .gradients import POSITIONS
+
+    if text not in POSITIONS:
+        raise argparse.ArgumentTypeError(f"expected one of {', '.join(POSITIONS)}, got {text!r}")
+    return text
+
+
+@checked
+def gradient_axes(text):
+    from .gradients import check_axes
+
+    return check_axes(text)
+
+
+# ---- Options -------------------------------------------------------------------------------------
+
+
+def add_steps(command):
+    steps = command.add_argument_group("steps")
+    steps.add_argument(
+        "--ringing",
+        type=share,
+        default=0.0,
+        metavar="S",
+        help="filter against ringing, strength 0 (none, the default) to 0.915",
+    )
+    steps.add_argument(
+        "--pad",
+        type=positive,
+        nargs=3,
+        metavar=("X", "Y", "Z"),
+        help="voxels of the image; more than were measured interpolate by zero filling",
+    )
+    steps.add_argument(
+        "--regularise",
+        type=level,
+        default=0.0,
+        metavar="SCALE",
+        help="regularise SENSE; 1 trusts the level of the calibration image",
+    )
+    steps.add_argument(
+        "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
+    )
+    add_coefficients(steps, "the file says")
+    add_dims(steps)
+    steps.add_argument(
+        "--combine",
+        choices=("sos", "phase"),
+        default="sos",
+        help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
+    )
+    steps.add_argument(
+        "--partial",
+        choices=("auto", "zero", "homodyne", "pocs"),
+        default="auto",
+        help="lines that a partial scan lacks: zeros, homodyne, POCS, or the better of zeros and "
+        "POCS for each slice (auto, the default)",
+    )
+    steps.add_argument("--no-homodyne", action="store_true", help="the same as --partial zero")
+    steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
+
+
+def add_coefficients(command, said):
+    command.add_argument(
+        "--position",
+        metavar="POSITION",
+        type=patient_position,
+        help=f"how the patient lay, in place of what {said}: HFS, HFP, FFS, FFP",
+    )
+    command.add_argument(
+        "--radius", type=size, metavar="MM", help="of the coefficients, in place of their file's"
+    )
+    command.add_argument(
+        "--axes",
+        metavar="LPS",
+        type=gradient_axes,
+        help="where the gradients' axes point, head first on the back, in place of the file's form",
+    )
+
+
+def add_dims(command):
+    command.add_argument(
+        "--dims",
+        type=int,
+        choices=(3, 2, 1),
+        default=3,
+        help="correct all (3, the default), in the plane of the slices (2), across them (1)",
+    )
+
+
+def add_pixels(command):
+    command.add_argument(
+        "--pixels",
+        choices=("int16", "float", "complex"),
+        default="int16",
+        help="int16 magnitudes with one scale for a series (the default), or images as they are",
+    )
