@@ -3,13 +3,13 @@
 #include <omp.h>
 
 #include <Eigen/Dense>
-#include <catch2/catch.hpp>
 #include <complex>
 #include <numbers>
 #include <random>
 #include <vector>
 
 #include "ctessel.hpp"
+#include "support.h"
 
 namespace {
 
