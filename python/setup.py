@@ -48,7 +48,7 @@ setup(
     python_requires=">=3.10",
     install_requires=["numpy>=1.20"],
     packages=["ctessel"],
-    package_data={"ctessel": ["py.typed"]},
+    package_data={"ctessel": ["py.typed", "niivue.umd.js"]},
     ext_modules=[Extension("ctessel._core", sources=[]),
                  Extension("ctessel._raw", sources=[], optional=True)],
     extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib", "h5py"],

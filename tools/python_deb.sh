@@ -4,6 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install_packages.sh packages.txt
 tools/install_packages.sh python/packages.txt
+tools/viewer.sh
 
 export PATH=/usr/bin:$PATH # Debian's Python, whatever else is installed
 version=$(sed -nE 's/^project\(cTessel VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)

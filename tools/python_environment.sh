@@ -4,6 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install_packages.sh packages.txt >&2
 tools/install_packages.sh python/packages.txt >&2
+tools/viewer.sh
 
 export PATH=/usr/bin:$PATH # Debian's Python, cmake and ninja, whatever else is installed
 environment=$PWD/build/python/environment

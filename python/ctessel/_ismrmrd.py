@@ -6,6 +6,9 @@ import xml.etree.ElementTree as ElementTree
 from .acquisitions import DefectError
 from .scan import Header, Limit
 
+#: The user's parameter that tells how a phantom was made.
+PHANTOM = "ctessel_phantom"
+
 
 def parse(text):
     """One `Header` for each encoding of the header text.
@@ -70,7 +73,15 @@ def _told(root):
         "field_strength": sum(_figures(root, f"{system}/systemFieldStrength_T")[:1]),
         "frequency": sum(_figures(root, "experimentalConditions/H1resonanceFrequency_Hz")[:1]),
         "scanner": {name: text for name, text in scanner.items() if text},
+        "phantom": _user_text(root, PHANTOM),
     }
+
+
+def _user_text(root, name):
+    for found in root.findall(_path("userParameters/userParameterString")):
+        if _text(found, "name", "") == name:
+            return _text(found, "value", "")
+    return ""
 
 
 def _figures(root, name):
@@ -166,6 +177,7 @@ def header_text(header, *, coils, counts):
         "encoding": encoding,
         "sequenceParameters": {
             "TR": header.tr, "TE": header.te, "TI": header.ti, "flipAngle_deg": header.flip_angle},
+        "userParameters": [{"userParameterString": {"name": PHANTOM, "value": header.phantom}}] * bool(header.phantom),
     })  # fmt: skip
     return ElementTree.tostring(root, encoding="unicode", xml_declaration=True)
 

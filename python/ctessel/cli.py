@@ -3,6 +3,7 @@
 import argparse
 import contextlib
 import os
+import shlex
 import signal
 import sys
 import tempfile
@@ -48,6 +49,7 @@ def main(argv=None):
 def _main(argv):
     parser = _parser()
     arguments = parser.parse_args(argv)
+    arguments.command_line = shlex.join(["ctessel", *(sys.argv[1:] if argv is None else argv)])
     try:
         return arguments.run(arguments) or DONE
     except UsageError as error:
@@ -129,6 +131,7 @@ def _parser():
         _add_info,
         _add_convert,
         _add_merge,
+        _add_view,
         _add_phantom,
         _add_warp,
         _add_unwarp,
@@ -168,6 +171,12 @@ def _add_recon(commands):
     )
     command.add_argument(
         "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
+    )
+    command.add_argument(
+        "--report",
+        metavar="REPORT.html",
+        type=_html_name,
+        help="also a page with all that was done, pictures of every step, and a viewer",
     )
     command.add_argument(
         "--dry-run", action="store_true", help="say what would be done, and do nothing"
@@ -285,6 +294,12 @@ def _add_merge(commands):
     command.add_argument("parts", nargs="+", metavar="PART.nii.gz")
     command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name)
     command.add_argument("--gaps", action="store_true", help="parts need not follow each other")
+
+
+def _add_view(commands):
+    command = _command(commands, "view", view, "write a page with pictures and a viewer of images")
+    command.add_argument("images", nargs="+", metavar="IMAGE.nii.gz")
+    command.add_argument("-o", "--output", required=True, metavar="PAGE.html", type=_html_name)
 
 
 def _add_phantom(commands):
@@ -435,6 +450,14 @@ def _axes(text):
     from .formats import check_axes
 
     return check_axes(tuple(text.replace(",", " ").split()))
+
+
+def _html_name(text):
+    if not text.endswith(".html"):
+        raise argparse.ArgumentTypeError(
+            f"{text}: is to be a page; give it a name that ends in .html"
+        )
+    return Path(text)
 
 
 def _label(text):
@@ -593,6 +616,13 @@ def merge(arguments):
     from . import nifti
 
     nifti.merge(arguments.parts, arguments.output, arguments.gaps)
+
+
+def view(arguments):
+    """``ctessel view``"""
+    from .view import write
+
+    write(arguments.images, arguments.output, arguments.command_line)
 
 
 def phantom(arguments):

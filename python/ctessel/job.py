@@ -24,6 +24,10 @@ class Job:
         """The images. `show` gives a progress bar: a context manager of what and in which unit."""
         with self._client() as client:
             source = self._source(client, show)
+            if self.arguments.report:
+                from . import inspection
+
+                self._seen = inspection.look(self.plan, source)
             with show("reconstructing", "volumes") as progress:
                 result = pipeline.reconstruct(source, None, progress, client, plan=self.plan)
         if not np.isfinite(result.image).all():
@@ -84,11 +88,21 @@ class Job:
                     )
             if self.arguments.preview:
                 report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
+            if self.arguments.report:
+                self._report(staged.path(self.arguments.report), result)
             if self._folder:
                 self._folder.describe(staged)
             staged.commit()
         if self._folder:
             self._folder.enlist()
+
+    def _report(self, path, result):
+        from . import summary
+
+        run = summary.Run(
+            self.found, self.plan, result, self._seen, self.affine, self.arguments.command_line
+        )
+        summary.write(path, run)
 
     def _write(self, staged, result, image, volumes):
         told = self._sidecar(result, image)
@@ -132,10 +146,10 @@ class Job:
 
     def check_outputs(self):
         """Refuse names that no file can be made of."""
-        preview = [self.arguments.preview] if self.arguments.preview else []
+        beside = [name for name in (self.arguments.preview, self.arguments.report) if name]
         for folder in self._dicom():
             dicom.check(folder)
-        for name in [*self.names(), *map(nifti.sidecar_path, self.names()), *preview]:
+        for name in [*self.names(), *map(nifti.sidecar_path, self.names()), *beside]:
             if self._folder and self._folder.path in name.parents:
                 files.check_folder(name.parent)
                 if not name.parent.exists():
@@ -168,7 +182,7 @@ class Job:
         """What would be done, for people."""
         names = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
         names += [f"DICOM files in {folder}" for folder in self._dicom()]
-        names += [self.arguments.preview] if self.arguments.preview else []
+        names += [name for name in (self.arguments.preview, self.arguments.report) if name]
         return report.intentions(self.found, self.plan, self.needed, names)
 
 

@@ -7,8 +7,9 @@
 '44 of 64'
 """
 
+import json
 import os
-from dataclasses import dataclass, replace
+from dataclasses import asdict, dataclass, replace
 
 import numpy as np
 
@@ -152,6 +153,14 @@ def truth(phantom):
     stack = np.stack(volumes, -1)[..., None, None]
     decay = 0.8 ** np.arange(phantom.echoes)[:, None] * np.ones(phantom.repetitions)
     return np.asfortranarray(stack * decay, np.complex64)
+
+
+def known_truth(header):
+    """The object of a file that `write` has made; None for others."""
+    try:
+        return truth(Phantom(**json.loads(header.phantom)))
+    except (TypeError, ValueError):
+        return None
 
 
 def _grid(shape):
@@ -322,7 +331,7 @@ def _header_text(phantom):
         encoded_fov=(field[0] * phantom.oversampling, *field[1:]),
         recon_matrix=matrix, recon_fov=tuple(field), limits=limits, acceleration=phantom.reduction,
         calibration_mode=mode, tr=[500.0], te=[5.0 * (e + 1) for e in range(phantom.echoes)],
-        flip_angle=[60.0], field_strength=1.5, protocol="phantom", patient_position="HFS",
+        flip_angle=[60.0], field_strength=1.5, phantom=json.dumps(asdict(phantom)), protocol="phantom", patient_position="HFS",
     )  # fmt: skip
     counts = {
         "average": phantom.averages,

@@ -5,7 +5,7 @@ import platform
 import numpy as np
 import scipy
 
-from . import __version__, raw, runtime
+from . import __version__, png, raw, runtime
 from .files import printable
 
 #: Python with its modules, blocks of the file, and freed memory that is kept.
@@ -107,23 +107,10 @@ def versions():
 
 def save_preview(path, image, field):
     """A picture of all slices of the first echo and repetition, x to the right and y downwards."""
-    import matplotlib
+    path.write_bytes(png.encode(png.grey(png.mosaic(png.square(planes(image), field)))))
 
-    matplotlib.use("Agg")
-    from matplotlib import pyplot
 
+def planes(image):
+    """Magnitudes of all slices or partitions of the first echo and repetition, ``(x, y, number)``."""
     volume = np.abs(image[..., 0, 0]).astype(np.float32)
-    slices = volume.reshape((*volume.shape[:2], -1), order="F")
-    if slices.shape[2] > 36:
-        slices = slices[:, :, np.linspace(0, slices.shape[2] - 1, 36).astype(int)]
-    columns = int(np.ceil(np.sqrt(slices.shape[2])))
-    rows = -(-slices.shape[2] // columns)
-    nx, ny = slices.shape[:2]
-    mosaic = np.zeros((rows * ny, columns * nx), np.float32)
-    for i in range(slices.shape[2]):
-        row, column = divmod(i, columns)
-        mosaic[row * ny : (row + 1) * ny, column * nx : (column + 1) * nx] = slices[:, :, i].T
-    shape = field[1] * nx / (field[0] * ny)  # height of a pixel over its width
-    height = max(1, round(mosaic.shape[0] * shape))
-    mosaic = mosaic[(np.arange(height) / shape).astype(int).clip(max=mosaic.shape[0] - 1)]
-    pyplot.imsave(path, mosaic, cmap="gray", vmin=0, vmax=np.percentile(mosaic, 99.8) or 1)
+    return volume.reshape((*volume.shape[:2], -1), order="F")

@@ -59,6 +59,7 @@ class Header:
     frequency: float = 0.0  # of hydrogen, Hz; 0 where it is not known
     dwell: float = 0.0  # between samples of a readout, us; 0 where it is not known
     scanner: dict[str, str] = field(default_factory=dict)  # "vendor", "model", "institution"
+    phantom: str = ""  # parameters of the phantom that was measured, JSON
     #: First and last line of each repetition by the scanner's clock, in s; empty where it has none.
     volumes: list[tuple[float, float]] = field(default_factory=list)
 

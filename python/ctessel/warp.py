@@ -467,13 +467,13 @@ def load(path):
     size = abs(np.linalg.det(file.affine[:3, :3])) if np.isfinite(file.affine).all() else 0
     if not (size > 0 and len(shape) >= 3 and min(shape) > 0):
         raise ValueError(f"{path}: has voxels without a volume; its affine or extents are no use")
-    return Image(path, file, Grid(file.affine.astype(float), shape[:3]), _sidecar(path))
+    return Image(path, file, Grid(file.affine.astype(float), shape[:3]), sidecar(path))
 
 
 _BROKEN = (EOFError, OSError, zlib.error)
 
 
-def _sidecar(path):
+def sidecar(path):
     beside = nifti.sidecar_path(path)
     if not beside.exists():
         return {}

@@ -1,0 +1,111 @@
+"""Arrays of a run that its report shows: looked at before the samples may be overwritten.
+
+All are of the first repetition and, but for the zero-filled volume, of one plane: the middle slice, of 3-D
+scans the middle partition.
+"""
+
+from dataclasses import dataclass, replace
+
+import numpy as np
+
+from . import reconstruct, slabs
+from .fourier import remove_oversampling, resize
+from .scan import Layout
+from .steps import homodyne_recon
+
+#: Coils that are shown at most.
+MOST_COILS = 16
+
+
+@dataclass
+class Seen:
+    """`energy` (kx, ky): sum over the coils of ``|k|^2``; `coils` and `maps` (x, y, coil) are magnitudes;
+    `zero` (x, y, z or slice) is the root sum of squares of what was measured, or None where its field is
+    not the image's; `phase` is a complex image (x, y), or None."""
+
+    plane: int
+    energy: np.ndarray
+    coils: np.ndarray
+    zero: np.ndarray | None
+    maps: np.ndarray | None
+    phase: np.ndarray | None
+    layout: Layout
+
+
+def look(plan, source):
+    """What a source shows of its first repetition.
+
+    Parameters
+    ----------
+    plan : Plan
+    source : Scan, or whatever has its `layout`, `frames` and `separate`
+
+    Returns
+    -------
+    Seen
+    """
+    whole = plan.matrix[2] > 1
+    index = plan.kept[0][len(plan.kept[0]) // 2]
+    plane = plan.matrix[2] // 2 if whole else index
+    block = next(b for b in reconstruct.blocks(plan) if b.slice == index)
+    first = reconstruct.Block(index, block.repetitions[:1], block.pattern)
+    frames = _frames(source, index, first)
+    energy = (np.abs(frames[:, :, frames.shape[2] // 2]) ** 2).sum(-1)
+    coils, zero = _unfilled(plan, frames, plane if whole else 0)
+    maps, phase = _of_volume(plan, first, source, plane) if plan.in_slabs else _of_slice(plan, first, source, plane)
+    pattern = plan.patterns[block.pattern]
+    alike = all(lattice.full == lattice.folded * lattice.step for lattice in pattern.lattices)
+    volume = None
+    if alike:
+        volume = zero if whole else _stack(plan, source, first)
+    return Seen(plane, energy, coils, volume, maps, phase, source.layout)
+
+
+def _frames(source, index, block):
+    """k-space (x, y, z, coil) of the first echo and repetition."""
+    return source.frames(index, block.along())[..., 0, 0]
+
+
+def _unfilled(plan, frames, plane):
+    """Magnitudes of a plane (x, y, coil), and the root sum of squares of all (x, y, z), coil by coil."""
+    shown, power = [], 0.0
+    for coil in range(frames.shape[3]):
+        lines = np.array(frames[..., coil : coil + 1], order="F")
+        lines = resize(remove_oversampling(lines, plan.readout), plan.pixels)
+        image = np.abs(homodyne_recon(lines, [None] * 3, field=plan.matrix)[..., 0])
+        power = power + image**2
+        if coil < MOST_COILS:
+            shown.append(image[:, :, plane].copy())
+    return np.stack(shown, -1), np.sqrt(power)
+
+
+def _stack(plan, source, first):
+    """Root sums of squares of all slices."""
+    made = []
+    for index in plan.kept[0]:
+        frames = _frames(source, index, replace(first, slice=index))
+        made.append(_unfilled(plan, frames, 0)[1])
+    return np.concatenate(made, 2)
+
+
+def _of_slice(plan, block, source, plane):
+    """Maps of the plane, and its complex image."""
+    basis = reconstruct.prepare(plan, block, source)
+    options = replace(plan.options, combine="pcsos", coefficients=None)
+    lines = reconstruct.lines(plan, block, source)[..., :1, :]
+    made = reconstruct.reconstruct_block(replace(plan, options=options), block, basis, lines)
+    at = plane if plan.matrix[2] > 1 else 0
+    maps = None if basis.maps is None else np.abs(basis.maps[:, :, basis.maps.shape[2] // 2, :MOST_COILS])
+    return maps, made["image"][:, :, at, 0, 0]
+
+
+def _of_volume(plan, block, source, plane):
+    """Maps of the middle partition, as they are made slab by slab."""
+    pattern = plan.patterns[block.pattern]
+    if not pattern.weighted:
+        return None, None
+    calibration = reconstruct._slice_calibration(plan, block, source)
+    made, _ = slabs.sensitivities(plan, pattern, calibration)
+    parts = [made.part(x).maps(plan, pattern)[0] for x in slabs.edges(plan, pattern, len(made.lines))]
+    middle = parts[0].shape[2] // 2
+    return np.concatenate([np.abs(part[:, :, middle, :MOST_COILS]) for part in parts]), None

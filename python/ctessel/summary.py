@@ -1,0 +1,225 @@
+"""The report of a reconstruction: what was done and why, with pictures of every step."""
+
+import os
+import time
+from dataclasses import dataclass
+
+import numpy as np
+
+from . import __version__, methods, page, phantom, png, raw, report
+from .files import printable
+
+#: Maps that a reconstruction may have made: their names for people, colours from and to, what to look for.
+_MAPS = {
+    "g": ("g-factor", 1.0, None, "How much noise the unfolding adds: 1 is none, above 2 is much. Highest where coils see alike."),
+    "snr": ("SNR", 0.0, None, "Image over the standard deviation of its noise. Below 3 nothing can be told from noise."),
+    "sd": ("Standard deviation of the noise", 0.0, None, "In the unit of the image. It should be smooth."),
+    "condition": ("Condition of the unfolding", 1.0, None, "How far small errors grow. It should be small inside the object."),
+    "residual": ("Residual", 0.0, None, "What the sensitivities do not explain of the calibration. It should look like noise, without edges."),
+}  # fmt: skip
+
+
+@dataclass
+class Run:
+    """What a report is about."""
+
+    found: raw.Contents
+    plan: object
+    result: object
+    seen: object  # ctessel.inspection.Seen
+    affine: np.ndarray
+    command: str
+
+
+def write(path, run):
+    """Write the report of a `Run`."""
+    name = printable(run.found.path)
+    made = page.Page(f"Reconstruction of {name}")
+    made.add(_lead(run))
+    _warnings(made, run.result.warnings)
+    made.section("What was done and why", page.listed(map(methods.reason, run.result.steps), "ol"))
+    made.section("Images", page.figures(_images(made, run)))
+    _volumes(made, run)
+    made.section("k-space and coils", page.figures(_steps(made, run)))
+    shown = _noise(made, run)
+    if shown:
+        made.section("Noise", page.figures(shown))
+    _roughness(made, run.result.parameters.get("prediction"))
+    _methods(made, run)
+    _provenance(made, run, name)
+    path.write_text(made.text(), encoding="utf-8")
+
+
+def _lead(run):
+    protocol = f", protocol {run.found.header.protocol}" if run.found.header.protocol else ""
+    size = " x ".join(map(str, run.result.image.shape[:4]))
+    return f"<p>{page.escaped(f'{size} voxels{protocol}, by cTessel {__version__}.')}</p>"
+
+
+def _warnings(made, warnings):
+    if warnings:
+        made.section("Warnings", page.listed(warnings), kind="warnings")
+    else:
+        made.add("<p>There are no warnings.</p>")
+
+
+def _picture(made, values, field, words, caption, pixels=png.grey, **limits):
+    """A figure of ``(x, y)`` with square voxels."""
+    shown = png.fitted(png.square(values, field))
+    return made.figure(pixels(shown, **limits), words, caption)
+
+
+def _plane(run, volume):
+    """The plane ``(x, y)`` of a volume ``(x, y, z, slice, ...)`` that the report shows."""
+    first = volume.reshape((*volume.shape[:4], -1))[..., 0]
+    return first[:, :, run.seen.plane, 0] if run.plan.matrix[2] > 1 else first[:, :, 0, run.seen.plane - run.plan.kept[0].start]
+
+
+# ---- Pictures ------------------------------------------------------------------------------------
+
+
+def _images(made, run):
+    image, field, where = run.result.image, run.result.field, _where(run)
+    all_planes = report.planes(image)
+    yield _picture(made, png.mosaic(all_planes), field, f"Images of {all_planes.shape[2]} planes, magnitude",
+                   f"All planes, at most 36 of {all_planes.shape[2]}, of the first echo and repetition. Look for "
+                   "ghosts, folded edges and planes of another brightness.")  # fmt: skip
+    yield _picture(made, np.abs(_plane(run, image)), field, f"Image of {where}, magnitude", f"Image, {where}.")
+    phase = _plane(run, image) if np.iscomplexobj(image) else run.seen.phase
+    if phase is not None:
+        weight = np.clip(np.abs(phase) / png.usual_top(np.abs(phase)), 0, 1) ** 0.5
+        turned = png.fitted(png.square(np.angle(phase), field), most=10**6)
+        shown = png.phase(turned, png.fitted(png.square(weight, field), most=10**6))
+        block = -(-max(shown.shape[:2]) // 400)
+        yield made.figure(shown[::block, ::block], f"Phase of {where} in colours, dark where the image is dark",
+                          "Phase of the combined image, a turn of colours a turn. It should be smooth within tissue.")  # fmt: skip
+    yield from _errors(made, run)
+
+
+def _where(run):
+    return f"{'partition' if run.plan.matrix[2] > 1 else 'slice'} {run.seen.plane}"
+
+
+def _errors(made, run):
+    """The error of a phantom's image, whose truth is known."""
+    truth = phantom.known_truth(run.found.header)
+    if truth is None or truth.shape[:3] != run.result.image.shape[:3]:
+        return
+    index = run.found.kept["slice"][run.plan.kept[0]] if run.plan.matrix[2] == 1 else [0]
+    truth = np.abs(truth[:, :, :, index])
+    got, want = np.abs(_plane(run, run.result.image)), _plane(run, truth)
+    got = got * (np.vdot(got, want) / (np.vdot(got, got) or 1.0))
+    error = np.linalg.norm(got - want) / np.linalg.norm(want)
+    yield _picture(made, np.abs(got - want), run.result.field, "Magnitude of the error of the image",
+                   f"Error against the phantom's known image, five times as bright: {100 * error:.2g} % of it. Look for "
+                   "edges (ringing), folded copies, and noise.", high=png.usual_top(want) / 5)  # fmt: skip
+
+
+def _steps(made, run):
+    seen, field = run.seen, run.plan.field
+    energy = np.log10(np.maximum(seen.energy, np.max(seen.energy) * 1e-8) + 1e-300)
+    yield made.figure(png.grey(png.fitted(energy), low=energy.min(), high=energy.max()),
+                      "Energy of k-space on a logarithmic scale, readout to the right",
+                      "Energy of k-space (kx to the right, ky downwards; sum over the coils, eight decades). It should "
+                      "peak in the middle; isolated bright lines or points are spikes.")  # fmt: skip
+    yield _sampling(made, run)
+    coils = seen.coils.shape[2]
+    yield _picture(made, png.mosaic(seen.coils), field, f"Images of {coils} coils, magnitude",
+                   f"What {coils} of {run.plan.shape[3]} coils measured, missing lines as zeros, {_where(run)}. A black "
+                   "or noisy one is a defective coil.")  # fmt: skip
+    if seen.maps is not None:
+        yield _picture(made, png.mosaic(seen.maps), field, f"Sensitivity maps of {seen.maps.shape[2]} coils, magnitude",
+                       "Sensitivity maps. They should be smooth; holes inside of the object are voxels without a map.")  # fmt: skip
+    plain = np.sqrt((seen.coils**2).sum(-1)) if seen.zero is None else _plane_of_zero(run)
+    yield _picture(made, plain, field, "Image of the measured lines alone, zero-filled",
+                   "The same plane before any unfolding or prediction: measured lines, zeros for the others, root sum "
+                   "of squares. The image above should be free of its folds.")  # fmt: skip
+
+
+def _plane_of_zero(run):
+    at = run.seen.plane if run.plan.matrix[2] > 1 else run.seen.plane - run.plan.kept[0].start
+    return run.seen.zero[:, :, at]
+
+
+def _sampling(made, run):
+    """ky to the right, kz (of slices a band) downwards."""
+    pattern, layout = run.plan.patterns[0], run.seen.layout
+    colours = np.array([(40, 40, 40), (235, 235, 235), (86, 180, 233), (230, 80, 60)], np.uint8)
+    kind = pattern.mask.astype(int)
+    kind[pattern.expected & ~pattern.mask] = 3
+    region = run.plan.calibration
+    if layout.flagged is not None:
+        kind[(layout.flagged > 0) & pattern.mask] = 2
+    elif region is not None and not region.separate:
+        kind[region.y, region.z] = np.where(pattern.mask[region.y, region.z], 2, kind[region.y, region.z])
+    if kind.shape[1] == 1:
+        kind = kind.repeat(max(8, kind.shape[0] // 4), 1)
+    times = max(1, 320 // kind.shape[0])
+    shown = colours[kind.repeat(times, 0).repeat(times, 1)].swapaxes(0, 1)
+    counts = [int(n) for n in (pattern.mask.sum(), pattern.mask.size, (pattern.expected & ~pattern.mask).sum())]
+    return made.figure(shown, f"Lines in the plane of ky and kz: {counts[0]} of {counts[1]} measured",
+                       f"Lines of the first repetition, ky to the right, kz downwards: {counts[0]} of {counts[1]} "
+                       f"measured (white), calibration (blue), left out on purpose (dark), {counts[2]} lost (red).")  # fmt: skip
+
+
+def _noise(made, run):
+    shown = []
+    if run.plan.covariance is not None:
+        covariance = np.asarray(run.plan.covariance)
+        level = np.sqrt(np.abs(np.diagonal(covariance)))
+        correlation = np.abs(covariance) / np.outer(level, level)
+        shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
+                                 f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their levels differ by a factor "
+                                 f"of {level.max() / level.min():.2g}; a coil far off is defective."))  # fmt: skip
+    for name, values in getattr(run.result, "maps", {}).items():
+        title, low, high, caption = _MAPS.get(name, (name, 0.0, None, ""))
+        plane = np.nan_to_num(_plane(run, values))
+        shown.append(_picture(made, plane, run.result.field, f"{title} of {_where(run)}", f"{title}, {_where(run)}. {caption}",
+                              png.colour, low=low, high=high))  # fmt: skip
+        if name in ("g", "snr"):
+            shown.append(page.histogram(values[values > 0], f"Histogram of the {title}", f"{title} inside the object, all planes: "
+                                        f"median {np.median(values[values > 0]):.3g}." if (values > 0).any() else ""))  # fmt: skip
+    return shown
+
+
+def _roughness(made, figures):
+    if not figures:
+        return
+    words = "<p>The outermost quarter of the lines on the short side of k = 0 was hidden and predicted. Error of the " \
+            "prediction over the size of the lines: below 1 the missing lines are predicted, else they stay zero.</p>"  # fmt: skip
+    rows = {f"slice {i}": "-" if f is None else f"{f:.2f}, {'predicted' if f < 1 else 'zeros'}" for i, f in enumerate(figures)}
+    made.section("Roughness of the phase: partial Fourier", words, page.table(rows))
+
+
+# ---- Texts ---------------------------------------------------------------------------------------
+
+
+def _methods(made, run):
+    sentences, works = methods.text(run.plan)
+    made.section("Methods", "<p>To copy into a paper:</p>", f'<p id="methods">{page.escaped(sentences)}</p>', page.listed(works, "ol"))
+
+
+def _provenance(made, run, name):
+    status = os.stat(run.found.path)
+    changed = time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime(status.st_mtime))
+    file = {"file": name, "bytes": f"{status.st_size:,}", "last changed": changed, **raw.facts(run.found)}
+    written = time.strftime("%Y-%m-%d %H:%M UTC", time.gmtime())
+    versions = {"ctessel": __version__, **report.versions(), "report written": written}
+    made.section("Command, versions and provenance", f"<pre>{page.escaped(run.command)}</pre>", "<h3>Raw data</h3>",
+                 page.table(file), "<h3>Versions</h3>", page.table(versions))  # fmt: skip
+
+
+def _volumes(made, run):
+    image = np.abs(run.result.image[..., 0, 0])
+    shape = (*image.shape[:2], -1)
+    made.volume("image", image.reshape(shape, order="F"), run.affine)
+    if run.seen.zero is not None and run.seen.zero.shape == image.reshape(shape, order="F").shape:
+        made.volume("zero-filled", run.seen.zero, run.affine)
+    if np.iscomplexobj(run.result.image):
+        angle = np.angle(run.result.image[..., 0, 0]).reshape(shape, order="F")
+        made.volume("phase", angle, run.affine, -np.pi, np.pi)
+    for name, values in getattr(run.result, "maps", {}).items():
+        title, low, high, _ = _MAPS.get(name, (name, 0.0, None, ""))
+        first = values.reshape((*values.shape[:4], -1))[..., 0].reshape(shape, order="F")
+        made.volume(title, first, run.affine, low, high, role="map")
+    made.viewer()

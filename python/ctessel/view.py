@@ -1,0 +1,117 @@
+"""A page for NIfTI images of any program: pictures, what their headers and sidecars say, and a viewer."""
+
+import zlib
+from pathlib import Path
+
+import numpy as np
+
+from . import files, methods, nifti, page, png
+from .files import printable
+from .warp import sidecar
+
+#: What nibabel says of files that are cut short or no images.
+_BROKEN = (EOFError, OSError, zlib.error)
+
+
+def write(paths, output, command):
+    """Write a page of images.
+
+    Parameters
+    ----------
+    paths : sequence of path
+        NIfTI files. Of echoes and repetitions the first one is shown.
+    output : path
+        The page.
+    command : str
+        Is told in the page.
+
+    Raises
+    ------
+    ValueError
+        A file is no image, or the page cannot be written.
+    """
+    files.check_output(output)
+    images = [_load(Path(path)) for path in paths]
+    made = page.Page(f"Images: {', '.join(image.name for image in images)}")
+    warnings = [f"{image.name}: {text}" for image in images for text in image.warnings]
+    if warnings:
+        made.section("Warnings", page.listed(warnings), kind="warnings")
+    for number, image in enumerate(images):
+        made.volume(image.name, image.values, image.affine, role="map" if number else "image")
+    made.viewer()
+    for image in images:
+        made.section(image.name, page.figures(_figures(made, image)), page.table(image.facts()), *_told(image))
+    made.section("Command", f"<pre>{page.escaped(command)}</pre>")
+    with files.Staged() as staged:
+        staged.path(output).write_text(made.text(), encoding="utf-8")
+        staged.commit()
+
+
+class _Image:
+    def __init__(self, path, file, values):
+        self.name, self._file = printable(path), file
+        self.values, self.affine, self.sidecar = values, file.affine, sidecar(path)
+        self.size = np.linalg.norm(file.affine[:3, :3], axis=0)
+
+    @property
+    def warnings(self):
+        told = self.sidecar.get("Warnings")
+        return told if isinstance(told, list) else []
+
+    def facts(self):
+        header = self._file.header
+        return {
+            "extents": " x ".join(map(str, self._file.shape)),
+            "voxel": " x ".join(f"{n:.4g}" for n in self.size) + " mm",
+            "type": str(header.get_data_dtype()),
+            "codes of qform and sform": f"{int(header['qform_code'])} and {int(header['sform_code'])}",
+            "first voxel": ", ".join(f"{n:.4g}" for n in self.affine[:3, 3]) + " mm (right, anterior, superior)",
+            "description": bytes(header["descrip"]).rstrip(b"\0").decode(errors="replace"),
+        }
+
+
+def _load(path):
+    import nibabel
+
+    nifti.base_name(path)
+    try:
+        file = nibabel.load(path)
+        values = np.asanyarray(file.dataobj[(..., *[0] * max(0, len(file.shape) - 3))])
+    except FileNotFoundError:
+        raise ValueError(f"{path}: no such file; check the name") from None
+    except (nibabel.filebasedimages.ImageFileError, *_BROKEN) as error:
+        raise ValueError(f"{path}: cannot be read ({error}); is it a NIfTI image?") from None
+    if values.dtype.kind not in "fiucb" or not values.size:
+        raise ValueError(f"{path}: has no voxels with a number each; name an image of those")
+    values = np.abs(values) if values.dtype.kind == "c" else values
+    values = np.nan_to_num(values.astype(np.float32), posinf=0, neginf=0)
+    if not np.isfinite(file.affine).all() or np.linalg.det(file.affine[:3, :3]) == 0:
+        raise ValueError(f"{path}: has voxels without a volume; its affine is no use")
+    return _Image(path, file, values.reshape(values.shape + (1,) * (3 - values.ndim)))
+
+
+def _figures(made, image):
+    values, (dx, dy, dz) = image.values, image.size
+    low, high = min(0.0, float(values.min())), png.usual_top(values)
+
+    def picture(plane, sizes, name, caption):
+        field = [n * size for n, size in zip(plane.shape, sizes)]
+        shown = png.grey(png.fitted(png.square(plane, field)), low, high)
+        return made.figure(shown, f"{image.name}, {name}", caption)
+
+    nx, ny, nz = (n // 2 for n in values.shape)
+    yield picture(png.mosaic(values), (dx, dy), "planes along the third axis", "Planes along the third axis, at most 36.")
+    yield picture(values[:, :, nz], (dx, dy), f"plane {nz} of the third axis", f"Plane {nz} of the third axis.")
+    if min(values.shape) > 1:
+        yield picture(values[:, ny, ::-1], (dx, dz), f"plane {ny} of the second axis", f"Plane {ny} of the second axis.")
+        yield picture(values[nx, :, ::-1], (dy, dz), f"plane {nx} of the first axis", f"Plane {nx} of the first axis.")
+    yield page.histogram(values[values != 0], f"Histogram of {image.name}", "Values of the voxels that are not 0.")
+
+
+def _told(image):
+    steps = image.sidecar.get("Steps")
+    if isinstance(steps, list):
+        yield "<h3>What was done</h3>" + page.listed([methods.reason(str(step)) for step in steps], "ol")
+    others = {name: value for name, value in image.sidecar.items() if name not in ("Steps", "Warnings")}
+    if others:
+        yield "<h3>Sidecar</h3>" + page.table(others)
