@@ -14,7 +14,7 @@ from .gradients import Coefficients
 from .partial import clipped
 from .sampling import Lattice, calibration_block, partial_ranges
 from .scan import Placement, times_text
-from .steps import noise_covariance, usable_ranges
+from .steps import PLANE_KERNEL, noise_covariance, usable_ranges
 from .warp import scan_grid, warnings_of
 
 #: k-space that is worked on at once, in bytes; at least one volume.
@@ -171,10 +171,6 @@ class Plan:
             return 1
         return max(1, BLOCK // (8 * prod(self.shape[:4]) * self.shape[5]))
 
-    def mask(self, pattern):
-        """Threshold of the object: coils that are combined alone need maps where noise is, too."""
-        return self.options.mask if pattern.unfolds else 0
-
     def completes_slabs(self, pattern):
         """Whether nothing is left to be done along x; of coils that are combined as they are, never."""
         untouched = self.options.ringing == 0 and self.pixels[0] == pattern.full[0]
@@ -253,7 +249,8 @@ class Plan:
             self.calibration.lines if pattern.weighted else (0,)
         )
         sent = self.slab * size // 8 + calibration
-        return sent, 5 * sent + (1.5 if finished else 5) * volume
+        matrix = 80 * (PLANE_KERNEL**2 * self.shape[3]) ** 2 if pattern.unfolds else 0
+        return sent, matrix + (7 if pattern.unfolds else 5) * sent + (1.5 if finished else 5) * volume
 
 
 def plan(scan, options=None):
@@ -601,24 +598,20 @@ def _combine_words(made, pattern):
 def _sense_words(made):
     options = made.options
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
-    way = "" if made.in_slabs else " (ESPIRiT)"
-    words = f"sensitivity maps{way} from {times_text(made.calibration.lines)} calibration lines"
+    words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} calibration lines"
     factors = ", ".join(
         f"{lattice.reduction} along {axis}"
         for axis, lattice in zip("yz", unfolding.lattices)
         if lattice.reduction > 1
     )
-    regularised = (
-        f", regularised with strength {options.regularisation:g}" if options.regularisation else ""
-    )
+    regularised = ", damped by the level of the noise"
+    if options.regularisation:
+        regularised = f", regularised with strength {options.regularisation:g}"
     count = sum(pattern.unfolds for pattern in made.patterns)
     turns = f", lines in {count} turns" if count > 1 else ""
     whole = [str(n) for p in made.patterns if not p.unfolds for n in p.repetitions]
     full = f", repetition {', '.join(whole)} fully measured" if whole else ""
-    if not made.in_slabs:
-        regularised = regularised or ", damped by the level of the noise"
-    kept = unfolding.keeps_lines and not made.in_slabs
-    put_back = ", measured lines put back" if kept else ""
+    put_back = ", measured lines put back" if unfolding.keeps_lines else ""
     return [words, f"SENSE: R = {factors}{turns}{full}{regularised}{put_back}"]
 
 

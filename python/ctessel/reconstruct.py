@@ -26,7 +26,7 @@ from .fourier import (
 from .plan import plan as make_plan
 from .partial import pocs, prediction_error
 from .sampling import Lattice, fold_lines
-from .steps import combine, eigen_maps, homodyne_recon, sensitivity_maps, unfold
+from .steps import combine, damping, eigen_maps, homodyne_recon, sensitivity_maps, unfold
 from .warp import geometry
 
 
@@ -282,26 +282,11 @@ def _sensitivities(plan, pattern, calibration):
     else:  # coils that are combined alone need maps where noise is, too
         made = sensitivity_maps(samples, pattern.calibration_pixels, mask=0, threads=threads)
     maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
-    damping = _damping(plan, samples, maps, expected) if pattern.unfolds else 0.0
-    return Basis(maps, expected, damping=damping)
-
-
-def _damping(plan, samples, maps, expected):
-    """Variance of the noise over that of the image inside of the object.
-
-    Without a noise scan the noise is at most what the ends of the calibration's readouts hold, and
-    what its darkest voxels show.
-    """
-    inside = (maps != 0).any(3)
-    power = np.mean(np.abs(expected[inside], dtype=np.float64) ** 2) if inside.any() else 0.0
-    if plan.covariance is not None:
-        noise = 1.0  # the equations are weighted with its inverse
-    else:
-        ends = max(1, len(samples) // 16)
-        outer = np.mean(np.abs(np.concatenate([samples[:ends], samples[-ends:]])) ** 2)
-        image = to_image(samples, threads=plan.options.threads)
-        noise = min(outer, np.percentile(np.mean(np.abs(image) ** 2, 3), 5))
-    return float(noise / power) if power > 0 else 0.0
+    if not pattern.unfolds:
+        return Basis(maps, expected)
+    inside = expected[(maps != 0).any(3)]
+    share = damping(samples, inside, plan.covariance is not None, threads)
+    return Basis(maps, expected, damping=share)
 
 
 def _cut(plan, calibration):
@@ -411,7 +396,7 @@ def _unfolded(plan, pattern, basis, lines):
         np.multiply(image[centred], maps[centred], out=coils[first])
     coils = unshifted_kspace(coils, (1, 2), threads)
     if pattern.keeps_lines:
-        measured = resize(lines, pattern.full, threads)
+        measured = resize(lines, (len(lines), *pattern.full[1:]), threads)
         there = _there(pattern, measured)
         for centred, first in moved(pattern.full, (1, 2)):
             np.copyto(coils[first], measured[centred], where=there[(slice(None), *centred[1:])])
@@ -427,20 +412,6 @@ def _there(pattern, lines):
         if np.count_nonzero(there) == expected:  # none was lost
             break
     return there
-
-
-def _weighted(plan, pattern, basis, folded):
-    """Unfolded image ``(x, y, z, 1, ...)`` of folded coil images."""
-    return unfold(
-        folded,
-        basis.maps,
-        pattern.lattices,
-        covariance=plan.covariance,
-        expected=basis.expected if basis.levels else None,
-        levels=basis.levels,
-        strength=plan.options.regularisation,
-        threads=plan.options.threads,
-    )[:, :, :, None]
 
 
 def _folded(plan, samples):
@@ -554,7 +525,8 @@ def _volume_basis(plan, block, source, calibration):
     if not (pattern.unfolds and plan.options.regularisation > 0):
         return made, None
     first = source.frames(block.slice, slice(pattern.repetitions[0], pattern.repetitions[0] + 1))
-    return made, (sa(slabs.transformed(plan, pattern, first, False)), expected)
+    volume = slabs.transformed(plan, pattern, first, False)
+    return made, (sa(fold_lines(volume, pattern.lattices)), expected)
 
 
 def _volume(plan, block, volume, sensitivities, levels, client):
@@ -583,12 +555,9 @@ def reconstruct_slab(plan, block, samples, sensitivities, levels):
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
     if not pattern.weighted:
         return {"image": _combined(plan, pattern, _finished(plan, pattern, samples, (1, 2)))}
-    basis = Basis(*sensitivities.maps(plan, pattern), levels)
-    image = _weighted(plan, pattern, basis, to_image(samples, (1, 2), threads, overwrite=True))
-    if not plan.completes_slabs(pattern):
-        return {"image": image}
-    if any(pattern.ranges) or plan.pixels != pattern.full:
-        image = _finished(plan, pattern, to_kspace(image, (1, 2), threads), (1, 2))
-    else:
-        image = resize(image, (len(image), *plan.matrix[1:]))
-    return {"image": _combined(plan, pattern, image)}
+    basis = Basis(*sensitivities.maps(plan, pattern), levels, damping=sensitivities.damping)
+    if plan.completes_slabs(pattern):
+        return {"image": _lines_image(plan, pattern, basis, samples)}
+    # What is left along x is done after the combination: coils are not kept beyond their slab.
+    lines = _completed(plan, pattern, basis, samples)
+    return {"image": combine(to_image(lines, (1, 2), threads, overwrite=True))[:, :, :, None]}

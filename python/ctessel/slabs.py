@@ -10,23 +10,29 @@ import numpy as np
 from ._arrays import ringing_filter
 from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image
-from .sampling import fold_lines
-from .steps import combine, low_resolution, object_mask, relative_maps
+from .steps import (
+    CROP,
+    WINDOW,
+    combine,
+    damping,
+    low_resolution,
+    object_mask,
+    plane_maps,
+    relative_maps,
+)
 
 
 def transformed(plan, pattern, frames, overwrite):
     """Lines of a volume with the readout transformed: ``(x, y, z, coil, echo, repetition)``.
 
-    Regular lines alone where coils are weighted, with the grid of the unfolded image along x;
-    else with that of the image. `frames` may be overwritten where that is allowed.
+    Where coils are weighted, with the grid of the unfolded image along x; else with that of the
+    image. `frames` may be overwritten where that is allowed.
     """
-    folded = tuple(lattice.folded for lattice in pattern.lattices)
-    lines = folded if pattern.weighted else frames.shape[1:3]
     extent = plan.readout if pattern.weighted else plan.matrix[0]
-    if overwrite and all(n <= m for n, m in zip((extent, *lines), frames.shape)):
-        out = frames[:extent, : lines[0], : lines[1]]
+    if overwrite and extent <= len(frames):
+        out = frames[:extent]
     else:
-        out = np.empty((extent, *lines, *frames.shape[3:]), np.complex64, order="F")
+        out = np.empty((extent, *frames.shape[1:]), np.complex64, order="F")
     for index in np.ndindex(frames.shape[3:]):  # a coil at a time
         at = (slice(None),) * 3 + index
         out[at] = _readout(plan, pattern, np.array(frames[at], order="F"))
@@ -36,7 +42,7 @@ def transformed(plan, pattern, frames, overwrite):
 def _readout(plan, pattern, lines):
     options, threads = plan.options, plan.options.threads
     if pattern.weighted:
-        image = to_image(fold_lines(lines, pattern.lattices), (0,), threads, overwrite=True)
+        image = to_image(lines, (0,), threads, overwrite=True)
         return image[central(len(image), plan.readout)]
     lines = remove_oversampling(lines, plan.readout, threads=threads)
     if options.ringing > 0:
@@ -52,24 +58,42 @@ def edges(plan, pattern, extent):
     return [slice(x, min(x + width, extent)) for x in range(0, extent, width)]
 
 
+#: Voxels of a volume whose sensitivities are to be found: without object, in it where the eigenvalue
+#: says so, and in it.
+EMPTY, DIM, BRIGHT = range(3)
+
+
 @dataclass
 class Sensitivities:
-    """What maps of a slab are made of: its low-resolution lines, and the object in its voxels."""
+    """What maps of a slab are made of: its low-resolution lines, and what its voxels are."""
 
-    lines: np.ndarray  # (x, y, z, coil): x transformed
-    inside: np.ndarray | None  # (x, y, z) of bool; None: all voxels count
+    lines: np.ndarray  # (x, y, z, coil): x transformed, under a window
+    voxels: np.ndarray | None = None  # (x, y, z) of int8; None: all count
+    damping: float = 0.0
 
     def part(self, x):
-        inside = None if self.inside is None else self.inside[x]
-        return Sensitivities(np.array(self.lines[x], order="F"), inside)
+        voxels = None if self.voxels is None else self.voxels[x]
+        return Sensitivities(np.array(self.lines[x], order="F"), voxels, self.damping)
 
     def maps(self, plan, pattern):
         """Sensitivities and low-resolution image on the grid of the unfolded image."""
-        threads = plan.options.threads
         size = (len(self.lines), *pattern.calibration_pixels[1:])
-        images = to_image(resize(self.lines, size, threads), (1, 2), threads, overwrite=True)
-        made = relative_maps(images, self.inside, threads)
+        made = relative_maps(self.images(plan, size), threads=plan.options.threads)
+        if self.voxels is not None:
+            made = self._eigen_maps(plan, size), made[1]
         return tuple(np.asfortranarray(resize(a, (size[0], *pattern.full[1:]))) for a in made)
+
+    def images(self, plan, size, x=slice(None)):
+        """Low-resolution images of the coils."""
+        lines = low_resolution(self.lines[x], (0, WINDOW, WINDOW), threads=plan.options.threads)
+        lines = resize(lines, size, plan.options.threads)
+        return to_image(lines, (1, 2), plan.options.threads, overwrite=True)
+
+    def _eigen_maps(self, plan, size):
+        planes = np.flatnonzero(self.voxels.any((1, 2)))
+        maps, values = plane_maps(self.lines, size, planes, plan.options.threads)
+        maps[(self.voxels == EMPTY) | ((self.voxels == DIM) & (values <= CROP))] = 0
+        return maps
 
 
 def sensitivities(plan, pattern, calibration):
@@ -77,15 +101,17 @@ def sensitivities(plan, pattern, calibration):
 
     `calibration` are its calibration lines, ``(x, y, z, coil)``, the readout cut to its field.
     """
-    threads, mask = plan.options.threads, plan.mask(pattern)
-    lines = resize(low_resolution(calibration, threads=threads), pattern.calibration_pixels[:1])
-    made = Sensitivities(to_image(lines, (0,), threads), None)
+    threads, mask = plan.options.threads, plan.options.mask
+    lines = low_resolution(calibration, (WINDOW, 0, 0), threads=threads)
+    made = Sensitivities(to_image(resize(lines, pattern.calibration_pixels[:1]), (0,), threads))
     if not pattern.unfolds:
         return made, 0.0
     size = pattern.calibration_pixels
     magnitude = np.empty(size, np.float32, order="F")
     for x in edges(plan, pattern, size[0]):
-        lines = resize(made.lines[x], (x.stop - x.start, *size[1:]), threads)
-        magnitude[x] = combine(to_image(lines, (1, 2), threads), "sos", threads)
-    made.inside = object_mask(magnitude, mask) if mask else None
+        images = made.images(plan, (x.stop - x.start, *size[1:]), x)
+        magnitude[x] = combine(images, "sos", threads)
+    inside = object_mask(magnitude, mask)
+    made.voxels = np.where(inside, BRIGHT, magnitude >= mask / 5 * magnitude.max()).astype(np.int8)
+    made.damping = damping(calibration, magnitude[inside], plan.covariance is not None, threads)
     return made, sa(np.asfortranarray(resize(magnitude, pattern.full)))

@@ -18,6 +18,11 @@ from ._sense import sense_recon
 WINDOW_LINES = 24
 #: Eigenvalue of a voxel from which on it is inside of the object.
 CROP = 0.8
+#: Kernel of the planes of volumes: half of the time of slices', and nothing is lost with calibration
+#: lines along two axes.
+PLANE_KERNEL = 4
+#: Strength of the window over calibration lines against ringing.
+WINDOW = 0.9
 
 
 def noise_covariance(noise, bandwidth_ratio=1.0):
@@ -91,7 +96,7 @@ def whiten(kspace, covariance):
     return out
 
 
-def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
+def sensitivity_maps(calibration, size, *, window=WINDOW, mask=0.05, threads=None):
     """Coil sensitivities from low-resolution k-space, and the image that they belong to.
 
     Each coil's low-resolution image is divided by the combination of all: their root sum of
@@ -129,18 +134,18 @@ def sensitivity_maps(calibration, size, *, window=0.9, mask=0.05, threads=None):
     return _relative(images, combined, inside), combined
 
 
-def low_resolution(calibration, window=0.9, threads=None):
+def low_resolution(calibration, window=WINDOW, threads=None):
     """Calibration lines under a window against ringing; see `sensitivity_maps`."""
     return ringing_filter(np.asfortranarray(calibration), window, threads=threads)
 
 
-def relative_maps(images, inside=None, threads=None):
+def relative_maps(images, threads=None):
     """Sensitivities from low-resolution coil images, which are overwritten; see `sensitivity_maps`.
 
-    `inside` marks the voxels of the object; without it all are taken for such.
+    All voxels are taken for the object's.
     """
     combined = pcsos(images, threads=threads)
-    return _relative(images, combined, inside), combined
+    return _relative(images, combined, None), combined
 
 
 def _relative(images, combined, inside):
@@ -201,20 +206,50 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
 
 
 def _planes(calibration, size, threads):
-    lines = resize(calibration, (size[0],), threads)
-    lines = to_image(lines, (0,), threads)
-    maps = np.empty((*size, calibration.shape[3]), np.complex64, order="F")
-    values = np.empty(size, np.float32, order="F")
-    for x in range(size[0]):
+    lines = to_image(resize(calibration, (size[0],), threads), (0,), threads)
+    return plane_maps(lines, size, threads=threads)
+
+
+def plane_maps(lines, size, planes=None, threads=None):
+    """Maps and eigenvalues of each plane across the readout, which is transformed; or of some."""
+    maps = np.zeros((*size, lines.shape[3]), np.complex64, order="F")
+    values = np.zeros(size, np.float32, order="F")
+    for x in range(size[0]) if planes is None else planes:
         made = espirit(
             np.asfortranarray(lines[x][:, :, None]),
             size=(*size[1:], 1),
+            kernel=PLANE_KERNEL,
             crop=0,
             eigenvalue=True,
             threads=threads,
         )
         maps[x], values[x] = (a[:, :, 0] for a in made)
     return maps, values
+
+
+def damping(calibration, inside, weighted=False, threads=None):
+    """Variance of the noise over that of the image, for `unfold`.
+
+    Parameters
+    ----------
+    calibration : ndarray of complex64, ``(x, y, z, coil)``
+        Its lines. Without a noise scan the noise is at most what the ends of their readouts hold, and
+        what the darkest voxels show.
+    inside : ndarray
+        Values of the image in the object.
+    weighted : bool, optional
+        The equations are weighted with the inverse of the noise, so that its variance is 1.
+    threads : int, optional
+    """
+    power = np.mean(np.abs(inside, dtype=np.float64) ** 2) if inside.size else 0.0
+    if weighted:
+        noise = 1.0
+    else:
+        ends = max(1, len(calibration) // 16)
+        outer = np.mean(np.abs(np.concatenate([calibration[:ends], calibration[-ends:]])) ** 2)
+        image = to_image(calibration, threads=threads)
+        noise = min(outer, np.percentile(np.mean(np.abs(image) ** 2, 3), 5))
+    return float(noise / power) if power > 0 else 0.0
 
 
 def unfold(
@@ -261,7 +296,7 @@ def unfold(
     Notes
     -----
     The kernel weighs with the level of all that it is given, that of a coil. A part of a scan gets
-    the weight of the whole by a scale that differs by the ratio of the levels.
+    the weight of the whole as that level is divided out.
 
     References
     ----------
@@ -269,21 +304,18 @@ def unfold(
     (1999).
     """
     full = (folded.shape[0], *(lattice.full for lattice in lattices))
-    weight = {}
-    level = sa(folded) if expected is not None else 0
-    if level > 0:
-        whole, reference = levels or (level, sa(expected))
-        reference /= np.sqrt(folded.shape[3])  # that of a coil, as the folded level is
+    weight, level = {}, sa(folded)
+    if level > 0 and (expected is not None or damping > 0):
+        if expected is None:
+            reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
+        else:
+            whole, reference = levels or (level, sa(expected))
+            reference *= strength / whole / np.sqrt(folded.shape[3])  # that of a coil, as the level is
+        # With the level for a scale the weight depends on nothing that a part of a scan changes.
         weight = {
             "reg": expected,
             "ref": np.full((1, 1, 1), reference, np.float32),
-            "scale": strength * level / whole,
-        }
-    elif damping > 0 and (level := sa(folded)) > 0:
-        weight = {
-            "reg": np.ones(maps.shape[:3], np.float32, order="F"),
-            "ref": np.ones((1, 1, 1), np.float32),
-            "scale": level * damping**0.5,
+            "scale": level,
         }
     image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
