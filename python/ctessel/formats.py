@@ -264,7 +264,7 @@ def _begins(path, word, at=(0,)):
 
 
 def _hdf5(path, given):
-    if not os.path.isfile(path) or not _begins(path, b"\x89HDF\r\n\x1a\n", (0, 512, 1024, 2048)):
+    if not _is_hdf5(path):
         return None
     import h5py
 
@@ -280,6 +280,10 @@ def _hdf5(path, given):
         raise DefectError(f'has no array "kspace"{_others(file)}', "store it under this name")
     check_stored(kspace)
     return path, _STORED[kind](file, kspace, given)
+
+
+def _is_hdf5(path):
+    return os.path.isfile(path) and _begins(path, b"\x89HDF\r\n\x1a\n", (0, 512, 1024, 2048))
 
 
 def _item(file, name):
@@ -493,6 +497,36 @@ def load_matlab(path, name):
     if not isinstance(data, np.ndarray) or data.dtype.kind not in "fciub" or 0 in data.shape:
         raise DefectError(f'its variable "{name}" is no array of numbers', "store k-space")
     return data
+
+
+def load(path, name):
+    """An array of a file of HDF5 or MATLAB, and whether its axes are those of SKM-TEA's maps.
+
+    The axes are as they are written there, those of MATLAB as MATLAB has them.
+    """
+    try:
+        if _is_hdf5(path):
+            return _load_hdf5(path, name)
+        if _begins(path, b"MATLAB 5.0"):
+            return load_matlab(path, name), False
+        os.stat(path)
+    except OSError as error:
+        raise DefectError(error.strerror or "cannot be read", "name another file") from None
+    raise DefectError("is no BART pair, NIfTI, MATLAB or HDF5 file", "convert it")
+
+
+def _load_hdf5(path, name):
+    import h5py
+
+    with h5py.File(path, "r") as file:
+        held = _item(file, name)
+        if held is None:
+            raise DefectError(f'has no array "{name}"{_others(file)}', "store it under this name")
+        check_stored(held)
+        runtime.check(3 * held.dtype.itemsize * held.size, f'the array "{name}"', "use a machine with more memory")
+        matlab = "MATLAB_class" in held.attrs
+        data = plain(held[()])
+    return (data.T, False) if matlab else (data, data.ndim == 5)
 
 
 # ---- Lines ---------------------------------------------------------------------------------------

@@ -9,10 +9,11 @@ import lookalike
 import nibabel
 import numpy as np
 import pytest
+import scipy.io
 from conftest import same_bits
 from scans import lines
 
-from ctessel import cli, pipeline, raw
+from ctessel import cli, maps, pipeline, raw
 from ctessel.formats import Given
 from ctessel.scan import Limit
 
@@ -408,3 +409,26 @@ def test_calibration_files_that_do_not_fit(tmp_path, capfd):
         assert recon(tmp_path / "r.h5", tmp_path / "i.nii", "--calibration", tmp_path / name) == 1
         error = capfd.readouterr().err
         assert message in error and error.count("\n") == 1
+
+
+# ---- Sensitivity maps ----------------------------------------------------------------------------
+
+
+def test_maps_of_every_kind_of_file(tmp_path):
+    """(x, y, z, coil, slice), whether the third axis of the file counts slices or z."""
+    slices = lookalike.kspace((12, 10, 1), slices=3)[..., 0, 0]
+    volume = lookalike.kspace((12, 10, 6))[..., 0, 0]
+    nibabel.save(nibabel.Nifti1Image(slices[:, :, 0].transpose(0, 1, 3, 2), np.eye(4)), tmp_path / "s.nii.gz")
+    nibabel.save(nibabel.Nifti1Image(volume[..., 0], np.eye(4)), tmp_path / "v.nii")
+    lookalike.cfl(tmp_path / "s", slices[..., None, None])
+    lookalike.cfl(tmp_path / "v", volume[..., None, None])
+    lookalike.matlab_73(tmp_path / "s73", slices[:, :, 0], "maps")
+    scipy.io.savemat(tmp_path / "v7", {"maps": volume[..., 0]}, appendmat=False)
+    lookalike.skmtea(tmp_path / "skm", volume)
+    for name in ("s.nii.gz", "s", "s73"):
+        same_bits(maps.read(tmp_path / name, (12, 10, 1, 4, 3, 1, 1)), slices)
+    for name in ("v.nii", "v.cfl", "v7", "skm"):
+        same_bits(maps.read(tmp_path / name, (12, 10, 6, 4, 1, 1, 1)), volume)
+    for name, coils, message in (("v", 5, "not of 5 coils"), ("v7", 5, "no axis of 5 coils"), ("none", 4, "No such file")):
+        with pytest.raises(ValueError, match=message):
+            maps.read(tmp_path / name, (12, 10, 6, coils, 1, 1, 1))

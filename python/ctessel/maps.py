@@ -1,0 +1,91 @@
+"""Sensitivity maps in files: BART pairs, NIfTI, MATLAB, and HDF5 with an array `maps`."""
+
+import os
+
+import numpy as np
+
+from . import formats
+from .acquisitions import DefectError
+from .scan import times_text
+
+__all__ = ["read"]
+
+
+def read(path, shape):
+    """Sensitivity maps for a scan.
+
+    Parameters
+    ----------
+    path : str or path
+        A BART pair; a NIfTI file; a MATLAB file with a variable `maps`; HDF5 with an array `maps`,
+        (x, y, z, coil, 1).
+    shape : sequence of int
+        Extents of the scan's k-space by `ctessel.scan.AXES`: where its slices are, and how many coils.
+
+    Returns
+    -------
+    ndarray of complex64, ``(x, y, z, coil, slice)``
+        As the file has them, image domain; x and y may have any extents.
+
+    Raises
+    ------
+    ValueError
+        The file cannot be read, or its maps are not of this scan. One line.
+    """
+    path, coils = os.fspath(path), shape[3]
+    try:
+        data, named = _load(path)
+        maps = data if named else _unnamed(data, coils)
+        if shape[2] == 1 and maps.shape[4] == 1:  # what is called z are slices
+            maps = maps.transpose(0, 1, 4, 3, 2)
+        if maps.shape[3:] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
+            raise DefectError(
+                f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "give those of this scan"
+            )
+        maps = formats.plain(maps).astype(np.complex64)
+        if not np.isfinite(maps).all():
+            raise DefectError("its maps are not finite", "make them again")
+    except DefectError as error:
+        raise ValueError(f"{path}: {error}") from None
+    return np.asfortranarray(maps)
+
+
+def _load(path):
+    """The array of a file, and whether its axes are x, y, z, coil and slice."""
+    base = formats.pair_base(path)
+    if base is not None:
+        return _of_pair(base), True
+    if path.endswith((".nii", ".nii.gz")):
+        return _of_nifti(path), False
+    return formats.load(path, "maps")
+
+
+def _of_pair(base):
+    dims = formats.read_dimensions(base)
+    if dims[4] > 1:
+        raise DefectError(f"has {dims[4]} sets of maps", "take the first one with bart slice 4 0")
+    if max(n for axis, n in enumerate(dims) if axis not in (0, 1, 2, 3, 13)) > 1:
+        raise DefectError(f"its maps, {times_text(dims)}, have other axes than k-space, coils and slices", "choose one")
+    return formats.read_pair(base, [*dims[:4], dims[13]], dims)
+
+
+def _of_nifti(path):
+    import nibabel
+
+    try:
+        return np.asanyarray(nibabel.load(path).dataobj)
+    except (OSError, EOFError, ValueError, nibabel.filebasedimages.ImageFileError) as error:
+        raise DefectError(f"cannot be read ({' '.join(str(error).split())[:100]})", "write it again") from None
+
+
+def _unnamed(data, coils):
+    """The axes x, y, z, coil and slice of an array of which coils are one axis; what is z may be slices."""
+    data = data.reshape([n for axis, n in enumerate(data.shape) if n > 1 or axis < 2])
+    at = [axis for axis in range(2, data.ndim) if data.shape[axis] == coils]
+    if coils > 1 and not at:
+        raise DefectError(f"its maps, {times_text(data.shape)}, have no axis of {coils} coils", "give those of this scan")
+    data = np.moveaxis(data, at[-1], -1) if coils > 1 else data[..., None]
+    data = data if data.ndim == 4 else data[:, :, None]
+    if data.ndim != 4:
+        raise DefectError(f"its maps have {data.ndim} axes; expected x, y, z or slices, and coils", "choose some")
+    return data[..., None]
