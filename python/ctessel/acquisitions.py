@@ -46,8 +46,12 @@ CALIBRATION = flag(20)
 CALIBRATION_AND_IMAGING = flag(21)
 REVERSE = flag(22)
 LAST_IN_MEASUREMENT = flag(25)
-#: Navigators, phase and coil correction, feedback, dummies, stabilisation: no image data.
-NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in (23, 24, 26, 27, 28, 29, 30, 31)])
+#: Kinds of acquisitions that are no image data, by the number of their flag.
+NOT_IMAGING_NAMES = {
+    23: "navigators", 24: "phase corrections", 26: "feedback", 27: "dummies", 28: "real-time feedback",
+    29: "coil corrections", 30: "phase references", 31: "phase stabilisation",
+}  # fmt: skip
+NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in NOT_IMAGING_NAMES])
 
 
 class DefectError(ValueError):

@@ -275,6 +275,9 @@ def _add_info(commands):
         commands, "info", info, "tell what is in a raw data file and what would be done with it"
     )
     command.add_argument("raw", metavar="RAW")
+    command.add_argument(
+        "--plot", metavar="FILE.png", type=_png_name, help="a picture of the lines and of the energy along each axis"
+    )
     _add_input(command)
 
 
@@ -584,7 +587,7 @@ def info(arguments):
     """``ctessel info``"""
     from .job import information
 
-    _say(information(arguments.raw, arguments.group, **_given(arguments)))
+    _say(information(arguments.raw, arguments.group, arguments.plot, **_given(arguments)))
 
 
 def convert(arguments):

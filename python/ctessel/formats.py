@@ -282,6 +282,31 @@ def _hdf5(path, given):
     return path, _STORED[kind](file, kspace, given)
 
 
+def groups(path):
+    """What is in a file of HDF5: raw data, images, and arrays of the root, with their extents."""
+    if not _is_hdf5(path):
+        return []
+    import h5py
+
+    found = []
+
+    def note(name, item):
+        if isinstance(item, h5py.Group):
+            parts = {part: item.get(part) for part in ("data", "xml", "header")}
+            sets = {part: held for part, held in parts.items() if isinstance(held, h5py.Dataset)}
+            if {"data", "xml"} <= sets.keys():
+                found.append(f"{name} ({sets['data'].size} acquisitions)")
+            if {"data", "header"} <= sets.keys():
+                found.append(f"{name} ({sets['header'].size} images)")
+        elif "/" not in name:
+            found.append(f"{name} ({times_text(item.shape)})" if item.shape else name)
+        return True if len(found) >= 20 else None
+
+    with h5py.File(path, "r") as file:
+        file.visititems(note)
+    return found
+
+
 def _is_hdf5(path):
     return os.path.isfile(path) and _begins(path, b"\x89HDF\r\n\x1a\n", (0, 512, 1024, 2048))
 

@@ -280,8 +280,23 @@ def _check_memory(job):
     )
 
 
-def information(path, group, **given):
-    """What is in a raw data file and what ``ctessel recon`` would do with it, for people."""
+def information(path, group, plot=None, **given):
+    """What is in a raw data file and what ``ctessel recon`` would do with it, for people.
+
+    `plot` is a file for a picture of the sampling.
+    """
+    from . import sampling_view
+
+    if plot:
+        files.check_output(plot)
     found = raw.contents(path, group=group, cut=True, **given)
     options = pipeline.Options(combine="sos")
-    return report.information(found, lambda: pipeline.plan(raw.layout(found), options))
+    layout = raw.layout(found)
+    energy = sampling_view.profiles(found)
+    if plot:
+        with files.Staged() as staged:
+            sampling_view.save(staged.path(plot), layout, energy, files.printable(path))
+            staged.commit()
+    more = {"groups": raw.groups(found), **sampling_view.facts(found, layout, energy)}
+    drawing = sampling_view.drawing(layout)
+    return report.information(found, more, drawing, lambda: pipeline.plan(layout, options))

@@ -5,6 +5,7 @@ defective, or does not fit into memory, is refused before any sample is read. Sa
 by block to their places in one array.
 """
 
+import contextlib
 import errno
 import os
 import stat
@@ -321,6 +322,13 @@ def facts(found):
         "k-space": runtime.text(found.nbytes),
     }
     return {name: text for name, text in texts.items() if text}
+
+
+def groups(found):
+    """What is in a file of HDF5, group by group, for people; "" for others."""
+    with contextlib.suppress(OSError, ModuleNotFoundError, RuntimeError):
+        return ", ".join(formats.groups(found.path))
+    return ""
 
 
 def mend_memory(found):

@@ -28,12 +28,13 @@ def intentions(found, plan, needed, files):
     return "\n".join(lines)
 
 
-def information(found, plan):
+def information(found, more, drawing, plan):
     """What is in a raw data file and what `ctessel recon` would do with it, for people.
 
-    `plan` is a function: what it refuses is told.
+    `more` are facts beyond those of the file's contents, `drawing` lines of text. `plan` is a function:
+    what it refuses is told.
     """
-    lines = _aligned(raw.facts(found))
+    lines = [*_aligned({**raw.facts(found), **{name: text for name, text in more.items() if text}}), "", *drawing]
     try:
         made = plan()
         lines += [
