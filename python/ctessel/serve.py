@@ -12,11 +12,13 @@ import select
 import signal
 import socket
 import sys
+import tempfile
 import time
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 from . import job, options, runtime, stream
+from .earlier import Shelf
 from .session import Session
 
 #: Refused connections that are given time to read why.
@@ -55,6 +57,7 @@ class Settings:
     threads: int | None = None
     timeout: float = 300.0
     bits: int = 12
+    shelf: Shelf | None = None  # noise scans of earlier connections
 
     def changed(self, words, named, log, trusted=False):
         """`words` with what is named in a dict; what cannot be used is told to `log`, and left."""
@@ -148,6 +151,8 @@ class Server:
 
     def __init__(self, host, port, settings, connections):
         self._settings, self._most = settings, connections
+        self._folder = tempfile.TemporaryDirectory(prefix="ctessel-noise-")
+        settings.shelf = Shelf(self._folder.name)
         family = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)[0][0]
         self._listener = socket.create_server((host, port), family=family, backlog=128)
         self._children, self._refused = set(), {}
@@ -265,6 +270,7 @@ class Server:
             while self._children and time.monotonic() < deadline:
                 self._reap()
                 time.sleep(0.02)
+        self._folder.cleanup()
 
 
 def _end_session(*_):

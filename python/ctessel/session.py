@@ -14,9 +14,9 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from . import raw, runtime, stream
+from . import earlier, raw, runtime, stream
 from ._ismrmrd import parse
-from .acquisitions import HEAD
+from .acquisitions import HEAD, NOISE, NOT_IMAGING
 from .arrived import LAST, UNCLEAR, Arrived, Forecast, contents
 from .files import Staged
 from .pictures import Pictures
@@ -83,7 +83,7 @@ class Session:
         self.connection, self._settings, self._log, self._name = connection, settings, log, name
         self.report = Report()
         self._words = dict(settings.words)
-        self._header = self._chosen = None
+        self._header = self._chosen = self._measurement = None
 
     def run(self):
         """Serve the connection to its end; returns whether a scan came."""
@@ -134,7 +134,10 @@ class Session:
 
     def _allow(self):
         """Set what the header allows to be held."""
-        root = allow(self._header, self.connection.acquisitions)
+        root, coils = allow(self._header, self.connection.acquisitions)
+        self._measurement, noise = earlier.named(root)
+        if noise:
+            self._fetch_noise(noise, coils)
         for parameter in root.findall("{*}userParameters/{*}userParameterLong"):
             if parameter.findtext("{*}name") == "BitsStored":
                 value = parameter.findtext("{*}value", "")
@@ -198,14 +201,19 @@ class Session:
     def _receive(self, events, save):
         """Hand on what comes, until the stream ends; the raw data are kept on the way."""
         try:
-            known = 0
+            known = fetched = len(self.connection.acquisitions)
             while True:
                 messages = self.connection.receive()
                 acquisitions = self.connection.acquisitions
                 now, count = time.monotonic(), len(acquisitions)
-                save.append(acquisitions, known, count)
                 if count > known:
-                    events.put(("lines", acquisitions.heads(known, count - known), now))
+                    first = 0 if known == fetched else known
+                    heads = acquisitions.heads(first, count - first).view(HEAD)[:, 0]
+                    if known == fetched and not self._suits(heads[:fetched], heads[fetched]):
+                        heads["flags"][:fetched] = NOT_IMAGING
+                        first = fetched
+                    save.append(acquisitions, first, count)
+                    events.put(("lines", heads, now))
                     known = count
                 for message in messages:
                     if message is None:
@@ -218,6 +226,40 @@ class Session:
                         return
         except BaseException as error:
             events.put(("error", error, 0.0))
+
+    def _fetch_noise(self, name, coils):
+        """Let the noise scan of an earlier connection come, too, if it has no more than some coils."""
+        try:
+            if not self._settings.shelf:
+                raise ValueError("noise scans of earlier connections are not kept here")
+            with self._settings.shelf.open(name, coils) as file:
+                self.connection.acquisitions.receive(file.fileno(), 0.0)
+        except ValueError as error:
+            self._warn(f"{error}; without it, unless the scan has one of its own")
+
+    def _suits(self, noise, line):
+        """Whether an earlier connection's noise scan is that of a scan with this first line."""
+        if not noise.size or line["flags"] & NOISE:  # of its own
+            return False
+        coils = noise["active_channels"][0], line["active_channels"]
+        if coils[0] != coils[1]:
+            self._warn(
+                f"the noise scan has {coils[0]} coils, the scan {coils[1]}; it is reconstructed without"
+            )
+        return coils[0] == coils[1]
+
+    def keep_noise(self, numbers):
+        """Keep acquisitions, which are a noise scan, for later connections."""
+        try:
+            if not self._settings.shelf:
+                raise ValueError("no later connection will ask for it")
+            self._settings.shelf.keep(self._measurement, self.connection.acquisitions, numbers)
+        except (ValueError, OSError) as error:
+            self._warn(f"the noise scan is not kept: {error}")
+            return
+        self.connection.send(
+            stream.line("INFO", f"the noise scan {self._measurement[:80]!r} is kept")
+        )
 
     def _work(self, scan, events):
         while True:
@@ -261,14 +303,14 @@ class Session:
 
 
 def allow(header, acquisitions):
-    """Set what may be held of a scan with this header; returns its root."""
+    """Set what may be held of a scan with this header; returns its root, and the most coils."""
     root = stream.parse_xml(header)
     parse(header)
     coils = root.findtext("{*}acquisitionSystemInformation/{*}receiverChannels", "0")
     coils = int(coils) if coils.isdigit() and 0 < int(coils) <= MOST_COILS else MOST_COILS
     promised = sum(_lines(encoding) for encoding in root.findall("{*}encoding"))
     acquisitions.allow(coils, 0, min(2 * 8 * coils * promised + SPARE, runtime.available() // 2))
-    return root
+    return root, coils
 
 
 def received(source, path, group="dataset"):
@@ -333,7 +375,7 @@ class Scan:
 
     def arrive(self, heads, now):
         """Take note of new acquisitions; send what they complete."""
-        self._parts.append(heads.view(HEAD)[:, 0])
+        self._parts.append(heads)
         if self._hopeless or not self._worth():
             return
         self._join()
@@ -450,6 +492,9 @@ class Scan:
         report.acquisitions = self._heads.size
         if not self._heads.size:
             raise StreamError("a scan without acquisitions")
+        own = np.flatnonzero(self._heads["flags"] & NOT_IMAGING == 0)
+        if own.size and (self._heads["flags"][own] & NOISE != 0).all():
+            return self._session.keep_noise(own)
         found = contents(self._session.header, self._heads)
         options, kind, bits = self._session.options()
         source = Arrived(self._acquisitions, found, options.threads)

@@ -20,7 +20,7 @@ import numpy as np
 import pytest
 
 from ctessel import _raw, arrived, cli, phantom, send, serve, session, stream
-from ctessel.acquisitions import HEAD
+from ctessel.acquisitions import HEAD, NOISE
 
 
 class Server:
@@ -285,6 +285,45 @@ def test_lines_find_their_places_while_others_come(tmp_path, monkeypatch, oversa
     np.testing.assert_array_equal(send.assembled(peer.images)[:, :, 0, :, 0], want)
 
 
+def test_noise_may_come_in_an_earlier_connection(tmp_path, server):
+    def header(names):
+        text = messages[1][6:].decode()
+        start = "<measurementInformation>"
+        return stream.text(stream.HEADER, text.replace(start, start + names))
+
+    phantom.write(tmp_path / "p.h5", "noise", size=32, coils=4, slices=2)
+    want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
+    without = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path, "--no-noise").dataobj)
+    messages = split(send.Sender(tmp_path / "p.h5"))
+    lines = messages[2:-1]
+    flags = [np.frombuffer(message, HEAD, 1, 2)["flags"][0] for message in lines]
+    count = next(number for number, flag in enumerate(flags) if not flag & NOISE)
+    noise, scan = lines[:count], lines[count:]
+    needs = (
+        "<measurementDependency><dependencyType>Noise</dependencyType>"
+        "<measurementID>{}</measurementID></measurementDependency>"
+    )
+
+    def images(needed, lines=scan):
+        return Peer(server.address).send(messages[0], header(needed), *lines, messages[-1]).end()
+
+    phantom.write(tmp_path / "q.h5", "noise", size=32, coils=2)
+    images("<measurementID>n/3</measurementID>", split(send.Sender(tmp_path / "q.h5"))[2:3])
+    kept = images("<measurementID>n/1</measurementID>", noise)
+    assert not kept.images and kept.lines == ["INFO     ctessel: the noise scan 'n/1' is kept"]
+    for needed, lines, expected, told in [
+        (needs.format("n/1"), scan, want, ""),
+        (needs.format("n/2"), scan, without, "'n/2' has not come here"),
+        (needs.format("n/3"), scan, without, "has 2 coils, the scan 4"),
+        ("", scan, without, ""),
+        (needs.format("n/1"), noise + scan, want, ""),  # its own counts
+    ]:
+        peer = images(needed, lines)
+        got = send.assembled(peer.images)[:, :, 0, :, 0, 0]
+        np.testing.assert_array_equal(got, expected.squeeze())
+        assert told in "".join(peer.lines) and bool(peer.lines) == bool(told)
+
+
 def test_lines_that_change_what_was_sent_have_it_sent_again(tmp_path, server):
     phantom.write(tmp_path / "p.h5", "slices", slices=2, size=32, noise=0.1)
     messages = split(send.Sender(tmp_path / "p.h5"))
@@ -310,6 +349,26 @@ def test_a_centre_beyond_the_readout_is_that_of_a_longer_one(server, small):
     for message in moved[2:-1]:
         np.frombuffer(message, HEAD, 1, 2)["center_sample"] = 64  # of 64 samples, k = 0 is the 32nd
     np.testing.assert_array_equal(Peer(server.address).send(*moved).end().images[0][2], plain)
+
+
+def test_lines_are_sent_at_the_times_of_their_measurement(tmp_path, monkeypatch):
+    class Clock:
+        now, sleep = 0.0, lambda self, seconds: setattr(self, "now", self.now + seconds)
+
+        def monotonic(self):
+            return self.now
+
+    clock = Clock()
+    monkeypatch.setattr(send, "time", clock)
+    phantom.write(tmp_path / "p.h5", "full", size=16, coils=1)
+    sender = send.Sender(tmp_path / "p.h5")
+    stamps = np.arange(16, dtype="u4") * 4
+    for given, step in ((stamps, 4 * 2.5e-3), (np.zeros(16), sender._found.header.tr[0] / 1000)):
+        sender._found.heads["acquisition_time_stamp"] = given
+        begun, times = clock.now, []
+        for message in sender.messages(realtime=True):
+            times += [clock.now - begun] * (bytes(message[:2]) == struct.pack("<H", 1008))
+        np.testing.assert_allclose(times, np.arange(16) * step, atol=1e-6)
 
 
 def test_one_scale_holds_for_a_series(tmp_path, server):
