@@ -200,6 +200,9 @@ struct EspiritOptions {
 /// The two must not overlap. Threads: split over rows or tiles. Memory: none.
 void copy(const ConstSamples& from, const Samples& to);
 
+/// Whether any float of the one may be a float of the other, by where their parts begin and end.
+bool overlap(const ConstSamples& a, const ConstSamples& b);
+
 // ---- k-space and image arrays -------------------------------------------------------------------
 
 /// Moves the first sample of each named axis to its centre, index floor(N / 2): in place, or into

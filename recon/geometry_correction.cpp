@@ -20,6 +20,7 @@
 #include "dispatch.h"
 #include "legendre.h"
 #include "loops.h"
+#include "simd.h"
 
 namespace {
 
@@ -86,30 +87,17 @@ std::unique_ptr<float[]> build_table(float step) {
   return table;
 }
 
-using Four [[gnu::vector_size(16), gnu::aligned(4), gnu::may_alias]] = float;
-
-const Four& four(const float* p) { return *reinterpret_cast<const Four*>(p); }
-Four& four(float* p) { return *reinterpret_cast<Four*>(p); }
-
-/// Turns four rows, one per lane, into four terms across those lanes.
-void transpose4(const float* const* rows, int term, int lane, Terms& terms) {
-  const Four a = four(rows[0] + term), b = four(rows[1] + term), c = four(rows[2] + term),
-             d = four(rows[3] + term);
-  const Four ab = __builtin_shufflevector(a, b, 0, 4, 1, 5);
-  const Four ab2 = __builtin_shufflevector(a, b, 2, 6, 3, 7);
-  const Four cd = __builtin_shufflevector(c, d, 0, 4, 1, 5);
-  const Four cd2 = __builtin_shufflevector(c, d, 2, 6, 3, 7);
-  four(&terms[term][lane]) = __builtin_shufflevector(ab, cd, 0, 1, 4, 5);
-  four(&terms[term + 1][lane]) = __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
-  four(&terms[term + 2][lane]) = __builtin_shufflevector(ab2, cd2, 0, 1, 4, 5);
-  four(&terms[term + 3][lane]) = __builtin_shufflevector(ab2, cd2, 2, 3, 6, 7);
-}
-
-/// The terms of one table row per lane.
+/// The terms of one table row per lane, turned four rows by four terms at a time.
 void look_up_terms(const float* const* rows, Terms& terms) {
   static_assert(kTerms % 4 == 0 && kLanes % 4 == 0);
-  for (int lane = 0; lane < kLanes; lane += 4)
-    for (int term = 0; term < kTerms; term += 4) transpose4(rows + lane, term, lane, terms);
+  for (int lane = 0; lane < kLanes; lane += 4) {
+    const char* four[4];
+    for (int i = 0; i < 4; ++i) four[i] = reinterpret_cast<const char*>(rows[lane + i]);
+    for (int term = 0; term < kTerms; term += 4) {
+      ctessel::turn_square(std::uint32_t{}, four, term * std::ptrdiff_t{sizeof(float)},
+                           reinterpret_cast<char*>(&terms[term][lane]), sizeof terms[term]);
+    }
+  }
 }
 
 /// Points that wait for their sums. Lanes that no point has taken keep harmless values.

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <utility>
 
@@ -176,26 +175,6 @@ CTESSEL_CLONES void project_row(const Row& data, const ConstRow& low) {
   if (data.step == 2 && data.im == data.re + 1) return project_onto<2, true>(data, low);
   if (data.step == 1) return project_onto<1, true>(data, low);
   project_onto<0, true>(data, low);
-}
-
-/// Whether any float of the one may be a float of the other, by where each part begins and ends.
-bool overlap(const ConstSamples& a, const ConstSamples& b) {
-  const auto ends = [](const ConstSamples& s, const float* part) {
-    ptrdiff_t low = 0, high = 0;
-    for (int d = 0; d < s.ndim(); ++d) {
-      const ptrdiff_t reach = (s.extent(Dim(d)) - 1) * s.stride(Dim(d));
-      (reach < 0 ? low : high) += reach;
-    }
-    return std::pair{part + low, part + high + 1};
-  };
-  const std::less<const float*> before;
-  const auto apart = [&](const float* p, const float* q) {
-    if (!p || !q) return true;
-    const auto [first, last] = ends(a, p);
-    const auto [begin, end] = ends(b, q);
-    return !before(first, end) || !before(begin, last);
-  };
-  return !(apart(a.re, b.re) && apart(a.re, b.im) && apart(a.im, b.re) && apart(a.im, b.im));
 }
 
 CTESSEL_CLONES ptrdiff_t count_nan_of(const ConstRow& row) {
@@ -375,7 +354,7 @@ void remove_resampled_phase(const Samples& image, const ConstSamples& low) {
     // A volume that the low-resolution image does not have stays as it is: no phase is known there.
     const auto last = std::min(static_cast<ptrdiff_t>(end), volumes_of(low));
     for (auto r = static_cast<ptrdiff_t>(begin); r < last; ++r) {
-      const ptrdiff_t volume = outer_offset(image, r);
+      const ptrdiff_t volume = offset_of(image, 3, r);
       for (ptrdiff_t z = 0; z < image.extent(Dim::z); ++z) {
         for (ptrdiff_t y = 0; y < image.extent(Dim::y); ++y) {
           const ptrdiff_t at = volume + y * image.stride(Dim::y) + z * image.stride(Dim::z);

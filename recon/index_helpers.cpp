@@ -4,7 +4,7 @@
 
 #include "cTessel.h"
 #include "conversion.h"
-#include "ctessel.hpp"
+#include "samples.h"
 
 namespace {
 
@@ -55,10 +55,7 @@ double ctessel::root_mean_square(const ConstSamples& samples) {
   const std::ptrdiff_t n = samples.size(), row = samples.extent(Dim::x);
   long double sum = 0;
   for (std::ptrdiff_t first = 0; first < n; first += row) {
-    std::ptrdiff_t at = 0, index = first / row;
-    for (int d = 1; index > 0; index /= samples.extent(Dim(d++))) {
-      at += index % samples.extent(Dim(d)) * samples.stride(Dim(d));
-    }
+    std::ptrdiff_t at = offset_of(samples, 1, first / row);
     for (std::ptrdiff_t i = 0; i < row; ++i, at += samples.stride(Dim::x)) {
       const long double x = samples.re[at], y = samples.im ? samples.im[at] : 0;
       sum += x * x + y * y;

@@ -4,7 +4,7 @@
 
 #include "cTessel.h"
 #include "conversion.h"
-#include "ctessel.hpp"
+#include "samples.h"
 
 namespace {
 
@@ -54,12 +54,8 @@ float interpolate(const float* volume, float a, float b, float c, const int* dim
 void ctessel::interpolate(const ConstSamples& volume, const std::array<const float*, 3>& at,
                           std::ptrdiff_t n, float* out) {
   const Extents dims{volume.extent(Dim::x), volume.extent(Dim::y), volume.extent(Dim::z)};
-  const auto offset = [&](std::ptrdiff_t i) {
-    return i % dims[0] * volume.stride(Dim::x) + i / dims[0] % dims[1] * volume.stride(Dim::y) +
-           i / dims[0] / dims[1] * volume.stride(Dim::z);
-  };
   const auto value = [&](const float* part, std::ptrdiff_t i) {
-    const auto sample = [&](std::ptrdiff_t k) { return part[offset(k)]; };
+    const auto sample = [&](std::ptrdiff_t k) { return part[offset_of(volume, 0, k)]; };
     return interpolate_at(sample, at[1][i], at[0][i], at[2][i], dims.data(), -1);
   };
   for (std::ptrdiff_t i = 0; i < n; ++i) {

@@ -34,9 +34,6 @@ void for_each_chunk(std::int64_t n, const Body& body) {
   }
 }
 
-/// Extent of dimension d (0-based), 1 past the end of the caller's array.
-inline std::int64_t extent(int ndims, const int* dims, int d) { return d < ndims ? dims[d] : 1; }
-
 /// Product of the extents from dimension `first` (0-based) on: the merged outer count.
 template <class Int>
 std::int64_t merged_outer(int ndims, const Int* dims, int first = 3) {

@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <numeric>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "dispatch.h"
 #include "loops.h"
@@ -56,23 +58,14 @@ using Join = Move<std::uint32_t, 2, 1>;
 template <class Word>
 using Copy = Move<Word, 1, 1>;  // by words, so that the bits of a NaN stay
 
-/// One axis of a walk over both sides: its extent, and the steps on the reading and on the writing
-/// side in bytes.
-struct Walk {
-  ptrdiff_t n, from, to;
-};
-using Side = ptrdiff_t Walk::*;
-
-struct Offsets {
-  ptrdiff_t from = 0, to = 0;
-};
+using Side = ptrdiff_t Step::*;
 
 /// Axes by rising step on the writing side, which is turned to run upwards from `start` on, and
 /// joined where both sides run on without a gap.
-std::vector<Walk> walk_order(const std::vector<ptrdiff_t>& shape,
+std::vector<Step> walk_order(const std::vector<ptrdiff_t>& shape,
                              const std::vector<ptrdiff_t>& from, const std::vector<ptrdiff_t>& to,
                              Offsets& start) {
-  std::vector<Walk> axes, joined;
+  std::vector<Step> axes, joined;
   for (std::size_t d = 0; d < shape.size(); ++d) {
     if (shape[d] == 1) continue;
     const bool down = to[d] < 0;
@@ -80,28 +73,15 @@ std::vector<Walk> walk_order(const std::vector<ptrdiff_t>& shape,
     if (down) start.from += (shape[d] - 1) * from[d], start.to += (shape[d] - 1) * to[d];
   }
   std::stable_sort(axes.begin(), axes.end(),
-                   [](const Walk& a, const Walk& b) { return a.to < b.to; });
-  for (const Walk& a : axes) {
-    Walk* last = joined.empty() ? nullptr : &joined.back();
-    if (last && a.from == last->from * last->n && a.to == last->to * last->n) {
-      last->n *= a.n;
-    } else {
-      joined.push_back(a);
-    }
-  }
+                   [](const Step& a, const Step& b) { return a.to < b.to; });
+  for (const Step& a : axes) append(joined, a);
   if (joined.empty()) joined.push_back({1, 0, 0});
   return joined;
 }
 
-ptrdiff_t count_of(const std::vector<Walk>& axes) {
-  ptrdiff_t n = 1;
-  for (const Walk& a : axes) n *= a.n;
-  return n;
-}
-
 /// Lists the offsets on one side of entries first, first + 1, ... of the axes taken as one, the
 /// first of them fastest.
-void list_offsets(const std::vector<Walk>& axes, Side side, ptrdiff_t first, ptrdiff_t count,
+void list_offsets(const std::vector<Step>& axes, Side side, ptrdiff_t first, ptrdiff_t count,
                   ptrdiff_t* out) {
   if (axes.empty()) return std::fill_n(out, count, ptrdiff_t{0}), void();
   const ptrdiff_t n = axes[0].n, step = axes[0].*side;
@@ -111,13 +91,6 @@ void list_offsets(const std::vector<Walk>& axes, Side side, ptrdiff_t first, ptr
       at += index % axes[d].n * (axes[d].*side);
     for (; i < n && k < count; ++i, ++k, at += step) out[k] = at;
   }
-}
-
-Offsets offsets_of(const std::vector<Walk>& axes, ptrdiff_t index) {
-  Offsets o;
-  list_offsets(axes, &Walk::from, index, 1, &o.from);
-  list_offsets(axes, &Walk::to, index, 1, &o.to);
-  return o;
 }
 
 void copy_bytes(char* to, const char* from, ptrdiff_t bytes) {
@@ -159,7 +132,7 @@ void move_run(const M& m, Offsets o, ptrdiff_t n) {
 }
 
 template <class M>
-void move_row(M m, Offsets o, Walk axis, ptrdiff_t n) {
+void move_row(M m, Offsets o, Step axis, ptrdiff_t n) {
   constexpr std::size_t kWord = sizeof(typename M::Word);
   if (axis.from == M::kFrom && axis.to == M::kTo) return move_run(m, o, n);
   for (; n > 0; --n, o.from += axis.from, o.to += axis.to) {
@@ -172,15 +145,15 @@ void move_row(M m, Offsets o, Walk axis, ptrdiff_t n) {
 }
 
 template <class M>
-void walk_rows(const M& m, const Walk& row, std::vector<Walk> axes) {
+void walk_rows(const M& m, const Step& row, std::vector<Step> axes) {
   const ptrdiff_t pieces = (row.n + kRow - 1) / kRow;
   if (pieces > 1) axes.insert(axes.begin(), {pieces, kRow * row.from, kRow * row.to});
   share(m, count_of(axes), [&](std::int64_t begin, std::int64_t end) {
     std::array<ptrdiff_t, kSquare> from, to;
     for (auto u = static_cast<ptrdiff_t>(begin); u < end; u += kSquare) {
       const ptrdiff_t count = std::min(kSquare, static_cast<ptrdiff_t>(end) - u);
-      list_offsets(axes, &Walk::from, u, count, from.data());
-      list_offsets(axes, &Walk::to, u, count, to.data());
+      list_offsets(axes, &Step::from, u, count, from.data());
+      list_offsets(axes, &Step::to, u, count, to.data());
       for (ptrdiff_t k = 0; k < count; ++k) {
         const auto i = static_cast<std::size_t>(k);
         const ptrdiff_t first = pieces == 1 ? 0 : (u + k) % pieces * kRow;
@@ -195,18 +168,18 @@ void walk_rows(const M& m, const Walk& row, std::vector<Walk> axes) {
 
 /// Axes along which one side runs on with one step, fastest first.
 struct Run {
-  std::vector<Walk> axes;
+  std::vector<Step> axes;
   ptrdiff_t n = 1, step = 0;
 };
 
 /// Takes axis i out of `axes`, to lengthen a run.
-void lengthen(Run& run, std::vector<Walk>& axes, std::size_t i) {
+void lengthen(Run& run, std::vector<Step>& axes, std::size_t i) {
   run.n *= axes[i].n;
   run.axes.push_back(axes[i]);
   axes.erase(axes.begin() + static_cast<ptrdiff_t>(i));
 }
 
-bool lengthen(Run& run, std::vector<Walk>& axes, Side side) {
+bool lengthen(Run& run, std::vector<Step>& axes, Side side) {
   for (std::size_t i = 0; i < axes.size(); ++i) {
     if (axes[i].*side != run.step * run.n) continue;
     lengthen(run, axes, i);
@@ -218,10 +191,10 @@ bool lengthen(Run& run, std::vector<Walk>& axes, Side side) {
 /// A tile has part of either run as its sides.
 struct Plan {
   Run read, write;
-  std::vector<Walk> others;
+  std::vector<Step> others;
 };
 
-Plan plan_tiles(std::vector<Walk> axes, std::size_t fastest_read) {
+Plan plan_tiles(std::vector<Step> axes, std::size_t fastest_read) {
   Plan p;
   p.read.step = axes[fastest_read].from;
   p.write.step = axes[0].to;
@@ -229,9 +202,9 @@ Plan plan_tiles(std::vector<Walk> axes, std::size_t fastest_read) {
   lengthen(p.write, axes, std::size_t{0});
   for (bool longer = true; longer;) {  // the shorter side first, until both fill a tile
     if (std::min(p.read.n, kSquare) < std::min(p.write.n, kSquare)) {
-      longer = lengthen(p.read, axes, &Walk::from) || lengthen(p.write, axes, &Walk::to);
+      longer = lengthen(p.read, axes, &Step::from) || lengthen(p.write, axes, &Step::to);
     } else {
-      longer = lengthen(p.write, axes, &Walk::to) || lengthen(p.read, axes, &Walk::from);
+      longer = lengthen(p.write, axes, &Step::to) || lengthen(p.read, axes, &Step::from);
     }
   }
   p.others = axes;
@@ -282,7 +255,7 @@ class Tiles {
         plan_(plan),
         stream_(m.stream && plan.write.step == M::kTo),
         even_(std::all_of(plan.read.axes.begin(), plan.read.axes.end(),
-                          [](const Walk& a) { return a.to % kLine == 0; })),
+                          [](const Step& a) { return a.to % kLine == 0; })),
         blocks_((plan.write.n + kSquare - 1) / kSquare + 1),
         chunks_((plan.read.n + kUnit - 1) / kUnit) {}
 
@@ -329,7 +302,7 @@ class Tiles {
       block.first = std::max(block.begin - early, ptrdiff_t{0});
       block.rows = std::min(block.begin - late + kSquare, plan_.write.n) - block.first;
       if (block.rows <= 0) continue;
-      list_offsets(plan_.write.axes, &Walk::from, block.first, block.rows, block.from.data());
+      list_offsets(plan_.write.axes, &Step::from, block.first, block.rows, block.from.data());
       return true;
     }
     return false;
@@ -349,7 +322,7 @@ class Tiles {
     const ptrdiff_t rows = block.rows * M::kIns, columns = nr * M::kOuts;
     if (plan_.read.step != M::kFrom) gather(rows, nr);
     turn_words(typename M::Word{}, rows_.data(), rows, columns, turned_.data(), kPitch);
-    list_offsets(plan_.read.axes, &Walk::to, j, nr, to_.data());
+    list_offsets(plan_.read.axes, &Step::to, j, nr, to_.data());
     for (ptrdiff_t k = 0; k < columns; ++k) {
       deliver(block, turned_.data() + k * kPitch,
               m_.out[size(k % M::kOuts)] + block.start.to + to_[size(k / M::kOuts)]);
@@ -410,18 +383,18 @@ void walk(M m, const std::vector<ptrdiff_t>& shape, const std::vector<ptrdiff_t>
           const std::vector<ptrdiff_t>& to) {
   if (std::find(shape.begin(), shape.end(), 0) != shape.end()) return;
   Offsets start;
-  std::vector<Walk> axes = walk_order(shape, from, to, start);
+  std::vector<Step> axes = walk_order(shape, from, to, start);
   for (const char*& in : m.in) in += start.from;
   for (char*& out : m.out) out += start.to;
   m.stream = count_of(axes) * M::kTo * M::kOuts >= kStream;
-  const auto slower = [](const Walk& a, const Walk& b) {  // a broadcast axis is never read along
+  const auto slower = [](const Step& a, const Step& b) {  // a broadcast axis is never read along
     return b.from != 0 && (a.from == 0 || std::abs(b.from) < std::abs(a.from));
   };
   const auto fastest = std::max_element(axes.begin(), axes.end(), slower);
   if (fastest != axes.begin() && fastest->from != 0) {
     return walk_tiles(m, plan_tiles(axes, static_cast<std::size_t>(fastest - axes.begin())));
   }
-  const Walk row = axes.front();
+  const Step row = axes.front();
   axes.erase(axes.begin());
   walk_rows(m, row, axes);
 }
@@ -473,6 +446,26 @@ void copy(const ConstSamples& from, const Samples& to, Team team) {
   if (to.im && !from.im) clear_imaginary(to, team);
 }
 
+bool overlap(const ConstSamples& a, const ConstSamples& b) {
+  if (a.size() == 0 || b.size() == 0) return false;
+  const auto ends = [](const ConstSamples& s, const float* part) {
+    ptrdiff_t low = 0, high = 0;
+    for (int d = 0; d < s.ndim(); ++d) {
+      const ptrdiff_t reach = (s.extent(Dim(d)) - 1) * s.stride(Dim(d));
+      (reach < 0 ? low : high) += reach;
+    }
+    return std::pair{part + low, part + high + 1};
+  };
+  const std::less<const float*> before;
+  const auto apart = [&](const float* p, const float* q) {
+    if (!p || !q) return true;
+    const auto [first, last] = ends(a, p);
+    const auto [begin, end] = ends(b, q);
+    return !before(first, end) || !before(begin, last);
+  };
+  return !(apart(a.re, b.re) && apart(a.re, b.im) && apart(a.im, b.re) && apart(a.im, b.im));
+}
+
 void load_row(const ConstRow& from, float* re, float* im) {
   if (im && from.im == from.re + 1 && from.step == 2) {
     return split_run(from.re, re, im, from.n);
@@ -487,25 +480,36 @@ void store_row(const float* re, const float* im, const Row& to) {
   for (ptrdiff_t i = 0; to.im && i < to.n; ++i) to.im[i * to.step] = im ? im[i] : 0.0f;
 }
 
-ptrdiff_t outer_offset(const ConstSamples& s, ptrdiff_t r) {
+ptrdiff_t offset_of(const ConstSamples& s, int first, ptrdiff_t index) {
   ptrdiff_t at = 0;
-  for (int d = 3; r > 0; r /= s.extent(Dim(d++))) at += r % s.extent(Dim(d)) * s.stride(Dim(d));
+  for (int d = first; index > 0; index /= s.extent(Dim(d++))) {
+    at += index % s.extent(Dim(d)) * s.stride(Dim(d));
+  }
   return at;
+}
+
+void append(std::vector<Step>& axes, const Step& next) {
+  Step* last = axes.empty() ? nullptr : &axes.back();
+  if (last && next.from == last->from * last->n && next.to == last->to * last->n) {
+    last->n *= next.n;
+  } else {
+    axes.push_back(next);
+  }
+}
+
+ptrdiff_t count_of(const std::vector<Step>& axes) {
+  ptrdiff_t n = 1;
+  for (const Step& axis : axes) n *= axis.n;
+  return n;
 }
 
 JointRows::JointRows(const Samples& a, const ConstSamples& b) : a_(a), b_(b) {
   for (int d : memory_order(a)) {
-    const Axis axis{a.extent(Dim(d)), a.stride(Dim(d)), b.stride(Dim(d))};
-    Axis* last = axes_.empty() ? nullptr : &axes_.back();
-    if (axis.n == 1) continue;
-    if (last && axis.a == last->a * last->n && axis.b == last->b * last->n) {
-      last->n *= axis.n;
-    } else {
-      axes_.push_back(axis);
-    }
+    if (a.extent(Dim(d)) != 1)
+      append(axes_, {a.extent(Dim(d)), b.stride(Dim(d)), a.stride(Dim(d))});
   }
   if (axes_.empty()) axes_.push_back({1, 1, 1});
-  const auto is_long = [](const Axis& axis) { return axis.n >= kShort; };
+  const auto is_long = [](const Step& axis) { return axis.n >= kShort; };
   const auto run = std::find_if(axes_.begin(), axes_.end(), is_long);
   if (run != axes_.end()) std::rotate(axes_.begin(), run, run + 1);
 }

@@ -31,8 +31,31 @@ inline Row row_of(const Samples& s, Dim d, std::ptrdiff_t offset = 0) {
   return {s.re + offset, s.im ? s.im + offset : nullptr, s.stride(d), s.extent(d)};
 }
 
-/// Offset of outer volume r, counted over the axes from the fourth on.
-std::ptrdiff_t outer_offset(const ConstSamples& s, std::ptrdiff_t r);
+/// Offset of an entry that is counted over the axes from `first` on, the first of them fastest.
+std::ptrdiff_t offset_of(const ConstSamples& s, int first, std::ptrdiff_t index);
+
+/// An axis of two arrays, one read and one written: its extent and its steps in both.
+struct Step {
+  std::ptrdiff_t n, from, to;
+};
+struct Offsets {
+  std::ptrdiff_t from = 0, to = 0;
+};
+
+/// Adds an axis, which becomes part of the last one where both sides run on without a gap.
+void append(std::vector<Step>& axes, const Step& next);
+
+std::ptrdiff_t count_of(const std::vector<Step>& axes);
+
+/// Where entry `index` of the axes lies, the first of them fastest.
+inline Offsets offsets_of(const std::vector<Step>& axes, std::ptrdiff_t index) {
+  Offsets at;
+  for (std::size_t d = 0; index > 0; index /= axes[d++].n) {
+    const std::ptrdiff_t i = index % axes[d].n;
+    at.from += i * axes[d].from, at.to += i * axes[d].to;
+  }
+  return at;
+}
 
 /// Rows through two views of the same extents, along the axis that is fastest in the first unless that
 /// has but a few entries; axes on which both run on without a gap are one.
@@ -43,26 +66,21 @@ class JointRows {
   /// body(row of a, row of b) for the samples begin .. end - 1, in the order of the rows.
   template <class Body>
   void visit(std::ptrdiff_t begin, std::ptrdiff_t end, Body&& body) const {
-    const Axis& run = axes_.front();
+    const Step& run = axes_.front();
     while (begin < end) {
-      const std::ptrdiff_t i = begin % run.n, n = std::min(run.n - i, end - begin);
-      std::ptrdiff_t at = i * run.a, from = i * run.b, row = begin / run.n;
-      for (std::size_t d = 1; row > 0; row /= axes_[d++].n) {
-        at += row % axes_[d].n * axes_[d].a, from += row % axes_[d].n * axes_[d].b;
-      }
-      body(Row{a_.re + at, a_.im ? a_.im + at : nullptr, run.a, n},
-           ConstRow{b_.re ? b_.re + from : nullptr, b_.im ? b_.im + from : nullptr, run.b, n});
+      const std::ptrdiff_t n = std::min(run.n - begin % run.n, end - begin);
+      const Offsets o = offsets_of(axes_, begin);
+      body(Row{a_.re + o.to, a_.im ? a_.im + o.to : nullptr, run.to, n},
+           ConstRow{b_.re ? b_.re + o.from : nullptr, b_.im ? b_.im + o.from : nullptr, run.from,
+                    n});
       begin += n;
     }
   }
 
  private:
-  struct Axis {
-    std::ptrdiff_t n, a, b;
-  };
   const Samples& a_;
   const ConstSamples& b_;
-  std::vector<Axis> axes_;
+  std::vector<Step> axes_;
 };
 
 /// Row to parts without gaps. im may be null and gets zeros where the row has no imaginary parts.

@@ -48,11 +48,6 @@ void scale_run(const float* in, const float* w, float* out, ptrdiff_t n, ptrdiff
   scale_blocks(in, w, out, n, block);
 }
 
-/// Both sides of an axis: its extent and steps in floats.
-struct Step {
-  ptrdiff_t n, from, to;
-};
-
 /// Where the samples of one run lie: `block` floats with one weight side by side, `step` from weight
 /// to weight.
 struct Run {
@@ -76,11 +71,7 @@ class Walk {
     rows_ = std::clamp<ptrdiff_t>(kWeights / run_.step.n, 1, axes_[order_[1]].n);
   }
 
-  ptrdiff_t volumes() const {
-    ptrdiff_t n = 1;
-    for (const Step& s : outer_) n *= s.n;
-    return n;
-  }
+  ptrdiff_t volumes() const { return count_of(outer_); }
   /// Pieces of a volume: some rows of one plane each.
   ptrdiff_t pieces() const { return per_plane() * axes_[order_[2]].n; }
 
@@ -113,12 +104,9 @@ class Walk {
 
   void weigh_rows(const WeightRows& w, const float* weights, ptrdiff_t volume) const {
     const Step& next = axes_[w.next];
-    ptrdiff_t from = 0, to = 0, runs = w.rows, n = w.n;
+    auto [from, to] = offsets_of(outer_, volume);
+    ptrdiff_t runs = w.rows, n = w.n;
     for (int d = 0; d < 3; ++d) from += w.first[d] * axes_[d].from, to += w.first[d] * axes_[d].to;
-    for (const Step& s : outer_) {
-      from += volume % s.n * s.from, to += volume % s.n * s.to;
-      volume /= s.n;
-    }
     if (run_.dense() && next.from == n * run_.block && next.to == n * run_.block) {
       n *= std::exchange(runs, 1);
     }

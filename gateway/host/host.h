@@ -22,10 +22,6 @@ struct Samples {
   float* re;
   float* im;
   std::ptrdiff_t step;
-
-  Samples from(std::ptrdiff_t offset) const {
-    return {re + step * offset, im ? im + step * offset : nullptr, step};
-  }
 };
 
 bool is_char(const Array* a);

@@ -67,11 +67,7 @@ function image = ctessel_sense(folded, maps, full_size, covariance, expected, re
   check_count(who, 'MAPS', maps, numel(maps));
   check_count(who, 'FULL_SIZE', full_size, prod([full_size, size(folded)(5:end)]));
 
-  [image, status] = __ctessel__('sense', folded, maps, full_size, covariance, expected, ...
-                                reference, scale);
-  if status ~= 1
-    reject(who, 'FULL_SIZE', 'for at most 2147483647 unfolding factors on the grid of MAPS', full_size);
-  end
+  image = __ctessel__('sense', folded, maps, full_size, covariance, expected, reference, scale);
   warn_of_singular(who, image, folded);
 end
 

@@ -18,62 +18,6 @@ namespace {
 
 using Values = octave_value_list;
 
-void split(const FloatComplex* pairs, float* re, float* im, octave_idx_type n) {
-  const float* from = reinterpret_cast<const float*>(pairs);
-#pragma omp simd
-  for (octave_idx_type i = 0; i < n; ++i) {
-    re[i] = from[2 * i];
-    im[i] = from[2 * i + 1];
-  }
-}
-
-void join(const float* re, const float* im, FloatComplex* pairs, octave_idx_type n) {
-  float* to = reinterpret_cast<float*>(pairs);
-#pragma omp simd
-  for (octave_idx_type i = 0; i < n; ++i) {
-    to[2 * i] = re[i];
-    to[2 * i + 1] = im[i];
-  }
-}
-
-/// Real and imaginary parts in arrays of their own; the latter is left out for real values.
-struct Parts {
-  FloatNDArray re, im;
-  bool is_complex;
-
-  explicit Parts(const octave_value& v) : is_complex(v.iscomplex()) {
-    if (!is_complex) {
-      re = v.float_array_value();
-      return;
-    }
-    const FloatComplexNDArray pairs = v.float_complex_array_value();
-    re = FloatNDArray(pairs.dims());
-    im = FloatNDArray(pairs.dims());
-    split(pairs.data(), re.fortran_vec(), im.fortran_vec(), pairs.numel());
-  }
-  Parts(const dim_vector& dims, bool with_imaginary) : re(dims, 0.0f), is_complex(with_imaginary) {
-    if (is_complex) im = FloatNDArray(dims, 0.0f);
-  }
-
-  /// To write into. Storage shared with a variable of the user's is copied first.
-  float* real() { return re.fortran_vec(); }
-  float* imaginary() { return is_complex ? im.fortran_vec() : nullptr; }
-  /// For kernels that only read, whose parameters lack the const.
-  float* real() const { return const_cast<float*>(re.data()); }
-  float* imaginary() const { return is_complex ? const_cast<float*>(im.data()) : nullptr; }
-  void add_imaginary() {
-    if (!is_complex) im = FloatNDArray(re.dims(), 0.0f);
-    is_complex = true;
-  }
-
-  octave_value joined() const {
-    if (!is_complex) return re;
-    FloatComplexNDArray pairs(re.dims());
-    join(re.data(), im.data(), pairs.fortran_vec(), re.numel());
-    return pairs;
-  }
-};
-
 /// Extents as the kernels take them, filled up with ones to `least` entries.
 std::vector<int> extents(const dim_vector& dims, int least) {
   const int n = static_cast<int>(dims.ndims());
@@ -88,8 +32,6 @@ dim_vector shape(const std::vector<int>& e) {
   dims.chop_trailing_singletons();
   return dims;
 }
-
-int count(const std::vector<int>& e) { return static_cast<int>(e.size()); }
 
 // ---- Arrays -------------------------------------------------------------------------------------
 
@@ -108,7 +50,8 @@ struct Single {
   FloatNDArray values;
   bool is_complex;
 
-  explicit Single(const octave_value& v) : is_complex(v.iscomplex()) {
+  explicit Single(const octave_value& v, bool as_complex = false)
+      : is_complex(as_complex || v.iscomplex()) {
     if (is_complex) pairs = v.float_complex_array_value();
     if (!is_complex) values = v.float_array_value();
   }
@@ -118,15 +61,15 @@ struct Single {
   }
 
   dim_vector dims() const { return is_complex ? pairs.dims() : values.dims(); }
-  /// At least ten axes, so that every axis which a kernel names is there.
-  ConstSamples view() const {
-    if (is_complex) return ConstSamples::pairs(pairs.data(), extents_of(dims(), 10));
-    return ConstSamples::parts(values.data(), nullptr, extents_of(dims(), 10));
+  /// As many axes at least: ten, so that every axis which a kernel names is there.
+  ConstSamples view(int axes = 10) const {
+    if (is_complex) return ConstSamples::pairs(pairs.data(), extents_of(dims(), axes));
+    return ConstSamples::parts(values.data(), nullptr, extents_of(dims(), axes));
   }
   /// To write into. Storage shared with a variable of the user's is copied first.
-  Samples target() {
-    if (is_complex) return Samples::pairs(pairs.fortran_vec(), extents_of(dims(), 10));
-    return Samples::parts(values.fortran_vec(), nullptr, extents_of(dims(), 10));
+  Samples target(int axes = 10) {
+    if (is_complex) return Samples::pairs(pairs.fortran_vec(), extents_of(dims(), axes));
+    return Samples::parts(values.fortran_vec(), nullptr, extents_of(dims(), axes));
   }
   octave_value value() const { return is_complex ? octave_value(pairs) : octave_value(values); }
 };
@@ -179,70 +122,47 @@ Values combine(const Values& args) {
   combined[static_cast<std::size_t>(dim - 1)] = 1;
   Single out(shape(combined), Complex);
   const auto axes = static_cast<int>(combined.size());
-  kernel(coils.view().with_axes(axes), Dim(dim - 1), out.target().with_axes(axes));
+  kernel(coils.view(axes), Dim(dim - 1), out.target(axes));
   return ovl(out.value());
 }
 
 // ---- SENSE --------------------------------------------------------------------------------------
 
-/// Values that may have been left out ([]): their pointers are null then.
-struct Optional {
-  Parts parts;
-  bool given;
-  std::vector<int> dims;
-
-  explicit Optional(const octave_value& v)
-      : parts(v), given(!v.isempty()), dims(extents(parts.re.dims(), 4)) {}
-  float* real() const { return given ? parts.real() : nullptr; }
-  float* imaginary() const { return given ? parts.imaginary() : nullptr; }
-};
-
 /// folded, sensitivities, [X Y Z], covariance or [], regularisation image or [], reference or [],
 /// scale
 Values sense(const Values& args) {
-  const Parts folded(args(1));
-  Parts sens(args(2));
-  sens.add_imaginary();  // without one the kernel takes every sample as outside the object
-  Array<int> full = args(3).int_vector_value();
-  Optional psi(args(4)), reg(args(5)), ref(args(6));
-  if (psi.given) psi.parts.add_imaginary();
-  // Never two-dimensional, so that a missing third extent and one of 1 are unfolded alike.
-  std::vector<int> fold_dims = extents(folded.re.dims(), 4), out_dims = fold_dims,
-                   sens_dims = extents(sens.re.dims(), 4);
-  std::copy_n(full.data(), 3, out_dims.begin());
-  out_dims[3] = 1;
-  std::vector<int> psi_dims(2, fold_dims[3]);
-  Parts out(shape(out_dims), true);
-  const int status = TS_sense_recon(
-      folded.real(), folded.imaginary(), count(fold_dims), fold_dims.data(), sens.real(),
-      sens.imaginary(), count(sens_dims), sens_dims.data(), psi.real(), psi.imaginary(), 2,
-      psi_dims.data(), full.fortran_vec(), ref.real(), ref.imaginary(), count(ref.dims),
-      ref.dims.data(), reg.real(), reg.imaginary(), count(reg.dims), reg.dims.data(),
-      args(7).double_value(), out.real(), out.imaginary(), out_dims.data());
-  return ovl(out.joined(), status);
-}
-
-/// Views of parts in their order.
-ctessel::Samples samples(Parts& parts) {
-  const dim_vector dims = parts.re.dims();
-  ctessel::Extents n(4, 1);
-  for (int d = 0; d < dims.ndims(); ++d) n[static_cast<std::size_t>(d)] = dims(d);
-  return ctessel::Samples::parts(parts.real(), parts.imaginary(), std::move(n));
+  const Single folded(args(1)), maps(args(2), true), covariance(args(4)), expected(args(5)),
+      reference(args(6));
+  const Array<int> full = args(3).int_vector_value();
+  std::vector<int> unfolded = extents(folded.dims(), 4);
+  std::copy_n(full.data(), 3, unfolded.begin());
+  unfolded[3] = 1;
+  Single out(shape(unfolded), true);
+  const auto given = [](const Single& s) {
+    return s.dims().any_zero() ? ConstSamples() : s.view();
+  };
+  ctessel::SenseOptions options;
+  options.covariance = given(covariance);
+  options.expected = given(expected);
+  options.reference = given(reference);
+  options.scale = args(7).double_value();
+  ctessel::sense(folded.view(), maps.view(), {full(0), full(1), full(2)}, out.target(), options);
+  return ovl(out.value());
 }
 
 /// calibration, [X Y Z], kernel, threshold, crop
 Values espirit(const Values& args) {
-  Parts calibration(args(1));
+  const Single calibration(args(1));
   const Array<int> size = args(2).int_vector_value();
-  Parts maps(shape({size(0), size(1), size(2), extents(calibration.re.dims(), 4)[3]}), true);
-  Parts eigenvalue(shape({size(0), size(1), size(2)}), false);
+  Single maps(shape({size(0), size(1), size(2), extents(calibration.dims(), 4)[3]}), true);
+  Single eigenvalue(shape({size(0), size(1), size(2)}), false);
   ctessel::EspiritOptions options;
   options.kernel = args(3).int_value();
   options.threshold = args(4).double_value();
   options.crop = args(5).double_value();
-  options.eigenvalue = samples(eigenvalue);
-  ctessel::espirit(samples(calibration), samples(maps), options);
-  return ovl(maps.joined(), eigenvalue.joined());
+  options.eigenvalue = eigenvalue.target();
+  ctessel::espirit(calibration.view(4), maps.target(4), options);
+  return ovl(maps.value(), eigenvalue.value());
 }
 
 // ---- Geometry -----------------------------------------------------------------------------------
@@ -261,14 +181,16 @@ struct Table {
 
 /// x, y, z, coefficients of x, y, z, reference radius
 Values geometry(const Values& args) {
-  const Parts x(args(1)), y(args(2)), z(args(3));
-  Parts xd(x.re.dims(), false), yd = xd, zd = xd;
+  const FloatNDArray x = args(1).float_array_value(), y = args(2).float_array_value(),
+                     z = args(3).float_array_value();
+  FloatNDArray xd(x.dims()), yd(x.dims()), zd(x.dims());
   Table<14, 12> cx(args(4)), cy(args(5));
   Table<17, 1> cz(args(6));
-  TS_geometry_correction(x.real(), y.real(), z.real(), xd.real(), yd.real(), zd.real(),
-                         static_cast<int>(x.re.numel()), cy.at, cx.at, cz.at,
+  const auto read = [](const FloatNDArray& a) { return const_cast<float*>(a.data()); };
+  TS_geometry_correction(read(x), read(y), read(z), xd.fortran_vec(), yd.fortran_vec(),
+                         zd.fortran_vec(), static_cast<int>(x.numel()), cy.at, cx.at, cz.at,
                          args(7).float_value());
-  return ovl(xd.joined(), yd.joined(), zd.joined());
+  return ovl(xd, yd, zd);
 }
 
 /// order, degree, x
@@ -290,7 +212,7 @@ std::vector<ctessel::GradientTerm> terms_of(const NDArray& rows) {
 }
 
 /// what (1 position, 2 displacement, 3 jacobian, 4 determinant, 5 inverse), points, terms, radius
-Values gradient_field(const Values& args) try {
+Values gradient_field(const Values& args) {
   const int what = args(1).int_value();
   const NDArray points = args(2).array_value();
   const ctessel::GradientField field(terms_of(args(3).array_value()), args(4).double_value());
@@ -305,8 +227,6 @@ Values gradient_field(const Values& args) try {
   out[what] = values.fortran_vec();
   field.evaluate(list, {out[1], out[2], out[3], out[4]});
   return ovl(values, 0.0);
-} catch (const std::invalid_argument& fault) {
-  error("ctessel_gradient_field: %s", fault.what());
 }
 
 struct Kernel {
@@ -340,7 +260,11 @@ DEFUN_DLD(__ctessel__, args, ,
       error("__ctessel__: %s takes %d arguments; got %d", kernel.name, kernel.arguments,
             static_cast<int>(args.length()) - 1);
     }
-    return kernel.run(args);
+    try {
+      return kernel.run(args);
+    } catch (const std::invalid_argument& fault) {
+      error("ctessel_%s: %s", kernel.name, fault.what());
+    }
   }
   error("__ctessel__: no kernel \"%s\"", name.c_str());
 }

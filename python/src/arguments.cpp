@@ -60,23 +60,9 @@ void check_extents(const py::array& a, const char* name) {
   }
 }
 
-/// First float and the float after the last.
-std::pair<const float*, const float*> span_of(const ConstSamples& v) {
-  const float *begin = v.re, *end = v.re + (v.im ? 2 : 1);
-  for (int d = 0; d < v.ndim(); ++d) {
-    const std::ptrdiff_t reach = (v.extent(Dim(d)) - 1) * v.stride(Dim(d));
-    (reach < 0 ? begin : end) += reach;
-  }
-  return {begin, v.size() == 0 ? begin : end};
-}
-
 void check_apart(const ConstSamples& result, const ConstSamples& read, const char* name) {
-  if (result.size() == 0 || read.size() == 0) return;
-  const auto [begin, end] = span_of(result);
-  const auto [first, last] = span_of(read);
-  if (begin < last && first < end) {
-    fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
-  }
+  if (!ctessel::overlap(result, read)) return;
+  fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
 }
 
 /// A writable array of exactly this shape and kind of sample.
@@ -169,6 +155,12 @@ Samples view_of(const py::array& a) {
   Extents strides(a.strides(), a.strides() + a.ndim());
   for (std::ptrdiff_t& step : strides) step /= static_cast<std::ptrdiff_t>(sizeof(float));
   return {floats, complex ? floats + 1 : nullptr, {a.shape(), a.shape() + a.ndim()}, strides};
+}
+
+Samples with_axis(Samples view, int axis) {
+  view.extents.insert(view.extents.begin() + axis, 1);
+  view.strides.insert(view.strides.begin() + axis, 0);
+  return view;
 }
 
 Input input(py::handle object, const char* name, Kind kind, int min_ndim, int max_ndim) {
@@ -294,8 +286,12 @@ double number(py::handle object, const std::string& name) {
   return value;
 }
 
-std::vector<double> numbers(py::handle object, const char* name, std::size_t least,
-                            std::size_t most) {
+std::string entry_name(const char* name, std::size_t i) {
+  return std::string(name) + "[" + std::to_string(i) + "]";
+}
+
+std::vector<py::object> entries(py::handle object, const char* name, std::size_t least,
+                                std::size_t most) {
   const std::string expected =
       least == most ? plural(least) : std::to_string(least) + " to " + plural(most);
   if (!py::isinstance<py::sequence>(object) || py::isinstance<py::str>(object)) {
@@ -305,10 +301,23 @@ std::vector<double> numbers(py::handle object, const char* name, std::size_t lea
   if (sequence.size() < least || sequence.size() > most) {
     fail_value(name, expected, plural(sequence.size()));
   }
+  return {sequence.begin(), sequence.end()};
+}
+
+std::vector<double> numbers(py::handle object, const char* name, std::size_t least,
+                            std::size_t most) {
   std::vector<double> values;
-  for (std::size_t i = 0; i < sequence.size(); ++i) {
-    const py::object entry = sequence[i];
-    values.push_back(number(entry, std::string(name) + "[" + std::to_string(i) + "]"));
+  for (const py::object& entry : entries(object, name, least, most)) {
+    values.push_back(number(entry, entry_name(name, values.size())));
+  }
+  return values;
+}
+
+std::vector<int> whole_numbers(py::handle object, const char* name, std::size_t least,
+                               std::size_t most, int from) {
+  std::vector<int> values;
+  for (const py::object& entry : entries(object, name, least, most)) {
+    values.push_back(whole_number(entry, entry_name(name, values.size()), from, INT_MAX));
   }
   return values;
 }

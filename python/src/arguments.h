@@ -64,6 +64,9 @@ py::array new_zeros(const Layout& layout);
 
 Samples view_of(const py::array& a);
 
+/// With one more axis, of extent 1: kernels that combine coils want theirs to stay.
+Samples with_axis(Samples view, int axis);
+
 /// A result and its view.
 struct Result {
   py::object array;
@@ -83,8 +86,17 @@ void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, c
 
 int whole_number(py::handle object, const std::string& name, long least, long most);
 double number(py::handle object, const std::string& name);
+
+/// The entries of a sequence of `least` to `most` of them.
+std::vector<py::object> entries(py::handle object, const char* name, std::size_t least,
+                                std::size_t most);
+std::string entry_name(const char* name, std::size_t i);
 std::vector<double> numbers(py::handle object, const char* name, std::size_t least,
                             std::size_t most);
+
+/// Whole numbers from `from` on.
+std::vector<int> whole_numbers(py::handle object, const char* name, std::size_t least,
+                               std::size_t most, int from);
 
 /// Axis number as Python counts, negative ones from the end.
 int axis_number(py::handle object, const char* name, int ndim);

@@ -47,20 +47,9 @@ py::object shifted(py::handle data, py::handle axes, py::handle out, bool inplac
 Extents padded_shape(const ConstSamples& data, py::handle shape) {
   const std::size_t most = std::min<std::size_t>(3, data.extents.size());
   Extents target = data.extents;
-  if (!py::isinstance<py::sequence>(shape) || py::isinstance<py::str>(shape)) {
-    fail_type("shape", "a sequence of 1 to " + std::to_string(most) + " whole numbers",
-              describe(shape));
-  }
-  const auto sequence = py::reinterpret_borrow<py::sequence>(shape);
-  if (sequence.size() < 1 || sequence.size() > most) {
-    fail_value(
-        "shape",
-        "1 to " + std::to_string(most) + " extents for data of shape " + text_of(data.extents),
-        std::to_string(sequence.size()));
-  }
-  for (std::size_t d = 0; d < sequence.size(); ++d) {
-    const py::object entry = sequence[d];
-    target[d] = whole_number(entry, "shape[" + std::to_string(d) + "]", data.extents[d],
+  const std::vector<py::object> given = entries(shape, "shape", 1, most);
+  for (std::size_t d = 0; d < given.size(); ++d) {
+    target[d] = whole_number(given[d], entry_name("shape", d), data.extents[d],
                              INT_MAX / (data.im ? 2 : 1));
   }
   check_count(target, "shape");
@@ -89,12 +78,8 @@ ctessel::RingingWindow window_of(const ConstSamples& data, py::handle strength, 
   }
   for (std::size_t d = 0; d < axes; ++d) w.width[d] = static_cast<int>(data.extents[d]);
   if (width.is_none()) return w;
-  numbers(width, "width", axes, 3);
-  const auto entries = py::reinterpret_borrow<py::sequence>(width);
-  for (std::size_t d = 0; d < entries.size(); ++d) {
-    const py::object entry = entries[d];
-    w.width[d] = whole_number(entry, "width[" + std::to_string(d) + "]", 0, INT_MAX);
-  }
+  const std::vector<int> widths = whole_numbers(width, "width", axes, 3, 0);
+  std::copy(widths.begin(), widths.end(), w.width.begin());
   return w;
 }
 

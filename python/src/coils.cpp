@@ -8,13 +8,6 @@ namespace {
 
 using Combine = void (*)(const ConstSamples&, Dim, const Samples&);
 
-/// Kernels want the coils' axis to stay, with extent 1.
-Samples with_axis(Samples view, int axis) {
-  view.extents.insert(view.extents.begin() + axis, 1);
-  view.strides.insert(view.strides.begin() + axis, 0);
-  return view;
-}
-
 py::object combine(Combine kernel, bool complex, py::handle data, py::handle axis, py::handle out,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);

@@ -10,11 +10,8 @@ namespace {
 py::tuple espirit(py::handle calibration, py::handle size, py::handle kernel, py::handle threshold,
                   py::handle crop, py::handle threads) {
   const Input lines = input(calibration, "calibration", Kind::kEither, 4, 4);
-  Extents shape;
-  for (const py::handle n : py::sequence(py::reinterpret_borrow<py::object>(size))) {
-    shape.push_back(whole_number(n, "size", 1, INT_MAX));
-  }
-  if (shape.size() != 3) fail_value("size", "three extents", std::to_string(shape.size()));
+  const std::vector<int> extents = whole_numbers(size, "size", 3, 3, 1);
+  Extents shape(extents.begin(), extents.end());
   const py::array eigenvalue = new_array({shape, false, {}});
   shape.push_back(lines.view.extent(Dim::coil));
   check_count(shape, "size");

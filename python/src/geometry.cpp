@@ -51,10 +51,12 @@ struct Tables {
   std::vector<float> x, y, z;
 };
 
-Tables tables_of(py::handle coeff_x, py::handle coeff_y, py::handle coeff_z) {
+/// Where gradients are to be divided by their linear terms, these are looked at.
+Tables tables_of(py::handle coeff_x, py::handle coeff_y, py::handle coeff_z, bool divided) {
   Tables t{table_of(coeff_x, "coeff_x", kOrders, kDegrees),
            table_of(coeff_y, "coeff_y", kOrders, kDegrees),
            table_of(coeff_z, "coeff_z", kZonal, 1)};
+  if (!divided) return t;
   check_linear_term(t.x, "coeff_x", kDegrees, 1);
   check_linear_term(t.y, "coeff_y", kDegrees, 1);
   check_linear_term(t.z, "coeff_z", 1, 0);
@@ -96,7 +98,7 @@ py::tuple geometry_correction(py::handle x, py::handle y, py::handle z, py::hand
     }
   }
   if (in[0].view.size() > INT_MAX) fail_value("x", "at most 2147483647 points", text_of(shape));
-  Tables t = tables_of(coeff_x, coeff_y, coeff_z);
+  Tables t = tables_of(coeff_x, coeff_y, coeff_z, true);
   const auto r0 = static_cast<float>(number(radius, "r0"));
   if (!(r0 > 0)) fail_value("r0", "a radius above 0", std::to_string(r0));
   const Points points(in);
@@ -114,9 +116,7 @@ py::tuple geometry_correction(py::handle x, py::handle y, py::handle z, py::hand
 }
 
 py::tuple realign(py::handle coeff_x, py::handle coeff_y, py::handle coeff_z) {
-  Tables t{table_of(coeff_x, "coeff_x", kOrders, kDegrees),
-           table_of(coeff_y, "coeff_y", kOrders, kDegrees),
-           table_of(coeff_z, "coeff_z", kZonal, 1)};
+  Tables t = tables_of(coeff_x, coeff_y, coeff_z, false);
   // Orders m .. 13 of degrees 1 .. 11, and orders 1 .. 16 of degree 0.
   py::array_t<float> a(88), b(88), zonal(16);
   realign_corr_coeffs(a.mutable_data(), b.mutable_data(), zonal.mutable_data(), kDegrees, kOrders,

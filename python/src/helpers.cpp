@@ -49,20 +49,13 @@ double position(py::handle pos, py::handle idx, py::handle a, py::handle b) {
   return pos2interpolate(number(pos, "pos"), whole_number(idx, "idx", INT_MIN, INT_MAX), fa, fb);
 }
 
-Eigen::VectorXi whole_numbers(py::handle object, const char* name) {
-  const std::vector<double> checked = numbers(object, name, 0, 64);
-  Eigen::VectorXi values(static_cast<Eigen::Index>(checked.size()));
-  const auto sequence = py::reinterpret_borrow<py::sequence>(object);
-  for (std::size_t i = 0; i < sequence.size(); ++i) {
-    const py::object entry = sequence[i];
-    values[static_cast<Eigen::Index>(i)] =
-        whole_number(entry, std::string(name) + "[" + std::to_string(i) + "]", 0, INT_MAX);
-  }
-  return values;
+Eigen::VectorXi vector_of(py::handle object, const char* name) {
+  const std::vector<int> values = whole_numbers(object, name, 0, 64, 0);
+  return Eigen::Map<const Eigen::VectorXi>(values.data(), static_cast<Eigen::Index>(values.size()));
 }
 
 int sub2ind(py::handle dims, py::handle sub) {
-  const Eigen::VectorXi n = whole_numbers(dims, "dims"), at = whole_numbers(sub, "sub");
+  const Eigen::VectorXi n = vector_of(dims, "dims"), at = vector_of(sub, "sub");
   if (n.size() != at.size()) {
     fail_value("sub", std::to_string(n.size()) + " entries", std::to_string(at.size()));
   }

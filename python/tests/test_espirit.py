@@ -28,7 +28,7 @@ def test_arguments_and_layouts():
     for _, a in layouts(lines):
         same_bits(ctessel.espirit(a, size=(12, 14, 1), kernel=4, crop=0, threads=3), want)
     for match, changes in {
-        "size: expected three extents": {"size": (4, 4)},
+        "size: expected 3 values": {"size": (4, 4)},
         "kernel": {"kernel": 0},
         "threshold": {"threshold": 1.5},
         "crop": {"crop": -1},
