@@ -4,7 +4,8 @@
 # sanitizers, and the formatting of the sources.
 #
 #   ./test.sh --all   also the unoptimised build with every assertion, the thread sanitizer, fuzzing
-#                     for a fixed number of runs, and the 32-bit programs under Valgrind
+#                     for a fixed number of runs, the 32-bit programs under Valgrind, and
+#                     where npm is pages in a browser
 set -uo pipefail
 
 cd "$(dirname "$0")"
@@ -76,7 +77,9 @@ if $all; then
 fi
 
 echo "== python"
+$all && export CTESSEL_NPM=$(tools/npm_packages.sh)
 if python/test.sh >"$log" 2>&1; then
+  grep '^SKIPPED' "$log"
   tail -n 1 "$log"
 else
   tail -n 40 "$log"

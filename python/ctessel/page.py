@@ -39,8 +39,7 @@ figure img, figure svg { background: #000; display: block; height: auto; max-wid
 figure svg { background: none; }
 figcaption { font-size: .9rem; margin-top: .4rem; }
 #views { display: flex; flex-wrap: wrap; gap: .5rem; }
-#views canvas { background: #000; height: 28rem; max-width: 100%; width: calc(50% - .25rem); }
-#views canvas.alone { width: 100%; }
+#views div { background: #000; flex: 1 1 20rem; height: 28rem; min-width: 0; }
 #controls { display: grid; gap: .6rem 1.5rem; grid-template-columns: repeat(auto-fit, minmax(14rem, 1fr)); margin: 1rem 0; }
 #controls label { display: flex; flex-direction: column; }
 [hidden] { display: none !important; }
@@ -224,8 +223,8 @@ _CONTROLS = """
 <label>Darkest <input type="range" id="low" min="0" max="1" step="0.005" value="0"></label>
 <label>Brightest <input type="range" id="high" min="0" max="1" step="0.005" value="1"></label>
 </div>
-<div id="views"><canvas id="first" class="alone" tabindex="0" aria-label="Volume; the sliders above move and window it"></canvas>
-<canvas id="second" hidden tabindex="0" aria-label="Volume beside it"></canvas></div>
+<div id="views"><div><canvas id="first" tabindex="0" role="img" aria-label="Volume; the sliders above move and window it"></canvas></div>
+<div id="other" hidden><canvas id="second" tabindex="0" role="img" aria-label="Volume beside it"></canvas></div></div>
 </div>"""
 
 #: Packed library and volumes; the library is unpacked when the viewer is asked for.
@@ -290,8 +289,7 @@ function window_() {
 async function choose() {
   await put(views[0], get("base").value, get("overlay").value);
   const beside = get("beside").value;
-  get("second").hidden = beside === "";
-  get("first").classList.toggle("alone", beside === "");
+  get("other").hidden = beside === "";
   if (beside !== "") {
     if (views.length < 2) {
       views.push(await made("second"));
@@ -317,6 +315,8 @@ get("show").addEventListener("click", async () => {
     views.push(await made("first"));
     get("slice").value = get("slice").max = volumes[0].slices - 1;
     get("slice").value = Math.floor(volumes[0].slices / 2);
+    const plain = volumes.findIndex((volume, index) => index > 0 && volume.role === "image");
+    get("beside").value = plain > 0 ? plain : "";
     await choose();
     get("show").hidden = true;
     get("viewer").dataset.ready = "yes";
