@@ -77,7 +77,10 @@ if $all; then
 fi
 
 echo "== python"
-$all && export CTESSEL_NPM=$(tools/npm_packages.sh)
+if $all; then
+  CTESSEL_NPM=$(tools/npm_packages.sh)
+  export CTESSEL_NPM
+fi
 if python/test.sh >"$log" 2>&1; then
   grep '^SKIPPED' "$log"
   tail -n 1 "$log"
