@@ -173,6 +173,12 @@ def _add_recon(commands):
         "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
     )
     command.add_argument(
+        "--save-maps",
+        metavar="FILE",
+        type=_maps_name,
+        help="also the sensitivities that were used: x, y, z, coil, slice as a BART pair or NIfTI",
+    )
+    command.add_argument(
         "--report",
         metavar="REPORT.html",
         type=_html_name,
@@ -476,6 +482,13 @@ def _bids_suffix(text):
     if text not in known:
         raise argparse.ArgumentTypeError(f"expected one of {', '.join(known)}, got {text!r}")
     return text
+
+
+@options.checked
+def _maps_name(text):
+    from .maps import file_name
+
+    return file_name(text)
 
 
 def _png_name(text):

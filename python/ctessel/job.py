@@ -7,7 +7,7 @@ from functools import cached_property
 
 import numpy as np
 
-from . import acquisitions, bids, dicom, files, nifti, pipeline, raw, report, runtime, workers
+from . import acquisitions, bids, dicom, files, maps, nifti, pipeline, raw, report, runtime, workers
 
 
 @dataclass
@@ -86,6 +86,9 @@ class Job:
                     dicom.write(
                         staged, folder, which, volumes, self.plan, self._header, self.affine, *notes
                     )
+            if self.arguments.save_maps:
+                names = maps.files_of(self.arguments.save_maps)
+                maps.write([staged.path(name) for name in names], result.maps)
             if self.arguments.preview:
                 report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
             if self.arguments.report:
@@ -144,9 +147,15 @@ class Job:
     def names(self):
         return [image.path for image in self.images]
 
+    def _beside(self):
+        """Files that are no images."""
+        named = self.arguments
+        kept = maps.files_of(named.save_maps) if named.save_maps else []
+        return [*(name for name in (named.preview, named.report) if name), *kept]
+
     def check_outputs(self):
         """Refuse names that no file can be made of."""
-        beside = [name for name in (self.arguments.preview, self.arguments.report) if name]
+        beside = self._beside()
         for folder in self._dicom():
             dicom.check(folder)
         for name in [*self.names(), *map(nifti.sidecar_path, self.names()), *beside]:
@@ -182,7 +191,7 @@ class Job:
         """What would be done, for people."""
         names = [f"{name} and {nifti.sidecar_path(name)}" for name in self.names()]
         names += [f"DICOM files in {folder}" for folder in self._dicom()]
-        names += [name for name in (self.arguments.preview, self.arguments.report) if name]
+        names += self._beside()
         return report.intentions(self.found, self.plan, self.needed, names)
 
 
@@ -216,6 +225,8 @@ def options(arguments):
         matrix=arguments.pad and tuple(arguments.pad),
         partial="zero" if arguments.no_homodyne else arguments.partial,
         whiten=not arguments.no_noise,
+        maps=arguments.maps,
+        keep_maps=getattr(arguments, "save_maps", None) is not None,
         regularisation=arguments.regularise,
         coefficients=coefficients or None,
         position=arguments.position,

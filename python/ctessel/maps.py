@@ -1,10 +1,12 @@
 """Sensitivity maps in files: BART pairs, NIfTI, MATLAB, and HDF5 with an array `maps`."""
 
 import os
+from functools import lru_cache
+from pathlib import Path
 
 import numpy as np
 
-from . import formats
+from . import formats, nifti
 from .acquisitions import DefectError
 from .scan import times_text
 
@@ -89,3 +91,53 @@ def _unnamed(data, coils):
     if data.ndim != 4:
         raise DefectError(f"its maps have {data.ndim} axes; expected x, y, z or slices, and coils", "choose some")
     return data[..., None]
+
+
+@lru_cache(1)
+def _held(path, shape):
+    return read(path, shape)
+
+
+def of_slice(path, shape, index):
+    """Sensitivities of a slice, ``(x, y, z, coil)``; the squares of all coils sum to 1, or to 0.
+
+    `path` and `shape` are those of `read`; a process reads the file once.
+    """
+    maps = np.array(_held(os.fspath(path), tuple(shape))[..., index], order="F")
+    size = np.sqrt((np.abs(maps) ** 2).sum(3))
+    off = (size > 0) & (np.abs(size - 1) > 1e-3)  # those of our own keep their bits
+    maps[off] /= size[off][:, None]
+    return maps
+
+
+def check(path, shape, full):
+    """Refuse sensitivities that are not on the grid `full`, ``(x, y, z)``, of what is unfolded."""
+    found = _held(os.fspath(path), tuple(shape)).shape[:3]
+    if found != tuple(full):
+        raise ValueError(
+            f"{path}: its maps have {times_text(found)} voxels, the grid that is unfolded has "
+            f"{times_text(full)}; make them on that grid"
+        )
+
+
+def file_name(text):
+    """The name of a file that is to be written; ValueError unless it ends as one of the two kinds."""
+    if not text.endswith((".cfl", ".nii", ".nii.gz")):
+        raise ValueError(f"{text}: expected a name that ends in .cfl, .nii or .nii.gz")
+    return Path(text)
+
+
+def files_of(path):
+    """The files that `write` makes."""
+    return [path, path.with_suffix(".hdr")] if path.suffix == ".cfl" else [path]
+
+
+def write(paths, maps):
+    """Write sensitivities, ``(x, y, z, coil, slice)``, to the names of `files_of`."""
+    if len(paths) == 1:
+        import nibabel
+
+        return nifti.store(nibabel.Nifti1Image(maps, np.eye(4)), paths[0])
+    dims = [*maps.shape[:4], *[1] * 9, maps.shape[4], 1, 1]
+    np.asarray(maps, "<c8").ravel("F").tofile(paths[0])
+    paths[1].write_text("# Dimensions\n" + " ".join(map(str, dims)) + "\n")

@@ -100,6 +100,11 @@ def add_steps(command):
         "POCS for each slice (auto, the default)",
     )
     steps.add_argument("--no-homodyne", action="store_true", help="the same as --partial zero")
+    steps.add_argument(
+        "--maps",
+        metavar="FILE",
+        help="sensitivities of the coils: a BART pair, NIfTI, MATLAB or HDF5; x, y, z, coil, slice",
+    )
     steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
 
 

@@ -73,7 +73,10 @@ def merge(results):
     merged = replace(
         results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
     )
-    if axis == "slice" and "prediction" in merged.parameters:  # one a slice
-        figures = [figure for result in results for figure in result.parameters["prediction"]]
-        merged.parameters = merged.parameters | {"prediction": figures}
+    for name in {"prediction", "residual"} & set(merged.parameters):
+        if axis == "slice":  # one a slice
+            figures = [figure for result in results for figure in result.parameters[name]]
+            merged.parameters = merged.parameters | {name: figures}
+    if axis == "slice" and merged.maps is not None:
+        merged.maps = np.concatenate([result.maps for result in results], 4)
     return merged

@@ -26,6 +26,7 @@ from .plan import Options, Plan, plan
 from .reconstruct import Result, reconstruct
 from .sampling import Lattice, calibration_block, fold_lines, partial_ranges, undersampling
 from .steps import (
+    calibration_residual,
     combine,
     eigen_maps,
     homodyne_recon,
@@ -37,7 +38,8 @@ from .steps import (
 from .warp import geometry, voxel_positions
 
 __all__ = [
-    "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block", "combine",
+    "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block",
+    "calibration_residual", "combine",
     "eigen_maps", "flip", "fold_lines", "geometry", "homodyne_recon", "merge", "noise_covariance",
     "partial_ranges", "plan", "pocs", "prediction_error", "read_coefficients", "reconstruct",
     "remove_oversampling", "resize", "ringing_filter", "select", "sensitivity_maps", "to_image",

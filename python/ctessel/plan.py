@@ -9,7 +9,8 @@ from math import prod
 
 import numpy as np
 
-from . import __version__, coverage
+from . import __version__, coverage, maps
+from .files import printable
 from .gradients import Coefficients
 from .partial import clipped
 from .sampling import Lattice, calibration_block, partial_ranges
@@ -41,7 +42,8 @@ class Options:
     lines used along an axis, `mask` the threshold of `eigen_maps`. `coefficients` correct the
     geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of
     `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
-    "FFP") in place of the header. `combine` "pcsos" gives complex images, "sos" magnitudes.
+    "FFP") in place of the header. `maps` names a file of sensitivities, in place of those of the
+    calibration; `keep_maps` hands those that were used back with the image. `combine` "pcsos" gives complex images, "sos" magnitudes.
     """
 
     combine: str = "pcsos"
@@ -57,6 +59,8 @@ class Options:
     order: int = 3
     intensity: bool = True
     position: str | None = None
+    maps: str | None = None
+    keep_maps: bool = False
     threads: int | None = None
 
 
@@ -190,7 +194,8 @@ class Plan:
         """Numbers that the result depends on, for a sidecar."""
         first = self.patterns[0]
         options = asdict(replace(self.options, coefficients=None))
-        del options["coefficients"]
+        del options["coefficients"], options["keep_maps"]
+        options["maps"] = self.options.maps and printable(self.options.maps)
         return {
             "version": __version__,
             "options": options,
@@ -279,6 +284,7 @@ def plan(scan, options=None):
     noisy = covariance is not None and layout.shape[3] > 1
     patterns = tuple(_pattern(layout, options, grid, turn, noisy) for turn in turns)
     _check_regularisation(options, covariance, patterns)
+    _check_maps(layout, options, patterns)
     made = Plan(
         options,
         layout.shape,
@@ -424,6 +430,15 @@ def _check_regularisation(options, covariance, patterns):
         )
 
 
+def _check_maps(layout, options, patterns):
+    unfolding = [pattern for pattern in patterns if pattern.unfolds]
+    if options.maps is not None:
+        for pattern in unfolding:
+            maps.check(options.maps, layout.shape, pattern.full)
+    if options.keep_maps and not unfolding:
+        raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
+
+
 # ---- Calibration ---------------------------------------------------------------------------------
 
 
@@ -464,8 +479,9 @@ def _calibration(layout, options, grid, patterns):
         *((0, None) if separate else _calibrating_frames(layout, y, z)),
         grid.readout / layout.shape[0] / _wider(layout, grid)[0],
     )
-    for pattern in unfolding:
-        _check_calibration(pattern, made)
+    if options.maps is None or options.regularisation > 0:
+        for pattern in unfolding:
+            _check_calibration(pattern, made)
     return made
 
 
@@ -599,6 +615,8 @@ def _sense_words(made):
     options = made.options
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
     words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} calibration lines"
+    if options.maps is not None:
+        words = f"sensitivity maps of {printable(options.maps)}"
     factors = ", ".join(
         f"{lattice.reduction} along {axis}"
         for axis, lattice in zip("yz", unfolding.lattices)

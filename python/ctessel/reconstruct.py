@@ -23,10 +23,20 @@ from .fourier import (
     unshifted_image,
     unshifted_kspace,
 )
+from .maps import of_slice
 from .plan import plan as make_plan
 from .partial import pocs, prediction_error
 from .sampling import Lattice, fold_lines
-from .steps import combine, damping, eigen_maps, homodyne_recon, sensitivity_maps, unfold
+from .steps import (
+    calibration_residual,
+    combine,
+    damping,
+    eigen_maps,
+    homodyne_recon,
+    low_resolution,
+    sensitivity_maps,
+    unfold,
+)
 from .warp import geometry
 
 
@@ -36,7 +46,8 @@ class Result:
 
     `field` is their field of view in mm, `steps` says what was done, `parameters` with which
     numbers, `warnings` what the user may not expect. `selection` is the part of the scan: axis,
-    first and last index.
+    first and last index. `maps`, ``(x, y, z, coil, slice)``, are the sensitivities where
+    `Options.keep_maps` asks for them, on the grid that was unfolded.
     """
 
     image: np.ndarray
@@ -45,6 +56,7 @@ class Result:
     field: tuple[float, float, float]
     selection: tuple[str, int, int] | None = None
     warnings: list[str] = field(default_factory=list)
+    maps: np.ndarray | None = None
 
 
 @dataclass(frozen=True, eq=False)
@@ -67,7 +79,8 @@ class Basis:
     """What all blocks of a slice and a pattern share: sensitivities, the image that they belong to,
     and the levels of both kinds of data that regularisation needs; the variance of the noise over
     that of the image; and whether the lines that a partial scan lacks are filled in (POCS), with the
-    error of that on lines that were hidden."""
+    error of that on lines that were hidden; what of the calibration the sensitivities do not explain,
+    as sums for each x."""
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
@@ -75,6 +88,7 @@ class Basis:
     damping: float = 0.0
     fills: bool = False
     prediction: float | None = None
+    residual: np.ndarray | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -118,11 +132,13 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
     plan = plan or make_plan(source, options)
     image = np.zeros(plan.image_shape, plan.image_type, order="F")
     slices, _, repetitions = plan.kept
-    total, done, predictions = prod(plan.image_shape[3:]), 0, {}
+    total, done, figures, maps = prod(plan.image_shape[3:]), 0, _Figures(), None
     for block, made in _run(plan, source, client):
-        if "prediction" in made:
-            figure = float(made["prediction"][0])
-            predictions[block.slice, block.pattern] = figure if np.isfinite(figure) else None
+        figures.add(block, made)
+        if "maps" in made:
+            if maps is None:
+                maps = np.empty((*made["maps"].shape, len(slices)), np.complex64, order="F")
+            maps[..., block.slice - slices.start] = made["maps"]
         volumes = made["image"][:, :, :, plan.kept[1].start : plan.kept[1].stop]
         image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
         done += prod(volumes.shape[3:])
@@ -130,12 +146,37 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
             progress(done, total)
     if plan.stack:
         image[:, :, 0] = straightened(plan, image[:, :, 0])
-    parameters = plan.parameters
-    if predictions:
-        parameters["prediction"] = [predictions[at] for at in sorted(predictions)]
     return Result(
-        image, list(plan.steps), parameters, plan.field, plan.selection, list(plan.warnings)
+        image,
+        list(plan.steps),
+        plan.parameters | figures.entries(),
+        plan.field,
+        plan.selection,
+        list(plan.warnings),
+        maps,
     )
+
+
+class _Figures:
+    """Numbers that say how good a slice is, one for each slice and pattern."""
+
+    def __init__(self):
+        self.found = {}
+
+    def add(self, block, made):
+        at = block.slice, block.pattern
+        if "prediction" in made:
+            figure = float(made["prediction"][0])
+            self._keep("prediction", at, figure if np.isfinite(figure) else None)
+        if "residual" in made:
+            lost, energy = made["residual"].sum(0)
+            self._keep("residual", at, float(lost / energy) if energy > 0 else None)
+
+    def _keep(self, name, at, figure):
+        self.found.setdefault(name, {})[at] = figure
+
+    def entries(self):
+        return {name: [found[at] for at in sorted(found)] for name, found in self.found.items()}
 
 
 def blocks(plan):
@@ -261,7 +302,7 @@ def prepare(plan, block, source):
 
 def _basis(plan, block, calibration, first):
     options, pattern = plan.options, plan.patterns[block.pattern]
-    basis = Basis() if calibration is None else _sensitivities(plan, pattern, calibration)
+    basis = Basis() if calibration is None else _sensitivities(plan, block, calibration)
     if first is not None and options.regularisation > 0 and pattern.unfolds:
         folded = _folded(plan, fold_lines(first, pattern.lattices))
         basis.levels = sa(folded), sa(basis.expected)
@@ -273,20 +314,22 @@ def _basis(plan, block, calibration, first):
     return basis
 
 
-def _sensitivities(plan, pattern, calibration):
-    threads, samples = plan.options.threads, _cut(plan, calibration)
-    if pattern.unfolds:
-        made = eigen_maps(
-            samples, pattern.calibration_pixels, mask=plan.options.mask, threads=threads
-        )
-    else:  # coils that are combined alone need maps where noise is, too
-        made = sensitivity_maps(samples, pattern.calibration_pixels, mask=0, threads=threads)
-    maps, expected = (np.asfortranarray(resize(a, pattern.full)) for a in made)
-    if not pattern.unfolds:
-        return Basis(maps, expected)
+def _sensitivities(plan, block, calibration):
+    options, pattern = plan.options, plan.patterns[block.pattern]
+    threads, samples, size = options.threads, _cut(plan, calibration), pattern.calibration_pixels
+    if not pattern.unfolds:  # coils that are combined alone need maps where noise is, too
+        made = sensitivity_maps(samples, size, mask=0, threads=threads)
+        return Basis(*(np.asfortranarray(resize(a, pattern.full)) for a in made))
+    images = to_image(resize(low_resolution(samples, threads=threads), size), threads=threads)
+    if options.maps is None:
+        maps = resize(eigen_maps(samples, size, mask=options.mask, threads=threads)[0], pattern.full)
+    else:
+        maps = of_slice(options.maps, plan.shape, block.slice)
+    maps, images = (np.asfortranarray(a) for a in (maps, resize(images, pattern.full)))
+    expected = combine(images, threads=threads)
     inside = expected[(maps != 0).any(3)]
     share = damping(samples, inside, plan.covariance is not None, threads)
-    return Basis(maps, expected, damping=share)
+    return Basis(maps, expected, damping=share, residual=calibration_residual(maps, images)[1])
 
 
 def _cut(plan, calibration):
@@ -315,14 +358,23 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     dict of str and ndarray
         "image": complex64 or float32, ``(x, y, z, echo, repetition)``. "prediction",
         ``(repetition,)``, where it was decided from the data how missing lines are filled: what
-        `ctessel.pipeline.prediction_error` says of the slice.
+        `ctessel.pipeline.prediction_error` says of the slice. "residual", ``(x, 2)``: the sums of
+        `ctessel.pipeline.calibration_residual`, of slices that are unfolded. "maps", their
+        sensitivities, where they are kept.
     """
     pattern = plan.patterns[block.pattern]
     image = _image(plan, pattern, basis, samples, transformed)
-    made = {"image": _placed(plan, block, image)}
+    made = {"image": _placed(plan, block, image), **_beside(plan, basis)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     return made
+
+
+def _beside(plan, basis):
+    """What is told of the sensitivities of a slice or slab."""
+    if basis.residual is None:
+        return {}
+    return {"residual": basis.residual} | ({"maps": basis.maps} if plan.options.keep_maps else {})
 
 
 def _combined(plan, pattern, image):
@@ -522,6 +574,8 @@ def _volume_basis(plan, block, source, calibration):
     if not pattern.weighted:
         return None, None
     made, expected = slabs.sensitivities(plan, pattern, calibration)
+    if pattern.unfolds and plan.options.maps is not None:
+        made.given = of_slice(plan.options.maps, plan.shape, block.slice)
     if not (pattern.unfolds and plan.options.regularisation > 0):
         return made, None
     first = source.frames(block.slice, slice(pattern.repetitions[0], pattern.repetitions[0] + 1))
@@ -555,9 +609,12 @@ def reconstruct_slab(plan, block, samples, sensitivities, levels):
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
     if not pattern.weighted:
         return {"image": _combined(plan, pattern, _finished(plan, pattern, samples, (1, 2)))}
-    basis = Basis(*sensitivities.maps(plan, pattern), levels, damping=sensitivities.damping)
+    maps, expected, residual = sensitivities.maps(plan, pattern)
+    basis = Basis(maps, expected, levels, damping=sensitivities.damping, residual=residual)
+    made = _beside(plan, basis)
     if plan.completes_slabs(pattern):
-        return {"image": _lines_image(plan, pattern, basis, samples)}
+        return made | {"image": _lines_image(plan, pattern, basis, samples)}
     # What is left along x is done after the combination: coils are not kept beyond their slab.
     lines = _completed(plan, pattern, basis, samples)
-    return {"image": combine(to_image(lines, (1, 2), threads, overwrite=True))[:, :, :, None]}
+    image = combine(to_image(lines, (1, 2), threads, overwrite=True))
+    return made | {"image": image[:, :, :, None]}

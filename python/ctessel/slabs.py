@@ -3,16 +3,18 @@
 Held at once are k-space, the image, and a few slabs, whose size `ctessel.plan.BLOCK` gives.
 """
 
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import numpy as np
 
 from ._arrays import ringing_filter
+from ._coils import pcsos
 from ._helpers import sa
 from .fourier import central, remove_oversampling, resize, to_image
 from .steps import (
     CROP,
     WINDOW,
+    calibration_residual,
     combine,
     damping,
     low_resolution,
@@ -69,19 +71,25 @@ class Sensitivities:
 
     lines: np.ndarray  # (x, y, z, coil): x transformed, under a window
     voxels: np.ndarray | None = None  # (x, y, z) of int8; None: all count
+    given: np.ndarray | None = None  # maps of a file, (x, y, z, coil)
     damping: float = 0.0
 
     def part(self, x):
-        voxels = None if self.voxels is None else self.voxels[x]
-        return Sensitivities(np.array(self.lines[x], order="F"), voxels, self.damping)
+        voxels, given = (None if a is None else a[x] for a in (self.voxels, self.given))
+        return replace(self, lines=np.array(self.lines[x], order="F"), voxels=voxels, given=given)
 
     def maps(self, plan, pattern):
-        """Sensitivities and low-resolution image on the grid of the unfolded image."""
-        size = (len(self.lines), *pattern.calibration_pixels[1:])
-        made = relative_maps(self.images(plan, size), threads=plan.options.threads)
-        if self.voxels is not None:
-            made = self._eigen_maps(plan, size), made[1]
-        return tuple(np.asfortranarray(resize(a, (size[0], *pattern.full[1:]))) for a in made)
+        """Sensitivities and low-resolution image on the grid of the unfolded image; sums of the
+        calibration's residual or None."""
+        full = (len(self.lines), *pattern.full[1:])
+        images = self.images(plan, (full[0], *pattern.calibration_pixels[1:]))
+        if self.voxels is None:
+            made = relative_maps(images, threads=plan.options.threads)
+            return (*(np.asfortranarray(resize(a, full)) for a in made), None)
+        maps = self._eigen_maps(plan, images.shape[:3]) if self.given is None else self.given
+        images, maps = (np.asfortranarray(resize(a, full)) for a in (images, maps))
+        residual = calibration_residual(maps, images)[1]
+        return maps, pcsos(images, threads=plan.options.threads), residual
 
     def images(self, plan, size, x=slice(None)):
         """Low-resolution images of the coils."""

@@ -227,6 +227,31 @@ def plane_maps(lines, size, planes=None, threads=None):
     return maps, values
 
 
+def calibration_residual(maps, images):
+    """What of calibration data the maps do not explain, which shows motion and fields of view that are
+    too small.
+
+    Parameters
+    ----------
+    maps : ndarray of complex64, ``(x, y, z, coil)``
+        The squares of all coils sum to 1, or to 0.
+    images : ndarray of complex64, ``(x, y, z, coil)``
+        Of the calibration lines.
+
+    Returns
+    -------
+    residual : ndarray of float32, ``(x, y, z)``
+        ``1 - |S^H c|^2 / |c|^2``, 0 where all maps are.
+    sums : ndarray of float64, ``(x, 2)``
+        For each x the sum of ``|c|^2 - |S^H c|^2`` and that of ``|c|^2`` over the voxels with maps.
+    """
+    energy = np.where((maps != 0).any(3), (np.abs(images) ** 2).sum(3), 0)
+    lost = np.maximum(energy - np.abs((maps.conj() * images).sum(3)) ** 2, 0)
+    lost[energy == 0] = 0
+    residual = np.divide(lost, energy, out=np.zeros_like(energy), where=energy > 0)
+    return residual, np.stack([a.sum((1, 2), dtype=np.float64) for a in (lost, energy)], 1)
+
+
 def damping(calibration, inside, weighted=False, threads=None):
     """Variance of the noise over that of the image, for `unfold`.
 

@@ -1,10 +1,15 @@
 """Sensitivity maps from calibration lines."""
 
+import json
+
 import numpy as np
 import pytest
 from conftest import layouts, random_complex, same_bits
+from scans import lines, scan
 
 import ctessel
+import ctessel.maps
+from ctessel import cli, phantom, pipeline
 
 
 def test_maps_of_a_head_span_what_another_program_finds(measured):
@@ -37,3 +42,45 @@ def test_arguments_and_layouts():
     }.items():
         with pytest.raises(ValueError, match=match):
             ctessel.espirit(**{"calibration": lines, "size": (8, 8, 1)} | changes)
+
+
+def test_sensitivities_go_to_files_and_come_back(tmp_path, capsys):
+    """The same image from them; what they leave of the calibration is told."""
+    raw, images = tmp_path / "raw.h5", [tmp_path / f"{name}.nii" for name in "abc"]
+    phantom.write(raw, "noise", size=48, slices=2)
+    for name in ("maps.cfl", "maps.nii.gz"):
+        assert cli.main(["recon", f"{raw}", "-o", f"{images[0]}", "--save-maps", f"{tmp_path / name}"]) == 0
+        assert cli.main(["recon", f"{raw}", "-o", f"{images[1]}", "--maps", f"{tmp_path / name}"]) == 0
+        assert images[0].read_bytes() == images[1].read_bytes()
+    told = json.loads(images[1].with_suffix(".json").read_text())
+    assert "sensitivity maps of maps.nii.gz" in told["Steps"]
+    assert all(0 < figure < 0.02 for figure in told["Parameters"]["residual"])
+    small = ctessel.maps.read(tmp_path / "maps.cfl", (0, 0, 1, 8, 2))[:-2]
+    ctessel.maps.write([tmp_path / "small.nii"], small)
+    assert cli.main(["recon", f"{raw}", "-o", f"{images[2]}", "--maps", f"{tmp_path / 'small.nii'}"]) == 1
+    assert "its maps have 46 x 48 x 1 voxels, the grid that is unfolded has 48 x 48 x 1" in capsys.readouterr().err
+
+
+def test_volumes_take_sensitivities_of_a_file(tmp_path):
+    block = np.outer(*[np.abs(np.arange(24) - 11.5) < 5] * 2)
+    _, volume = scan((10, 24, 24), 4, mask=block | np.outer(lines(24, 2), lines(24)), noise=0.02)
+    own = pipeline.reconstruct(volume, pipeline.Options(keep_maps=True))
+    ctessel.maps.write([tmp_path / "maps.nii"], own.maps)
+    given = pipeline.Options(maps=tmp_path / "maps.nii")
+    same_bits(pipeline.reconstruct(volume, given).image, own.image)
+    (figure,) = own.parameters["residual"]
+    assert 0 < figure < 0.05
+    with pytest.raises(ValueError, match="all lines were measured, no sensitivities are used"):
+        pipeline.plan(scan((10, 24, 24), 4)[1], pipeline.Options(keep_maps=True))
+
+
+def test_the_residual_of_a_calibration_shows_what_maps_do_not_explain():
+    maps = np.zeros((4, 3, 1, 2), np.complex64)
+    maps[1:] = 0.6, 0.8
+    images = maps * np.complex64(3 + 2j)
+    residual, sums = pipeline.calibration_residual(maps, images)
+    assert residual.max() < 1e-6 and sums[0].max() == 0
+    images[2] = np.array([-0.8, 0.6])  # at right angles
+    residual, sums = pipeline.calibration_residual(maps, images)
+    np.testing.assert_allclose(residual[:, 0, 0], [0, 0, 1, 0], atol=1e-6)
+    np.testing.assert_allclose(sums[2], 3, rtol=1e-6)

@@ -511,7 +511,7 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     ]
     assert plan.memory() > full.kspace.nbytes
     result = pipeline.reconstruct(full, options)
-    assert result.steps == list(plan.steps) and result.parameters == plan.parameters
+    assert result.steps == list(plan.steps) and plan.parameters.items() <= result.parameters.items()
     few = scan((32, 48, 1), 8, lines(48, 2, 0, 4))[1]
     for faulty, options, message in (
         (few, Options(), "at least 8 are needed; add calibration lines"),
