@@ -9,7 +9,6 @@ import contextlib
 import errno
 import os
 import stat
-import tempfile
 from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import replace
@@ -116,14 +115,15 @@ class Source:
     """Samples of a raw data file, read as they are asked for: what `ctessel.scan.Scan` holds at once.
 
     Another process that gets it opens the file by itself, and finds out anew what is in it: only names
-    and numbers are sent.
+    and numbers are sent. `zeros` makes the arrays of samples: `ctessel.runtime.shared_zeros` lets
+    workers see a volume whose readout was transformed here.
     """
 
     shared = True
     disposable = True  # samples are read anew each time
 
-    def __init__(self, found, threads=None):
-        self._state, self._threads = _states(found), threads
+    def __init__(self, found, threads=None, zeros=runtime.zeros):
+        self._state, self._threads, self._zeros = _states(found), threads, zeros
         self.layout, self._found = layout(found), found
         self._file = found.file
 
@@ -146,7 +146,7 @@ class Source:
         return self._read(places.part(at, np.array([0])), places.shape[0])[:, :, :, :, 0, 0, 0]
 
     def _read(self, places, width):
-        array = runtime.zeros((width, *places.shape[1:]))
+        array = self._zeros((width, *places.shape[1:]))
         _read_into([(places, array)], self._file, self._found, None, self._threads)
         return array
 
@@ -546,15 +546,7 @@ def _place_cut(block, places, array, numbers, whole, threads):
 
 
 def _zeros(shape, scratch):
-    if scratch is None:
-        return runtime.zeros(shape)
-    with tempfile.TemporaryFile(dir=scratch) as file:
-        try:  # where the disk is full, a map of a file with holes would end the process
-            os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))
-        except OSError as error:
-            error.filename = scratch
-            raise
-        return np.memmap(file, np.complex64, "r+", shape=tuple(int(n) for n in shape), order="F")
+    return runtime.zeros(shape) if scratch is None else runtime.shared_zeros(shape, scratch)
 
 
 def _divide(array, times):

@@ -10,7 +10,7 @@ from math import prod
 
 import numpy as np
 
-from . import slabs
+from . import runtime, slabs
 from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
 from .fourier import (
@@ -560,8 +560,10 @@ def _run_volumes(plan, source, client):
         if at not in shared:
             shared = {at: _volume_basis(plan, block, source, calibration[block.slice])}
         frames = source.frames(block.slice, block.along())
-        volume = slabs.transformed(plan, pattern, frames, source.disposable)
+        volume = slabs.transformed(plan, pattern, frames, source.disposable, _here(client))
+        frames = None
         yield block, _volume(plan, block, volume, *shared[at], client)
+        volume = None  # before the next one is read
 
 
 def _slice_calibration(plan, block, source):
@@ -586,13 +588,16 @@ def _volume_basis(plan, block, source, calibration):
 def _volume(plan, block, volume, sensitivities, levels, client):
     pattern = plan.patterns[block.pattern]
 
+    place = runtime.shared(volume) if _here(client) else None
+
     def tasks():
         for x in slabs.edges(plan, pattern, len(volume)):
             part = sensitivities and sensitivities.part(x)
-            yield x, (plan, block, np.array(volume[x], order="F"), part, levels)
+            samples = (place, x) if place else (np.array(volume[x], order="F"),)
+            yield x, (plan, block, part, levels, *samples)
 
     made = {}
-    for x, parts in _each(reconstruct_slab, tasks(), client):
+    for x, parts in _each(_slab, tasks(), client):
         for name, part in parts.items():
             if name not in made:
                 made[name] = np.empty((len(volume), *part.shape[1:]), part.dtype, order="F")
@@ -602,6 +607,16 @@ def _volume(plan, block, volume, sensitivities, levels, client):
         made["image"] = _combined(plan, pattern, _finished(plan, pattern, lines))
     made["image"] = _placed(plan, block, made["image"])
     return made
+
+
+def _here(client):
+    """Whether workers take slabs out of the volume themselves, as those of this machine do."""
+    return getattr(client, "here", False)
+
+
+def _slab(plan, block, sensitivities, levels, samples, x=None):
+    samples = samples if x is None else samples.copy(x)
+    return reconstruct_slab(plan, block, samples, sensitivities, levels)
 
 
 def reconstruct_slab(plan, block, samples, sensitivities, levels):

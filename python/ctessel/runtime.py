@@ -6,9 +6,12 @@ three runs on two cores beside other programs: 2.4 s with all settings.
 
 import contextlib
 import ctypes
+import mmap
 import os
 import signal
+import tempfile
 import threading
+from dataclasses import dataclass
 from pathlib import Path
 
 import numpy as np
@@ -59,6 +62,63 @@ def zeros(shape):
     array = np.empty(shape, np.complex64, order="F")
     array.fill(0)
     return array
+
+
+class _Shared(mmap.mmap):
+    """Memory that other processes of this machine can map as well, as long as it is used here."""
+
+
+def shared_zeros(shape, folder=None):
+    """complex64 of zeros in Fortran order, in memory that `shared` describes to other processes.
+
+    In memory alone, or where a folder is given in a file there that has no name.
+    """
+    size = 8 * int(np.prod(shape, dtype=float))
+    if folder is None:
+        file = os.fdopen(os.memfd_create("ctessel"), "r+b")
+        file.truncate(size)
+    else:
+        file = tempfile.TemporaryFile(dir=folder)
+        try:  # where the disk is full, a map of a file with holes would end the process
+            os.posix_fallocate(file.fileno(), 0, size)
+        except OSError as error:
+            file.close()
+            error.filename = folder
+            raise
+    mapping = _Shared(file.fileno(), size)
+    mapping.file = file
+    return np.frombuffer(mapping, np.complex64).reshape(shape, order="F")
+
+
+@dataclass(frozen=True)
+class Place:
+    """Where an array lies that another process of this machine has."""
+
+    file: str
+    offset: int
+    shape: tuple[int, ...]
+    strides: tuple[int, ...]
+
+    def copy(self, index):
+        """A part of the array, complex64 in Fortran order."""
+        with open(self.file, "rb") as file:
+            with contextlib.closing(mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ)) as bytes_:
+                array = np.ndarray(self.shape, np.complex64, bytes_, self.offset, self.strides)
+                part = np.array(array[index], order="F")
+                del array  # it would keep the map open
+        return part
+
+
+def shared(array):
+    """The `Place` of an array that is (part of) one of `shared_zeros`; of others None."""
+    base = array
+    while isinstance(base, (np.ndarray, memoryview)):
+        base = base.base if isinstance(base, np.ndarray) else base.obj
+    if not isinstance(base, _Shared):
+        return None
+    start = np.frombuffer(base, np.uint8).ctypes.data
+    name = f"/proc/{os.getpid()}/fd/{base.file.fileno()}"
+    return Place(name, array.ctypes.data - start, array.shape, array.strides)
 
 
 # ---- Signals -------------------------------------------------------------------------------------

@@ -7,6 +7,7 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
+from . import runtime
 from ._arrays import ringing_filter
 from ._coils import pcsos
 from ._helpers import sa
@@ -24,15 +25,17 @@ from .steps import (
 )
 
 
-def transformed(plan, pattern, frames, overwrite):
+def transformed(plan, pattern, frames, overwrite, shared=False):
     """Lines of a volume with the readout transformed: ``(x, y, z, coil, echo, repetition)``.
 
     Where coils are weighted, with the grid of the unfolded image along x; else with that of the
-    image. `frames` may be overwritten where that is allowed.
+    image. `frames` may be overwritten where that is allowed; a new array is `shared` with workers.
     """
     extent = plan.readout if pattern.weighted else plan.matrix[0]
     if overwrite and extent <= len(frames):
         out = frames[:extent]
+    elif shared:
+        out = runtime.shared_zeros((extent, *frames.shape[1:]))
     else:
         out = np.empty((extent, *frames.shape[1:]), np.complex64, order="F")
     for index in np.ndindex(frames.shape[3:]):  # a coil at a time

@@ -30,6 +30,8 @@ class Workers(contextlib.AbstractContextManager):
         They share the cores that this process may use.
     """
 
+    here = True  # they see the memory that this process shares
+
     def __init__(self, count):
         self._count, self._stack = count, contextlib.ExitStack()
 

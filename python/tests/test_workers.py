@@ -1,6 +1,7 @@
 """Workers read their own part of a file, give the bits of one process, and leave nothing behind."""
 
 import os
+import pickle
 import signal
 import subprocess
 import sys
@@ -11,7 +12,7 @@ import numpy as np
 import pytest
 from conftest import same_bits
 
-from ctessel import cli, phantom, pipeline, raw
+from ctessel import cli, phantom, pipeline, raw, runtime
 from ctessel.pipeline import Options
 from ctessel.workers import Workers
 
@@ -58,6 +59,26 @@ def test_the_command_gives_the_bits_of_one_process(tmp_path):
             images.append(np.array(nibabel.load(tmp_path / "i.nii").dataobj))
         same_bits(images[1], images[0])
         same_bits(images[2], images[0])
+
+
+@pytest.mark.parametrize("disposable", [True, False])
+def test_workers_take_slabs_out_of_a_volume_that_they_share(tmp_path, workers, monkeypatch, disposable):
+    phantom.write(tmp_path / "p.h5", "3d-undersampled", size=32, coils=8, repetitions=2, noise=0.01)
+    monkeypatch.setattr(pipeline.plan.__globals__["Plan"], "slab", 8 * 8 * 32 * 24 * 5)
+    found, run, sizes = raw.contents(tmp_path / "p.h5", cut=True), workers.run_tasks, []
+
+    def noted(tasks):
+        for place, arguments in tasks:
+            sizes.append(len(pickle.dumps(arguments)))
+            yield place, arguments
+
+    want = pipeline.reconstruct(raw.read(found.path, found=found)).image
+    monkeypatch.setattr(workers, "run_tasks", lambda function, tasks: run(function, noted(tasks)))
+    source = raw.read(found.path, found=found, scratch=tmp_path)
+    if disposable:
+        source = raw.Source(found, zeros=runtime.shared_zeros)
+    same_bits(pipeline.reconstruct(source, client=workers).image, want)
+    assert len(sizes) == 2 * 7 and max(sizes) < 8 * 8 * 32 * 24 * 5 / 2
 
 
 def test_a_file_that_changes_is_refused(tmp_path, workers):
