@@ -4,6 +4,7 @@ import contextlib
 import os
 from dataclasses import dataclass, replace
 from functools import cached_property
+from math import prod
 
 import numpy as np
 
@@ -58,7 +59,8 @@ class Job:
     @property
     def needed(self):
         """Bytes of memory."""
-        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + report.INTERPRETER
+        looked = 40 * prod(self.plan.shape[:3]) if self.arguments.report else 0
+        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + looked + report.INTERPRETER
 
     def by_part(self):
         """Whether workers here read what they work on; slabs are cut from a volume that is kept."""

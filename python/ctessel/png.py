@@ -36,13 +36,14 @@ def grey(values, low=0.0, high=None):
 
 def colour(values, low=0.0, high=None):
     """Coloured pixels, from dark blue at `low` to yellow at `high`."""
-    at = _levels(values, low, high) / 255 * (len(_COLOURS) - 1)
+    at = np.rint(_levels(values, low, high) / 8) / 32 * (len(_COLOURS) - 1)  # noise of more levels packs badly
     places = np.arange(len(_COLOURS))
     return np.stack([np.interp(at, places, c) for c in _COLOURS.T], -1).astype(np.uint8).swapaxes(0, 1)
 
 
 def phase(angles, weight):
     """Coloured pixels of angles in radians, as dark as `weight` (0 to 1) is small."""
+    angles, weight = np.rint(angles * (18 / np.pi)) * (np.pi / 18), np.rint(weight * 8) / 8
     turns = np.stack([angles, angles - 2 * np.pi / 3, angles + 2 * np.pi / 3], -1)
     return (127.5 * (1 + np.cos(turns)) * weight[..., None]).astype(np.uint8).swapaxes(0, 1)
 
@@ -79,7 +80,7 @@ def square(values, field):
     return values[:, (np.arange(height) * (ny / height)).astype(int)]
 
 
-def fitted(values, least=160, most=400):
+def fitted(values, least=160, most=360):
     """``(x, y)`` with values repeated, or blocks averaged, so that the longer side is about `least` to `most`."""
     longer = max(values.shape[:2])
     if longer < least:

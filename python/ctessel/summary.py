@@ -90,7 +90,7 @@ def _images(made, run):
         weight = np.clip(np.abs(phase) / png.usual_top(np.abs(phase)), 0, 1) ** 0.5
         turned = png.fitted(png.square(np.angle(phase), field), most=10**6)
         shown = png.phase(turned, png.fitted(png.square(weight, field), most=10**6))
-        block = -(-max(shown.shape[:2]) // 400)
+        block = -(-max(shown.shape[:2]) // 360)
         yield made.figure(shown[::block, ::block], f"Phase of {where} in colours, dark where the image is dark",
                           "Phase of the combined image, a turn of colours a turn. It should be smooth within tissue.")  # fmt: skip
     yield from _errors(made, run)
