@@ -171,7 +171,7 @@ def _noise(made, run):
         shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
                                  f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their levels differ by a factor "
                                  f"of {level.max() / level.min():.2g}; a coil far off is defective."))  # fmt: skip
-    for name, values in getattr(run.result, "maps", {}).items():
+    for name, values in getattr(run.result, "noise", {}).items():
         title, low, high, caption = _MAPS.get(name, (name, 0.0, None, ""))
         plane = np.nan_to_num(_plane(run, values))
         shown.append(_picture(made, plane, run.result.field, f"{title} of {_where(run)}", f"{title}, {_where(run)}. {caption}",
@@ -218,7 +218,7 @@ def _volumes(made, run):
     if np.iscomplexobj(run.result.image):
         angle = np.angle(run.result.image[..., 0, 0]).reshape(shape, order="F")
         made.volume("phase", angle, run.affine, -np.pi, np.pi)
-    for name, values in getattr(run.result, "maps", {}).items():
+    for name, values in getattr(run.result, "noise", {}).items():
         title, low, high, _ = _MAPS.get(name, (name, 0.0, None, ""))
         first = values.reshape((*values.shape[:4], -1))[..., 0].reshape(shape, order="F")
         made.volume(title, first, run.affine, low, high, role="map")
