@@ -12,8 +12,8 @@ from pathlib import Path
 
 import numpy as np
 
-from . import _ismrmrd, files, formats, nifti, raw, send, stream
-from .acquisitions import CALIBRATION, HEAD, IGNORED, IMAGING
+from . import _ismrmrd, files, formats, nifti, raw, runtime, send, stream
+from .acquisitions import CALIBRATION, HEAD, IGNORED, IMAGING, DefectError
 from .scan import Limit, Placement
 
 _NAMESPACE = "http://www.ismrm.org/ISMRMRD"
@@ -48,6 +48,9 @@ def convert(source, target, group="dataset", **given):
     if target.endswith((".nii", ".nii.gz")):
         return _images_to_nifti(source, Path(target), group), []
     found = raw.contents(source, group=group, **given)
+    shape = found.scan.shape
+    slab = 8 * int(np.prod(shape, dtype=float)) // shape[4]
+    runtime.check(2 * slab, f"{source}: converting it", "use a machine with more memory")
     if target.endswith((".h5", ".hdf5", ".mrd")):
         if found.format == "ISMRMRD":
             raise ValueError(f"{source}: is an ISMRMRD file already; name a BART pair, NAME.cfl")
@@ -64,6 +67,8 @@ def convert(source, target, group="dataset", **given):
 
 def _to_pair(found, base):
     source, name = raw.Source(found), os.path.basename(base)
+    if os.path.exists(f"{base}.cfl") and os.path.samefile(f"{base}.cfl", found.path):
+        raise ValueError(f"{base}.cfl: is the file to be converted; name another one")
     told = [f"kept: the header, in {name}.xml"]
     with files.Staged() as staged:
         x, y, z, coils, slices, echoes, repetitions = source.layout.shape
@@ -103,7 +108,10 @@ def _pair(staged, base, shape):
     for axis, n in zip((0, 1, 2, 3, 5, 10, 13), shape):
         dims[axis] = n
     staged.path(f"{base}.hdr").write_text(f"# Dimensions\n{' '.join(map(str, dims))} \n")
-    samples = np.memmap(staged.path(f"{base}.cfl"), "<c8", "w+", shape=shape, order="F")
+    name = staged.path(f"{base}.cfl")
+    with open(name, "wb") as file:  # where the disk is full, a map of a file with holes would end the process
+        os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))
+    samples = np.memmap(name, "<c8", "r+", shape=shape, order="F")
     yield samples
     samples.flush()
 
@@ -215,19 +223,29 @@ def _lost(found):
 def _images_to_nifti(source, target, group):
     try:
         series, name = _series(source, group)
-    except (OSError, KeyError, RuntimeError, TypeError, IndexError) as error:
+    except DefectError as error:
+        raise ValueError(f"{source}: {error}") from None
+    except (*formats.UNREADABLE, IndexError) as error:
         text = " ".join(str(error).split())[:160]
         raise ValueError(f"{source}: its images cannot be read ({text}); write them again") from None
     told = [f"the images of the group {name}"]
+    pixels = series[0][2]
+    if np.iscomplexobj(pixels):
+        told.append("lost: the phase of complex images")
+    if pixels.shape[3] > 1:
+        told.append(f"lost: all of {pixels.shape[3]} channels but the first")
     series, more = _counted(series)
     volumes = send.assembled(series)
-    matrix, known = _affine(series, volumes.shape)
+    try:
+        matrix, known = _affine(series, volumes.shape)
+    except ValueError as error:
+        raise ValueError(f"{source}: {error}") from None
     with files.Staged() as staged:
         sidecar = {"Sources": [files.printable(source)], "ImageType": "magnitude"}
         path = staged.path(target)
         nifti.write(path, volumes, matrix, known, 0.0, sidecar, staged.path(nifti.sidecar_path(target)))
         staged.commit()
-    lost = [] if known else ["lost: where slices lie, which the file does not say"]
+    lost = [] if known else ["where slices lie is not in the file: axial slices at the isocentre"]
     return [*told, *more, *lost]
 
 
@@ -239,14 +257,14 @@ def _series(path, group):
         groups = []
         file.visititems(lambda name, item: groups.append(name) if _holds_images(item) else None)
         if not groups:
-            raise ValueError(f"{path}: holds no images; ctessel recon makes them from k-space")
+            raise DefectError("holds no images", "ctessel recon makes them from k-space")
         chosen = [name for name in groups if name == group.strip("/")] or groups
         if len(chosen) > 1:
-            raise ValueError(f"{path}: holds images in several groups; name one with --group: {', '.join(groups)}")
+            raise DefectError("holds images in several groups", f"name one with --group: {', '.join(groups)}")
         found = file[chosen[0]]
         heads, data = found["header"][()], found["data"]
         if data.ndim != 5 or len(heads) != len(data) or not len(heads):
-            raise ValueError(f"{path}: its images are no (image, channel, z, y, x) with a header each; write them again")
+            raise DefectError("its images are no (image, channel, z, y, x) with a header each", "write them again")
         formats.check_stored(data)
         pixels = [formats.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(heads))]
         return [(head, _attributes(found, i), image) for i, (head, image) in enumerate(zip(heads, pixels))], chosen[0]

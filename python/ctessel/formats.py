@@ -41,6 +41,8 @@ MATLAB_AXES = ("x", "y", "coil", "slice", "repetition")
 UNIT = 32 << 20
 #: A packed array has no more bytes for each one in the file.
 PACKED = 2000
+#: What h5py raises for files that HDF5 cannot make sense of.
+UNREADABLE = (OSError, KeyError, TypeError, ValueError, RuntimeError)
 _COUNTERS = {"slice": "slice", "echo": "contrast", "repetition": "repetition", "average": "average"}
 
 
@@ -137,6 +139,12 @@ class Stored:
                 f"{NAMES[self.format]} has {len(self.axes)} ({', '.join(self.axes)})", "is --format right?"
             )
         self.extents = {**dict.fromkeys(AXES, 1), **dict(zip(self.axes, map(int, self.data.shape)))}
+        complex_numbers = self.data.dtype.kind == "c" or bool(self.data.dtype.names)
+        if complex_numbers == self.pairs or self.data.dtype.kind in "iu" or (self.pairs and self.extents["coil"] % 2):
+            raise DefectError(
+                f"its k-space holds {times_text(self.data.shape)} of {self.data.dtype}, {NAMES[self.format]} has "
+                f"{'pairs of real numbers' if self.pairs else 'complex numbers'}", "is --format right?"
+            )
         if self.pairs:
             self.extents["coil"] //= 2
         odd = [f"{n} along {name}" for name, n in self.extents.items() if not 0 < n < 65536]
@@ -177,7 +185,7 @@ def opened(path, given):
 def pair_base(path):
     """A BART pair without its endings, whether NAME, NAME.cfl or NAME.hdr is its name; or None."""
     base = path[:-4] if path.endswith((".cfl", ".hdr")) else path
-    return base if os.path.isfile(base + ".cfl") and (base != path or not os.path.exists(path)) else None
+    return base if os.path.isfile(base + ".cfl") and (base != path or not os.path.isfile(path)) else None
 
 
 def samples_of(path):
@@ -272,6 +280,13 @@ def _hdf5(path, given):
         file = h5py.File(path, "r")
     except OSError:
         return None  # which `raw` says in a user's words
+    try:
+        return _of_hdf5(path, file, given)
+    except UNREADABLE as error:
+        raise _unreadable(error) from None
+
+
+def _of_hdf5(path, file, given):
     kspace = _item(file, "kspace")
     kind = given.format or _kind(file, kspace)
     if kind in (None, "ismrmrd", "cfl"):
@@ -280,6 +295,12 @@ def _hdf5(path, given):
         raise DefectError(f'has no array "kspace"{_others(file)}', "store it under this name")
     check_stored(kspace)
     return path, _STORED[kind](file, kspace, given)
+
+
+def _unreadable(error):
+    if isinstance(error, DefectError):
+        return error
+    return DefectError(f"its samples cannot be read ({' '.join(str(error).split())[:160]})", "copy it again")
 
 
 def groups(path):
@@ -298,7 +319,7 @@ def groups(path):
                 found.append(f"{name} ({sets['data'].size} acquisitions)")
             if {"data", "header"} <= sets.keys():
                 found.append(f"{name} ({sets['header'].size} images)")
-        elif "/" not in name:
+        elif isinstance(item, h5py.Dataset) and "/" not in name:
             found.append(f"{name} ({times_text(item.shape)})" if item.shape else name)
         return True if len(found) >= 20 else None
 
@@ -318,12 +339,12 @@ def _item(file, name):
     try:
         item = file.get(name)
         return item if isinstance(item, h5py.Dataset) and item.shape is not None else None
-    except (KeyError, OSError, RuntimeError, ValueError, TypeError):
+    except UNREADABLE:
         return None
 
 
 def _others(file):
-    names = [name for name in list(file)[:20] if not name.startswith("#")]
+    names = [name for name in map(str, list(file)[:20]) if not name.startswith("#")]
     return f", but {', '.join(names)}" if names else ""
 
 
@@ -356,9 +377,22 @@ def check_stored(kspace):
             f"its k-space, {times_text(kspace.shape)}, has {runtime.text(nbytes)}, of which the file holds "
             f"{runtime.text(held)}", "copy it again",
         )
-    names = kspace.dtype.names or ()
-    if kspace.dtype.kind not in "fc" and sorted(names) not in (["imag", "real"], ["i", "r"]):
-        raise DefectError(f"its k-space holds {kspace.dtype}; expected complex numbers", "store it again")
+    if not _sound(kspace.id.get_type()):
+        raise DefectError(f"its samples are {kspace.dtype}; expected real or complex numbers", "store it again")
+
+
+def _sound(kind):
+    """Whether a type of HDF5 is one of numbers, or a pair of them, that HDF5 converts without harm."""
+    from h5py import h5t
+
+    if isinstance(kind, h5t.TypeCompoundID):
+        parts = range(kind.get_nmembers())
+        names = sorted(kind.get_member_name(i) for i in parts)
+        inside = all(kind.get_member_offset(i) + kind.get_member_type(i).get_size() <= kind.get_size() for i in parts)
+        return names in ([b"imag", b"real"], [b"i", b"r"]) and inside and all(_sound(kind.get_member_type(i)) for i in parts)
+    if isinstance(kind, h5t.TypeIntegerID):
+        return 0 <= kind.get_offset() and kind.get_offset() + kind.get_precision() <= 8 * kind.get_size() <= 64
+    return any(kind == known for known in (h5t.IEEE_F32LE, h5t.IEEE_F32BE, h5t.IEEE_F64LE, h5t.IEEE_F64BE))
 
 
 def _fastmri(file, kspace, given):
@@ -380,16 +414,16 @@ def _fastmri(file, kspace, given):
 
 def _header_text(file):
     held = _item(file, "ismrmrd_header")
-    if held is None or held.size != 1:
+    if held is None or held.size != 1 or held.dtype.itemsize > 64 << 20:
         return b""
-    with contextlib.suppress(OSError, TypeError, ValueError, RuntimeError):
+    with contextlib.suppress(*UNREADABLE):
         text = np.asarray(held[()]).item()
         return text if isinstance(text, bytes) else str(text).encode()
     return b""
 
 
 def _valid_header(text, shape):
-    """The header of k-space of this shape (x, y); None where it is none of ISMRMRD's, or of another one.
+    """The header of k-space of this shape (x, y); None where it is none of ISMRMRD's, or of another readout.
 
     Lines get the numbers of their columns, which begin before those that were measured.
     """
@@ -397,11 +431,15 @@ def _valid_header(text, shape):
         header = _ismrmrd.parse(text)[0]
     except DefectError:
         return None
-    if header.encoded_matrix[:2] != shape or header.encoded_matrix[2] != 1:
+    x, y, z = header.encoded_matrix
+    if x != shape[0] or z != 1:
         return None
-    first, y = shape[1] // 2 - header.limits["y"].center, header.limits["y"]
-    limits = {**header.limits, "y": Limit(first + y.minimum, first + y.maximum, shape[1] // 2)}
-    return replace(header, limits={**limits, "z": Limit(0, 0, 0)})
+    limit, middle = header.limits["y"], shape[1] // 2
+    first = middle - limit.center
+    stated = Limit(first + limit.minimum, first + limit.maximum, middle)
+    whole = Limit(0, shape[1] - 1, middle)
+    limits = {**header.limits, "y": stated if y == shape[1] else whole, "z": Limit(0, 0, 0)}
+    return replace(header, encoded_matrix=(*shape, 1), limits=limits)
 
 
 def _lenient_header(text, shape):
@@ -452,7 +490,7 @@ def _mask(file, kspace):
 
 
 def _attribute(item, name):
-    with contextlib.suppress(OSError, KeyError, TypeError, ValueError, RuntimeError):
+    with contextlib.suppress(*UNREADABLE):
         value = item.attrs[name]
         return value.item() if isinstance(value, np.ndarray) and value.size == 1 else value
     return None
@@ -547,10 +585,13 @@ def _load_hdf5(path, name):
         held = _item(file, name)
         if held is None:
             raise DefectError(f'has no array "{name}"{_others(file)}', "store it under this name")
-        check_stored(held)
-        runtime.check(3 * held.dtype.itemsize * held.size, f'the array "{name}"', "use a machine with more memory")
-        matlab = "MATLAB_class" in held.attrs
-        data = plain(held[()])
+        try:
+            check_stored(held)
+            runtime.check(3 * held.dtype.itemsize * held.size, f'the array "{name}"', "use a machine with more memory")
+            matlab = "MATLAB_class" in held.attrs
+            data = plain(held[()])
+        except UNREADABLE as error:
+            raise _unreadable(error) from None
     return (data.T, False) if matlab else (data, data.ndim == 5)
 
 
@@ -651,7 +692,7 @@ def _look(reader):
     along = np.zeros(extents["x"], bool)
     energy = np.zeros((extents["y"], extents["z"]))
     for unit in range(reader.units):
-        samples = reader.unit(unit, untouched=True)
+        samples = reader.unit(unit)
         if not np.isfinite(samples).all():
             raise DefectError("it holds values that are not finite")
         there = samples != 0
@@ -705,26 +746,21 @@ class Lines:
         box[-1] = slice(first, min(first + self._step, self.shape[self._outer]))
         return (*box, *(slice(0, n) for n in self.shape[self._outer + 1 :]))
 
-    def unit(self, unit, untouched=False):
-        """Samples of a part, (x, coil, axes of lines), complex64; the readout as k-space."""
+    def unit(self, unit):
+        """Samples of a part as they are stored, (x, coil, axes of lines), complex64."""
         if self._kept[0] == unit:
             return self._kept[1]
         stored = self.stored
         box = dict(zip(self.axes, self.box(unit)))
         try:
             samples = stored.data[tuple(box.get(name, slice(None)) for name in stored.axes)]
-        except (OSError, ValueError, RuntimeError, KeyError, TypeError) as error:
-            text = " ".join(str(error).split())[:160]
-            raise DefectError(f"its samples cannot be read ({text})", "copy it again") from None
+        except UNREADABLE as error:
+            raise _unreadable(error) from None
         samples = plain(samples, stored.pairs)
         order = [stored.axes.index(name) for name in ("x", "coil", *self.axes) if name in stored.axes]
         samples = samples.transpose(order)
         if "coil" not in stored.axes:
             samples = samples[:, None]
-        if untouched:
-            return samples
-        if stored.transformed:
-            samples = to_kspace(samples, (0,))
         self._kept = unit, samples
         return samples
 
@@ -763,16 +799,18 @@ class Lines:
 
     def read(self, numbers):
         """Lines of these numbers, which grow."""
-        x = slice(self.found.first, self.found.last + 1)
-        coils = self.stored.extents["coil"]
-        block = np.empty((x.stop - x.start, coils, len(numbers)), np.complex64, order="F")
+        extents = self.stored.extents
+        block = np.empty((extents["x"], extents["coil"], len(numbers)), np.complex64, order="F")
         units = self._of[numbers]
         for unit in np.unique(units):
             at = np.flatnonzero(units == unit)
             box = self.box(unit)
             inside = tuple(i[numbers[at]] - b.start for i, b in zip(self._at, box))
-            block[:, :, at] = self.unit(unit)[(x, slice(None), *inside)]
-        return Block(np.asarray(numbers), block)
+            block[:, :, at] = self.unit(unit)[(slice(None), slice(None), *inside)]
+        if self.stored.transformed:
+            block = to_kspace(block, (0,), overwrite=True)
+        measured = block[self.found.first : self.found.last + 1]
+        return Block(np.asarray(numbers), np.asfortranarray(measured))
 
 
 def plain(samples, pairs=False):
@@ -815,12 +853,12 @@ class Block:
 # ---- Calibration in a file of its own ------------------------------------------------------------
 
 
-def joined(scan, calibration):
-    """A scan and what calibrates it, as one `Opened`.
+def joined(scan, calibration, part=None, skip=()):
+    """A scan and what calibrates it, as one `Opened`; `part` and `skip` are those of `survey`.
 
     Calibration lines of the scan itself that complete its images stay, a calibration scan in it is left out.
     """
-    found = survey(scan.encodings, scan.heads)
+    found = survey(scan.encodings, scan.heads, part, skip)
     first, second = scan.heads.copy(), calibration.heads.copy()
     flagged = first["flags"] & (CALIBRATION | CALIBRATION_AND_IMAGING) != 0
     first["flags"][flagged & (found.role == IMAGING)] &= ~CALIBRATION

@@ -197,7 +197,7 @@ def contents(path, *, group="dataset", range=None, skip=(), cut=False, **given):
 
 def _contents(path, group, range, skip, cut, given):
     try:
-        opened = _opened(path, group, given)
+        opened = _opened(path, group, given, range, skip)
         encodings, heads, reader = opened.encodings, opened.heads, opened.file
         found = survey(encodings, heads, range, skip)
         encodings, told = ([], ()) if given.centre else _recentred(reader, encodings, found)
@@ -210,7 +210,7 @@ def _contents(path, group, range, skip, cut, given):
     return replace(found, cut=cut, file=reader, told=told, **names)
 
 
-def _opened(path, group, given):
+def _opened(path, group, given, part, skip):
     """The file, with its calibration scan where that is another one, as `formats.Opened`."""
     scan = _open_any(path, group, given)
     if given.calibration is None:
@@ -219,7 +219,7 @@ def _opened(path, group, given):
         own = _open_any(given.calibration, group, formats.Given(found=(given.found[1], None)))
     except (DefectError, RuntimeError) as error:
         raise _named(given.calibration, error) from None
-    return replace(formats.joined(scan, own), found=(scan.found, own.found))
+    return replace(formats.joined(scan, own, part, skip), found=(scan.found, own.found))
 
 
 def _open_any(path, group, given):
@@ -326,7 +326,7 @@ def facts(found):
 
 def groups(found):
     """What is in a file of HDF5, group by group, for people; "" for others."""
-    with contextlib.suppress(OSError, ModuleNotFoundError, RuntimeError):
+    with contextlib.suppress(ModuleNotFoundError, *formats.UNREADABLE):
         return ", ".join(formats.groups(found.path))
     return ""
 

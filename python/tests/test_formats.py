@@ -272,6 +272,27 @@ def _elsewhere(path):
         file.create_dataset("kspace", (4, 4, 4, 4), "<f4", external=[(str(path) + "2", 0, h5py.h5f.UNLIMITED)])
 
 
+def _integers(path):
+    with h5py.File(path, "w") as file:
+        file["kspace"] = np.ones((4, 4, 4, 4), np.int16)
+        file["ismrmrd_header"] = b""
+
+
+def _part_outside_its_pair(path):
+    """HDF5 reads beyond its memory where a type says so."""
+    fastmri(path, scan_of("full"))
+    second = b"i" + 7 * b"\0"
+    data = path.read_bytes()
+    assert second + b"\4\0\0\0" in data
+    path.write_bytes(data.replace(second + b"\4\0\0\0", second + b"\4\0\xd8\0"))
+
+
+def _name_that_is_no_text(path):
+    with h5py.File(path, "w") as file:
+        file[b"\xff\xfe"] = 1
+    path.write_bytes(b"MATLAB 7.3 MAT-file".ljust(512) + path.read_bytes())
+
+
 def _matlab_rubbish(path):
     path.write_bytes(b"MATLAB 5.0 MAT-file".ljust(124) + b"\0\1IM" + bytes(range(256)) * 20)
 
@@ -279,7 +300,8 @@ def _matlab_rubbish(path):
 @pytest.mark.parametrize("write, message", [
     (_truncated, "cut short"), (_absurd, "of which the file holds"), (_odd_type, ""), (_not_finite, "not finite"),
     (_zero, "all its samples are zero"), (_unknown, "no format that is known"), (_elsewhere, "in other files"),
-    (_matlab_rubbish, "cannot be read"),
+    (_matlab_rubbish, "cannot be read"), (_integers, "complex numbers"), (_part_outside_its_pair, "real or complex"),
+    (_name_that_is_no_text, 'no array "kspace"'),
 ])  # fmt: skip
 def test_hostile_files_end_in_one_line(tmp_path, capfd, write, message):
     write(tmp_path / "bad")
