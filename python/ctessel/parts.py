@@ -47,13 +47,15 @@ def select(plan, axis, first, last):
     )
 
 
-def merge(results):
+def merge(results, gaps=False):
     """One result of the parts of a scan.
 
     Parameters
     ----------
     results : sequence of Result
-        Made with plans of `select`; in any order, without gaps or overlaps.
+        Made with plans of `select`; in any order, without overlaps.
+    gaps : bool, optional
+        Echoes or repetitions between the parts may be missing; "skipped" of the parameters lists them.
 
     Returns
     -------
@@ -61,18 +63,23 @@ def merge(results):
     """
     results = sorted(results, key=lambda result: result.selection[1])
     axis = results[0].selection[0]
-    following = results[0].selection[1]
+    following, missing = results[0].selection[1], []
     for result in results:
-        if result.selection[:2] != (axis, following):
+        between = range(following, result.selection[1])
+        allowed = gaps and axis != "slice" and result.selection[1] > following
+        if result.selection[:2] != (axis, following) and not (allowed and result.selection[0] == axis):
             raise ValueError(
                 f"parts: expected {axis} {following}, got {' '.join(map(str, result.selection))}; "
                 "each index must be there once"
             )
+        missing += between
         following = result.selection[2] + 1
     image = np.concatenate([result.image for result in results], AXES.index(axis) - 1)
     merged = replace(
         results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
     )
+    if missing:
+        merged.parameters = merged.parameters | {"skipped": [(axis, number) for number in missing]}
     for name in {"prediction", "residual"} & set(merged.parameters):
         if axis == "slice":  # one a slice
             figures = [figure for result in results for figure in result.parameters[name]]

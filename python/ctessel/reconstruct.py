@@ -6,6 +6,7 @@ A block is some repetitions of one slice. What it is made of comes from a source
 
 from dataclasses import dataclass, field
 from functools import partial
+from itertools import groupby
 from math import prod
 
 import numpy as np
@@ -38,6 +39,10 @@ from .steps import (
     unfold,
 )
 from .warp import geometry
+
+
+#: Workers of a client that does not say how many it has.
+WORKERS = 16
 
 
 @dataclass
@@ -188,15 +193,26 @@ def blocks(plan):
                 yield Block(index, kept[start : start + plan.group], number)
 
 
+def groups(plan, workers):
+    """Lists of blocks that share sensitivities, no fewer than two for each worker if blocks allow."""
+    shared = [list(own) for _, own in groupby(blocks(plan), lambda b: (b.slice, b.pattern))]
+    pieces = -(-2 * workers // len(shared)) if workers > 1 else 1
+    for own in shared:
+        size = -(-len(own) // pieces)
+        yield from (own[first : first + size] for first in range(0, len(own), size))
+
+
 def _run(plan, source, client):
     """Blocks with what was made of them, in any order."""
     if plan.in_slabs:
         return _run_volumes(plan, source, client)
     if client is None:
-        return _run_here(plan, source)
+        return ((block, made) for group in groups(plan, 1) for block, made in _work(plan, group, source))
     if source.shared:
-        return _each(work, ((block, (plan, block, source)) for block in blocks(plan)), client)
-    return _each(_work, _tasks(plan, source), client)
+        count = getattr(client, "count", WORKERS)
+        tasks = ((None, (plan, group, source)) for group in groups(plan, count))
+        return (pair for _, made in _each(work, tasks, client) for pair in made)
+    return _each(_work_on, _tasks(plan, source), client)
 
 
 def _each(function, tasks, client):
@@ -209,14 +225,6 @@ def _each(function, tasks, client):
 
         run = partial(run_tasks, client)
     return run(function, tasks)
-
-
-def _run_here(plan, source):
-    at = basis = None
-    for block in blocks(plan):
-        if at != (block.slice, block.pattern):
-            at, basis = (block.slice, block.pattern), prepare(plan, block, source)
-        yield block, reconstruct_block(plan, block, basis, lines(plan, block, source))
 
 
 def single(plan, block, source, shared=None):
@@ -255,12 +263,18 @@ def _tasks(plan, source):
         yield block, (plan, block, lines(plan, block, source), *shared)
 
 
-def work(plan, block, source):
-    """Images of a block whose samples this process reads itself."""
-    return reconstruct_block(plan, block, prepare(plan, block, source), lines(plan, block, source))
+def work(plan, group, source):
+    """Blocks of a group with their images, whose samples this process reads itself."""
+    return list(_work(plan, group, source))
 
 
-def _work(plan, block, samples, calibration, first):
+def _work(plan, group, source):
+    basis = prepare(plan, group[0], source)
+    for block in group:
+        yield block, reconstruct_block(plan, block, basis, lines(plan, block, source))
+
+
+def _work_on(plan, block, samples, calibration, first):
     return reconstruct_block(plan, block, _basis(plan, block, calibration, first), samples)
 
 

@@ -33,10 +33,10 @@ class Workers(contextlib.AbstractContextManager):
     here = True  # they see the memory that this process shares
 
     def __init__(self, count):
-        self._count, self._stack = count, contextlib.ExitStack()
+        self.count, self._stack = count, contextlib.ExitStack()
 
     def __enter__(self):
-        threads = max(1, len(os.sched_getaffinity(0)) // self._count)
+        threads = max(1, len(os.sched_getaffinity(0)) // self.count)
         variables = {**runtime.KEPT, "OMP_NUM_THREADS": threads}
         self._stack.enter_context(_environment(variables))
         self._start()
@@ -52,7 +52,7 @@ class Workers(contextlib.AbstractContextManager):
     def _start(self):
         context = multiprocessing.get_context("spawn")
         self._others = multiprocessing.active_children()
-        self._pool = ProcessPoolExecutor(self._count, context, _begin, (os.getpid(),))
+        self._pool = ProcessPoolExecutor(self.count, context, _begin, (os.getpid(),))
 
     def _kill(self):
         for process in multiprocessing.active_children():
@@ -71,7 +71,7 @@ class Workers(contextlib.AbstractContextManager):
         tasks, running, lost, deaths = iter(tasks), {}, deque(), 0
         while True:
             try:
-                lost.extend(islice(tasks, max(0, 2 * self._count - len(running) - len(lost))))
+                lost.extend(islice(tasks, max(0, 2 * self.count - len(running) - len(lost))))
                 while lost:
                     running[self._submit(function, lost[0][1])] = lost[0]
                     lost.popleft()

@@ -17,7 +17,7 @@ from scans import FIELD, coils, error, header, known, lines, phantom, scan
 import ctessel
 from ctessel import pipeline
 from ctessel.pipeline import Options
-from ctessel.scan import Header, Limit, Placement, Scan
+from ctessel.scan import AXES, Header, Limit, Placement, Scan
 
 ROUNDING = 2e-6  # of single precision after transforms, relative to the largest value
 
@@ -289,6 +289,15 @@ def test_parts_merge_to_the_whole(axis):
         pipeline.merge(parts + parts[:1])
     with pytest.raises(ValueError, match="outside 0 to 2"):
         pipeline.select(plan, axis, 1, 3)
+    ends = [pipeline.reconstruct(whole, plan=pipeline.select(plan, axis, n, n)) for n in (2, 0)]
+    if axis == "slice":
+        with pytest.raises(ValueError, match="slice 1, got slice 2 2"):
+            pipeline.merge(ends, gaps=True)
+        return
+    merged = pipeline.merge(ends, gaps=True)
+    at = 3 + AXES[4:].index(axis)
+    same_bits(merged.image, np.asfortranarray(np.take(want.image, (0, 2), at)))
+    assert merged.parameters["skipped"] == [(axis, 1)] and merged.selection == (axis, 0, 2)
 
 
 def head_scan(brain, mask, noise):

@@ -12,7 +12,7 @@ import numpy as np
 import pytest
 from conftest import same_bits
 
-from ctessel import cli, phantom, pipeline, raw, runtime
+from ctessel import cli, phantom, pipeline, raw, reconstruct, runtime
 from ctessel.pipeline import Options
 from ctessel.workers import Workers
 
@@ -47,6 +47,18 @@ def test_workers_make_the_images_of_one_process(tmp_path, workers, monkeypatch, 
         got = pipeline.reconstruct(source, options, lambda *done: seen.append(done), workers)
         same_bits(got.image, want)
         assert seen == [(n, 9) for n in range(1, 10)]
+
+
+def test_workers_make_the_sensitivities_of_a_slice_once_where_there_are_enough(tmp_path, monkeypatch):
+    monkeypatch.setattr(pipeline.plan.__globals__["Plan"], "group", 2)
+    phantom.write(tmp_path / "p.h5", "undersampled", size=32, coils=2, slices=3, repetitions=8)
+    plan = pipeline.plan(raw.layout(raw.contents(tmp_path / "p.h5")))
+    for workers, parts in ((1, [4] * 3), (2, [2] * 6), (3, [2] * 6), (6, [1] * 12), (64, [1] * 12)):
+        made = list(reconstruct.groups(plan, workers))
+        assert [len(group) for group in made] == parts
+        together = [(b.slice, *b.repetitions.tolist()) for group in made for b in group]
+        assert together == [(n, r, r + 1) for n in range(3) for r in range(0, 8, 2)]
+        assert all(len({block.slice for block in group}) == 1 for group in made)
 
 
 def test_the_command_gives_the_bits_of_one_process(tmp_path):
