@@ -263,7 +263,7 @@ def _planned(arguments, part, options):
         found = raw.contents(
             arguments.raw, group=arguments.group, range=part, skip=arguments.skip, cut=True, **arguments.given
         )
-        return found, pipeline.plan(raw.layout(found), options)
+        return found, _plan_of(found, raw.layout(found), options)
 
     # Slices do not depend on each other, other parts on the calibration of the whole.
     if part is None or part[0] == "slice":
@@ -276,6 +276,13 @@ def _planned(arguments, part, options):
     kept = acquisitions.wanted(found.extents, part, arguments.skip)[axis]
     first, last = np.searchsorted(found.kept[axis], kept[[0, -1]]).tolist()
     return found, replace(pipeline.select(plan, axis, first, last), selection=part)
+
+
+def _plan_of(found, layout, options):
+    """The plan of a file, with the sensitivities that it holds itself where some are needed."""
+    plan = pipeline.plan(layout, options)
+    own = found.format == "SKM-TEA" and options.maps is None and any(p.unfolds for p in plan.patterns)
+    return pipeline.plan(layout, replace(options, maps=found.path)) if own else plan
 
 
 def _geometry(found, plan):
@@ -314,4 +321,4 @@ def information(path, group, plot=None, **given):
             staged.commit()
     more = {"groups": raw.groups(found), **sampling_view.facts(found, layout, energy)}
     drawing = sampling_view.drawing(layout)
-    return report.information(found, more, drawing, lambda: pipeline.plan(layout, options))
+    return report.information(found, more, drawing, lambda: _plan_of(found, layout, options))

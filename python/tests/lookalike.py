@@ -4,6 +4,7 @@ import foreign
 import h5py
 import numpy as np
 import scipy.io
+from scans import axes
 
 from ctessel import _ismrmrd, pipeline
 from ctessel.scan import Header, Limit
@@ -14,14 +15,20 @@ FOV = (200.0, 180.0, 40.0)
 def kspace(shape, slices=1, echoes=1, repetitions=1, coils=4, seed=0):
     """Of an object that fills half of the field, brighter from image to image; with a little noise."""
     rng = np.random.default_rng(seed)
-    x, y, z = np.meshgrid(*[(np.arange(n) - n // 2) * (2 / n) for n in shape], indexing="ij")
+    x, y, z = axes(shape)
     body = (x**2 / 0.4 + y**2 / 0.5 + z**2 / 0.6 < 1) * (1 + 0.5 * (x > 0.1) * (y < 0.2)) * np.exp(0.6j * x - 0.4j * y)
-    centres = [(np.cos(2 * np.pi * c / coils), np.sin(2 * np.pi * c / coils)) for c in range(coils)]
-    maps = [np.exp(-((x - a) ** 2 + (y - b) ** 2 + (z - a * b) ** 2) / 1.5 + 0.3j * c) for c, (a, b) in enumerate(centres)]
-    made = pipeline.to_kspace(np.stack([body * m for m in maps], -1))[..., None, None, None]
+    made = pipeline.to_kspace(body[..., None] * maps(shape, coils))[..., None, None, None]
     made = made * (1 + np.arange(slices)[:, None, None] / 4 + np.arange(echoes)[:, None] / 8 + np.arange(repetitions) / 16)
     noise = rng.standard_normal((2, *made.shape)) * 1e-3
     return np.asfortranarray(made + noise[0] + 1j * noise[1], np.complex64)
+
+
+def maps(shape, coils=4):
+    """Sensitivities ``(x, y, z, coil)``."""
+    x, y, z = axes(shape)
+    centres = [(np.cos(2 * np.pi * c / coils), np.sin(2 * np.pi * c / coils)) for c in range(coils)]
+    away = [(x - a) ** 2 + (y - b) ** 2 + (z - a * b) ** 2 for a, b in centres]
+    return np.stack([np.exp(-d / 1.5 + 0.3j * c) for c, d in enumerate(away)], -1)
 
 
 def keep(samples, lines):
@@ -82,11 +89,11 @@ def calgary(path, transformed, corner=True):
     return path
 
 
-def skmtea(path, transformed):
-    """`transformed` is (x, y, z, coil, echo)."""
+def skmtea(path, transformed, maps=None):
+    """`transformed` is (x, y, z, coil, echo), `maps` (x, y, z, coil, 1)."""
     with h5py.File(path, "w") as file:
         file["kspace"] = transformed.transpose(0, 1, 2, 4, 3)
-        file["maps"] = transformed[:, :, :, :, :1]
+        file["maps"] = transformed[:, :, :, :, :1] if maps is None else maps
         file["target"] = transformed[:, :, :, :1].transpose(0, 1, 2, 4, 3)
     return path
 

@@ -3,6 +3,7 @@
 import json
 import os
 import pickle
+import sys
 
 import h5py
 import lookalike
@@ -235,6 +236,17 @@ def test_a_format_that_was_given_is_used_or_refused(tmp_path, capfd):
         Given(fov=(1, 2))
 
 
+def test_without_h5py_ismrmrd_is_read_and_the_package_is_named(tmp_path, capfd, monkeypatch):
+    samples = scan_of("full")
+    lookalike.ismrmrd(tmp_path / "r.h5", samples)
+    fastmri(tmp_path / "f.h5", samples)
+    monkeypatch.setitem(sys.modules, "h5py", None)
+    assert recon(tmp_path / "r.h5", tmp_path / "i.nii") == 0 and cli.main(["info", str(tmp_path / "r.h5")]) == 0
+    capfd.readouterr()
+    assert recon(tmp_path / "f.h5", tmp_path / "i.nii") == 1
+    assert "apt-get install python3-h5py" in capfd.readouterr().err
+
+
 def _truncated(path):
     fastmri(path, scan_of("full"))
     os.truncate(path, os.path.getsize(path) // 2)
@@ -339,6 +351,18 @@ def test_volumes_of_calgary(tmp_path, corner, partial):
     same_bits(*images)
 
 
+def test_pairs_need_an_even_number(tmp_path):
+    transformed, _ = volume()
+    path = lookalike.calgary(tmp_path / "c", transformed[..., 0, 0, 0])
+    with h5py.File(path, "r+") as file:
+        samples = file["kspace"][..., :7]
+        del file["kspace"]
+        file["kspace"] = samples
+    for more in ({}, {"format": "calgary"}):
+        with pytest.raises(raw.RawError, match="no format that is known|has pairs of real numbers"):
+            raw.read(path, **more)
+
+
 def test_lines_that_were_cleared_beside_k_0_count_as_not_measured(tmp_path):
     """A reader clears the last of z where k = 0 is in the corner: those are lines beside the centre."""
     transformed, _ = volume()
@@ -363,6 +387,22 @@ def test_volumes_of_skm_tea_with_elliptic_support(tmp_path):
     with pytest.raises(raw.RawError, match="no format that is known; name one with --format"):
         raw.read(path)
     same_bits(raw.read(path, format="skm-tea").kspace, raw.read(reference).kspace)
+
+
+def test_maps_of_skm_tea_are_used_as_they_are(tmp_path):
+    """They unfold what was undersampled, as the same maps in another file do."""
+    own = lookalike.maps((32, 24, 20)).astype(np.complex64)
+    transformed = volume()[0]
+    transformed[:, ~lines(24, 2, calibration=12)] = 0
+    path = lookalike.skmtea(tmp_path / "s", transformed[..., 0, :, 0], own[..., None])
+    nibabel.save(nibabel.Nifti1Image(own, np.eye(4)), tmp_path / "own.nii")
+    images = []
+    for more in ([], ["--maps", tmp_path / "own.nii"]):
+        assert recon(path, tmp_path / "i.nii", "--fov", *FOV, *more) == 0
+        images.append(nibabel.load(tmp_path / "i.nii").get_fdata())
+        steps = json.loads((tmp_path / "i.json").read_text())["Steps"]
+        assert f"sensitivity maps of {more[1].name if more else 's'}" in steps
+    np.testing.assert_array_equal(images[0], images[1])
 
 
 # ---- MATLAB --------------------------------------------------------------------------------------
