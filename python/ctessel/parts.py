@@ -80,7 +80,7 @@ def merge(results, gaps=False):
     )
     if missing:
         merged.parameters = merged.parameters | {"skipped": [(axis, number) for number in missing]}
-    for name in {"prediction", "residual"} & set(merged.parameters):
+    for name in {"prediction", "residual", "condition", "response"} & set(merged.parameters):
         if axis == "slice":  # one a slice
             figures = [figure for result in results for figure in result.parameters[name]]
             merged.parameters = merged.parameters | {name: figures}

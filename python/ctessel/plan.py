@@ -141,6 +141,11 @@ class Plan:
         return np.float32 if self.options.combine == "sos" else np.complex64
 
     @property
+    def reduction(self):
+        """How many times fewer lines than full ones; of several patterns the most."""
+        return max(prod(lattice.reduction for lattice in p.lattices) for p in self.patterns)
+
+    @property
     def stack(self):
         """Whether the geometry of all slices is corrected as that of one volume, after their blocks."""
         part = self.selection is not None and self.selection[0] == "slice"
@@ -300,7 +305,7 @@ def plan(scan, options=None):
         layout.calibration,
         tuple(range(n) for n in layout.shape[4:]),
         (),
-        (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings),
+        (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings, *_unused(options, patterns)),
         layout.selection,
     )
     made = replace(made, warnings=(*made.warnings, *geometry_warnings(made)))
@@ -437,6 +442,11 @@ def _check_maps(layout, options, patterns):
             maps.check(options.maps, layout.shape, pattern.full)
     if options.keep_maps and not unfolding:
         raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
+
+
+def _unused(options, patterns):
+    if options.maps is not None and not any(pattern.unfolds for pattern in patterns):
+        yield f"maps: all lines were measured, {printable(options.maps)} is not used"
 
 
 # ---- Calibration ---------------------------------------------------------------------------------

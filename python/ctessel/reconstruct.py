@@ -11,9 +11,10 @@ from math import prod
 
 import numpy as np
 
-from . import runtime, slabs
+from . import conditioning, runtime, slabs
 from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
+from .conditioning import Conditioning
 from .fourier import (
     central,
     moved,
@@ -35,6 +36,7 @@ from .steps import (
     eigen_maps,
     homodyne_recon,
     low_resolution,
+    reference_level,
     sensitivity_maps,
     unfold,
 )
@@ -85,7 +87,7 @@ class Basis:
     and the levels of both kinds of data that regularisation needs; the variance of the noise over
     that of the image; and whether the lines that a partial scan lacks are filled in (POCS), with the
     error of that on lines that were hidden; what of the calibration the sensitivities do not explain,
-    as sums for each x."""
+    as sums for each x; how well the coils tell aliases apart."""
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
@@ -94,6 +96,7 @@ class Basis:
     fills: bool = False
     prediction: float | None = None
     residual: np.ndarray | None = None
+    conditioning: Conditioning | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -157,7 +160,7 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
         plan.parameters | figures.entries(),
         plan.field,
         plan.selection,
-        list(plan.warnings),
+        [*plan.warnings, *conditioning.warnings(figures.entries(), plan.reduction)],
         maps,
     )
 
@@ -176,6 +179,8 @@ class _Figures:
         if "residual" in made:
             lost, energy = made["residual"].sum(0)
             self._keep("residual", at, float(lost / energy) if energy > 0 else None)
+        for name in {"condition", "response"} & set(made):
+            self._keep(name, at, float(made[name][0]))
 
     def _keep(self, name, at, figure):
         self.found.setdefault(name, {})[at] = figure
@@ -320,12 +325,31 @@ def _basis(plan, block, calibration, first):
     if first is not None and options.regularisation > 0 and pattern.unfolds:
         folded = _folded(plan, fold_lines(first, pattern.lattices))
         basis.levels = sa(folded), sa(basis.expected)
+    if pattern.unfolds:
+        shown = conditioning.planes(len(basis.maps))
+        parts = [(basis.maps[shown], basis.expected[shown])]
+        basis.conditioning = _conditioning(plan, pattern, basis, parts)
     if options.partial == "auto" and any(pattern.ranges):
         samples = _filtered(plan, pattern, _complete(plan, pattern, basis, first[..., :1, :1]))
         basis.prediction = prediction_error(samples, pattern.ranges, options.threads)
     chosen = basis.prediction is not None and basis.prediction < 1
     basis.fills = any(pattern.ranges) and (options.partial == "pocs" or chosen)
     return basis
+
+
+def _conditioning(plan, pattern, basis, parts):
+    """The `Conditioning` of some planes of a slice or a volume: sensitivities and expected image."""
+    reduction = prod(float(lattice.reduction) for lattice in pattern.lattices)
+
+    def added(maps, expected):
+        if not basis.levels:
+            return np.full(expected.shape, reduction * basis.damping)
+        level = reference_level(*basis.levels, plan.options.regularisation, maps.shape[3])
+        power = np.abs(expected).astype(np.float64) ** 2
+        return reduction * level**2 / np.maximum(power, 1e-12 * level**2)
+
+    judged = ((maps, expected, added(maps, expected)) for maps, expected in parts)
+    return conditioning.look(judged, pattern.lattices, plan.covariance)
 
 
 def _sensitivities(plan, block, calibration):
@@ -378,7 +402,7 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     """
     pattern = plan.patterns[block.pattern]
     image = _image(plan, pattern, basis, samples, transformed)
-    made = {"image": _placed(plan, block, image), **_beside(plan, basis)}
+    made = {"image": _placed(plan, block, image), **_beside(plan, basis), **_conditioned(basis.conditioning)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     return made
@@ -389,6 +413,12 @@ def _beside(plan, basis):
     if basis.residual is None:
         return {}
     return {"residual": basis.residual} | ({"maps": basis.maps} if plan.options.keep_maps else {})
+
+
+def _conditioned(found):
+    if found is None:
+        return {}
+    return {"condition": np.array([found.condition]), "response": np.array([found.response])}
 
 
 def _combined(plan, pattern, image):
@@ -456,6 +486,8 @@ def _unfolded(plan, pattern, basis, lines):
         damping=basis.damping,
         threads=threads,
     )[:, :, :, None]
+    if not pattern.keeps_lines:  # those that are measured have the level, and most of the energy
+        image *= basis.conditioning.gain
     maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 4))
     coils = np.empty((*maps.shape[:4], *image.shape[4:]), np.complex64, order="F")
     for centred, first in moved(pattern.full, (1, 2)):
@@ -592,11 +624,23 @@ def _volume_basis(plan, block, source, calibration):
     made, expected = slabs.sensitivities(plan, pattern, calibration)
     if pattern.unfolds and plan.options.maps is not None:
         made.given = of_slice(plan.options.maps, plan.shape, block.slice)
-    if not (pattern.unfolds and plan.options.regularisation > 0):
+    if not pattern.unfolds:
         return made, None
+    levels = _volume_levels(plan, block, source, expected)
+    shown = (made.part(slice(x, x + 1)) for x in conditioning.planes(len(made.lines)))
+    parts = (part.maps(plan, pattern)[:2] for part in shown)
+    basis = Basis(levels=levels, damping=made.damping)
+    made.conditioning = _conditioning(plan, pattern, basis, parts)
+    return made, levels
+
+
+def _volume_levels(plan, block, source, expected):
+    if plan.options.regularisation == 0:
+        return None
+    pattern = plan.patterns[block.pattern]
     first = source.frames(block.slice, slice(pattern.repetitions[0], pattern.repetitions[0] + 1))
     volume = slabs.transformed(plan, pattern, first, False)
-    return made, (sa(fold_lines(volume, pattern.lattices)), expected)
+    return sa(fold_lines(volume, pattern.lattices)), expected
 
 
 def _volume(plan, block, volume, sensitivities, levels, client):
@@ -620,7 +664,7 @@ def _volume(plan, block, volume, sensitivities, levels, client):
         lines = to_kspace(made["image"], threads=plan.options.threads, overwrite=True)
         made["image"] = _combined(plan, pattern, _finished(plan, pattern, lines))
     made["image"] = _placed(plan, block, made["image"])
-    return made
+    return made | _conditioned(sensitivities and sensitivities.conditioning)
 
 
 def _here(client):
@@ -640,6 +684,7 @@ def reconstruct_slab(plan, block, samples, sensitivities, levels):
         return {"image": _combined(plan, pattern, _finished(plan, pattern, samples, (1, 2)))}
     maps, expected, residual = sensitivities.maps(plan, pattern)
     basis = Basis(maps, expected, levels, damping=sensitivities.damping, residual=residual)
+    basis.conditioning = sensitivities.conditioning
     made = _beside(plan, basis)
     if plan.completes_slabs(pattern):
         return made | {"image": _lines_image(plan, pattern, basis, samples)}

@@ -11,6 +11,7 @@ from . import runtime
 from ._arrays import ringing_filter
 from ._coils import pcsos
 from ._helpers import sa
+from .conditioning import Conditioning
 from .fourier import central, remove_oversampling, resize, to_image
 from .steps import (
     CROP,
@@ -76,6 +77,7 @@ class Sensitivities:
     voxels: np.ndarray | None = None  # (x, y, z) of int8; None: all count
     given: np.ndarray | None = None  # maps of a file, (x, y, z, coil)
     damping: float = 0.0
+    conditioning: Conditioning | None = None
 
     def part(self, x):
         voxels, given = (None if a is None else a[x] for a in (self.voxels, self.given))

@@ -334,8 +334,7 @@ def unfold(
         if expected is None:
             reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
         else:
-            whole, reference = levels or (level, sa(expected))
-            reference *= strength / whole / np.sqrt(folded.shape[3])  # that of a coil, as the level is
+            reference = reference_level(*(levels or (level, sa(expected))), strength, folded.shape[3])
         # With the level for a scale the weight depends on nothing that a part of a scan changes.
         weight = {
             "reg": expected,
@@ -346,6 +345,11 @@ def unfold(
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
     image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
     return _restore_phase(image, lattices)
+
+
+def reference_level(whole, expected, strength, coils):
+    """Level of the expected image in one coil over that of the data, times the strength."""
+    return strength * expected / whole / np.sqrt(coils)
 
 
 def _restore_phase(image, lattices):

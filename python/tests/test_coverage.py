@@ -50,7 +50,7 @@ def test_the_lattice_is_found_outside_of_the_calibration_block(ny, nz, cy, cz):
     mask[ny // 2 - cy // 2 : ny // 2 + cy // 2, nz // 2 - cz // 2 : nz // 2 + cz // 2] = True
     assert steps(mask) == [2, 2]
     made = pipeline.plan(layout(mask, (2, 2), "embedded"))
-    assert "SENSE: R = 2 along y, 2 along z" in made.steps and not made.warnings
+    assert any(s.startswith("SENSE: R = 2 along y, 2 along z,") for s in made.steps) and not made.warnings
     if ny > 24:  # an elliptical plane has corners without lines, no holes
         y, z = np.ogrid[:ny, :nz]
         assert steps(mask & ((2 * y / ny - 1) ** 2 + (2 * z / nz - 1) ** 2 < 1.05)) == [2, 2]

@@ -74,6 +74,22 @@ def test_volumes_take_sensitivities_of_a_file(tmp_path):
         pipeline.plan(scan((10, 24, 24), 4)[1], pipeline.Options(keep_maps=True))
 
 
+@pytest.mark.parametrize("shape", [(24, 48, 1), (10, 24, 24)])
+def test_too_few_lines_for_the_coils_and_too_much_regularisation_are_told(shape):
+    """The level of the image is that of full lines even so."""
+    near = [np.abs(np.arange(n) - n // 2) < 6 for n in shape[1:]]
+    every = lines(shape[2]) if shape[2] > 1 else np.ones(1, bool)
+    for step, strength, want in ((2, 0, []), (2, 12, ["leaves"]), (3, 2, ["R = 3 is above"])):
+        mask = np.outer(lines(shape[1], step), every) | np.outer(*near)
+        truth, under = scan(shape, 8, mask=mask, noise=0.02)
+        options = pipeline.Options(combine="sos", regularisation=strength)
+        result = pipeline.reconstruct(under, options)
+        assert len(result.warnings) == len(want)
+        assert all(part in text for part, text in zip(want, result.warnings))
+        level = (result.image * truth).sum() / (truth**2).sum()
+        assert abs(level - 1) < 0.015
+
+
 def test_the_residual_of_a_calibration_shows_what_maps_do_not_explain():
     maps = np.zeros((4, 3, 1, 2), np.complex64)
     maps[1:] = 0.6, 0.8

@@ -1,0 +1,112 @@
+"""How well the coils tell aliases apart, and what regularisation does to the level of an image."""
+
+from dataclasses import dataclass
+from itertools import product
+
+import numpy as np
+
+from ._sense import unfolded_positions
+
+#: Condition of the equations of half of the object beyond which aliases are guessed more than unfolded:
+#: measured heads with 16 coils have 2, 4 and 16 for R = 2, 3 and 4, and 1100 for R = 6.
+MOST = 100
+#: Level below which regularisation is made up for, where no measured lines keep the image's.
+KEPT = 0.99
+#: Level below which it is told.
+LEAST = 0.9
+#: Planes across the readout that are looked at, at most.
+PLANES = 8
+
+
+@dataclass(frozen=True)
+class Conditioning:
+    """Median condition of the equations in the object, and the share of the level of what is unfolded
+    that regularisation leaves."""
+
+    condition: float
+    response: float
+
+    @property
+    def gain(self):
+        """What makes up for the regularisation."""
+        return np.float32(1 / self.response if 0 < self.response < KEPT else 1)
+
+
+def planes(extent):
+    """Planes that are looked at, spread over the extent of the readout."""
+    count = min(extent, PLANES)
+    return (np.arange(count) * extent + extent // 2) // count
+
+
+def look(parts, lattices, covariance=None):
+    """The `Conditioning` of some planes.
+
+    Parameters
+    ----------
+    parts : iterable of tuple of three ndarray
+        Of each plane or of several, ``(x, y, z, coil)`` and ``(x, y, z)``: sensitivities; an image,
+        whose energy says how much a voxel counts for the level; what regularisation adds to the
+        equations.
+    lattices : sequence of two Lattice
+    covariance : ndarray of complex64, ``(coil, coil)``, optional
+        Of the noise; by default the identity.
+    """
+    inverse = None
+    if covariance is not None:
+        inverse = np.linalg.inv(np.linalg.cholesky(covariance.astype(np.complex128))).T
+    conditions, left, whole = [np.ones(0)], 0.0, 0.0
+    for maps, expected, diagonal in parts:
+        white = maps.astype(np.complex128) if inverse is None else maps @ inverse
+        condition, response = _planes(white, diagonal, lattices)
+        inside = (maps != 0).any(3)
+        energy = np.where(inside, np.abs(expected).astype(np.float64) ** 2, 0)
+        conditions.append(condition[inside])
+        left, whole = left + (response * energy).sum(), whole + energy.sum()
+    found = np.concatenate(conditions)
+    return Conditioning(float(np.median(found)) if found.size else 1.0, float(left / whole) if whole > 0 else 1.0)
+
+
+def _planes(white, diagonal, lattices):
+    """Condition and response of every voxel."""
+    condition, response = np.zeros((2, *white.shape[:3]))
+    lines = [
+        [unfolded_positions(lattice.full, lattice.folded, at) for at in range(lattice.folded)]
+        for lattice in lattices
+    ]
+    for y, z in product(*lines):
+        at = (slice(None), *np.ix_(y, z))
+        made = _equations(white[at], diagonal[at])
+        condition[at], response[at] = (a.reshape(condition[at].shape) for a in made)
+    return condition, response
+
+
+def _equations(white, diagonal):
+    """Condition of the equations of each group of aliases, and every alias's own share in its value."""
+    white = white.reshape(len(white), -1, white.shape[-1])
+    there = (white != 0).any(2)
+    empty = np.where(there, 0, 1)[:, :, None] * np.eye(there.shape[1])
+    matrix = white.conj() @ white.transpose(0, 2, 1)
+    scale = np.abs(matrix).max((1, 2), keepdims=True)
+    matrix = matrix / np.where(scale > 0, scale, 1) + empty  # voxels beside the object count for none
+    values = np.linalg.eigvalsh(matrix)
+    added = diagonal.reshape(there.shape)[:, :, None] / np.where(scale > 0, scale, 1)
+    tiny = np.finfo(np.float64).eps * values[:, -1:, None]
+    unfolding = np.linalg.solve(matrix + (added + tiny) * np.eye(there.shape[1]), matrix)
+    condition = values[:, -1] / np.maximum(values[:, 0], 1e-12 * values[:, -1])
+    return np.broadcast_to(condition[:, None], there.shape), np.einsum("xaa->xa", unfolding).real
+
+
+def warnings(figures, reduction):
+    """What a user is told of the slices' `condition` and `response`, a line each."""
+    worst = max(figures.get("condition", []), default=1.0)
+    if worst > MOST:
+        yield (
+            f"SENSE: R = {reduction} is above what the coils can unfold, the condition of the equations is "
+            f"{worst:.0f}; expect noise and aliases, and measure more lines"
+        )
+    least = min(figures.get("response", []), default=1.0)
+    if least < LEAST:
+        yield (
+            f"regularisation: leaves {100 * least:.0f} % of the level of what is unfolded; take less of it, or "
+            "measure more lines"
+        )
