@@ -37,8 +37,8 @@ def lasts(clock, function):
     return min(times)
 
 
-def timed(plan, block, source):
-    return lasts(time.process_time, lambda: reconstruct.work(plan, block, source))
+def timed(plan, group, source):
+    return lasts(time.process_time, lambda: reconstruct.work(plan, group, source))
 
 
 def image_alone(plan, *_):
@@ -46,7 +46,7 @@ def image_alone(plan, *_):
 
 
 def tasks(plan, source):
-    return ((block, (plan, block, source)) for block in reconstruct.blocks(plan))
+    return ((None, (plan, group, source)) for group in reconstruct.groups(plan, 1))
 
 
 def simulated(work, hand, workers):

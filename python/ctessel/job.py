@@ -42,9 +42,8 @@ class Job:
         """The file itself where all who work see it, or its samples."""
         scheduler = self.arguments.scheduler
         if self.by_part() or (scheduler and _seen_by(client, self.found.path)):
-            volumes = self.plan.in_slabs and not scheduler
-            zeros = runtime.shared_zeros if volumes else runtime.zeros
-            return raw.Source(self.found, self.plan.options.threads, zeros)
+            shares = self.plan.in_slabs and not scheduler
+            return raw.Source(self.found, self.plan.options.threads, shares)
         with show("reading", "acquisitions") as progress:
             scan = raw.read(
                 self.found.path,

@@ -115,15 +115,15 @@ class Source:
     """Samples of a raw data file, read as they are asked for: what `ctessel.scan.Scan` holds at once.
 
     Another process that gets it opens the file by itself, and finds out anew what is in it: only names
-    and numbers are sent. `zeros` makes the arrays of samples: `ctessel.runtime.shared_zeros` lets
+    and numbers are sent. Where it `shares`, samples are in `ctessel.runtime.shared_zeros`, so that
     workers see a volume whose readout was transformed here.
     """
 
     shared = True
     disposable = True  # samples are read anew each time
 
-    def __init__(self, found, threads=None, zeros=runtime.zeros):
-        self._state, self._threads, self._zeros = _states(found), threads, zeros
+    def __init__(self, found, threads=None, shares=False):
+        self._state, self._threads, self._shares = _states(found), threads, shares
         self.layout, self._found = layout(found), found
         self._file = found.file
 
@@ -146,7 +146,8 @@ class Source:
         return self._read(places.part(at, np.array([0])), places.shape[0])[:, :, :, :, 0, 0, 0]
 
     def _read(self, places, width):
-        array = self._zeros((width, *places.shape[1:]))
+        shape = (width, *places.shape[1:])
+        array = runtime.shared_zeros(shape) if self._shares else _zeros(shape, None)
         _read_into([(places, array)], self._file, self._found, None, self._threads)
         return array
 
@@ -546,7 +547,9 @@ def _place_cut(block, places, array, numbers, whole, threads):
 
 
 def _zeros(shape, scratch):
-    return runtime.zeros(shape) if scratch is None else runtime.shared_zeros(shape, scratch)
+    if scratch is None:
+        return np.zeros(shape, np.complex64, order="F")
+    return runtime.shared_zeros(shape, scratch)
 
 
 def _divide(array, times):

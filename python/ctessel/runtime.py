@@ -52,18 +52,6 @@ def short_waits():
         del os.environ["GOMP_SPINCOUNT"]
 
 
-def zeros(shape):
-    """complex64 of zeros in Fortran order, on large pages that are there already.
-
-    NumPy asks for large pages where it makes an array (without them: 2.5 s), as the kernels' bindings
-    do, but `numpy.zeros` gets its memory from a call that leaves small ones, to be touched one by
-    one (2.4 to 2.9 s).
-    """
-    array = np.empty(shape, np.complex64, order="F")
-    array.fill(0)
-    return array
-
-
 class _Shared(mmap.mmap):
     """Memory that other processes of this machine can map as well, as long as it is used here."""
 

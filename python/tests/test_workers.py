@@ -12,7 +12,7 @@ import numpy as np
 import pytest
 from conftest import same_bits
 
-from ctessel import cli, phantom, pipeline, raw, reconstruct, runtime
+from ctessel import cli, phantom, pipeline, raw, reconstruct
 from ctessel.pipeline import Options
 from ctessel.workers import Workers
 
@@ -88,7 +88,7 @@ def test_workers_take_slabs_out_of_a_volume_that_they_share(tmp_path, workers, m
     monkeypatch.setattr(workers, "run_tasks", lambda function, tasks: run(function, noted(tasks)))
     source = raw.read(found.path, found=found, scratch=tmp_path)
     if disposable:
-        source = raw.Source(found, zeros=runtime.shared_zeros)
+        source = raw.Source(found, shares=True)
     same_bits(pipeline.reconstruct(source, client=workers).image, want)
     assert len(sizes) == 2 * 7 and max(sizes) < 8 * 8 * 32 * 24 * 5 / 2
 
