@@ -1,10 +1,10 @@
-"""Samples of a stream as a source of k-space, and what of a scan can be reconstructed before its end.
+"""Samples of a stream as a source of k-space, and what can be reconstructed before a scan's end.
 
-An image may go out early only where nothing that is measured later can change it. So the rest of the
-scan is forecast: from the counters that the header promises, and from the lines of the first image.
-The whole is planned as if it had been measured; a slice whose forecast lines are all there then has
-the plan, and the bits, of the finished scan. Where something else comes than was forecast, nothing
-more goes out before the end.
+An image may go out early only where nothing that is measured later can change it. So the rest of
+the scan is forecast: from the counters that the header promises, and from the lines of the first
+image. The whole is planned as if it had been measured; a slice whose forecast lines are all there
+then has the plan, and the bits, of the finished scan. Where something else comes than was forecast,
+nothing more goes out before the end.
 """
 
 from dataclasses import fields, is_dataclass, replace
@@ -53,16 +53,17 @@ UNCLEAR = 50_000
 MOST_LINES = 40_000_000
 #: Lines that are forecast.
 MOST_FORECAST = 200_000
-#: Counters whose number the header has to say; of phases and sets there is one where it says nothing.
+#: Counters whose number the header has to say; where it is silent there is one phase and one set.
 PROMISED = ("slice", "contrast", "repetition", "average")
 
 
 def contents(header, heads):
     """`raw.Contents` of a stream: of the text of its header and the headers of its acquisitions."""
     matrices = [one.encoded_matrix for one in parse(header)]
-    images = len(np.unique(np.stack([heads[name] for name in ("slice", "contrast", "repetition")]), axis=1)[0])
+    counters = np.stack([heads[name] for name in ("slice", "contrast", "repetition")])
+    images = np.unique(counters, axis=1).shape[1]
     if max(y * z for _, y, z in matrices) * images > MOST_LINES:
-        raise ValueError(f"its encoded lines are more than {MOST_LINES}; reconstruct it from a file")
+        raise ValueError(f"it has more than {MOST_LINES} encoded lines; reconstruct it from a file")
     return replace(survey(parse(header), heads), cut=True)
 
 
@@ -212,7 +213,8 @@ class Forecast(Arrived):
         return self._separate[rows]
 
     def image(self, index, repetition):
-        rows, numbers = self._images[index, self._like(repetition)], self._arrivals[index, repetition]
+        rows = self._images[index, self._like(repetition)]
+        numbers = self._arrivals[index, repetition]
         order = np.argsort(numbers)  # several measurements of a line are added as they came
         return rows[order], numbers[order]
 
@@ -264,7 +266,8 @@ class Forecast(Arrived):
         odd = np.flatnonzero((rows < 0) | ~_alike(self._expected[rows], new))
         if odd.size:
             raise ValueError(f"acquisition {numbers[odd[0]]} is none of those that were expected")
-        later = (heads["repetition"][numbers].astype(int) - new["repetition"]) * np.prod(self._turns)
+        later = heads["repetition"][numbers].astype(int) - new["repetition"]
+        later *= int(np.prod(self._turns))
         complete = [self._note(*each) for each in zip(rows, numbers, later)]
         return [image for image in complete if image]
 
@@ -349,7 +352,8 @@ class Forecast(Arrived):
 def _same(a, b):
     """Whether two values have the same content, arrays and records of them included."""
     if is_dataclass(a) and not isinstance(a, type):
-        return type(a) is type(b) and all(_same(getattr(a, f.name), getattr(b, f.name)) for f in fields(a))
+        values = ((getattr(a, f.name), getattr(b, f.name)) for f in fields(a))
+        return type(a) is type(b) and all(_same(*pair) for pair in values)
     if isinstance(a, (list, tuple)):
         return type(a) is type(b) and len(a) == len(b) and all(map(_same, a, b))
     if isinstance(a, np.ndarray) or isinstance(b, np.ndarray):
@@ -388,7 +392,8 @@ def _expected(header, heads, counts):
     lines = [first]
     if len(counts["repetition"]) > 1:
         lines.append(_second(header, heads, counts, first))
-    seen = {int(head["slice"]): head for head in heads[heads["flags"] & (NOISE | NOT_IMAGING) == 0][::-1]}
+    measured = heads[heads["flags"] & (NOISE | NOT_IMAGING) == 0]
+    seen = {int(head["slice"]): head for head in measured[::-1]}
     if set(seen) != set(counts["slice"]):
         raise ValueError("the places of some slices are not known yet")
     if len(seen) * sum(template.size for template in lines) > MOST_FORECAST:
@@ -408,7 +413,8 @@ def _expected(header, heads, counts):
 def _template(heads, counts, number):
     """The lines of one image that is complete, of the first repetition or the second."""
     repetition = counts["repetition"][number]
-    ours = heads[(heads["repetition"] == repetition) & (heads["flags"] & (NOISE | NOT_IMAGING) == 0)]
+    measured = heads["flags"] & (NOISE | NOT_IMAGING) == 0
+    ours = heads[measured & (heads["repetition"] == repetition)]
     for index in counts["slice"]:
         lines = ours[ours["slice"] == index]
         if _complete(lines[_imaging(lines)], heads, counts):
@@ -417,7 +423,7 @@ def _template(heads, counts, number):
 
 
 def _complete(lines, heads, counts):
-    """Whether these are all lines of a slice: the last one says so, or the next repetition began."""
+    """Whether these are all lines of a slice: the last says so, or the next repetition began."""
     if not lines.size:
         return False
     names = ("contrast", "phase", "set", "average")

@@ -50,7 +50,7 @@ class Shelf:
             old.unlink(missing_ok=True)
 
     def open(self, name, coils):
-        """The messages of a noise scan, a file. ValueError where there is none of at most these coils."""
+        """The messages of a noise scan of at most these coils, a file. ValueError where none is."""
         try:
             file = open(self._path(name), "rb", buffering=0)
         except OSError:

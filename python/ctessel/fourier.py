@@ -74,7 +74,7 @@ def _turned(transform, data, axes, threads):
 
 
 def unshifted_image(kspace, axes, threads=None):
-    """`to_image` where k = 0 and the centre of the image lie at the first samples; overwrites `kspace`."""
+    """`to_image` where k = 0 and the image's centre are the first samples; overwrites `kspace`."""
     return _turned(fft.ifftn, kspace, axes, threads)
 
 

@@ -55,7 +55,8 @@ def merge(results, gaps=False):
     results : sequence of Result
         Made with plans of `select`; in any order, without overlaps.
     gaps : bool, optional
-        Echoes or repetitions between the parts may be missing; "skipped" of the parameters lists them.
+        Echoes or repetitions between the parts may be missing; "skipped" of the parameters lists
+        them.
 
     Returns
     -------
@@ -67,7 +68,8 @@ def merge(results, gaps=False):
     for result in results:
         between = range(following, result.selection[1])
         allowed = gaps and axis != "slice" and result.selection[1] > following
-        if result.selection[:2] != (axis, following) and not (allowed and result.selection[0] == axis):
+        due = axis, result.selection[1] if allowed else following
+        if result.selection[:2] != due:
             raise ValueError(
                 f"parts: expected {axis} {following}, got {' '.join(map(str, result.selection))}; "
                 "each index must be there once"

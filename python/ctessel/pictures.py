@@ -1,7 +1,7 @@
-"""Images of a scan as messages of a stream: pixels, one scale for a series, where they lie, what they are.
+"""Images of a scan as messages of a stream: pixels, one scale for a series, where they lie.
 
-Series 1 holds the images, 2 their phase; maps are series of their own. Of a 2-D scan each slice is an
-image, of a 3-D scan each volume.
+Series 1 holds the images, 2 their phase; maps are series of their own. Of a 2-D scan each slice is
+an image, of a 3-D scan each volume.
 """
 
 from dataclasses import replace
@@ -52,7 +52,7 @@ class Pictures:
     plan : Plan
     header : Header
     kind : {"int16", "float", "complex"}
-        Pixels: magnitudes as int16, with one scale for a series; magnitudes as they are; or complex.
+        Pixels: magnitudes as int16 with one scale for a series, magnitudes as they are, or complex.
     bits : int
         Pixels of int16 are below ``2 ** bits``, those of the first volume below half of it.
     sent : callable
@@ -70,9 +70,10 @@ class Pictures:
         self.count = 0
 
     def add(self, index, repetition, made, head, ticket=None):
-        """Take what `reconstruct_block` made of one slice and repetition, and a header of its lines."""
+        """Take what was made of one slice and repetition, and the header of one of its lines."""
         self._waiting.append((index, repetition, made, head, ticket))
-        if self._kind == "int16" and self._scale is None and not self._volume(index, repetition, made):
+        waits = self._kind == "int16" and self._scale is None
+        if waits and not self._volume(index, repetition, made):
             return
         waiting, self._waiting = self._waiting, []
         for each in waiting:
@@ -108,7 +109,8 @@ class Pictures:
                 series, role = MAPS[name]
                 values = made[name]
                 values = values[:, :, :, echo, 0] if values.ndim == 5 else values
-                self._one(series, stream.MAGNITUDE, np.float32(values), {"DataRole": [role]}, at, head)
+                pixels, notes = np.float32(values), {"DataRole": [role]}
+                self._one(series, stream.MAGNITUDE, pixels, notes, at, head)
         self._sent(ticket)
 
     def _series(self, values):

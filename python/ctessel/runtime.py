@@ -16,8 +16,8 @@ from pathlib import Path
 
 import numpy as np
 
-#: For glibc's malloc: up to this much that was freed stays with the process, in parts up to this large.
-#: Blocks need the same memory again and again; given back after each, it is cleared for each anew.
+#: For glibc's malloc: up to this much that was freed stays with the process, in parts up to this
+#: large. Blocks need the same memory again and again; given back after each, it is cleared anew.
 KEPT = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
 _OPTIONS = {"MALLOC_TRIM_THRESHOLD_": -1, "MALLOC_MMAP_THRESHOLD_": -3}  # of mallopt
 
@@ -39,8 +39,8 @@ def keep_freed():
 def short_waits():
     """Threads of kernels that are loaded in here soon sleep while they wait for each other.
 
-    GNU's OpenMP runtime lets them spin for up to 14 milliseconds by default. It reads its environment
-    once, when it is loaded. With threads that never sleep: 6.8 s.
+    GNU's OpenMP runtime lets them spin for up to 14 milliseconds by default. It reads its
+    environment once, when it is loaded. With threads that never sleep: 6.8 s.
     """
     if {"OMP_WAIT_POLICY", "GOMP_SPINCOUNT"} & os.environ.keys():
         yield

@@ -1,4 +1,4 @@
-"""The command ``ctessel send``: a raw data file goes out as a scanner sends it, images come back."""
+"""The command ``ctessel send``: raw data go out as a scanner sends them, images come back."""
 
 import queue
 import socket
@@ -27,7 +27,11 @@ def send(arguments):
         raise ValueError(f"--parameters: expected options as JSON, got {arguments.parameters}")
     found = Sender(arguments.raw, arguments.group)
     images = found.exchange(
-        (host, int(port)), arguments.config, arguments.parameters, arguments.realtime, arguments.timeout
+        (host, int(port)),
+        arguments.config,
+        arguments.parameters,
+        arguments.realtime,
+        arguments.timeout,
     )
     print(f"{len(images)} images came back")
     if arguments.output:
@@ -67,7 +71,9 @@ class Sender:
             connection.acquisitions.allow(0, PIXELS, runtime.available() // 2)
             failed = queue.SimpleQueue()
             sender = threading.Thread(
-                target=self._send, args=(connection, config, parameters, realtime, failed), daemon=True
+                target=self._send,
+                args=(connection, config, parameters, realtime, failed),
+                daemon=True,
             )
             sender.start()
             images = list(_images(connection))
@@ -141,10 +147,10 @@ def write(path, images):
     volumes = assembled(series)
     with Staged() as staged:
         target = staged.path(path)
-        sidecar = {"Steps": series[0][1].get("ImageProcessingHistory", []), "ImageType": "magnitude"}
-        nifti.write(
-            target, volumes, affine(series), True, 0.0, sidecar, staged.path(nifti.sidecar_path(path))
-        )
+        steps = series[0][1].get("ImageProcessingHistory", [])
+        sidecar = {"Steps": steps, "ImageType": "magnitude"}
+        beside = staged.path(nifti.sidecar_path(path))
+        nifti.write(target, volumes, affine(series), True, 0.0, sidecar, beside)
         staged.commit()
 
 
@@ -171,7 +177,8 @@ def affine(series):
     ordered = {int(head["slice"]): head for head, _, _ in series}
     head, last = ordered[min(ordered)], ordered[max(ordered)]
     size = head["field_of_view"].astype(float) / head["matrix_size"]
-    columns = np.stack([head[name].astype(float) for name in ("read_dir", "phase_dir", "slice_dir")], 1)
+    names = ("read_dir", "phase_dir", "slice_dir")
+    columns = np.stack([head[name].astype(float) for name in names], 1)
     columns *= size
     position = head["position"].astype(float)
     if len(ordered) > 1:

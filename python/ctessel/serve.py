@@ -227,7 +227,7 @@ class Server:
         self._refused[peer] = time.monotonic() + GRACE
 
     def _let_go(self):
-        """Close refused connections once they have read why: unread data would take it from them."""
+        """Close refused connections once they have read why: unread data would take that away."""
         for peer, deadline in list(self._refused.items()):
             try:
                 left = peer.recv(1 << 16) and time.monotonic() < deadline
@@ -293,8 +293,8 @@ def serve(arguments):
     """``ctessel serve``"""
     runtime.keep_freed()
     settings = Settings(
-        _given(arguments), dict(read_config(text, log) for text in arguments.config), arguments.save,
-        arguments.threads, arguments.timeout,
+        _given(arguments), dict(read_config(text, log) for text in arguments.config),
+        arguments.save, arguments.threads, arguments.timeout,
     )  # fmt: skip
     settings.options(settings.words)  # refuses now what no scan can have
     if arguments.stdio:

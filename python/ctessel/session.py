@@ -1,8 +1,8 @@
 """One scan through a connection: raw data come in, images go out while it still runs.
 
 Messages are received by a thread of their own, so that the sender need not wait for a
-reconstruction. What of the scan is complete is reconstructed at once where nothing that follows can change it, the
-rest at the end; both with the bits that the same data have as a file.
+reconstruction. What of the scan is complete is reconstructed at once where nothing that follows can
+change it, the rest at the end; both with the bits that the same data have as a file.
 """
 
 import contextlib
@@ -228,7 +228,7 @@ class Session:
             events.put(("error", error, 0.0))
 
     def _fetch_noise(self, name, coils):
-        """Let the noise scan of an earlier connection come, too, if it has no more than some coils."""
+        """Let the noise scan of an earlier connection come, too, if it has at most these coils."""
         try:
             if not self._settings.shelf:
                 raise ValueError("noise scans of earlier connections are not kept here")
@@ -244,7 +244,7 @@ class Session:
         coils = noise["active_channels"][0], line["active_channels"]
         if coils[0] != coils[1]:
             self._warn(
-                f"the noise scan has {coils[0]} coils, the scan {coils[1]}; it is reconstructed without"
+                f"the noise scan has {coils[0]} coils, the scan {coils[1]}; it is left out"
             )
         return coils[0] == coils[1]
 
@@ -294,7 +294,7 @@ class Session:
     # ---- What the scan asks for ------------------------------------------------------------------
 
     def options(self):
-        """The options of the reconstruction, kind of the pixels and their bits; fixed from now on."""
+        """Options of the reconstruction, kind of the pixels and their bits; fixed from now on."""
         self._chosen = self._chosen or (*self._settings.options(self._words), self._settings.bits)
         return self._chosen
 
@@ -393,7 +393,7 @@ class Scan:
         self._forecast.prepare(self._shared)
 
     def _worth(self):
-        """Whether new headers may complete an image: some end a slice, or a forecast counts them."""
+        """Whether new headers may complete an image: they end a slice, or a forecast counts."""
         return self._forecast is not None or any(
             (part["flags"] & LAST).any() or part["repetition"].any() for part in self._parts
         )
@@ -504,7 +504,7 @@ class Scan:
             self._open(plan, found.header, kind, bits)
         elif not self._holds(plan, source):
             self._session.warn(
-                "images went out before something that changes them was measured; all are sent again"
+                "images went out before what changes them was measured; all are sent again"
             )
             self._sent, self._stacks = {}, {}
             self._open(plan, found.header, kind, bits)

@@ -158,7 +158,7 @@ def parse_attributes(xml):
 
 
 def parse_xml(xml):
-    """The root of an XML text. One with a document type is refused: its entities may grow forever."""
+    """The root of an XML text; with a document type it is refused: entities may grow forever."""
     try:
         words = xml.rstrip(b"\0").decode()
         if "<!DOCTYPE" in words or "<!ENTITY" in words:

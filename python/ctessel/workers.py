@@ -100,7 +100,7 @@ class Workers(contextlib.AbstractContextManager):
         self._kill()
         if deaths == PATIENCE:
             raise MemoryError(
-                "worker processes were ended again and again, for want of memory perhaps; start fewer"
+                "workers were ended again and again, perhaps for want of memory; start fewer"
             )
         self._start()
 
