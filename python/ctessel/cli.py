@@ -213,7 +213,7 @@ def _add_bids(command):
 
 def _add_input(command):
     group = command.add_argument_group("input", "what RAW does not say itself; see docs/formats.md")
-    # The names are those of ctessel.formats.NAMES, which is not loaded for the other commands.
+    # The names are those of ctessel.stored.NAMES, which is not loaded for the other commands.
     group.add_argument(
         "--format",
         type=_format,

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import numpy as np
 
-from . import _ismrmrd, files, formats, nifti, raw, runtime, send, stream
+from . import _ismrmrd, files, formats, nifti, raw, runtime, send, stored, stream
 from .acquisitions import CALIBRATION, HEAD, IGNORED, IMAGING, DefectError
 from .scan import Limit, Placement
 
@@ -95,7 +95,7 @@ def _write_calibration(staged, base, source):
     with _pair(staged, base, (*extents[:4], 1, 1, slices)) as samples:
         for index in range(slices):
             samples[..., 0, 0, index] = source.separate(index)
-    own = formats.plain_header(extents[:3], header.calibration_fov or header.encoded_fov)
+    own = stored.plain_header(extents[:3], header.calibration_fov or header.encoded_fov)
     text = _ismrmrd.header_text(own, coils=extents[3], counts={"slice": slices})
     staged.path(f"{base}.xml").write_text(text)
 
@@ -151,7 +151,7 @@ def _renumber(encoding, name, limit, extent):
 def _to_ismrmrd(found, target, group):
     source, layout = raw.Source(found), raw.layout(found)
     text = getattr(found.file, "header", None) or _pair_header(replace(found, header=_renumbered(found)))
-    apart = layout.calibration and formats.plain_header(
+    apart = layout.calibration and stored.plain_header(
         layout.calibration[:3], layout.header.calibration_fov or layout.header.encoded_fov
     )
     if apart:
@@ -225,7 +225,7 @@ def _images_to_nifti(source, target, group):
         series, name = _series(source, group)
     except DefectError as error:
         raise ValueError(f"{source}: {error}") from None
-    except (*formats.UNREADABLE, IndexError) as error:
+    except (*stored.UNREADABLE, IndexError) as error:
         text = " ".join(str(error).split())[:160]
         raise ValueError(f"{source}: its images cannot be read ({text}); write them again") from None
     told = [f"the images of the group {name}"]
@@ -266,7 +266,7 @@ def _series(path, group):
         if data.ndim != 5 or len(heads) != len(data) or not len(heads):
             raise DefectError("its images are no (image, channel, z, y, x) with a header each", "write them again")
         formats.check_stored(data)
-        pixels = [formats.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(heads))]
+        pixels = [stored.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(heads))]
         return [(head, _attributes(found, i), image) for i, (head, image) in enumerate(zip(heads, pixels))], chosen[0]
 
 
@@ -316,5 +316,5 @@ def _affine(series, shape):
     directions = ("read_dir", "phase_dir", "slice_dir")
     known = all(np.any(head[name]) for head in heads for name in directions)
     places = [Placement(*(head[name].astype(float) for name in ("position", *directions))) for head in heads]
-    header = formats.plain_header(shape[:3], field)
+    header = stored.plain_header(shape[:3], field)
     return nifti.affine(replace(header, placements=places if known else []), shape[:4], field)

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import numpy as np
 
-from . import formats, nifti
+from . import formats, nifti, stored
 from .acquisitions import DefectError
 from .scan import times_text
 
@@ -44,7 +44,7 @@ def read(path, shape):
             raise DefectError(
                 f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "give those of this scan"
             )
-        maps = formats.plain(maps).astype(np.complex64)
+        maps = stored.plain(maps).astype(np.complex64)
         if not np.isfinite(maps).all():
             raise DefectError("its maps are not finite", "make them again")
     except DefectError as error:

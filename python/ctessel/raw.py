@@ -16,7 +16,7 @@ from functools import lru_cache
 
 import numpy as np
 
-from . import centre, formats, runtime
+from . import centre, formats, runtime, stored
 from ._ismrmrd import parse
 from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
@@ -212,7 +212,7 @@ def _contents(path, group, range, skip, cut, given):
 
 
 def _opened(path, group, given, part, skip):
-    """The file, with its calibration scan where that is another one, as `formats.Opened`."""
+    """The file, with its calibration scan where that is another one, as `stored.Opened`."""
     scan = _open_any(path, group, given)
     if given.calibration is None:
         return replace(scan, found=(scan.found, None))
@@ -220,7 +220,7 @@ def _opened(path, group, given, part, skip):
         own = _open_any(given.calibration, group, formats.Given(found=(given.found[1], None)))
     except (DefectError, RuntimeError) as error:
         raise _named(given.calibration, error) from None
-    return replace(formats.joined(scan, own, part, skip), found=(scan.found, own.found))
+    return replace(stored.joined(scan, own, part, skip), found=(scan.found, own.found))
 
 
 def _open_any(path, group, given):
@@ -241,7 +241,7 @@ def _open_any(path, group, given):
         return other
     if given.fov or given.lines or given.centre:
         raise DefectError("says its field of view, lines and centre itself", "leave out --fov, --lines, --centre")
-    return formats.Opened(path, "ISMRMRD", reader, parse(reader.header), _heads(reader, path))
+    return stored.Opened(path, "ISMRMRD", reader, parse(reader.header), _heads(reader, path))
 
 
 def _recentred(reader, encodings, found):
@@ -327,7 +327,7 @@ def facts(found):
 
 def groups(found):
     """What is in a file of HDF5, group by group, for people; "" for others."""
-    with contextlib.suppress(ModuleNotFoundError, *formats.UNREADABLE):
+    with contextlib.suppress(ModuleNotFoundError, *stored.UNREADABLE):
         return ", ".join(formats.groups(found.path))
     return ""
 
