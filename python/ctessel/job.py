@@ -106,7 +106,14 @@ class Job:
         from . import summary
 
         run = summary.Run(
-            self.found, self.plan, result, self._seen, self.affine, self.arguments.command_line
+            self.found,
+            self.plan,
+            result,
+            self._seen,
+            {},
+            "",
+            self.affine,
+            self.arguments.command_line,
         )
         summary.write(path, run)
 

@@ -308,7 +308,7 @@ def plan(scan, options=None):
         (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings, *_unused(options, patterns)),
         layout.selection,
     )
-    made = replace(made, warnings=(*made.warnings, *_phase_warnings(made), *geometry_warnings(made)))
+    made = replace(made, warnings=(*made.warnings, *geometry_warnings(made)))
     return replace(made, steps=tuple(_words(layout, made)))
 
 
@@ -604,16 +604,6 @@ def geometry_warnings(made):
         yield (
             "geometry: the slices are corrected within their planes only, as parallel and evenly "
             "spaced ones of a whole scan are across as well"
-        )
-
-
-def _phase_warnings(made):
-    """Homodyne leaves a real image."""
-    removed = made.options.partial == "homodyne" and any(any(p.ranges) for p in made.patterns)
-    if removed and made.options.combine == "pcsos":
-        yield (
-            "phase: homodyne removes the phase, 0 and pi are left of it; take --partial auto, pocs or "
-            "zero for magnitude and phase"
         )
 
 

@@ -27,6 +27,8 @@ class Run:
     plan: object
     result: object
     seen: object  # ctessel.inspection.Seen
+    noise: dict  # maps of noise, of all slices or of the one that is shown
+    lacking: str  # why there are no others
     affine: np.ndarray
     command: str
 
@@ -41,10 +43,9 @@ def write(path, run):
     made.section("Images", page.figures(_images(made, run)))
     _volumes(made, run)
     made.section("k-space and coils", page.figures(_steps(made, run)))
-    shown = _noise(made, run)
-    if shown:
-        made.section("Noise", page.figures(shown))
-    _roughness(made, run.result.parameters.get("prediction"))
+    lacking = f"<p>Maps that are not here: {page.escaped(run.lacking)}.</p>" if run.lacking else ""
+    made.section("Noise", page.figures(_noise(made, run)), lacking)
+    _figures(made, run.result.parameters)
     _methods(made, run)
     _provenance(made, run, name)
     path.write_text(made.text(), encoding="utf-8")
@@ -72,7 +73,9 @@ def _picture(made, values, field, words, caption, pixels=png.grey, **limits):
 def _plane(run, volume):
     """The plane ``(x, y)`` of a volume ``(x, y, z, slice, ...)`` that the report shows."""
     first = volume.reshape((*volume.shape[:4], -1))[..., 0]
-    return first[:, :, run.seen.plane, 0] if run.plan.matrix[2] > 1 else first[:, :, 0, run.seen.plane - run.plan.kept[0].start]
+    if run.plan.matrix[2] > 1:
+        return first[:, :, run.seen.plane, 0]
+    return first[:, :, 0, run.seen.plane - run.plan.kept[0].start if first.shape[3] > 1 else 0]
 
 
 # ---- Pictures ------------------------------------------------------------------------------------
@@ -81,10 +84,12 @@ def _plane(run, volume):
 def _images(made, run):
     image, field, where = run.result.image, run.result.field, _where(run)
     all_planes = report.planes(image)
-    yield _picture(made, png.mosaic(all_planes), field, f"Images of {all_planes.shape[2]} planes, magnitude",
-                   f"All planes, at most 36 of {all_planes.shape[2]}, of the first echo and repetition. Look for "
-                   "ghosts, folded edges and planes of another brightness.")  # fmt: skip
-    yield _picture(made, np.abs(_plane(run, image)), field, f"Image of {where}, magnitude", f"Image, {where}.")
+    if all_planes.shape[2] > 1:
+        yield _picture(made, png.mosaic(all_planes), field, f"Images of {all_planes.shape[2]} planes, magnitude",
+                       f"Planes, at most 36 of {all_planes.shape[2]}, of the first echo and repetition. Look for planes "
+                       "of another brightness.")  # fmt: skip
+    yield _picture(made, np.abs(_plane(run, image)), field, f"Image of {where}, magnitude",
+                   f"Image, {where}, first echo and repetition. Look for ghosts and folded edges.")  # fmt: skip
     phase = _plane(run, image) if np.iscomplexobj(image) else run.seen.phase
     if phase is not None:
         weight = np.clip(np.abs(phase) / png.usual_top(np.abs(phase)), 0, 1) ** 0.5
@@ -125,7 +130,7 @@ def _steps(made, run):
     yield _sampling(made, run)
     coils = seen.coils.shape[2]
     yield _picture(made, png.mosaic(seen.coils), field, f"Images of {coils} coils, magnitude",
-                   f"What {coils} of {run.plan.shape[3]} coils measured, missing lines as zeros, {_where(run)}. A black "
+                   f"What {coils} of {run.plan.shape[3]} coil{'s' * (coils > 1)} measured, missing lines as zeros, {_where(run)}. A black "
                    "or noisy one is a defective coil.")  # fmt: skip
     if seen.maps is not None:
         yield _picture(made, png.mosaic(seen.maps), field, f"Sensitivity maps of {seen.maps.shape[2]} coils, magnitude",
@@ -171,24 +176,39 @@ def _noise(made, run):
         shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
                                  f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their levels differ by a factor "
                                  f"of {level.max() / level.min():.2g}; a coil far off is defective."))  # fmt: skip
-    for name, values in getattr(run.result, "noise", {}).items():
-        title, low, high, caption = _MAPS.get(name, (name, 0.0, None, ""))
+    for name, values in run.noise.items():
+        title, low, high, caption = _MAPS[name]
         plane = np.nan_to_num(_plane(run, values))
         shown.append(_picture(made, plane, run.result.field, f"{title} of {_where(run)}", f"{title}, {_where(run)}. {caption}",
                               png.colour, low=low, high=high))  # fmt: skip
         if name in ("g", "snr"):
-            shown.append(page.histogram(values[values > 0], f"Histogram of the {title}", f"{title} inside the object, all planes: "
-                                        f"median {np.median(values[values > 0]):.3g}." if (values > 0).any() else ""))  # fmt: skip
+            inside = values[values > 0]
+            middle = f"{np.median(inside):.3g}" if inside.size else "unknown"
+            shown.append(page.histogram(inside, f"Histogram of the {title}",
+                                        f"{title} inside the object, {_planes(values)}: median {middle}."))  # fmt: skip
     return shown
 
 
-def _roughness(made, figures):
-    if not figures:
-        return
-    words = "<p>The outermost quarter of the lines on the short side of k = 0 was hidden and predicted. Error of the " \
-            "prediction over the size of the lines: below 1 the missing lines are predicted, else they stay zero.</p>"  # fmt: skip
-    rows = {f"slice {i}": "-" if f is None else f"{f:.2f}, {'predicted' if f < 1 else 'zeros'}" for i, f in enumerate(figures)}
-    made.section("Roughness of the phase: partial Fourier", words, page.table(rows))
+def _planes(values):
+    return "all slices" if values.shape[3] > 1 else "one slice"
+
+
+#: Figures of a run, one for each slice and pattern of lines: their names, and what they mean.
+_FIGURES = {
+    "prediction": ("Roughness of the phase: partial Fourier", "The outermost quarter of the lines on the short side of "
+                   "k = 0 was hidden and predicted. Error of the prediction over the size of the lines: below 1 the "
+                   "missing lines are predicted (POCS), else they stay zero."),
+    "residual": ("Fit of the sensitivities", "Share of the energy of the calibration data that the sensitivities do not "
+                 "explain. It is about that of their noise; more tells of motion or of maps of another scan."),
+}  # fmt: skip
+
+
+def _figures(made, parameters):
+    for name, (title, words) in _FIGURES.items():
+        figures = parameters.get(name)
+        if figures:
+            rows = {str(i): "unknown" if f is None else f"{f:.3g}" for i, f in enumerate(figures)}
+            made.section(title, f"<p>{page.escaped(words)}</p>", page.table(rows))
 
 
 # ---- Texts ---------------------------------------------------------------------------------------
@@ -218,8 +238,9 @@ def _volumes(made, run):
     if np.iscomplexobj(run.result.image):
         angle = np.angle(run.result.image[..., 0, 0]).reshape(shape, order="F")
         made.volume("phase", angle, run.affine, -np.pi, np.pi)
-    for name, values in getattr(run.result, "noise", {}).items():
-        title, low, high, _ = _MAPS.get(name, (name, 0.0, None, ""))
-        first = values.reshape((*values.shape[:4], -1))[..., 0].reshape(shape, order="F")
-        made.volume(title, first, run.affine, low, high, role="map")
+    for name, values in run.noise.items():
+        title, low, high, _ = _MAPS[name]
+        if values.shape[3] == run.result.image.shape[3]:
+            first = values.reshape((*values.shape[:4], -1))[..., 0].reshape(shape, order="F")
+            made.volume(title, first, run.affine, low, high, role="map")
     made.viewer()

@@ -53,9 +53,6 @@ def test_the_choice_is_that_of_the_slice_for_every_part_and_stands_with_the_resu
         kept = slice(first, last + 1)
         same_bits(part.image, want.image[:, :, :, kept] if axis == "slice" else want.image[..., kept])
         assert part.parameters["prediction"] == (figures[kept] if axis == "slice" else figures)
-    (told,) = pipeline.plan(whole, Options(partial="homodyne")).warnings
-    assert told.startswith("phase: homodyne removes the phase")
-    assert not pipeline.plan(whole, Options(partial="homodyne", combine="sos")).warnings
     with pytest.raises(ValueError, match="partial: expected one of auto, zero, homodyne, pocs"):
         pipeline.plan(whole, Options(partial="half"))
 
