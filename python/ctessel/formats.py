@@ -319,6 +319,8 @@ def _fastmri(file, kspace, given):
         kind = "fastmri" if header or given.format else kind
     if header is None:
         header, told = _lenient_header(text, shape)
+        if told and given.fov:
+            header, told = None, []
     axes = ("slice", "coil", "x", "y") if kspace.ndim == 4 else ("slice", "x", "y")
     mask = _mask(file, kspace)
     stated = _attribute(kspace.parent, "acceleration")

@@ -94,6 +94,7 @@ class Found:
 
 
 def unreadable(error):
+    """What h5py raised, in a line; a `DefectError` as it is."""
     if isinstance(error, DefectError):
         return error
     return DefectError(f"its samples cannot be read ({' '.join(str(error).split())[:160]})", "copy it again")
@@ -308,7 +309,7 @@ class Lines:
             box = self.box(unit)
             inside = tuple(i[numbers[at]] - b.start for i, b in zip(self._at, box))
             block[:, :, at] = self.unit(unit)[(slice(None), slice(None), *inside)]
-        if self.stored.transformed:
+        if self.stored.transformed and block.size:
             block = to_kspace(block, (0,), overwrite=True)
         measured = block[self.found.first : self.found.last + 1]
         return Block(np.asarray(numbers), np.asfortranarray(measured))

@@ -33,7 +33,7 @@ def maps(shape, coils=4):
 
 def keep(samples, lines):
     """k-space with zeros where lines, ``(y,)`` or ``(y, z)``, were not measured."""
-    lines = np.asarray(lines, bool).reshape(len(lines), -1)
+    lines = np.broadcast_to(np.asarray(lines, bool).reshape(len(lines), -1), samples.shape[1:3])
     kept = samples.copy(order="F")
     kept[:, ~lines] = 0
     return kept

@@ -215,6 +215,8 @@ def test_headers_that_are_none_leave_the_matrix_to_the_data(tmp_path, text):
     if isinstance(text, bytes):
         assert scan.layout.header.encoded_fov == (240, 240, 5)
         assert "240 x 240 mm and slices of 5 mm" in scan.layout.warnings[0]
+        given = raw.contents(tmp_path / "m", fov=FOV)
+        assert given.header.encoded_fov == FOV and given.told == ()
     same_bits(scan.kspace, samples)
 
 
@@ -460,6 +462,18 @@ def test_calibration_of_another_file_is_that_of_the_same_file(tmp_path):
         same_bits(source.separate(1), np.asfortranarray(small[:, :, :, :, 1, 0, 0]))
     assert recon(scan, tmp_path / "i.nii", "--fov", *FOV, "--calibration", tmp_path / "small", "--workers", 2) == 0
     np.testing.assert_array_equal(nibabel.load(tmp_path / "i.nii").get_fdata(), want[:, :, 0, :, 0, 0])
+
+
+def test_volumes_calibrate_whether_their_readout_is_transformed_or_not(tmp_path):
+    transformed, samples = volume()
+    scan = cfl(tmp_path / "scan", lookalike.keep(samples, lines(24, 2)))[0]
+    whole = [cfl(tmp_path / "whole", samples)[0], lookalike.calgary(tmp_path / "c", transformed[..., 0, 0, 0])]
+    read = [raw.read(scan, fov=FOV, calibration=path) for path in whole]
+    same_bits(*[each.calibration for each in read])
+    same_bits(*[pipeline.reconstruct(each).image for each in read])
+    turned = lookalike.calgary(tmp_path / "t", lookalike.hybrid(lookalike.keep(samples, lines(24, 2)))[..., 0, 0, 0])
+    source = raw.Source(raw.contents(turned, fov=FOV, calibration=whole[1]))
+    same_bits(source.separate(0), read[1].calibration[:, :, :, :, 0, 0, 0])
 
 
 def test_calibration_files_that_do_not_fit(tmp_path, capfd):
