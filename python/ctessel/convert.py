@@ -188,7 +188,8 @@ def _acquisitions(source, readout):
         if layout.calibration:
             samples = source.separate(min(index, layout.calibration[4] - 1))
             for y, z in np.argwhere((samples != 0).any((0, 3))):
-                yield _head(y, z, len(samples) // 2, slice=index, flags=CALIBRATION, encoding_space_ref=1), samples[:, y, z]
+                at = {"slice": index, "flags": CALIBRATION, "encoding_space_ref": 1}
+                yield _head(y, z, len(samples) // 2, **at), samples[:, y, z]
         frames = source.frames(index, slice(0, layout.shape[6]))
         for repetition, echo, z, y in np.argwhere(layout.lines[:, :, index].transpose(3, 2, 1, 0)):
             centre = layout.shape[0] // 2 - readout.minimum

@@ -304,7 +304,8 @@ def _sound(kind):
         parts = range(kind.get_nmembers())
         names = sorted(kind.get_member_name(i) for i in parts)
         inside = all(kind.get_member_offset(i) + kind.get_member_type(i).get_size() <= kind.get_size() for i in parts)
-        return names in ([b"imag", b"real"], [b"i", b"r"]) and inside and all(_sound(kind.get_member_type(i)) for i in parts)
+        named = names in ([b"imag", b"real"], [b"i", b"r"])
+        return named and inside and all(_sound(kind.get_member_type(i)) for i in parts)
     if isinstance(kind, h5t.TypeIntegerID):
         return 0 <= kind.get_offset() and kind.get_offset() + kind.get_precision() <= 8 * kind.get_size() <= 64
     return any(kind == known for known in (h5t.IEEE_F32LE, h5t.IEEE_F32BE, h5t.IEEE_F64LE, h5t.IEEE_F64BE))
@@ -426,7 +427,9 @@ def _matlab_73(file, kspace, given):
     complex_parts = kspace.dtype.kind == "c" or bool(kspace.dtype.names)
     if name not in (None, b"single", b"double", "single", "double") or not complex_parts:
         kind = name.decode("ascii", "replace") if isinstance(name, bytes) else name or kspace.dtype
-        raise DefectError(f'its variable "kspace" is real or {kind}; expected complex single or double', "store k-space")
+        raise DefectError(
+            f'its variable "kspace" is real or {kind}; expected complex single or double', "store k-space"
+        )
     axes = _matlab_axes(given, kspace.ndim)
     return Stored("matlab", kspace, axes[::-1])
 

@@ -48,7 +48,8 @@ def profiles(found):
     energy = np.sum([p.sum(1) for _, p in readouts], 0)
     ends = max(1, n // 16)
     mean = np.mean([np.concatenate([p[:ends], p[-ends:]]).mean() for _, p in readouts])
-    return Profiles({"x": (np.arange(first, first + n) - found.scan.shape[0] // 2, energy), **along}, float(np.sqrt(mean / 2)))
+    along = {"x": (np.arange(first, first + n) - found.scan.shape[0] // 2, energy), **along}
+    return Profiles(along, float(np.sqrt(mean / 2)))
 
 
 # ---- Words ---------------------------------------------------------------------------------------
@@ -181,7 +182,8 @@ def save(path, layout, energy, title):
     figure = Figure(figsize=(9, 3.4 + 1.8 * len(names)), layout="constrained")
     FigureCanvasAgg(figure)
     figure.suptitle(title, parse_math=False)
-    axes = figure.subplots(1 + len(names), 1, gridspec_kw={"height_ratios": [2, *[1] * len(names)]}, squeeze=False)[:, 0]
+    heights = {"height_ratios": [2, *[1] * len(names)]}
+    axes = figure.subplots(1 + len(names), 1, gridspec_kw=heights, squeeze=False)[:, 0]
     _draw_lines(axes[0], layout)
     for axis, name in zip(axes[1:], names):
         _draw_energy(axis, energy, name)

@@ -365,8 +365,10 @@ def joined(scan, calibration, part=None, skip=()):
     flagged = first["flags"] & (CALIBRATION | CALIBRATION_AND_IMAGING) != 0
     first["flags"][flagged & (found.role == IMAGING)] &= ~CALIBRATION
     first["flags"][flagged & (found.role != IMAGING)] |= NOT_IMAGING
-    second = second[second["flags"] & (NOT_IMAGING | NOISE) == 0]
-    kept = np.flatnonzero(calibration.heads["flags"] & (NOT_IMAGING | NOISE) == 0)
+    kept = np.flatnonzero(second["flags"] & (NOT_IMAGING | NOISE) == 0)
+    if not kept.size:
+        raise DefectError("the file of its calibration scan holds no lines of k-space", "name another one")
+    second = second[kept]
     second["flags"] = CALIBRATION
     second["encoding_space_ref"] += len(scan.encodings)
     encodings, told = list(calibration.encodings), calibration.told

@@ -5,6 +5,7 @@ import os
 import pickle
 import sys
 
+import foreign
 import h5py
 import lookalike
 import nibabel
@@ -481,7 +482,10 @@ def test_calibration_files_that_do_not_fit(tmp_path, capfd):
     lookalike.ismrmrd(tmp_path / "r.h5", samples)
     cfl(tmp_path / "one", samples[:, :, :, :, :1])
     cfl(tmp_path / "coils", samples[:, :, :, :2])
-    for name, message in (("one", "lacks slice 1"), ("coils", "has 2 coils"), ("none", "No such file")):
+    noise = [foreign.record(samples[:, 0, 0, :, 0, 0, 0].T, 0, flags=1 << 18)]
+    foreign.write(tmp_path / "noise", noise, foreign.header(40, 48))
+    wrong = {"one": "lacks slice 1", "coils": "has 2 coils", "none": "No such file", "noise": "holds no lines"}
+    for name, message in wrong.items():
         assert recon(tmp_path / "r.h5", tmp_path / "i.nii", "--calibration", tmp_path / name) == 1
         error = capfd.readouterr().err
         assert message in error and error.count("\n") == 1
