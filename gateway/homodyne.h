@@ -28,8 +28,7 @@ extern "C" const char* mexVersion();
 /// Wrong arguments end the call with their own message before anything is allocated or changed.
 /// A range that calculate_filter rejects leaves its axis unweighted and keeps position 0 of it.
 /// Threads: weighting is split over the merged dimensions beyond the third.
-/// Memory: a float per line of ky, times the samples along kx and along kz where these are filtered;
-/// and one per sample of each axis.
+/// Memory: a float per line of each axis; 64 KiB or a row of weights on each thread.
 /// Source: Noll, Nishimura, Macovski, IEEE Trans. Med. Imaging 10:154 (1991).
 void ApplyHomodyneFilter(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs);
 
@@ -56,6 +55,6 @@ int calculate_filter(int N, double* range, float* weights, int* bounds);
 /// are. Wrong arguments end the call with their own message, the data unchanged. Assigns no output.
 /// Threads: split over the merged dimensions beyond the third.
 /// Memory: none for images of one size; with resampling 16 bytes per sample of each axis and, on each
-/// thread, 8 per sample of a row of either image. Where L overlaps the data otherwise than sample
+/// thread, 40 per sample of a row of the image. Where L overlaps the data otherwise than sample
 /// for sample, a copy of L.
 void AddLowResPhase(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs);

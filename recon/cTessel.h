@@ -78,7 +78,8 @@ void TS_zero_pad(float* re, float* im, int ndims, int* dims, double nx, double n
 ///                        width[2] must be at least 1; 0 clears everything
 ///
 /// A sample of exactly 0 keeps its value even where its weight is not a number.
-/// Errors: none reported. Threads: split over P. Memory: the three windows.
+/// Errors: none reported. Threads: split over P. Memory: the three windows; 64 KiB or a row of weights
+/// on each thread.
 /// Source: F. J. Harris, Proc. IEEE 66:51 (1978).
 void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* strength, int* width);
 

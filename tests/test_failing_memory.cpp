@@ -21,8 +21,10 @@ namespace {
 
 std::atomic<long> live{0}, until_failure{0};  // 0: none is to fail
 bool* failed_on_a_team = nullptr;             // shared with the parent process
+std::atomic<unsigned> asked{0};               // threads of a team that asked for memory, a bit each
 
 bool to_fail() {
+  if (omp_get_level() > 0) asked |= 1u << omp_get_thread_num();
   if (until_failure == 0 || --until_failure != 0) return false;
   *failed_on_a_team = omp_get_level() > 0;
   return true;
@@ -176,4 +178,22 @@ TEST_CASE("Every error text leaves by exception thousands of times and leaves no
       CHECK((live == before && host::state().created.empty()));
     }
   }
+}
+
+TEST_CASE("The combination with phase puts every thread to work, however few the images",
+          "[threads]") {
+  // Threads that have voxels, and no others, allocate their sums.
+  const int before = omp_get_max_threads();
+  for (const std::vector<int>& dims :
+       {std::vector{40, 30, 1, 3, 1, 1, 1, 1, 1, 5}, {7, 1, 1, 2, 1, 1, 1, 1, 1, 1}}) {
+    std::vector<int> out_dims = dims;
+    out_dims[3] = 1;
+    std::vector<float> re(18000, 1.0f), im(18000, 2.0f), out_re(6000), out_im(6000);
+    omp_set_num_threads(4);
+    asked = 0;
+    TS_perform_pcsos(re.data(), im.data(), 10, const_cast<int*>(dims.data()), 4, out_re.data(),
+                     out_im.data(), out_dims.data());
+    CHECK(asked == 0b1111);
+  }
+  omp_set_num_threads(before);
 }

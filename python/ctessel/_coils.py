@@ -30,7 +30,8 @@ def sos(
     -------
     ndarray of float32
         Magnitude, in the shape of `data` without the coils' axis. The sum runs over the coils in
-        order and is rounded to single precision at every step.
+        order and is rounded to single precision at every step: it leaves the range of float32, and
+        the magnitude is infinite, where it passes 3.4e38. Scale samples from 1e18 on down first.
 
     References
     ----------
@@ -66,5 +67,6 @@ def pcsos(
     -------
     ndarray of complex64
         Combined image, in the shape of `data` without the coils' axis; 0 where all coils are 0.
+        The range is that of `sos`.
     """
     return _core.pcsos(data, axis, out, threads)

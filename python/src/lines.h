@@ -34,13 +34,17 @@ struct Line {
   bool reversed;
 };
 
-inline bool finite(const Sample* samples, ptrdiff_t n) {
+/// Of a sample's parts. Squares of larger ones, summed over lines and coils, leave single precision, and
+/// where that happens inside of maps or weights the image need not show it.
+constexpr float kLargest = 1e15f;
+
+inline bool in_range(const Sample* samples, ptrdiff_t n) {
   const float* parts = reinterpret_cast<const float*>(samples);
-  constexpr std::uint32_t exponent = 0x7F800000;
-  std::uint32_t odd = 0;
+  constexpr std::uint32_t largest = std::bit_cast<std::uint32_t>(kLargest);
+  std::uint32_t beyond = 0;  // magnitudes have the order of their bits, NaN and infinity above all
   for (ptrdiff_t i = 0; i < 2 * n; ++i)
-    odd |= (std::bit_cast<std::uint32_t>(parts[i]) & exponent) == exponent;
-  return odd == 0;
+    beyond |= (std::bit_cast<std::uint32_t>(parts[i]) & 0x7FFFFFFF) > largest;
+  return beyond == 0;
 }
 
 /// An array whose first axis is that of the readout, as lines that start anywhere in it.
@@ -98,16 +102,16 @@ inline ISMRMRD::ISMRMRD_AcquisitionHeader head_of(const std::uint8_t* bytes) {
   return head;
 }
 
-/// What counts of acquisition `number`, whose samples are `all`; refused where it is not finite.
+/// What counts of acquisition `number`, whose samples are `all`; refused where a sample is out of range.
 inline Line line_of(const ISMRMRD::ISMRMRD_AcquisitionHeader& h, const Sample* all,
                     std::size_t number) {
   const ptrdiff_t coils = h.active_channels, samples = coils > 0 ? h.number_of_samples : 0;
   const ptrdiff_t before = std::min<ptrdiff_t>(h.discard_pre, samples);
   const ptrdiff_t kept = std::max<ptrdiff_t>(samples - before - h.discard_post, 0);
   for (ptrdiff_t c = 0; c < coils; ++c)
-    if (!finite(all + c * samples + before, kept))
+    if (!in_range(all + c * samples + before, kept))
       throw std::runtime_error("acquisition " + std::to_string(number) +
-                               " holds values that are not finite");
+                               " holds values that are not finite or above 1e15");
   return {all + before, kept, coils, samples,
           ISMRMRD::ismrmrd_is_flag_set(h.flags, ISMRMRD::ISMRMRD_ACQ_IS_REVERSE)};
 }

@@ -342,8 +342,8 @@ def cut(path):
     (change_head("read_dir", (0, 1, 0), [0]), "right angles"),
     (lambda path: write(path, [acquisition(12, kspace_encode_step_1=y, center_sample=4, contrast=e, flags=e * flag(22))
                                for e in (0, 1) for y in range(8)]), "--range echo 0 0"),
-    *((lambda path, flags=flags: write(path, [*lines(), *((h, s * np.float32(np.nan)) for h, s in lines(flags=flags))]),
-       "not finite") for flags in (0, flag(19))),
+    *((lambda path, flags=flags, by=by: write(path, [*lines(), *((h, s * np.float32(by)) for h, s in lines(flags=flags))]),
+       "not finite or above 1e15") for flags in (0, flag(19)) for by in (np.nan, 1e17)),
 ])  # fmt: skip
 def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, words):
     path = tmp_path / "raw.h5"
