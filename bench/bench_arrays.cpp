@@ -3,6 +3,8 @@
 
 #include <omp.h>
 
+#include <algorithm>
+
 #include "cTessel.h"
 #include "naive_arrays.h"
 #include "routine.h"
@@ -103,7 +105,7 @@ Case ringing_filter(const Setting& s) {
                           strength, dims);
   };
   c.limits = {{Kind::kUpdate, 8 * s.samples()}};
-  c.documented = 4.0 * (s.nx + s.ny + s.nz);
+  c.documented = 4.0 * (s.nx + s.ny + s.nz) + 4.0 * std::max(1 << 14, s.nx);
   c.difference = [=] { return d->difference(); };
   return c;
 }
