@@ -100,7 +100,7 @@ Case multiply(const Setting& s) {
   c.prepare = [=] { d->image.restore(); };
   // Both images are read and one is written: a pass moves twice its bytes.
   c.limits = {{Kind::kUpdate, 8 * s.samples() + 4 * samples}};
-  c.documented = s.option ? 16.0 * (s.nx + s.ny + s.nz) + 40.0 * s.nx : 0;
+  c.documented = s.option ? 16.0 * (s.nx + s.ny + s.nz) + 72.0 * s.nx : 0;
   c.difference = [=] { return d->image.difference(); };
   c.tolerance = 1e-6;
   return c;

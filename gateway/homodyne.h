@@ -55,6 +55,6 @@ int calculate_filter(int N, double* range, float* weights, int* bounds);
 /// are. Wrong arguments end the call with their own message, the data unchanged. Assigns no output.
 /// Threads: split over the merged dimensions beyond the third.
 /// Memory: none for images of one size; with resampling 16 bytes per sample of each axis and, on each
-/// thread, 40 per sample of a row of the image. Where L overlaps the data otherwise than sample
+/// thread, 72 per sample of a row of the image. Where L overlaps the data otherwise than sample
 /// for sample, a copy of L.
 void AddLowResPhase(int nlhs, mxArray** plhs, int nrhs, const mxArray** prhs);

@@ -308,7 +308,7 @@ void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, cons
 /// that L does not have stay as they are. L = 0 gives NaN. L may overlap the image: it counts as it
 /// was before. Threads: split over the merged axes from the fourth on. Memory: a copy of L where it
 /// overlaps the image otherwise than sample for sample, or has to be resampled and has gaps; then
-/// also 16 bytes per sample of each axis and, on each thread, 40 for each sample of a row.
+/// also 16 bytes per sample of each axis and, on each thread, 72 for each sample of a row.
 void remove_phase(const Samples& image, const ConstSamples& low);
 
 /// Samples whose real part is not a number.
