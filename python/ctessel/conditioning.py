@@ -69,31 +69,36 @@ def look(parts, lattices, covariance=None):
 def _planes(white, diagonal, lattices):
     """Condition and response of every voxel."""
     condition, response = np.zeros((2, *white.shape[:3]))
-    lines = [
-        [unfolded_positions(lattice.full, lattice.folded, at) for at in range(lattice.folded)]
-        for lattice in lattices
-    ]
-    for y, z in product(*lines):
-        at = (slice(None), *np.ix_(y, z))
-        made = _equations(white[at], diagonal[at])
-        condition[at], response[at] = (a.reshape(condition[at].shape) for a in made)
+    for y, z in product(*map(_groups, lattices)):
+        at = (slice(None), y[:, None, :, None], z[:, None, :])  # (x, group y, group z, y, z)
+        condition[at], response[at] = _equations(white[at], diagonal[at])
     return condition, response
+
+
+def _groups(lattice):
+    """Lines that alias together, ``(group, line)``, for each number of them."""
+    groups = {}
+    for at in range(lattice.folded):
+        together = unfolded_positions(lattice.full, lattice.folded, at)
+        groups.setdefault(len(together), []).append(together)
+    return map(np.array, groups.values())
 
 
 def _equations(white, diagonal):
     """Condition of the equations of each group of aliases, and every alias's own share in its value."""
-    white = white.reshape(len(white), -1, white.shape[-1])
-    there = (white != 0).any(2)
-    empty = np.where(there, 0, 1)[:, :, None] * np.eye(there.shape[1])
+    aliases = white.shape[3] * white.shape[4]
+    white = white.reshape(-1, aliases, white.shape[-1])
+    there, unit = (white != 0).any(2), np.eye(aliases)
     matrix = white.conj() @ white.transpose(0, 2, 1)
     scale = np.abs(matrix).max((1, 2), keepdims=True)
-    matrix = matrix / np.where(scale > 0, scale, 1) + empty  # voxels beside the object count for none
+    scale[scale == 0] = 1
+    matrix = matrix / scale + ~there[:, :, None] * unit  # voxels beside the object count for none
     values = np.linalg.eigvalsh(matrix)
-    added = diagonal.reshape(there.shape)[:, :, None] / np.where(scale > 0, scale, 1)
-    tiny = np.finfo(np.float64).eps * values[:, -1:, None]
-    unfolding = np.linalg.solve(matrix + (added + tiny) * np.eye(there.shape[1]), matrix)
-    condition = values[:, -1] / np.maximum(values[:, 0], 1e-12 * values[:, -1])
-    return np.broadcast_to(condition[:, None], there.shape), np.einsum("xaa->xa", unfolding).real
+    added = diagonal.reshape(-1, aliases, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
+    unfolding = np.linalg.solve(matrix + added * unit, matrix)
+    condition = values[:, -1:] / np.maximum(values[:, :1], 1e-12 * values[:, -1:])
+    own = np.einsum("gaa->ga", unfolding).real
+    return (a.reshape(diagonal.shape) for a in (np.broadcast_to(condition, there.shape), own))
 
 
 def warnings(figures, reduction):
