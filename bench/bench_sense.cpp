@@ -5,6 +5,7 @@
 #include <omp.h>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
 #include "naive_sense.h"
 #include "routine.h"
 
@@ -154,6 +155,73 @@ Case recon(const Setting& setting) {
   return c;
 }
 
+/// Factors, image, and images of noise. Naively a unit of noise of every coil is unfolded.
+struct NoiseScene : Series {
+  explicit NoiseScene(const Setting& s)
+      : Series(s), g(static_cast<std::size_t>(volume())), sd(g), condition(g), plain(g) {
+    if (s.option) {
+      for (const std::complex<double>& p : psi.reshaped()) {
+        psi_re.push_back(static_cast<float>(p.real()));
+        psi_im.push_back(static_cast<float>(p.imag()));
+      }
+    }
+    mask.assign(static_cast<std::size_t>(volume()), 1.0f);
+  }
+  void unfold(bool with_noise) {
+    const ctessel::Extents image = {full[0], full[1], full[2]};
+    ctessel::SenseOptions options;
+    options.mask = ctessel::Samples::parts(mask.data(), nullptr, image);
+    if (!psi_re.empty()) {
+      options.covariance =
+          ctessel::Samples::parts(psi_re.data(), psi_im.data(), {maps[3], maps[3]});
+    }
+    if (with_noise) {
+      options.g = ctessel::Samples::parts(g.data(), nullptr, image);
+      options.sd = ctessel::Samples::parts(sd.data(), nullptr, image);
+      options.condition = ctessel::Samples::parts(condition.data(), nullptr, image);
+    }
+    ctessel::sense(view(fold_re, fold_im, folded), view(re, im, maps), {full[0], full[1], full[2]},
+                   ctessel::Samples::parts(out_re.data(), out_im.data(), image), options);
+  }
+  void unfold_units() {
+    find_plain_factors();
+    std::ranges::fill(fold_im, 0.0f);
+    std::ranges::fill(plain, 0.0f);
+    const auto samples = static_cast<std::size_t>(folded.head(3).prod());
+    Eigen::MatrixXcd u(plain.size(), maps[3]);
+    for (int c = 0; c < maps[3]; ++c) {
+      std::ranges::fill(fold_re, 0.0f);
+      std::fill_n(fold_re.data() + samples * static_cast<std::size_t>(c), samples, 1.0f);
+      unfold_plainly(Scene::plain, 0);
+      for (std::size_t i = 0; i < plain.size(); ++i)
+        u(static_cast<Eigen::Index>(i), c) = {plain_re[i], plain_im[i]};
+    }
+    const Eigen::MatrixXcd weighted = u * psi;
+    for (Eigen::Index i = 0; i < u.rows(); ++i) {
+      plain[static_cast<std::size_t>(i)] =
+          static_cast<float>(std::sqrt(weighted.row(i).dot(u.row(i)).real()));
+    }
+  }
+  static ctessel::ConstSamples view(const Floats& a, const Floats& b, const Eigen::VectorXi& n) {
+    return ctessel::ConstSamples::parts(a.data(), b.data(), {n[0], n[1], n[2], n[3]});
+  }
+  Floats g, sd, condition, plain, mask, psi_re, psi_im;
+};
+
+Case noise(const Setting& setting) {
+  const auto s = std::make_shared<NoiseScene>(setting);
+  Case c;
+  c.kernel = [=] { s->unfold(true); };
+  c.without = [=] { s->unfold(false); };
+  c.part = [=] { s->find_factors(); };
+  c.naive = [=] { s->unfold_units(); };
+  c.limits = {{Kind::kDouble, factor_work(*s, setting.option) + unfold_work(*s)}};
+  c.documented = 1 << 20;
+  c.difference = [=] { return difference(s->sd, s->plain); };
+  c.tolerance = 1e-4;
+  return c;
+}
+
 /// Number of aliases, over two axes from four on.
 Sweep alias_sweep(const Setting& setting) {
   return sweep(
@@ -186,7 +254,8 @@ std::vector<Routine> sense_routines() {
   series_too.push_back({"dynamic, 8 coils, R = 2.5", with(series, 2.5, 1)});
   return {{"get_combination_factors", factors, noises, sweeps},
           {"unfold", unfolding, volumes, sweeps},
-          {"TS_sense_recon", recon, series_too, sweeps}};
+          {"TS_sense_recon", recon, series_too, sweeps},
+          {"ctessel::sense with noise", noise, noises, {}}};
 }
 
 }  // namespace bench

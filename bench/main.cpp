@@ -2,7 +2,8 @@
 //
 // Counters of a row: `limit` and `naive`, time of the yardstick over that of the routine;
 // `difference` of the routine's results from the naive version's; `scratch`, bytes at the highest
-// point beyond inputs and outputs, and `documented`, what the docstring says. Counters of a point:
+// point beyond inputs and outputs, and `documented`, what the docstring says; `added`, what an option
+// adds to the time, as a share of what the case compares it with. Counters of a point:
 // `cost` and `limit_cost`, times over that of a fixed stretch of arithmetic. All but the `threads`
 // sweeps run on one thread. CTESSEL_QUICK in the environment: smallest sizes, few turns.
 
@@ -85,6 +86,11 @@ void run_row(benchmark::State& state, const Routine& routine, const Row& row) {
     const std::vector<double> ratios =
         time_with_limits({{c.kernel, c.prepare}, {c.naive, c.prepare}}, c.limits, kRowTiming, kind);
     state.counters["naive"] = ratios[1];
+    if (c.part) {
+      const std::vector<double> times =
+          against_first({{c.part, {}}, {c.kernel, {}}, {c.without, {}}}, kRowTiming);
+      state.counters["added"] = times[1] - times[2];
+    }
     if (!c.limits.empty()) state.counters["limit"] = ratios[2];
     state.SetLabel(name(kind));
   }

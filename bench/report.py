@@ -36,6 +36,10 @@ nothing elsewhere.
 - **scratch**: most memory held beyond inputs and outputs on one thread, measured in the
   allocator, and what the docstring in `recon/cTessel.h` makes of the same extents.
 """
+NOISE = """\
+Time that g-factor, standard deviation and condition add to unfolding in `ctessel::sense`, maps and
+image on one grid, over that of the combination factors: at most a third.
+"""
 PEERS = """\
 Complex single precision, one thread, first axis fastest. Ours are the library's functions called
 from Python, or the Python package where it says so. NumPy (with SciPy) may have several
@@ -85,7 +89,7 @@ def read_kernels(path):
             if b.get("error_occurred"):
                 failures.append(f"{routine}, {data}: {b['error_message']}")
             elif axis == "row":
-                keys = ("limit", "naive", "scratch", "documented", "difference")
+                keys = ("limit", "naive", "scratch", "documented", "difference", "added")
                 rows.append({"routine": routine, "data": data, "limit_kind": b.get("label", "")}
                             | {k: b[k] for k in keys if k in b})
             else:
@@ -178,6 +182,8 @@ def findings(rows, peers, curves):
             yield f"{r['routine']}, {r['data']}: {r['naive']:.2f} of the naive version's speed"
         if r["scratch"] > 1.1 * r["documented"] + 4096:
             yield f"{r['routine']}, {r['data']}: {size(r['scratch'])}, more than documented"
+        if r.get("added", 0) > 1 / 3:
+            yield f"{r['routine']}, {r['data']}: noise adds {r['added']:.2f} to the factors"
         if r["documented"] > 2 * r["scratch"] + 4096:
             yield f"{r['routine']}, {r['data']}: {size(r['scratch'])}, far below what is documented"
     for p in peers:
@@ -201,6 +207,9 @@ def sections(report):
                 [[r["routine"], r["data"], f"{number(r.get('limit'))} {r['limit_kind']}",
                   number(r["naive"]), size(r["scratch"]), size(r["documented"])]
                  for r in report["rows"]])
+    yield from ("## Images of noise", NOISE)
+    yield table(["routine", "data", "added"], [[r["routine"], r["data"], number(r["added"])]
+                                               for r in report["rows"] if "added" in r])
     yield from ("## Peers", PEERS)
     yield pivot(report["peers"], ("routine", "data"), "peer", lambda p: number(p["ratio"]))
     yield from ("## Growth", GROWTH, pivot(report["growth"], ("routine",), "axis", growth_cell))

@@ -33,6 +33,8 @@ struct Case {
   double output = 0;                   // bytes that the call allocates for its caller
   std::function<double()> difference;  // of both results after one call each, relative
   double tolerance = 0;                // 0: the same bits
+  /// The call without what is optional in it, and the part of the work that this is compared with.
+  std::function<void()> without, part;
 };
 
 struct Row {

@@ -178,6 +178,18 @@ struct SenseOptions {
   /// nearest sample. None: coil 0's real parts decide, and an alias stays in for the rest of its
   /// column x, as in TS_sense_recon.
   ConstSamples mask;
+  /// What the unfolding makes of noise with this covariance: (full x, y, z, location), real parts are
+  /// written, 0 outside of the object and where no coil sees a voxel; empty: not wanted. With
+  /// A = S^H Psi^-1 S of the aliases S of a voxel and U its factors:
+  ///   g          (g-factor) sd_i sqrt(A_ii), without regularisation sqrt([A^-1]_ii A_ii) >= 1
+  ///   sd         standard deviation of the complex value, sqrt([U Psi U^H]_ii); that of the real and
+  ///              of the imaginary part is 1 / sqrt 2 of it. In the unit of the folded images if
+  ///              covariance(c, c) = mean |noise|^2.
+  ///   condition  of A, largest over smallest eigenvalue, at most 2^52
+  ///   response   Re [U S]_ii: the level that regularisation leaves of the voxel, else 1
+  /// Between the voxels of a coarser grid sd is that of the factors there, g and response follow from
+  /// those of the neighbours, and the condition is the nearest voxel's.
+  Samples g = {}, sd = {}, condition = {}, response = {};
 };
 
 /// How espirit() estimates sensitivities.
@@ -254,7 +266,8 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 ///                   grid; as many coils and locations as folded
 ///   full_size  in   x, y, z of the image; x as folded, y and z at least as folded, any quotient
 ///   out        out  (full x, y, z, 1, p, q, r, location, ...), complex or for real parts only; pixels
-///                   outside of the object stay as they are
+///                   outside of the object stay as they are. Empty: only images of noise are wanted,
+///                   and of folded only the extents count
 ///
 /// Errors: std::invalid_argument where extents do not fit. Threads: split over x. Memory: on each
 /// thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a

@@ -18,7 +18,7 @@ namespace {
 
 using std::int64_t;
 
-constexpr int kLanes = ctessel::VoxelBatch::kVoxels;
+constexpr int kLanes = ctessel::kVoxels;
 constexpr int kNever = INT_MAX;
 
 std::size_t size(int64_t n) { return static_cast<std::size_t>(n); }
@@ -132,7 +132,9 @@ ctessel::FactorLines::FactorLines(const FactorProblem& problem, Range columns)
       zeros_(size(pitch_)),
       samples_(size(2 * p_.slots() * pitch_)),
       scratch_(size(8 * pitch_)),
-      batch_(p_.nc, p_.aliases(), p_.psi_inverse.size() ? p_.psi_inverse.data() : nullptr) {
+      batch_(p_.nc, p_.aliases(), p_.psi_inverse.size() ? p_.psi_inverse.data() : nullptr,
+             p_.noise) {
+  batch_.plain = p_.lambda == 0;
   if (!p_.mask.re && p_.maps.im && !p_.nowhere) find_first();
 }
 
@@ -312,6 +314,21 @@ void ctessel::FactorLines::finish(int64_t i, int y, int z, std::complex<double>*
         std::copy_n(batch_.u(k, c), used, to);
       } else {
         std::fill_n(to, used, 0.0);
+      }
+    }
+  }
+  if (p_.noise) finish_noise(i, any, out + p_.slots() * pitch + i, pitch);
+}
+
+void ctessel::FactorLines::finish_noise(int64_t i, bool any, std::complex<double>* out,
+                                        int64_t pitch) const {
+  const int64_t used = std::min<int64_t>(kLanes, width_ - i);
+  for (int64_t k = 0; k < batch_.aliases; ++k) {
+    const VoxelBatch::Entry* of = &batch_.noise[size(4 * k)];
+    for (int64_t pair = 0; pair < 2; ++pair, of += 2) {
+      std::complex<double>* to = out + (pair * p_.aliases() + k) * pitch;
+      for (int64_t j = 0; j < used; ++j) {
+        to[j] = any ? std::complex<double>(of[0].voxel[j], of[1].voxel[j]) : 0.0;
       }
     }
   }

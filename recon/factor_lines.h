@@ -45,6 +45,8 @@ struct FactorProblem {
                 const Eigen::VectorXi& full);
   std::int64_t aliases() const { return std::int64_t{y.room} * z.room; }
   std::int64_t slots() const { return aliases() * nc; }
+  /// Slots of a line, with two for the noise of every alias behind those of the factors.
+  std::int64_t all_slots() const { return slots() + (noise ? 2 * aliases() : 0); }
   void record_edges(float* edges_y, float* edges_z) const;
 
   std::int64_t nx, ny, nz, nc;
@@ -56,6 +58,7 @@ struct FactorProblem {
   Volume expected;  // magnitude, of complex or real values
   std::int64_t expected_size = 0;
   double lambda = 0;
+  bool noise = false;  // whether lines also hold the noise of the aliases
 };
 
 /// Works through folded voxels of some columns x, which are all of one row.
@@ -64,7 +67,9 @@ class FactorLines {
   FactorLines(const FactorProblem& problem, Range columns);
 
   /// Factors of folded line (y, z): slot j of column i goes to out[j pitch + i]. Slots that the
-  /// line does not have stay as they are. With `direct`, maps and images must have one grid, and
+  /// line does not have stay as they are. With noise, slot slots() + k holds the standard deviation of
+  /// alias k and what it would be alone as the two parts of a number, slot slots() + aliases() + k
+  /// condition and response. With `direct`, maps and images must have one grid, and
   /// samples that interpolation takes with weight 0 are left out: the same if all are finite.
   void form(int y, int z, bool direct, std::complex<double>* out, std::int64_t pitch);
 
@@ -87,6 +92,7 @@ class FactorLines {
   double regularisation(int y, int z, std::int64_t k, std::int64_t i) const;
   bool prepare(std::int64_t i, int y, int z);
   void finish(std::int64_t i, int y, int z, std::complex<double>* out, std::int64_t pitch);
+  void finish_noise(std::int64_t i, bool any, std::complex<double>* out, std::int64_t pitch) const;
 
   const FactorProblem& p_;
   const std::int64_t x0_, width_, pitch_;

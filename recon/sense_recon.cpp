@@ -109,6 +109,7 @@ struct DataSet {
   Eigen::Vector3f reduction;
   Eigen::VectorXi full;
   double lambda;
+  Samples g, sd, condition, response;
 };
 
 /// A view of parts without gaps, of thirteen axes: a volume of nx rows and ny rows a plane, and the
@@ -191,7 +192,19 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
           [](const void* context, int64_t volume) {
             return static_cast<const Location*>(context)->place(volume);
           },
-          &location};
+          &location,
+          {}};
+}
+
+bool wants_noise(const DataSet& d) { return d.g || d.sd || d.condition || d.response; }
+
+ctessel::NoiseImages noise_of(const DataSet& d, const ctessel::FactorProblem& factors, int64_t l) {
+  const auto image = [l](const Samples& s) -> ctessel::NoiseImage {
+    if (!s) return {};
+    return {s.re + l * s.stride(Dim(3)), s.stride(Dim::x), s.stride(Dim::y), s.stride(Dim::z)};
+  };
+  return {image(d.g), image(d.sd), image(d.condition), image(d.response),
+          factors.psi_inverse.size() ? d.psi.data() : nullptr};
 }
 
 /// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
@@ -210,8 +223,11 @@ void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
     factors.expected = volume_of(d.expected, Dim(3), l);
     factors.expected_size = d.expected ? d.expected_size : 0;
     factors.lambda = d.lambda;
+    factors.noise = wants_noise(d);
     const Location location{d, l};
     ctessel::SenseProblem problem = problem_of(d, factors, location);
+    problem.noise = noise_of(d, factors, l);
+    if (!d.out) problem.volumes = 0;
     if (l + 1 == locations && last_count >= 0) problem.volumes = last_count;
     ctessel::unfold_volumes(problem);
   }
@@ -254,8 +270,23 @@ void require_fit(const ConstSamples& folded, const ConstSamples& maps,
   }
   for (int d = 0; d < 13; ++d) {
     const int64_t n = d < 3 ? full[static_cast<std::size_t>(d)] : folded.extent(Dim(d));
-    require_extent(out, d, d == 3 ? 1 : n, "out");
+    if (out) require_extent(out, d, d == 3 ? 1 : n, "out");
+    for (const Samples* noise : {&options.g, &options.sd, &options.condition, &options.response}) {
+      if (*noise && d < 4) {
+        require_extent(*noise, d, d == 3 ? folded.extent(Dim::location) : n, "an image of noise");
+      }
+    }
   }
+  if (!folded && (out || (options.expected && options.reference))) {
+    refuse("folded images must be given where they are unfolded or give the weight");
+  }
+}
+
+void clear(const Samples& s) {
+  static constexpr float kZero = 0;
+  if (!s) return;
+  const ConstSamples zeros(&kZero, nullptr, s.extents, ctessel::Extents(s.extents.size(), 0));
+  ctessel::copy(zeros, {s.re, nullptr, s.extents, s.strides});
 }
 
 Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
@@ -293,7 +324,12 @@ void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                      covariance_of(options.covariance, maps.extent(Dim::coil)),
                      reduction_factors(fold, 3, full_size.data()),
                      Eigen::Map<const Eigen::VectorXi>(full_size.data(), 3),
-                     options.expected ? weight : 0.0};
+                     options.expected ? weight : 0.0,
+                     options.g,
+                     options.sd,
+                     options.condition,
+                     options.response};
+  for (const Samples* noise : {&data.g, &data.sd, &data.condition, &data.response}) clear(*noise);
   unfold_locations(data, folded.extent(Dim::location), -1);
 }
 
@@ -332,7 +368,11 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
                noise_covariance(psi_re, psi_im, psi_dims[0], psi_dims[1]),
                R,
                Eigen::Map<const Eigen::VectorXi>(full_size, 3),
-               0};
+               0,
+               {},
+               {},
+               {},
+               {}};
   if (regularised) {
     data.lambda =
         regularisation_weight(TS_SA(fold_re, fold_im, static_cast<int>(F.total())), scale,

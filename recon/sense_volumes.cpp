@@ -89,6 +89,43 @@ void combine(const float* m, int64_t next, int64_t im, const float* const* v_re,
   if (at < n) add_coils<false>(m + at, next, im, v_re, v_im, nc, at, n - at, u_re, u_im);
 }
 
+/// Adds u Psi u^H of n columns, from rows of u as combine() has them. Without psi it is the identity.
+template <bool Whole>
+[[gnu::always_inline]] inline void add_variance(const float* m, int64_t next, int64_t im,
+                                                const double* psi, int64_t nc, int64_t n,
+                                                double* out) {
+  const int64_t count = Whole ? kChunk : n;
+  double sum[kChunk] = {};
+  for (int64_t c = 0; c < nc; ++c, psi += psi ? 2 * nc : 0) {
+    const float* row = m + c * next;
+    double re[kChunk] = {}, imaginary[kChunk] = {};
+    for (int64_t d = 0; d < c && psi; ++d) {
+      const float* other = m + d * next;
+      for (int64_t i = 0; i < count; ++i) {
+        re[i] += 2 * (psi[2 * d] * other[i] - psi[2 * d + 1] * other[im + i]);
+        imaginary[i] += 2 * (psi[2 * d] * other[im + i] + psi[2 * d + 1] * other[i]);
+      }
+    }
+    const double own = psi ? psi[2 * c] : 1;
+    for (int64_t i = 0; i < count; ++i) {
+      const double a = row[i], b = row[im + i];
+      sum[i] += a * (re[i] + own * a) + b * (imaginary[i] + own * b);
+    }
+  }
+  std::copy_n(sum, count, out);
+}
+
+/// Standard deviations of one alias of a line.
+CTESSEL_CLONES
+void deviations(const float* m, int64_t next, int64_t im, const double* psi, int64_t nc, int64_t n,
+                double* out) {
+  int64_t at = 0;
+  for (; at + kChunk <= n; at += kChunk)
+    add_variance<true>(m + at, next, im, psi, nc, kChunk, out + at);
+  if (at < n) add_variance<false>(m + at, next, im, psi, nc, n - at, out + at);
+  for (int64_t i = 0; i < n; ++i) out[i] = std::sqrt(out[i]);
+}
+
 /// 0, or not a number where a value is not finite.
 CTESSEL_CLONES
 double rest(const double* v, int64_t n) {
@@ -110,10 +147,12 @@ struct Line {
 /// Unfolds some columns x of all volumes.
 class Tile {
  public:
-  /// With neighbours, or directly where lines need none.
-  Tile(const SenseProblem& problem, Range columns, bool between)
+  /// With neighbours, or directly where lines need none. `own`: all pixels of the image are the
+  /// factors' own, so that their noise is known already.
+  Tile(const SenseProblem& problem, Range columns, bool between, bool own)
       : p_(problem),
         f_(problem.factors),
+        own_(own),
         x0_(columns.begin),
         width_(columns.end - columns.begin),
         coils_(std::min(f_.nc, p_.folded_coils)),
@@ -132,6 +171,8 @@ class Tile {
         v_im_(size(f_.nc)),
         mask_(size(f_.aliases() * width_)),
         present_(size(f_.aliases())),
+        noise_(size(f_.noise ? 4 * m_pitch_ : 0)),
+        sd_(size(f_.noise ? width_ : 0)),
         zeros_(size(width_)) {
     for (int64_t i = x0_; i < columns.end; ++i) {
       const double fraction = p_.x.fraction[size(i)];
@@ -159,7 +200,7 @@ class Tile {
   /// it need is kept.
   bool unfold_between() {
     if (reads_next_slot() && past_) {
-      first_samples_.resize(size(f_.slots() + 1));
+      first_samples_.resize(size(f_.all_slots() + 1));
       past_->form(0, 0, false, first_samples_.data(), 1);
     }
     for (auto* row : {&low_row_, &high_row_, &row_}) row->resize(size(2 * pitch_));
@@ -174,6 +215,9 @@ class Tile {
 
  private:
   static constexpr std::size_t kWindow = 4 * kBlock;
+  struct Target {
+    int64_t y, z;
+  };
 
   static bool is_aligned(const ctessel::RowGrid& x, Range columns) {
     bool aligned = x.regular;
@@ -192,7 +236,7 @@ class Tile {
   Line& new_line() {
     if (window_.size() < kWindow) {
       window_.emplace_back();
-      window_.back().slots.resize(size(f_.slots() * pitch_));
+      window_.back().slots.resize(size(f_.all_slots() * pitch_));
       return window_.back();
     }
     return *std::min_element(window_.begin(), window_.end(),
@@ -302,15 +346,55 @@ class Tile {
       for (int64_t k = 0; k < n_; ++k) {
         if (!present_[size(k)]) continue;
         const int64_t j = ctessel::factor_slot(c, n_, k);
-        float* m = m_.data() + 2 * j * m_pitch_;
-        if (aligned_ && finite) {
-          narrow(row(j), width_, m, m + m_pitch_);
-        } else {
-          narrow_between(row(j), index_.data(), low_.data(), high_.data(), width_, m, m + m_pitch_);
-        }
+        narrow_slot(row(j), finite, m_.data() + 2 * j * m_pitch_);
       }
     }
+    for (int64_t k = 0; k < n_ && f_.noise; ++k) {
+      if (!present_[size(k)]) continue;
+      float* m = noise_.data();
+      narrow_slot(row(f_.slots() + k), finite, m);
+      narrow_slot(row(f_.slots() + f_.aliases() + k), finite, m + 2 * m_pitch_);
+      write_noise(target(y, z, k), k, nearest);
+    }
     for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, p_.place(p_.context, v), v == 0);
+  }
+
+  void narrow_slot(const double* row, bool finite, float* out) const {
+    if (aligned_ && finite) {
+      narrow(row, width_, out, out + m_pitch_);
+    } else {
+      narrow_between(row, index_.data(), low_.data(), high_.data(), width_, out, out + m_pitch_);
+    }
+  }
+
+  /// Noise of alias k. Of factors between those of voxels it follows from the factors; g is then that
+  /// of the voxels, weighted with what the alias would have alone, and the condition the nearest one's.
+  void write_noise(const Target& to, int64_t k, const Line& nearest) {
+    const float *voxels = noise_.data(), *alone = voxels + m_pitch_,
+                *response = alone + 2 * m_pitch_;
+    const auto* psi = reinterpret_cast<const double*>(p_.noise.psi);
+    if (own_) {
+      std::copy_n(voxels, width_, sd_.data());
+    } else {
+      deviations(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, psi, f_.nc, width_,
+                 sd_.data());
+    }
+    const std::complex<double>* slots =
+        nearest.slots.data() + (f_.slots() + f_.aliases() + k) * pitch_;
+    for (int64_t i = 0; i < width_; ++i) {
+      if (!mask_[size(k * width_ + i)]) continue;
+      const auto put = [&](const ctessel::NoiseImage& image, double value) {
+        if (image.re) {
+          image.re[(x0_ + i) * image.x + to.y * image.y + to.z * image.z] =
+              static_cast<float>(value);
+        }
+      };
+      const int64_t column = p_.x.nearest[size(x0_ + i)] - first_;
+      put(p_.noise.g, alone[i] == 0 ? 0.0 : voxels[i] / alone[i]);
+      put(p_.noise.sd, sd_[size(i)]);
+      put(p_.noise.condition, slots[column].real());
+      put(p_.noise.response, response[i]);
+    }
   }
 
   void unfold_volume(int y, int z, const VolumePlace& place, bool look) {
@@ -341,9 +425,6 @@ class Tile {
   }
 
   /// Full line and slice of alias k.
-  struct Target {
-    int64_t y, z;
-  };
   Target target(int y, int z, int64_t k) const {
     const int nz = p_.z.count[size(z)];
     return {p_.y.full[size(y * p_.y.room + k / nz)], p_.z.full[size(z * p_.z.room + k % nz)]};
@@ -382,6 +463,7 @@ class Tile {
 
   const SenseProblem& p_;
   const ctessel::FactorProblem& f_;
+  const bool own_;
   const int64_t x0_, width_;
   const int64_t coils_;         // that have both maps and samples
   const int64_t first_, span_;  // factor columns that the tile's columns span
@@ -399,6 +481,8 @@ class Tile {
   ctessel::LineVector<float> m_, u_, v_;             // factors by slot and part
   std::vector<const float*> v_re_, v_im_;
   std::vector<unsigned char> mask_, present_;  // by alias and column; by alias
+  ctessel::LineVector<float> noise_;           // of an alias: both slots, narrowed
+  ctessel::LineVector<double> sd_;
   const std::vector<float> zeros_;
 };
 
@@ -408,9 +492,9 @@ struct Done {
   Kind kind = Kind::kDirect;
 };
 
-Done unfold_tile(const SenseProblem& p, Range columns, bool direct) {
-  if (direct && Tile(p, columns, false).unfold_directly()) return {columns.end, Kind::kDirect};
-  const bool finite = Tile(p, columns, true).unfold_between();
+Done unfold_tile(const SenseProblem& p, Range columns, bool direct, bool own) {
+  if (direct && Tile(p, columns, false, own).unfold_directly()) return {columns.end, Kind::kDirect};
+  const bool finite = Tile(p, columns, true, own).unfold_between();
   return {columns.end, finite ? Kind::kBetween : Kind::kNotFinite};
 }
 
@@ -437,10 +521,12 @@ bool needs_no_neighbours(const SenseProblem& p) {
 void ctessel::unfold_volumes(const SenseProblem& p) {
   const int64_t width = tile_width(p);
   const bool direct = needs_no_neighbours(p);
+  const bool own =
+      direct && p.x.regular && std::ranges::all_of(p.x.fraction, [](double f) { return f == 0; });
   std::vector<Done> tiles(size(p.nx));
   for_each_chunk(p.nx, [&](int64_t begin, int64_t end) {
     for (int64_t x = begin; x < end; x += width) {
-      tiles[size(x)] = unfold_tile(p, {x, std::min(x + width, end)}, direct);
+      tiles[size(x)] = unfold_tile(p, {x, std::min(x + width, end)}, direct, own);
     }
   });
   // The right neighbour of the last column is the first one.
@@ -451,6 +537,6 @@ void ctessel::unfold_volumes(const SenseProblem& p) {
     if (here.kind == Kind::kDirect && next.kind == Kind::kNotFinite) again.push_back({x, here.end});
   }
   for_each_chunk(static_cast<int64_t>(again.size()), [&](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) unfold_tile(p, again[size(i)], false);
+    for (int64_t i = begin; i < end; ++i) unfold_tile(p, again[size(i)], false, own);
   });
 }

@@ -2,6 +2,7 @@
 // cache.
 #pragma once
 
+#include <complex>
 #include <cstdint>
 
 #include "factor_lines.h"
@@ -11,6 +12,18 @@ namespace ctessel {
 /// Places of one folded volume and of its image, in floats, and samples of the output from there on.
 struct VolumePlace {
   std::int64_t in, out, room;
+};
+
+/// An image of noise and its steps; null where it is not wanted.
+struct NoiseImage {
+  float* re = nullptr;
+  std::int64_t x = 0, y = 0, z = 0;
+};
+
+/// What noise becomes in the image of one location.
+struct NoiseImages {
+  NoiseImage g, sd, condition, response;
+  const std::complex<double>* psi = nullptr;  // null for the identity
 };
 
 /// Folded volumes of one location and what becomes of them.
@@ -26,6 +39,7 @@ struct SenseProblem {
   std::int64_t volumes;
   VolumePlace (*place)(const void* context, std::int64_t volume);
   const void* context;
+  NoiseImages noise;
 };
 
 /// Unfolds all volumes: the bits of get_combination_factors and unfold.

@@ -8,31 +8,17 @@
 #include <utility>
 
 #include "dispatch.h"
+#include "hermitian_condition.h"
+#include "lanes.h"
 #include "sense_steps.h"
-
-#define CTESSEL_INLINE __attribute__((always_inline)) inline
 
 namespace {
 
+using ctessel::lane;
+using ctessel::Lanes;
+using ctessel::Mask;
 using ctessel::VoxelBatch;
 using std::int64_t;
-
-template <int W>
-struct Vectors;
-#define CTESSEL_VECTORS(W)                                                            \
-  template <>                                                                         \
-  struct Vectors<W> {                                                                 \
-    typedef double Lanes __attribute__((vector_size(8 * W), may_alias));              \
-    typedef int64_t Mask __attribute__((vector_size(8 * W), may_alias));              \
-    typedef float Singles __attribute__((vector_size(4 * W), aligned(4), may_alias)); \
-  };
-CTESSEL_VECTORS(2)
-CTESSEL_VECTORS(4)
-CTESSEL_VECTORS(8)
-#undef CTESSEL_VECTORS
-
-template <int W>
-using Lanes = typename Vectors<W>::Lanes;
 
 /// W voxels of a batch: every array from the first of them on.
 struct Slice {
@@ -40,17 +26,14 @@ struct Slice {
   double *s, *w, *b, *u;  // S, W = S^H Psi^-1 and U: entry (k, c) at k nc + c
   const double* regularised;
   const int64_t* present;
-  const double* psi_inverse;  // null for the identity
+  const double* psi_inverse;       // null for the identity
+  double *noise, *gram, *scratch;  // null where not wanted
+  bool plain;                      // without regularisation
 };
 
 template <int W>
-CTESSEL_INLINE Lanes<W>& lane(double* p, int64_t i) {
-  return *reinterpret_cast<Lanes<W>*>(p + VoxelBatch::kVoxels * i);
-}
-
-template <int W>
-CTESSEL_INLINE const typename Vectors<W>::Mask& there(const Slice& t, int64_t k) {
-  return *reinterpret_cast<const typename Vectors<W>::Mask*>(t.present + VoxelBatch::kVoxels * k);
+CTESSEL_INLINE const Mask<W>& there(const Slice& t, int64_t k) {
+  return *reinterpret_cast<const Mask<W>*>(t.present + ctessel::kVoxels * k);
 }
 
 /// S from samples of one row of x, 0 where the alias is absent.
@@ -60,7 +43,7 @@ CTESSEL_INLINE void load(const Slice& t, int64_t n, const float* samples, int64_
     for (int64_t k = 0; k < n; ++k) {
       const float* from = samples + 2 * ctessel::factor_slot(c, n, k) * pitch;
       for (int part = 0; part < 2; ++part) {
-        using Singles = typename Vectors<W>::Singles;
+        using Singles = typename ctessel::Vectors<W>::Singles;
         const Singles v = *reinterpret_cast<const Singles*>(from + part * pitch);
         const Lanes<W> wide = __builtin_convertvector(v, Lanes<W>);
         lane<W>(t.s, 2 * (k * t.nc + c) + part) = there<W>(t, k) ? wide : Lanes<W>{};
@@ -154,7 +137,7 @@ CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
   square<W>(b, p * 2 * n + p, best);
   for (int64_t i = p + 1; i < n; ++i) {
     square<W>(b, i * 2 * n + p, candidate);
-    const typename Vectors<W>::Mask swap = candidate > best;
+    const Mask<W> swap = candidate > best;
     best = swap ? candidate : best;
     for (int64_t j = 2 * p; j < 4 * n; ++j) {
       Lanes<W>&upper = lane<W>(b, p * 4 * n + j), &lower = lane<W>(b, i * 4 * n + j);
@@ -173,7 +156,7 @@ CTESSEL_INLINE void make_exact(const Lanes<W>& x_re, const Lanes<W>& x_im, const
                                const Lanes<W>& pivot_im, Lanes<W>& re, Lanes<W>& im) {
   constexpr double kToGrid = 0x1.8p32;  // 52 bits above 2^-20
   const Lanes<W> t_re = re + kToGrid - kToGrid, t_im = im + kToGrid - kToGrid;
-  const typename Vectors<W>::Mask exact =
+  const Mask<W> exact =
       (t_re * pivot_re - t_im * pivot_im == x_re) & (t_re * pivot_im + t_im * pivot_re == x_im);
   re = exact ? t_re : re;
   im = exact ? t_im : im;
@@ -200,11 +183,11 @@ template <int W>
 CTESSEL_INLINE void invert(double* b, int64_t n) {
   for (int64_t p = 0; p < n; ++p) {
     choose_pivot<W>(b, n, p);
-    double* pivot_row = b + p * 4 * n * VoxelBatch::kVoxels;
+    double* pivot_row = b + p * 4 * n * ctessel::kVoxels;
     divide_row<W>(pivot_row, n, p);
     for (int64_t i = 0; i < n; ++i) {
       if (i == p) continue;
-      double* row = b + i * 4 * n * VoxelBatch::kVoxels;
+      double* row = b + i * 4 * n * ctessel::kVoxels;
       const Lanes<W> fr = lane<W>(row, 2 * p), fi = lane<W>(row, 2 * p + 1);
       for (int64_t j = p + 1; j < 2 * n; ++j) {
         const Lanes<W> xr = lane<W>(pivot_row, 2 * j), xi = lane<W>(pivot_row, 2 * j + 1);
@@ -241,7 +224,7 @@ CTESSEL_INLINE void apply_to_coils(const Slice& t, int64_t n, int64_t k, int64_t
   for (int i = 0; i < C; ++i) {
     re[i] = there<W>(t, k) ? re[i] : Lanes<W>{};
     im[i] = there<W>(t, k) ? im[i] : Lanes<W>{};
-    store_pairs<W>(re[i], im[i], t.u + 2 * VoxelBatch::kVoxels * (k * t.nc + c + i),
+    store_pairs<W>(re[i], im[i], t.u + 2 * ctessel::kVoxels * (k * t.nc + c + i),
                    std::make_index_sequence<W>());
   }
 }
@@ -255,6 +238,88 @@ CTESSEL_INLINE void apply_inverse(const Slice& t, int64_t n) {
   }
 }
 
+/// A = S^H Psi^-1 S, which the inversion uses up.
+template <int W>
+CTESSEL_INLINE void keep_gram(const Slice& t, int64_t n) {
+  for (int64_t k = 0; k < n; ++k) {
+    for (int64_t j = 0; j < 2 * n; ++j)
+      lane<W>(t.gram, 2 * k * n + j) = lane<W>(t.b, 4 * k * n + j);
+    Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    if (!t.plain) {  // afresh: what regularisation adds may be far larger
+      own = Lanes<W>{};
+      for (int64_t c = k * t.nc; c < (k + 1) * t.nc; ++c) {
+        own += lane<W>(t.w, 2 * c) * lane<W>(t.s, 2 * c) -
+               lane<W>(t.w, 2 * c + 1) * lane<W>(t.s, 2 * c + 1);
+      }
+    }
+    own = there<W>(t, k) ? own : Lanes<W>{};
+  }
+}
+
+/// Alias k of U Psi U^H = B^-1 A B^-1 and of U S = B^-1 A, on the diagonals.
+template <int W>
+CTESSEL_INLINE void propagate(const Slice& t, int64_t n, int64_t k, Lanes<W>& variance,
+                              Lanes<W>& response) {
+  double* inverse = t.b + 2 * (k * 2 * n + n) * ctessel::kVoxels;
+  variance = lane<W>(inverse, 2 * k);
+  response = Lanes<W>{} + 1.0;
+  if (t.plain) return;
+  variance = Lanes<W>{};
+  for (int64_t j = 0; j < n; ++j) {
+    Lanes<W> re{}, im{};
+    for (int64_t l = 0; l < n; ++l) {
+      const Lanes<W> br = lane<W>(inverse, 2 * l), bi = lane<W>(inverse, 2 * l + 1),
+                     ar = lane<W>(t.gram, 2 * (l * n + j)),
+                     ai = lane<W>(t.gram, 2 * (l * n + j) + 1);
+      re += br * ar - bi * ai;
+      im += br * ai + bi * ar;
+    }
+    if (j == k) response = re;
+    variance += re * lane<W>(inverse, 2 * j) + im * lane<W>(inverse, 2 * j + 1);
+  }
+}
+
+/// Condition of A without the aliases that have no signal, each of which gets the largest entry of the
+/// diagonal there: that lies between the other eigenvalues.
+template <int W>
+CTESSEL_INLINE void find_condition_of_gram(const Slice& t, int64_t n, Lanes<W>& condition) {
+  Lanes<W> largest{}, trace{};
+  for (int64_t k = 0; k < n; ++k) {
+    const Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    largest = own > largest ? own : largest;
+  }
+  for (int64_t k = 0; k < n; ++k) {
+    Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    own = own == 0.0 ? largest : own;
+    trace += own;
+  }
+  const Lanes<W> scale = 1.0 / trace;
+  for (int64_t j = 0; j < 2 * n * n; ++j) lane<W>(t.gram, j) *= scale;
+  ctessel::find_condition<W>(t.gram, n, t.scratch, condition);
+}
+
+/// Standard deviation, that of the alias alone, condition and response: 0 without signal.
+template <int W>
+CTESSEL_INLINE void describe_noise(const Slice& t, int64_t n) {
+  for (int64_t k = 0; k < n; ++k) {
+    Lanes<W>&sd = lane<W>(t.noise, 4 * k), &alone = lane<W>(t.noise, 4 * k + 1);
+    alone = lane<W>(t.gram, 2 * (k * n + k));
+    propagate<W>(t, n, k, sd, lane<W>(t.noise, 4 * k + 3));
+    ctessel::take_root<W>(sd);
+  }
+  Lanes<W> condition = Lanes<W>{} + 1.0;
+  if (n > 1) find_condition_of_gram<W>(t, n, condition);
+  for (int64_t k = 0; k < n; ++k) {
+    const Mask<W> empty = lane<W>(t.noise, 4 * k + 1) == 0.0;
+    Lanes<W>& alone = lane<W>(t.noise, 4 * k + 1);
+    ctessel::take_root<W>(alone);
+    alone = 1.0 / alone;
+    lane<W>(t.noise, 4 * k + 2) = condition;
+    for (int64_t j = 4 * k; j < 4 * k + 4; ++j)
+      lane<W>(t.noise, j) = empty ? Lanes<W>{} : lane<W>(t.noise, j);
+  }
+}
+
 /// All steps, with loops of fixed length where N is not 0.
 template <int W, int N>
 CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* samples,
@@ -263,6 +328,7 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
   load<W>(t, n, samples, pitch);
   weigh<W>(t, n);
   form<W, N>(t, n);
+  if (t.noise) keep_gram<W>(t, n);
   invert<W>(t.b, n);
   apply_inverse<W>(t, n);
 }
@@ -270,7 +336,7 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
 template <int W>
 CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t pitch) {
   const auto* psi_inverse = reinterpret_cast<const double*>(batch.psi_inverse);
-  for (int first = 0; first < VoxelBatch::kVoxels; first += W) {
+  for (int first = 0; first < ctessel::kVoxels; first += W) {
     const Slice t{batch.coils,
                   batch.sensitivity[0].voxel + first,
                   batch.weighted[0].voxel + first,
@@ -278,7 +344,11 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
                   reinterpret_cast<double*>(batch.result.data()) + 2 * first,  // pairs
                   batch.regularised[0].voxel + first,
                   batch.present[0].voxel + first,
-                  psi_inverse};
+                  psi_inverse,
+                  batch.noise.empty() ? nullptr : batch.noise[0].voxel + first,
+                  batch.noise.empty() ? nullptr : batch.gram[0].voxel + first,
+                  batch.noise.empty() ? nullptr : batch.scratch[0].voxel + first,
+                  batch.plain};
     switch (batch.aliases) {
       case 1:
         solve_slice<W, 1>(t, 1, samples + first, pitch);
@@ -295,6 +365,7 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
       default:
         solve_slice<W, 0>(t, batch.aliases, samples + first, pitch);
     }
+    if (t.noise) describe_noise<W>(t, batch.aliases);
   }
 }
 
@@ -303,7 +374,8 @@ CTESSEL_BY_WIDTH(void solve_here(VoxelBatch& batch, const float* samples, int64_
 
 }  // namespace
 
-ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<double>* inverse)
+ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<double>* inverse,
+                                bool with_noise)
     : coils(nc), psi_inverse(inverse) {
   const auto n = static_cast<std::size_t>(most), entries = entry(most, 0);
   present.resize(n);
@@ -312,6 +384,10 @@ ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<dou
   weighted.resize(entries);
   matrix.resize(4 * n * n);
   result.resize(entries);
+  if (!with_noise) return;
+  noise.resize(4 * n);
+  gram.resize(2 * n * n);
+  scratch.resize(6 * n);
 }
 
 void ctessel::solve(VoxelBatch& batch, const float* samples, int64_t pitch) {

@@ -8,12 +8,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "lanes.h"
+
 namespace ctessel {
 
 /// Eight voxels with the same number of aliases. Arrays hold all voxels' values of one entry side
 /// by side.
 struct VoxelBatch {
-  static constexpr int kVoxels = 8;
   struct alignas(64) Entry {
     double voxel[kVoxels];
   };
@@ -22,7 +23,8 @@ struct VoxelBatch {
   };
 
   /// Room for `most` aliases and for `coils` coils; without a noise covariance it is the identity.
-  VoxelBatch(std::int64_t coils, std::int64_t most, const std::complex<double>* psi_inverse);
+  VoxelBatch(std::int64_t coils, std::int64_t most, const std::complex<double>* psi_inverse,
+             bool with_noise = false);
 
   /// U of an alias and a coil, one value per voxel.
   const std::complex<double>* u(std::int64_t alias, std::int64_t coil) const {
@@ -37,7 +39,13 @@ struct VoxelBatch {
   const std::complex<double>* psi_inverse;
   std::vector<Flags> present;      // in: all bits set where an alias takes part
   std::vector<Entry> regularised;  // in: what the diagonal gains
+  bool plain = false;              // in: nothing is regularised
   std::vector<Entry> sensitivity, weighted, matrix, result;
+  /// Of every alias, if wanted: the standard deviation sqrt([U Psi U^H]_ii); 1 / sqrt(A_ii), which it
+  /// would be without the other aliases, A = S^H Psi^-1 S; the condition of A; the response
+  /// Re [U S]_ii. 0 where no coil sees the alias.
+  std::vector<Entry> noise;
+  std::vector<Entry> gram, scratch;
 };
 
 /// U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every voxel, exactly 0 for absent aliases. The samples

@@ -128,6 +128,9 @@ Values combine(const Values& args) {
 
 // ---- SENSE --------------------------------------------------------------------------------------
 
+/// A view of values that may have been left out ([]).
+ConstSamples given(const Single& s) { return s.dims().any_zero() ? ConstSamples() : s.view(); }
+
 /// folded, sensitivities, [X Y Z], covariance or [], regularisation image or [], reference or [],
 /// scale
 Values sense(const Values& args) {
@@ -138,9 +141,6 @@ Values sense(const Values& args) {
   std::copy_n(full.data(), 3, unfolded.begin());
   unfolded[3] = 1;
   Single out(shape(unfolded), true);
-  const auto given = [](const Single& s) {
-    return s.dims().any_zero() ? ConstSamples() : s.view();
-  };
   ctessel::SenseOptions options;
   options.covariance = given(covariance);
   options.expected = given(expected);
@@ -148,6 +148,29 @@ Values sense(const Values& args) {
   options.scale = args(7).double_value();
   ctessel::sense(folded.view(), maps.view(), {full(0), full(1), full(2)}, out.target(), options);
   return ovl(out.value());
+}
+
+/// sensitivities, [X Y Z], [x y z] of the folded images, covariance or [], expected magnitude or [],
+/// weight, mask
+Values noise(const Values& args) {
+  const Single maps(args(1), true), covariance(args(4)), expected(args(5)), mask(args(7));
+  const Array<int> full = args(2).int_vector_value(), fold = args(3).int_vector_value();
+  const std::vector<int> grid = extents(maps.dims(), 5);
+  const std::vector<int> image = {full(0), full(1), full(2), grid[4]};
+  Single g(shape(image), false), sd(shape(image), false), condition(shape(image), false);
+  ctessel::SenseOptions options;
+  options.covariance = given(covariance);
+  options.expected = given(expected);
+  options.weight = args(6).double_value();
+  options.mask = mask.view();
+  options.g = g.target();
+  options.sd = sd.target();
+  options.condition = condition.target();
+  const ConstSamples folded(nullptr, nullptr,
+                            {fold(0), fold(1), fold(2), grid[3], 1, 1, 1, grid[4]},
+                            ctessel::Extents(8, 0));
+  ctessel::sense(folded, maps.view(), {full(0), full(1), full(2)}, {}, options);
+  return ovl(g.value(), sd.value(), condition.value());
 }
 
 /// calibration, [X Y Z], kernel, threshold, crop
@@ -243,6 +266,7 @@ constexpr Kernel kKernels[] = {
     {"sos", 2, combine<ctessel::sos, false>},
     {"pcsos", 2, combine<ctessel::pcsos, true>},
     {"sense", 7, sense},
+    {"noise", 7, noise},
     {"espirit", 5, espirit},
     {"geometry", 7, geometry},
     {"gradient_field", 4, gradient_field},

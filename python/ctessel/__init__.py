@@ -55,7 +55,7 @@ from ._geometry import (
     realign_corr_coeffs,
 )
 from ._helpers import find, linear_interpolation, linspace, pos2interpolate, round, sa, sub2ind
-from ._sense import compartments, folded_pos, sense_recon, unfolded_positions
+from ._sense import compartments, folded_pos, sense_noise, sense_recon, unfolded_positions
 from .gradients import GradientField
 from .homodyne import HomodyneWarning
 
@@ -98,6 +98,7 @@ __all__ = [
     "realign_corr_coeffs",
     "ringing_filter",
     "sa",
+    "sense_noise",
     "sense_recon",
     "sos",
     "sub2ind",

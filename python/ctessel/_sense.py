@@ -1,7 +1,7 @@
 """SENSE reconstruction and the geometry of folding."""
 
 from collections.abc import Sequence
-from typing import Any
+from typing import Any, Literal, overload
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
@@ -18,6 +18,8 @@ def sense_recon(
     ref: ArrayLike | None = None,
     reg: ArrayLike | None = None,
     scale: float = 1.0,
+    weight: float | None = None,
+    mask: ArrayLike | None = None,
     out: NDArray[np.complex64] | None = None,
     threads: int | None = None,
 ) -> NDArray[np.complex64]:
@@ -47,6 +49,13 @@ def sense_recon(
         follows from the level of `folded` against that of the reference image `ref`.
     scale : float, optional
         Divisor of the folded level in that weight.
+    weight : float, optional
+        The weight itself, instead of `ref` and `scale`: ``R`` has ``1 / (|reg|^2 weight)`` on its
+        diagonal, 0 where `reg` is 0.
+    mask : array_like, real or bool, optional
+        ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object, each
+        for itself. By default coil 0 says so, and from the first voxel of a column along y on all
+        others count as well.
     out : ndarray of complex64, optional
         Array of the result's shape, overwritten. It must not overlap the other arrays.
     threads : int, optional
@@ -73,7 +82,127 @@ def sense_recon(
     K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
     (1999).
     """
-    return _core.sense_recon(folded, sens, psi, full_size, ref, reg, scale, out, threads)
+    return _core.sense_recon(
+        folded, sens, psi, full_size, ref, reg, scale, weight, mask, out, threads
+    )
+
+
+_Image = NDArray[np.float32]
+
+
+@overload
+def sense_noise(
+    sensitivities: ArrayLike,
+    *,
+    psi: ArrayLike | None = None,
+    full_size: Sequence[int],
+    fold_size: Sequence[int],
+    reg: ArrayLike | None = None,
+    weight: float = 1.0,
+    mask: ArrayLike | None = None,
+    response: Literal[False] = False,
+    threads: int | None = None,
+) -> tuple[_Image, _Image, _Image]: ...
+
+
+@overload
+def sense_noise(
+    sensitivities: ArrayLike,
+    *,
+    psi: ArrayLike | None = None,
+    full_size: Sequence[int],
+    fold_size: Sequence[int],
+    reg: ArrayLike | None = None,
+    weight: float = 1.0,
+    mask: ArrayLike | None = None,
+    response: Literal[True],
+    threads: int | None = None,
+) -> tuple[_Image, _Image, _Image, _Image]: ...
+
+
+def sense_noise(
+    sensitivities: ArrayLike,
+    *,
+    psi: ArrayLike | None = None,
+    full_size: Sequence[int],
+    fold_size: Sequence[int],
+    reg: ArrayLike | None = None,
+    weight: float = 1.0,
+    mask: ArrayLike | None = None,
+    response: bool = False,
+    threads: int | None = None,
+) -> tuple[_Image, ...]:
+    """What unfolding makes of noise: g-factor, standard deviation and condition of each voxel.
+
+    With the sensitivities S of the voxels that alias, ``A = S^H Psi^-1 S`` and the factors
+    ``U = (A + R)^-1 S^H Psi^-1`` that `sense_recon` applies, ``sd = sqrt([U Psi U^H]_ii)`` and
+    ``g = sd sqrt(A_ii)``. Nothing is drawn at random.
+
+    Parameters
+    ----------
+    sensitivities : array_like, complex
+        ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, image domain, on any grid over the
+        unfolded field of view.
+    psi : array_like, optional
+        Noise covariance of the folded images, ``(coil, coil)``, ``psi[c, c]`` the mean squared
+        magnitude. By default the identity.
+    full_size, fold_size : sequence of 3 int
+        Extents x, y, z of the unfolded and of the folded image; the same along x.
+    reg, weight : array_like and float, optional
+        Regularisation ``R = 1 / (|reg|^2 weight)``, as for `sense_recon`.
+    mask : array_like, real or bool, optional
+        Voxels in the object, as for `sense_recon`, which should be given the same. By default
+        those that any coil sees.
+    response : bool, optional
+        Also return the response.
+    threads : int, optional
+        Threads of this call; they share the columns along x.
+
+    Returns
+    -------
+    g : ndarray of float32, ``(X, Y, Z[, location])``
+        Noise of the voxel over that without its aliases; at least 1 without regularisation.
+    sd : ndarray of float32
+        Standard deviation of the complex value, in the unit of the folded images if `psi` has it;
+        that of the real and of the imaginary part is ``1 / sqrt(2)`` of it.
+    condition : ndarray of float32
+        Largest over smallest eigenvalue of A, at most ``2**52``.
+    response : ndarray of float32
+        If asked for: ``Re [U S]_ii``, the level that regularisation leaves of the voxel, else 1.
+
+    All are 0 outside of the object and where no coil sees a voxel, and not a number where the
+    aliases cannot be told apart.
+
+    Raises
+    ------
+    ValueError, TypeError
+        An argument does not fit; the message names it.
+
+    References
+    ----------
+    K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
+    (1999).
+
+    Examples
+    --------
+    Two coils that see both halves alike but for the sign of one:
+
+    >>> import numpy as np, ctessel
+    >>> maps = np.ones((1, 2, 1, 2), complex)
+    >>> maps[0, 1, 0, 1] = -1
+    >>> g, sd, condition = ctessel.sense_noise(maps, full_size=(1, 2, 1), fold_size=(1, 1, 1))
+    >>> g.ravel(), sd.ravel().round(4)
+    (array([1., 1.], dtype=float32), array([0.7071, 0.7071], dtype=float32))
+    """
+    if mask is None:
+        given = np.asarray(sensitivities)
+        numbers = given.dtype.kind in "cfiub" and given.size > 0
+        if numbers and given.ndim > 3 and max(given.shape) < 2**31:
+            mask = given.any(axis=3)
+    images: tuple[_Image, ...] = _core.sense_noise(
+        sensitivities, psi, full_size, fold_size, reg, weight, mask, threads
+    )
+    return images if response else images[:3]
 
 
 def folded_pos(pos: int, full_len: int, fold_len: int) -> int:

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "arguments.h"
@@ -14,23 +15,27 @@ namespace {
 
 using std::ptrdiff_t;
 
-constexpr int kReg = 3, kCoil = 3, kLocation = 7, kMostAxes = 13;
+constexpr int kCoil = 3, kLocation = 7, kMostAxes = 13;
 
 struct FullSize {
   std::array<int, 3> n;
 };
 
+FullSize three_extents(py::handle object, const std::string& name) {
+  FullSize size;
+  numbers(object, name.c_str(), 3, 3);
+  const auto entries = py::reinterpret_borrow<py::sequence>(object);
+  for (std::size_t d = 0; d < 3; ++d) {
+    const py::object entry = entries[d];
+    size.n[d] = whole_number(entry, name + "[" + std::to_string(d) + "]", 1, INT_MAX);
+  }
+  return size;
+}
+
 FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::handle object) {
   FullSize full{{static_cast<int>(folded.extent(Dim(0))), static_cast<int>(sens.extent(Dim(1))),
                  static_cast<int>(sens.extent(Dim(2)))}};
-  if (!object.is_none()) {
-    numbers(object, "full_size", 3, 3);
-    const auto entries = py::reinterpret_borrow<py::sequence>(object);
-    for (std::size_t d = 0; d < 3; ++d) {
-      const py::object entry = entries[d];
-      full.n[d] = whole_number(entry, "full_size[" + std::to_string(d) + "]", 1, INT_MAX);
-    }
-  }
+  if (!object.is_none()) full = three_extents(object, "full_size");
   for (int d = 0; d < 3; ++d) {
     if (d == 0 ? full.n[0] != folded.extent(Dim(0)) : full.n[d] < folded.extent(Dim(d))) {
       fail_value("full_size[" + std::to_string(d) + "]",
@@ -51,19 +56,40 @@ Extents unfolded_shape(const ConstSamples& folded, const FullSize& full) {
 }
 
 struct Arguments {
-  Input folded, sens, psi, ref, reg;
+  Input folded, sens, psi, ref, reg, mask;
   FullSize full;
   double scale;
+  std::optional<double> weight;
 };
 
+std::optional<double> weight_of(py::handle object) {
+  if (object.is_none()) return {};
+  const double weight = number(object, "weight");
+  if (!(weight > 0)) fail_value("weight", "a number above 0", py::repr(object).cast<std::string>());
+  return weight;
+}
+
+void check_on_grid(const Input& image, const char* name, const ConstSamples& sens,
+                   ptrdiff_t locations) {
+  if (!image.view) return;
+  for (int d = 0; d < 3; ++d) check_extent(image.view, name, d, sens.extent(Dim(d)));
+  check_extent(image.view, name, 3, locations);
+}
+
+void check_covariance(const Input& psi, ptrdiff_t coils) {
+  if (!psi.view) return;
+  check_extent(psi.view, "psi", 0, coils);
+  check_extent(psi.view, "psi", 1, coils);
+}
+
 void check_regularisation(const Arguments& a) {
-  if (!a.ref.view != !a.reg.view) {
+  if (a.weight && a.ref.view) fail_value("weight", "None beside ref", std::to_string(*a.weight));
+  if (a.weight && !a.reg.view) fail_value("reg", "an array beside weight", "None");
+  if (!a.weight && !a.ref.view != !a.reg.view) {
     fail_value(a.ref.view ? "reg" : "ref",
                std::string("an array beside ") + (a.ref.view ? "ref" : "reg"), "None");
   }
-  if (!a.reg.view) return;
-  for (int d = 0; d < 3; ++d) check_extent(a.reg.view, "reg", d, a.sens.view.extent(Dim(d)));
-  check_extent(a.reg.view, "reg", 3, a.folded.view.extent(Dim(kLocation)));
+  if (!a.ref.view) return;
   for (const auto& [v, name] : {std::pair(&a.folded.view, "folded"), {&a.ref.view, "ref"}}) {
     if (v->size() > INT_MAX) {
       fail_value(name, "at most 2147483647 samples beside regularisation",
@@ -73,50 +99,92 @@ void check_regularisation(const Arguments& a) {
   if (a.scale == 0) fail_value("scale", "a number other than 0", "0");
 }
 
-Arguments arguments(py::handle folded, py::handle sens, py::handle psi, py::handle full_size,
-                    py::handle ref, py::handle reg, py::handle scale) {
+void check(Arguments& a, py::handle full_size) {
+  check_not_empty(a.folded.view, "folded");
+  check_not_empty(a.sens.view, "sens");
+  const ptrdiff_t coils = a.folded.view.extent(Dim(kCoil)),
+                  locations = a.folded.view.extent(Dim(kLocation));
+  check_extent(a.sens.view, "sens", kCoil, coils);
+  check_extent(a.sens.view, "sens", kCoil + 1, locations);
+  check_covariance(a.psi, coils);
+  a.full = full_size_of(a.folded.view, a.sens.view, full_size);
+  check_on_grid(a.reg, "reg", a.sens.view, locations);
+  check_on_grid(a.mask, "mask", a.sens.view, locations);
+  check_regularisation(a);
+}
+
+ctessel::SenseOptions options_of(const Arguments& a) {
+  ctessel::SenseOptions options;
+  options.covariance = a.psi.view;
+  options.expected = a.reg.view;
+  options.weight = a.weight.value_or(1);
+  options.reference = a.ref.view;
+  options.scale = a.scale;
+  options.mask = a.mask.view;
+  return options;
+}
+
+py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::handle full_size,
+                       py::handle ref, py::handle reg, py::handle scale, py::handle weight,
+                       py::handle mask, py::handle out, py::handle threads) {
   Arguments a{input(folded, "folded", Kind::kEither, 4, kMostAxes),
               input(sens, "sens", Kind::kComplex, 4, 5),
               optional(psi, "psi", Kind::kEither, 2),
               optional(ref, "ref", Kind::kEither, kMostAxes),
               optional(reg, "reg", Kind::kEither, 4),
+              optional(mask, "mask", Kind::kReal, 4),
               {},
-              number(scale, "scale")};
-  check_not_empty(a.folded.view, "folded");
-  check_not_empty(a.sens.view, "sens");
-  const ptrdiff_t coils = a.folded.view.extent(Dim(kCoil));
-  check_extent(a.sens.view, "sens", kCoil, coils);
-  check_extent(a.sens.view, "sens", kCoil + 1, a.folded.view.extent(Dim(kLocation)));
-  if (a.psi.view) {
-    check_extent(a.psi.view, "psi", 0, coils);
-    check_extent(a.psi.view, "psi", 1, coils);
-  }
-  a.full = full_size_of(a.folded.view, a.sens.view, full_size);
-  check_regularisation(a);
-  return a;
-}
-
-py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::handle full_size,
-                       py::handle ref, py::handle reg, py::handle scale, py::handle out,
-                       py::handle threads) {
-  const Arguments a = arguments(folded, sens, psi, full_size, ref, reg, scale);
+              number(scale, "scale"),
+              weight_of(weight)};
+  check(a, full_size);
   std::vector<ConstSamples> read;
-  for (const Input* in : {&a.folded, &a.sens, &a.psi, &a.ref, &a.reg}) {
+  for (const Input* in : {&a.folded, &a.sens, &a.psi, &a.ref, &a.reg, &a.mask}) {
     if (in->view) read.push_back(in->view);
   }
   const Result to = result(read, out, {unfolded_shape(a.folded.view, a.full), true, {}}, true);
-  ctessel::SenseOptions options;
-  options.covariance = a.psi.view;
-  options.expected = a.reg.view;
-  options.reference = a.ref.view;
-  options.scale = a.scale;
   Samples unfolded = to.view;  // the kernel wants the coils' axis to stay, with extent 1
   unfolded.extents.insert(unfolded.extents.begin() + kCoil, 1);
   unfolded.strides.insert(unfolded.strides.begin() + kCoil, 0);
   const Threads team(threads);
   const py::gil_scoped_release unlocked;
-  ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options);
+  ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options_of(a));
   return to.array;
+}
+
+py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py::handle fold_size,
+                      py::handle reg, py::handle weight, py::handle mask, py::handle threads) {
+  Arguments a{{},
+              input(sens, "sensitivities", Kind::kComplex, 4, 5),
+              optional(psi, "psi", Kind::kEither, 2),
+              {},
+              optional(reg, "reg", Kind::kEither, 4),
+              optional(mask, "mask", Kind::kReal, 4),
+              {},
+              1,
+              weight_of(weight)};
+  check_not_empty(a.sens.view, "sensitivities");
+  Extents fold(8, 1);  // of images that need not exist
+  std::ranges::copy(three_extents(fold_size, "fold_size").n, fold.begin());
+  fold[kCoil] = a.sens.view.extent(Dim(kCoil));
+  fold[kLocation] = a.sens.view.extent(Dim(kCoil + 1));
+  a.folded.view = Samples(nullptr, nullptr, fold, Extents(8, 0));
+  if (!a.reg.view) a.weight.reset();
+  check(a, full_size);
+  Extents shape(a.full.n.begin(), a.full.n.end());
+  if (a.sens.view.ndim() > kCoil + 1) shape.push_back(fold[kLocation]);
+  check_count(shape, "full_size");
+  ctessel::SenseOptions options = options_of(a);
+  py::tuple images(4);
+  std::size_t i = 0;
+  for (Samples* to : {&options.g, &options.sd, &options.condition, &options.response}) {
+    const py::array image = new_array({shape, false, {}});
+    *to = view_of(image);
+    images[i++] = image;
+  }
+  const Threads team(threads);
+  const py::gil_scoped_release unlocked;
+  ctessel::sense(a.folded.view, a.sens.view, a.full.n, {}, options);
+  return images;
 }
 
 // ---- Fold geometry ------------------------------------------------------------------------------
@@ -154,6 +222,7 @@ py::tuple compartments(py::handle full_len, py::handle fold_len) {
 
 void bind_sense(py::module_& m) {
   define(m, "sense_recon", sense_recon);
+  define(m, "sense_noise", sense_noise);
   m.def("folded_pos", folded_pos);
   m.def("unfolded_positions", unfolded_positions);
   m.def("compartments", compartments);

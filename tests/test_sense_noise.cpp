@@ -1,0 +1,213 @@
+// What unfolding makes of noise, against matrices written out and against unfolded unit noise.
+
+#include <array>
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <numeric>
+
+#include "ctessel.hpp"
+#include "naive_sense.h"
+#include "support.h"
+
+namespace {
+
+using Complex = std::complex<double>;
+using ctessel::ConstSamples;
+using ctessel::Samples;
+
+struct Setup {
+  std::array<int, 4> maps;          // nx, ny, nz, coils
+  std::array<int, 3> folded, full;  // x, y, z
+  double unit = 1;                  // of the covariance; 0: the identity
+  double weight = 0;                // of the regularisation
+};
+
+/// Maps with an object's outline, noise, and the images of noise that they give.
+struct Scene {
+  explicit Scene(const Setup& s) : setup(s), random(1) {
+    voxels = s.maps[0] * s.maps[1] * s.maps[2];
+    pixels = s.full[0] * s.full[1] * s.full[2];
+    coils = s.maps[3];
+    mask.assign(voxels, 1.0f);
+    for (int v = 0; v < voxels; ++v) {
+      if (random.integer(0, 9) < 2) mask[v] = 0;
+    }
+    re = random.reals(voxels * coils);
+    im = random.reals(voxels * coils);
+    expected = random.reals(voxels, 0.2f, 2.0f);
+    for (int v = 0; v < voxels; ++v) {
+      for (int c = 0; c < coils && mask[v] == 0; ++c) re[v + c * voxels] = im[v + c * voxels] = 0;
+    }
+    make_covariance();
+    for (auto* image : {&g, &sd, &condition, &response, &out_re, &out_im}) image->resize(pixels, 7);
+  }
+
+  void make_covariance() {
+    psi = Eigen::MatrixXcd::Identity(coils, coils);
+    if (setup.unit == 0) return;
+    for (Complex& p : psi.reshaped()) p += 0.4 * Complex(random.real(), random.real());
+    psi = (setup.unit * psi * psi.adjoint()).eval();
+    for (const Complex& p : psi.reshaped()) {
+      psi_re.push_back(float(p.real()));
+      psi_im.push_back(float(p.imag()));
+    }
+    for (int i = 0; i < psi.size(); ++i) psi.data()[i] = {psi_re[i], psi_im[i]};
+  }
+
+  ctessel::Extents grid() const { return {setup.maps[0], setup.maps[1], setup.maps[2]}; }
+  ctessel::Extents image() const { return {setup.full[0], setup.full[1], setup.full[2]}; }
+  ctessel::Extents fold() const {
+    return {setup.folded[0], setup.folded[1], setup.folded[2], coils};
+  }
+  ctessel::SenseOptions options() {
+    ctessel::SenseOptions o;
+    if (setup.unit > 0) o.covariance = Samples::parts(psi_re.data(), psi_im.data(), {coils, coils});
+    if (setup.weight > 0) o.expected = Samples::parts(expected.data(), nullptr, grid());
+    o.weight = setup.weight;
+    o.mask = Samples::parts(mask.data(), nullptr, grid());
+    return o;
+  }
+  ctessel::SenseOptions with_noise() {
+    ctessel::SenseOptions o = options();
+    o.g = Samples::parts(g.data(), nullptr, image());
+    o.sd = Samples::parts(sd.data(), nullptr, image());
+    o.condition = Samples::parts(condition.data(), nullptr, image());
+    o.response = Samples::parts(response.data(), nullptr, image());
+    return o;
+  }
+  ConstSamples maps() const {
+    ctessel::Extents n = grid();
+    n.push_back(coils);
+    return ConstSamples::parts(re.data(), im.data(), n);
+  }
+
+  Setup setup;
+  Random random;
+  int voxels, pixels, coils;
+  std::vector<float> re, im, mask, expected, psi_re, psi_im, g, sd, condition, response, out_re,
+      out_im;
+  Eigen::MatrixXcd psi;
+};
+
+/// Full lines of every folded line along an axis.
+std::vector<std::vector<int>> lines(int full, int folded) {
+  std::vector<std::vector<int>> all(folded);
+  Eigen::VectorXi positions(full);
+  for (int i = 0; i < folded; ++i) {
+    const int n = naive::fold_lines(full, folded, i, positions);
+    all[i].assign(positions.data(), positions.data() + n);
+  }
+  return all;
+}
+
+double relative(double got, double want) { return std::abs(got - want) / std::abs(want); }
+
+/// Images of noise of the voxels at `at`, which alias, by dense matrices.
+void check_voxels(const Scene& s, const std::vector<int>& at) {
+  const auto n = static_cast<int>(at.size());
+  Eigen::MatrixXcd S(s.coils, n), R = Eigen::MatrixXcd::Zero(n, n);
+  for (int k = 0; k < n; ++k) {
+    for (int c = 0; c < s.coils; ++c)
+      S(c, k) = {s.re[at[k] + c * s.voxels], s.im[at[k] + c * s.voxels]};
+    if (s.setup.weight > 0) R(k, k) = 1 / (std::pow(s.expected[at[k]], 2) * s.setup.weight);
+  }
+  const Eigen::MatrixXcd A = S.adjoint() * s.psi.inverse() * S,
+                         U = (A + R).inverse() * S.adjoint() * s.psi.inverse(),
+                         noise = U * s.psi * U.adjoint();
+  const Eigen::VectorXd values = Eigen::SelfAdjointEigenSolver<Eigen::MatrixXcd>(A).eigenvalues();
+  const double condition = values[n - 1] / values[0];
+  if (condition > 1e8) return;
+  for (int k = 0; k < n; ++k) {
+    const double sd = std::sqrt(noise(k, k).real());
+    CHECK(relative(s.sd[at[k]], sd) < 1e-6);
+    CHECK(relative(s.g[at[k]], sd * std::sqrt(A(k, k).real())) < 1e-6);
+    CHECK(relative(s.response[at[k]], (U * S)(k, k).real()) < 1e-6);
+    CHECK(relative(s.condition[at[k]], condition) < 1e-5);
+  }
+}
+
+}  // namespace
+
+TEST_CASE("Noise of voxels that alias is that of their matrices", "[sense_noise]") {
+  CAPTURE(run_seed());
+  for (const Setup& setup : {Setup{{9, 12, 1, 1}, {9, 12, 1}, {9, 12, 1}},
+                             Setup{{9, 12, 1, 5}, {9, 6, 1}, {9, 12, 1}, 0},
+                             Setup{{40, 12, 1, 6}, {40, 4, 1}, {40, 12, 1}, 1e-14},
+                             Setup{{17, 10, 1, 5}, {17, 4, 1}, {17, 10, 1}, 3e4, 1e-3},
+                             Setup{{9, 8, 6, 8}, {9, 4, 3}, {9, 8, 6}, 1e-14, 1e13},
+                             Setup{{9, 12, 9, 14}, {9, 4, 3}, {9, 12, 9}}}) {
+    CAPTURE(setup.maps, setup.folded);
+    Scene s(setup);
+    with_thread_counts([&] {
+      const std::vector<float> before = s.sd;
+      ctessel::sense({nullptr, nullptr, s.fold(), {1, 1, 1, 1}}, s.maps(), setup.full, {},
+                     s.with_noise());
+      if (omp_get_max_threads() > 1) CHECK(bits(s.sd) == bits(before));
+    });
+    const auto rows = lines(setup.full[1], setup.folded[1]),
+               slices = lines(setup.full[2], setup.folded[2]);
+    for (int x = 0; x < setup.full[0]; ++x) {
+      for (const auto& ys : rows) {
+        for (const auto& zs : slices) {
+          std::vector<int> at;
+          for (int y : ys)
+            for (int z : zs) {
+              const int v = x + setup.full[0] * (y + setup.full[1] * z);
+              if (s.mask[v] != 0) at.push_back(v);
+              if (s.mask[v] == 0)
+                CHECK((s.g[v] == 0 && s.sd[v] == 0 && s.condition[v] == 0 && s.response[v] == 0));
+            }
+          if (!at.empty()) check_voxels(s, at);
+        }
+      }
+    }
+  }
+}
+
+TEST_CASE("Images of noise leave the image's bits alone and hold for its factors",
+          "[sense_noise]") {
+  CAPTURE(run_seed());
+  for (const Setup& setup : {Setup{{8, 12, 1, 4}, {8, 6, 1}, {8, 12, 1}, 2.0},
+                             Setup{{7, 9, 1, 4}, {15, 8, 1}, {15, 20, 1}, 1e-14},  // coarser, 2.5
+                             Setup{{20, 10, 1, 4}, {33, 5, 1}, {33, 10, 1}, 0},    // along x alone
+                             Setup{{6, 7, 5, 6}, {9, 6, 4}, {9, 12, 8}, 1, 0.5}}) {
+    CAPTURE(setup.maps, setup.folded);
+    Scene s(setup);
+    // One volume for each coil, which is 1 there and 0 elsewhere: the image is that coil's factors.
+    const int samples = setup.folded[0] * setup.folded[1] * setup.folded[2];
+    std::vector<float> fold(samples * s.coils * s.coils);
+    for (int c = 0; c < s.coils; ++c)
+      std::fill_n(fold.begin() + samples * c * (s.coils + 1), samples, 1.0f);
+    ctessel::Extents in = s.fold(), out = s.image();
+    in.push_back(s.coils), out.push_back(1), out.push_back(s.coils);
+    std::vector<float> re(s.pixels * s.coils), im(re), want_re(re), want_im(re);
+    const auto folded = ConstSamples::parts(fold.data(), nullptr, in);
+    ctessel::sense(folded, s.maps(), setup.full,
+                   Samples::parts(want_re.data(), want_im.data(), out), s.options());
+    ctessel::sense(folded, s.maps(), setup.full, Samples::parts(re.data(), im.data(), out),
+                   s.with_noise());
+    CHECK((bits(re) == bits(want_re) && bits(im) == bits(want_im)));
+    for (int p = 0; p < s.pixels; ++p) {
+      Eigen::RowVectorXcd u(s.coils);
+      for (int c = 0; c < s.coils; ++c) u[c] = {re[p + c * s.pixels], im[p + c * s.pixels]};
+      const double sd = std::sqrt((u * s.psi * u.adjoint())(0).real());
+      CHECK(std::abs(s.sd[p] - sd) <= 2e-6 * sd);
+      CHECK((s.g[p] >= 0.999f || sd == 0 || setup.weight > 0));
+      CHECK((s.condition[p] >= 1 || sd == 0));
+    }
+  }
+}
+
+TEST_CASE("Images of noise that do not fit are refused", "[sense_noise]") {
+  Scene s({{4, 4, 1, 2}, {4, 2, 1}, {4, 4, 1}});
+  const ConstSamples extents(nullptr, nullptr, s.fold(), {1, 1, 1, 1});
+  ctessel::SenseOptions options = s.with_noise();
+  options.sd.extents[1] = 2;
+  CHECK_THROWS_AS(ctessel::sense(extents, s.maps(), {4, 4, 1}, {}, options), std::invalid_argument);
+  CHECK_THROWS_AS(
+      ctessel::sense(extents, s.maps(), {4, 4, 1},
+                     Samples::parts(s.out_re.data(), s.out_im.data(), s.image()), s.options()),
+      std::invalid_argument);
+  CHECK(s.g[0] == 7);
+}
