@@ -12,7 +12,7 @@ import nibabel
 import numpy as np
 import pytest
 import scipy.io
-from conftest import same_bits
+from conftest import DATA, same_bits
 from scans import lines
 
 from ctessel import cli, maps, pipeline, raw
@@ -122,6 +122,11 @@ def test_a_pair_has_three_names_and_without_a_field_of_view_voxels_of_1_mm(tmp_p
     assert "ctessel: warning: the file has no field of view; voxels of 1 mm are taken" in capfd.readouterr().err
     assert nibabel.load(tmp_path / "i.nii").header.get_zooms()[:3] == (1, 1, 1)
     assert json.loads((tmp_path / "i.json").read_text())["Sources"] == ["scan.cfl"]
+
+
+def test_measured_pairs_are_read_as_they_are(measured):
+    for name in ("brain16_ksp", "phantom32_ksp"):
+        same_bits(raw.read(DATA / name).kspace[..., 0, 0, 0], measured(name))
 
 
 def test_lines_and_centre_place_what_a_pair_holds(tmp_path):
