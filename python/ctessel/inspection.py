@@ -32,6 +32,7 @@ class Seen:
     layout: Layout
 
 
+@np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused with their image
 def look(plan, source):
     """What a source shows of its first repetition.
 
