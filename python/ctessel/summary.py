@@ -122,7 +122,7 @@ def _errors(made, run):
 
 def _steps(made, run):
     seen, field = run.seen, run.plan.field
-    energy = np.log10(np.maximum(seen.energy, np.max(seen.energy) * 1e-8) + 1e-300)
+    energy = np.log10(np.maximum(seen.energy, float(seen.energy.max()) * 1e-8 or 1.0))
     yield made.figure(png.grey(png.fitted(energy), low=energy.min(), high=energy.max()),
                       "Energy of k-space on a logarithmic scale, readout to the right",
                       "Energy of k-space (kx to the right, ky downwards; sum over the coils, eight decades). It should "

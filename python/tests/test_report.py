@@ -5,6 +5,7 @@ import json
 import struct
 import subprocess
 import sys
+import warnings
 import zlib
 from html.parser import HTMLParser
 
@@ -122,6 +123,13 @@ def test_samples_that_are_too_large_are_told_in_one_line(tmp_path):
     run = subprocess.run(command, cwd=tmp_path, capture_output=True, text=True)
     assert run.returncode == cli.DEFECT and run.stderr.count("\n") == 1 and "too large" in run.stderr
     assert [p.name for p in tmp_path.iterdir()] == ["s.h5"]
+
+
+def test_scans_without_signal_have_a_report(tmp_path):
+    scan = foreign.write(tmp_path / "s.h5", foreign.records(np.zeros((2, 16, 32), np.complex64)), foreign.header(32, 16))
+    with warnings.catch_warnings():
+        warnings.simplefilter("error", RuntimeWarning)
+        assert not Document(report(scan, tmp_path)).picture("Image of slice 0").any()
 
 
 def test_names_in_files_stay_text(tmp_path):
