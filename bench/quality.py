@@ -165,7 +165,7 @@ def undersampled(name, kspace):
     for step, lines in REDUCTIONS:
         sampled, block = every(n, step), around(n, lines)
         kept = kspace * (sampled | np.isin(np.arange(n), block))[None, :, None, None]
-        mine = ours(kspace, sampled, block, slices=SLICES)
+        mine = ours(kspace, sampled, block, ["--save-maps", FOLDER / "ours.cfl"], SLICES)
         ecalib = bart(kept, lines, ["ecalib", "-m1", "-r", lines], truth, inside)
         caldir = bart(kept, lines, ["caldir"], truth, inside)
         row = {"data": name, "R": step, "lines": lines}
@@ -174,7 +174,25 @@ def undersampled(name, kspace):
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
         row["time, ecalib's over ours"] = ecalib.seconds / mine.seconds
         print(row, file=sys.stderr)
-        yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image})
+        images = {"ctessel": mine.image, "BART, ecalib": ecalib.image}
+        yield row, (truth, inside, images, g_factor(read_cfl(FOLDER / "ours.cfl")[:, :, 0], step))
+
+
+def g_factor(maps, step):
+    """Noise that unfolding adds, (x, y), before measured lines are put back: sqrt([A^-1]_ii A_ii)."""
+    from ctessel import unfolded_positions
+
+    full = maps.shape[1]
+    g = np.zeros(maps.shape[:2])
+    for position in range(full // step):
+        lines = unfolded_positions(full, full // step, position)
+        s = maps[:, lines]
+        there = (s != 0).any(2)
+        a = s.conj() @ s.transpose(0, 2, 1) + ~there[:, :, None] * np.eye(len(lines))
+        inverse = np.linalg.inv(a.astype(np.complex128))
+        own = np.einsum("xaa->xa", inverse) * np.einsum("xaa->xa", a)
+        g[:, lines] = np.sqrt(np.abs(own)) * there
+    return g
 
 
 def partial(name, kspace):
@@ -195,27 +213,35 @@ def partial(name, kspace):
 
 
 def picture(name, shown):
-    """Differences of all rows, ten times as bright as the image."""
+    """Differences of all rows, ten times as bright as the image, and below them the g-factor."""
     import matplotlib
 
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
+    from ctessel import png
 
-    programs = list(shown[0][1][2])
-    figure, axes = plt.subplots(len(programs), 1 + len(shown), constrained_layout=True,
-                                figsize=(2 * (1 + len(shown)), 2.2 * len(programs)))
+    truth, _, programs, _ = shown[0][1]
+    top = np.percentile(truth, 99.5)
+    figure, axes = plt.subplots(len(programs) + 1, 1 + len(shown), constrained_layout=True,
+                                figsize=(2 * (1 + len(shown)), 2.2 * (len(programs) + 1)), dpi=72)
     for line, program in zip(axes, programs):
-        truth, top = shown[0][1][0], np.percentile(shown[0][1][0], 99.5)
-        line[0].imshow(truth.T, cmap="gray", vmin=0, vmax=top)
         line[0].set_ylabel(program)
-        for place, (row, (_, inside, images)) in zip(line[1:], shown):
+        for place, (row, (_, inside, images, _)) in zip(line[1:], shown):
             image = images[program]
             scale = (image[inside] @ truth[inside]) / (image[inside] @ image[inside])
             place.imshow(10 * np.abs(image * scale - truth).T, cmap="gray", vmin=0, vmax=top)
             place.set_title(f"R = {row['R']}, {row['lines']} lines", fontsize=8)
-        for place in line:
-            place.set(xticks=[], yticks=[])
-    figure.savefig(name, dpi=100)
+    for place, (_, (_, _, _, g)) in zip(axes[-1, 1:], shown):
+        place.imshow(g.T, cmap="gray", vmin=0, vmax=3)
+        place.set_title(f"g, at most {g.max():.1f}", fontsize=8)
+    axes[-1, 0].set_ylabel("g-factor, 0 to 3")
+    for place in axes.flat:
+        place.set(xticks=[], yticks=[])
+    for place in axes[:, 0]:
+        place.imshow(truth.T, cmap="gray", vmin=0, vmax=top)
+    figure.canvas.draw()
+    grey = np.array(figure.canvas.buffer_rgba())[:, :, 0]
+    Path(name).write_bytes(png.encode(grey // 16 * 17))  # noise of more levels packs badly
     plt.close(figure)
 
 
