@@ -89,7 +89,7 @@ def _words(name, value, trusted):
     action = parser._option_string_actions.get(f"--{option}")
     if action is None:
         raise ValueError("recon has no such option")
-    if option == "geometry" and not trusted:
+    if option in ("geometry", "maps") and not trusted:
         raise ValueError("files are named on the server, by its command or a configuration")
     if action.nargs == 0:
         if str(value).lower() not in ("true", "false", "1", "0", "yes", "no"):

@@ -396,7 +396,7 @@ def test_options_come_from_command_config_and_text(tmp_path):
     cases = [
         ("", None, []),
         ("smooth", None, ["--ringing", "0.5"]),
-        ("unknown", '{"ringing": 7, "geometry": "/etc/passwd"}', []),
+        ("unknown", '{"ringing": 7, "geometry": "/etc/passwd", "maps": "/etc/passwd"}', []),
         ("unknown", '{"parameters": {"customconfig": "smooth", "pad": "64 64 1"}}',
          ["--ringing", "0.5", "--pad", "64", "64", "1"]),
     ]  # fmt: skip
@@ -406,7 +406,7 @@ def test_options_come_from_command_config_and_text(tmp_path):
             images = sender.exchange(made.address, config, parameters)
             np.testing.assert_array_equal(images[0][2][..., 0].squeeze(), want.squeeze())
         told = "".join(made.log)
-        for words in ("no_such", "'unknown'", "'ringing' is not used", "'geometry' is not used"):
+        for words in ("no_such", "'unknown'", "'ringing' is not used", "'geometry' is not used", "'maps' is not used"):
             assert words in told
         (_, attributes, pixels), = sender.exchange(made.address, "", '{"pixels": "complex"}')
         want = np.asarray(
