@@ -11,31 +11,25 @@ from concurrent.futures import ThreadPoolExecutor
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
+from kernels import CALLS, DATA
 
 import ctessel
-from ctessel import homodyne
 
-DATA = random_complex((48, 40, 6, 8))
-SENS = random_complex((48, 40, 6, 8), 1)
 POINTS = DATA.real[..., 0] * np.float32(0.05)
 TABLES = np.ones((14, 12)) * 1e-9, np.ones((14, 12)) * 1e-9, np.ones(17)
 
-CALLS = [
-    lambda **k: ctessel.fftshift(DATA, (0, 1, 2, 3), **k),
-    lambda **k: ctessel.zero_pad(DATA, (64, 48, 9), **k),
-    lambda **k: ctessel.ringing_filter(DATA, 0.7, **k),
-    lambda **k: ctessel.sos(DATA, **k),
-    lambda **k: ctessel.pcsos(DATA, **k),
-    lambda **k: ctessel.sense_recon(DATA[:, ::2], SENS, **k),
-    lambda **k: ctessel.geometry_correction(POINTS, POINTS, POINTS, *TABLES, 0.2, **k)[0],
-    lambda **k: homodyne.filter(DATA, kx=(-8, 23), ky=(-6, 19), **k).weighted,
-    lambda **k: homodyne.multiply(DATA, SENS, **k),
-]
-IDS = "fftshift zero_pad ringing_filter sos pcsos sense_recon geometry filter multiply".split()
+GEOMETRY = (
+    ctessel.geometry_correction,
+    {"x": POINTS, "y": POINTS, "z": POINTS, "coeff_x": TABLES[0], "coeff_y": TABLES[1], "coeff_z": TABLES[2], "r0": 0.2},
+)
 
 
-@pytest.mark.parametrize("call", CALLS, ids=IDS)
-def test_same_bits_from_any_number_of_threads_and_callers(call):
+@pytest.mark.parametrize("kernel, arguments", [*CALLS.values(), GEOMETRY], ids=[*CALLS, "geometry"])
+def test_same_bits_from_any_number_of_threads_and_callers(kernel, arguments):
+    def call(threads):
+        result = kernel(**arguments, threads=threads)
+        return result[0] if isinstance(result, tuple) else result
+
     want = call(threads=1)
     for threads in (2, 3, 7, None):
         same_bits(call(threads=threads), want)
