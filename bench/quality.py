@@ -112,7 +112,8 @@ def write_cfl(name, a):
 def read_cfl(path):
     path = Path(path)
     extents = path.with_suffix(".hdr").read_text().splitlines()[1].split()[:4]
-    return np.fromfile(path.with_suffix(".cfl"), "<c8").reshape([int(n) for n in extents], order="F")
+    samples = np.fromfile(path.with_suffix(".cfl"), "<c8")
+    return samples.reshape([*map(int, extents), -1], order="F")[..., 0]  # of slices the first
 
 
 def bart(kspace, lines, calibrate, truth, inside):

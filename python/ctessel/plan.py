@@ -43,7 +43,8 @@ class Options:
     geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of
     `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
     "FFP") in place of the header. `maps` names a file of sensitivities, in place of those of the
-    calibration; `keep_maps` hands those that were used back with the image. `combine` "pcsos" gives complex images, "sos" magnitudes.
+    calibration; `keep_maps` hands those that were used back with the image. `combine` "pcsos" gives
+    complex images, "sos" magnitudes.
     """
 
     combine: str = "pcsos"
