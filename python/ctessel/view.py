@@ -1,16 +1,12 @@
 """A page for NIfTI images of any program: pictures, what their headers and sidecars say, and a viewer."""
 
-import zlib
 from pathlib import Path
 
 import numpy as np
 
-from . import files, methods, nifti, page, png
+from . import files, methods, page, png
 from .files import printable
-from .warp import sidecar
-
-#: What nibabel says of files that are cut short or no images.
-_BROKEN = (EOFError, OSError, zlib.error)
+from .warp import opened, sidecar
 
 
 def write(paths, output, command):
@@ -71,16 +67,7 @@ class _Image:
 
 
 def _load(path):
-    import nibabel
-
-    nifti.base_name(path)
-    try:
-        file = nibabel.load(path)
-        values = np.asanyarray(file.dataobj[(..., *[0] * max(0, len(file.shape) - 3))])
-    except FileNotFoundError:
-        raise ValueError(f"{path}: no such file; check the name") from None
-    except (nibabel.filebasedimages.ImageFileError, *_BROKEN) as error:
-        raise ValueError(f"{path}: cannot be read ({error}); is it a NIfTI image?") from None
+    file, values = opened(path, lambda file: (file, _first(file)))
     if values.dtype.kind not in "fiucb" or not values.size:
         raise ValueError(f"{path}: has no voxels with a number each; name an image of those")
     values = np.abs(values) if values.dtype.kind == "c" else values
@@ -88,6 +75,11 @@ def _load(path):
     if not np.isfinite(file.affine).all() or np.linalg.det(file.affine[:3, :3]) == 0:
         raise ValueError(f"{path}: has voxels without a volume; its affine is no use")
     return _Image(path, file, values.reshape(values.shape + (1,) * (3 - values.ndim)))
+
+
+def _first(file):
+    """The first volume."""
+    return np.asanyarray(file.dataobj[(..., *[0] * max(0, len(file.shape) - 3))])
 
 
 def _figures(made, image):

@@ -449,16 +449,8 @@ class Image:
 
 def load(path):
     """An image with a place in the scanner; ValueError with one line for others."""
-    import nibabel
-
     path = Path(path)
-    nifti.base_name(path)
-    try:
-        file = nibabel.load(path)
-    except FileNotFoundError:
-        raise ValueError(f"{path}: no such file; check the name") from None
-    except (nibabel.filebasedimages.ImageFileError, *_BROKEN) as error:
-        raise ValueError(f"{path}: cannot be read ({error}); is it a NIfTI image?") from None
+    file = opened(path)
     header, shape = file.header, file.shape
     if not (header["sform_code"] > 0 or header["qform_code"] > 0):
         raise ValueError(
@@ -468,6 +460,19 @@ def load(path):
     if not (size > 0 and len(shape) >= 3 and min(shape) > 0):
         raise ValueError(f"{path}: has voxels without a volume; its affine or extents are no use")
     return Image(path, file, Grid(file.affine.astype(float), shape[:3]), sidecar(path))
+
+
+def opened(path, read=lambda file: file):
+    """What `read` makes of a NIfTI file; ValueError with one line where it cannot be read."""
+    import nibabel
+
+    nifti.base_name(path)
+    try:
+        return read(nibabel.load(path))
+    except FileNotFoundError:
+        raise ValueError(f"{path}: no such file; check the name") from None
+    except (nibabel.filebasedimages.ImageFileError, *_BROKEN) as error:
+        raise ValueError(f"{path}: cannot be read ({error}); is it a NIfTI image?") from None
 
 
 _BROKEN = (EOFError, OSError, zlib.error)
