@@ -189,6 +189,17 @@ end
 %! real_maps = abs(maps);
 %! image = ctessel_sense(fold(real_maps .* abs(object), 12), real_maps);
 %! assert(image, single(abs(object)), 1e-2)
+%!function n = bytes(field)   % of this process
+%!  n = 1024 * str2double(regexp(fileread('/proc/self/status'), [field ':\s*(\d+)'], 'tokens'){1}{1});
+%!endfunction
+%!testif ; exist('/proc/self/clear_refs', 'file') % samples are taken as they lie: nothing is copied
+%! many = complex(rand(128, 96, 8, 16, 'single'), 1);
+%! folded = many(:, 1:48, :, :);
+%! ctessel_sense(folded(:, :, 1, :), many(:, :, 1, :));
+%! id = fopen('/proc/self/clear_refs', 'w'); fputs(id, '5'); fclose(id);   % the peak starts anew
+%! before = bytes('VmRSS');
+%! image = ctessel_sense(folded, many);
+%! assert(bytes('VmHWM') - before - 8 * numel(image) < 8 * numel(many) / 3)
 %!error <Invalid call> ctessel_sense(1)
 %!error <ctessel_sense: FOLDED must be a full numeric or logical array; got 1x1 cell array>
 %! ctessel_sense({1}, maps)
