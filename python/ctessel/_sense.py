@@ -69,8 +69,8 @@ def sense_recon(
 
     Raises
     ------
-    RuntimeError
-        The kernel refused the extents.
+    ValueError
+        Extents that do not fit each other, by the argument's name.
 
     Notes
     -----
