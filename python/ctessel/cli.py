@@ -185,6 +185,14 @@ def _add_recon(commands):
         help="also a page with all that was done, pictures of every step, and a viewer",
     )
     command.add_argument(
+        "--maps-out",
+        metavar="NAMES",
+        type=_map_names,
+        default=(),
+        help="also maps beside the image, IMAGE_g.nii.gz and so on: g, sd, snr, condition, "
+        "residual, with commas between",
+    )
+    command.add_argument(
         "--dry-run", action="store_true", help="say what would be done, and do nothing"
     )
     command.add_argument(
@@ -514,6 +522,13 @@ def _check_name(path):
         raise UsageError(f"argument -o/--output: {error}") from None
 
 
+@options.checked
+def _map_names(text):
+    from .noise import check_names
+
+    return check_names(text.split(","))
+
+
 def _range(words):
     from .raw import RANGE_AXES
 
@@ -550,6 +565,8 @@ def recon(arguments):
         raise UsageError("--dicom: the folder is missing, -o FOLDER")
     if arguments.output and not arguments.dicom:
         _check_name(arguments.output)
+    if arguments.maps_out and (arguments.dicom or not arguments.output):
+        raise UsageError("--maps-out needs -o IMAGE.nii.gz, whose name the maps have")
     if bool(arguments.bids) != bool(arguments.subject):
         raise UsageError("--bids and --subject belong together")
     if arguments.raw != "-":

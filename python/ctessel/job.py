@@ -2,13 +2,14 @@
 
 import contextlib
 import os
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, field, replace
 from functools import cached_property
 from math import prod
 
 import numpy as np
 
-from . import acquisitions, bids, dicom, files, maps, nifti, pipeline, raw, report, runtime, workers
+from . import acquisitions, bids, dicom, files, maps, nifti, noise, pipeline, raw, report, runtime
+from . import workers
 
 
 @dataclass
@@ -20,6 +21,7 @@ class Job:
     plan: pipeline.Plan
     affine: np.ndarray
     known: bool
+    noise_maps: dict = field(default_factory=dict)  # by name
 
     def reconstruct(self, show):
         """The images. `show` gives a progress bar: a context manager of what and in which unit."""
@@ -31,6 +33,11 @@ class Job:
                 self._seen = inspection.look(self.plan, source)
             with show("reconstructing", "volumes") as progress:
                 result = pipeline.reconstruct(source, None, progress, client, plan=self.plan)
+            if self.arguments.maps_out:
+                with show("maps", "slices") as progress:
+                    self.noise_maps = noise.maps(
+                        self.plan, source, self.arguments.maps_out, result.image, progress=progress
+                    )
         if not np.isfinite(result.image).all():
             raise raw.RawError(
                 f"{self.found.path}: its image is not finite, its samples are too large; "
@@ -92,6 +99,8 @@ class Job:
             if self.arguments.save_maps:
                 names = maps.files_of(self.arguments.save_maps)
                 maps.write([staged.path(name) for name in names], result.maps)
+            for name, values in self.noise_maps.items():
+                self._write_map(staged, result, name, values)
             if self.arguments.preview:
                 report.save_preview(staged.path(self.arguments.preview), result.image, result.field)
             if self.arguments.report:
@@ -133,6 +142,25 @@ class Job:
         """The folder of DICOM files, or none."""
         return [self.arguments.output] if self.arguments.dicom else []
 
+    def _write_map(self, staged, result, name, values):
+        path = self._map_names()[name]
+        told = {**self._sidecar(result, self.images[0]), "Map": noise.NAMES[name]}
+        nifti.write(
+            staged.path(path),
+            values.reshape((values.shape + (1, 1))[:6]),
+            self.affine,
+            self.known,
+            0.0,
+            told,
+            staged.path(nifti.sidecar_path(path)),
+        )
+
+    def _map_names(self):
+        """Files of the maps."""
+        output, names = self.arguments.output, self.arguments.maps_out
+        base = nifti.base_name(output) if names else ""
+        return {name: output.with_name(f"{base}_{name}{output.name[len(base):]}") for name in names}
+
     def _parts(self):
         return ["magnitude", "phase"] if self.arguments.combine == "phase" else ["magnitude"]
 
@@ -155,7 +183,7 @@ class Job:
             return bids.Folder(named.bids, named.subject, named.session, named.suffix, named.task)
 
     def names(self):
-        return [image.path for image in self.images]
+        return [*(image.path for image in self.images), *self._map_names().values()]
 
     def _beside(self):
         """Files that are no images."""
@@ -250,6 +278,8 @@ def prepare(arguments, part):
     choice = options(arguments)
     try:
         found, plan = _planned(arguments, part, choice)
+        if arguments.maps_out:
+            noise.check(plan, arguments.maps_out)
         matrix, known = nifti.affine(*_geometry(found, plan))
     except raw.RawError:
         raise

@@ -41,8 +41,9 @@ def _box(shape, ranges):
     )
 
 
-def _phase(kspace, ranges, threads):
-    """Unit phase of the image of the lines that are measured on both sides."""
+def smooth_phase(kspace, ranges, threads=None):
+    """Unit phase of the image of the lines that are measured on both sides; see `pocs`."""
+    ranges = clipped(kspace.shape, ranges)
     low = kspace
     for axis, (n, lines) in enumerate(zip(kspace.shape, ranges)):
         if lines is None:
@@ -56,9 +57,10 @@ def _phase(kspace, ranges, threads):
     return np.divide(low, size, out=np.ones_like(low), where=size > 0)
 
 
-def pocs_kspace(kspace, ranges, threads=None):
+def pocs_kspace(kspace, ranges, threads=None, phase=None):
     """k-space with the missing lines filled in; see `pocs`."""
-    phase = _phase(kspace, ranges, threads)
+    if phase is None:
+        phase = smooth_phase(kspace, ranges, threads)
     box = _box(kspace.shape, ranges)
     filled = kspace
     for _ in range(ROUNDS):
@@ -68,7 +70,7 @@ def pocs_kspace(kspace, ranges, threads=None):
     return filled
 
 
-def pocs(kspace, ranges, *, field=None, threads=None):
+def pocs(kspace, ranges, *, field=None, threads=None, phase=None):
     """Image of partial-Fourier k-space along up to three axes.
 
     The image's phase is taken from the lines that are measured on both sides of k = 0; lines that
@@ -84,6 +86,8 @@ def pocs(kspace, ranges, *, field=None, threads=None):
     field : sequence of 3 int, optional
         Central extents of the image to keep.
     threads : int, optional
+    phase : ndarray of complex64, optional
+        What `smooth_phase` gives for other data, in place of that of these.
 
     Returns
     -------
@@ -97,7 +101,7 @@ def pocs(kspace, ranges, *, field=None, threads=None):
     """
     ranges = clipped(kspace.shape, ranges)
     if any(ranges):
-        kspace = pocs_kspace(kspace, ranges, threads)
+        kspace = pocs_kspace(kspace, ranges, threads, phase)
     image = to_image(kspace, threads=threads)
     shape = tuple(field or kspace.shape[:3])
     return np.asfortranarray(image[tuple(central(n, m) for n, m in zip(image.shape, shape))])

@@ -294,13 +294,16 @@ def _head(phantom, number, flag, y, z, average, s, echo, repetition):
     first, _ = _first_sample(phantom)
     read, phase, normal = _axes(phantom.tilt)
     away = (s - (phantom.slices - 1) / 2) * (phantom.voxel[2] + phantom.gap)
+    lines = [y - _line_zero(phantom, 1), z - _line_zero(phantom, 2)]
+    if flag == "noise":
+        lines = [0, 0]  # of no line
     values = {
         "version": 1, "scan_counter": number, "flags": _FLAGS[flag], "sample_time_us": 5.0,
         "center_sample": phantom.size * phantom.oversampling // 2 - first,
         "read_dir": read, "phase_dir": phase, "slice_dir": normal,
         "position": np.asarray(phantom.position) + away * normal,
-        "kspace_encode_step_1": y - _line_zero(phantom, 1),
-        "kspace_encode_step_2": z - _line_zero(phantom, 2),
+        "kspace_encode_step_1": lines[0],
+        "kspace_encode_step_2": lines[1],
         "acquisition_time_stamp": round(number * phantom.pace / acquisitions.TICK),
         "average": average, "slice": s, "contrast": echo, "repetition": repetition,
     }  # fmt: skip
