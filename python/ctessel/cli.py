@@ -428,7 +428,7 @@ def _add_serve(commands):
         help="silence that ends a connection (default: 300)",
     )
     options.add_steps(command)
-    options.add_pixels(command)
+    options.add_answers(command)
 
 
 def _add_send(commands):

@@ -136,10 +136,28 @@ def add_dims(command):
     )
 
 
-def add_pixels(command):
+def add_answers(command):
+    """What a stream is answered with."""
     command.add_argument(
         "--pixels",
         choices=("int16", "float", "complex"),
         default="int16",
         help="int16 magnitudes with one scale for a series (the default), or images as they are",
     )
+    command.add_argument(
+        "--maps-out",
+        type=_map_names,
+        default=(),
+        metavar="NAMES",
+        help="also maps of noise, once all images are out: g, sd, snr, with commas between",
+    )
+
+
+@checked
+def _map_names(text):
+    from .pictures import MAPS
+
+    names = tuple(dict.fromkeys(text.split(",")))
+    if not set(names) <= set(MAPS):
+        raise ValueError(f"expected some of {', '.join(MAPS)} with commas between, got {text!r}")
+    return names

@@ -10,7 +10,7 @@ import numpy as np
 
 from . import nifti, stream
 
-#: Maps that a reconstruction makes beside the image: their series, what they are called.
+#: Maps of noise (`ctessel.noise`): their series, what they are called.
 MAPS = {"g": (10, "Gfactor"), "snr": (11, "SNR_MAP"), "sd": (12, "STD_MAP")}
 #: From the axes of a NIfTI file (right, anterior, superior) to those of the stream (LPS).
 _TO_LPS = np.diag([-1.0, -1.0, 1.0, 1.0])
@@ -105,13 +105,15 @@ class Pictures:
             values = made["image"][:, :, :, echo, 0]
             for series, image_type, pixels, notes in self._series(values):
                 self._one(series, image_type, pixels, notes, at, head)
-            for name in MAPS.keys() & made.keys():
-                series, role = MAPS[name]
-                values = made[name]
-                values = values[:, :, :, echo, 0] if values.ndim == 5 else values
-                pixels, notes = np.float32(values), {"DataRole": [role]}
-                self._one(series, stream.MAGNITUDE, pixels, notes, at, head)
         self._sent(ticket)
+
+    def add_map(self, name, index, values, head):
+        """Send a map of a slice, float32 ``(x, y, z)``, or ``(x, y, z, echo, repetition)``."""
+        series, role = MAPS[name]
+        for echo, repetition in np.ndindex(values.shape[3:] or (1, 1)):
+            at = {"slice": index, "contrast": echo, "repetition": repetition}
+            pixels = values[:, :, :, echo, repetition] if values.ndim == 5 else values
+            self._one(series, stream.MAGNITUDE, pixels, {"DataRole": [role]}, at, head)
 
     def _series(self, values):
         """Series, type, pixels and attributes of each image that is made of one."""

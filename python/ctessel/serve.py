@@ -39,7 +39,7 @@ def _steps():
     """A parser of the steps' options alone."""
     parser = _Parser(add_help=False, allow_abbrev=False)
     options.add_steps(parser)
-    options.add_pixels(parser)
+    options.add_answers(parser)
     return parser
 
 
@@ -72,14 +72,14 @@ class Settings:
         return words
 
     def options(self, words):
-        """`Options` and kind of the pixels."""
+        """`Options`, kind of the pixels, and names of maps."""
         line = [word for name, texts in words.items() for word in (f"--{name}", *texts)]
         arguments = _steps().parse_args(line)
         arguments.threads = self.threads
         made = job.options(arguments)
         if arguments.pixels == "complex":
             made = replace(made, combine="pcsos")
-        return made, arguments.pixels
+        return made, arguments.pixels, arguments.maps_out
 
 
 def _words(name, value, trusted):
@@ -107,6 +107,7 @@ def _given(arguments):
         value = getattr(arguments, action.dest)
         if value != action.default:
             each = value if isinstance(value, list) else [] if value is True else [value]
+            each = [",".join(value)] if isinstance(value, tuple) else each
             given[action.option_strings[0].lstrip("-")] = [str(v) for v in each]
     return given
 

@@ -14,7 +14,7 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from . import earlier, raw, runtime, stream
+from . import earlier, noise, raw, runtime, stream
 from ._ismrmrd import parse
 from .acquisitions import HEAD, NOISE, NOT_IMAGING
 from .arrived import LAST, UNCLEAR, Arrived, Forecast, contents
@@ -294,7 +294,7 @@ class Session:
     # ---- What the scan asks for ------------------------------------------------------------------
 
     def options(self):
-        """Options of the reconstruction, kind of the pixels and their bits; fixed from now on."""
+        """Options of the reconstruction, kind of pixels, maps, bits of pixels; fixed from now on."""
         self._chosen = self._chosen or (*self._settings.options(self._words), self._settings.bits)
         return self._chosen
 
@@ -371,7 +371,7 @@ class Scan:
         self._forecast = self._pictures = None
         self._hopeless = False
         self._sent, self._waiting = {}, []
-        self._shared, self._stacks, self._told = {}, {}, set()
+        self._shared, self._stacks, self._told, self._made = {}, {}, set(), {}
 
     def arrive(self, heads, now):
         """Take note of new acquisitions; send what they complete."""
@@ -408,7 +408,7 @@ class Scan:
         self._heads, self._parts = self._room[:count], []
 
     def _start(self):
-        options, kind, bits = self._session.options()
+        options, kind, _, bits = self._session.options()
         self._forecast = Forecast(self._session.header, self._heads, self._acquisitions, options)
         self._check(self._forecast.plan)
         self._open(self._forecast.plan, self._forecast.header, kind, bits)
@@ -457,7 +457,9 @@ class Scan:
             del self._shared[next(iter(self._shared))]
         made, self._shared[key] = single(plan, block, source, self._shared.get(key))
         for at, repetition in enumerate(block.repetitions.tolist()):
-            one = {name: values[..., at : at + 1] for name, values in made.items()}
+            one = {"image": made["image"][..., at : at + 1]}
+            if "snr" in self._session.options()[2]:
+                self._made[block.slice, repetition] = np.abs(one["image"][..., 0])
             head = heads[source.image(block.slice, repetition)[1][0]]
             self._deliver(plan, block.slice, repetition, (one, head, now))
 
@@ -496,7 +498,7 @@ class Scan:
         if own.size and (self._heads["flags"][own] & NOISE != 0).all():
             return self._session.keep_noise(own)
         found = contents(self._session.header, self._heads)
-        options, kind, bits = self._session.options()
+        options, kind, maps, bits = self._session.options()
         source = Arrived(self._acquisitions, found, options.threads)
         plan = make_plan(source.layout, options)
         self._check(plan)
@@ -516,12 +518,32 @@ class Scan:
                 part = Block(block.slice, np.array(left), block.pattern)
                 self._reconstruct(source, plan, part, self._heads, now)
         self._pictures.finish()
+        if maps:
+            self._send_maps(plan, source, maps)
         report.images, report.clipped = self._pictures.count, self._pictures.clipped
         if report.clipped:
             self._session.warn(
                 f"{report.clipped} pixels were brighter than the scale of the first volume allows "
                 "and have been clipped"
             )
+
+    def _send_maps(self, plan, source, names):
+        try:
+            made = noise.maps(plan, source, names, self._magnitudes(plan))
+        except ValueError as error:
+            self._session.warn(f"no maps are sent: {error}")
+            return
+        for name, values in made.items():
+            for index in plan.kept[0]:
+                head = self._heads[source.image(index, 0)[1][0]]
+                self._pictures.add_map(name, index, values[:, :, :, index], head)
+
+    def _magnitudes(self, plan):
+        """The images that were made, where maps need them."""
+        image = np.zeros(plan.image_shape, np.float32, order="F")
+        for (index, repetition), values in self._made.items():
+            image[:, :, :, index, :, repetition] = values
+        return image
 
     def _holds(self, plan, source):
         """Whether the images that were sent early are those of the whole scan."""

@@ -19,7 +19,7 @@ import nibabel
 import numpy as np
 import pytest
 
-from ctessel import _raw, arrived, cli, phantom, send, serve, session, stream
+from ctessel import _raw, arrived, cli, noise, phantom, pipeline, raw, send, serve, session, stream
 from ctessel.acquisitions import HEAD, NOISE
 
 
@@ -387,6 +387,20 @@ def test_one_scale_holds_for_a_series(tmp_path, server):
     assert peaks.max(0).tolist() == [2047, pytest.approx(3070, abs=1), 4095]
     clipped = server.report()["clipped"]
     assert clipped > 0 and f"{clipped} pixels" in peer.lines[-1]
+
+
+def test_maps_of_noise_are_series_of_their_own(tmp_path, server):
+    phantom.write(tmp_path / "p.h5", "noise", size=32, coils=4, slices=2, repetitions=2)
+    images = send.Sender(tmp_path / "p.h5").exchange(server.address, "", '{"maps-out": "g,sd,snr"}')
+    scan = raw.read(tmp_path / "p.h5", cut=True)
+    plan = pipeline.plan(scan, pipeline.Options(combine="sos"))
+    result = pipeline.reconstruct(scan, plan=plan)
+    want = noise.maps(plan, scan, ("g", "sd", "snr"), result.image)
+    for series, name, role in ((10, "g", "Gfactor"), (11, "snr", "SNR_MAP"), (12, "sd", "STD_MAP")):
+        own = [image for image in images if image[0]["image_series_index"] == series]
+        assert {tuple(attributes["DataRole"]) for _, attributes, _ in own} == {(role,)}
+        got = send.assembled(own)
+        np.testing.assert_array_equal(got.reshape(want[name].shape), want[name])
 
 
 def test_options_come_from_command_config_and_text(tmp_path):
