@@ -8,11 +8,13 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import reconstruct, slabs
+from . import noise, reconstruct, slabs
 from .fourier import remove_oversampling, resize
 from .scan import Layout
 from .steps import homodyne_recon
 
+#: Replicas for maps of noise: a relative error of a tenth is enough to look at.
+REPLICAS = 25
 #: Coils that are shown at most.
 MOST_COILS = 16
 
@@ -60,6 +62,29 @@ def look(plan, source):
     if alike:
         volume = zero if whole else _stack(plan, source, first)
     return Seen(plane, energy, coils, volume, maps, phase, source.layout)
+
+
+def noise_maps(plan, source, image, made):
+    """Maps of noise: those that the run has `made` of all slices, others of the middle slice alone.
+
+    Returns
+    -------
+    dict of str and ndarray
+        As `ctessel.noise.maps` returns it; fewer where the scan cannot have all.
+    str
+        Why there are no others.
+    """
+    middle, reason = len(plan.kept[0]) // 2, ""
+    part = replace(plan, kept=(plan.kept[0][middle : middle + 1], *plan.kept[1:]))
+    for left_out in ((), ("sd", "snr")):
+        names = [name for name in noise.NAMES if name not in (*made, *left_out)]
+        try:
+            more = noise.maps(part, source, names, image[:, :, :, middle : middle + 1], replicas=REPLICAS)
+        except ValueError as error:
+            reason = str(error).split(";")[0]
+        else:
+            return {**made, **more}, reason
+    return made, reason
 
 
 def _frames(source, index, block):

@@ -38,6 +38,10 @@ class Job:
                     self.noise_maps = noise.maps(
                         self.plan, source, self.arguments.maps_out, result.image, progress=progress
                     )
+            if self.arguments.report:
+                self._noise = inspection.noise_maps(
+                    self.plan, source, result.image, self.noise_maps
+                )
         if not np.isfinite(result.image).all():
             raise raw.RawError(
                 f"{self.found.path}: its image is not finite, its samples are too large; "
@@ -119,8 +123,7 @@ class Job:
             self.plan,
             result,
             self._seen,
-            {},
-            "",
+            *self._noise,
             self.affine,
             self.arguments.command_line,
         )

@@ -94,6 +94,12 @@ def test_a_report_says_what_was_done_without_javascript(tmp_path, kind, changes)
     assert all(i["alt"] for i in made.all("img"))
     assert "http:" not in text and "https:" not in text
     assert made.picture("error of the image").max() > 0
+    if kind == "noise":
+        for map in ("g-factor", "SNR", "Residual"):
+            assert made.picture(map).max() > 0
+        assert any("SNR inside the object, one slice" in caption for caption in made.words["figcaption"])
+    else:
+        assert "Maps that are not here" in text
 
 
 def test_pictures_are_of_this_runs_arrays(tmp_path):
