@@ -26,7 +26,7 @@ def opened(*pages):
 
 def test_pages_need_nothing_and_the_viewer_shows_what_is_asked_for(tmp_path, monkeypatch):
     phantom.write(scan := tmp_path / "s.h5", "noise", size=48, coils=4, slices=3)
-    report = ["recon", str(scan), "-o", str(tmp_path / "i.nii"), "--report"]
+    report = ["recon", str(scan), "-o", str(tmp_path / "i.nii"), "--maps-out", "g,snr", "--report"]
     assert cli.main([*report, str(tmp_path / "report.html")]) == 0
     image = nibabel.load(tmp_path / "i.nii")
     image.header["descrip"] = b"</script><!--"
@@ -43,7 +43,8 @@ def test_pages_need_nothing_and_the_viewer_shows_what_is_asked_for(tmp_path, mon
     assert "shots" not in told["longlo"]
     if not page.importlib.resources.files("ctessel").joinpath("niivue.umd.js").is_file():
         pytest.skip("ctessel was installed without the viewer")
-    first, slice_, overlay, faint, without, window = told["view"]["shots"]
-    assert len({first, slice_, overlay, faint, window}) == 5 and without == slice_
+    for name in ("view", "report"):
+        first, slice_, overlay, faint, without, window = told[name]["shots"]
+        assert len({first, slice_, overlay, faint, window}) == 5 and without == slice_
     before, after = told["report"]["beside"]
     assert before != after
