@@ -33,6 +33,7 @@ class Job:
                 self._seen = inspection.look(self.plan, source)
             with show("reconstructing", "volumes") as progress:
                 result = pipeline.reconstruct(source, None, progress, client, plan=self.plan)
+            self._check_finite(result.image)
             if self.arguments.maps_out:
                 with show("maps", "slices") as progress:
                     self.noise_maps = noise.maps(
@@ -42,12 +43,14 @@ class Job:
                 self._noise = inspection.noise_maps(
                     self.plan, source, result.image, self.noise_maps
                 )
-        if not np.isfinite(result.image).all():
+        return result
+
+    def _check_finite(self, image):
+        if not np.isfinite(image).all():
             raise raw.RawError(
                 f"{self.found.path}: its image is not finite, its samples are too large; "
                 "convert the scanner's data again"
             )
-        return result
 
     def _source(self, client, show):
         """The file itself where all who work see it, or its samples."""
