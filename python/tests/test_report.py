@@ -3,8 +3,6 @@
 import base64
 import json
 import struct
-import subprocess
-import sys
 import warnings
 import zlib
 from html.parser import HTMLParser
@@ -121,14 +119,6 @@ def test_warnings_come_first_and_lost_lines_are_shown(tmp_path):
     assert made.words["h2"][0] == "Warnings"
     colours = made.picture("31 of 32 measured").reshape(-1, 3)
     assert (colours == (230, 80, 60)).all(1).sum() * 32 == len(colours)
-
-
-def test_samples_that_are_too_large_are_told_in_one_line(tmp_path):
-    scan = foreign.write(tmp_path / "s.h5", foreign.records(np.full((2, 16, 32), 1e38, np.complex64)), foreign.header(32, 16))
-    command = [sys.executable, "-m", "ctessel", "recon", str(scan), "-o", "i.nii", "--report", "r.html"]
-    run = subprocess.run(command, cwd=tmp_path, capture_output=True, text=True)
-    assert run.returncode == cli.DEFECT and run.stderr.count("\n") == 1 and "too large" in run.stderr
-    assert [p.name for p in tmp_path.iterdir()] == ["s.h5"]
 
 
 def test_scans_without_signal_have_a_report(tmp_path):
