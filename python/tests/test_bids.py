@@ -135,6 +135,6 @@ def test_the_standards_own_validator_finds_no_fault(tmp_path):
         (steady, "--combine", "phase"),
     )):  # fmt: skip
         assert recon(scan, "--bids", folder, "--subject", f"0{number}", *options) == 0
-    program = [f"{packages}/node_modules/.bin/bids-validator", "--json", str(folder)]
+    program = ["node", f"{packages}/node_modules/bids-validator/bin/bids-validator", "--json", str(folder)]
     run = subprocess.run(program, capture_output=True, text=True)
     assert json.loads(run.stdout)["issues"]["errors"] == []
