@@ -507,7 +507,8 @@ int64_t tile_width(const SenseProblem& p) {
 
 /// Whether lines lie on the factors' own and need no neighbours, nor the last column one behind it.
 bool needs_no_neighbours(const SenseProblem& p) {
-  bool whole = p.factors.y.same_grid && p.factors.z.same_grid;
+  // A single column of images may lie on the first of many: nothing would look at the one behind it.
+  bool whole = p.nx == p.factors.nx && p.factors.y.same_grid && p.factors.z.same_grid;
   for (const auto& [axis, lines] :
        {std::pair(&p.y, p.factors.y.lines), {&p.z, p.factors.z.lines}}) {
     whole &= axis->lines == lines;

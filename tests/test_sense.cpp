@@ -303,6 +303,17 @@ TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") 
   }
 }
 
+TEST_CASE("A column of maps behind that of the image is blended in with weight 0", "[sense_recon]") {
+  Scene s({{2, 8, 1, 3}, {1, 4, 1}, {1, 8, 1}, false});
+  for (std::size_t i = 1; i < s.re.size(); i += 2) s.re[i] = NAN;
+  int fold[] = {1, 4, 1, 3}, out[] = {1, 8, 1, 1}, psi[] = {3, 3};
+  std::vector<float> re(8), im(8);
+  CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
+                       s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr, 1,
+                       out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+  CHECK(std::all_of(re.begin(), re.end(), [](float v) { return std::isnan(v); }));
+}
+
 TEST_CASE("Coils that lack a folded image or a map take no part, and nothing else is read",
           "[sense_recon]") {
   Scene s({{8, 8, 1, 3}, {8, 4, 1}, {8, 8, 1}, false});

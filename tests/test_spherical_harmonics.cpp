@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 
 #include "cTessel.h"
 #include "support.h"
@@ -13,6 +14,7 @@ template <class F>
 std::pair<int, bool> fate_of(const F& f) {
   int ends[2];
   REQUIRE(pipe(ends) == 0);
+  std::fflush(nullptr);  // or what waits to be written ends up in the pipe
   const pid_t child = fork();
   if (child == 0) {
     dup2(ends[1], 1);
