@@ -16,7 +16,7 @@ import numpy as np
 
 from . import __version__
 from .acquisitions import TICK
-from .files import printable
+from .scan import printable
 
 #: Suffixes that a scan alone can have, by folder. Others need files that nobody can make of it.
 SUFFIXES = {

@@ -14,7 +14,7 @@ import numpy as np
 
 from . import _ismrmrd, files, formats, nifti, raw, runtime, send, stored, stream
 from .acquisitions import CALIBRATION, HEAD, IGNORED, IMAGING, DefectError
-from .scan import Limit, Placement
+from .scan import Limit, Placement, printable
 
 _NAMESPACE = "http://www.ismrm.org/ISMRMRD"
 _IMAGE_COUNTERS = ("slice", "contrast", "repetition", "phase", "set", "average")
@@ -242,7 +242,7 @@ def _images_to_nifti(source, target, group):
     except ValueError as error:
         raise ValueError(f"{source}: {error}") from None
     with files.Staged() as staged:
-        sidecar = {"Sources": [files.printable(source)], "ImageType": "magnitude"}
+        sidecar = {"Sources": [printable(source)], "ImageType": "magnitude"}
         path = staged.path(target)
         nifti.write(path, volumes, matrix, known, 0.0, sidecar, staged.path(nifti.sidecar_path(target)))
         staged.commit()

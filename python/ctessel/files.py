@@ -15,7 +15,7 @@ from pathlib import Path
 
 from . import runtime
 
-__all__ = ["Staged", "check_folder", "check_output", "folder", "folders", "printable"]
+__all__ = ["Staged", "check_folder", "check_output", "folder", "folders"]
 
 PREFIX = ".ctessel-"
 LOCK = f"{PREFIX}lock"
@@ -171,8 +171,3 @@ def check_folder(path):
     there = next(p for p in (path, *path.parents) if p.exists())
     if not there.is_dir() or not os.access(there, os.W_OK | os.X_OK):
         raise ValueError(f"{there}: cannot be written to; name a folder that can")
-
-
-def printable(path):
-    """Name of a file without its folder, as text that every program can read."""
-    return os.fsencode(os.path.basename(path)).decode(errors="replace")

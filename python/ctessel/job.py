@@ -10,6 +10,7 @@ import numpy as np
 
 from . import acquisitions, bids, dicom, files, maps, nifti, noise, pipeline, raw, report, runtime
 from . import workers
+from .scan import printable
 
 
 @dataclass
@@ -359,7 +360,7 @@ def information(path, group, plot=None, **given):
     energy = sampling_view.profiles(found)
     if plot:
         with files.Staged() as staged:
-            sampling_view.save(staged.path(plot), layout, energy, files.printable(path))
+            sampling_view.save(staged.path(plot), layout, energy, printable(path))
             staged.commit()
     more = {"groups": raw.groups(found), **sampling_view.facts(found, layout, energy)}
     drawing = sampling_view.drawing(layout)

@@ -10,11 +10,10 @@ from math import prod
 import numpy as np
 
 from . import __version__, coverage, maps
-from .files import printable
 from .gradients import Coefficients
 from .partial import clipped
 from .sampling import Lattice, calibration_block, partial_ranges
-from .scan import Placement, times_text
+from .scan import Placement, printable, times_text
 from .steps import PLANE_KERNEL, noise_covariance, usable_ranges
 from .warp import scan_grid, warnings_of
 

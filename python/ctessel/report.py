@@ -6,7 +6,7 @@ import numpy as np
 import scipy
 
 from . import __version__, png, raw, runtime
-from .files import printable
+from .scan import printable
 
 #: Python with its modules, blocks of the file, and freed memory that is kept.
 INTERPRETER = 160_000_000

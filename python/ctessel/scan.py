@@ -1,5 +1,6 @@
 """One Cartesian scan in memory: what a raw file is read into and what the pipeline takes."""
 
+import os
 from dataclasses import dataclass, field
 
 import numpy as np
@@ -11,6 +12,11 @@ AXES = ("x", "y", "z", "coil", "slice", "echo", "repetition")
 def times_text(numbers):
     """Extents as people write them, 64 x 48 x 1."""
     return " x ".join(f"{n:g}" for n in numbers)
+
+
+def printable(path):
+    """Name of a file without its folder, as text that every program can read."""
+    return os.fsencode(os.path.basename(path)).decode(errors="replace")
 
 
 @dataclass

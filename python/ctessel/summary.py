@@ -7,7 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from . import __version__, methods, page, phantom, png, raw, report
-from .files import printable
+from .scan import printable
 
 #: Maps that a reconstruction may have made: their names for people, colours from and to, what to look for.
 _MAPS = {

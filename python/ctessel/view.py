@@ -5,7 +5,7 @@ from pathlib import Path
 import numpy as np
 
 from . import files, methods, page, png
-from .files import printable
+from .scan import printable
 from .warp import opened, sidecar
 
 

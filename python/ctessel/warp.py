@@ -15,7 +15,8 @@ import numpy as np
 from scipy import ndimage
 
 from . import _core, nifti, runtime
-from .files import Staged, check_output, printable
+from .files import Staged, check_output
+from .scan import printable
 from .gradients import Coefficients
 
 __all__ = [
