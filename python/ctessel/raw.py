@@ -37,7 +37,7 @@ __all__ = [
 
 BLOCK_BYTES = 4 << 20
 #: HDF5's words for a group that is not there.
-NO_GROUP = ("component not found", "doesn't exist", "not a group", "no name")
+NO_GROUP = ("component not found", "doesn't exist", "not a group", "no name", "empty string")
 
 
 class RawError(ValueError):
@@ -392,7 +392,8 @@ def _reason(text, path, group):
         return f'{text.split(" in ")[0]} in its group "{group}"; copy or convert it again'
     if text.startswith("no header") or any(words in text for words in NO_GROUP):
         return f'no raw data in its group "{group}"; {_other_groups(path)}'
-    if "external" in text:
+    # HDF5 1.14 names no file where a link cannot be followed; of the file itself it tells an errno.
+    if "external" in text or text == "can't open file":
         return f'its group "{group}" lies in another file, which cannot be opened; copy that as well'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
