@@ -303,7 +303,7 @@ TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") 
   }
 }
 
-TEST_CASE("A column of maps behind that of the image is blended in with weight 0", "[sense_recon]") {
+TEST_CASE("A column of maps behind that of the image takes part with weight 0", "[sense_recon]") {
   Scene s({{2, 8, 1, 3}, {1, 4, 1}, {1, 8, 1}, false});
   for (std::size_t i = 1; i < s.re.size(); i += 2) s.re[i] = NAN;
   int fold[] = {1, 4, 1, 3}, out[] = {1, 8, 1, 1}, psi[] = {3, 3};
