@@ -517,6 +517,19 @@ bool needs_no_neighbours(const SenseProblem& p) {
   return whole && (p.x.fraction.back() == 0 || p.x.index.back() + 1 < p.factors.nx);
 }
 
+/// Tiles that were unfolded directly although the one behind them is not finite. Behind the last column
+/// comes the first one.
+std::vector<Range> beside_not_finite(const std::vector<Done>& tiles) {
+  const auto nx = static_cast<int64_t>(tiles.size());
+  std::vector<Range> found;
+  for (int64_t x = 0; x < nx; x = tiles[size(x)].end) {
+    const Done& here = tiles[size(x)];
+    const Done& next = tiles[size(here.end < nx ? here.end : 0)];
+    if (here.kind == Kind::kDirect && next.kind == Kind::kNotFinite) found.push_back({x, here.end});
+  }
+  return found;
+}
+
 }  // namespace
 
 void ctessel::unfold_volumes(const SenseProblem& p) {
@@ -530,14 +543,13 @@ void ctessel::unfold_volumes(const SenseProblem& p) {
       tiles[size(x)] = unfold_tile(p, {x, std::min(x + width, end)}, direct, own);
     }
   });
-  // The right neighbour of the last column is the first one.
-  std::vector<Range> again;
-  for (int64_t x = 0; x < p.nx; x = tiles[size(x)].end) {
-    const Done& here = tiles[size(x)];
-    const Done& next = tiles[size(here.end < p.nx ? here.end : 0)];
-    if (here.kind == Kind::kDirect && next.kind == Kind::kNotFinite) again.push_back({x, here.end});
+  // A tile that is unfolded again may find that it is not finite either, through the column behind it.
+  for (auto again = beside_not_finite(tiles); !again.empty(); again = beside_not_finite(tiles)) {
+    for_each_chunk(static_cast<int64_t>(again.size()), [&](int64_t begin, int64_t end) {
+      for (int64_t i = begin; i < end; ++i) {
+        const Range& columns = again[size(i)];
+        tiles[size(columns.begin)] = unfold_tile(p, columns, false, own);
+      }
+    });
   }
-  for_each_chunk(static_cast<int64_t>(again.size()), [&](int64_t begin, int64_t end) {
-    for (int64_t i = begin; i < end; ++i) unfold_tile(p, again[size(i)], false, own);
-  });
 }

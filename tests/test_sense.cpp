@@ -314,6 +314,26 @@ TEST_CASE("A column of maps behind that of the image takes part with weight 0", 
   CHECK(std::all_of(re.begin(), re.end(), [](float v) { return std::isnan(v); }));
 }
 
+TEST_CASE("What is not finite spreads to the left as far as without tiles", "[sense_recon]") {
+  constexpr int kColumns = 3;
+  Scene s({{kColumns, 2, 1, 1}, {kColumns, 2, 1}, {kColumns, 2, 1}, false});
+  s.re[kColumns] = INFINITY;  // behind the last column of the line before
+  Eigen::VectorXcd f = Eigen::VectorXcd::Zero(s.factor_dims.prod());
+  s.factors(f);
+  std::vector<float> want_re(6), want_im(6);
+  unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
+         s.edges_y.data(), s.edges_z.data(), want_re.data(), want_im.data());
+  CHECK(std::count_if(want_re.begin(), want_re.end(), [](float v) { return std::isnan(v); }) > 2);
+  with_thread_counts([&] {
+    int fold[] = {kColumns, 2, 1, 1}, out[] = {kColumns, 2, 1, 1}, psi[] = {1, 1};
+    std::vector<float> re(6), im(6);
+    CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
+                         s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
+                         1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+    for (std::size_t i = 0; i < 6; ++i) CHECK((same(re[i], want_re[i]) && same(im[i], want_im[i])));
+  });
+}
+
 TEST_CASE("Coils that lack a folded image or a map take no part, and nothing else is read",
           "[sense_recon]") {
   Scene s({{8, 8, 1, 3}, {8, 4, 1}, {8, 8, 1}, false});
