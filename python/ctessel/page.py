@@ -83,11 +83,11 @@ class Page:
 
     def viewer(self):
         """A section with the viewer of the volumes that were embedded."""
-        self.section("Volumes", _viewer(self._volumes, library()))
+        self.section("Volumes", _viewer(self._volumes, viewer_code()))
 
     def text(self):
         """The page."""
-        viewer = library() if self._volumes else None
+        viewer = viewer_code() if self._volumes else None
         data = sum(len(volume["base64"]) for volume in self._volumes)
         body = "".join(self._parts)
         script = (_VIEWER % (base64.b64encode(viewer).decode(), _data(self._volumes))) if viewer else ""
@@ -142,7 +142,7 @@ def histogram(values, words, caption, unit=""):
 # ---- Volumes -------------------------------------------------------------------------------------
 
 
-def library():
+def viewer_code():
     """The viewer's library, packed; None where it is not installed."""
     file = importlib.resources.files(__package__).joinpath(LIBRARY)
     return gzip.compress(file.read_bytes(), 9, mtime=0) if file.is_file() else None

@@ -163,11 +163,11 @@ def test_a_page_that_cannot_be_is_refused_before_reading(tmp_path, capsys, monke
 
 
 def test_pages_are_small_volumes_are_capped_and_a_missing_viewer_is_told(tmp_path, monkeypatch):
-    packed = page.library()
+    packed = page.viewer_code()
     monkeypatch.setattr(page, "MOST_VOXELS", 1000)
     monkeypatch.setattr(page, "LIBRARY", "none.js")
     ramp = np.broadcast_to(np.arange(64.0)[:, None, None], (64, 48, 5))
-    assert not page.library() and len(packed or b"") < 0.85e6
+    assert not page.viewer_code() and len(packed or b"") < 0.85e6
     made = page.Page("a")
     made.volume("b", ramp, np.diag([2.0, 2, 3, 1]))
     made.viewer()
