@@ -283,7 +283,15 @@ def test_folders_for_samples_of_killed_runs_go_and_those_in_use_stay(tmp_path):
     assert not list(tmp_path.iterdir())
 
 
-def test_a_signal_waits_while_files_get_their_names(tmp_path, monkeypatch):
+@pytest.fixture
+def interruptible():
+    """Processes that a shell starts in the background ignore the signal of the keyboard."""
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
+    yield
+    signal.signal(signal.SIGINT, before)
+
+
+def test_a_signal_waits_while_files_get_their_names(tmp_path, monkeypatch, interruptible):
     replace, came = os.replace, []
 
     def interrupted(old, new):
