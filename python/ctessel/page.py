@@ -4,6 +4,7 @@ All of it is there without JavaScript, but the viewer. Whatever comes from files
 """
 
 import base64
+import functools
 import gzip
 import html
 import importlib.resources
@@ -83,11 +84,15 @@ class Page:
 
     def viewer(self):
         """A section with the viewer of the volumes that were embedded."""
-        self.section("Volumes", _viewer(self._volumes, viewer_code()))
+        self.section("Volumes", _viewer(self._volumes, self._code))
+
+    @functools.cached_property
+    def _code(self):
+        return viewer_code()
 
     def text(self):
         """The page."""
-        viewer = viewer_code() if self._volumes else None
+        viewer = self._code if self._volumes else None
         data = sum(len(volume["base64"]) for volume in self._volumes)
         body = "".join(self._parts)
         script = (_VIEWER % (base64.b64encode(viewer).decode(), _data(self._volumes))) if viewer else ""
