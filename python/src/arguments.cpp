@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kAligned = 0x0100;  // NumPy's flag
 
+/// Numbers of the other byte order have the same kind and size.
 bool native(const py::dtype& t) { return t.byteorder() != '>'; }
 bool is_complex64(const py::dtype& t) { return t.kind() == 'c' && t.itemsize() == 8 && native(t); }
 bool is_float32(const py::dtype& t) { return t.kind() == 'f' && t.itemsize() == 4 && native(t); }
@@ -34,14 +35,15 @@ bool fits(const py::dtype& t, Kind kind) {
   return (kind != Kind::kReal && is_complex64(t)) || (kind != Kind::kComplex && is_float32(t));
 }
 
-/// Numbers of any type as complex64 or float32.
+/// Numbers of any type as complex64 or float32. Masked entries would count as samples, and of complex
+/// numbers for a real argument the imaginary parts would be lost: both are refused. So is what NumPy
+/// would convert although it is no number, as texts and dates.
 py::array as_samples(py::handle object, const char* name, Kind kind) {
   const std::string expected = std::string("an array of ") + type_text(kind);
   if (py::hasattr(object, "mask") && py::hasattr(object, "filled")) {
     fail_type(name, expected + " (fill the masked entries first)", "a masked array");
   }
-  auto a = py::array::ensure(object);
-  PyErr_Clear();
+  const auto a = py::array::ensure(object);
   if (!a || std::string("cfiub").find(a.dtype().kind()) == std::string::npos) {
     fail_type(name, expected, describe(object));
   }
@@ -51,6 +53,7 @@ py::array as_samples(py::handle object, const char* name, Kind kind) {
   return a.attr("astype")(complex ? "complex64" : "float32");
 }
 
+/// Kernels count along an axis with int.
 void check_extents(const py::array& a, const char* name) {
   for (py::ssize_t d = 0; d < a.ndim(); ++d) {
     if (a.shape(d) > INT_MAX) {
@@ -65,7 +68,7 @@ void check_apart(const ConstSamples& result, const ConstSamples& read, const cha
   fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
 }
 
-/// A writable array of exactly this shape and kind of sample.
+/// A writable array of exactly this shape and kind of sample: the caller's own, or an error.
 Samples output(py::handle object, const char* name, const Extents& shape, bool complex) {
   const Kind kind = complex ? Kind::kComplex : Kind::kReal;
   const std::string expected = std::string("an array of ") + type_text(kind);
@@ -83,7 +86,7 @@ py::dtype sample_type(const Layout& l) {
   return l.complex ? py::dtype::of<std::complex<float>>() : py::dtype::of<float>();
 }
 
-/// Strides in bytes of memory without gaps.
+/// Strides in bytes of memory without gaps. Counts it, before it is asked for.
 Extents strides_of(const Layout& l) {
   std::vector<std::size_t> order(l.shape.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
@@ -151,6 +154,7 @@ std::string describe(py::handle object) {
 
 Samples view_of(const py::array& a) {
   const bool complex = a.itemsize() == 8;
+  // mutable_data() would refuse read-only arrays, which may well be read.
   auto* floats = static_cast<float*>(const_cast<void*>(a.data()));
   Extents strides(a.strides(), a.strides() + a.ndim());
   for (std::ptrdiff_t& step : strides) step /= static_cast<std::ptrdiff_t>(sizeof(float));
@@ -196,7 +200,7 @@ void check_extent(const ConstSamples& v, const char* name, int axis, std::ptrdif
 }
 
 void check_count(const Extents& shape, const char* name) {
-  double count = 1;
+  double count = 1;  // in whole numbers the product could wrap round to a small one
   for (std::ptrdiff_t n : shape) count *= static_cast<double>(n);
   if (count > 1e18) fail_value(name, "at most 10^18 samples", "shape " + text_of(shape));
 }
@@ -210,6 +214,8 @@ py::array new_zeros(const Layout& layout) {
   std::size_t count = 1;
   for (std::ptrdiff_t n : layout.shape) count *= static_cast<std::size_t>(n);
   const Extents strides = strides_of(layout);
+  // Fresh pages are zeros already: calloc writes none, so that each is first touched by the thread
+  // that works on it.
   void* memory = std::calloc(std::max<std::size_t>(count, 1), item);
   if (!memory) throw std::bad_alloc();
   ask_for_large_pages(memory, count * item);
@@ -220,7 +226,7 @@ py::array new_zeros(const Layout& layout) {
 Result result(const Input& data, py::handle object, py::handle out, bool inplace) {
   const bool complex = data.view.im;
   if (inplace && !out.is_none()) fail_value("out", "None beside inplace=True", describe(out));
-  if (inplace || out.is(object)) {
+  if (inplace || out.is(object)) {  // the caller's own object: what `input` converted is a copy
     const Samples v = output(object, inplace ? "data" : "out", data.view.extents, complex);
     return {py::reinterpret_borrow<py::object>(object), v, true};
   }
@@ -237,7 +243,7 @@ Result result(const std::vector<ConstSamples>& read, py::handle out, const Layou
   for (const ConstSamples& r : read) check_apart(v, r, "out");
   constexpr float kZero[2] = {0, 0};
   if (zeros) {
-    const Extents still(v.extents.size(), 0);
+    const Extents still(v.extents.size(), 0);  // one sample for all
     ctessel::copy({kZero, v.im ? kZero + 1 : nullptr, v.extents, still}, v);
   }
   return {py::reinterpret_borrow<py::object>(out), v, false};
@@ -252,7 +258,7 @@ void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, c
 thread_local double bytes_of_call = 0;
 
 void fail_memory(const char* routine) {
-  char text[200];
+  char text[200];  // no string: there is no memory
   std::snprintf(text, sizeof text, "%s: not enough memory; its arrays take %.0f MB", routine,
                 bytes_of_call / 1e6);
   PyErr_SetString(PyExc_MemoryError, text);
@@ -276,6 +282,7 @@ int whole_number(py::handle object, const std::string& name, long least, long mo
 }
 
 double number(py::handle object, const std::string& name) {
+  // Complex numbers of NumPy would convert, with a warning that their imaginary parts are lost.
   const bool odd = PyComplex_Check(object.ptr()) || py::isinstance<py::str>(object);
   const double value = odd ? 0.0 : PyFloat_AsDouble(object.ptr());
   if (odd || PyErr_Occurred()) {
@@ -290,6 +297,7 @@ std::string entry_name(const char* name, std::size_t i) {
   return std::string(name) + "[" + std::to_string(i) + "]";
 }
 
+// A text is a sequence too, of its letters.
 std::vector<py::object> entries(py::handle object, const char* name, std::size_t least,
                                 std::size_t most) {
   const std::string expected =

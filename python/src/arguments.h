@@ -1,5 +1,10 @@
 // From Python objects to views and numbers, with errors that name the argument, what was expected
-// and what was got. Everything here needs the interpreter's lock.
+// and what was got. Everything here needs the interpreter's lock, but the kernel that `run` calls.
+//
+// What NumPy gives is taken: samples of complex64 and float32 where they lie, whatever their strides
+// and order, so that no call copies what a kernel can read; numbers of other types by one conversion.
+// Results are not converted. They are written through views, and a converted `out` would be a copy
+// that its owner never sees.
 #pragma once
 
 #include <omp.h>
@@ -34,8 +39,9 @@ std::string describe(py::handle object);
 /// Samples that a routine takes: complex ones, real ones, or either.
 enum class Kind { kComplex, kReal, kEither };
 
-/// A view of an array and the array. complex64 and float32 are used where they lie; other numbers are
-/// converted to them, and samples that are not aligned are copied.
+/// A view of an array and the array, which keeps the samples alive: views own nothing. complex64 and
+/// float32 are used where they lie; other numbers are converted to them, and samples that are not
+/// aligned are copied, as their strides need not be whole floats.
 struct Input {
   Samples view;
   py::object holder;
@@ -53,7 +59,8 @@ void check_extent(const ConstSamples& v, const char* name, int axis, std::ptrdif
 void check_count(const Extents& shape, const char* name);
 
 /// Extents of an array to come, whether its samples are complex, and its order of axes in memory, by
-/// the strides of another.
+/// the strides of another: a result is laid out as its data are, so that a kernel walks through both
+/// in one order. Without strides the first axis is the fastest.
 struct Layout {
   Extents shape;
   bool complex;
@@ -62,6 +69,7 @@ struct Layout {
 py::array new_array(const Layout& layout);
 py::array new_zeros(const Layout& layout);
 
+/// Of an array of complex64 or float32. Kernels that only read take it as const.
 Samples view_of(const py::array& a);
 
 /// With one more axis, of extent 1: kernels that combine coils want theirs to stay.
@@ -78,12 +86,15 @@ struct Result {
 Result result(const Input& data, py::handle object, py::handle out, bool inplace);
 
 /// `out` when given, of this shape and kind and apart from what is read; otherwise a new array.
+/// `zeros` for kernels that add to their output or write parts of it.
 Result result(const std::vector<ConstSamples>& read, py::handle out, const Layout& layout,
               bool zeros);
 
 /// A result may replace samples that are read at the same place only.
 void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, const char* name);
 
+/// Of anything that Python takes as an index, NumPy's integers too; not of bool, which is one as well,
+/// nor of floats, whose fraction would be lost in silence.
 int whole_number(py::handle object, const std::string& name, long least, long most);
 double number(py::handle object, const std::string& name);
 
@@ -117,12 +128,22 @@ class Threads {
   int before_;
 };
 
+/// Runs a kernel on the wanted number of threads, without the interpreter's lock. Nothing in it may
+/// touch a Python object, nor count references to one, as copies of handles do; the arguments of the
+/// call hold the arrays until it is done.
+template <class Kernel>
+void run(const Threads& /*team*/, const Kernel& kernel) {
+  const py::gil_scoped_release unlocked;
+  kernel();
+}
+
 /// Bytes of the arrays of the call that the thread is in: what a message about memory names.
 extern thread_local double bytes_of_call;
 
 [[noreturn]] void fail_memory(const char* routine);
 
 /// Defines a function; where its memory runs out the message names it, and the size of its arrays.
+/// Memory runs out here or in NumPy, which raises an error of its own.
 template <class R, class... Args>
 void define(py::module_& m, const char* name, R (*function)(Args...)) {
   m.def(name, [=](Args... args) -> R {

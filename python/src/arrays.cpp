@@ -10,6 +10,7 @@ namespace {
 
 using std::ptrdiff_t;
 
+/// By default the axes in space: what lies behind them, coils or repetitions, has no centre.
 std::vector<Dim> axes_of(py::handle axes, int ndim) {
   std::vector<Dim> list;
   if (axes.is_none()) {
@@ -26,24 +27,26 @@ std::vector<Dim> axes_of(py::handle axes, int ndim) {
   return list;
 }
 
+/// In place an axis is rotated without another array; otherwise rows go to where they belong in one
+/// pass, which is faster than a copy that is then rotated.
 template <bool Forward>
 py::object shifted(py::handle data, py::handle axes, py::handle out, bool inplace,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
   const std::vector<Dim> list = axes_of(axes, in.view.ndim());
   const Result to = result(in, data, out, inplace);
-  const Threads team(threads, in.view.size());
-  const py::gil_scoped_release unlocked;
-  if (to.same) {
-    Forward ? ctessel::fftshift(to.view, list) : ctessel::ifftshift(to.view, list);
-  } else {
-    Forward ? ctessel::fftshift(in.view, to.view, list)
-            : ctessel::ifftshift(in.view, to.view, list);
-  }
+  run({threads, in.view.size()}, [&] {
+    if (to.same) {
+      Forward ? ctessel::fftshift(to.view, list) : ctessel::ifftshift(to.view, list);
+    } else {
+      Forward ? ctessel::fftshift(in.view, to.view, list)
+              : ctessel::ifftshift(in.view, to.view, list);
+    }
+  });
   return to.array;
 }
 
-/// The target extents: the given ones, then the data's own.
+/// The target extents: the given ones, then the data's own. Pairs are counted in floats.
 Extents padded_shape(const ConstSamples& data, py::handle shape) {
   const std::size_t most = std::min<std::size_t>(3, data.extents.size());
   Extents target = data.extents;
@@ -61,12 +64,12 @@ py::object zero_pad(py::handle data, py::handle shape, py::handle out, py::handl
   const bool complex = in.view.im;
   const Result to =
       result({in.view}, out, {padded_shape(in.view, shape), complex, in.view.strides}, true);
-  const Threads team(threads, to.view.size());
-  const py::gil_scoped_release unlocked;
-  ctessel::zero_pad(in.view, to.view);
+  run({threads, to.view.size()}, [&] { ctessel::zero_pad(in.view, to.view); });
   return to.array;
 }
 
+/// Axes that the data lack have extent 1, which a flat window leaves as it is. By default each window
+/// is as wide as its axis.
 ctessel::RingingWindow window_of(const ConstSamples& data, py::handle strength, py::handle width) {
   ctessel::RingingWindow w{{0, 0, 0}, {1, 1, 1}};
   const std::size_t axes = std::min<std::size_t>(3, data.extents.size());
@@ -88,9 +91,7 @@ py::object ringing_filter(py::handle data, py::handle strength, py::handle width
   const Input in = input(data, "data", Kind::kEither);
   const ctessel::RingingWindow window = window_of(in.view, strength, width);
   const Result to = result(in, data, out, inplace);
-  const Threads team(threads, in.view.size());
-  const py::gil_scoped_release unlocked;
-  ctessel::ringing_filter(in.view, to.view, window);
+  run({threads, in.view.size()}, [&] { ctessel::ringing_filter(in.view, to.view, window); });
   return to.array;
 }
 

@@ -8,6 +8,7 @@ namespace {
 
 using Combine = void (*)(const ConstSamples&, Dim, const Samples&);
 
+/// The coils' axis is gone from the result. Zeros, as a sum of squares goes on from what is there.
 py::object combine(Combine kernel, bool complex, py::handle data, py::handle axis, py::handle out,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
@@ -16,9 +17,7 @@ py::object combine(Combine kernel, bool complex, py::handle data, py::handle axi
   layout.shape.erase(layout.shape.begin() + coil);
   layout.like.erase(layout.like.begin() + coil);
   const Result to = result({in.view}, out, layout, true);
-  const Threads team(threads, in.view.size());
-  const py::gil_scoped_release unlocked;
-  kernel(in.view, Dim(coil), with_axis(to.view, coil));
+  run({threads, in.view.size()}, [&] { kernel(in.view, Dim(coil), with_axis(to.view, coil)); });
   return to.array;
 }
 

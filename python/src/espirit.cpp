@@ -14,7 +14,7 @@ py::tuple espirit(py::handle calibration, py::handle size, py::handle kernel, py
   Extents shape(extents.begin(), extents.end());
   const py::array eigenvalue = new_array({shape, false, {}});
   shape.push_back(lines.view.extent(Dim::coil));
-  check_count(shape, "size");
+  check_count(shape, "size");  // the larger of the two
   const py::array maps = new_array({shape, true, {}});
   ctessel::EspiritOptions options;
   options.kernel = whole_number(kernel, "kernel", 1, INT_MAX);
@@ -22,11 +22,7 @@ py::tuple espirit(py::handle calibration, py::handle size, py::handle kernel, py
   options.crop = number(crop, "crop");
   options.eigenvalue = view_of(eigenvalue);
   const Samples out = view_of(maps);
-  const Threads team(threads);
-  {
-    const py::gil_scoped_release unlocked;
-    ctessel::espirit(lines.view, out, options);
-  }
+  run(Threads(threads), [&] { ctessel::espirit(lines.view, out, options); });
   return py::make_tuple(maps, eigenvalue);
 }
 

@@ -14,16 +14,17 @@ using std::ptrdiff_t;
 
 constexpr int kOrders = 14, kDegrees = 12, kZonal = 17;
 
+/// For tables and lists, which are short: converted and put side by side without asking.
 using Floats = py::array_t<float, py::array::c_style | py::array::forcecast>;
 
-/// Coefficients as floats: rows n = order, columns m = degree. Shorter tables end with zeros.
+/// Coefficients as floats: rows n = order, columns m = degree. Shorter tables end with zeros; all have
+/// the linear terms, by which the others are divided. Zonal terms may come as a list.
 std::vector<float> table_of(py::handle object, const char* name, ptrdiff_t rows,
                             ptrdiff_t columns) {
   const std::string expected = "an array of at most " + text_of({rows, columns}) +
                                (columns == 1 ? " or " + text_of({rows}) : "");
   const auto any = py::array::ensure(object);
   if (!any || std::string("fiu").find(any.dtype().kind()) == std::string::npos) {
-    PyErr_Clear();
     fail_type(name, "real numbers", describe(object));
   }
   const Extents shape(any.shape(), any.shape() + any.ndim());
@@ -63,6 +64,7 @@ Tables tables_of(py::handle coeff_x, py::handle coeff_y, py::handle coeff_z, boo
   return t;
 }
 
+/// As the parameters of the C interface are declared, which only read.
 template <int Columns>
 float (*rows_of(std::vector<float>& table))[Columns] {
   return reinterpret_cast<float(*)[Columns]>(table.data());
@@ -104,14 +106,12 @@ py::tuple geometry_correction(py::handle x, py::handle y, py::handle z, py::hand
   const Points points(in);
   const py::array out[] = {points.result(), points.result(), points.result()};
   const Samples to[] = {view_of(out[0]), view_of(out[1]), view_of(out[2])};
-  const Threads team(threads);
   const auto n = static_cast<int>(in[0].view.size());
-  {
-    const py::gil_scoped_release unlocked;
+  run(Threads(threads), [&] {
     TS_geometry_correction(points.values(0), points.values(1), points.values(2), to[0].re, to[1].re,
                            to[2].re, n, rows_of<kDegrees>(t.y), rows_of<kDegrees>(t.x),
                            rows_of<1>(t.z), r0);
-  }
+  });
   return py::make_tuple(out[0], out[1], out[2]);
 }
 
@@ -124,6 +124,7 @@ py::tuple realign(py::handle coeff_x, py::handle coeff_y, py::handle coeff_z) {
   return py::make_tuple(a, b, zonal);
 }
 
+/// Outside of [-1, 1] the recurrence takes roots of negative numbers.
 py::object legendre(py::handle l, py::handle m, const Floats& x) {
   const int order = whole_number(l, "l", 0, 1 << 20), degree = whole_number(m, "m", 0, order);
   for (ptrdiff_t i = 0; i < x.size(); ++i) {
@@ -135,6 +136,7 @@ py::object legendre(py::handle l, py::handle m, const Floats& x) {
   return py::vectorize(evaluate)(x);
 }
 
+/// The kernel numbers the table with int.
 py::array lookup(py::handle nl, py::handle nm, py::handle npts) {
   const int orders = whole_number(nl, "nl", 1, 1 << 15),
             degrees = whole_number(nm, "nm", 1, 1 << 15),
@@ -146,6 +148,7 @@ py::array lookup(py::handle nl, py::handle nm, py::handle npts) {
   return py::array(table);
 }
 
+/// Fills arrays that the package made: handles are passed by value, their samples are not.
 void polar(const Floats& x, const Floats& y, const Floats& z, Floats r, Floats theta, Floats phi) {
   for (ptrdiff_t i = 0; i < x.size(); ++i) {
     float out[3];

@@ -16,6 +16,7 @@ using ctessel::FieldPoints;
 using ctessel::GradientField;
 using std::ptrdiff_t;
 
+/// The inverse goes on until a step is at most 1e-9 of the radius, which single precision cannot tell.
 using Doubles = py::array_t<double, py::array::c_style | py::array::forcecast>;
 using Term = std::tuple<int, bool, int, int, double>;
 
@@ -27,7 +28,9 @@ GradientField field_of(const std::vector<Term>& terms, double radius) {
   return {list, radius};
 }
 
-/// Points (..., 3), or a grid's voxels: its shape, and rows 0 to 2 of its affine.
+/// Points (..., 3), or a grid's voxels: its shape, and rows 0 to 2 of its affine. A grid's positions
+/// are made as they are needed; an array of them would take three times the memory of the image. Points
+/// of a list stay in the caller's array, which has to outlive this.
 struct Points {
   Points(const Doubles& values, const py::object& grid) {
     if (grid.is_none()) {
@@ -54,6 +57,7 @@ struct Points {
   FieldPoints points;
 };
 
+/// Position, displacement, Jacobian and determinant, of which those that are not wanted cost nothing.
 py::tuple evaluate(const GradientField& field, const Doubles& values, const py::object& grid,
                    const std::vector<bool>& wanted, py::handle threads) {
   const Points p(values, grid);
@@ -64,31 +68,25 @@ py::tuple evaluate(const GradientField& field, const Doubles& values, const py::
     results[k] = k == 3 ? p.results({}) : k == 2 ? p.results({3, 3}) : p.results({3});
     out[k] = results[k].mutable_data();
   }
-  const Threads team(threads);
-  {
-    const py::gil_scoped_release unlocked;
-    field.evaluate(p.points, {out[0], out[1], out[2], out[3]});
-  }
+  run(Threads(threads), [&] { field.evaluate(p.points, {out[0], out[1], out[2], out[3]}); });
   return py::make_tuple(results[0], results[1], results[2], results[3]);
 }
 
+/// The inverse, and for how many points there is none.
 py::tuple inverse(const GradientField& field, const Doubles& values, const py::object& grid,
                   py::handle threads) {
   const Points p(values, grid);
   Doubles out = p.results({3});
   double* to = out.mutable_data();
   ptrdiff_t lost = 0;
-  const Threads team(threads);
-  {
-    const py::gil_scoped_release unlocked;
-    lost = field.inverse(p.points, to);
-  }
+  run(Threads(threads), [&] { lost = field.inverse(p.points, to); });
   return py::make_tuple(out, lost);
 }
 
 }  // namespace
 
 void bind_gradient_field(py::module_& m) {
+  // Local: the same type of another extension would otherwise be taken for this one.
   py::class_<GradientField>(m, "GradientField", py::module_local())
       .def(py::init(&field_of))
       .def("evaluate", evaluate)

@@ -16,11 +16,14 @@ using Floats = py::array_t<float, py::array::c_style>;
 
 py::array linspace(py::handle start, py::handle stop, py::handle n) {
   const int count = whole_number(n, "n", 0, INT_MAX);
+  // The kernel's array is the caller's to delete, which NumPy could not; these few numbers are copied.
   const std::unique_ptr<float[]> grid(TS_linspace(static_cast<float>(number(start, "start")),
                                                   static_cast<float>(number(stop, "stop")), count));
   return py::array_t<float>(count, grid.get());
 }
 
+/// The kernel does not look: below -1 and beyond the extent it would read outside of the volume. NaN
+/// fails the comparison as well.
 void check_positions(const Floats& at, const char* name, ptrdiff_t extent) {
   for (ptrdiff_t i = 0; i < at.size(); ++i) {
     const float v = at.data()[i];
@@ -37,9 +40,9 @@ void linear_interpolation(py::handle volume, const Floats& x, const Floats& y, c
   check_positions(x, "x", in.view.extent(Dim::x));
   check_positions(y, "y", in.view.extent(Dim::y));
   check_positions(z, "z", in.view.extent(Dim::z));
-  const Samples to = view_of(out);
+  float* to = view_of(out).re;
   const py::gil_scoped_release unlocked;
-  ctessel::interpolate(in.view, {x.data(), y.data(), z.data()}, x.size(), to.re);
+  ctessel::interpolate(in.view, {x.data(), y.data(), z.data()}, x.size(), to);
 }
 
 double position(py::handle pos, py::handle idx, py::handle a, py::handle b) {
@@ -54,6 +57,8 @@ Eigen::VectorXi vector_of(py::handle object, const char* name) {
   return Eigen::Map<const Eigen::VectorXi>(values.data(), static_cast<Eigen::Index>(values.size()));
 }
 
+/// Subscripts past an extent carry into the next axis. An index that int cannot hold would wrap round to
+/// another entry.
 int sub2ind(py::handle dims, py::handle sub) {
   const Eigen::VectorXi n = vector_of(dims, "dims"), at = vector_of(sub, "sub");
   if (n.size() != at.size()) {
@@ -70,6 +75,7 @@ int sub2ind(py::handle dims, py::handle sub) {
   return TS_sub2ind(n, at);
 }
 
+/// In the array's own type: converted, a value that it cannot hold would be found as another one.
 template <class T>
 int find_in(const py::array& a, py::handle value) {
   long most = std::numeric_limits<T>::max(), least = std::numeric_limits<T>::min();
@@ -92,11 +98,9 @@ int find(py::handle array, py::handle value) {
   fail_type("array", expected, describe(array));
 }
 
+/// Without a team: the sum is one chain in extended precision, whatever the number of threads.
 double root_mean_square(py::handle data) {
   const Input in = input(data, "data", Kind::kEither);
-  if (in.view.size() > INT_MAX) {
-    fail_value("data", "at most 2147483647 samples", "shape " + text_of(in.view.extents));
-  }
   const py::gil_scoped_release unlocked;
   return ctessel::root_mean_square(in.view);
 }

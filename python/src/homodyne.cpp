@@ -16,7 +16,9 @@ std::string text_of(const ctessel::LineRange& range) {
   return py::str(py::make_tuple(range.first, range.last)).cast<std::string>();
 }
 
-/// A range whose lines are on the axis, and which the filter can use.
+/// A range whose lines are on the axis, and which the filter can use. The kernel takes others as well:
+/// it truncates fractions, clips, and keeps position 0 of an axis that it cannot use, which is an image
+/// of another shape than the caller expects.
 std::optional<ctessel::LineRange> range_of(py::handle object, int d, ptrdiff_t extent) {
   if (object.is_none()) return {};
   const char* name = kRangeNames[d];
@@ -40,6 +42,8 @@ std::optional<ctessel::LineRange> range_of(py::handle object, int d, ptrdiff_t e
   return range;
 }
 
+/// The weighted data, and their symmetric centre, which is taken first as the filter may be in place.
+/// Axes that the data lack have extent 1 and no range.
 py::tuple filter(py::handle data, py::handle kx, py::handle ky, py::handle kz, bool inplace,
                  py::handle threads) {
   const Input in = input(data, "data", Kind::kEither);
@@ -56,15 +60,14 @@ py::tuple filter(py::handle data, py::handle kx, py::handle ky, py::handle kz, b
   const Result to = result(in, data, py::none(), inplace);
   const py::array middle = new_array(centre);
   const Samples kept = view_of(middle);
-  const Threads team(threads, in.view.size());
-  {
-    const py::gil_scoped_release unlocked;
+  run({threads, in.view.size()}, [&] {
     ctessel::homodyne_centre(in.view, ranges, kept);
     ctessel::homodyne_filter(in.view, ranges, to.view);
-  }
+  });
   return py::make_tuple(to.array, middle);
 }
 
+/// Along x, y and z the phase is interpolated, along all other axes it belongs to one image.
 void check_low(const ConstSamples& data, const ConstSamples& low) {
   check_not_empty(low, "low");
   if (low.ndim() != data.ndim()) {
@@ -74,6 +77,8 @@ void check_low(const ConstSamples& data, const ConstSamples& low) {
   for (int d = 3; d < data.ndim(); ++d) check_extent(low, "low", d, data.extent(Dim(d)));
 }
 
+/// The image without the phase, and how many samples became NaN through it: where the low-resolution
+/// image is 0 it has no phase, of which the package warns.
 py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace,
                    py::handle threads) {
   const Input in = input(data, "data", Kind::kEither), image = input(low, "low", Kind::kEither);
@@ -81,15 +86,13 @@ py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace
   check_low(in.view, image.view);
   const Result to = result(in, data, out, inplace);
   check_apart_or_same(to.view, image.view, inplace ? "low" : "out");
-  const Threads team(threads, in.view.size());
-  ptrdiff_t lost;
-  {
-    const py::gil_scoped_release unlocked;
+  ptrdiff_t lost = 0;
+  run({threads, in.view.size()}, [&] {
     const ptrdiff_t before = ctessel::count_nan(in.view);
     if (!to.same) ctessel::copy(in.view, to.view);
     ctessel::remove_phase(to.view, image.view);
     lost = ctessel::count_nan(to.view) - before;
-  }
+  });
   return py::make_tuple(to.array, lost);
 }
 

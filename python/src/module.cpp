@@ -10,6 +10,8 @@ PYBIND11_MODULE(_core, m) {
   options.disable_function_signatures();
   m.attr("__version__") = CTESSEL_VERSION;
   m.def("max_threads", omp_get_max_threads);
+  // A child of fork() has none of its parent's threads, but OpenMP would wait for them: the package has
+  // them ended before it forks.
   m.def("release_threads", [] { omp_pause_resource_all(omp_pause_hard); });
   ctessel_python::bind_arrays(m);
   ctessel_python::bind_coils(m);

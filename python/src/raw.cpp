@@ -34,9 +34,11 @@ using namespace ctessel_lines;
 using Trajectory = py::array_t<float, py::array::f_style>;
 using WaveformSamples = py::array_t<std::uint32_t, py::array::f_style>;
 
-constexpr std::size_t kLongestHeader = 64 << 20;
+constexpr std::size_t kLongestHeader = 64 << 20;  // a damaged file may promise any length
 
-// One at a time: libismrmrd keeps its errors in one place, and HDF5 may be built without locks.
+// One at a time: libismrmrd keeps its errors in one place, and HDF5 may be built without locks. Who holds
+// it never waits for the interpreter's lock, which long reads give up before: two threads that held one
+// each would wait for ever.
 std::mutex file_lock;
 
 /// The deepest reason on libismrmrd's stack of errors, which is emptied.
@@ -47,6 +49,7 @@ std::string library_reason() {
   return reason.substr(0, reason.find('\n'));
 }
 
+/// HDF5's errors from the outermost call inwards: the last one says what happened.
 herr_t keep_reason(unsigned, const H5E_error2_t* error, void* reason) {
   if (error->desc) *static_cast<std::string*>(reason) = error->desc;
   return 0;
@@ -110,6 +113,7 @@ class Input {
   operator hid_t() const { return file_; }
 
  private:
+  /// The first handle of a file counts its readers.
   static Handle open(const std::string& path) {
     const Handle own(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
     const hid_t file = shared(own);
@@ -117,6 +121,7 @@ class Input {
     return Handle(file, H5Fclose);
   }
 
+  /// By device and inode: one file may have several names, and one name several files in turn.
   static hid_t shared(hid_t file) {
     static std::vector<hid_t> known;
     std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
@@ -175,7 +180,8 @@ herr_t note_group(hid_t, const char* name, const H5L_info_t*, void* groups) {
   return 0;
 }
 
-/// Groups of a file that hold acquisitions, by name, which need not be text.
+/// Groups of a file that hold acquisitions, by name, which need not be text: bytes, for the package to
+/// decode.
 py::list list_groups(const std::string& path) {
   std::vector<std::string> groups;
   {
@@ -193,7 +199,8 @@ struct Record {
   hvl_t data;
 };
 
-/// Lines of `block`, (sample, coil, line), to where they start in `array`.
+/// Lines of `block`, (sample, coil, line), to where they start in `array`: those whose oversampling was
+/// removed, so that they are no longer what the file holds.
 void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets,
          unsigned coil_axis, unsigned turn, const Flags& add) {
   const Target target(array, coil_axis, turn);
@@ -208,7 +215,8 @@ void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets
     target.put({lines + i * n * coils, n, coils, n, false}, at(i), 0, adds(i));
 }
 
-/// Some acquisitions of a file.
+/// Some acquisitions of a file. Python holds this, not arrays of them: a line is copied once, from where
+/// HDF5 left it to its place in k-space.
 class Acquisitions {
  public:
   /// `numbers` grow.
@@ -240,7 +248,8 @@ class Acquisitions {
     }
   }
 
-  /// All of them as messages of the streaming protocol, without their trajectories.
+  /// All of them as messages of the streaming protocol, without their trajectories: one text for many
+  /// acquisitions, as a call for each would cost more than its bytes.
   py::bytes messages() const {
     constexpr std::uint16_t kId = 1008;
     std::string text;
@@ -282,6 +291,7 @@ class Acquisitions {
   std::pmr::monotonic_buffer_resource samples_;
 };
 
+/// A file that is read. Its own descriptions of the data are looked up once, for all reads.
 class Reader {
  public:
   Reader(const std::string& path, const std::string& group) {
@@ -302,6 +312,7 @@ class Reader {
   const std::string& header() const { return header_; }
   std::size_t size() const { return size_; }
 
+  /// Headers as bytes, of which NumPy makes columns: no object is made for each.
   Bytes heads(std::size_t first, std::size_t count) const {
     check_range(first, count);
     Bytes heads({count, kHeadBytes});
@@ -314,7 +325,7 @@ class Reader {
     return heads;
   }
 
-  /// Acquisitions of these numbers, which grow.
+  /// Acquisitions of these numbers, which grow. Meanwhile other threads transform what was read before.
   std::unique_ptr<Acquisitions> read(const Indices& numbers) const {
     const auto given = numbers.unchecked<1>();
     std::vector<hsize_t> wanted(static_cast<std::size_t>(given.size()));
@@ -372,6 +383,7 @@ class Reader {
     return space;
   }
 
+  /// A run without gaps is one piece to HDF5; points are looked up one by one.
   Handle selected(const std::vector<hsize_t>& numbers) const {
     if (numbers.empty()) return part(0, 0);
     if (numbers.back() - numbers.front() + 1 == numbers.size())
@@ -402,6 +414,7 @@ class Output {
     if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
       throw std::runtime_error(library_reason());
     if (ismrmrd_open_dataset(&set_, true) == ISMRMRD_NOERROR) return;
+    // Only closing frees the names, and that needs an open file.
     std::free(set_.filename);
     std::free(set_.groupname);
     throw std::runtime_error(library_reason());
@@ -424,14 +437,15 @@ class Writer {
       throw std::runtime_error(library_reason());
   }
 
-  ~Writer() { close(); }
+  ~Writer() { close(); }  // where Python forgets a writer, as after an error
 
   void close() {
     const Quiet quiet;
     file_.reset();
   }
 
-  /// Samples (sample, coil), trajectory (dimension, sample); their numbers replace the header's.
+  /// Samples (sample, coil), trajectory (dimension, sample); their numbers replace the header's, which
+  /// may be that of a line before oversampling was removed.
   void append(const Bytes& head, const Samples& samples, const Trajectory& trajectory) {
     if (head.size() != static_cast<py::ssize_t>(kHeadBytes) || samples.ndim() != 2)
       throw py::value_error("expected a header of 340 bytes and samples (sample, coil)");
@@ -473,6 +487,7 @@ class Writer {
   std::unique_ptr<Output> file_;
 };
 
+/// libismrmrd would print its errors; `library_reason` takes them from its stack instead.
 void ignore_error(const char*, int, const char*, int, const char*) {}
 
 }  // namespace

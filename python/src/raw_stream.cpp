@@ -25,11 +25,15 @@ using namespace ctessel_stream;
 /// Nothing came for as long as the caller waits.
 struct Silence {};
 
+/// Acquisitions of a connection, and its other messages one after another. One thread receives while
+/// another reconstructs what has come: acquisitions are numbered as they came, and stay here, so that
+/// Python sees numbers and headers and no object is made for each of some hundred thousand lines.
 class Stream {
  public:
   Stream(const std::vector<std::uint16_t>& accepted, std::uint64_t text, bool waveforms)
       : parser_(accepted, {text, 0, 0}), waveforms_(waveforms) {}
 
+  /// What the header promises: more than that is refused before memory is taken for it.
   void allow(std::uint64_t channels, std::uint64_t pixels, std::uint64_t bytes) {
     parser_.limits().channels = channels;
     parser_.limits().pixels = pixels;
@@ -55,6 +59,7 @@ class Stream {
     const std::lock_guard<std::mutex> guard(lock_);
     return kept_.size();
   }
+  /// Bytes in memory, and all that came.
   std::uint64_t held() const { return parser_.budget().held(); }
   std::uint64_t received() const { return received_; }
 
@@ -70,7 +75,8 @@ class Stream {
   /// Samples that count, (sample, coil), in the order of k-space.
   Samples samples(std::size_t number) const { return samples_of(line(number)); }
 
-  /// Header, samples (sample, coil) and trajectory (dimension, sample) as they came.
+  /// Header, samples (sample, coil) and trajectory (dimension, sample) as they came, to be saved: copies,
+  /// as the samples here may be given back at any time.
   py::tuple as_sent(std::size_t number) const {
     const Message& m = present(number);
     const auto h = head_of(m.head.data());
@@ -90,7 +96,7 @@ class Stream {
               Target(array, coil_axis, turn), offsets, add);
   }
 
-  /// Gives back the memory of samples; headers stay.
+  /// Gives back the memory of samples; headers stay, as later images are planned with all of them.
   void forget(const Indices& numbers) {
     const auto which = numbers.unchecked<1>();
     for (ptrdiff_t i = 0; i < which.size(); ++i) {
@@ -104,7 +110,8 @@ class Stream {
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t kBatch = 8 << 20;  // bytes that are read before the caller looks
 
-  /// False at the end of the stream.
+  /// False at the end of the stream. Patience counts from the last message, not from the last byte: a
+  /// peer that sends a byte now and then would keep the caller for ever.
   bool fill(int file, double seconds, std::vector<Message>& others) {
     const auto patience = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::min(seconds, 1e6)));
@@ -116,6 +123,7 @@ class Stream {
       }
       const ssize_t count = ::read(file, parser_.place(), parser_.room());
       if (count == 0) return end(fresh);
+      // Others may have read what poll saw, and a signal may have come: neither is a fault.
       if (count < 0 && errno != EINTR && errno != EAGAIN)
         throw Fault(std::string("a broken connection (") + std::strerror(errno) + ")");
       if (count <= 0 || !parser_.advance(static_cast<std::size_t>(count))) continue;
@@ -154,6 +162,7 @@ class Stream {
     }
   }
 
+  /// The body becomes an array without a copy: Python then owns the buffer, and its share of the budget.
   static py::tuple unpacked(Message message) {
     const py::bytes head(reinterpret_cast<const char*>(message.head.data()), message.head.size());
     auto body = std::make_unique<Buffer>(std::move(message.body));

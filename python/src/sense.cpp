@@ -1,4 +1,7 @@
 // SENSE reconstruction and its fold geometry.
+//
+// Extents are checked here although the kernel checks them too: its message knows neither the caller's
+// names of the arguments nor which of them was left out.
 
 #include <algorithm>
 #include <climits>
@@ -82,6 +85,7 @@ void check_covariance(const Input& psi, ptrdiff_t coils) {
   check_extent(psi.view, "psi", 1, coils);
 }
 
+/// The kernel takes what it can use: reg alone with weight 1, ref alone not at all.
 void check_regularisation(const Arguments& a) {
   if (a.weight && a.ref.view) fail_value("weight", "None beside ref", std::to_string(*a.weight));
   if (a.weight && !a.reg.view) fail_value("reg", "an array beside weight", "None");
@@ -89,14 +93,7 @@ void check_regularisation(const Arguments& a) {
     fail_value(a.ref.view ? "reg" : "ref",
                std::string("an array beside ") + (a.ref.view ? "ref" : "reg"), "None");
   }
-  if (!a.ref.view) return;
-  for (const auto& [v, name] : {std::pair(&a.folded.view, "folded"), {&a.ref.view, "ref"}}) {
-    if (v->size() > INT_MAX) {
-      fail_value(name, "at most 2147483647 samples beside regularisation",
-                 "shape " + text_of(v->extents));
-    }
-  }
-  if (a.scale == 0) fail_value("scale", "a number other than 0", "0");
+  if (a.ref.view && a.scale == 0) fail_value("scale", "a number other than 0", "0");
 }
 
 void check(Arguments& a, py::handle full_size) {
@@ -142,12 +139,9 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
     if (in->view) read.push_back(in->view);
   }
   const Result to = result(read, out, {unfolded_shape(a.folded.view, a.full), true, {}}, true);
-  Samples unfolded = to.view;  // the kernel wants the coils' axis to stay, with extent 1
-  unfolded.extents.insert(unfolded.extents.begin() + kCoil, 1);
-  unfolded.strides.insert(unfolded.strides.begin() + kCoil, 0);
-  const Threads team(threads);
-  const py::gil_scoped_release unlocked;
-  ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options_of(a));
+  const Samples unfolded = with_axis(to.view, kCoil);
+  run(Threads(threads),
+      [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options_of(a)); });
   return to.array;
 }
 
@@ -167,6 +161,7 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
   std::ranges::copy(three_extents(fold_size, "fold_size").n, fold.begin());
   fold[kCoil] = a.sens.view.extent(Dim(kCoil));
   fold[kLocation] = a.sens.view.extent(Dim(kCoil + 1));
+  // With extents and no samples the checks are those of images that are unfolded.
   a.folded.view = Samples(nullptr, nullptr, fold, Extents(8, 0));
   if (!a.reg.view) a.weight.reset();
   check(a, full_size);
@@ -176,19 +171,19 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
   ctessel::SenseOptions options = options_of(a);
   py::tuple images(4);
   std::size_t i = 0;
+  // All four are made at once, as they come from one pass; the package leaves out what is not asked for.
   for (Samples* to : {&options.g, &options.sd, &options.condition, &options.response}) {
     const py::array image = new_array({shape, false, {}});
     *to = view_of(image);
     images[i++] = image;
   }
-  const Threads team(threads);
-  const py::gil_scoped_release unlocked;
-  ctessel::sense(a.folded.view, a.sens.view, a.full.n, {}, options);
+  run(Threads(threads), [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, {}, options); });
   return images;
 }
 
 // ---- Fold geometry ------------------------------------------------------------------------------
 
+/// The kernels of the C interface do not look at their numbers.
 struct Fold {
   int full, folded;
 };

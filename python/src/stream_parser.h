@@ -118,7 +118,8 @@ T field(const std::uint8_t* head, std::size_t offset) {
   return value;
 }
 
-/// Where the fields of an acquisition's header lie that say how long it is.
+/// Where the fields of a header lie that say how long its message is. Not by the library's structures:
+/// this parser is fuzzed, and built where the library is not.
 struct AcquisitionLayout {
   static constexpr std::size_t kBytes = 340, kSamples = 34, kChannels = 38, kDimensions = 176;
 };
@@ -191,6 +192,7 @@ class Parser {
     done_ = 0;
   }
 
+  /// Of length 0 a part is complete at once; `advance` goes on to the next.
   void next_part() {
     if (part_ == Part::kId) {
       message_.id = field<std::uint16_t>(id_, 0);

@@ -70,6 +70,22 @@ def test_other_python_threads_run_meanwhile():
     assert counted[0] > 10 * took  # held by one call, it would get a few turns in all
 
 
+def test_no_reference_is_counted_without_the_interpreters_lock():
+    data = np.zeros((256, 256, 8, 8), np.complex64)
+    caller = threading.Thread(target=lambda: ctessel.fftshift(data, inplace=True, threads=1))
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(60)  # this thread keeps the lock once it has it, until it waits
+    try:
+        caller.start()
+        before = sys.getrefcount(data)
+        ctypes.PyDLL(None).usleep(300_000)  # with the lock; the kernel ends meanwhile
+        after = sys.getrefcount(data)
+    finally:
+        sys.setswitchinterval(interval)
+    caller.join()
+    assert after == before
+
+
 def call_in_child(queue):
     queue.put(float(ctessel.sos(DATA, threads=2).sum()))
 
