@@ -138,31 +138,45 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
     (2005).
     """
     plan = plan or make_plan(source, options)
-    image = np.zeros(plan.image_shape, plan.image_type, order="F")
-    slices, _, repetitions = plan.kept
-    total, done, figures, maps = prod(plan.image_shape[3:]), 0, _Figures(), None
+    total, gathered = prod(plan.image_shape[3:]), _Gathered(plan)
     for block, made in _run(plan, source, client):
-        figures.add(block, made)
-        if "maps" in made:
-            if maps is None:
-                maps = np.empty((*made["maps"].shape, len(slices)), np.complex64, order="F")
-            maps[..., block.slice - slices.start] = made["maps"]
-        volumes = made["image"][:, :, :, plan.kept[1].start : plan.kept[1].stop]
-        image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
-        done += prod(volumes.shape[3:])
+        gathered.add(block, made)
         if progress:
-            progress(done, total)
-    if plan.stack:
-        image[:, :, 0] = straightened(plan, image[:, :, 0])
-    return Result(
-        image,
-        list(plan.steps),
-        plan.parameters | figures.entries(),
-        plan.field,
-        plan.selection,
-        [*plan.warnings, *conditioning.warnings(figures.entries(), plan.reduction)],
-        maps,
-    )
+            progress(gathered.done, total)
+    return gathered.result()
+
+
+class _Gathered:
+    """The image of a plan, and what else comes of its blocks, which are added in any order."""
+
+    def __init__(self, plan):
+        self.plan, self.figures, self.maps, self.done = plan, _Figures(), None, 0
+        self.image = np.zeros(plan.image_shape, plan.image_type, order="F")
+
+    def add(self, block, made):
+        slices, echoes, repetitions = self.plan.kept
+        self.figures.add(block, made)
+        if "maps" in made:
+            if self.maps is None:
+                self.maps = np.empty((*made["maps"].shape, len(slices)), np.complex64, order="F")
+            self.maps[..., block.slice - slices.start] = made["maps"]
+        volumes = made["image"][:, :, :, echoes.start : echoes.stop]
+        self.image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
+        self.done += prod(volumes.shape[3:])
+
+    def result(self):
+        plan, figures = self.plan, self.figures.entries()
+        if plan.stack:
+            self.image[:, :, 0] = straightened(plan, self.image[:, :, 0])
+        return Result(
+            self.image,
+            list(plan.steps),
+            plan.parameters | figures,
+            plan.field,
+            plan.selection,
+            [*plan.warnings, *conditioning.warnings(figures, plan.reduction)],
+            self.maps,
+        )
 
 
 class _Figures:

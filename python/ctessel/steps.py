@@ -329,22 +329,24 @@ def unfold(
     (1999).
     """
     full = (folded.shape[0], *(lattice.full for lattice in lattices))
-    weight, level = {}, sa(folded)
-    if level > 0 and (expected is not None or damping > 0):
-        if expected is None:
-            reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
-        else:
-            reference = reference_level(*(levels or (level, sa(expected))), strength, folded.shape[3])
-        # With the level for a scale the weight depends on nothing that a part of a scan changes.
-        weight = {
-            "reg": expected,
-            "ref": np.full((1, 1, 1), reference, np.float32),
-            "scale": level,
-        }
+    weight = _weight(folded, maps, expected, strength, levels, damping)
     image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
     image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
     return _restore_phase(image, lattices)
+
+
+def _weight(folded, maps, expected, strength, levels, damping):
+    """Arguments of the kernel that switch the regularisation on, if it is to be."""
+    level = sa(folded)
+    if not level > 0 or (expected is None and not damping > 0):
+        return {}
+    if expected is None:
+        reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
+    else:
+        reference = reference_level(*(levels or (level, sa(expected))), strength, folded.shape[3])
+    # With the level for a scale the weight depends on nothing that a part of a scan changes.
+    return {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32), "scale": level}
 
 
 def reference_level(whole, expected, strength, coils):
