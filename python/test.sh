@@ -9,4 +9,4 @@ environment=$(tools/python_environment.sh)
 mkdir -p build/python/run
 tests=$PWD/python/tests
 cd build/python/run
-exec "$environment/bin/python" -m pytest -p no:cacheprovider -q -rfEs "$tests" "$@"
+exec "$environment/bin/python" -m pytest -p no:cacheprovider -q -rfEs --timeout 600 "$tests" "$@"

@@ -15,11 +15,29 @@
 using Catch::Approx;
 #endif
 #include <cstdlib>
+#include <limits>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "guarded.h"
+
+/// Empty where all bits are the same; otherwise the first values that differ. A failing check of the
+/// arrays themselves would print them whole.
+template <class T>
+std::string differences(const std::vector<T>& got, const std::vector<T>& want) {
+  std::ostringstream text;
+  text.precision(std::numeric_limits<double>::max_digits10);
+  if (got.size() != want.size()) text << got.size() << " values, not " << want.size() << "; ";
+  std::size_t differ = 0;
+  for (std::size_t i = 0; i < std::min(got.size(), want.size()); ++i) {
+    if (std::memcmp(&got[i], &want[i], sizeof(T)) == 0 || ++differ > 5) continue;
+    text << "[" << i << "] is " << got[i] << ", not " << want[i] << "; ";
+  }
+  if (differ > 0) text << differ << " differ";
+  return text.str();
+}
 
 /// Runs f with 1, 2, 3 and 7 threads.
 template <class F>
