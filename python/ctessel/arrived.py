@@ -20,7 +20,6 @@ from .acquisitions import (
     LAST_IN_REPETITION,
     LAST_IN_SLICE,
     NOISE,
-    NOISE_SCAN,
     NOT_IMAGING,
     REVERSE,
     survey,
@@ -72,10 +71,9 @@ class Arrived:
 
     shared = disposable = False
 
-    def __init__(self, acquisitions, found, threads=None):
+    def __init__(self, acquisitions, found, threads=None, come=None):
         self._acquisitions, self._found, self._threads = acquisitions, found, threads
-        noise = np.flatnonzero(found.role == NOISE_SCAN)
-        self.layout = raw._layout(found, [acquisitions.samples(int(i)) for i in noise])
+        self.layout = raw._layout(found, lambda at: [acquisitions.samples(int(i)) for i in at], come)
         self._images = _by_image(found.scan)
         self._latest = None  # frames are asked for twice where they calibrate
 
@@ -192,8 +190,9 @@ class Forecast(Arrived):
     def __init__(self, header, heads, acquisitions, options):
         counts = _promised(header, heads)
         beyond = np.flatnonzero(heads["repetition"] > counts["repetition"][0] + 1)
-        expected = _expected(header, heads[: beyond[0]] if beyond.size else heads, counts)
-        super().__init__(acquisitions, contents(header, expected), options.threads)
+        heads = heads[: beyond[0]] if beyond.size else heads
+        expected = _expected(header, heads, counts)
+        super().__init__(acquisitions, contents(header, expected), options.threads, heads.size)
         self.plan = make_plan(self.layout, options)
         self._expected, self._second = expected, counts["repetition"][0] + 1
         self._turns = (len(counts["phase"]), len(counts["set"]))

@@ -53,7 +53,7 @@ def look(plan, source):
     block = next(b for b in reconstruct.blocks(plan) if b.slice == index)
     first = reconstruct.Block(index, block.repetitions[:1], block.pattern)
     frames = _frames(source, index, first)
-    energy = (np.abs(frames[:, :, frames.shape[2] // 2]) ** 2).sum(-1)
+    energy = (np.abs(plan.coils_of(frames[:, :, frames.shape[2] // 2], 2)) ** 2).sum(-1)
     coils, zero = _unfilled(plan, frames, plane if whole else 0)
     maps, phase = _of_volume(plan, first, source, plane) if plan.in_slabs else _of_slice(plan, first, source, plane)
     pattern = plan.patterns[block.pattern]
@@ -95,11 +95,12 @@ def _frames(source, index, block):
 def _unfilled(plan, frames, plane):
     """Magnitudes of a plane (x, y, coil), and the root sum of squares of all (x, y, z), coil by coil."""
     shown, power = [], 0.0
+    kept = plan.choice.kept if plan.choice else range(frames.shape[3])
     for coil in range(frames.shape[3]):
         lines = np.array(frames[..., coil : coil + 1], order="F")
         lines = resize(remove_oversampling(lines, plan.readout), plan.pixels)
         image = np.abs(homodyne_recon(lines, [None] * 3, field=plan.matrix)[..., 0])
-        power = power + image**2
+        power = power + image**2 * (coil in kept)
         if coil < MOST_COILS:
             shown.append(image[:, :, plane].copy())
     return np.stack(shown, -1), np.sqrt(power)

@@ -271,6 +271,7 @@ def options(arguments):
         partial="zero" if arguments.no_homodyne else arguments.partial,
         whiten=not arguments.no_noise,
         maps=arguments.maps,
+        coils=arguments.coils,
         keep_maps=getattr(arguments, "save_maps", None) is not None,
         regularisation=arguments.regularise,
         coefficients=coefficients or None,

@@ -98,12 +98,12 @@ def _held(path, shape):
     return read(path, shape)
 
 
-def of_slice(path, shape, index):
-    """Sensitivities of a slice, ``(x, y, z, coil)``; the squares of all coils sum to 1, or to 0.
-
-    `path` and `shape` are those of `read`; a process reads the file once.
+def of_slice(plan, index):
+    """Sensitivities of a slice, ``(x, y, z, coil)``, of the file that a plan names; the squares of the
+    coils that are used sum to 1, or to 0. A process reads the file once.
     """
-    maps = np.array(_held(os.fspath(path), tuple(shape))[..., index], order="F")
+    held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape))[..., index]
+    maps = np.array(plan.coils_of(held), order="F")
     size = np.sqrt((np.abs(maps) ** 2).sum(3))
     off = (size > 0) & (np.abs(size - 1) > 1e-3)  # those of our own keep their bits
     maps[off] /= size[off][:, None]

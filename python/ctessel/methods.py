@@ -56,12 +56,16 @@ def text(plan, warnings=()):
 
     sentences = [
         f"Images were reconstructed from Cartesian k-space {number('k-space')} of {plan.shape[3]} "
-        f"coil{'s' * (plan.shape[3] > 1)} with cTessel {__version__}.",
+        f"coil{'s' * (plan.shape[3] > 1)}{_of_all(plan)} with cTessel {__version__}.",
         *_sentences(plan, number),
         f"The matrix is {' x '.join(map(str, plan.matrix))}, the field of view "
         f"{' x '.join(f'{n:g}' for n in plan.field)} mm.",
     ]
     return " ".join(sentences), [_WORKS[name] for name in cited]
+
+
+def _of_all(plan):
+    return f" of {plan.choice.count}" if plan.choice else ""
 
 
 def _sentences(plan, number):

@@ -55,6 +55,13 @@ def gradient_axes(text):
     return check_axes(text)
 
 
+@checked
+def _coil_list(text):
+    from .coil_choice import parse
+
+    return parse(text)
+
+
 # ---- Options -------------------------------------------------------------------------------------
 
 
@@ -104,6 +111,12 @@ def add_steps(command):
         "--maps",
         metavar="FILE",
         help="sensitivities of the coils: a BART pair, NIfTI, MATLAB or HDF5; x, y, z, coil, slice",
+    )
+    steps.add_argument(
+        "--coils",
+        type=_coil_list,
+        metavar="LIST",
+        help="use these coils, counted from 0: 0,2-5; by default all that are not defective",
     )
     steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
 

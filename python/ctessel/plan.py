@@ -9,7 +9,7 @@ from math import prod
 
 import numpy as np
 
-from . import __version__, coverage, maps
+from . import __version__, coil_choice, coverage, maps
 from .gradients import Coefficients
 from .partial import clipped
 from .sampling import Lattice, calibration_block, partial_ranges
@@ -42,7 +42,8 @@ class Options:
     geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of
     `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
     "FFP") in place of the header. `maps` names a file of sensitivities, in place of those of the
-    calibration; `keep_maps` hands those that were used back with the image. `combine` "pcsos" gives
+    calibration; `keep_maps` hands those that were used back with the image. `coils` are the numbers
+    of those that are used, from 0; by default all that are not defective. `combine` "pcsos" gives
     complex images, "sos" magnitudes.
     """
 
@@ -61,6 +62,7 @@ class Options:
     position: str | None = None
     maps: str | None = None
     keep_maps: bool = False
+    coils: tuple[int, ...] | None = None
     threads: int | None = None
 
 
@@ -130,6 +132,16 @@ class Plan:
     steps: tuple[str, ...]
     warnings: tuple[str, ...]
     selection: tuple[str, int, int] | None = None
+    choice: coil_choice.Choice | None = None  # where some coils are left out, which `shape` lacks
+
+    def coils_of(self, samples, axis=3):
+        """The coils that are used, of samples of all."""
+        return self.choice.of(samples, axis) if self.choice else samples
+
+    @property
+    def measured_shape(self):
+        """Extents of k-space with all coils."""
+        return (*self.shape[:3], self.choice.count if self.choice else self.shape[3], *self.shape[4:])
 
     @property
     def image_shape(self):
@@ -208,6 +220,7 @@ class Plan:
             "ranges": first.ranges,
             "reduction": [str(lattice.reduction) for lattice in first.lattices],
             "coils": self.shape[3],
+            **({"left_out": sorted({*range(self.choice.count)} - {*self.choice.kept})} if self.choice else {}),
         }
 
     def memory(self, workers=1, shared=False):
@@ -221,10 +234,10 @@ class Plan:
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
         image = prod(self.image_shape) * np.dtype(self.image_type).itemsize
         if shared and not self.in_slabs:
-            read = 8 * prod(self.shape[:4]) * volumes
+            read = 8 * prod(self.measured_shape[:4]) * volumes
             return int(image + workers * (read + block + PROCESS))
         others = (2 * sent + PROCESS) * workers if workers > 1 else 0
-        scan = 8 * (prod(self.shape) + prod(self.apart or (0,)))
+        scan = 8 * (prod(self.measured_shape) + prod(self.apart or (0,)))
         stack = 48 * prod(self.image_shape[:4]) if self.stack else 0
         return int(scan + image + max(workers * block + others, stack))
 
@@ -282,6 +295,8 @@ def plan(scan, options=None):
         The scan or an option does not allow a reconstruction; the message says how to mend it.
     """
     layout, options = getattr(scan, "layout", scan), options or Options()
+    choice, measured = coil_choice.choose(layout, options), layout.shape
+    layout = _chosen(layout, choice)
     grid = _grid(layout, options)
     _check(layout, options, grid)
     turns = coverage.turns(layout)
@@ -289,7 +304,7 @@ def plan(scan, options=None):
     noisy = covariance is not None and layout.shape[3] > 1
     patterns = tuple(_pattern(layout, options, grid, turn, noisy) for turn in turns)
     _check_regularisation(options, covariance, patterns)
-    _check_maps(layout, options, patterns)
+    _check_maps(measured, options, patterns)
     made = Plan(
         options,
         layout.shape,
@@ -305,11 +320,26 @@ def plan(scan, options=None):
         layout.calibration,
         tuple(range(n) for n in layout.shape[4:]),
         (),
-        (*layout.warnings, *coverage.warnings(layout, turns), *grid.warnings, *_unused(options, patterns)),
+        (
+            *layout.warnings,
+            *coil_choice.warnings(choice),
+            *coverage.warnings(layout, turns),
+            *grid.warnings,
+            *_unused(options, patterns),
+        ),
         layout.selection,
+        choice,
     )
     made = replace(made, warnings=(*made.warnings, *geometry_warnings(made)))
     return replace(made, steps=tuple(_words(layout, made)))
+
+
+def _chosen(layout, choice):
+    """The layout with the coils that are used."""
+    if choice is None:
+        return layout
+    shape = (*layout.shape[:3], len(choice.kept), *layout.shape[4:])
+    return replace(layout, shape=shape, noise=None if layout.noise is None else choice.of(layout.noise, 1))
 
 
 # ---- Grids ---------------------------------------------------------------------------------------
@@ -435,11 +465,11 @@ def _check_regularisation(options, covariance, patterns):
         )
 
 
-def _check_maps(layout, options, patterns):
+def _check_maps(shape, options, patterns):
     unfolding = [pattern for pattern in patterns if pattern.unfolds]
     if options.maps is not None:
         for pattern in unfolding:
-            maps.check(options.maps, layout.shape, pattern.full)
+            maps.check(options.maps, shape, pattern.full)
     if options.keep_maps and not unfolding:
         raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
 
@@ -563,7 +593,7 @@ def _calibrating_frames(layout, y, z):
 
 def _words(layout, made):
     first, options = made.patterns[0], made.options
-    steps = [_noise_words(layout, made)]
+    steps = [made.choice.text() if made.choice else "", _noise_words(layout, made)]
     measured = layout.readout or layout.shape[0]
     if made.readout < measured:
         steps.append(f"remove readout oversampling: {measured} to {made.readout} samples")

@@ -16,7 +16,7 @@ from functools import lru_cache
 
 import numpy as np
 
-from . import centre, formats, runtime, stored
+from . import centre, coil_looks, formats, runtime, stored
 from ._ismrmrd import parse
 from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
@@ -271,20 +271,21 @@ def _recentred(reader, encodings, found):
 def layout(found):
     """All that is known about the scan without its samples: enough for `pipeline.plan`.
 
-    Of the samples, those of the noise scan are read.
+    Of the samples, those of the noise scan are read, and a few lines of each coil.
 
     Returns
     -------
     Layout
     """
-    at = np.flatnonzero(found.role == NOISE_SCAN)
-    if not at.size:
-        return _layout(found, [])
     try:
-        block = found.file.read(at)
-        return _layout(found, [block.samples(i) for i in at])
-    except RuntimeError as error:
+        return _layout(found, lambda numbers: _samples(found, numbers))
+    except (DefectError, RuntimeError) as error:
         raise _named(found.path, error) from None
+
+
+def _samples(found, numbers):
+    block = found.file.read(np.sort(numbers))
+    return [block.samples(int(i)) for i in numbers]
 
 
 def describe(path, *, group="dataset", range=None, **given):
@@ -429,17 +430,23 @@ def _kspace_shape(found):
     return (found.width, *found.scan.shape[1:])
 
 
-def _layout(found, noise):
+def _layout(found, read, come=None):
+    """The layout; `read` gives samples of acquisitions, of which so many have `come`."""
+    at = np.flatnonzero(found.role == NOISE_SCAN)
+    noise = np.concatenate(read(at)) if at.size else None
+    looks, looked = coil_looks.of_acquisitions(found.heads, found.header, read, noise, come)
     return Layout(
         _kspace_shape(found),
         _cut_header(found),
         found.scan.times > 0,
-        np.concatenate(noise) if noise else None,
+        noise,
         found.apart and found.apart.shape,
         found.flagged,
         found.scan.shape[0] if found.width < found.scan.shape[0] else None,
         found.range,
         (*found.warnings, *found.told),
+        looks,
+        looked,
     )
 
 

@@ -54,7 +54,7 @@ class Result:
     `field` is their field of view in mm, `steps` says what was done, `parameters` with which
     numbers, `warnings` what the user may not expect. `selection` is the part of the scan: axis,
     first and last index. `maps`, ``(x, y, z, coil, slice)``, are the sensitivities where
-    `Options.keep_maps` asks for them, on the grid that was unfolded.
+    `Options.keep_maps` asks for them, on the grid that was unfolded; 0 for coils that are left out.
     """
 
     image: np.ndarray
@@ -158,8 +158,10 @@ class _Gathered:
         self.figures.add(block, made)
         if "maps" in made:
             if self.maps is None:
-                self.maps = np.empty((*made["maps"].shape, len(slices)), np.complex64, order="F")
-            self.maps[..., block.slice - slices.start] = made["maps"]
+                shape = (*made["maps"].shape[:3], self.plan.measured_shape[3], len(slices))
+                self.maps = np.zeros(shape, np.complex64, order="F")
+            kept = self.plan.choice.kept if self.plan.choice else slice(None)
+            self.maps[:, :, :, kept, block.slice - slices.start] = made["maps"]
         volumes = made["image"][:, :, :, echoes.start : echoes.stop]
         self.image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
         self.done += prod(volumes.shape[3:])
@@ -260,7 +262,7 @@ def single(plan, block, source, shared=None):
         shared = shared or (prepare(plan, block, source),)
         ready = source.transformed(block)
         if ready is not None:
-            return reconstruct_block(plan, block, *shared, ready, transformed=True), shared
+            return reconstruct_block(plan, block, *shared, plan.coils_of(ready), transformed=True), shared
         return reconstruct_block(plan, block, *shared, lines(plan, block, source)), shared
     shared = shared or _volume_basis(plan, block, source, _slice_calibration(plan, block, source))
     frames = source.frames(block.slice, block.along())
@@ -302,7 +304,7 @@ def _work_on(plan, block, samples, calibration, first):
 
 def lines(plan, block, source):
     """k-space of a block, ``(x, y, z, coil, echo, repetition)``."""
-    return source.frames(block.slice, block.along())
+    return plan.coils_of(source.frames(block.slice, block.along()))
 
 
 def _calibration(plan, block, source):
@@ -319,8 +321,8 @@ def calibration_lines(plan, index, source):
     """Calibration lines of a slice, ``(x, y, z, coil)``."""
     region = plan.calibration
     if region.separate:
-        return np.asfortranarray(source.separate(index)[:, region.y, region.z])
-    frames = source.frames(index, slice(0, region.frames))[:, region.y, region.z, :, 0]
+        return np.asfortranarray(plan.coils_of(source.separate(index)[:, region.y, region.z]))
+    frames = plan.coils_of(source.frames(index, slice(0, region.frames))[:, region.y, region.z, :, 0])
     times = np.maximum(region.times[:, :, index], 1).astype(np.float32)
     return np.asfortranarray(frames.sum(-1) / times[None, :, :, None])
 
@@ -376,7 +378,7 @@ def _sensitivities(plan, block, calibration):
     if options.maps is None:
         maps = resize(eigen_maps(samples, size, mask=options.mask, threads=threads)[0], pattern.full)
     else:
-        maps = of_slice(options.maps, plan.shape, block.slice)
+        maps = of_slice(plan, block.slice)
     maps, images = (np.asfortranarray(a) for a in (maps, resize(images, pattern.full)))
     expected = combine(images, threads=threads)
     inside = expected[(maps != 0).any(3)]
@@ -637,7 +639,7 @@ def _volume_basis(plan, block, source, calibration):
         return None, None
     made, expected = slabs.sensitivities(plan, pattern, calibration)
     if pattern.unfolds and plan.options.maps is not None:
-        made.given = of_slice(plan.options.maps, plan.shape, block.slice)
+        made.given = of_slice(plan, block.slice)
     if not pattern.unfolds:
         return made, None
     levels = _volume_levels(plan, block, source, expected)

@@ -5,6 +5,8 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
+from . import coil_choice
+
 #: Axes of every k-space and image array of the pipeline.
 AXES = ("x", "y", "z", "coil", "slice", "echo", "repetition")
 
@@ -80,7 +82,8 @@ class Layout:
     `flagged`, ``(y, z)`` of bool, marks the lines that the file calls calibration, or is None.
     `noise` is ``(sample, coil)`` or None; `calibration` are the extents of a calibration scan of
     its own, or None. A part of a scan has in `selection` its axis, first and last index.
-    `warnings` are those of the reading, a line each.
+    `looks` tell of the coils what `ctessel.coil_choice` needs, `looked` that no slice is missing
+    there. `warnings` are those of the reading, a line each.
     """
 
     shape: tuple[int, ...]
@@ -92,6 +95,8 @@ class Layout:
     readout: int | None = None
     selection: tuple[str, int, int] | None = None
     warnings: tuple[str, ...] = ()
+    looks: tuple = ()
+    looked: bool = True
 
     @property
     def sampled(self):
@@ -132,7 +137,8 @@ class Scan:
         lines = lines.reshape(lines.shape + (1,) * (5 - lines.ndim))
         lines = np.broadcast_to(lines, (y, z, *images))
         apart = None if calibration is None else calibration.shape
-        layout = Layout(kspace.shape, header, lines, calibration=apart, **known)
+        looks = coil_choice.of_arrays(kspace, lines, known.get("noise"))
+        layout = Layout(kspace.shape, header, lines, calibration=apart, looks=looks, **known)
         return cls(layout, kspace, calibration)
 
     def frames(self, index, repetitions):

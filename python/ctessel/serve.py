@@ -107,7 +107,7 @@ def _given(arguments):
         value = getattr(arguments, action.dest)
         if value != action.default:
             each = value if isinstance(value, list) else [] if value is True else [value]
-            each = [",".join(value)] if isinstance(value, tuple) else each
+            each = [",".join(map(str, value))] if isinstance(value, tuple) else each
             given[action.option_strings[0].lstrip("-")] = [str(v) for v in each]
     return given
 

@@ -33,15 +33,17 @@ def transformed(plan, pattern, frames, overwrite, shared=False):
     image. `frames` may be overwritten where that is allowed; a new array is `shared` with workers.
     """
     extent = plan.readout if pattern.weighted else plan.matrix[0]
+    kept = plan.choice.kept if plan.choice else range(frames.shape[3])
+    shape = (extent, *frames.shape[1:3], len(kept), *frames.shape[4:])
     if overwrite and extent <= len(frames):
-        out = frames[:extent]
+        out = frames[:extent, :, :, : len(kept)]
     elif shared:
-        out = runtime.shared_zeros((extent, *frames.shape[1:]))
+        out = runtime.shared_zeros(shape)
     else:
-        out = np.empty((extent, *frames.shape[1:]), np.complex64, order="F")
-    for index in np.ndindex(frames.shape[3:]):  # a coil at a time
-        at = (slice(None),) * 3 + index
-        out[at] = _readout(plan, pattern, np.array(frames[at], order="F"))
+        out = np.empty(shape, np.complex64, order="F")
+    for coil, *others in np.ndindex(shape[3:]):  # a coil at a time; none lies before its own place
+        line = np.array(frames[(..., kept[coil], *others)], order="F")
+        out[(..., coil, *others)] = _readout(plan, pattern, line)
     return out
 
 

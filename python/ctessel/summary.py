@@ -130,15 +130,22 @@ def _steps(made, run):
     yield _sampling(made, run)
     coils = seen.coils.shape[2]
     yield _picture(made, png.mosaic(seen.coils), field, f"Images of {coils} coils, magnitude",
-                   f"What {coils} of {run.plan.shape[3]} coil{'s' * (coils > 1)} measured, missing lines as zeros, {_where(run)}. A black "
-                   "or noisy one is a defective coil.")  # fmt: skip
+                   f"What {coils} of {run.plan.measured_shape[3]} coil{'s' * (coils > 1)} measured, missing lines as zeros, {_where(run)}. A black "
+                   f"or noisy one is a defective coil. {_left_out(run.plan)}".rstrip())  # fmt: skip
     if seen.maps is not None:
         yield _picture(made, png.mosaic(seen.maps), field, f"Sensitivity maps of {seen.maps.shape[2]} coils, magnitude",
                        "Sensitivity maps. They should be smooth; holes inside of the object are voxels without a map.")  # fmt: skip
-    plain = np.sqrt((seen.coils**2).sum(-1)) if seen.zero is None else _plane_of_zero(run)
+    left_out = run.plan.parameters.get("left_out", [])
+    used = [coil for coil in range(coils) if coil not in left_out]
+    plain = np.sqrt((seen.coils[..., used] ** 2).sum(-1)) if seen.zero is None else _plane_of_zero(run)
     yield _picture(made, plain, field, "Image of the measured lines alone, zero-filled",
                    "The same plane before any unfolding or prediction: measured lines, zeros for the others, root sum "
                    "of squares. The image above should be free of its folds.")  # fmt: skip
+
+
+def _left_out(plan):
+    numbers = plan.parameters.get("left_out", [])
+    return f"Left out: {', '.join(map(str, numbers))}, counted from 0." if numbers else ""
 
 
 def _plane_of_zero(run):

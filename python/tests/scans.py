@@ -5,6 +5,7 @@ from dataclasses import replace
 import numpy as np
 from conftest import random_complex
 
+from ctessel import phantom as phantoms
 from ctessel import pipeline
 from ctessel.scan import Header, Limit, Placement, Scan
 
@@ -96,3 +97,19 @@ def known(scan, kspace=None, **changes):
 def error(image, truth):
     """Of magnitudes, relative."""
     return np.linalg.norm(np.abs(image) - truth) / np.linalg.norm(truth)
+
+
+def write_broken(monkeypatch, path, kind, coil, **changes):
+    """A phantom's raw data of which a coil measures zeros, but for its noise scan."""
+    whole = phantoms._acquisitions
+
+    def acquisitions(*arguments):
+        for head, samples in whole(*arguments):
+            if not int(head["flags"]) & 1 << 18:
+                samples = samples.copy(order="F")
+                samples[:, coil] = 0
+            yield head, samples
+
+    with monkeypatch.context() as patch:
+        patch.setattr(phantoms, "_acquisitions", acquisitions)
+        phantoms.write(path, kind, **changes)

@@ -18,6 +18,7 @@ from pathlib import Path
 import nibabel
 import numpy as np
 import pytest
+import scans
 
 from ctessel import _raw, arrived, cli, noise, phantom, pipeline, raw, send, serve, session, stream
 from ctessel.acquisitions import HEAD, NOISE
@@ -257,6 +258,18 @@ def test_images_come_before_the_last_line_where_it_cannot_change_them(
     send.write(tmp_path / "live.nii", peer.images)
     np.testing.assert_array_equal(np.asarray(nibabel.load(tmp_path / "live.nii").dataobj), want)
     assert server.report()["early"] >= early and not peer.lines
+
+
+def test_a_defective_coil_is_left_out_once_no_slice_can_speak_for_it(tmp_path, server, monkeypatch):
+    scans.write_broken(monkeypatch, tmp_path / "p.h5", "undersampled", 1, size=32, slices=2, repetitions=3)
+    want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path).dataobj)
+    messages = split(send.Sender(tmp_path / "p.h5"))
+    peer = Peer(server.address).send(*messages[:-2]).receive(images=5)
+    peer.send(*messages[-2:]).end()
+    send.write(tmp_path / "live.nii", peer.images)
+    np.testing.assert_array_equal(np.asarray(nibabel.load(tmp_path / "live.nii").dataobj), want)
+    (line,) = peer.lines
+    assert "coil 1 of 0 to 7 is left out" in line and server.report()["early"] >= 5
 
 
 @pytest.mark.parametrize("oversampling", [1, 2])
