@@ -210,6 +210,32 @@ def partial(name, kspace):
         yield row
 
 
+DEFECTS = ["zeros", "noise alone", "30 times its noise"]
+DEFECTIVE = 5
+
+
+def defective(name, kspace):
+    """Rows of the table of a coil that is defective, R = 2, with images of all coils and of those left;
+    the truth is that of the other coils."""
+    n, count = kspace.shape[1], kspace.shape[3]
+    truth = sum_of_squares(np.delete(kspace, DEFECTIVE, 3))
+    inside = object_of(truth)
+    corner = kspace[: len(kspace) // 16, : n // 16, 0, DEFECTIVE]
+    random = np.random.default_rng(1).standard_normal((2, *kspace.shape[:3])).astype(np.float32)
+    noise = np.sqrt(np.mean(np.abs(corner) ** 2) / 2) * (random[0] + 1j * random[1])
+    sampled, block = every(n, 2), around(n, 24)
+    intact = error(ours(kspace, sampled, block).image, sum_of_squares(kspace), inside)
+    for what, samples in zip(DEFECTS, (0 * noise, noise, kspace[..., DEFECTIVE] + 30 * noise)):
+        broken = kspace.copy()
+        broken[..., DEFECTIVE] = samples
+        images = {"all coils": ours(broken, sampled, block, ["--coils", f"0-{count - 1}"]).image,
+                  "without it": ours(broken, sampled, block).image}
+        row = {"data": name, "defect": what, "intact": intact}
+        row |= {key: error(image, truth, inside) for key, image in images.items()}
+        print(row, file=sys.stderr)
+        yield row, (truth, inside, images, what)
+
+
 # ---- The report ----
 
 
@@ -246,6 +272,17 @@ def picture(name, shown):
     plt.close(figure)
 
 
+def defects_picture(name, shown):
+    """Images of a scan with a defective coil, all coils used above, and below what is left by itself."""
+    from ctessel import png
+
+    rows = []
+    for key in shown[0][2]:
+        line = [shown[0][0], *(images[key] for _, _, images, _ in shown)]
+        rows.append(np.concatenate([image / np.percentile(image, 99.5) for image in line]))
+    Path(name).write_bytes(png.encode(png.grey(np.concatenate(rows, 1), low=0, high=1) // 16 * 17))
+
+
 def table(rows):
     head = list(rows[0])
     text = [[f"{v:.4f}" if isinstance(v, float) and k not in ("share", "time, ecalib's over ours")
@@ -261,18 +298,21 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, missing = [], []
+    below, missing, broken = [], [], []
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
             shown = list(undersampled(name, kspace))
             below += [row for row, _ in shown]
             picture(f"{output}/quality-{name}.png", shown)
+            shown = list(defective(name, kspace))
+            broken += [row for row, _ in shown]
+            defects_picture(f"{output}/coils-{name}.png", [about for _, about in shown])
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "partial": missing}, file, indent=1)
+        json.dump({"undersampled": below, "partial": missing, "defective": broken}, file, indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
-                "## Partial Fourier", table(missing)]
+                "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None."]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 
 
