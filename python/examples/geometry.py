@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
-"""Pictures of gradients that are not linear: axes, displacement over three planes, a grid before and after.
+"""
+Gradients that are not linear
+=============================
 
-    geometry.py [FOLDER]
-
-docs/geometry.md shows them. The coefficients are made up, of the size of a short whole-body coil's.
+Where the axes of the scanner point for four positions of the patient, the displacement over three
+planes through the isocentre, and a straight grid as the gradients encode it and corrected. The
+coefficients are made up, of the size of a short whole-body coil's.
 """
 
 import sys
+import tempfile
 from pathlib import Path
 
 import matplotlib
@@ -109,11 +112,12 @@ def show_grid(path, field):
 
 
 def main():
-    folder = Path(sys.argv[1] if len(sys.argv) > 1 else ".")
+    folder = Path(sys.argv[1] if len(sys.argv) > 1 else tempfile.mkdtemp(prefix="ctessel-"))
     field = ctessel.GradientField(TERMS, RADIUS)
     show_axes(folder / "geometry_axes.png")
     show_field(folder / "geometry_field.png", field)
     show_grid(folder / "geometry_grid.png", field)
+    print(f"pictures are in {folder}")
 
 
 if __name__ == "__main__":

@@ -1,10 +1,18 @@
 #!/usr/bin/env python3
-"""Homodyne, SENSE with a noise map, and geometry correction on a phantom: three pictures.
+"""
+Homodyne, SENSE and geometry correction on a phantom
+====================================================
 
-    python3 python/examples/pipeline.py [FOLDER]     # default: the current folder
+The kernels on NumPy arrays, with transforms of NumPy in between. The phantom is an ellipse with bars
+and a smooth phase, which eight coils see.
+
+1. Homodyne: 84 of 128 lines. The error is that of the magnitude.
+2. SENSE from every second line, and the standard deviation of unfolding noise alone.
+3. A straight grid (grey), and where gradients that are not linear encode it (blue).
 """
 
 import sys
+import tempfile
 from pathlib import Path
 
 import matplotlib
@@ -111,4 +119,6 @@ def main(folder):
 
 
 if __name__ == "__main__":
-    main(Path(sys.argv[1] if len(sys.argv) > 1 else "."))
+    pictures = Path(sys.argv[1] if len(sys.argv) > 1 else tempfile.mkdtemp(prefix="ctessel-"))
+    main(pictures)
+    print(f"pictures are in {pictures}")
