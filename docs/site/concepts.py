@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Pictures of the conventions: centre, folding, padding, patient axes.
+"""Pictures of the conventions (centre, folding, padding, patient axes) and of a stream.
 
 concepts.py FOLDER
 """
@@ -19,9 +19,9 @@ INK, CENTRE, PALE, ZERO = "#1f4e9e", "#c0392b", "#cfdcf0", "#ffffff"
 
 def draw(folder):
     folder.mkdir(exist_ok=True)
-    for name, picture in {"centre": centre, "folding": folding, "padding": padding, "patient": patient}.items():
+    for picture in (centre, folding, padding, patient, stream):
         figure = picture()
-        figure.savefig(folder / f"{name}.png", dpi=80)
+        figure.savefig(folder / f"{picture.__name__}.png", dpi=80)
         pyplot.close(figure)
 
 
@@ -102,6 +102,22 @@ def patient():
     arrows(panels[1], {"P": (1, 0), "S": (0, 1)}, {"A": (-1, 0)})
     panels[0].text(0, -2.25, "blue: raw data, DICOM (L, P, S)", ha="center", color=INK)
     panels[1].text(0, -2.25, "red: NIfTI (R, A, S)", ha="center", color=CENTRE)
+    return figure
+
+
+def stream():
+    """Slices that are measured one after the other, and their images, each out before the next is complete."""
+    figure, axes = canvas(7, 2.2, (-2.2, 7.4), (-0.6, 2.6))
+    for row, text in ((1.5, "scanner"), (0, "ctessel serve")):
+        axes.text(-0.3, row + 0.4, text, ha="right", va="center")
+    for i in range(6):
+        axes.add_patch(Rectangle((i * 1.1, 1.5), 1.04, 0.8, facecolor=PALE, edgecolor=INK))
+        axes.text(i * 1.1 + 0.52, 1.9, f"slice {i}", ha="center", va="center", fontsize=9)
+        place = i * 1.1 + 1.04
+        axes.annotate("", (place, 0.85), (place, 1.5), arrowprops={"arrowstyle": "->", "color": INK})
+        axes.add_patch(Rectangle((place, 0), 0.5, 0.8, facecolor=CENTRE))
+        axes.text(place + 0.25, 0.4, i, ha="center", va="center", color="white")
+    axes.annotate("time", (7.3, -0.4), (0, -0.4), arrowprops={"arrowstyle": "->", "color": "0.4"}, va="center")
     return figure
 
 

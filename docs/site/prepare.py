@@ -155,15 +155,19 @@ def described(comment):
     return "\n".join(text + ["```"] * table) + "\n\n"
 
 
-EXAMPLES = {"sense": "SENSE", "coil_combination": "Coil combination", "geometry": "Gradient non-linearity"}
+EXAMPLES = {  # and their arguments
+    "sense": ("SENSE", ["."]),
+    "coil_combination": ("Coil combination", ["."]),
+    "geometry": ("Gradient non-linearity", []),
+}
 
 
 def examples(folder):
     """The C++ examples and the Octave tour, with pictures if they are built."""
     text = "# Examples in C++ and Octave\n\nPython's are in the [gallery](gallery/index.rst).\n\n"
-    for name, title in EXAMPLES.items():
+    for name, (title, arguments) in EXAMPLES.items():
         program = ROOT / "build" / "default" / "examples" / f"example_{name}"
-        text += f"## {title} in C++\n\n" + made(folder, name, [program], program.exists())
+        text += f"## {title} in C++\n\n" + made(folder, name, [program, *arguments], program.exists())
         text += fenced((ROOT / "examples" / f"{name}.cpp").read_text(), "cpp")
     installed = ROOT / "build" / "octave-package" / "installed"
     lists = "".join(f"pkg('{name}', '{installed}/{name}'); " for name in ("local_list", "global_list"))
