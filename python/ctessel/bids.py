@@ -16,6 +16,7 @@ import numpy as np
 
 from . import __version__
 from .acquisitions import TICK
+from .plan import UNITS
 from .scan import printable
 
 #: Suffixes that a scan alone can have, by folder. Others need files that nobody can make of it.
@@ -174,7 +175,7 @@ def entries(plan, header, image):
         **_undersampling(plan),
         **_partial(plan),
         "ImageType": _kind(plan, image.part),
-        "Units": "rad" if image.part == "phase" else "arbitrary",
+        "Units": "rad" if image.part == "phase" else plan.in_snr and UNITS["snr"] or "arbitrary",
         **dict(image.entries),
     }
     return {name: value for name, value in known.items() if value}

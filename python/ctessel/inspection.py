@@ -74,6 +74,8 @@ def noise_maps(plan, source, image, made):
     str
         Why there are no others.
     """
+    if plan.shape[2] > 1:
+        return made, "" if made else "maps of noise take a whole volume of 3-D scans; --maps-out makes them"
     middle, reason = len(plan.kept[0]) // 2, ""
     part = replace(plan, kept=(plan.kept[0][middle : middle + 1], *plan.kept[1:]))
     for left_out in ((), ("sd", "snr")):
@@ -133,7 +135,7 @@ def _of_volume(plan, block, source, plane):
         return None, None
     calibration = reconstruct._slice_calibration(plan, block, source)
     plain = replace(plan, options=replace(plan.options, regularisation=0.0))
-    made, _ = reconstruct._volume_basis(plain, block, source, calibration)
+    made, _ = reconstruct._volume_sensitivities(plain, block, source, calibration)
     parts = [made.part(x).maps(plan, pattern)[0] for x in slabs.edges(plan, pattern, len(made.lines))]
     middle = parts[0].shape[2] // 2
     return np.concatenate([np.abs(part[:, :, middle, :MOST_COILS]) for part in parts]), None

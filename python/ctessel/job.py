@@ -67,14 +67,15 @@ class Job:
                 progress=progress,
                 threads=self.plan.options.threads,
             )
-        scan.disposable = True
+        scan.disposable = not self.arguments.maps_out  # whose replicas need it after the image
         return scan
 
     @property
     def needed(self):
         """Bytes of memory."""
         looked = 40 * prod(self.plan.shape[:3]) if self.arguments.report else 0
-        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + looked + report.INTERPRETER
+        again = self.plan.replicas if self.arguments.maps_out else 0
+        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + looked + again + report.INTERPRETER
 
     def by_part(self):
         """Whether workers here read what they work on; slabs are cut from a volume that is kept."""
@@ -266,6 +267,7 @@ def options(arguments):
     )
     return pipeline.Options(
         combine="pcsos" if arguments.combine == "phase" else "sos",
+        units=arguments.units,
         ringing=arguments.ringing,
         matrix=arguments.pad and tuple(arguments.pad),
         partial="zero" if arguments.no_homodyne else arguments.partial,

@@ -13,7 +13,7 @@ from .scan import times_text
 __all__ = ["read"]
 
 
-def read(path, shape):
+def read(path, shape, slices=None):
     """Sensitivity maps for a scan.
 
     Parameters
@@ -23,6 +23,8 @@ def read(path, shape):
         (x, y, z, coil, 1).
     shape : sequence of int
         Extents of the scan's k-space by `ctessel.scan.AXES`: where its slices are, and how many coils.
+    slices : sequence of int, optional
+        Where its slices are among those of a whole scan, whose maps are taken as well.
 
     Returns
     -------
@@ -40,6 +42,8 @@ def read(path, shape):
         maps = data if named else _unnamed(data, coils)
         if shape[2] == 1 and maps.shape[4] == 1:  # what is called z are slices
             maps = maps.transpose(0, 1, 4, 3, 2)
+        if slices and maps.shape[4] != shape[4] and maps.shape[4] > max(slices):
+            maps = maps[..., list(slices)]
         if maps.shape[3:] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
             raise DefectError(
                 f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "give those of this scan"
@@ -94,15 +98,15 @@ def _unnamed(data, coils):
 
 
 @lru_cache(1)
-def _held(path, shape):
-    return read(path, shape)
+def _held(path, shape, slices):
+    return read(path, shape, slices)
 
 
 def of_slice(plan, index):
     """Sensitivities of a slice, ``(x, y, z, coil)``, of the file that a plan names; the squares of the
     coils that are used sum to 1, or to 0. A process reads the file once.
     """
-    held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape))[..., index]
+    held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape), plan.slices)[..., index]
     maps = np.array(plan.coils_of(held), order="F")
     size = np.sqrt((np.abs(maps) ** 2).sum(3))
     off = (size > 0) & (np.abs(size - 1) > 1e-3)  # those of our own keep their bits
@@ -110,9 +114,9 @@ def of_slice(plan, index):
     return maps
 
 
-def check(path, shape, full):
+def check(path, shape, full, slices=None):
     """Refuse sensitivities that are not on the grid `full`, ``(x, y, z)``, of what is unfolded."""
-    found = _held(os.fspath(path), tuple(shape)).shape[:3]
+    found = _held(os.fspath(path), tuple(shape), slices).shape[:3]
     if found != tuple(full):
         raise ValueError(
             f"{path}: its maps have {times_text(found)} voxels, the grid that is unfolded has "

@@ -100,6 +100,13 @@ def add_steps(command):
         help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
     )
     steps.add_argument(
+        "--units",
+        choices=("raw", "snr"),
+        default="raw",
+        help="of the image: level of the raw data (the default), or standard deviation of each voxel's "
+        "noise (snr), which needs a noise scan",
+    )
+    steps.add_argument(
         "--partial",
         choices=("auto", "zero", "homodyne", "pocs"),
         default="auto",

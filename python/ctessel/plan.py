@@ -12,6 +12,7 @@ import numpy as np
 from . import __version__, coil_choice, coverage, maps
 from .gradients import Coefficients
 from .partial import clipped
+from .replicas import REPLICAS
 from .sampling import Lattice, calibration_block, partial_ranges
 from .scan import Placement, printable, times_text
 from .steps import PLANE_KERNEL, noise_covariance, usable_ranges
@@ -23,6 +24,11 @@ BLOCK = 64 * 2**20
 PROCESS = 128 * 2**20
 #: What becomes of lines that a partial scan lacks.
 WAYS = ("auto", "zero", "homodyne", "pocs")
+#: Units of images, for people.
+UNITS = {
+    "raw": "level of the raw data",
+    "snr": "standard deviation of the noise of each voxel's complex value",
+}
 #: Fewest calibration lines along an undersampled axis.
 FEWEST_LINES = 8
 
@@ -44,10 +50,13 @@ class Options:
     "FFP") in place of the header. `maps` names a file of sensitivities, in place of those of the
     calibration; `keep_maps` hands those that were used back with the image. `coils` are the numbers
     of those that are used, from 0; by default all that are not defective. `combine` "pcsos" gives
-    complex images, "sos" magnitudes.
+    complex images, "sos" magnitudes. `units` "raw" keeps the level of the raw data, one for all scans of
+    an object; "snr" divides each voxel by the standard deviation of its complex value, so that the
+    magnitude is the signal-to-noise ratio; it needs a noise scan.
     """
 
     combine: str = "pcsos"
+    units: str = "raw"
     matrix: tuple[int, int, int] | None = None
     ringing: float = 0.0
     partial: str = "auto"
@@ -133,6 +142,7 @@ class Plan:
     warnings: tuple[str, ...]
     selection: tuple[str, int, int] | None = None
     choice: coil_choice.Choice | None = None  # where some coils are left out, which `shape` lacks
+    slices: tuple[int, ...] | None = None  # those of a part, among the whole scan's
 
     def coils_of(self, samples, axis=3):
         """The coils that are used, of samples of all."""
@@ -156,6 +166,11 @@ class Plan:
     def reduction(self):
         """How many times fewer lines than full ones; of several patterns the most."""
         return max(prod(lattice.reduction for lattice in p.lattices) for p in self.patterns)
+
+    @property
+    def in_snr(self):
+        """Whether images are in units of the standard deviation of their noise."""
+        return self.options.units == "snr"
 
     @property
     def stack(self):
@@ -232,6 +247,7 @@ class Plan:
         """
         volumes = min(self.group, self.shape[6]) * self.shape[5]
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
+        block += self.replicas if self.in_snr else 0
         image = prod(self.image_shape) * np.dtype(self.image_type).itemsize
         if shared and not self.in_slabs:
             read = 8 * prod(self.measured_shape[:4]) * volumes
@@ -240,6 +256,11 @@ class Plan:
         scan = 8 * (prod(self.measured_shape) + prod(self.apart or (0,)))
         stack = 48 * prod(self.image_shape[:4]) if self.stack else 0
         return int(scan + image + max(workers * block + others, stack))
+
+    @property
+    def replicas(self):
+        """Bytes of replicas of noise, beyond those of the images that are made of them."""
+        return 40 * prod(self.shape[:4]) * min(self.group, REPLICAS)
 
     def _block(self, pattern, volumes):
         """Bytes of a block as it is sent, and the most that is held while it is worked on.
@@ -304,7 +325,8 @@ def plan(scan, options=None):
     noisy = covariance is not None and layout.shape[3] > 1
     patterns = tuple(_pattern(layout, options, grid, turn, noisy) for turn in turns)
     _check_regularisation(options, covariance, patterns)
-    _check_maps(measured, options, patterns)
+    _check_maps(measured, options, patterns, layout.slices)
+    _check_units(options, covariance)
     made = Plan(
         options,
         layout.shape,
@@ -329,6 +351,7 @@ def plan(scan, options=None):
         ),
         layout.selection,
         choice,
+        layout.slices,
     )
     made = replace(made, warnings=(*made.warnings, *geometry_warnings(made)))
     return replace(made, steps=tuple(_words(layout, made)))
@@ -414,6 +437,8 @@ def _check(layout, options, grid):
         )
     if options.combine not in ("pcsos", "sos"):
         raise ValueError(f'combine: expected "pcsos" or "sos", got {options.combine!r}')
+    if options.units not in UNITS:
+        raise ValueError(f"units: expected one of {', '.join(UNITS)}, got {options.units!r}")
     if options.partial not in WAYS:
         raise ValueError(f"partial: expected one of {', '.join(WAYS)}, got {options.partial!r}")
     if options.coefficients is None:
@@ -465,11 +490,25 @@ def _check_regularisation(options, covariance, patterns):
         )
 
 
-def _check_maps(shape, options, patterns):
+def _check_units(options, covariance):
+    if options.units == "raw":
+        return
+    if covariance is None:
+        raise ValueError(
+            "units: those of the noise's standard deviation need a noise scan; reconstruct in raw units"
+        )
+    if options.coefficients is not None:
+        raise ValueError(
+            "units: the standard deviation of the noise is that before the geometry is corrected; "
+            "reconstruct in raw units, or without geometry correction"
+        )
+
+
+def _check_maps(shape, options, patterns, slices):
     unfolding = [pattern for pattern in patterns if pattern.unfolds]
     if options.maps is not None:
         for pattern in unfolding:
-            maps.check(options.maps, shape, pattern.full)
+            maps.check(options.maps, shape, pattern.full, slices)
     if options.keep_maps and not unfolding:
         raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
 
@@ -608,6 +647,8 @@ def _words(layout, made):
         steps.append(_combine_words(made, first))
     if options.coefficients is not None:
         steps.append(geometry_words(made))
+    if made.in_snr:
+        steps.append(f"unit: {UNITS['snr']}")
     steps.append(f"image {times_text(made.matrix)}, field of view {times_text(made.field)} mm")
     return [step for step in steps if step]
 

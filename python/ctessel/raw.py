@@ -435,6 +435,7 @@ def _layout(found, read, come=None):
     at = np.flatnonzero(found.role == NOISE_SCAN)
     noise = np.concatenate(read(at)) if at.size else None
     looks, looked = coil_looks.of_acquisitions(found.heads, found.header, read, noise, come)
+    whole = not found.kept or len(found.kept["slice"]) == found.extents["slice"]
     return Layout(
         _kspace_shape(found),
         _cut_header(found),
@@ -447,6 +448,7 @@ def _layout(found, read, come=None):
         (*found.warnings, *found.told),
         looks,
         looked,
+        None if whole else tuple(found.kept["slice"].tolist()),
     )
 
 

@@ -4,14 +4,14 @@ A block is some repetitions of one slice. What it is made of comes from a source
 `frames` and `separate` as `ctessel.scan.Scan` has them. Nothing is decided here.
 """
 
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 from functools import partial
 from itertools import groupby
 from math import prod
 
 import numpy as np
 
-from . import conditioning, runtime, slabs
+from . import conditioning, homodyne, runtime, slabs
 from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
 from .conditioning import Conditioning
@@ -27,14 +27,15 @@ from .fourier import (
 )
 from .maps import of_slice
 from .plan import plan as make_plan
-from .partial import pocs, prediction_error
+from .partial import pocs, prediction_error, smooth_phase
+from .replicas import REPLICAS, in_units, spread
 from .sampling import Lattice, fold_lines
 from .steps import (
     calibration_residual,
     combine,
     damping,
     eigen_maps,
-    homodyne_recon,
+    homodyne_images,
     low_resolution,
     reference_level,
     sensitivity_maps,
@@ -87,7 +88,9 @@ class Basis:
     and the levels of both kinds of data that regularisation needs; the variance of the noise over
     that of the image; and whether the lines that a partial scan lacks are filled in (POCS), with the
     error of that on lines that were hidden; what of the calibration the sensitivities do not explain,
-    as sums for each x; how well the coils tell aliases apart."""
+    as sums for each x; how well the coils tell aliases apart; the phase of the data that is held fixed
+    (that of POCS, or the low-resolution image of homodyne); the standard deviation of the image where
+    that is its unit."""
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
@@ -97,6 +100,8 @@ class Basis:
     prediction: float | None = None
     residual: np.ndarray | None = None
     conditioning: Conditioning | None = None
+    phase: np.ndarray | None = None
+    sd: np.ndarray | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -312,7 +317,7 @@ def _calibration(plan, block, source):
     pattern = plan.patterns[block.pattern]
     decides = plan.options.partial == "auto" and any(pattern.ranges)
     first = None
-    if decides or (plan.options.regularisation > 0 and pattern.unfolds):
+    if decides or plan.in_snr or (plan.options.regularisation > 0 and pattern.unfolds):
         first = lines(plan, Block(block.slice, pattern.repetitions[:1], block.pattern), source)
     return calibration_lines(plan, block.slice, source) if pattern.weighted else None, first
 
@@ -350,6 +355,8 @@ def _basis(plan, block, calibration, first):
         basis.prediction = prediction_error(samples, pattern.ranges, options.threads)
     chosen = basis.prediction is not None and basis.prediction < 1
     basis.fills = any(pattern.ranges) and (options.partial == "pocs" or chosen)
+    if plan.in_snr:
+        basis.sd = deviation(plan, block, basis, first[..., :1, :1])
     return basis
 
 
@@ -418,6 +425,8 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     """
     pattern = plan.patterns[block.pattern]
     image = _image(plan, pattern, basis, samples, transformed)
+    if basis.sd is not None:
+        image = in_units(image, basis.sd)
     made = {"image": _placed(plan, block, image), **_beside(plan, basis), **_conditioned(basis.conditioning)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
@@ -442,6 +451,8 @@ def _combined(plan, pattern, image):
     if plan.gain(pattern) != 1:
         image *= plan.gain(pattern)
     return image
+
+
 
 
 def _complete(plan, pattern, basis, samples):
@@ -551,38 +562,128 @@ def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
 
 def _image(plan, pattern, basis, samples, transformed):
     """Images of the samples of a block, lines that a partial scan lacks as it was decided."""
-    homodyne = plan.options.partial == "homodyne" and pattern.ranges[0]
-    if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or homodyne):
+    removed = _removes_phase(plan, pattern) and pattern.ranges[0]
+    if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or removed):
         lines = samples if transformed else _readout(plan, samples)
         image = _lines_image(plan, pattern, basis, lines)
         return np.asfortranarray(image[central(len(image), plan.matrix[0])])
-    samples = _complete(plan, pattern, basis, samples)
-    if not basis.fills:
-        return _combined(plan, pattern, _finished(plan, pattern, samples))
-    samples = _filtered(plan, pattern, samples)
-    image = pocs(samples, pattern.ranges, field=plan.matrix, threads=plan.options.threads)
-    return _combined(plan, pattern, image)
+    return _finished(plan, pattern, basis, _complete(plan, pattern, basis, samples))
 
 
 def _lines_image(plan, pattern, basis, lines):
     """Images of lines that are weighted, whose readout is transformed and stays as it is."""
     threads = plan.options.threads
     changed = plan.options.ringing > 0 or plan.pixels[1:] != pattern.full[1:]
-    homodyne = plan.options.partial == "homodyne" and any(pattern.ranges)
-    if changed or homodyne or not pattern.unfolds or plan.covariance is not None:
+    removed = _removes_phase(plan, pattern)
+    if changed or removed or not pattern.unfolds or plan.covariance is not None:
         lines = _completed(plan, pattern, basis, lines)
-        return _combined(plan, pattern, _finished(plan, pattern, lines, (1, 2)))
+        return _finished(plan, pattern, basis, lines, (1, 2))
     coils = unshifted_image(_unfolded(plan, pattern, basis, lines), (1, 2), threads)
     image = fftshift(_combined(plan, pattern, coils), (1, 2), inplace=True, threads=threads)
     return resize(image, (len(image), *plan.matrix[1:]))
 
 
-def _finished(plan, pattern, samples, axes=(0, 1, 2)):
-    """Images of k-space over the whole field: filter, size, transform or homodyne."""
-    matrix = plan.matrix if 0 in axes else (len(samples), *plan.matrix[1:])
-    ranges = pattern.ranges if plan.options.partial == "homodyne" else [None] * 3
+def _removes_phase(plan, pattern):
+    return plan.options.partial == "homodyne" and any(pattern.ranges)
+
+
+def _finished(plan, pattern, basis, samples, axes=(0, 1, 2)):
+    """Images of k-space over the whole field: filter, size, transform, lines that a partial scan lacks,
+    combination."""
+    matrix, threads = plan.matrix if 0 in axes else (len(samples), *plan.matrix[1:]), plan.options.threads
     samples = _filtered(plan, pattern, samples, axes)
-    return homodyne_recon(samples, ranges, field=matrix, threads=plan.options.threads, axes=axes)
+    if _removes_phase(plan, pattern):
+        return _without_phase(plan, pattern, basis, samples, matrix, axes)
+    if basis.fills:
+        image = pocs(samples, pattern.ranges, field=matrix, threads=threads, phase=basis.phase)
+    else:
+        image = homodyne_images(samples, [None] * 3, field=matrix, threads=threads, axes=axes)[0]
+    return _combined(plan, pattern, image)
+
+
+def _without_phase(plan, pattern, basis, samples, matrix, axes):
+    """Images of homodyne; complex ones have the phase that it takes from the lines."""
+    threads = plan.options.threads
+    image, low = homodyne_images(samples, pattern.ranges, field=matrix, threads=threads, axes=axes)
+    fixed = basis.phase is not None
+    if fixed:
+        low = np.broadcast_to(basis.phase, image.shape)
+    image = homodyne.multiply(image, low, inplace=True, threads=threads)
+    image = _combined(plan, pattern, image)
+    if fixed or plan.options.combine != "pcsos":
+        return image
+    phase = combine(low, threads=threads)
+    size = np.abs(phase)
+    return np.abs(image) * np.divide(phase, size, out=np.ones_like(phase), where=size > 0)
+
+
+def deviation(plan, block, basis, frame, replicas=REPLICAS, seed=0):
+    """Standard deviation of the image of a block over replicas of noise added to its lines, all that is
+    taken from data held fixed.
+
+    Parameters
+    ----------
+    plan, block, basis
+        As for `reconstruct_block`.
+    frame : ndarray of complex64, ``(x, y, z, coil, 1, 1)``
+    replicas, seed : int, optional
+
+    Returns
+    -------
+    ndarray of float64, ``(x, y, z)``
+        That of the complex value, of real images (homodyne) that of the real one.
+    """
+    plan = _in_raw_units(plan)
+    pattern = plan.patterns[block.pattern]
+    basis = replace(basis, sd=None)
+    if basis.fills or _removes_phase(plan, pattern):
+        basis.phase = _phase(plan, pattern, basis, _complete(plan, pattern, basis, frame))
+
+    def operator(samples):
+        return _image(plan, pattern, basis, samples, False)
+
+    how = {"replicas": replicas, "together": max(1, plan.group), "seed": [seed, block.slice]}
+    return spread(operator, frame, plan.covariance, **how)
+
+
+def gain_of_noise(plan, pattern, fills):
+    """What filter, interpolation and lines that a partial scan lacks make of white noise of an image
+    without aliases: the standard deviation of voxels, root mean square, over that of its samples.
+
+    `fills` says whether POCS fills in lines. The error is a thousandth.
+    """
+    plan, extents = _in_raw_units(plan), (plan.shape[0], *(each.folded * each.step for each in pattern.lattices))
+    frame = np.zeros((*pattern.full, 1, 1, 1), np.complex64, order="F")
+    frame[_measured_box(pattern, extents)] = 1
+    frame[tuple(n // 2 for n in pattern.full)] = 1e6  # an image that is even and real: all is linear near it
+    fixed = np.ones(plan.pixels if fills else plan.matrix, np.complex64, order="F")
+    basis = Basis(fills=fills, phase=fixed[..., None, None, None])
+    count = -(-200_000 // prod(plan.matrix))
+    sd = spread(partial(_finished, plan, pattern, basis), frame, np.eye(1), replicas=count)
+    return float(np.sqrt(np.mean(sd**2)))
+
+
+def _measured_box(pattern, extents):
+    """Lines between the first and the last one of a partial scan, on the unfolded grid."""
+    box = []
+    for n, lines, extent in zip(pattern.full, pattern.partial, extents):
+        first, last = (int(line * n / extent) for line in lines) if lines else (-(n // 2), n)
+        box.append(slice(max(0, n // 2 + first), n // 2 + last + 1))
+    return tuple(box)
+
+
+def _in_raw_units(plan):
+    """A plan of complex images at the level of the raw data."""
+    return replace(plan, options=replace(plan.options, combine="pcsos", units="raw"))
+
+
+def _phase(plan, pattern, basis, lines, axes=(0, 1, 2)):
+    """What is taken from lines without gaps for the phase of their image."""
+    threads, lines = plan.options.threads, _filtered(plan, pattern, lines, axes)
+    if basis.fills:
+        return smooth_phase(lines, pattern.ranges, threads)
+    matrix = plan.matrix if 0 in axes else (len(lines), *plan.matrix[1:])
+    return homodyne_images(lines, pattern.ranges, field=matrix, threads=threads, axes=axes)[1]
 
 
 def _placed(plan, block, image):
@@ -634,9 +735,16 @@ def _slice_calibration(plan, block, source):
 
 def _volume_basis(plan, block, source, calibration):
     """What sensitivities of the volumes are made of, and the levels for regularisation or None."""
+    made, levels = _volume_sensitivities(plan, block, source, calibration)
+    if plan.in_snr:
+        made.sd = volume_deviation(plan, block, source, made, levels)
+    return made, levels
+
+
+def _volume_sensitivities(plan, block, source, calibration):
     pattern = plan.patterns[block.pattern]
     if not pattern.weighted:
-        return None, None
+        return slabs.Sensitivities(None), None
     made, expected = slabs.sensitivities(plan, pattern, calibration)
     if pattern.unfolds and plan.options.maps is not None:
         made.given = of_slice(plan, block.slice)
@@ -648,6 +756,40 @@ def _volume_basis(plan, block, source, calibration):
     basis = Basis(levels=levels, damping=made.damping)
     made.conditioning = _conditioning(plan, pattern, basis, parts)
     return made, levels
+
+
+def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLICAS, seed=0):
+    """As `deviation`, of a volume that is worked on in slabs.
+
+    Noise is independent along x once the readout is transformed: each slab has its own, and what is done
+    along x afterwards adds variances.
+    """
+    plan, pattern = _in_raw_units(plan), plan.patterns[block.pattern]
+    first = Block(block.slice, pattern.repetitions[:1], block.pattern).along()
+    volume = slabs.transformed(plan, pattern, source.frames(block.slice, first)[..., :1, :], False)
+    parts = []
+    for x in slabs.edges(plan, pattern, len(volume)):
+        part = sensitivities.part(x)
+        frame = np.array(volume[x], order="F")
+        operator = _slab_operator(plan, pattern, part, levels, frame)
+        seeds = [seed, block.slice, x.start]
+        parts.append(spread(operator, frame, plan.covariance, replicas=replicas, seed=seeds))
+    return np.sqrt(slabs.weights(plan, pattern).dot(np.concatenate(parts).transpose(1, 0, 2) ** 2))
+
+
+def _slab_operator(plan, pattern, sensitivities, levels, frame):
+    """What makes images along y and z of a slab, the phase that `frame` has held fixed."""
+    basis = _slab_basis(plan, pattern, sensitivities, levels)
+    if _removes_phase(plan, pattern):
+        complete = _completed(plan, pattern, basis, frame) if pattern.weighted else frame
+        basis.phase = _phase(plan, pattern, basis, complete, (1, 2))
+
+    def operator(samples):
+        if pattern.weighted:
+            return _lines_image(plan, pattern, basis, samples)
+        return _finished(plan, pattern, basis, samples, (1, 2))
+
+    return operator
 
 
 def _volume_levels(plan, block, source, expected):
@@ -666,7 +808,7 @@ def _volume(plan, block, volume, sensitivities, levels, client):
 
     def tasks():
         for x in slabs.edges(plan, pattern, len(volume)):
-            part = sensitivities and sensitivities.part(x)
+            part = sensitivities.part(x)
             samples = (place, x) if place else (np.array(volume[x], order="F"),)
             yield x, (plan, block, part, levels, *samples)
 
@@ -678,9 +820,11 @@ def _volume(plan, block, volume, sensitivities, levels, client):
             made[name][x] = part
     if not plan.completes_slabs(pattern):
         lines = to_kspace(made["image"], threads=plan.options.threads, overwrite=True)
-        made["image"] = _combined(plan, pattern, _finished(plan, pattern, lines))
+        made["image"] = _finished(plan, pattern, Basis(), lines)
+    if sensitivities.sd is not None:
+        made["image"] = in_units(made["image"], sensitivities.sd)
     made["image"] = _placed(plan, block, made["image"])
-    return made | _conditioned(sensitivities and sensitivities.conditioning)
+    return made | _conditioned(sensitivities.conditioning)
 
 
 def _here(client):
@@ -693,14 +837,21 @@ def _slab(plan, block, sensitivities, levels, samples, x=None):
     return reconstruct_slab(plan, block, samples, sensitivities, levels)
 
 
+def _slab_basis(plan, pattern, sensitivities, levels):
+    if not pattern.weighted:
+        return Basis()
+    maps, expected, residual = sensitivities.maps(plan, pattern)
+    basis = Basis(maps, expected, levels, damping=sensitivities.damping, residual=residual)
+    basis.conditioning = sensitivities.conditioning
+    return basis
+
+
 def reconstruct_slab(plan, block, samples, sensitivities, levels):
     """Image of a slab whose readout is transformed, as `reconstruct_block` of a block."""
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
     if not pattern.weighted:
-        return {"image": _combined(plan, pattern, _finished(plan, pattern, samples, (1, 2)))}
-    maps, expected, residual = sensitivities.maps(plan, pattern)
-    basis = Basis(maps, expected, levels, damping=sensitivities.damping, residual=residual)
-    basis.conditioning = sensitivities.conditioning
+        return {"image": _finished(plan, pattern, Basis(), samples, (1, 2))}
+    basis = _slab_basis(plan, pattern, sensitivities, levels)
     made = _beside(plan, basis)
     if plan.completes_slabs(pattern):
         return made | {"image": _lines_image(plan, pattern, basis, samples)}

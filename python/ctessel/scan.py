@@ -81,7 +81,8 @@ class Layout:
     ``(y, z, slice, echo, repetition)`` of bool, marks what was measured, k = 0 at ``N // 2``.
     `flagged`, ``(y, z)`` of bool, marks the lines that the file calls calibration, or is None.
     `noise` is ``(sample, coil)`` or None; `calibration` are the extents of a calibration scan of
-    its own, or None. A part of a scan has in `selection` its axis, first and last index.
+    its own, or None. A part of a scan has in `selection` its axis, first and last index, and in `slices`
+    the places of its slices in the whole where others are left out.
     `looks` tell of the coils what `ctessel.coil_choice` needs, `looked` that no slice is missing
     there. `warnings` are those of the reading, a line each.
     """
@@ -97,6 +98,7 @@ class Layout:
     warnings: tuple[str, ...] = ()
     looks: tuple = ()
     looked: bool = True
+    slices: tuple[int, ...] | None = None
 
     @property
     def sampled(self):

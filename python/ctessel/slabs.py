@@ -12,7 +12,7 @@ from ._arrays import ringing_filter
 from ._coils import pcsos
 from ._helpers import sa
 from .conditioning import Conditioning
-from .fourier import central, remove_oversampling, resize, to_image
+from .fourier import central, remove_oversampling, resize, to_image, to_kspace
 from .steps import (
     CROP,
     WINDOW,
@@ -60,6 +60,22 @@ def _readout(plan, pattern, lines):
     return image[central(len(image), plan.matrix[0])]
 
 
+def weights(plan, pattern):
+    """What the variance of each plane across the readout, of noise that is independent along x, gives to
+    those of the image: ``(image's x, x)``."""
+    n = plan.readout if pattern.weighted else plan.matrix[0]
+    if pattern.weighted and plan.completes_slabs(pattern):
+        return np.eye(n)
+    if not pattern.weighted:  # filter and size are behind it
+        each = _readout(plan, pattern, np.eye(plan.shape[0], dtype=np.complex64)[:, :, None])
+        return np.diag((np.abs(each[:, :, 0]) ** 2).sum(1))
+    lines = to_kspace(np.eye(n, dtype=np.complex64)[:, :, None], (0,))
+    if plan.options.ringing > 0:
+        lines = ringing_filter(lines, (plan.options.ringing, 0, 0), (pattern.window[0], n, 1))
+    image = to_image(resize(lines, plan.pixels[:1]), (0,))
+    return np.abs(image[central(len(image), plan.matrix[0]), :, 0]) ** 2
+
+
 def edges(plan, pattern, extent):
     """The slabs of a volume, as slices of x."""
     width = max(1, plan.slab // (8 * plan.shape[3] * int(np.prod(pattern.full[1:]))))
@@ -75,15 +91,18 @@ EMPTY, DIM, BRIGHT = range(3)
 class Sensitivities:
     """What maps of a slab are made of: its low-resolution lines, and what its voxels are."""
 
-    lines: np.ndarray  # (x, y, z, coil): x transformed, under a window
+    lines: np.ndarray | None  # (x, y, z, coil): x transformed, under a window; None: not weighted
     voxels: np.ndarray | None = None  # (x, y, z) of int8; None: all count
     given: np.ndarray | None = None  # maps of a file, (x, y, z, coil)
     damping: float = 0.0
     conditioning: Conditioning | None = None
+    sd: np.ndarray | None = None  # of the image, (x, y, z), where that is its unit
 
     def part(self, x):
+        if self.lines is None:
+            return self
         voxels, given = (None if a is None else a[x] for a in (self.voxels, self.given))
-        return replace(self, lines=np.array(self.lines[x], order="F"), voxels=voxels, given=given)
+        return replace(self, lines=np.array(self.lines[x], order="F"), voxels=voxels, given=given, sd=None)
 
     def maps(self, plan, pattern):
         """Sensitivities and low-resolution image on the grid of the unfolded image; sums of the

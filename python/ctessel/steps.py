@@ -398,11 +398,21 @@ def homodyne_recon(
     D. C. Noll, D. G. Nishimura, A. Macovski, "Homodyne detection in magnetic resonance imaging",
     IEEE Trans. Med. Imaging 10:154 (1991).
     """
+    image, low = homodyne_images(kspace, ranges, field=field, threads=threads, axes=axes)
+    if low is None:
+        return image
+    return homodyne.multiply(image, low, inplace=True, threads=threads)
+
+
+def homodyne_images(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2)):
+    """The two images of homodyne: that of the weighted lines, and the low-resolution one, whose phase is
+    to be removed from it; None where no axis can be used. See `homodyne_recon`.
+    """
     kspace = np.asanyarray(kspace)
     usable = usable_ranges(kspace.shape, ranges)
     field = tuple(field or kspace.shape[:3])
     if not any(usable):
-        return _cut(to_image(kspace, axes, threads), field)
+        return _cut(to_image(kspace, axes, threads), field), None
     mirrored = [axis for axis, r in enumerate(usable) if r and sum(r) < 0]
     for axis in mirrored:
         usable[axis] = _mirror(usable[axis])
@@ -416,7 +426,7 @@ def homodyne_recon(
         low, image = flip(low, mirrored), flip(image, mirrored)
     low, image = _cut(low, field), _cut(image, field)
     low[low == 0] = 1  # without a phase to remove
-    return homodyne.multiply(image, low, inplace=True, threads=threads)
+    return image, low
 
 
 def _cut(image, field):

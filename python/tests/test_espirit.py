@@ -2,6 +2,7 @@
 
 import json
 
+import nibabel
 import numpy as np
 import pytest
 from conftest import layouts, random_complex, same_bits
@@ -52,6 +53,10 @@ def test_sensitivities_go_to_files_and_come_back(tmp_path, capsys):
         assert cli.main(["recon", f"{raw}", "-o", f"{images[0]}", "--save-maps", f"{tmp_path / name}"]) == 0
         assert cli.main(["recon", f"{raw}", "-o", f"{images[1]}", "--maps", f"{tmp_path / name}"]) == 0
         assert images[0].read_bytes() == images[1].read_bytes()
+    part = ["recon", f"{raw}", "-o", f"{images[2]}", "--maps", f"{tmp_path / 'maps.cfl'}", "--range", "slice", "1", "1"]
+    assert cli.main(part) == 0  # the maps of all slices serve
+    whole, last = (nibabel.load(images[at]).get_fdata() for at in (0, 2))
+    np.testing.assert_array_equal(last, whole[:, :, 1:])
     told = json.loads(images[1].with_suffix(".json").read_text())
     assert "sensitivity maps of maps.nii.gz" in told["Steps"]
     assert all(0 < figure < 0.02 for figure in told["Parameters"]["residual"])

@@ -66,3 +66,20 @@ def test_measured_lines_stay_what_they_were_after_sense():
     alike = pipeline.reconstruct(known(full, noise=None), Options(combine="sos")).image[..., 0, 0, 0]
     level = (image * alike).sum() / (alike**2).sum()
     assert abs(level - 1) < 0.01
+
+
+@pytest.mark.parametrize("shape, count, noise", [((40, 48, 1), 1, 0), ((40, 48, 1), 4, 0), ((40, 48, 1), 4, 0.01), ((8, 48, 16), 4, 0.01)])
+def test_homodyne_hands_out_the_phase_that_it_removes(shape, count, noise):
+    """That of the lines on both sides of k = 0; magnitudes are those of images without it, bit for bit."""
+    mask = lines(48, first=-9)
+    _, part = scan(shape, count, mask, noise=noise)
+    magnitude, image = (
+        pipeline.reconstruct(part, Options(partial="homodyne", combine=combine)).image for combine in ("sos", "pcsos")
+    )
+    np.testing.assert_allclose(np.abs(image), magnitude, rtol=1e-5, atol=1e-6 * magnitude.max())
+    near = np.abs(np.arange(48) - 24)[None, :, None, None, None, None, None] <= 9
+    centre = pipeline.reconstruct(known(part, part.kspace * near), Options(partial="zero"))
+    bright = magnitude > 0.5 * magnitude.max()
+    off = np.abs(np.angle(image[bright] * centre.image[bright].conj()))
+    assert np.median(off) < 0.02 and np.percentile(off, 95) < 0.15  # the window is another
+    assert np.abs(np.angle(image[bright])).std() > 0.1
