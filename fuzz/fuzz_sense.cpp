@@ -1,11 +1,12 @@
 // The steps of the SENSE reconstruction on any geometry and any values against the naive reference,
-// and the driver against its steps. Apart from the other kernels, which are faster.
+// the driver against its steps, and listed aliases against folded pixels one by one. Apart from the other kernels, which are faster.
 
 #include <omp.h>
 
 #include <climits>
 
 #include "cTessel.h"
+#include "ctessel.hpp"
 #include "guarded.h"
 #include "input.h"
 #include "naive_sense.h"
@@ -285,10 +286,135 @@ void sense_recon(Input& input) {
   require(same(re.values(), want_re) && same(im.values(), want_im), "image, by steps");
 }
 
+using List = std::vector<std::array<int, 2>>;
+
+/// Voxels that alias in a lattice of any steps and shift, in any order and number of turns; or any list.
+List any_list(Input& input, const std::array<int, 2>& steps, const std::array<int, 2>& folded) {
+  List list;
+  const bool swapped = input.flag(), lattice = input.within(0, 7) > 0;
+  const int own = swapped ? 1 : 0, other = 1 - own, shift = input.within(0, steps[other] - 1);
+  for (int t = 0; t < steps[other]; ++t) {
+    for (int r = 0; r < steps[own]; ++r) {
+      std::array<int, 2> at{};
+      at[own] = folded[own] * r - shift * t * folded[own] / steps[other] +
+                folded[own] * steps[own] * input.within(-2, 2);
+      at[other] = folded[other] * t + folded[other] * steps[other] * input.within(-2, 2);
+      if (!lattice) at[own] += input.within(-1, 1);
+      list.insert(list.begin() + input.within<std::ptrdiff_t>(0, std::ssize(list)), at);
+    }
+  }
+  if (!lattice && list.size() > 1 && input.flag()) list.pop_back();
+  return list;
+}
+
+/// Images, maps and mask of a listed problem, and what it is to be.
+struct Listed {
+  explicit Listed(Input& input)
+      : steps{input.within(1, 3), input.within(1, 3)},
+        folded{steps[1] * input.within(1, 2), steps[0] * input.within(1, 2)},
+        list(any_list(input, steps, folded)),
+        nx(input.within(1, 20)),
+        nc(input.within(1, 4)),
+        ny(steps[0] * folded[0]),
+        nz(steps[1] * folded[1]),
+        in(samples(input, static_cast<std::size_t>(2 * nx * folded[0] * folded[1] * nc))),
+        maps(samples(input, static_cast<std::size_t>(2 * nx * ny * nz * nc))),
+        mask(static_cast<std::size_t>(nx * ny * nz)),
+        expected(mask.size(), 1.0f) {
+    for (float& m : mask) m = input.within(0, 7) > 0;
+    options.mask = ctessel::Samples::parts(mask.data(), nullptr, {nx, ny, nz});
+    if (input.flag()) options.expected = view(expected, nullptr, {nx, ny, nz});
+  }
+  static ctessel::ConstSamples view(const Floats& re, const float* im, const ctessel::Extents& n) {
+    return ctessel::ConstSamples::parts(re.data(), im, n);
+  }
+  static ctessel::ConstSamples half(const Floats& v, const ctessel::Extents& n) {
+    return view(v, v.data() + v.size() / 2, n);
+  }
+  /// The voxel of an alias; -1 where it was met before.
+  int voxel(int x, int y, int z, const std::array<int, 2>& offset) const {
+    const auto around = [](int at, int n) { return (at % n + n) % n; };
+    return x + nx * (around(y + (ny - folded[0] + 1) / 2 + offset[0], ny) +
+                     ny * around(z + (nz - folded[1] + 1) / 2 + offset[1], nz));
+  }
+  bool meets_all() const {
+    std::vector<int> met(mask.size());
+    for (const auto& offset : list)
+      for (int z = 0; z < folded[1]; ++z)
+        for (int y = 0; y < folded[0]; ++y) ++met[static_cast<std::size_t>(voxel(0, y, z, offset))];
+    for (int z = 0; z < nz; ++z)
+      for (int y = 0; y < ny; ++y)
+        if (met[static_cast<std::size_t>(nx * (y + ny * z))] != 1) return false;
+    return true;
+  }
+  /// The pixels of one folded pixel as those of a row along y, in the order in which they are listed.
+  void unfold_pixel(int x, int y, int z, Floats& re, Floats& im) const {
+    const auto n = static_cast<int>(list.size());
+    Eigen::VectorXi order(n);
+    naive::fold_lines(n, 1, 0, order);
+    const std::size_t count = list.size(), size = count * static_cast<std::size_t>(nc);
+    Floats own_maps(2 * size), own_mask(count), ones(count, 1.0f),
+        v(2 * static_cast<std::size_t>(nc)), u(2 * count, static_cast<float>(kUntouched));
+    for (int k = 0; k < n; ++k) {
+      const int from = voxel(x, y, z, list[static_cast<std::size_t>(k)]);
+      own_mask[order[k]] = mask[static_cast<std::size_t>(from)];
+      for (int c = 0; c < nc; ++c)
+        for (std::size_t part : {0, 1})
+          own_maps[order[k] + n * c + part * size] =
+              maps[from + nx * ny * nz * c + part * maps.size() / 2];
+    }
+    for (int c = 0; c < nc; ++c)
+      for (std::size_t part : {0, 1})
+        v[c + part * nc] =
+            in[x + nx * (y + folded[0] * (z + folded[1] * c)) + part * in.size() / 2];
+    ctessel::SenseOptions own;
+    own.mask = ctessel::Samples::parts(own_mask.data(), nullptr, {1, n, 1});
+    if (options.expected) own.expected = view(ones, nullptr, {1, n, 1});
+    ctessel::sense(half(v, {1, 1, 1, nc}), half(own_maps, {1, n, 1, nc}), {1, n, 1},
+                   ctessel::Samples::parts(u.data(), u.data() + n, {1, n, 1}), own);
+    for (int k = 0; k < n; ++k) {
+      const int to = voxel(x, y, z, list[static_cast<std::size_t>(k)]);
+      re[to] = u[order[k]];
+      im[to] = u[order[k] + n];
+    }
+  }
+
+  std::array<int, 2> steps, folded;
+  List list;
+  int nx, nc, ny, nz;
+  Floats in, maps, mask, expected;
+  ctessel::SenseOptions options;
+};
+
+void listed_aliases(Input& input) {
+  Listed s(input);
+  Guarded<float> re(s.mask.size(), static_cast<float>(kUntouched)), im = re;
+  s.options.aliases = s.list;
+  bool refused = false;
+  try {
+    ctessel::sense(Listed::half(s.in, {s.nx, s.folded[0], s.folded[1], s.nc}),
+                   Listed::half(s.maps, {s.nx, s.ny, s.nz, s.nc}), {s.nx, s.ny, s.nz},
+                   ctessel::Samples::parts(re.data(), im.data(), {s.nx, s.ny, s.nz}), s.options);
+  } catch (const std::invalid_argument&) {
+    refused = true;
+  }
+  require(refused != s.meets_all(), "lists that meet every voxel once");
+  require(re.intact() && im.intact(), "guard zones of listed aliases");
+  if (refused) return;
+  Floats want_re(s.mask.size()), want_im = want_re;
+  for (int z = 0; z < s.folded[1]; ++z)
+    for (int y = 0; y < s.folded[0]; ++y)
+      for (int x = 0; x < s.nx; ++x) s.unfold_pixel(x, y, z, want_re, want_im);
+  for (const Floats* v : {&s.maps, &want_re, &want_im})
+    for (float value : *v)
+      if (!std::isfinite(value)) return;  // which spreads
+  require(same(re.values(), want_re) && same(im.values(), want_im), "listed aliases, one by one");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  constexpr void (*kTargets[])(Input&) = {sense_steps, sense_recon};
+  constexpr void (*kTargets[])(Input&) = {sense_steps, sense_recon, listed_aliases};
   Input input(bytes, size);
   input.pick(kTargets)(input);
   return 0;

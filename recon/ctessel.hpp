@@ -190,6 +190,13 @@ struct SenseOptions {
   /// Between the voxels of a coarser grid sd is that of the factors there, g and response follow from
   /// those of the neighbours, and the condition is the nearest voxel's.
   Samples g = {}, sd = {}, condition = {}, response = {};
+  /// Where the voxels lie that alias, for lines on a lattice that is no product of y and z (CAIPIRINHA):
+  /// offsets along y and z in full voxels, the same for every folded voxel and round the edges of the
+  /// image, so that alias k of folded (y, z) is voxel ((y + first_y + aliases[k][0]) mod full y,
+  /// (z + first_z + aliases[k][1]) mod full z), first = ceil((full - folded) / 2). Every voxel must be
+  /// met once, and the maps must have the image's extents along y and z. None: all voxels that are
+  /// multiples of the folded extents away along y and along z.
+  std::vector<std::array<int, 2>> aliases = {};
 };
 
 /// How espirit() estimates sensitivities.
@@ -256,7 +263,8 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 
 // ---- SENSE --------------------------------------------------------------------------------------
 //
-// Pruessmann et al., Magn. Reson. Med. 42:952 (1999).
+// Pruessmann et al., Magn. Reson. Med. 42:952 (1999); shifted lattices: Breuer et al., Magn. Reson. Med.
+// 55:549 (2006).
 
 /// Unfolds undersampled multi-coil images: the noise-weighted least-squares solution of every voxel's
 /// aliases, with the bits of TS_sense_recon.
@@ -269,8 +277,8 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 ///                   outside of the object stay as they are. Empty: only images of noise are wanted,
 ///                   and of folded only the extents count
 ///
-/// Errors: std::invalid_argument where extents do not fit. Threads: split over x. Memory: on each
-/// thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
+/// Errors: std::invalid_argument where extents do not fit, or aliases do not meet every voxel once.
+/// Threads: split over x. Memory: a bit per voxel of a plane x where aliases are listed; on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
 /// coil and an alias.
 void sense(const ConstSamples& folded, const ConstSamples& maps,
            const std::array<int, 3>& full_size, const Samples& out,

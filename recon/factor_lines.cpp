@@ -42,6 +42,13 @@ ctessel::AliasAxis list_aliases(int lines, int room, int map_len, int full_len, 
   return axis;
 }
 
+void take_list(ctessel::AliasAxis& axis, const std::vector<int>& lines) {
+  axis.room = static_cast<int>(lines.size() / size(axis.lines));
+  axis.count.assign(size(axis.lines), axis.room);
+  axis.nearest = lines;
+  axis.coord.assign(lines.begin(), lines.end());
+}
+
 Eigen::VectorXf coordinates(const ctessel::AliasAxis& axis, int line) {
   return Eigen::Map<const Eigen::VectorXf>(axis.coord.data() + line * axis.room, axis.room);
 }
@@ -113,6 +120,13 @@ ctessel::FactorProblem::FactorProblem(const Eigen::VectorXi& sens_dims, const Ei
   if (psi_inverse == Eigen::MatrixXcd::Identity(psi.rows(), psi.cols())) psi_inverse.resize(0, 0);
 }
 
+void ctessel::FactorProblem::list(const std::vector<int>& offsets_y,
+                                  const std::vector<int>& offsets_z) {
+  take_list(y, listed_lines(y.lines, static_cast<int>(ny), offsets_y));
+  take_list(z, listed_lines(z.lines, static_cast<int>(nz), offsets_z));
+  listed = true;
+}
+
 void ctessel::FactorProblem::record_edges(float* edges_y, float* edges_z) const {
   if (nx > 0) find_jumps(y, edges_y);
   if (nx > 0 && y.lines > 0) find_jumps(z, edges_z);
@@ -171,11 +185,10 @@ void ctessel::FactorLines::find_first() {
   for (int y = 0; y < p_.y.lines; ++y) {
     if (std::find(first_.begin(), first_.end(), kNever) == first_.end()) return;
     for (int z = 0; z < p_.z.lines; ++z) {
-      const int64_t n = int64_t{p_.y.count[size(y)]} * p_.z.count[size(z)];
+      const int64_t n = p_.count(y, z);
       for (int64_t k = 0; k < n; ++k) {
-        const int64_t ky = k / p_.z.count[size(z)], kz = k % p_.z.count[size(z)];
-        const int64_t nearest =
-            p_.y.nearest[p_.y.entry(y, ky)] + p_.ny * p_.z.nearest[p_.z.entry(z, kz)];
+        const FactorProblem::Entries at = p_.entries(y, z, k);
+        const int64_t nearest = p_.y.nearest[at.y] + p_.ny * p_.z.nearest[at.z];
         note_first(row(nearest, 0, width_, 0).re, width_, y * p_.z.lines + z,
                    first_.data() + k * pitch_);
       }
@@ -188,11 +201,10 @@ bool ctessel::FactorLines::include(int y, int z, int64_t k) {
   unsigned char* flags = included_.data() + k * pitch_;
   const int* first = first_.data() + k * pitch_;
   const int line = y * p_.z.lines + z;
-  const int64_t ky = k / p_.z.count[size(z)], kz = k % p_.z.count[size(z)];
   const float* mask = p_.mask.re;
   if (mask) {
-    mask += x0_ * p_.mask.x + p_.y.nearest[p_.y.entry(y, ky)] * p_.mask.y +
-            p_.z.nearest[p_.z.entry(z, kz)] * p_.mask.z;
+    const FactorProblem::Entries at = p_.entries(y, z, k);
+    mask += x0_ * p_.mask.x + p_.y.nearest[at.y] * p_.mask.y + p_.z.nearest[at.z] * p_.mask.z;
   }
   bool any = false;
   for (int64_t i = 0; i < width_; ++i) {
@@ -238,8 +250,8 @@ void ctessel::FactorLines::interpolate(const Corners& around, int64_t c, float* 
 void ctessel::FactorLines::gather(int y, int z) {
   for (int64_t k = 0; k < batch_.aliases; ++k) {
     if (!include(y, z, k)) continue;
-    const float a = p_.y.coord[p_.y.entry(y, k / p_.z.count[size(z)])];
-    const float c = p_.z.coord[p_.z.entry(z, k % p_.z.count[size(z)])];
+    const FactorProblem::Entries at = p_.entries(y, z, k);
+    const float a = p_.y.coord[at.y], c = p_.z.coord[at.z];
     const int ia = static_cast<int>(a), ic = static_cast<int>(c);
     const Corners around = corner_rows(ia + p_.ny * ic, 1, p_.ny, p_.ny * p_.nz,
                                        static_cast<double>(a) - ia, static_cast<double>(c) - ic);
@@ -252,8 +264,8 @@ void ctessel::FactorLines::gather(int y, int z) {
 
 void ctessel::FactorLines::gather_direct(int y, int z) {
   for (int64_t k = 0; k < batch_.aliases; ++k) {
-    const int64_t ky = k / p_.z.count[size(z)], kz = k % p_.z.count[size(z)];
-    const int64_t at = p_.y.nearest[p_.y.entry(y, ky)] + p_.ny * p_.z.nearest[p_.z.entry(z, kz)];
+    const FactorProblem::Entries of = p_.entries(y, z, k);
+    const int64_t at = p_.y.nearest[of.y] + p_.ny * p_.z.nearest[of.z];
     const bool any = include(y, z, k);
     for (int64_t c = 0; c < p_.nc; ++c) {
       prefetch(at, c);
@@ -275,8 +287,8 @@ bool ctessel::FactorLines::finite() const {
 }
 
 double ctessel::FactorLines::regularisation(int y, int z, int64_t k, int64_t i) const {
-  const int64_t row = p_.y.nearest[p_.y.entry(y, k / p_.z.count[size(z)])],
-                slice = p_.z.nearest[p_.z.entry(z, k % p_.z.count[size(z)])], x = x0_ + i;
+  const FactorProblem::Entries of = p_.entries(y, z, k);
+  const int64_t row = p_.y.nearest[of.y], slice = p_.z.nearest[of.z], x = x0_ + i;
   if (x + p_.nx * (row + p_.ny * slice) >= p_.expected_size) return 0;
   const Volume& e = p_.expected;
   const int64_t at = x * e.x + row * e.y + slice * e.z;
@@ -336,7 +348,7 @@ void ctessel::FactorLines::finish_noise(int64_t i, bool any, std::complex<double
 
 void ctessel::FactorLines::form(int y, int z, bool direct, std::complex<double>* out,
                                 int64_t pitch) {
-  batch_.aliases = int64_t{p_.y.count[size(y)]} * p_.z.count[size(z)];
+  batch_.aliases = p_.count(y, z);
   direct ? gather_direct(y, z) : gather(y, z);
   for (int64_t i = 0; i < width_; i += kLanes) finish(i, y, z, out, pitch);
 }

@@ -43,7 +43,22 @@ struct FactorProblem {
   FactorProblem(const Eigen::VectorXi& sens_dims, const Eigen::MatrixXcd& psi,
                 const Eigen::Vector3f& reduction, const Eigen::VectorXi& folded,
                 const Eigen::VectorXi& full);
-  std::int64_t aliases() const { return std::int64_t{y.room} * z.room; }
+  /// Takes aliases from lists of offsets; the maps must have the image's lines along both axes.
+  void list(const std::vector<int>& offsets_y, const std::vector<int>& offsets_z);
+  std::int64_t aliases() const { return alias_count(listed, y.room, z.room); }
+  /// Aliases of a folded line.
+  std::int64_t count(int line_y, int line_z) const {
+    return alias_count(listed, y.count[static_cast<std::size_t>(line_y)],
+                       z.count[static_cast<std::size_t>(line_z)]);
+  }
+  /// Entries of alias k among the axes' lists.
+  struct Entries {
+    std::size_t y, z;
+  };
+  Entries entries(int line_y, int line_z, std::int64_t k) const {
+    const AliasEntries of = alias_entries(listed, k, z.count[static_cast<std::size_t>(line_z)]);
+    return {y.entry(line_y, of.y), z.entry(line_z, of.z)};
+  }
   std::int64_t slots() const { return aliases() * nc; }
   /// Slots of a line, with two for the noise of every alias behind those of the factors.
   std::int64_t all_slots() const { return slots() + (noise ? 2 * aliases() : 0); }
@@ -51,6 +66,7 @@ struct FactorProblem {
 
   std::int64_t nx, ny, nz, nc;
   AliasAxis y, z;
+  bool listed = false;
   bool nowhere;                  // maps of no samples: an entry behind the coils is 0
   Eigen::MatrixXcd psi_inverse;  // empty for the identity
   Volume maps;

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cTessel.h"
@@ -110,6 +111,7 @@ struct DataSet {
   Eigen::VectorXi full;
   double lambda;
   Samples g, sd, condition, response;
+  std::vector<std::array<int, 2>> aliases = {};  // empty: products of y and z
 };
 
 /// A view of parts without gaps, of thirteen axes: a volume of nx rows and ny rows a plane, and the
@@ -162,11 +164,18 @@ Eigen::VectorXi first_four(const ConstSamples& s) {
   return n;
 }
 
+/// Listed aliases lie where the factors' do: maps and image have the same lines.
+void take_list(ctessel::UnfoldAxis& axis, const ctessel::AliasAxis& list) {
+  axis.room = list.room;
+  axis.count = list.count;
+  axis.full = list.nearest;
+}
+
 /// What unfolding needs to know of one location beside its factors.
 ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem& factors,
                                  const Location& location) {
   float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
-  factors.record_edges(edges_y, edges_z);
+  if (!factors.listed) factors.record_edges(edges_y, edges_z);
   const Eigen::VectorXi fold = first_four(d.folded);
   const int Ay = ctessel::most_aliases(d.full[1], fold[1]);
   // Aliases along z that the factors have no slot for are left out: data of two dimensions are
@@ -174,6 +183,12 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
   const int64_t room_z = factors.slots() / std::max<int64_t>(1, factors.nc * Ay);
   const int Az =
       static_cast<int>(std::min<int64_t>(ctessel::most_aliases(d.full[2], fold[2]), room_z));
+  ctessel::UnfoldAxis y = ctessel::list_lines(fold[1], d.full[1], Ay, factors.y.lines, edges_y);
+  ctessel::UnfoldAxis z = ctessel::list_lines(fold[2], d.full[2], Az, factors.z.lines, edges_z);
+  if (factors.listed) {
+    take_list(y, factors.y);
+    take_list(z, factors.z);
+  }
   return {factors,
           volume_of(d.folded, Dim::location, 0),
           fold[3],
@@ -185,8 +200,8 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
           d.out.stride(Dim::x),
           d.out.stride(Dim::y),
           d.out.stride(Dim::z),
-          ctessel::list_lines(fold[1], d.full[1], Ay, factors.y.lines, edges_y),
-          ctessel::list_lines(fold[2], d.full[2], Az, factors.z.lines, edges_z),
+          std::move(y),
+          std::move(z),
           ctessel::row_grid(fold[0], static_cast<int>(factors.nx)),
           location.count(),
           [](const void* context, int64_t volume) {
@@ -194,6 +209,15 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
           },
           &location,
           {}};
+}
+
+void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
+  std::vector<int> y, z;
+  for (const auto& [dy, dz] : d.aliases) {
+    y.push_back(dy);
+    z.push_back(dz);
+  }
+  factors.list(y, z);
 }
 
 bool wants_noise(const DataSet& d) { return d.g || d.sd || d.condition || d.response; }
@@ -217,6 +241,7 @@ void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
                 int64_t{d.folded.extent(Dim::x)}}) < 1) {
     return;
   }
+  if (!d.aliases.empty()) list_aliases(d, factors);
   for (int64_t l = 0; l < locations; ++l) {
     factors.maps = volume_of(d.maps, Dim(4), l);
     factors.mask = volume_of(d.mask, Dim(3), l);
@@ -248,6 +273,37 @@ void require_on_grid(const ConstSamples& s, const ConstSamples& maps, const char
   require_extent(s, 3, maps.extent(Dim(4)), what);
 }
 
+/// Marks the voxels of an alias; false if one was met before.
+bool mark(const std::vector<int>& y, const std::vector<int>& z, int64_t full_y,
+          std::vector<bool>& met) {
+  for (int b : z) {
+    for (int a : y) {
+      const auto at = static_cast<std::size_t>(a + full_y * b);
+      if (met[at]) return false;
+      met[at] = true;
+    }
+  }
+  return true;
+}
+
+void require_every_voxel(const ConstSamples& folded, const ConstSamples& maps,
+                         const std::array<int, 3>& full,
+                         const std::vector<std::array<int, 2>>& aliases) {
+  if (aliases.empty()) return;
+  for (int d : {1, 2})
+    require_extent(maps, d, full[static_cast<std::size_t>(d)], "with aliases maps");
+  const auto ny = static_cast<int>(folded.extent(Dim::y)),
+             nz = static_cast<int>(folded.extent(Dim::z));
+  const auto n = static_cast<int64_t>(aliases.size());
+  bool fit = full[1] % ny == 0 && full[2] % nz == 0 && n == int64_t{full[1] / ny} * (full[2] / nz);
+  std::vector<bool> met(fit ? static_cast<std::size_t>(int64_t{full[1]} * full[2]) : 0);
+  for (std::size_t k = 0; fit && k < aliases.size(); ++k) {
+    fit = mark(ctessel::listed_lines(ny, full[1], {aliases[k][0]}),
+               ctessel::listed_lines(nz, full[2], {aliases[k][1]}), full[1], met);
+  }
+  if (!fit) refuse("aliases must meet every voxel along y and z once");
+}
+
 void require_fit(const ConstSamples& folded, const ConstSamples& maps,
                  const std::array<int, 3>& full, const Samples& out,
                  const ctessel::SenseOptions& options) {
@@ -277,6 +333,7 @@ void require_fit(const ConstSamples& folded, const ConstSamples& maps,
       }
     }
   }
+  require_every_voxel(folded, maps, full, options.aliases);
   if (!folded && (out || (options.expected && options.reference))) {
     refuse("folded images must be given where they are unfolded or give the weight");
   }
@@ -328,7 +385,8 @@ void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                      options.g,
                      options.sd,
                      options.condition,
-                     options.response};
+                     options.response,
+                     options.aliases};
   for (const Samples* noise : {&data.g, &data.sd, &data.condition, &data.response}) clear(*noise);
   unfold_locations(data, folded.extent(Dim::location), -1);
 }

@@ -3,6 +3,7 @@
 // Alias order. Along one axis the lines that share a folded line are listed as
 // TS_get_unfolded_positions lists them: below the central copy downward, then the central line and
 // upward. Over both axes y is outer and z inner, k = ky nz + kz of n = ny nz aliases.
+// Listed aliases (SenseOptions::aliases) have their own order: alias k is entry k of both axes.
 //
 // Factor layout. A factor grid has (nx, ny, nz) voxels, x fastest, and as slowest index the slot
 // c n + k of coil c and alias k. n is the voxel's own alias count, so with a fractional reduction
@@ -15,6 +16,19 @@
 #include <vector>
 
 namespace ctessel {
+
+/// Entries of both axes that alias k is made of; nz is what the line has along z.
+struct AliasEntries {
+  std::int64_t y, z;
+};
+inline AliasEntries alias_entries(bool listed, std::int64_t k, std::int64_t nz) {
+  return listed ? AliasEntries{k, k} : AliasEntries{k / nz, k % nz};
+}
+
+/// Number of aliases of a line that has ny and nz along the axes.
+inline std::int64_t alias_count(bool listed, std::int64_t ny, std::int64_t nz) {
+  return listed ? ny : ny * nz;
+}
 
 inline std::int64_t factor_slot(std::int64_t c, std::int64_t n, std::int64_t k) {
   return c * n + k;
@@ -53,6 +67,9 @@ struct UnfoldAxis {
   std::vector<float> coord;
 };
 UnfoldAxis list_lines(int folded_len, int full_len, int room, int factor_len, const float* edges);
+
+/// Full lines of listed aliases along an axis: those of the first folded line, then of the next.
+std::vector<int> listed_lines(int folded_len, int full_len, const std::vector<int>& offsets);
 
 /// Where the pixels of a row lie along the factor grid's x.
 struct RowGrid {

@@ -340,7 +340,7 @@ class Tile {
   /// they are blended from is finite, pixels on the factors' columns need not look at the next one.
   template <class Row>
   void finish(int y, int z, const Line& nearest, bool finite, const Row& row) {
-    n_ = int64_t{p_.y.count[size(y)]} * p_.z.count[size(z)];
+    n_ = ctessel::alias_count(f_.listed, p_.y.count[size(y)], p_.z.count[size(z)]);
     if (!find_present(nearest)) return;
     for (int64_t c = 0; c < f_.nc; ++c) {
       for (int64_t k = 0; k < n_; ++k) {
@@ -426,8 +426,8 @@ class Tile {
 
   /// Full line and slice of alias k.
   Target target(int y, int z, int64_t k) const {
-    const int nz = p_.z.count[size(z)];
-    return {p_.y.full[size(y * p_.y.room + k / nz)], p_.z.full[size(z * p_.z.room + k % nz)]};
+    const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(z)]);
+    return {p_.y.full[size(y * p_.y.room + of.y)], p_.z.full[size(z * p_.z.room + of.z)]};
   }
 
   void write(const VolumePlace& place, const Target& to, int64_t i, int64_t k) {

@@ -348,6 +348,19 @@ ctessel::UnfoldAxis ctessel::list_lines(int folded_len, int full_len, int room, 
   return axis;
 }
 
+std::vector<int> ctessel::listed_lines(int folded_len, int full_len,
+                                       const std::vector<int>& offsets) {
+  std::vector<int> lines;
+  const int64_t first = (int64_t{full_len} - folded_len + 1) / 2;
+  for (int i = 0; i < folded_len; ++i) {
+    for (int offset : offsets) {
+      const int64_t line = (first + i + offset) % full_len;
+      lines.push_back(static_cast<int>(line < 0 ? line + full_len : line));
+    }
+  }
+  return lines;
+}
+
 ctessel::RowGrid ctessel::row_grid(int folded_len, int factor_len) {
   RowGrid grid{{}, {}, {}, folded_len == factor_len};
   const Eigen::VectorXf plain = even_grid(folded_len, factor_len - 1, 0);

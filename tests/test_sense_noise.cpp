@@ -21,6 +21,7 @@ struct Setup {
   std::array<int, 3> folded, full;  // x, y, z
   double unit = 1;                  // of the covariance; 0: the identity
   double weight = 0;                // of the regularisation
+  std::vector<std::array<int, 2>> aliases = {};
 };
 
 /// Maps with an object's outline, noise, and the images of noise that they give.
@@ -36,6 +37,9 @@ struct Scene {
     re = random.reals(voxels * coils);
     im = random.reals(voxels * coils);
     expected = random.reals(voxels, 0.2f, 2.0f);
+    const int samples = s.folded[0] * s.folded[1] * s.folded[2] * coils;
+    fold_re = random.reals(samples);
+    fold_im = random.reals(samples);
     for (int v = 0; v < voxels; ++v) {
       for (int c = 0; c < coils && mask[v] == 0; ++c) re[v + c * voxels] = im[v + c * voxels] = 0;
     }
@@ -66,6 +70,7 @@ struct Scene {
     if (setup.weight > 0) o.expected = Samples::parts(expected.data(), nullptr, grid());
     o.weight = setup.weight;
     o.mask = Samples::parts(mask.data(), nullptr, grid());
+    o.aliases = setup.aliases;
     return o;
   }
   ctessel::SenseOptions with_noise() {
@@ -86,9 +91,25 @@ struct Scene {
   Random random;
   int voxels, pixels, coils;
   std::vector<float> re, im, mask, expected, psi_re, psi_im, g, sd, condition, response, out_re,
-      out_im;
+      out_im, fold_re, fold_im;
   Eigen::MatrixXcd psi;
 };
+
+/// Offsets of the voxels that alias where the lines of kz, every step_z-th one, move on by `shift` from
+/// one line of ky, every step_y-th one, to the next; in any order and any number of times round the image.
+std::vector<std::array<int, 2>> lattice(std::array<int, 3> full, int step_y, int step_z,
+                                        int shift) {
+  Random random(5);
+  std::vector<std::array<int, 2>> offsets;
+  const int ny = full[1] / step_y, nz = full[2] / step_z;
+  for (int turn = 0; turn < step_z; ++turn)
+    for (int copy = 0; copy < step_y; ++copy)
+      offsets.push_back({ny * copy - shift * turn * ny / step_z + full[1] * random.integer(-2, 2),
+                         nz * turn + full[2] * random.integer(-2, 2)});
+  for (int i = int(offsets.size()) - 1; i > 0; --i)
+    std::swap(offsets[i], offsets[random.integer(0, i)]);
+  return offsets;
+}
 
 /// Full lines of every folded line along an axis.
 std::vector<std::vector<int>> lines(int full, int folded) {
@@ -101,10 +122,46 @@ std::vector<std::vector<int>> lines(int full, int folded) {
   return all;
 }
 
+/// A folded pixel, and the pixels that alias onto it.
+struct Group {
+  int folded;
+  std::vector<int> at;
+};
+
+std::vector<Group> groups_of(const Setup& s) {
+  std::vector<Group> groups;
+  const auto rows = lines(s.full[1], s.folded[1]), slices = lines(s.full[2], s.folded[2]);
+  const auto voxel = [&](int x, int y, int z) { return x + s.full[0] * (y + s.full[1] * z); };
+  for (int z = 0; z < s.folded[2]; ++z) {
+    for (int y = 0; y < s.folded[1]; ++y) {
+      for (int x = 0; x < s.full[0]; ++x) {
+        Group group{x + s.full[0] * (y + s.folded[1] * z), {}};
+        for (int b : slices[z])
+          for (int a : rows[y])
+            if (s.aliases.empty()) group.at.push_back(voxel(x, a, b));
+        for (const auto& [dy, dz] : s.aliases) {
+          const auto around = [](int place, int n) { return (place % n + n) % n; };
+          group.at.push_back(voxel(x, around(y + (s.full[1] - s.folded[1] + 1) / 2 + dy, s.full[1]),
+                                   around(z + (s.full[2] - s.folded[2] + 1) / 2 + dz, s.full[2])));
+        }
+        groups.push_back(group);
+      }
+    }
+  }
+  return groups;
+}
+
+Setup shifted(std::array<int, 4> maps, int step_y, int step_z, int shift, double unit = 1,
+              double weight = 0) {
+  const std::array<int, 3> full{maps[0], maps[1], maps[2]},
+      folded{maps[0], maps[1] / step_y, maps[2] / step_z};
+  return {maps, folded, full, unit, weight, lattice(full, step_y, step_z, shift)};
+}
+
 double relative(double got, double want) { return std::abs(got - want) / std::abs(want); }
 
-/// Images of noise of the voxels at `at`, which alias, by dense matrices.
-void check_voxels(const Scene& s, const std::vector<int>& at) {
+/// Image and images of noise of the voxels at `at`, which alias onto `folded`, by dense matrices.
+void check_voxels(const Scene& s, int folded, const std::vector<int>& at) {
   const auto n = static_cast<int>(at.size());
   Eigen::MatrixXcd S(s.coils, n), R = Eigen::MatrixXcd::Zero(n, n);
   for (int k = 0; k < n; ++k) {
@@ -118,7 +175,15 @@ void check_voxels(const Scene& s, const std::vector<int>& at) {
   const Eigen::VectorXd values = Eigen::SelfAdjointEigenSolver<Eigen::MatrixXcd>(A).eigenvalues();
   const double condition = values[n - 1] / values[0];
   if (condition > 1e8) return;
+  Eigen::VectorXcd v(s.coils);
+  for (int c = 0; c < s.coils; ++c) {
+    const int sample = folded + c * int(s.fold_re.size()) / s.coils;
+    v[c] = {s.fold_re[sample], s.fold_im[sample]};
+  }
+  const Eigen::VectorXcd u = U * v;
+  const double size = U.cwiseAbs().rowwise().sum().maxCoeff();
   for (int k = 0; k < n; ++k) {
+    CHECK(std::abs(Complex(s.out_re[at[k]], s.out_im[at[k]]) - u[k]) < 1e-6 * size);
     const double sd = std::sqrt(noise(k, k).real());
     CHECK(relative(s.sd[at[k]], sd) < 1e-6);
     CHECK(relative(s.g[at[k]], sd * std::sqrt(A(k, k).real())) < 1e-6);
@@ -129,15 +194,18 @@ void check_voxels(const Scene& s, const std::vector<int>& at) {
 
 }  // namespace
 
-TEST_CASE("Noise of voxels that alias is that of their matrices", "[sense_noise]") {
+TEST_CASE("Voxels that alias, and their noise, are those of their matrices", "[sense_noise]") {
   CAPTURE(run_seed());
-  for (const Setup& setup : {Setup{{9, 12, 1, 1}, {9, 12, 1}, {9, 12, 1}},
-                             Setup{{9, 12, 1, 5}, {9, 6, 1}, {9, 12, 1}, 0},
-                             Setup{{40, 12, 1, 6}, {40, 4, 1}, {40, 12, 1}, 1e-14},
-                             Setup{{17, 10, 1, 5}, {17, 4, 1}, {17, 10, 1}, 3e4, 1e-3},
-                             Setup{{9, 8, 6, 8}, {9, 4, 3}, {9, 8, 6}, 1e-14, 1e13},
-                             Setup{{9, 12, 9, 14}, {9, 4, 3}, {9, 12, 9}}}) {
-    CAPTURE(setup.maps, setup.folded);
+  for (const Setup& setup :
+       {Setup{{9, 12, 1, 1}, {9, 12, 1}, {9, 12, 1}},
+        Setup{{9, 12, 1, 5}, {9, 6, 1}, {9, 12, 1}, 0},
+        Setup{{40, 12, 1, 6}, {40, 4, 1}, {40, 12, 1}, 1e-14},
+        Setup{{17, 10, 1, 5}, {17, 4, 1}, {17, 10, 1}, 3e4, 1e-3},
+        Setup{{9, 8, 6, 8}, {9, 4, 3}, {9, 8, 6}, 1e-14, 1e13},
+        Setup{{9, 12, 9, 14}, {9, 4, 3}, {9, 12, 9}}, shifted({9, 8, 6, 5}, 2, 2, 1),
+        shifted({270, 6, 4, 5}, 1, 2, 1, 3e4, 1e-3), shifted({9, 12, 1, 4}, 3, 1, 0),
+        shifted({5, 9, 12, 12}, 3, 3, 2, 0), shifted({9, 6, 12, 8}, 1, 4, 2, 1e-14, 1e13)}) {
+    CAPTURE(setup.maps, setup.folded, setup.aliases);
     Scene s(setup);
     with_thread_counts([&] {
       const std::vector<float> before = s.sd;
@@ -145,22 +213,18 @@ TEST_CASE("Noise of voxels that alias is that of their matrices", "[sense_noise]
                      s.with_noise());
       if (omp_get_max_threads() > 1) CHECK(differences(s.sd, before) == "");
     });
-    const auto rows = lines(setup.full[1], setup.folded[1]),
-               slices = lines(setup.full[2], setup.folded[2]);
-    for (int x = 0; x < setup.full[0]; ++x) {
-      for (const auto& ys : rows) {
-        for (const auto& zs : slices) {
-          std::vector<int> at;
-          for (int y : ys)
-            for (int z : zs) {
-              const int v = x + setup.full[0] * (y + setup.full[1] * z);
-              if (s.mask[v] != 0) at.push_back(v);
-              if (s.mask[v] == 0)
-                CHECK((s.g[v] == 0 && s.sd[v] == 0 && s.condition[v] == 0 && s.response[v] == 0));
-            }
-          if (!at.empty()) check_voxels(s, at);
-        }
+    ctessel::sense(ConstSamples::parts(s.fold_re.data(), s.fold_im.data(), s.fold()), s.maps(),
+                   setup.full, Samples::parts(s.out_re.data(), s.out_im.data(), s.image()),
+                   s.options());
+    for (const Group& group : groups_of(setup)) {
+      std::vector<int> at;
+      for (int v : group.at) {
+        if (s.mask[v] != 0) at.push_back(v);
+        if (s.mask[v] == 0)
+          CHECK((s.g[v] == 0 && s.sd[v] == 0 && s.condition[v] == 0 && s.response[v] == 0 &&
+                 s.out_re[v] == 7));
       }
+      if (!at.empty()) check_voxels(s, group.folded, at);
     }
   }
 }
@@ -168,10 +232,12 @@ TEST_CASE("Noise of voxels that alias is that of their matrices", "[sense_noise]
 TEST_CASE("Images of noise leave the image's bits alone and hold for its factors",
           "[sense_noise]") {
   CAPTURE(run_seed());
-  for (const Setup& setup : {Setup{{8, 12, 1, 4}, {8, 6, 1}, {8, 12, 1}, 2.0},
-                             Setup{{7, 9, 1, 4}, {15, 8, 1}, {15, 20, 1}, 1e-14},  // coarser, 2.5
-                             Setup{{20, 10, 1, 4}, {33, 5, 1}, {33, 10, 1}, 0},    // along x alone
-                             Setup{{6, 7, 5, 6}, {9, 6, 4}, {9, 12, 8}, 1, 0.5}}) {
+  for (const Setup& setup :
+       {Setup{{8, 12, 1, 4}, {8, 6, 1}, {8, 12, 1}, 2.0},
+        Setup{{7, 9, 1, 4}, {15, 8, 1}, {15, 20, 1}, 1e-14},  // coarser, 2.5
+        Setup{{20, 10, 1, 4}, {33, 5, 1}, {33, 10, 1}, 0},    // along x alone
+        Setup{{6, 7, 5, 6}, {9, 6, 4}, {9, 12, 8}, 1, 0.5},
+        Setup{{11, 8, 4, 6}, {20, 4, 2}, {20, 8, 4}, 2, 0, lattice({20, 8, 4}, 2, 2, 1)}}) {
     CAPTURE(setup.maps, setup.folded);
     Scene s(setup);
     // One volume for each coil, which is 1 there and 0 elsewhere: the image is that coil's factors.
@@ -211,4 +277,22 @@ TEST_CASE("Images of noise that do not fit are refused", "[sense_noise]") {
                      Samples::parts(s.out_re.data(), s.out_im.data(), s.image()), s.options()),
       std::invalid_argument);
   CHECK(s.g[0] == 7);
+}
+
+TEST_CASE("Aliases that do not meet every voxel once are refused", "[sense_noise]") {
+  using List = std::vector<std::array<int, 2>>;
+  for (const auto& [setup, list] :
+       {std::pair(Setup{{4, 8, 4, 2}, {4, 4, 2}, {4, 8, 4}}, List{{0, 0}, {4, 0}, {2, 2}}),
+        {Setup{{4, 8, 4, 2}, {4, 4, 2}, {4, 8, 4}}, List{{0, 0}, {4, 0}, {2, 2}, {-6, 6}}},
+        {Setup{{4, 8, 4, 2}, {4, 4, 2}, {4, 8, 4}}, List{{0, 0}, {4, 0}, {2, 1}, {-2, 3}}},
+        {Setup{{4, 9, 1, 2}, {4, 4, 1}, {4, 9, 1}}, List{{0, 0}, {4, 0}}},
+        {Setup{{4, 4, 4, 2}, {4, 4, 2}, {4, 8, 4}}, List{{0, 0}, {4, 0}, {2, 2}, {-2, 2}}}}) {
+    Scene s(setup);
+    ctessel::SenseOptions options = s.with_noise();
+    options.aliases = list;
+    CHECK_THROWS_AS(ctessel::sense({nullptr, nullptr, s.fold(), {1, 1, 1, 1}}, s.maps(), setup.full,
+                                   {}, options),
+                    std::invalid_argument);
+    CHECK(s.g[0] == 7);
+  }
 }

@@ -8,6 +8,8 @@ from numpy.typing import ArrayLike, NDArray
 
 from . import _core
 
+_Offsets = Sequence[Sequence[int]] | NDArray[np.integer[Any]]
+
 
 def sense_recon(
     folded: ArrayLike,
@@ -20,6 +22,7 @@ def sense_recon(
     scale: float = 1.0,
     weight: float | None = None,
     mask: ArrayLike | None = None,
+    aliases: _Offsets | None = None,
     out: NDArray[np.complex64] | None = None,
     threads: int | None = None,
 ) -> NDArray[np.complex64]:
@@ -56,6 +59,13 @@ def sense_recon(
         ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object, each
         for itself. By default coil 0 says so, and from the first voxel of a column along y on all
         others count as well.
+    aliases : sequence of two int each, optional
+        Where the voxels lie that alias, for lines on a lattice that is no product of y and z
+        (CAIPIRINHA): offsets along y and z in unfolded voxels, the same for every folded voxel and
+        round the edges of the image. Alias k of folded voxel (y, z) is voxel
+        ``(y + (Y - y_folded + 1) // 2 + aliases[k][0]) % Y``, and so on along z. Every voxel must be
+        met once, and `sens` must have the extents of the image along y and z. By default the voxels
+        that are multiples of the folded extents away along y and along z.
     out : ndarray of complex64, optional
         Array of the result's shape, overwritten. It must not overlap the other arrays.
     threads : int, optional
@@ -81,9 +91,12 @@ def sense_recon(
     ----------
     K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magn. Reson. Med. 42:952
     (1999).
+
+    F. A. Breuer et al., "Controlled aliasing in volumetric parallel imaging (2D CAIPIRINHA)", Magn.
+    Reson. Med. 55:549 (2006).
     """
     return _core.sense_recon(
-        folded, sens, psi, full_size, ref, reg, scale, weight, mask, out, threads
+        folded, sens, psi, full_size, ref, reg, scale, weight, mask, aliases, out, threads
     )
 
 
@@ -100,6 +113,7 @@ def sense_noise(
     reg: ArrayLike | None = None,
     weight: float = 1.0,
     mask: ArrayLike | None = None,
+    aliases: _Offsets | None = None,
     response: Literal[False] = False,
     threads: int | None = None,
 ) -> tuple[_Image, _Image, _Image]: ...
@@ -115,6 +129,7 @@ def sense_noise(
     reg: ArrayLike | None = None,
     weight: float = 1.0,
     mask: ArrayLike | None = None,
+    aliases: _Offsets | None = None,
     response: Literal[True],
     threads: int | None = None,
 ) -> tuple[_Image, _Image, _Image, _Image]: ...
@@ -129,6 +144,7 @@ def sense_noise(
     reg: ArrayLike | None = None,
     weight: float = 1.0,
     mask: ArrayLike | None = None,
+    aliases: _Offsets | None = None,
     response: bool = False,
     threads: int | None = None,
 ) -> tuple[_Image, ...]:
@@ -153,6 +169,8 @@ def sense_noise(
     mask : array_like, real or bool, optional
         Voxels in the object, as for `sense_recon`, which should be given the same. By default
         those that any coil sees.
+    aliases : sequence of two int each, optional
+        Offsets of the voxels that alias, as for `sense_recon`.
     response : bool, optional
         Also return the response.
     threads : int, optional
@@ -200,7 +218,7 @@ def sense_noise(
         if numbers and given.ndim > 3 and max(given.shape) < 2**31:
             mask = given.any(axis=3)
     images: tuple[_Image, ...] = _core.sense_noise(
-        sensitivities, psi, full_size, fold_size, reg, weight, mask, threads
+        sensitivities, psi, full_size, fold_size, reg, weight, mask, aliases, threads
     )
     return images if response else images[:3]
 

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cmath>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "arguments.h"
@@ -63,7 +64,19 @@ struct Arguments {
   FullSize full;
   double scale;
   std::optional<double> weight;
+  std::vector<std::array<int, 2>> aliases;
 };
+
+std::vector<std::array<int, 2>> aliases_of(py::handle object) {
+  std::vector<std::array<int, 2>> aliases;
+  if (object.is_none()) return aliases;
+  for (const py::object& offset : entries(object, "aliases", 1, INT_MAX)) {
+    const std::string name = entry_name("aliases", aliases.size());
+    const std::vector<int> yz = whole_numbers(offset, name.c_str(), 2, 2, INT_MIN);
+    aliases.push_back({yz[0], yz[1]});
+  }
+  return aliases;
+}
 
 std::optional<double> weight_of(py::handle object) {
   if (object.is_none()) return {};
@@ -108,6 +121,8 @@ void check(Arguments& a, py::handle full_size) {
   check_on_grid(a.reg, "reg", a.sens.view, locations);
   check_on_grid(a.mask, "mask", a.sens.view, locations);
   check_regularisation(a);
+  for (int d = 1; d < 3 && !a.aliases.empty(); ++d)
+    check_extent(a.sens.view, "sens", d, a.full.n[static_cast<std::size_t>(d)]);
 }
 
 ctessel::SenseOptions options_of(const Arguments& a) {
@@ -118,12 +133,24 @@ ctessel::SenseOptions options_of(const Arguments& a) {
   options.reference = a.ref.view;
   options.scale = a.scale;
   options.mask = a.mask.view;
+  options.aliases = a.aliases;
   return options;
+}
+
+/// All else that the kernel refuses has been checked.
+void unfold(const Arguments& a, const Samples& out, const ctessel::SenseOptions& options,
+            const Threads& team) {
+  try {
+    run(team, [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, out, options); });
+  } catch (const std::invalid_argument&) {
+    fail_value("aliases", "offsets (y, z) that meet every voxel of full_size once",
+               std::to_string(a.aliases.size()) + " that do not");
+  }
 }
 
 py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::handle full_size,
                        py::handle ref, py::handle reg, py::handle scale, py::handle weight,
-                       py::handle mask, py::handle out, py::handle threads) {
+                       py::handle mask, py::handle aliases, py::handle out, py::handle threads) {
   Arguments a{input(folded, "folded", Kind::kEither, 4, kMostAxes),
               input(sens, "sens", Kind::kComplex, 4, 5),
               optional(psi, "psi", Kind::kEither, 2),
@@ -132,7 +159,8 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
               optional(mask, "mask", Kind::kReal, 4),
               {},
               number(scale, "scale"),
-              weight_of(weight)};
+              weight_of(weight),
+              aliases_of(aliases)};
   check(a, full_size);
   std::vector<ConstSamples> read;
   for (const Input* in : {&a.folded, &a.sens, &a.psi, &a.ref, &a.reg, &a.mask}) {
@@ -140,13 +168,13 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
   }
   const Result to = result(read, out, {unfolded_shape(a.folded.view, a.full), true, {}}, true);
   const Samples unfolded = with_axis(to.view, kCoil);
-  run(Threads(threads),
-      [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, unfolded, options_of(a)); });
+  unfold(a, unfolded, options_of(a), Threads(threads));
   return to.array;
 }
 
 py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py::handle fold_size,
-                      py::handle reg, py::handle weight, py::handle mask, py::handle threads) {
+                      py::handle reg, py::handle weight, py::handle mask, py::handle aliases,
+                      py::handle threads) {
   Arguments a{{},
               input(sens, "sensitivities", Kind::kComplex, 4, 5),
               optional(psi, "psi", Kind::kEither, 2),
@@ -155,7 +183,8 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
               optional(mask, "mask", Kind::kReal, 4),
               {},
               1,
-              weight_of(weight)};
+              weight_of(weight),
+              aliases_of(aliases)};
   check_not_empty(a.sens.view, "sensitivities");
   Extents fold(8, 1);  // of images that need not exist
   std::ranges::copy(three_extents(fold_size, "fold_size").n, fold.begin());
@@ -177,7 +206,7 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
     *to = view_of(image);
     images[i++] = image;
   }
-  run(Threads(threads), [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, {}, options); });
+  unfold(a, {}, options, Threads(threads));
   return images;
 }
 
