@@ -12,6 +12,9 @@ Error: root mean square of the difference over that of the image, inside the obj
 scale factor that makes it least. BART has the best of three regularisations for every row.
 Processor time is that of the processes, start-up included: of a scan of SLICES slices for
 `ctessel recon`, which takes them at once, and of one slice for BART, which takes one.
+
+Shifted lattices need two phase-encoded axes: the slice's readout stands for the second one. The volume is
+then one plane across a readout of one sample, and every sample of it was measured.
 """
 
 import itertools
@@ -32,8 +35,9 @@ PARTIAL = ["auto", "zero", "homodyne", "pocs"]
 DATA = ["brain16_ksp", "phantom32_ksp", "brain1_t1sag_ksp"]  # by default
 SLICES = 16
 LEVELS = ["0", "0.001", "0.01"]
+LATTICES = [(2, 2, 0), (2, 2, 1), (1, 4, 2), (3, 2, 1)]  # steps along y and z, shift of z from y to y
 if "CTESSEL_QUICK" in os.environ:
-    REDUCTIONS, SHARES, SLICES = REDUCTIONS[:1], SHARES[:1], 1
+    REDUCTIONS, SHARES, SLICES, LATTICES = REDUCTIONS[:1], SHARES[:1], 1, LATTICES[1:2]
 SCRATCH = tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
 FOLDER = Path(SCRATCH.name)
 
@@ -58,44 +62,47 @@ def run(command, **changes):
     return usage.ru_utime + usage.ru_stime
 
 
-def write_raw(path, kspace, sampled, block, slices=1):
+def write_raw(path, kspace, sampled, block, slices=1, steps=None):
     """A raw file: the measured lines, `block` of them flagged as calibration; the same slice as often
-    as asked for."""
+    as asked for. `sampled` and `block` are masks (y, z) of volumes, else that of y and lines of y."""
     from ctessel import _ismrmrd, acquisitions, raw
     from ctessel.scan import Header, Limit
 
-    nx, ny, coils = kspace.shape[0], kspace.shape[1], kspace.shape[3]
-    regular = np.flatnonzero(sampled)
-    step = int(np.diff(regular).max())
+    matrix, coils = kspace.shape[:3], kspace.shape[3]
+    nx, ny, nz = matrix
+    if sampled.ndim == 1:
+        sampled, block = sampled[:, None], np.isin(np.arange(ny), block)[:, None]
+    steps = steps or (int(np.diff(np.flatnonzero(sampled[:, 0])).max()), 1)
+    field = 2.0 * nx, 2.0 * ny, 2.0 * nz if nz > 1 else 5.0
     header = Header(
-        encoded_matrix=(nx, ny, 1), encoded_fov=(2.0 * nx, 2.0 * ny, 5.0), recon_matrix=(nx, ny, 1),
-        recon_fov=(2.0 * nx, 2.0 * ny, 5.0),
-        limits={"x": Limit(0, nx - 1, nx // 2), "y": Limit(0, ny - 1, ny // 2), "z": Limit(0, 0, 0)},
-        acceleration=(step, 1), calibration_mode="embedded" if len(block) else "", patient_position="HFS",
+        encoded_matrix=matrix, encoded_fov=field, recon_matrix=matrix, recon_fov=field,
+        limits={axis: Limit(0, n - 1, n // 2) for axis, n in zip("xyz", matrix)},
+        acceleration=steps, calibration_mode="embedded" if block.any() else "", patient_position="HFS",
     )  # fmt: skip
     path.unlink(missing_ok=True)  # lines are appended to a file that is there
     text = _ismrmrd.header_text(header, coils=coils, counts={"slice": slices})
     writer = raw.binding(path).Writer(str(path), "dataset", text)
-    for index, y in itertools.product(range(slices), sorted({*regular, *block})):
+    for index, (y, z) in itertools.product(range(slices), np.argwhere(sampled | block)):
         head = np.zeros((), acquisitions.HEAD)
         head["version"], head["center_sample"], head["sample_time_us"] = 1, nx // 2, 5
         head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
-        head["kspace_encode_step_1"], head["slice"] = y, index
+        head["kspace_encode_step_1"], head["kspace_encode_step_2"], head["slice"] = y, z, index
         head["position"] = 0, 0, 5 * index
-        if y in block:
+        if block[y, z]:
             head["flags"] = (
-                acquisitions.CALIBRATION_AND_IMAGING if sampled[y] else acquisitions.CALIBRATION
+                acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
             )
-        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, 0]))
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, z]))
     writer.close()
 
 
-def ours(kspace, sampled, block=(), options=(), slices=1):
+def ours(kspace, sampled, block=(), options=(), slices=1, steps=None):
     path, image = FOLDER / "scan.h5", FOLDER / "image.nii"
-    write_raw(path, kspace, sampled, block, slices)
+    write_raw(path, kspace, sampled, block, slices, steps)
     seconds = run([sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options],
                   PYTHONPATH=os.pathsep.join(sys.path))
-    return Outcome(read_nifti(image).reshape(*kspace.shape[:2], -1)[:, :, 0], seconds / slices)
+    made = read_nifti(image).reshape(*kspace.shape[:3], -1)
+    return Outcome(np.squeeze(made[..., 0]), seconds / slices)
 
 
 def read_nifti(path):
@@ -177,6 +184,25 @@ def undersampled(name, kspace):
         print(row, file=sys.stderr)
         images = {"ctessel": mine.image, "BART, ecalib": ecalib.image}
         yield row, (truth, inside, images, g_factor(read_cfl(FOLDER / "ours.cfl")[:, :, 0], step))
+
+
+def shifted(name, kspace):
+    """Rows of the table of shifted lattices, with the images they are about."""
+    truth = sum_of_squares(kspace)
+    inside, volume = object_of(truth), kspace[:, :, 0][None]
+    y, z = (np.arange(n) - n // 2 for n in volume.shape[1:3])
+    block = np.isin(y, around(0, 24))[:, None] & np.isin(z, around(0, 24))
+    for step_y, step_z, shift in LATTICES:
+        columns, rest = np.divmod(y, step_y)
+        sampled = (rest == 0)[:, None] & ((z - shift * columns[:, None]) % step_z == 0)
+        mine = ours(volume, sampled, block, steps=(step_y, step_z))
+        ecalib = bart(volume * (sampled | block)[..., None], 24, ["ecalib", "-m1", "-r", 24], truth, inside)
+        row = {"data": name, "lattice": f"{step_y} x {step_z}" + f", shifted by {shift}" * (shift > 0)}
+        for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
+            row[key] = error(outcome.image, truth, inside)
+        row["of ecalib"] = row["ctessel"] / row["ecalib"]
+        print(row, file=sys.stderr)
+        yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image})
 
 
 def g_factor(maps, step):
@@ -298,20 +324,23 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, missing, broken = [], [], []
+    below, moved, missing, broken = [], [], [], []
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
             shown = list(undersampled(name, kspace))
             below += [row for row, _ in shown]
             picture(f"{output}/quality-{name}.png", shown)
+            moved += [row for row, _ in shifted(name, kspace)]
             shown = list(defective(name, kspace))
             broken += [row for row, _ in shown]
             defects_picture(f"{output}/coils-{name}.png", [about for _, about in shown])
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "partial": missing, "defective": broken}, file, indent=1)
+        json.dump({"undersampled": below, "shifted": moved, "partial": missing, "defective": broken}, file,
+                  indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
+                "## Shifted lattices", table(moved) if moved else "None.",
                 "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None."]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 

@@ -6,6 +6,7 @@ from itertools import product
 import numpy as np
 
 from ._sense import unfolded_positions
+from .sampling import alias_offsets
 
 #: Condition of the equations of half of the object beyond which aliases are guessed more than unfolded:
 #: measured heads with 16 coils have 2, 4 and 16 for R = 2, 3 and 4, and 1100 for R = 6.
@@ -69,10 +70,23 @@ def look(parts, lattices, covariance=None):
 def _planes(white, diagonal, lattices):
     """Condition and response of every voxel."""
     condition, response = np.zeros((2, *white.shape[:3]))
-    for y, z in product(*map(_groups, lattices)):
-        at = (slice(None), y[:, None, :, None], z[:, None, :])  # (x, group y, group z, y, z)
+    for at in _together(lattices):
         condition[at], response[at] = _equations(white[at], diagonal[at])
     return condition, response
+
+
+def _together(lattices):
+    """Indices of voxels that alias together, ``(x, group y, group z, y, z)``."""
+    offsets = alias_offsets(lattices)
+    if offsets is None:
+        for y, z in product(*map(_groups, lattices)):
+            yield slice(None), y[:, None, :, None], z[:, None, :]
+        return
+    first = np.indices([lattice.folded for lattice in lattices])[..., None, None]
+    y, z = (
+        (at + offset[:, None]) % lattice.full for at, offset, lattice in zip(first, offsets.T, lattices)
+    )
+    yield slice(None), y, z
 
 
 def _groups(lattice):

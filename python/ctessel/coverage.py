@@ -1,6 +1,6 @@
 """What was measured against what a scan promises: lost lines, and repetitions that have no end."""
 
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import numpy as np
 
@@ -109,7 +109,7 @@ def _joined(kinds, found):
     groups = {}
     for one, kind in zip(found, kinds):
         ends = tuple(np.ravel(_ends(one.expected)))
-        groups.setdefault((one.steps, one.offsets, ends), []).append((one, *kind))
+        groups.setdefault((one.steps, one.offsets, one.shifts, ends), []).append((one, *kind))
     return [_join(members) for members in groups.values()]
 
 
@@ -119,7 +119,7 @@ def _join(members):
     return Turn(
         np.sort(np.concatenate(repetitions)),
         np.logical_or.reduce(masks),
-        Regular(found[0].steps, found[0].offsets, expected),
+        replace(found[0], expected=expected),
     )
 
 

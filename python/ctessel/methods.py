@@ -1,6 +1,7 @@
 """What a reconstruction does and why, as sentences with citations."""
 
 from . import __version__
+from .sampling import shifted_axis
 
 _WORKS = {
     "k-space": "D. B. Twieg. The k-trajectory formulation of the NMR imaging process with applications in analysis and "
@@ -9,6 +10,8 @@ _WORKS = {
     "Resonance in Medicine 16(2):192-225, 1990.",
     "sense": "K. P. Pruessmann, M. Weiger, M. B. Scheidegger, P. Boesiger. SENSE: sensitivity encoding for fast MRI. "
     "Magnetic Resonance in Medicine 42(5):952-962, 1999.",
+    "caipirinha": "F. A. Breuer, M. Blaimer, M. F. Mueller, et al. Controlled aliasing in volumetric parallel imaging "
+    "(2D CAIPIRINHA). Magnetic Resonance in Medicine 55(3):549-556, 2006.",
     "espirit": "M. Uecker, P. Lai, M. J. Murphy, et al. ESPIRiT - an eigenvalue approach to autocalibrating parallel "
     "MRI: where SENSE meets GRAPPA. Magnetic Resonance in Medicine 71(3):990-1001, 2014.",
     "pocs": "E. M. Haacke, E. D. Lindskog, W. Lin. A fast, iterative, partial-Fourier technique capable of local phase "
@@ -79,6 +82,8 @@ def _sentences(plan, number):
             maps = f"sensitivities relative to the root sum of squares of {lines} calibration lines"
         else:
             maps = f"sensitivities of {lines} calibration lines by ESPIRiT {number('espirit')}"
+        if shifted_axis(unfolding.lattices) is not None:
+            factors += f" on a shifted lattice {number('caipirinha')}"
         yield f"Undersampling by a factor of {factors} was unfolded with SENSE {number('sense')}, {maps}."
         if options.regularisation:
             yield f"The unfolding was regularised with strength {options.regularisation:g} by the calibration image."

@@ -19,6 +19,7 @@ from . import reconstruct, slabs
 from ._sense import sense_noise
 from .fourier import central, resize, to_image
 from .replicas import REPLICAS
+from .sampling import alias_offsets
 from .steps import calibration_residual, low_resolution
 
 #: Kinds of maps, and what they show.
@@ -181,7 +182,8 @@ def _unfolding(plan, pattern, maps):
     sizes = {"full_size": full, "psi": plan.covariance, "threads": plan.options.threads}
     folded = (full[0], *(lattice.folded for lattice in pattern.lattices))
     _, alone, _ = sense_noise(maps, fold_size=full, **sizes)
-    _, _, condition = sense_noise(maps, fold_size=folded, **sizes)
+    aliases = alias_offsets(pattern.lattices)
+    _, _, condition = sense_noise(maps, fold_size=folded, aliases=aliases, **sizes)
     return {"alone": alone, "condition": np.nan_to_num(condition, posinf=2.0**52)}
 
 

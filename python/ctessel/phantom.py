@@ -27,7 +27,8 @@ class Phantom:
     """How the object is measured.
 
     Missing lines: `partial` gives for x, y, z the share that is measured, negative where the end
-    is missing instead of the beginning. `reduction` is for y and z. `calibration` is "embedded",
+    is missing instead of the beginning. `reduction` is for y and z, and from each measured line of y to
+    the next those of z move on by `shift` (CAIPIRINHA). `calibration` is "embedded",
     "separate" or "", `turns` moves the undersampled lines on from repetition to repetition.
     `pace` is the time from one line to the next by the scanner's clock in ms, 0 without a clock.
     Rotations are by `tilt` degrees, first about the left-right, then about the head-foot axis.
@@ -44,6 +45,7 @@ class Phantom:
     oversampling: int = 2
     partial: tuple[float, float, float] = (1.0, 1.0, 1.0)
     reduction: tuple[int, int] = (1, 1)
+    shift: int = 0
     calibration: str = ""
     calibration_lines: int = 24
     turns: bool = False
@@ -72,6 +74,9 @@ KINDS = {
     "3d": Phantom(partitions=16, size=64, partial=(1.0, 1.0, 0.75)),
     "3d-undersampled": Phantom(
         partitions=24, size=64, reduction=(2, 2), calibration="embedded", calibration_lines=16
+    ),
+    "3d-caipi": Phantom(
+        partitions=24, size=64, reduction=(2, 2), shift=1, calibration="embedded", calibration_lines=16
     ),
     "oblique": Phantom(slices=3, tilt=(30.0, 20.0), position=(12.0, -30.0, 45.0)),
 }
@@ -204,6 +209,12 @@ def _lines(extent, share, step, offset=0):
     return lines[(lines - extent // 2 - offset) % step == 0]
 
 
+def _lines_across(phantom, y):
+    """Measured lines of z at one of y."""
+    moved = (y - phantom.size // 2) // phantom.reduction[0] * phantom.shift
+    return _lines(phantom.partitions, phantom.partial[2], phantom.reduction[1], moved)
+
+
 def _line_zero(phantom, axis):
     """The line that the file calls 0: the first one that is measured, as scanners count."""
     extent = (phantom.size, phantom.size, phantom.partitions)[axis]
@@ -236,11 +247,7 @@ def _measurements(phantom):
     for repetition in range(phantom.repetitions):
         offset = repetition % phantom.reduction[0] if phantom.turns else 0
         y_lines = _lines(ny, phantom.partial[1], phantom.reduction[0], offset)
-        lines = {
-            (y, z): ""
-            for z in _lines(nz, phantom.partial[2], phantom.reduction[1])
-            for y in y_lines
-        }
+        lines = {(y, z): "" for y in y_lines for z in _lines_across(phantom, y)}
         if phantom.calibration == "embedded":
             lines |= {line: "both" if line in lines else "calibration" for line in block}
         for average in range(phantom.averages):

@@ -24,11 +24,12 @@ from .partial import pocs, prediction_error
 from .parts import merge, select
 from .plan import Options, Plan, plan
 from .reconstruct import Result, reconstruct
-from .sampling import Lattice, calibration_block, fold_lines, partial_ranges, undersampling
+from .sampling import Lattice, alias_offsets, calibration_block, fold_lines, partial_ranges, undersampling
 from .steps import (
     calibration_residual,
     combine,
     eigen_maps,
+    folded_image,
     homodyne_recon,
     noise_covariance,
     sensitivity_maps,
@@ -38,9 +39,9 @@ from .steps import (
 from .warp import geometry, voxel_positions
 
 __all__ = [
-    "Coefficients", "Lattice", "Options", "Plan", "Result", "calibration_block",
+    "Coefficients", "Lattice", "Options", "Plan", "Result", "alias_offsets", "calibration_block",
     "calibration_residual", "combine",
-    "eigen_maps", "flip", "fold_lines", "geometry", "homodyne_recon", "merge", "noise_covariance",
+    "eigen_maps", "flip", "fold_lines", "folded_image", "geometry", "homodyne_recon", "merge", "noise_covariance",
     "partial_ranges", "plan", "pocs", "prediction_error", "read_coefficients", "reconstruct",
     "remove_oversampling", "resize", "ringing_filter", "select", "sensitivity_maps", "to_image",
     "to_kspace", "undersampling", "unfold", "voxel_positions", "whiten",

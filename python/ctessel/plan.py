@@ -13,7 +13,7 @@ from . import __version__, coil_choice, coverage, maps
 from .gradients import Coefficients
 from .partial import clipped
 from .replicas import REPLICAS
-from .sampling import Lattice, calibration_block, partial_ranges
+from .sampling import Lattice, calibration_block, partial_ranges, shifted_axis
 from .scan import Placement, printable, times_text
 from .steps import PLANE_KERNEL, noise_covariance, usable_ranges
 from .warp import scan_grid, warnings_of
@@ -94,6 +94,10 @@ class Pattern:
     @property
     def unfolds(self):
         return any(lattice.reduction > 1 for lattice in self.lattices)
+
+    def folds(self, axis):
+        """Whether voxels alias along an axis, 0 for y and 1 for z."""
+        return self.lattices[axis].reduction > 1 or shifted_axis(self.lattices) is not None
 
     @property
     def keeps_lines(self):
@@ -234,6 +238,7 @@ class Plan:
             "geometry": self.options.coefficients is not None,
             "ranges": first.ranges,
             "reduction": [str(lattice.reduction) for lattice in first.lattices],
+            "shift": [lattice.shift for lattice in first.lattices],
             "coils": self.shape[3],
             **({"left_out": sorted({*range(self.choice.count)} - {*self.choice.kept})} if self.choice else {}),
         }
@@ -585,10 +590,10 @@ def _check_reduction(layout, pattern):
 
 
 def _check_calibration(pattern, calibration):
-    for axis, lattice, n in zip("yz", pattern.lattices, calibration.lines):
-        if lattice.reduction > 1 and n < FEWEST_LINES:
+    for axis, n in enumerate(calibration.lines):
+        if pattern.folds(axis) and n < FEWEST_LINES:
             raise ValueError(
-                f"calibration: {n} lines around k = 0 along {axis}, at least {FEWEST_LINES} "
+                f"calibration: {n} lines around k = 0 along {'yz'[axis]}, at least {FEWEST_LINES} "
                 "are needed; add calibration lines or a calibration scan"
             )
 
@@ -600,7 +605,7 @@ def _region(layout, size, unfolding, separate):
         return _centred(extents, [slice(0, n) for n in extents], size)
     extents, sampled = layout.shape[1:3], layout.sampled
     found = _centred(extents, calibration_block(sampled), size)
-    reduced = [any(p.lattices[a].reduction > 1 for p in unfolding) for a in (0, 1)]
+    reduced = [any(p.folds(axis) for p in unfolding) for axis in (0, 1)]
     if all(n >= FEWEST_LINES for n, unfolds in zip(found[2], reduced) if unfolds):
         return found
     expected = np.logical_or.reduce([sampled, *(p.expected for p in unfolding)])
@@ -698,11 +703,7 @@ def _sense_words(made):
     words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} calibration lines"
     if options.maps is not None:
         words = f"sensitivity maps of {printable(options.maps)}"
-    factors = ", ".join(
-        f"{lattice.reduction} along {axis}"
-        for axis, lattice in zip("yz", unfolding.lattices)
-        if lattice.reduction > 1
-    )
+    factors = _factor_words(unfolding.lattices)
     regularised = ", damped by the level of the noise"
     if options.regularisation:
         regularised = f", regularised with strength {options.regularisation:g}"
@@ -712,6 +713,16 @@ def _sense_words(made):
     full = f", repetition {', '.join(whole)} fully measured" if whole else ""
     put_back = ", measured lines put back" if unfolding.keeps_lines else ""
     return [words, f"SENSE: R = {factors}{turns}{full}{regularised}{put_back}"]
+
+
+def _factor_words(lattices):
+    own = shifted_axis(lattices)
+    if own is not None:
+        factors = times_text([lattice.step for lattice in lattices])
+        return f"{factors} along y and z, shifted by {lattices[own].shift} along {'yz'[own]}"
+    return ", ".join(
+        f"{lattice.reduction} along {axis}" for axis, lattice in zip("yz", lattices) if lattice.reduction > 1
+    )
 
 
 _METHOD = {"auto": "POCS", "pocs": "POCS", "homodyne": "homodyne"}

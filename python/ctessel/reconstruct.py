@@ -35,6 +35,7 @@ from .steps import (
     combine,
     damping,
     eigen_maps,
+    folded_image,
     homodyne_images,
     low_resolution,
     reference_level,
@@ -480,7 +481,7 @@ def _completed(plan, pattern, basis, lines):
             return lines
         folded = to_image(lines, (1, 2), threads, overwrite=True)
     else:
-        folded = to_image(fold_lines(lines, pattern.lattices), (1, 2), threads, overwrite=True)
+        folded = folded_image(lines, pattern.lattices, threads)
     whole = [Lattice(1, 0, n, n) for n in pattern.full[1:]]
     lattices = whole if pattern.unfolds else pattern.lattices
     image = unfold(
@@ -503,7 +504,7 @@ def _unfolded(plan, pattern, basis, lines):
     """
     options, threads = plan.options, plan.options.threads
     image = unfold(
-        to_image(fold_lines(lines, pattern.lattices), (1, 2), threads, overwrite=True),
+        folded_image(lines, pattern.lattices, threads),
         basis.maps,
         pattern.lattices,
         covariance=plan.covariance,

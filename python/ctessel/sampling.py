@@ -1,14 +1,16 @@
 """Which lines of k-space were measured: partial Fourier, undersampling, calibration lines."""
 
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from fractions import Fraction
 from itertools import product
-from math import ceil, prod
+from math import ceil, gcd, prod
 
 import numpy as np
 
 #: Share of an axis that may be missing on one side before the scan counts as partial.
 TOLERANCE = 0.02
+#: Reduction of shifted lattices that are looked for, at most.
+MOST_SHIFTED = 16
 
 
 @dataclass(frozen=True)
@@ -17,12 +19,15 @@ class Lattice:
 
     Lines ``step * j + offset`` are measured, counted from k = 0; j = 0 has index ``folded // 2``
     among the `folded` lines. `full` is the extent after unfolding, ``full / folded`` the reduction.
+    Shifted lattices (CAIPIRINHA): with line j of the other axis, those of this one lie ``shift * j``
+    further, round by `step`.
     """
 
     step: int
     offset: int
     folded: int
     full: int
+    shift: int = 0
 
     @property
     def reduction(self):
@@ -98,6 +103,11 @@ def undersampling(sampled, field_ratio=(1, 1), stated=(1, 1)):
     ------
     ValueError
         The lines form no regular pattern.
+
+    References
+    ----------
+    F. A. Breuer et al., "Controlled aliasing in volumetric parallel imaging (2D CAIPIRINHA)", Magn.
+    Reson. Med. 55:549 (2006).
     """
     return regular(sampled, stated).lattices(field_ratio)
 
@@ -106,18 +116,27 @@ def undersampling(sampled, field_ratio=(1, 1), stated=(1, 1)):
 class Regular:
     """Distances of the regular lines along y and z, and their offsets from k = 0.
 
-    `expected`, ``(y, z)`` of bool, are the lines that there must be, calibration lines included:
+    One of `shifts` may be more than 0: how far the lines of y move on from one line of z to the next,
+    or those of z from one of y to the next. `expected`, ``(y, z)`` of bool, are the lines that there must be, calibration lines included:
     those that were not measured have been lost.
     """
 
     steps: tuple[int, int]
     offsets: tuple[int, int]
     expected: np.ndarray
+    shifts: tuple[int, int] = (0, 0)
 
     def lattices(self, field_ratio=(1, 1)):
         """The two `Lattice` of these lines; see `undersampling`."""
-        ratios = (Fraction(ratio).limit_denominator(32) for ratio in field_ratio)
-        return tuple(map(_lattice, self.expected.shape, self.steps, self.offsets, ratios))
+        ratios = [Fraction(ratio).limit_denominator(32) for ratio in field_ratio]
+        if not any(self.shifts):
+            return tuple(map(_lattice, self.expected.shape, self.steps, self.offsets, ratios))
+        if max(ratios) > 1:
+            raise ValueError(
+                "sampled: shifted lines unfold to the encoded field of view, the image's is wider; measure "
+                "the whole field, or lines that are not shifted"
+            )
+        return _shifted_lattices(self)
 
 
 def few(count):
@@ -141,6 +160,9 @@ def regular(sampled, stated=(1, 1)):
         expected = _expected(sampled, block, _points(sampled.shape, steps, offsets))
         if expected is not None:
             return Regular(steps, tuple(offsets), expected)
+    shifted = _shifted(sampled, block, outside, tuple(stated))
+    if shifted is not None:
+        return shifted
     if min(sampled.shape) == 1:
         name = "yz"[sampled.shape[0] == 1]
         raise ValueError(
@@ -148,8 +170,9 @@ def regular(sampled, stated=(1, 1)):
             "cannot be unfolded: expected all lines or every n-th line, with calibration lines around the centre"
         )
     raise ValueError(
-        "sampled: the lines form no rectangular grid in y and z; shifted or random patterns cannot be "
-        "unfolded: expected all lines or every n-th line of both, with calibration lines around the centre"
+        "sampled: the lines form no grid in y and z, neither a rectangular nor a shifted one, as those of a "
+        "random mask; such cannot be unfolded: expected all lines, every n-th line of both axes or a shifted "
+        "lattice (CAIPIRINHA), with calibration lines around the centre"
     )
 
 
@@ -159,13 +182,55 @@ def _offset(lines, step):
     return int(np.bincount(k % step, minlength=step).argmax())
 
 
-def _points(shape, steps, offsets):
+def _points(shape, steps, offsets, shifts=(0, 0)):
     """Lattice as a mask."""
-    on = [(np.arange(n) - n // 2 - o) % s == 0 for n, s, o in zip(shape, steps, offsets)]
-    return np.outer(*on)
+    y, z = np.ogrid[: shape[0], : shape[1]]
+    y, z = y - shape[0] // 2 - offsets[0], z - shape[1] // 2 - offsets[1]
+    on_y = (y - shifts[0] * (z // steps[1])) % steps[0] == 0
+    return on_y & ((z - shifts[1] * (y // steps[0])) % steps[1] == 0)
 
 
-def _expected(sampled, block, lattice):
+def _shifted(sampled, block, outside, stated):
+    """The `Regular` lines of a shifted lattice; None if there is no such.
+
+    Every lattice has one of the forms that are tried: columns of y with a step, lines of z in them
+    with another, and a shift from column to column.
+    """
+    if min(sampled.shape) == 1:
+        return None
+    y, z = np.nonzero(outside)
+    y, z = y - sampled.shape[0] // 2, z - sampled.shape[1] // 2
+    for number in [prod(stated), *range(2, MOST_SHIFTED + 1)]:
+        for step in (n for n in range(1, number + 1) if number % n == 0):
+            for shift in range(1, number // step):
+                steps = step, number // step
+                coset = y % step * steps[1] + (z - y // step * shift) % steps[1]
+                found = np.bincount(coset)
+                if 2 * found.max() < len(y):
+                    continue
+                offsets = divmod(int(found.argmax()), steps[1])
+                points = _points(sampled.shape, steps, offsets, (0, shift))
+                expected = _expected(sampled, block, points, shifted=True)
+                if expected is not None:
+                    steps, shifts = _form(steps, shift, stated)
+                    return Regular(steps, offsets, expected, shifts)
+    return None
+
+
+def _form(steps, shift, stated):
+    """Steps and shifts as the header states them, else with steps that differ least.
+
+    The lattice of a shift along z is one of a shift along y, too.
+    """
+    along_z = steps, (0, shift)
+    across = gcd(shift, steps[1])
+    turns = next(j for j in range(steps[1]) if (shift * j - across) % steps[1] == 0)
+    step = steps[0] * steps[1] // across
+    along_y = (step, across), (steps[0] * turns % step, 0)
+    return min(along_z, along_y, key=lambda form: (form[0] != stated, max(form[0])))
+
+
+def _expected(sampled, block, lattice, shifted=False):
     """Lines to be expected if these are the regular ones; None if the measured ones are no such.
 
     Outside of the calibration block the lattice must have no holes but few lost lines, and
@@ -182,7 +247,10 @@ def _expected(sampled, block, lattice):
     skipped = _hull(sampled) & ~lattice & ~zone
     if not everything and np.count_nonzero(skipped) < 2:
         return None  # they are calibration lines, all but a few
-    hull = lattice & _hull(sampled & lattice)
+    hull = _hull(sampled & lattice)
+    if shifted:  # whose rows and columns lack lines that lie among others
+        hull = _hull(hull)
+    hull &= lattice
     rest = hull & ~zone
     there, lost = np.count_nonzero(rest), np.count_nonzero(rest & ~sampled)
     if lost > max(2, 0.1 * there) or (2 * lost >= there and not everything):
@@ -214,6 +282,31 @@ def _lattice(n, step, offset, ratio):
                 if _covers(n, step, start, folded):
                     return Lattice(step, start, folded, int(full))
         folded += 1
+
+
+def _shifted_lattices(regular):
+    """Grids of a shifted lattice: aliases lie whole voxels apart where the lines across are a multiple of
+    what the shift takes to come round. Slots without a line are 0."""
+    own = int(regular.shifts[1] > 0)
+    other, shift = 1 - own, regular.shifts[own]
+    step, round_by = regular.steps[own], regular.steps[own] // gcd(regular.shifts[own], regular.steps[own])
+    extents = regular.expected.shape
+    folded = [0, 0]
+    folded[own] = ceil(extents[own] / step)
+    folded[other] = round_by * ceil(extents[other] / (regular.steps[other] * round_by))
+    start = _centred_start(regular.offsets[other], regular.steps[other], folded[other])
+    back = (regular.offsets[other] - start) // regular.steps[other]  # along the lattice
+    first = _centred_start(regular.offsets[own] - back * shift, step, folded[own])
+    made = [Lattice(n, 0, f, f * n) for n, f in zip(regular.steps, folded)]
+    made[other] = replace(made[other], offset=start)
+    made[own] = replace(made[own], offset=first, shift=shift)
+    return tuple(made)
+
+
+def _centred_start(offset, step, folded):
+    """The offset with which `folded` lines cover an axis, j = 0 at ``folded // 2``."""
+    low = -(step // 2) if folded % 2 else 0
+    return (offset - low) % step + low
 
 
 def _covers(n, step, offset, folded):
@@ -252,6 +345,43 @@ def calibration_block(sampled):
     return slice(low[0], high[0] + 1), slice(low[1], high[1] + 1)
 
 
+def shifted_axis(lattices):
+    """Axis, 0 for y and 1 for z, whose lines are shifted; None for products of y and z."""
+    return next((axis for axis, lattice in enumerate(lattices) if lattice.shift), None)
+
+
+def shifts(lattices):
+    """How far the lines of the shifted axis lie off the lattice's offset, for each line of the other."""
+    own = shifted_axis(lattices)
+    lattice, other = lattices[own], lattices[1 - own]
+    moved = lattice.offset + lattice.shift * (np.arange(other.folded) - other.folded // 2)
+    return _centred_start(moved, lattice.step, lattice.folded) - lattice.offset
+
+
+def alias_offsets(lattices):
+    """Where the voxels lie that alias: offsets as `ctessel.sense_recon` takes them.
+
+    Parameters
+    ----------
+    lattices : sequence of two Lattice
+        For y and z.
+
+    Returns
+    -------
+    ndarray of int, ``(alias, 2)``, or None
+        None where aliases are products of those along y and along z.
+    """
+    own = shifted_axis(lattices)
+    if own is None:
+        return None
+    lattice, other = lattices[own], lattices[1 - own]
+    turns, copies = np.indices((lattice.step, other.step)).reshape(2, -1)
+    offsets = np.empty((len(turns), 2), int)
+    offsets[:, own] = lattice.folded * turns
+    offsets[:, 1 - own] = other.folded * copies - lattice.shift * turns * other.folded // lattice.step
+    return offsets
+
+
 def fold_lines(kspace, lattices):
     """The regular lines of k-space alone, on the folded grid.
 
@@ -267,20 +397,44 @@ def fold_lines(kspace, lattices):
     ndarray of complex64
         ``(x, folded y, folded z, ...)`` in Fortran order, never a view; slots without a line are 0.
     """
-    given = kspace
+    own, folded = shifted_axis(lattices), kspace
     for axis, lattice in enumerate(lattices, 1):
-        if (lattice.step, kspace.shape[axis]) == (1, lattice.folded):
-            continue
-        start = lattice.offset - lattice.folded // 2 * lattice.step + kspace.shape[axis] // 2
-        skipped = max(0, -(start // lattice.step))  # slots before the first line
-        start += skipped * lattice.step
-        count = max(
-            0, min(lattice.folded - skipped, -((start - kspace.shape[axis]) // lattice.step))
-        )
-        shape = kspace.shape[:axis] + (lattice.folded,) + kspace.shape[axis + 1 :]
-        out = np.zeros(shape, np.complex64, order="F")
-        before = (slice(None),) * axis
-        source = before + (slice(start, start + count * lattice.step, lattice.step),)
-        out[before + (slice(skipped, skipped + count),)] = kspace[source]
-        kspace = out
-    return np.array(kspace, order="F") if kspace is given else kspace
+        if axis - 1 != own and (lattice.step, kspace.shape[axis]) != (1, lattice.folded):
+            folded = _taken(folded, axis, lattice)
+    if own is not None:
+        return _taken_shifted(folded, own + 1, lattices)
+    return np.array(folded, order="F") if folded is kspace else folded
+
+
+def _taken(kspace, axis, lattice):
+    slots, lines = _slots(lattice, kspace.shape[axis])
+    out = _empty(kspace, axis, lattice)
+    before = (slice(None),) * axis
+    out[(*before, slots)] = kspace[(*before, lines)]
+    return out
+
+
+def _taken_shifted(kspace, axis, lattices):
+    lattice, across = lattices[axis - 1], 3 - axis
+    out = _empty(kspace, axis, lattice)
+    for line, shift in enumerate(shifts(lattices)):
+        slots, lines = _slots(replace(lattice, offset=lattice.offset + int(shift)), kspace.shape[axis])
+        to, source = [slice(None)] * 3, [slice(None)] * 3
+        to[across] = source[across] = line
+        to[axis], source[axis] = slots, lines
+        out[tuple(to)] = kspace[tuple(source)]
+    return out
+
+
+def _empty(kspace, axis, lattice):
+    shape = kspace.shape[:axis] + (lattice.folded,) + kspace.shape[axis + 1 :]
+    return np.zeros(shape, np.complex64, order="F")
+
+
+def _slots(lattice, extent):
+    """Slots of the folded axis that have lines, and these, as slices."""
+    start = lattice.offset - lattice.folded // 2 * lattice.step + extent // 2
+    skipped = max(0, -(start // lattice.step))  # slots before the first line
+    start += skipped * lattice.step
+    count = max(0, min(lattice.folded - skipped, -((start - extent) // lattice.step)))
+    return slice(skipped, skipped + count), slice(start, start + count * lattice.step, lattice.step)

@@ -13,6 +13,7 @@ from .fourier import central, flip, resize, to_image
 from ._espirit import espirit
 from ._helpers import sa
 from ._sense import sense_recon
+from .sampling import alias_offsets, fold_lines, shifted_axis, shifts
 
 #: Readout samples of the calibration that sensitivities need, whatever the lines.
 WINDOW_LINES = 24
@@ -277,6 +278,35 @@ def damping(calibration, inside, weighted=False, threads=None):
     return float(noise / power) if power > 0 else 0.0
 
 
+def folded_image(lines, lattices, threads=None):
+    """Image of the regular lines alone: what `unfold` takes.
+
+    Parameters
+    ----------
+    lines : ndarray of complex64, ``(x, y, z, ...)``
+        k-space along y and z, k = 0 at ``N // 2``.
+    lattices : sequence of two Lattice
+        For y and z.
+    threads : int, optional
+
+    Returns
+    -------
+    ndarray of complex64, ``(x, folded y, folded z, ...)``
+    """
+    folded, own = fold_lines(lines, lattices), shifted_axis(lattices)
+    if own is None:
+        return to_image(folded, (1, 2), threads, overwrite=True)
+    # Between both transforms the lines get back the places along the shifted axis that the grid does
+    # not know; aliases are then whole voxels apart.
+    folded = to_image(folded, (1 + own,), threads, overwrite=True)
+    lattice = lattices[own]
+    places = np.arange(lattice.folded) - lattice.folded // 2
+    turns = np.multiply.outer(places, shifts(lattices)) / (lattice.folded * lattice.step)
+    ramp = np.exp(2j * np.pi * (turns if own == 0 else turns.T)).astype(np.complex64)
+    folded *= ramp.reshape(1, *ramp.shape, *[1] * (folded.ndim - 3))
+    return to_image(folded, (2 - own,), threads, overwrite=True)
+
+
 def unfold(
     folded,
     maps,
@@ -294,7 +324,7 @@ def unfold(
     Parameters
     ----------
     folded : ndarray of complex64, ``(x, folded y, folded z, coil, ...)``
-        Image of `fold_lines`' result; one location.
+        What `folded_image` makes; one location.
     maps : ndarray of complex64, ``(x, y, z, coil)``
     lattices : sequence of two Lattice
         For y and z.
@@ -330,7 +360,15 @@ def unfold(
     """
     full = (folded.shape[0], *(lattice.full for lattice in lattices))
     weight = _weight(folded, maps, expected, strength, levels, damping)
-    image = sense_recon(folded, maps, psi=covariance, full_size=full, threads=threads, **weight)
+    image = sense_recon(
+        folded,
+        maps,
+        psi=covariance,
+        full_size=full,
+        aliases=alias_offsets(lattices),
+        threads=threads,
+        **weight,
+    )
     np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
     image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
     return _restore_phase(image, lattices)

@@ -8,6 +8,7 @@ import foreign
 import nibabel
 import numpy as np
 import pytest
+from conftest import random_complex
 from scans import lines, scan
 
 from ctessel import cli, pipeline
@@ -58,15 +59,69 @@ def test_the_lattice_is_found_outside_of_the_calibration_block(ny, nz, cy, cz):
     assert steps(mask) != [2, 2]
 
 
-SHIFTED = np.add.outer(np.arange(32), np.arange(32)) % 2 == 0
+def shifted(shape, step_y, step_z, shift, offset=(0, 0), block=12):
+    """Every lines of y, in which those of z move on from one to the next; calibration around k = 0."""
+    y, z = (np.arange(n) - n // 2 for n in shape)
+    turn, rest = np.divmod(y - offset[0], step_y)
+    mask = (rest == 0)[:, None] & ((z - offset[1] - shift * turn[:, None]) % step_z == 0)
+    return mask | np.outer(abs(y + 0.5) < block / 2, abs(z + 0.5) < block / 2)
 
 
-@pytest.mark.parametrize("mask", [SHIFTED, np.random.default_rng(0).random((64, 64)) < 0.5])
-def test_other_patterns_are_refused(mask):
-    block = np.s_[len(mask) // 2 - 5 : len(mask) // 2 + 5]
-    mask = mask.copy()
-    mask[block, block] = True
-    with pytest.raises(ValueError, match="no rectangular grid"):
+SHIFTED = [
+    ((32, 32), 1, 2, 1, (0, 0), (1, 1), (1, 2), (0, 1)),
+    ((48, 40), 2, 2, 1, (0, 0), (2, 2), (2, 2), (0, 1)),
+    ((45, 31), 2, 2, 1, (1, 0), (1, 1), (2, 2), (0, 1)),
+    ((60, 48), 1, 4, 2, (0, 3), (1, 1), (2, 2), (1, 0)),  # every second line of z, in which y moves on
+    ((60, 48), 1, 4, 2, (0, 3), (1, 4), (1, 4), (0, 2)),
+    ((54, 36), 3, 3, 2, (2, 1), (3, 3), (3, 3), (0, 2)),
+    ((64, 60), 1, 6, 4, (0, 5), (2, 2), (3, 2), (2, 0)),
+    ((40, 36), 1, 5, 2, (0, 1), (5, 1), (5, 1), (3, 0)),
+]
+
+
+@pytest.mark.parametrize("shape, step_y, step_z, shift, offset, stated, steps, shifts", SHIFTED)
+def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(shape, step_y, step_z, shift, offset, stated, steps, shifts):
+    mask = shifted(shape, step_y, step_z, shift, offset)
+    lost = np.argwhere(mask & (np.indices(shape)[0] % 17 == 5))[:2]
+    y, z = np.ogrid[: shape[0], : shape[1]]
+    corners = (2 * y / shape[0] - 1) ** 2 + (2 * z / shape[1] - 1) ** 2 > 1.2
+    for left_out in ([], corners, tuple(lost.T)):
+        kept = mask.copy()
+        kept[left_out] = False
+        lattices = pipeline.undersampling(kept, stated=stated)
+        assert tuple(lattice.step for lattice in lattices) == steps
+        assert tuple(lattice.shift for lattice in lattices) == shifts
+    full = [lattice.full for lattice in lattices]
+    image = random_complex((2, *full, 3), 1)
+    image = pipeline.to_image(pipeline.resize(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), (2, *full)), (1, 2))
+    folded = pipeline.folded_image(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), lattices)
+    y, z = np.ogrid[: full[0], : full[1]]  # lattices that miss k = 0 leave a phase
+    turns = [(at - n // 2) * lattice.offset / n for at, n, lattice in zip((y, z), full, lattices)]
+    image = image * np.exp(-2j * np.pi * (turns[0] + turns[1]))[..., None]
+    y, z = np.indices(folded.shape[1:3])
+    want, met = 0, np.zeros(full, int)
+    for offset in pipeline.alias_offsets(lattices):
+        at = [(a + (n - f + 1) // 2 + o) % n for a, n, f, o in zip((y, z), full, folded.shape[1:], offset)]
+        want = want + image[:, at[0], at[1]]
+        met[tuple(at)] += 1
+    assert (met == 1).all()
+    np.testing.assert_allclose(folded, want / np.sqrt(step_y * step_z), atol=1e-5 * np.abs(want).max())
+
+
+def test_the_plan_says_a_shifted_lattice_in_words():
+    made = pipeline.plan(layout(shifted((48, 40), 2, 2, 1), (2, 2), "embedded"))
+    assert any(s.startswith("SENSE: R = 2 x 2 along y and z, shifted by 1 along z,") for s in made.steps)
+    assert not made.warnings and (made.reduction, made.parameters["shift"]) == (4, [0, 1])
+    with pytest.raises(ValueError, match="calibration: 1 lines around k = 0 along y, at least 8"):  # as both fold
+        pipeline.plan(layout(shifted((48, 40), 1, 4, 2, block=1), (1, 4), "embedded"))
+    with pytest.raises(ValueError, match="shifted lines unfold to the encoded field of view"):
+        pipeline.undersampling(shifted((48, 40), 2, 2, 1), (1.5, 1))
+
+
+def test_random_patterns_are_refused():
+    mask = np.random.default_rng(0).random((64, 64)) < 0.5
+    mask[27:37, 27:37] = True
+    with pytest.raises(ValueError, match="neither a rectangular nor a shifted one"):
         pipeline.undersampling(mask)
 
 

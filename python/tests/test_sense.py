@@ -23,15 +23,23 @@ def covariance(coils):
     return (a @ a.conj().T / (3 * coils)).astype(np.complex64)
 
 
-def least_squares(folded, sens, psi, penalty=None):
+def aliases_of(y, z, full, folded, aliases):
+    """Lines that alias onto a folded one: products of y and z, or listed by their offsets."""
+    if aliases is None:
+        return [(a, b) for a in ctessel.unfolded_positions(full[0], folded[0], y)
+                for b in ctessel.unfolded_positions(full[1], folded[1], z)]
+    first = [(n - f + 1) // 2 for n, f in zip(full, folded)]
+    return [((y + first[0] + a) % full[0], (z + first[1] + b) % full[1]) for a, b in aliases]
+
+
+def least_squares(folded, sens, psi, penalty=None, aliases=None):
     """`penalty` is the weight of each voxel's squared magnitude."""
     nx, ny, nz, coils = sens.shape
     out = np.zeros((nx, ny, nz), complex)
     inverse = np.linalg.inv(psi.astype(complex))
     for y in range(folded.shape[1]):
         for z in range(folded.shape[2]):
-            lines = [(a, b) for a in ctessel.unfolded_positions(ny, folded.shape[1], y)
-                     for b in ctessel.unfolded_positions(nz, folded.shape[2], z)]
+            lines = aliases_of(y, z, (ny, nz), folded.shape[1:3], aliases)
             for x in range(nx):
                 S = np.array([sens[x, a, b] for a, b in lines]).T.astype(complex)
                 SP = S.conj().T @ inverse
@@ -58,6 +66,31 @@ def test_unfolding_is_noise_weighted_least_squares(full, folded_yz, coils):
         out = np.full(full, np.nan, np.complex64)
         assert ctessel.sense_recon(f, s, psi=psi, out=out, threads=2) is out
         same_bits(out, first)
+
+
+@pytest.mark.parametrize("regularised", [False, True])
+@pytest.mark.parametrize("full, folded_yz, aliases", [
+    ((3, 8, 4), (4, 2), [(0, 0), (4, 0), (2, 2), (-2, 6)]),
+    ((2, 6, 6), (6, 2), np.array([(0, 0), (2, 2), (4, -2)])),
+    ((12, 4, 4), (1, 4), [[a, a + 1] for a in range(4)]),
+])  # fmt: skip
+def test_listed_aliases_unfold_together(full, folded_yz, aliases, regularised):
+    sens, psi = random_complex(full + (6,), 2), covariance(6)
+    folded, extra, penalty = random_complex((full[0], *folded_yz, 6), 1), {}, None
+    if regularised:
+        extra = {"reg": np.random.default_rng(3).uniform(0.5, 1, full).astype(np.float32), "weight": 2.0}
+        penalty = 1 / (extra["reg"] ** 2.0 * 2)
+    want = least_squares(folded, sens, psi, penalty, aliases)
+    first = ctessel.sense_recon(folded, sens, psi=psi, aliases=aliases, **extra)
+    np.testing.assert_allclose(first, want, atol=2e-4 * np.abs(want).max())
+    for (_, f), (_, s) in zip(layouts(folded), layouts(sens)):
+        same_bits(ctessel.sense_recon(f, s, psi=psi, aliases=aliases, threads=2, **extra), first)
+    _, sd, _ = ctessel.sense_noise(sens, psi=psi, full_size=full, fold_size=folded.shape[:3], aliases=aliases, **extra)
+    impulses = np.zeros((*folded.shape, 6), np.complex64)  # of each coil: the image is its factors
+    for coil in range(6):
+        impulses[..., coil, coil] = 1
+    factors = ctessel.sense_recon(impulses, sens, psi=psi, aliases=aliases, **extra).astype(complex)
+    np.testing.assert_allclose(sd, np.einsum("xyzc,cd,xyzd->xyz", factors, psi, factors.conj()).real ** 0.5, rtol=1e-5)
 
 
 def test_further_axes_share_factors_and_locations_have_their_own():

@@ -64,7 +64,7 @@ def test_workers_make_the_sensitivities_of_a_slice_once_where_there_are_enough(t
 
 def test_the_command_gives_the_bits_of_one_process(tmp_path):
     nibabel = pytest.importorskip("nibabel")
-    for kind in ("slices", "3d-undersampled"):
+    for kind in ("slices", "3d-undersampled", "3d-caipi"):
         phantom.write(tmp_path / "p.h5", kind, size=32, coils=4)
         images = []
         for options in ([], ["--workers", "2"], ["--workers", "2", "--scratch", str(tmp_path)]):
