@@ -26,6 +26,8 @@ SUFFIXES = {
 }  # fmt: skip
 #: Those whose names always state the echo.
 NUMBERED = ("MEGRE", "MESE")
+#: Where computed images go that no suffix of raw data names.
+DERIVATIVES = "derivatives/ctessel"
 VERSION = "1.9.0"
 README = "Images that ctessel has made of raw data. The sidecar of each tells how.\n"
 
@@ -86,6 +88,23 @@ class Folder:
                         (("TaskName", task),) if task else (),
                     )
 
+    def noise(self, plan, header, parts):
+        """The files of volumes of noise, which were computed: derivatives, one for each echo and part."""
+        echoes = plan.image_shape[4]
+        for echo in range(echoes):
+            for part in parts:
+                entities = {
+                    "task": self._task(header),
+                    "echo": (echoes > 1 or self.suffix in NUMBERED) and echo + 1,
+                    "part": len(parts) > 1 and {"magnitude": "mag"}.get(part, part),
+                    "desc": "noise",
+                }
+                yield Image(self._file(entities, self.derivatives), part, slice(echo, echo + 1), code=2)
+
+    @property
+    def derivatives(self):
+        return self.path / DERIVATIVES
+
     def _check(self, plan, header):
         if self.suffix == "bold" and plan.image_shape[5] < 2:
             raise ValueError("--suffix bold: needs repetitions, of which the scan has one; use sbref")
@@ -100,27 +119,30 @@ class Folder:
             return None
         return self.task or re.sub("[^a-zA-Z0-9]", "", header.protocol) or "unnamed"
 
-    def _file(self, entities):
+    def _file(self, entities, folder=None):
         names = [f"sub-{self.subject}", *([f"ses-{self.session}"] if self.session else [])]
-        folder = self.path.joinpath(*names, self.kind)
+        folder = (folder or self.path).joinpath(*names, self.kind)
         names += [f"{name}-{value}" for name, value in entities.items() if value]
         return folder / f"{'_'.join(names)}_{self.suffix}.nii.gz"
 
-    def describe(self, staged):
+    def describe(self, staged, derived=False):
         """Write what a BIDS folder has beside its images, unless it is there."""
         texts = {
-            "dataset_description.json": json.dumps(self._description(), indent=2) + "\n",
+            "dataset_description.json": json.dumps(self._description("raw"), indent=2) + "\n",
             "README": README,
         }
+        if derived:
+            text = json.dumps(self._description("derivative"), indent=2) + "\n"
+            texts[f"{DERIVATIVES}/dataset_description.json"] = text
         for name, text in texts.items():
             if not (self.path / name).exists():
                 staged.path(self.path / name).write_text(text)
 
-    def _description(self):
+    def _description(self, kind):
         return {
             "Name": printable(self.path.absolute()) or "images",
             "BIDSVersion": VERSION,
-            "DatasetType": "raw",
+            "DatasetType": kind,
             "GeneratedBy": [{"Name": "ctessel", "Version": __version__}],
         }
 

@@ -193,6 +193,12 @@ def _add_recon(commands):
         "residual, with commas between",
     )
     command.add_argument(
+        "--noise-images",
+        metavar="N",
+        type=options.positive,
+        help="also N volumes of noise for denoisers, IMAGE_noise.nii.gz; need a noise scan",
+    )
+    command.add_argument(
         "--dry-run", action="store_true", help="say what would be done, and do nothing"
     )
     command.add_argument(
@@ -567,6 +573,8 @@ def recon(arguments):
         _check_name(arguments.output)
     if arguments.maps_out and (arguments.dicom or not arguments.output):
         raise UsageError("--maps-out needs -o IMAGE.nii.gz, whose name the maps have")
+    if arguments.noise_images and arguments.dicom and not arguments.bids:
+        raise UsageError("--noise-images needs -o IMAGE.nii.gz or --bids, whose names the volumes have")
     if bool(arguments.bids) != bool(arguments.subject):
         raise UsageError("--bids and --subject belong together")
     if arguments.raw != "-":

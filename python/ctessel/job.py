@@ -8,7 +8,8 @@ from math import prod
 
 import numpy as np
 
-from . import acquisitions, bids, dicom, files, maps, nifti, noise, pipeline, raw, report, runtime
+from . import acquisitions, bids, dicom, files, maps, nifti, noise, noise_images, pipeline, raw, report
+from . import runtime
 from . import workers
 from .scan import printable
 
@@ -23,6 +24,7 @@ class Job:
     affine: np.ndarray
     known: bool
     noise_maps: dict = field(default_factory=dict)  # by name
+    noise_volumes: object = None
 
     def reconstruct(self, show):
         """The images. `show` gives a progress bar: a context manager of what and in which unit."""
@@ -32,6 +34,11 @@ class Job:
                 from . import inspection
 
                 self._seen = inspection.look(self.plan, source)
+            if self.arguments.noise_images:  # before the samples may be overwritten
+                with show("noise", "volumes") as progress:
+                    self.noise_volumes = noise_images.volumes(
+                        self.plan, source, self.arguments.noise_images, room=self._room, progress=progress
+                    )
             with show("reconstructing", "volumes") as progress:
                 result = pipeline.reconstruct(source, None, progress, client, plan=self.plan)
             self._check_finite(result.image)
@@ -45,6 +52,12 @@ class Job:
                     self.plan, source, result.image, self.noise_maps
                 )
         return result
+
+    def _room(self, shape):
+        """Where volumes of noise are kept."""
+        if self.arguments.scratch:
+            return runtime.shared_zeros(shape, self.arguments.scratch)
+        return np.zeros(shape, np.complex64, order="F")
 
     def _check_finite(self, image):
         if not np.isfinite(image).all():
@@ -75,7 +88,11 @@ class Job:
         """Bytes of memory."""
         looked = 40 * prod(self.plan.shape[:3]) if self.arguments.report else 0
         again = self.plan.replicas if self.arguments.maps_out else 0
-        return self.plan.memory(self.arguments.workers or 1, self.by_part()) + looked + again + report.INTERPRETER
+        kept, work = noise_images.memory(self.plan, self.arguments.noise_images or 0)
+        if self.arguments.scratch:
+            kept = 0
+        own = self.plan.memory(self.arguments.workers or 1, self.by_part())
+        return own + looked + again + 2 * kept + work + report.INTERPRETER
 
     def by_part(self):
         """Whether workers here read what they work on; slabs are cut from a volume that is kept."""
@@ -92,7 +109,8 @@ class Job:
         return contextlib.nullcontext()
 
     def write(self, result):
-        made = sorted({image.path.parent for image in self.images} | set(self._dicom()))
+        named = [*self.images, *self.noise_files]
+        made = sorted({image.path.parent for image in named} | set(self._dicom()))
         with files.folders(made), files.Staged() as staged:
             notes = [dicom.Notes.of(self.plan, self.known) for _ in self._dicom()]
             for part in self._parts():
@@ -105,6 +123,8 @@ class Job:
                     dicom.write(
                         staged, folder, which, volumes, self.plan, self._header, self.affine, *notes
                     )
+            for image in self.noise_files:
+                self._write_noise(staged, result, image)
             if self.arguments.save_maps:
                 names = maps.files_of(self.arguments.save_maps)
                 maps.write([staged.path(name) for name in names], result.maps)
@@ -115,7 +135,7 @@ class Job:
             if self.arguments.report:
                 self._report(staged.path(self.arguments.report), result)
             if self._folder:
-                self._folder.describe(staged)
+                self._folder.describe(staged, bool(self.noise_files))
             staged.commit()
         if self._folder:
             self._folder.enlist()
@@ -163,6 +183,39 @@ class Job:
             staged.path(nifti.sidecar_path(path)),
         )
 
+    def _write_noise(self, staged, result, image):
+        told = {
+            **self._sidecar(result, image),
+            "Noise": "the scan's noise without its object, through the same reconstruction",
+            "Seed": noise_images.SEED,
+        }
+        for timing in ("RepetitionTime", "VolumeTiming", "AcquisitionDuration"):  # of the scan's volumes
+            told.pop(timing, None)
+        nifti.write(
+            staged.path(image.path),
+            _values(self.noise_volumes[..., image.echoes, :], image.part),
+            self.affine,
+            self.known or image.code,
+            0.0,
+            told,
+            staged.path(nifti.sidecar_path(image.path)),
+        )
+
+    @cached_property
+    def noise_files(self):
+        """The files of volumes of noise."""
+        output, made = self.arguments.output, []
+        if not self.arguments.noise_images:
+            return made
+        if output and not self._dicom():
+            base = nifti.base_name(output)
+            for part, name in (("magnitude", "noise"), ("phase", "noise_phase")):
+                if part in self._parts():
+                    made.append(bids.Image(output.with_name(f"{base}_{name}{output.name[len(base):]}"), part))
+        if self._folder:
+            made += self._folder.noise(self.plan, self._header, self._parts())
+        return made
+
     def _map_names(self):
         """Files of the maps."""
         output, names = self.arguments.output, self.arguments.maps_out
@@ -191,7 +244,8 @@ class Job:
             return bids.Folder(named.bids, named.subject, named.session, named.suffix, named.task)
 
     def names(self):
-        return [*(image.path for image in self.images), *self._map_names().values()]
+        images = (image.path for image in [*self.images, *self.noise_files])
+        return [*images, *self._map_names().values()]
 
     def _beside(self):
         """Files that are no images."""
@@ -290,6 +344,8 @@ def prepare(arguments, part):
         found, plan = _planned(arguments, part, choice)
         if arguments.maps_out:
             noise.check(plan, arguments.maps_out)
+        if arguments.noise_images:
+            noise_images.check(plan)
         matrix, known = nifti.affine(*_geometry(found, plan))
     except raw.RawError:
         raise

@@ -1,0 +1,133 @@
+"""Volumes of noise for denoisers: what the images of a scan were without an object.
+
+Noise with the covariance of the noise scan takes the place of the measured samples and goes through the
+plan of the scan, with the sensitivities, the masks and the phase of the scan itself: these do not follow
+from the noise. Each volume has the lines of a repetition, the first volume those of the first one, and
+so on from the beginning again.
+"""
+
+from dataclasses import replace
+from math import prod
+
+import numpy as np
+
+from . import reconstruct, slabs
+
+#: Of the noise: the same volumes each time.
+SEED = 0
+
+
+def check(plan):
+    """Refuse what has no volumes of noise; the message says how to mend it."""
+    if plan.covariance is None:
+        raise ValueError(
+            "volumes of noise need the raw data's noise scan, with enough samples; leave --noise-images out"
+        )
+    if plan.in_slabs and any(reconstruct._removes_phase(plan, pattern) for pattern in plan.patterns):
+        raise ValueError(
+            "volumes of noise of 3-D scans hold for zero filling and POCS; choose --partial pocs or zero, or "
+            "leave --noise-images out"
+        )
+
+
+def memory(plan, count):
+    """Bytes of the volumes, and those of the work on them beyond that on images."""
+    volumes = min(plan.group, count) * prod(plan.shape[:4]) * plan.shape[5]
+    return 8 * prod(plan.image_shape[:5]) * count, 25 * volumes
+
+
+def volumes(plan, source, count, *, room=None, progress=None):
+    """Volumes of noise.
+
+    Parameters
+    ----------
+    plan : Plan
+    source : Scan, or whatever has its `layout`, `frames` and `separate`
+        Its samples are not overwritten.
+    count : int
+    room : callable, optional
+        Makes the array that is returned, of zeros, from its shape.
+    progress : callable, optional
+        Called with the number of volumes of slices that are done and that of all.
+
+    Returns
+    -------
+    ndarray of complex64, ``(x, y, z, slice, echo, volume)``
+        Image domain, in the unit of the images.
+
+    Raises
+    ------
+    ValueError
+        The scan has none.
+    """
+    check(plan)
+    plan = replace(plan, options=replace(plan.options, combine="pcsos", keep_maps=False))
+    shape, echoes = (*plan.image_shape[:5], count), slice(plan.kept[1].start, plan.kept[1].stop)
+    made = np.zeros(shape, np.complex64, order="F") if room is None else room(shape)
+    done, total = 0, shape[3] * count
+    for at, index in enumerate(plan.kept[0]):
+        for numbers, images in _of_slice(plan, source, index, count):
+            made[:, :, :, at][..., numbers] = images[:, :, :, echoes]
+            done += len(numbers)
+            if progress:
+                progress(done, total)
+    if plan.stack:
+        for number in range(count):
+            one = slice(number, number + 1)
+            made[:, :, 0, ..., one] = reconstruct.straightened(plan, made[:, :, 0, ..., one])
+    return made
+
+
+def _of_slice(plan, source, index, count):
+    """Numbers of volumes with their images of a slice, some at a time."""
+    repetitions = np.array(plan.kept[2])[np.arange(count) % len(plan.kept[2])]
+    for number, pattern in enumerate(plan.patterns):
+        wanted = np.flatnonzero(np.isin(repetitions, pattern.repetitions))
+        if not wanted.size:
+            continue
+        block = reconstruct.Block(index, pattern.repetitions[:1], number)
+        frame = reconstruct.lines(plan, block, source)
+        operator = (_of_volumes if plan.in_slabs else _of_lines)(plan, block, source, frame)
+        there, together = frame != 0, max(1, plan.group)
+        for start in range(0, wanted.size, together):
+            numbers = wanted[start : start + together]
+            samples = [_samples(plan, there, index, volume) for volume in numbers.tolist()]
+            yield numbers, operator(np.asfortranarray(np.concatenate(samples, 5)))
+
+
+def _of_lines(plan, block, source, frame):
+    """What makes images of noise where slices are worked on as a whole."""
+    pattern, basis = plan.patterns[block.pattern], reconstruct.prepare(plan, block, source)
+
+    def operator(samples):
+        return reconstruct.reconstruct_block(plan, block, basis, samples)["image"]
+
+    if not (basis.fills or reconstruct._removes_phase(plan, pattern)):
+        return operator
+    basis.phase = reconstruct._phase(plan, pattern, basis, reconstruct._complete(plan, pattern, basis, frame))
+    image = operator(frame)  # beside an image alone all is linear
+    return lambda samples: operator(np.asfortranarray(frame + samples)) - image
+
+
+def _of_volumes(plan, block, source, frame):
+    """The same where volumes are worked on in slabs."""
+    pattern = plan.patterns[block.pattern]
+    shared = reconstruct._volume_basis(plan, block, source, reconstruct._slice_calibration(plan, block, source))
+    every = replace(plan, choice=None)  # the noise has the coils that are used, no others
+
+    def operator(samples):
+        lines = slabs.transformed(every, pattern, samples, True)
+        return reconstruct._volume(plan, block, lines, *shared, None)["image"]
+
+    return operator
+
+
+def _samples(plan, there, index, volume):
+    """Noise in place of the samples of a frame, ``(x, y, z, coil, echo, 1)``."""
+    place = index if plan.slices is None else plan.slices[index]  # within the whole scan
+    random = np.random.default_rng([SEED, place, volume])
+    factor = np.linalg.cholesky(plan.covariance.astype(complex)).astype(np.complex64)
+    white = np.empty(there.shape, np.complex64)
+    white.real, white.imag = random.standard_normal((2, *there.shape), np.float32)
+    mixed = np.einsum("cd,xyzden->xyzcen", factor * np.float32(0.5**0.5), white, optimize=True)
+    return mixed * there
