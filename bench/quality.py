@@ -62,9 +62,10 @@ def run(command, **changes):
     return usage.ru_utime + usage.ru_stime
 
 
-def write_raw(path, kspace, sampled, block, slices=1, steps=None):
+def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
     """A raw file: the measured lines, `block` of them flagged as calibration; the same slice as often
-    as asked for. `sampled` and `block` are masks (y, z) of volumes, else that of y and lines of y."""
+    as asked for. `sampled` and `block` are masks (y, z) of volumes, else that of y and lines of y.
+    `noise`, (sample, coil), is a noise scan."""
     from ctessel import _ismrmrd, acquisitions, raw
     from ctessel.scan import Header, Limit
 
@@ -82,6 +83,10 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None):
     path.unlink(missing_ok=True)  # lines are appended to a file that is there
     text = _ismrmrd.header_text(header, coils=coils, counts={"slice": slices})
     writer = raw.binding(path).Writer(str(path), "dataset", text)
+    if noise is not None:
+        head = np.zeros((), acquisitions.HEAD)
+        head["version"], head["sample_time_us"], head["flags"] = 1, 5, acquisitions.NOISE
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(noise, np.complex64))
     for index, (y, z) in itertools.product(range(slices), np.argwhere(sampled | block)):
         head = np.zeros((), acquisitions.HEAD)
         head["version"], head["center_sample"], head["sample_time_us"] = 1, nx // 2, 5
@@ -96,9 +101,9 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None):
     writer.close()
 
 
-def ours(kspace, sampled, block=(), options=(), slices=1, steps=None):
+def ours(kspace, sampled, block=(), options=(), slices=1, steps=None, noise=None):
     path, image = FOLDER / "scan.h5", FOLDER / "image.nii"
-    write_raw(path, kspace, sampled, block, slices, steps)
+    write_raw(path, kspace, sampled, block, slices, steps, noise)
     seconds = run([sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options],
                   PYTHONPATH=os.pathsep.join(sys.path))
     made = read_nifti(image).reshape(*kspace.shape[:3], -1)
@@ -262,6 +267,29 @@ def defective(name, kspace):
         yield row, (truth, inside, images, what)
 
 
+NOISE_VOLUMES = 64
+
+
+def noise_volumes(name, kspace):
+    """Spread of volumes of noise over the map of it; the noise scan is drawn from the covariance of the
+    samples beside the object."""
+    n, edge = kspace.shape[1], kspace.shape[1] // 8
+    images = np.fft.fftshift(np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1))
+    air = np.concatenate([images[x, y, 0].reshape(-1, kspace.shape[3])
+                          for x in (slice(edge), slice(-edge, None)) for y in (slice(edge), slice(-edge, None))])
+    factor = np.linalg.cholesky(air.T @ air.conj() / len(air))
+    white = np.random.default_rng(2).standard_normal((2, 4096, kspace.shape[3]))
+    scan = (white[0] + 1j * white[1]) @ factor.T * 0.5**0.5
+    image = ours(kspace, every(n, 2), around(n, 24), ["--noise-images", NOISE_VOLUMES, "--maps-out", "sd"], noise=scan).image
+    sd, volumes = (read_nifti(FOLDER / f"image_{what}.nii") for what in ("sd", "noise"))
+    spread = np.sqrt(np.mean(volumes.astype(float) ** 2, -1))
+    ratio = (spread / np.where(sd > 0, sd, 1))[object_of(image) & (sd > 0)]
+    row = {"data": name, "volumes": NOISE_VOLUMES, "mean of spread over map": ratio.mean(), "its deviation": ratio.std(),
+           "expected": np.sqrt(1 / 4 / NOISE_VOLUMES + 1 / 4 / 100)}
+    print(row, file=sys.stderr)
+    return row, (image, sd, volumes[..., 0], spread)
+
+
 # ---- The report ----
 
 
@@ -298,6 +326,15 @@ def picture(name, shown):
     plt.close(figure)
 
 
+def noise_picture(name, shown):
+    """The image; the map of its noise, a volume of noise, and the spread of all, of one brightness."""
+    from ctessel import png
+
+    top = 2.5 * np.percentile(shown[1], 99)
+    line = [shown[0] / np.percentile(shown[0], 99.5), *(each / top for each in shown[1:])]
+    Path(name).write_bytes(png.encode(png.grey(np.concatenate(line), low=0, high=1) // 16 * 17))
+
+
 def defects_picture(name, shown):
     """Images of a scan with a defective coil, all coils used above, and below what is left by itself."""
     from ctessel import png
@@ -324,7 +361,7 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, moved, missing, broken = [], [], [], []
+    below, moved, missing, broken, noisy = [], [], [], [], []
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
@@ -335,13 +372,17 @@ def main():
             shown = list(defective(name, kspace))
             broken += [row for row, _ in shown]
             defects_picture(f"{output}/coils-{name}.png", [about for _, about in shown])
+            row, about = noise_volumes(name, kspace)
+            noisy.append(row)
+            noise_picture(f"{output}/noise_images-{name}.png", about)
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "shifted": moved, "partial": missing, "defective": broken}, file,
-                  indent=1)
+        json.dump({"undersampled": below, "shifted": moved, "partial": missing, "defective": broken,
+                   "noise": noisy}, file, indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
                 "## Shifted lattices", table(moved) if moved else "None.",
-                "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None."]
+                "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None.",
+                "## Volumes of noise", table(noisy) if noisy else "None."]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 
 

@@ -12,6 +12,7 @@ from math import prod
 import numpy as np
 
 from . import reconstruct, slabs
+from .replicas import drawn
 
 #: Of the noise: the same volumes each time.
 SEED = 0
@@ -33,7 +34,7 @@ def check(plan):
 def memory(plan, count):
     """Bytes of the volumes, and those of the work on them beyond that on images."""
     volumes = min(plan.group, count) * prod(plan.shape[:4]) * plan.shape[5]
-    return 8 * prod(plan.image_shape[:5]) * count, 25 * volumes
+    return 8 * prod(plan.image_shape[:5]) * count, 30 * volumes
 
 
 def volumes(plan, source, count, *, room=None, progress=None):
@@ -127,7 +128,4 @@ def _samples(plan, there, index, volume):
     place = index if plan.slices is None else plan.slices[index]  # within the whole scan
     random = np.random.default_rng([SEED, place, volume])
     factor = np.linalg.cholesky(plan.covariance.astype(complex)).astype(np.complex64)
-    white = np.empty(there.shape, np.complex64)
-    white.real, white.imag = random.standard_normal((2, *there.shape), np.float32)
-    mixed = np.einsum("cd,xyzden->xyzcen", factor * np.float32(0.5**0.5), white, optimize=True)
-    return mixed * there
+    return drawn(random, there.shape, factor) * there

@@ -38,12 +38,16 @@ def spread(operator, frame, covariance=None, *, replicas=REPLICAS, together=1, s
         factor = np.linalg.cholesky(covariance.astype(complex)).astype(np.complex64)
     random, image, power = np.random.default_rng(seed), operator(frame), 0.0
     for start in range(0, replicas, together):
-        shape = (*frame.shape[:5], min(together, replicas - start))
-        white = random.standard_normal((2, *shape), np.float32) * np.float32(0.5**0.5 * unit)
-        noise = np.einsum("cd,xyzden->xyzcen", factor, white[0] + 1j * white[1], optimize=True)
+        noise = drawn(random, (*frame.shape[:5], min(together, replicas - start)), factor, unit)
         made = operator(np.asfortranarray(frame + noise * (frame != 0), np.complex64))
         power = power + (np.abs(made - image, dtype=np.float64) ** 2).sum((3, 4))
     return np.sqrt(power / replicas) / unit
+
+
+def drawn(random, shape, factor, unit=1.0):
+    """Noise of lines, ``(x, y, z, coil, echo, repetition)``, with the covariance `factor factor^H`."""
+    white = random.standard_normal((2, *shape), np.float32) * np.float32(0.5**0.5 * unit)
+    return np.einsum("cd,xyzden->xyzcen", factor, white[0] + 1j * white[1], optimize=True)
 
 
 def in_units(image, sd):
