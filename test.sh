@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Builds and tests everything on a bare Debian 12 or 13: the 64-bit library, the 32-bit module, the module in
 # GNU Octave, the Python and Octave packages, the library under the address and undefined-behaviour
-# sanitizers, and the formatting of the sources.
+# sanitizers, and sources and texts (tools/lint.sh).
 #
 #   ./test.sh --all   also the unoptimised build with every assertion, the thread sanitizer, fuzzing
 #                     for a fixed number of runs, the 32-bit programs under Valgrind, and
-#                     where npm is pages in a browser
+#                     the documentation site, and where npm is pages in a browser
 set -uo pipefail
 
-cd "$(dirname "$0")"
+cd "$(dirname "$0")" || exit 1
 all=false
 case "${1:-}" in
   --all) all=true ;;
@@ -80,6 +80,13 @@ echo "== python"
 if $all; then
   CTESSEL_NPM=$(tools/npm_packages.sh)
   export CTESSEL_NPM
+  if docs/build.sh >"$log" 2>&1; then
+    passed=$((passed + 1))
+  else
+    tail -n 30 "$log"
+    echo 'failed: the documentation site'
+    failed=$((failed + 1))
+  fi
 fi
 if python/test.sh >"$log" 2>&1; then
   grep '^SKIPPED' "$log"
@@ -101,16 +108,13 @@ else
   failed=$((failed + 1))
 fi
 
-echo "== formatting"
-if ! clang-format --version | grep -q 'version 14\.'; then  # others lay sources out otherwise
-  echo 'SKIPPED: needs clang-format 14, that of Debian 12'
-  skipped=$((skipped + 1))
-elif find recon gateway tests bench examples fuzz python/src octave/src \( -name '*.cpp' -o -name '*.cc' -o -name '*.h' -o -name '*.hpp' \) -print0 |
-    xargs -0 clang-format --dry-run -Werror; then
-  passed=$((passed + 1))
-else
-  failed=$((failed + 1))
-fi
+echo "== lint"
+lint=(tools/lint.sh)
+if $all; then lint+=(--all); fi
+"${lint[@]}" 2>&1 | tee "$log"
+passed=$((passed + $(grep -c '^passed' "$log")))
+failed=$((failed + $(grep -c '^failed' "$log")))
+skipped=$((skipped + $(grep -c '^SKIPPED' "$log")))
 
 echo
 echo "$passed passed, $failed failed, $skipped skipped"

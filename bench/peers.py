@@ -14,7 +14,7 @@ import ctypes
 import json
 import sys
 
-from beside import (F, QUICK, Report, at, eigen, in_turns, ints, kernel, noise, seconds, split)
+from beside import (F, QUICK, Report, at, eigen, ints, kernel, noise, split)
 
 import numpy as np
 from scipy import ndimage, special

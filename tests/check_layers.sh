@@ -20,6 +20,16 @@ allow "$std|omp\.h|emmintrin\.h|Eigen/[A-Za-z]+|$own" recon/*.cpp recon/*.h
 allow "$std" recon/*.hpp
 allow "$std|homodyne\.h|host/host\.h|ctessel\.hpp" gateway/*.cpp gateway/*.h
 allow "$std|mex\.h|host\.h|memory\.h" gateway/host/*
+# Hosts, examples and benchmarks see what users see: the public headers. Raw data files are read in one place.
+public='cTessel\.h|ctessel\.hpp|omp\.h'
+bound='pybind11/[a-z0-9]+\.h'
+mine=$(basename -a python/src/*.h | paste -sd'|')
+allow "$std|$bound|sys/mman\.h|$public|$mine" python/src/{arguments,arrays,coils,espirit,geometry,gradient_field,helpers,homodyne,module,sense}*
+allow "$std|$bound|ismrmrd/[a-z]+\.h|hdf5\.h|(sys/)?[a-z]+\.h|$mine" python/src/{raw,lines,stream}*
+allow "$std|octave/oct\.h|$public" octave/src/*.cc
+allow "$std|png\.h|unsupported/Eigen/FFT|$public|$(basename -a examples/*.h | paste -sd'|')" examples/*.cpp examples/*.h
+allow "$std|benchmark/benchmark\.h|malloc\.h|$public|homodyne\.h|host/memory\.h|(naive_[a-z]+|$(basename -s .h -a bench/*.h | paste -sd'|'))\.h" \
+  bench/*.cpp bench/*.h
 
 # modules that are not to be imported, module... that do not
 forbid() {
@@ -40,7 +50,9 @@ everything="$outside|dask|pipeline|reconstruct|plan|parts|warp|gradients|$(bar "
 # serve reads the command's options from streams.
 mapfile -t modules < <(basename -s .py -a python/ctessel/[!_]*.py | grep -vxE 'cli|serve')
 forbid cli "${modules[@]}"
-forbid '[a-z_]+' scan
+forbid '[a-z_]+' coil_choice
+mapfile -t above < <(basename -s .py -a python/ctessel/*.py | grep -vxE 'scan|coil_choice')
+forbid "$(bar "${above[@]}")" scan
 forbid "$everything|scan" "${kernels[@]}" runtime
 forbid "$outside|dask|pipeline|reconstruct|plan" "${pieces[@]}" gradients
 forbid "$outside|dask|pipeline|reconstruct" plan

@@ -31,7 +31,7 @@ import os
 import sys
 from typing import TYPE_CHECKING
 
-if "ctessel" in map(os.path.basename, sys.orig_argv):
+if any(os.path.basename(word) == "ctessel" for word in sys.orig_argv):
     # The command multiplies small matrices alone; for the threads of BLAS 128 MiB would be set aside.
     os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 

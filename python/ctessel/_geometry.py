@@ -129,10 +129,10 @@ def radius_theta_phi(
     r, theta, phi : ndarray of float32
         Radius, angle from +z (0 to pi) and angle from +x towards +y (0 to 2 pi).
     """
-    x, y, z = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
-    out = [np.empty(x.shape, np.float32) for _ in range(3)]
-    _core.radius_theta_phi(x, y, z, *out)
-    return tuple(out)
+    at = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
+    r, theta, phi = (np.empty(at[0].shape, np.float32) for _ in range(3))
+    _core.radius_theta_phi(*at, r, theta, phi)
+    return r, theta, phi
 
 
 def radial_factor(r: ArrayLike, r0: ArrayLike, n: ArrayLike) -> Any:

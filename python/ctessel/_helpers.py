@@ -41,9 +41,9 @@ def linear_interpolation(
         volume's memory count as 0, and a step past the end of a row reads the first sample of the
         next row: stay within the extents, or on them, for values without surprises.
     """
-    x, y, z = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
-    out = np.empty(x.shape, np.complex64 if np.iscomplexobj(volume) else np.float32)
-    _core.linear_interpolation(volume, x, y, z, out)
+    at = _broadcast(_real(x, "x"), _real(y, "y"), _real(z, "z"))
+    out = np.empty(at[0].shape, np.complex64 if np.iscomplexobj(volume) else np.float32)
+    _core.linear_interpolation(volume, *at, out)
     return out
 
 

@@ -304,7 +304,7 @@ def _counted(series):
     first = [along[int(np.flatnonzero(slices == s)[0])] for s in range(slices.max() + 1)]
     rank = np.argsort(np.argsort(first, kind="stable"))
     for head, numbers in zip(heads, counters):
-        head["slice"], head["contrast"], head["repetition"] = rank[numbers[0]], *numbers[1:3]
+        head["slice"], head["contrast"], head["repetition"] = rank[numbers[0]], numbers[1], numbers[2]
     return [(head, *rest) for head, (_, *rest) in zip(heads, series)], told
 
 

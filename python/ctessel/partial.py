@@ -143,4 +143,3 @@ def _hidden(lines):
     if -first < last:
         return first + (-first) // 4, last
     return first, last - last // 4
-

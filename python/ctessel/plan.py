@@ -289,7 +289,6 @@ class Plan:
         lines, cut = (size * coils * prod(n) for n in (self.shape[:3], pattern.full))
         return lines, max(2 * lines, cut + (5 if any(pattern.ranges) else 2.2) * coils * pixels)
 
-
     def _slab(self, pattern, size):
         """As `_block`, of a volume that is put together of its slabs."""
         volume = size * max(prod(self.pixels), prod(pattern.full))

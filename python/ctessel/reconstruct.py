@@ -454,8 +454,6 @@ def _combined(plan, pattern, image):
     return image
 
 
-
-
 def _complete(plan, pattern, basis, samples):
     """k-space without gaps between its lines: that of each coil as it was measured, or unfolded; or,
     where their noise is known, that of the image they combine to."""

@@ -13,7 +13,7 @@ from .sampling import calibration_block
 WIDE, HIGH = 72, 24
 #: Turns that are drawn at most.
 MOST = 8
-_MISSING, _SOME, _MEASURED, _CALIBRATION = ".+#C"
+_MISSING, _SOME, _MEASURED, _CALIBRATION = tuple(".+#C")
 
 
 @dataclass(frozen=True)

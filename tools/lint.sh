@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Checks of texts and sources that run nothing: shell scripts, spelling, Python, links, layers, formatting.
+#
+#   tools/lint.sh           seconds, part of ./test.sh
+#   tools/lint.sh --all     also the types of the Python package: a minute
+set -uo pipefail
+cd "$(dirname "$0")/.." || exit 1
+if ! git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+  echo 'SKIPPED: checks of sources and texts need a git checkout'
+  exit 0
+fi
+tools/install_packages.sh tools/packages.txt || exit 1
+status=0
+check() {  # NAME COMMAND...
+  local name=$1 said
+  shift
+  if said=$("$@" 2>&1); then
+    echo "passed: $name"
+  else
+    printf '%s\nfailed: %s\n' "$said" "$name"
+    status=1
+  fi
+}
+files() { git ls-files -- "$@"; }
+
+mapfile -t scripts < <(files '*.sh' .ci/run)
+mapfile -t python < <(files '*.py')
+# Seeds of fuzzing targets are bytes, and pictures are no text.
+mapfile -t texts < <(files | grep -vE '^fuzz/corpus/|\.png$')
+check 'shell scripts' shellcheck --severity=warning "${scripts[@]}"
+check spelling codespell --config tools/codespell.cfg "${texts[@]}"
+check Python /usr/bin/python3 -m flake8 --config tools/flake8.cfg "${python[@]}"
+check links /usr/bin/python3 tools/check_links.py
+check layers tests/check_layers.sh .
+
+mapfile -t sources < <(files '*.cpp' '*.cc' '*.h' '*.hpp')
+if clang-format --version | grep -q 'version 14\.'; then  # others lay sources out otherwise
+  check 'formatting of C++' clang-format --dry-run -Werror "${sources[@]}"
+else
+  echo 'SKIPPED: formatting of C++ needs clang-format 14, that of Debian 12'
+fi
+
+if [ "${1-}" = --all ]; then
+  tools/install_packages.sh python/packages.txt
+  check 'types of the Python package' mypy --config-file tools/mypy.ini python/ctessel
+fi
+exit $status
