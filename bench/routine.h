@@ -21,6 +21,7 @@ struct Setting {
   double ry = 2, rz = 1;  // reduction factors
   int n = 1000;           // length of a list
   bool option = false;    // the routine's own: other layout, other noise, ...
+  bool coarse = false;    // maps have every second sample along x
   double samples() const { return 1.0 * nx * ny * nz * coils * volumes; }
 };
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <algorithm>
 #include <cstdint>
 #include <new>
 #include <vector>
@@ -81,5 +82,35 @@ RowGrid row_grid(int folded_len, int factor_len);
 
 /// Largest alias count along an axis.
 int most_aliases(int full_len, int folded_len);
+
+/// Hands out the columns of a folded line's n aliases that `mask`, by alias and column, has in the
+/// object: put(alias, position, column, count) for runs of them. Position k begins at sample first(k) of
+/// an image of `room`. Where a position is out of range, the next one takes its place in the walk
+/// through mask and results: the mask numbers the aliases that are delivered, not the positions. False
+/// if one was.
+template <class First, class Put>
+bool deliver(std::int64_t n, std::int64_t width, std::int64_t room, const unsigned char* mask,
+             const First& first, const Put& put) {
+  bool inside = true;
+  for (std::int64_t k = 0; k < n; ++k) inside &= first(k) + width <= room;
+  for (std::int64_t k = 0; inside && k < n; ++k) {
+    const unsigned char *row = mask + k * width, *last = row + width, *at = row;
+    while ((at = std::find(at, last, 1)) != last) {
+      const unsigned char* end = std::find(at, last, 0);
+      put(k, k, at - row, end - at);
+      at = end;
+    }
+  }
+  bool all = true;
+  for (std::int64_t i = 0; !inside && i < width; ++i) {
+    for (std::int64_t k = 0, position = 0; position < n; ++position) {
+      const bool there = mask[k * width + i], fits = first(position) + i < room;
+      all &= fits || !there;
+      if (there && fits) put(k, position, i, std::int64_t{1});
+      if (!there || fits) ++k;
+    }
+  }
+  return all;
+}
 
 }  // namespace ctessel

@@ -9,6 +9,7 @@
 #include "sense_volumes.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <optional>
 #include <utility>
@@ -124,6 +125,15 @@ void deviations(const float* m, int64_t next, int64_t im, const double* psi, int
     add_variance<true>(m + at, next, im, psi, nc, kChunk, out + at);
   if (at < n) add_variance<false>(m + at, next, im, psi, nc, n - at, out + at);
   for (int64_t i = 0; i < n; ++i) out[i] = std::sqrt(out[i]);
+}
+
+CTESSEL_CLONES
+bool all_finite(const float* v, int64_t n) {
+  constexpr std::uint32_t kInfinity = 0x7F800000;
+  std::uint32_t beyond = 0;
+  for (int64_t i = 0; i < n; ++i)
+    beyond |= (std::bit_cast<std::uint32_t>(v[i]) & 0x7FFFFFFF) >= kInfinity;
+  return beyond == 0;
 }
 
 /// 0, or not a number where a value is not finite.
@@ -404,7 +414,7 @@ class Tile {
       float *re = u_.data() + 2 * k * width_, *im = re + width_;
       combine(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, v_re_.data(), v_im_.data(),
               coils_, width_, re, im);
-      for (int64_t i = 0; look && i < 2 * width_; ++i) finite_ &= std::isfinite(re[i]);
+      if (look) finite_ &= all_finite(re, 2 * width_);
     }
     deliver(y, z, place);
   }
@@ -430,35 +440,21 @@ class Tile {
     return {p_.y.full[size(y * p_.y.room + of.y)], p_.z.full[size(z * p_.z.room + of.z)]};
   }
 
-  void write(const VolumePlace& place, const Target& to, int64_t i, int64_t k) {
-    const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z;
-    p_.out_re[at] = u_[size(2 * k * width_ + i)];
-    if (p_.out_im) p_.out_im[at] = u_[size((2 * k + 1) * width_ + i)];
-  }
-
-  /// Where a position is out of range, the next position takes its place in the walk through mask
-  /// and results: the mask numbers the aliases that are delivered, not the positions.
   void deliver(int y, int z, const VolumePlace& place) {
-    bool inside = true;
-    const auto first = [&](const Target& to) {
+    const auto first = [&](int64_t position) {
+      const Target to = target(y, z, position);
       return x0_ + p_.full_x * (to.y + p_.full_y * to.z);
     };
-    for (int64_t k = 0; k < n_; ++k) inside &= first(target(y, z, k)) + width_ <= place.room;
-    for (int64_t k = 0; inside && k < n_; ++k) {
-      const Target to = target(y, z, k);
-      for (int64_t i = 0; i < width_; ++i) {
-        if (mask_[size(k * width_ + i)]) write(place, to, i, k);
-      }
-    }
-    for (int64_t i = 0; !inside && i < width_; ++i) {
-      int64_t k = 0;
-      for (int64_t position = 0; position < n_; ++position) {
-        const Target to = target(y, z, position);
-        if (mask_[size(k * width_ + i)] && first(to) + i >= place.room) continue;
-        if (mask_[size(k * width_ + i)]) write(place, to, i, k);
-        ++k;
-      }
-    }
+    const auto put = [&](int64_t k, int64_t position, int64_t i, int64_t count) {
+      const Target to = target(y, z, position);
+      const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z;
+      const float* u = u_.data() + 2 * k * width_ + i;
+      ctessel::store_row(
+          u, u + width_,
+          {p_.out_re + at, p_.out_im ? p_.out_im + at : nullptr,
+           static_cast<std::ptrdiff_t>(p_.out_x), static_cast<std::ptrdiff_t>(count)});
+    };
+    ctessel::deliver(n_, width_, place.room, mask_.data(), first, put);
   }
 
   const SenseProblem& p_;

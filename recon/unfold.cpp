@@ -278,44 +278,13 @@ class Columns {
   }
 
   bool deliver(const Line& line, int z) {
-    bool inside = true;
-    for (int64_t k = 0; k < n_; ++k) inside &= target(line.y, z, k) + width_ <= p_.out_size;
-    if (!inside) return deliver_partly(line, z);
-    for (int64_t k = 0; k < n_; ++k) {
-      const int64_t out = target(line.y, z, k);
-      const unsigned char* present = line.mask + k * width_;
-      const float *re = line.u + 2 * k * width_, *im = re + width_;
-      for (int64_t i = 0; i < width_; ++i) {
-        if (!present[i]) continue;
-        p_.out_re[out + i] = re[i];
-        p_.out_im[out + i] = im[i];
-      }
-    }
-    return true;
-  }
-
-  /// Where a position is out of range, the next position takes its place in the walk through mask
-  /// and results: the mask numbers the aliases that are delivered, not the positions.
-  bool deliver_partly(const Line& line, int z) {
-    bool inside = true;
-    for (int64_t i = 0; i < width_; ++i) {
-      int64_t k = 0;
-      for (int64_t position = 0; position < n_; ++position) {
-        if (!line.mask[k * width_ + i]) {
-          ++k;
-          continue;
-        }
-        const int64_t out = target(line.y, z, position) + i;
-        if (out >= p_.out_size) {
-          inside = false;
-          continue;
-        }
-        p_.out_re[out] = line.u[2 * k * width_ + i];
-        p_.out_im[out] = line.u[(2 * k + 1) * width_ + i];
-        ++k;
-      }
-    }
-    return inside;
+    const auto first = [&](int64_t position) { return target(line.y, z, position); };
+    const auto put = [&](int64_t k, int64_t position, int64_t i, int64_t count) {
+      const float* u = line.u + 2 * k * width_ + i;
+      std::copy_n(u, count, p_.out_re + first(position) + i);
+      std::copy_n(u + width_, count, p_.out_im + first(position) + i);
+    };
+    return ctessel::deliver(n_, width_, p_.out_size, line.mask, first, put);
   }
 
   const Problem& p_;
