@@ -18,19 +18,22 @@ def espirit(
     Parameters
     ----------
     calibration : ndarray of complex64 or float32, ``(x, y, z, coil)``
-        k-space without gaps, k = 0 at ``n // 2`` of each axis.
+        k-space without gaps, finite, at least one sample, k = 0 at ``n // 2`` of each axis.
     size : sequence of 3 int
-        Extents of the maps, over the field of view of the calibration.
+        Extents of the maps, each at least 1, over the field of view of the calibration.
     kernel : int, optional
-        Samples of the window that slides over the calibration, along each axis that has as many.
+        Samples of the window that slides over the calibration, along each axis that has as many; at
+        least 1.
     threshold : float, optional
-        Eigenvalue of the calibration matrix from which on it is signal, of the largest one.
+        Eigenvalue of the calibration matrix from which on it is signal, of the largest one; above 0 and
+        below 1.
     crop : float, optional
-        Eigenvalue of a voxel, 1 at best, up to which it counts as outside of the object.
+        Eigenvalue of a voxel, 1 at best, up to which it counts as outside of the object; from 0, which
+        keeps all, to 1.
     eigenvalue : bool, optional
         Also return the voxels' eigenvalues.
     threads : int, optional
-        Threads of this call; they share the rows of the matrix and those of the maps.
+        Threads of this call, 1 to 1024; they share the rows of the matrix and those of the maps.
 
     Returns
     -------

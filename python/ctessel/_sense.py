@@ -39,8 +39,8 @@ def sense_recon(
     sens : array_like, complex
         Sensitivities, ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, at the resolution of the
         unfolded image or a lower one. A coil-0 real part of exactly 0 marks a voxel as empty.
-    psi : ndarray of complex64, optional
-        Noise covariance, ``(coil, coil)``. By default the identity. Any unit without regularisation;
+    psi : array_like, optional
+        Noise covariance, ``(coil, coil)``, Hermitian, no eigenvalue 0. By default the identity. Any unit without regularisation;
         with it, ``psi[c, c]`` is the mean squared magnitude of the noise in `folded`: ``k * psi``
         regularises as ``1 / k`` of the weight.
     full_size : sequence of 3 int, optional
@@ -51,9 +51,9 @@ def sense_recon(
         ``(x, y, z[, location])``, whose squared magnitude is the expected signal power; the weight
         follows from the level of `folded` against that of the reference image `ref`.
     scale : float, optional
-        Divisor of the folded level in that weight.
+        Divisor of the folded level in that weight; not 0.
     weight : float, optional
-        The weight itself, instead of `ref` and `scale`: ``R`` has ``1 / (|reg|^2 weight)`` on its
+        The weight itself, above 0, instead of `ref` and `scale`: ``R`` has ``1 / (|reg|^2 weight)`` on its
         diagonal, 0 where `reg` is 0.
     mask : array_like, real or bool, optional
         ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object, each
@@ -69,7 +69,7 @@ def sense_recon(
     out : ndarray of complex64, optional
         Array of the result's shape, overwritten. It must not overlap the other arrays.
     threads : int, optional
-        Threads of this call; they share the columns along x.
+        Threads of this call, 1 to 1024; they share the columns along x.
 
     Returns
     -------
@@ -163,9 +163,10 @@ def sense_noise(
         Noise covariance of the folded images, ``(coil, coil)``, ``psi[c, c]`` the mean squared
         magnitude. By default the identity.
     full_size, fold_size : sequence of 3 int
-        Extents x, y, z of the unfolded and of the folded image; the same along x.
+        Extents x, y, z of the unfolded and of the folded image: at least 1, the same along x, those
+        of the unfolded one no smaller along y and z.
     reg, weight : array_like and float, optional
-        Regularisation ``R = 1 / (|reg|^2 weight)``, as for `sense_recon`.
+        Regularisation ``R = 1 / (|reg|^2 weight)``, as for `sense_recon`; the weight is above 0.
     mask : array_like, real or bool, optional
         Voxels in the object, as for `sense_recon`, which should be given the same. By default
         those that any coil sees.
