@@ -59,13 +59,6 @@ struct Extents {
   }
 };
 
-Eigen::MatrixXcd noise_covariance(const float* re, const float* im, int rows, int columns) {
-  if (!re) return Eigen::MatrixXcd::Identity(rows, columns);
-  Eigen::MatrixXcd psi(rows, columns);
-  for (Eigen::Index k = 0; k < psi.size(); ++k) psi.data()[k] = {re[k], im[k]};
-  return psi;
-}
-
 Eigen::Vector3f reduction_factors(const Extents& fold, int fold_ndims, const int* full_size) {
   Eigen::Vector3f R;
   for (int i = 0; i < 3; ++i)
@@ -411,6 +404,7 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
   if (F.d[7] == 0) return 1;
   if (psi_dims[0] != S.d[3] || psi_dims[1] != S.d[3] || (!fit && S.coils() != 0)) return -1;
 
+  const auto psi = ConstSamples::parts(psi_re, psi_im, {S.d[3], S.d[3]});
   const auto on_grid = [&](float* re, float* im, const Extents& n, std::size_t axis, int64_t step) {
     ConstSamples s = packed<const float>(re, im, n, S.d[0], S.d[1], step);
     s.strides[axis] = static_cast<std::ptrdiff_t>(step);
@@ -423,7 +417,7 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
                Reg.volume(),
                packed(out_re, out_im, F, full_size[0], full_size[1], O.coils()),
                O.total(),
-               noise_covariance(psi_re, psi_im, psi_dims[0], psi_dims[1]),
+               covariance_of(psi, S.d[3]),
                R,
                Eigen::Map<const Eigen::VectorXi>(full_size, 3),
                0,
