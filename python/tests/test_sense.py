@@ -140,19 +140,3 @@ def test_measured_brain_unfolds_close_to_the_full_data(measured):
     head = rss > 0.1 * rss.max()
     error = np.linalg.norm((half - everything)[head]) / np.linalg.norm(everything[head])
     assert error < 0.04  # NumPy's least squares: 0.024
-
-
-@pytest.mark.parametrize("regularised", [False, True])
-@pytest.mark.parametrize("order", "CF")
-def test_slabs_give_the_bits_of_one_call(regularised, order):
-    """Slabs have eight columns per thread at least: with very many threads there is but one."""
-    sens = np.array(random_complex((100, 96, 12, 16, 2), 1), order=order)
-    folded = np.array(random_complex((100, 48, 6, 16, 1, 1, 1, 2), 2), order=order)
-    sens[30:33, 20:40] = 0                                     # holes and equal aliases: not a number
-    sens[0, [2, 50]] = sens[99, 7] = sens[47] = sens[14:16, 9] = 1
-    sens[63, 50, 3, 2] = np.nan
-    extra = {"ref": folded[:50, 0], "reg": np.abs(sens[:, :, :, 3]).astype(np.float32), "scale": 3.3} if regularised else {}
-    one = ctessel.sense_recon(folded, sens, threads=16, **extra)
-    assert regularised or np.isnan(one).any()
-    for threads in (1, 2):
-        same_bits(ctessel.sense_recon(folded, sens, threads=threads, **extra), one)
