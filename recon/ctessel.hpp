@@ -201,11 +201,11 @@ struct SenseOptions {
 
 /// How espirit() estimates sensitivities.
 struct EspiritOptions {
-  /// Samples of the sliding window along every axis that has as many.
+  /// Samples of the sliding window along every axis that has as many; at least 1.
   int kernel = 6;
-  /// Eigenvalue of the calibration matrix from which on it is signal, of the largest one.
+  /// Eigenvalue of the calibration matrix from which on it is signal, of the largest one: in (0, 1).
   double threshold = 0.001;
-  /// Eigenvalue up to which a voxel is outside the object: its maps are 0.
+  /// Eigenvalue, 0 to 1, up to which a voxel is outside the object: its maps are 0.
   double crop = 0.8;
   /// (X, Y, Z), real parts are written; empty: not wanted.
   Samples eigenvalue;
