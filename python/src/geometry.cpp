@@ -143,8 +143,7 @@ py::array lookup(py::handle nl, py::handle nm, py::handle npts) {
             points = whole_number(npts, "npts", 0, INT_MAX / (orders * degrees));
   py::array_t<float> table({points, degrees, orders});
   float* values = table.mutable_data();
-  const py::gil_scoped_release unlocked;
-  create_plgndr_lookup(orders, degrees, points, values);
+  run(Threads(py::none()), [&] { create_plgndr_lookup(orders, degrees, points, values); });
   return py::array(table);
 }
 
