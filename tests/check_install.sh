@@ -35,6 +35,14 @@ if cmake -S "$source/tests/consumer" -B "$work/build" -DWANTED_VERSION=99 >/dev/
   exit 1
 fi
 
+echo '== add_subdirectory'
+cmake -S "$source/tests/consumer" -B "$work/included" -G Ninja -DCTESSEL_SOURCES="$source" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+if grep '^CTESSEL_[A-Z]*:' "$work/included/CMakeCache.txt" | grep -v CTESSEL_SOURCES; then
+  echo 'options of the included project are among those of the other'
+  exit 1
+fi
+
 # Wider vectors than the library's, and functions that are merged with the library's unless inlined.
 PKG_CONFIG_PATH=$(dirname "$library")/pkgconfig LD_LIBRARY_PATH=$(dirname "$library")
 export PKG_CONFIG_PATH LD_LIBRARY_PATH
