@@ -64,8 +64,9 @@ function run_example(name)
 end
 
 function run_tour(folder)
-  tour(folder);
+  said = evalc('tour(folder)');
   for name = {'homodyne', 'sense', 'sense_noise', 'geometry'}
+    assert(any(strfind(said, [name{1} '.png: '])))
     picture = double(imread(fullfile(folder, [name{1} '.png'])));
     assert(mean(picture(:)) > .02 * max(picture(:)))  % neither black nor a few hot pixels
   end

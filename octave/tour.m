@@ -11,6 +11,7 @@ function tour(folder)
   sharp = ctessel_sos(homodyne_recon(kspace, [], [-20 63]));
   zero_filled = ctessel_sos(to_image(kspace .* ((-64:63) >= -20)));
   picture(folder, 'homodyne', [full, sharp, zero_filled], max(full(:)));
+  disp('homodyne.png: all lines, homodyne from 84 of 128, the same zero-filled');
 
   % Every second line. The maps come from the centre of k-space, smoothed by a ringing filter.
   low = to_image(ctessel_ringing_filter(kspace, [.9 .9], [32 32]));
@@ -24,7 +25,8 @@ function tour(folder)
   amplification = std(ctessel_sense(noise, maps), 0, 9) / sqrt(2);
   picture(folder, 'sense', [ctessel_sos(folded), unfolded], max(full(:)));
   picture(folder, 'sense_noise', amplification, max(amplification(:)));
-  printf('noise is amplified up to %.1f times, %.1f on average\n', max(amplification(:)), ...
+  disp('sense.png: every second line, folded and unfolded');
+  printf('sense_noise.png: noise is amplified up to %.1f times, %.1f on average\n', max(amplification(:)), ...
          mean(amplification(:)));
 
   % A straight grid as gradients with higher terms see it.
@@ -35,6 +37,7 @@ function tour(folder)
   at = round([xd(:), yd(:)]) + 251;
   at = at(all(at >= 1 & at <= 501, 2), :);
   picture(folder, 'geometry', accumarray(at, 1, [501 501]) > 0, 1);
+  disp('geometry.png: a straight grid as gradients with higher terms see it');
 end
 
 function picture(folder, name, values, white)

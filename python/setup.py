@@ -53,6 +53,7 @@ setup(
                  Extension("ctessel._raw", sources=[], optional=True)],
     extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib", "h5py"],
                     "dask": ["dask", "distributed"],
+                    "view": ["nibabel", "matplotlib"],
                     "dicom": ["pydicom"]},
     entry_points={"console_scripts": ["ctessel = ctessel.cli:main"]},
     cmdclass={"build_ext": CMakeBuild},

@@ -22,6 +22,35 @@ EXIT_CODES = """exit codes:
 """
 DONE, DEFECT, USAGE, MEMORY, FAULT = range(5)
 
+#: The kinds of ctessel.phantom.KINDS, which is not loaded for the other commands.
+PHANTOM_KINDS = {
+    "full": "all lines",
+    "partial": "65 % of the lines, those of negative ky missing",
+    "partial-end": "65 % of the lines, those of positive ky missing",
+    "partial-readout": "70 % of each readout: an asymmetric echo",
+    "undersampled": "every second line, and 24 calibration lines among them",
+    "undersampled-3": "every third line, and a separate calibration scan",
+    "turns": "every second line, another half in each of 4 repetitions",
+    "noise": "every second line, calibration lines, noise, and a noise scan",
+    "slices": "5 slices with gaps",
+    "repetitions": "3 repetitions with noise",
+    "echoes": "3 echoes",
+    "averages": "4 averages with noise",
+    "3d": "a volume of 16 partitions, 75 % of them measured",
+    "3d-undersampled": "a volume with every second line along y and z, and calibration lines",
+    "3d-caipi": "the same on a shifted lattice, whose aliases lie further apart",
+    "oblique": "3 oblique slices away from the isocentre",
+}
+PHANTOM_SIZES = {
+    "size": ("voxels along x and y", "128; of volumes 64"),
+    "coils": ("receive coils", "8"),
+    "slices": ("slices", "1, or those of the kind"),
+    "partitions": ("partitions of a volume", "1, or those of the kind"),
+    "repetitions": ("repetitions", "1, or those of the kind"),
+    "echoes": ("echoes", "1, or those of the kind"),
+    "averages": ("averages of each line", "1, or those of the kind"),
+}
+
 
 class UsageError(Exception):
     """Arguments that the parser cannot judge by themselves."""
@@ -98,7 +127,7 @@ def _explain(error):
         )
     if isinstance(error, ModuleNotFoundError):
         package = error.name.split(".")[0]
-        return DEFECT, f"needs the Python package {package}; apt-get install python3-{package}"
+        return DEFECT, f"needs the Python package {package}; {runtime.installing(package)}"
     if isinstance(error, OSError) and error.strerror:
         return (
             DEFECT,
@@ -327,15 +356,19 @@ def _add_view(commands):
 
 def _add_phantom(commands):
     command = _command(commands, "phantom", phantom, "write raw data of a phantom")
-    # The names are those of ctessel.phantom.KINDS, which is not loaded for the other commands.
-    command.add_argument("kind", metavar="KIND", help="kind of scan; 'list' shows all")
+    command.epilog = f"kinds:\n{_phantom_kinds()}\n\n{command.epilog}"
+    command.add_argument("kind", metavar="KIND", help="kind of scan, see below; 'list' shows all")
     command.add_argument("-o", "--output", metavar="RAW.h5")
-    for name in ("size", "coils", "slices", "partitions", "repetitions", "echoes", "averages"):
-        command.add_argument(f"--{name}", type=options.positive, metavar="N")
+    for name, (what, usual) in PHANTOM_SIZES.items():
+        command.add_argument(f"--{name}", type=options.positive, metavar="N", help=f"{what} ({usual})")
     command.add_argument(
-        "--noise", type=options.level, metavar="LEVEL", help="standard deviation per sample and part"
+        "--noise", type=options.level, metavar="LEVEL", help="standard deviation per sample and part (0)"
     )
-    command.add_argument("--seed", type=int, metavar="N")
+    command.add_argument("--seed", type=int, metavar="N", help="of the noise (0)")
+
+
+def _phantom_kinds():
+    return "\n".join(f"  {name:16} {text}" for name, text in PHANTOM_KINDS.items())
 
 
 def _add_warp(commands):
@@ -671,7 +704,7 @@ def phantom(arguments):
     from . import phantom as phantoms
 
     if arguments.kind == "list":
-        _say("\n".join(phantoms.KINDS))
+        _say(_phantom_kinds() if sys.stdout.isatty() else "\n".join(phantoms.KINDS))
         return
     if arguments.kind not in phantoms.KINDS:
         raise UsageError(

@@ -220,7 +220,7 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         as messages. By default memory of this machine for processes started here, and messages
         else.
     patience : float, optional
-        Seconds to wait for a scheduler.
+        Seconds to wait for a scheduler, and for its first worker.
 
     Yields
     ------
@@ -253,7 +253,14 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         except (OSError, TimeoutError):
             raise ConnectionError(
                 f"no Dask scheduler answers at {scheduler}; start one with "
-                "'dask-scheduler', or use --workers"
+                "'python3 -m distributed.cli.dask_scheduler', or use --workers"
+            ) from None
+        try:
+            client.wait_for_workers(1, timeout=patience)
+        except TimeoutError:
+            raise ConnectionError(
+                f"the Dask scheduler at {scheduler} has no workers; start one with "
+                f"'python3 -m distributed.cli.dask_worker {scheduler}', or use --workers"
             ) from None
         if shared:
             client.ctessel_folder = stack.enter_context(_folder(shared))

@@ -234,8 +234,7 @@ def _open_any(path, group, given):
         try:
             other = formats.opened(path, given)
         except ModuleNotFoundError as missing:
-            package = f"python3-{missing.name}"
-            raise RawError(f"{error}; other formats need apt-get install {package}") from None
+            raise RawError(f"{error}; other formats need {runtime.installing(missing.name)}") from None
         if other is None:
             raise
         return other

@@ -6,9 +6,11 @@ three runs on two cores beside other programs: 2.4 s with all settings.
 
 import contextlib
 import ctypes
+import importlib.util
 import mmap
 import os
 import signal
+import sys
 import tempfile
 import threading
 from dataclasses import dataclass
@@ -20,6 +22,25 @@ import numpy as np
 #: large. Blocks need the same memory again and again; given back after each, it is cleared anew.
 KEPT = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
 _OPTIONS = {"MALLOC_TRIM_THRESHOLD_": -1, "MALLOC_MMAP_THRESHOLD_": -3}  # of mallopt
+
+
+#: Packages that whole scans need beside NumPy.
+SCANS = ("scipy", "nibabel", "tqdm", "matplotlib", "h5py")
+
+
+def installing(package):
+    """The command that installs a missing package, and what else of `SCANS` is missing.
+
+    An environment of its own does not see Debian's packages.
+    """
+    names = [package, *(name for name in SCANS if name != package and _missing(name))]
+    if sys.prefix == sys.base_prefix or "/usr/lib/python3/dist-packages" in sys.path:
+        return " ".join(["apt-get install", *(f"python3-{name}" for name in names)])
+    return " ".join(["pip install", *names])
+
+
+def _missing(name):
+    return sys.modules[name] is None if name in sys.modules else importlib.util.find_spec(name) is None
 
 
 # ---- Settings of the process ---------------------------------------------------------------------

@@ -13,6 +13,10 @@
 #SBATCH --time=00:30:00
 set -euo pipefail
 
+if [ $# -ne 3 ]; then
+  echo "usage: slurm_array.sh RAW.h5 IMAGE.nii.gz COUNT    # COUNT: positions along ${AXIS:-slice} in all" >&2
+  exit 2
+fi
 raw=$1 image=$2 count=$3
 tasks=${SLURM_ARRAY_TASK_COUNT:-1} task=$((${SLURM_ARRAY_TASK_ID:-0} - ${SLURM_ARRAY_TASK_MIN:-0}))
 first=$((count * task / tasks)) last=$((count * (task + 1) / tasks - 1))

@@ -211,6 +211,28 @@ def test_names_that_are_no_text_work(scan, tmp_path):
     assert json.loads((tmp_path / f"{name}.json").read_text())["Sources"] == ["\ufffd\n.h5"]
 
 
+def test_kinds_of_phantoms_are_described(capsys, monkeypatch):
+    assert list(cli.PHANTOM_KINDS) == list(phantom.KINDS)
+    assert cli.main(["phantom", "list"]) == 0
+    assert capsys.readouterr().out.split("\n") == [*phantom.KINDS, ""]  # one name a line, for scripts
+    monkeypatch.setattr(sys.stdout, "isatty", lambda: True)
+    assert cli.main(["phantom", "list"]) == 0
+    described = capsys.readouterr().out
+    with pytest.raises(SystemExit):
+        cli.main(["phantom", "--help"])
+    assert "echoes           3 echoes\n" in described and described.rstrip() in capsys.readouterr().out
+
+
+def test_missing_packages_are_named_together_with_the_command_that_fits(monkeypatch):
+    monkeypatch.setitem(sys.modules, "h5py", None)
+    monkeypatch.setitem(sys.modules, "tqdm", None)
+    for debian, words in ((True, "apt-get install python3-nothing python3-tqdm python3-h5py"), (False, "pip install nothing tqdm h5py")):
+        monkeypatch.setattr(sys, "path", ["/usr/lib/python3/dist-packages"] * debian)
+        monkeypatch.setattr(sys, "prefix", "/srv/environment")
+        monkeypatch.setattr(cli.runtime, "SCANS", ("tqdm", "h5py"))
+        assert cli.runtime.installing("nothing") == words
+
+
 def test_readers_may_stop_reading(scan):
     for words in (f"info {scan}", "phantom list"):
         run = subprocess.run(f"{sys.executable} -m ctessel {words} | true; exit ${{PIPESTATUS[0]}}", shell=True,

@@ -142,6 +142,15 @@ def test_memory_of_workers_does_not_grow_with_the_scan(client):
     assert max(client.run(held).values()) - before < block + (8 << 20)
 
 
+def test_a_scheduler_without_workers_is_one_line():
+    from distributed import LocalCluster
+
+    with LocalCluster(n_workers=0, processes=False, dashboard_address=None) as cluster:
+        with pytest.raises(ConnectionError, match=r"has no workers; start one with 'python3 -m .* (tcp|inproc)://"):
+            with ctessel.dask.connect(scheduler=cluster.scheduler_address, patience=0.3):
+                pass
+
+
 def test_no_scheduler_is_one_line():
     with pytest.raises(ConnectionError, match="no Dask scheduler answers at tcp://127.0.0.1:1"):
         with ctessel.dask.connect(scheduler="tcp://127.0.0.1:1", patience=0.2):

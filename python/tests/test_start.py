@@ -6,6 +6,7 @@ import shutil
 import socket
 import subprocess
 import sys
+import textwrap
 from pathlib import Path
 
 import pytest
@@ -52,6 +53,25 @@ def test_commands(page, tmp_path):
 def test_python(tmp_path):
     run([sys.executable, "-c", blocks("python", "python")], tmp_path)
     check_promises("python", tmp_path)
+
+
+@pytest.mark.parametrize("kind", ["noise", "full"])
+def test_steps_by_hand(kind, tmp_path, monkeypatch):
+    from ctessel import phantom
+
+    text = (PAGES.parent / "recon.md").read_text()
+    code = re.search(r"^Each step is a function.*?\n\n((    .*\n|\n)+)", text, re.MULTILINE)[1]
+    monkeypatch.chdir(tmp_path)
+    phantom.write("scan.h5", kind, size=32, coils=2)
+    done = {}
+    exec(textwrap.dedent(code), done)
+    assert done["image"].shape == done["result"].image.shape
+
+
+def test_the_batch_script_says_what_it_needs():
+    script = CHECKOUT / "python" / "examples" / "slurm_array.sh"
+    run = subprocess.run(["bash", script, "raw.h5"], capture_output=True, text=True)
+    assert run.returncode == 2 and run.stderr.startswith("usage: slurm_array.sh RAW.h5 IMAGE.nii.gz COUNT")
 
 
 def test_octave(tmp_path):
