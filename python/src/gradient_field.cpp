@@ -29,7 +29,7 @@ GradientField field_of(const std::vector<Term>& terms, double radius) {
 }
 
 /// Points (..., 3), or a grid's voxels: its shape, and rows 0 to 2 of its affine. A grid's positions
-/// are made as they are needed; an array of them would take three times the memory of the image. Points
+/// are made as they are needed; an array of them would take several times the memory of the image. Points
 /// of a list stay in the caller's array, which has to outlive this.
 struct Points {
   Points(const Doubles& values, const py::object& grid) {
