@@ -73,7 +73,7 @@ class Arrived:
 
     def __init__(self, acquisitions, found, threads=None, come=None):
         self._acquisitions, self._found, self._threads = acquisitions, found, threads
-        self.layout = raw._layout(found, lambda at: [acquisitions.samples(int(i)) for i in at], come)
+        self.layout = raw.layout_of(found, lambda at: [acquisitions.samples(int(i)) for i in at], come)
         self._images = _by_image(found.scan)
         self._latest = None  # frames are asked for twice where they calibrate
 

@@ -142,7 +142,7 @@ def _of_slice(plan, block, source, names, replicas, seed):
     if "residual" in names:
         calibration = reconstruct.calibration_lines(plan, block.slice, source)
         threads = plan.options.threads
-        lines = low_resolution(reconstruct._cut(plan, calibration), threads=threads)
+        lines = low_resolution(reconstruct.cut_calibration(plan, calibration), threads=threads)
         lines = resize(lines, pattern.calibration_pixels)
         images = to_image(lines, threads=threads, overwrite=True)
         made["residual"] = _residual(basis.maps, resize(images, pattern.full))

@@ -277,7 +277,7 @@ def layout(found):
     Layout
     """
     try:
-        return _layout(found, lambda numbers: _samples(found, numbers))
+        return layout_of(found, lambda numbers: _samples(found, numbers))
     except (DefectError, RuntimeError) as error:
         raise _named(found.path, error) from None
 
@@ -429,7 +429,7 @@ def _kspace_shape(found):
     return (found.width, *found.scan.shape[1:])
 
 
-def _layout(found, read, come=None):
+def layout_of(found, read, come=None):
     """The layout; `read` gives samples of acquisitions, of which so many have `come`."""
     at = np.flatnonzero(found.role == NOISE_SCAN)
     noise = np.concatenate(read(at)) if at.size else None

@@ -378,7 +378,7 @@ def _conditioning(plan, pattern, basis, parts):
 
 def _sensitivities(plan, block, calibration):
     options, pattern = plan.options, plan.patterns[block.pattern]
-    threads, samples, size = options.threads, _cut(plan, calibration), pattern.calibration_pixels
+    threads, samples, size = options.threads, cut_calibration(plan, calibration), pattern.calibration_pixels
     if not pattern.unfolds:  # coils that are combined alone need maps where noise is, too
         made = sensitivity_maps(samples, size, mask=0, threads=threads)
         return Basis(*(np.asfortranarray(resize(a, pattern.full)) for a in made))
@@ -394,7 +394,7 @@ def _sensitivities(plan, block, calibration):
     return Basis(maps, expected, damping=share, residual=calibration_residual(maps, images)[1])
 
 
-def _cut(plan, calibration):
+def cut_calibration(plan, calibration):
     """Calibration lines over the image's field along x, the central samples of the readout."""
     n = round(len(calibration) * plan.calibration.cut)
     samples = remove_oversampling(calibration, n, threads=plan.options.threads)
@@ -729,7 +729,7 @@ def _run_volumes(plan, source, client):
 
 
 def _slice_calibration(plan, block, source):
-    return plan.calibration and _cut(plan, calibration_lines(plan, block.slice, source))
+    return plan.calibration and cut_calibration(plan, calibration_lines(plan, block.slice, source))
 
 
 def _volume_basis(plan, block, source, calibration):
