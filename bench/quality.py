@@ -4,7 +4,7 @@
     bench/quality.py BUILD OUTPUT [NAME.cfl...]
 
 Fully sampled k-space, (x, y, 1, coil), comes from pairs NAME.cfl and NAME.hdr as BART writes them,
-by default the measured data that the tests know. Lines are left out as a scanner would leave them
+by default the measured data that the tests know. Volumes are BART's own phantom, with noise. Lines are left out as a scanner would leave them
 out, the rest goes to both programs, and what they make of it is compared with the image of all
 lines. Writes OUTPUT/quality.md, OUTPUT/quality.json and pictures of the errors.
 
@@ -34,10 +34,11 @@ SHARES = [0.5625, 0.625, 0.75]
 PARTIAL = ["auto", "zero", "homodyne", "pocs"]
 DATA = ["brain16_ksp", "phantom32_ksp", "brain1_t1sag_ksp"]  # by default
 SLICES = 16
+VOLUME, COILS, NOISE = 48, 8, 0.02  # BART's phantom: extent, coils, noise over the brightest voxel
 LEVELS = ["0", "0.001", "0.01"]
 LATTICES = [(2, 2, 0), (2, 2, 1), (1, 4, 2), (3, 2, 1)]  # steps along y and z, shift of z from y to y
 if "CTESSEL_QUICK" in os.environ:
-    REDUCTIONS, SHARES, SLICES, LATTICES = REDUCTIONS[:1], SHARES[:1], 1, LATTICES[1:2]
+    REDUCTIONS, SHARES, SLICES, LATTICES, VOLUME = REDUCTIONS[:1], SHARES[:1], 1, LATTICES[1:2], 32
 SCRATCH = tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None)
 FOLDER = Path(SCRATCH.name)
 
@@ -145,7 +146,7 @@ def bart(kspace, lines, calibrate, truth, inside):
 def sum_of_squares(kspace):
     from ctessel import pipeline
 
-    return pipeline.combine(pipeline.to_image(kspace), "sos")[:, :, 0]
+    return np.squeeze(pipeline.combine(pipeline.to_image(kspace), "sos"))
 
 
 def object_of(image):
@@ -189,6 +190,28 @@ def undersampled(name, kspace):
         print(row, file=sys.stderr)
         images = {"ctessel": mine.image, "BART, ecalib": ecalib.image}
         yield row, (truth, inside, images, g_factor(read_cfl(FOLDER / "ours.cfl")[:, :, 0], step))
+
+
+def volumes():
+    """Rows of volumes: BART's phantom in three dimensions."""
+    from ctessel import pipeline
+
+    run(["bart", "phantom", "-3", "-x", VOLUME, "-s", COILS, "whole"])
+    clean = pipeline.to_kspace(read_cfl(FOLDER / "whole.cfl"))
+    truth, random = sum_of_squares(clean), np.random.default_rng(0).standard_normal((2, *clean.shape))
+    kspace = (clean + NOISE * truth.max() / 2**0.5 * (random[0] + 1j * random[1])).astype(np.complex64)
+    inside, near = object_of(truth), np.isin(np.arange(VOLUME), around(VOLUME, 20))
+    for steps in ((2, 1), (2, 2)):
+        sampled, block = np.outer(*(every(VOLUME, step) for step in steps)), np.outer(near, near)
+        kept = kspace * (sampled | block)[None, :, :, None]
+        mine, ecalib = ours(kspace, sampled, block, steps=steps), bart(kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside)
+        row = {"data": f"phantom, {VOLUME}^3", "R": "{} x {}".format(*steps)}
+        for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
+            row[key] = error(outcome.image, truth, inside)
+        row["of ecalib"] = row["ctessel"] / row["ecalib"]
+        row["time, ecalib's over ours"] = ecalib.seconds / mine.seconds
+        print(row, file=sys.stderr)
+        yield row
 
 
 def shifted(name, kspace):
@@ -361,7 +384,7 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, moved, missing, broken, noisy = [], [], [], [], []
+    below, moved, missing, broken, noisy, solid = [], [], [], [], [], list(volumes())
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
@@ -377,10 +400,10 @@ def main():
             noise_picture(f"{output}/noise_images-{name}.png", about)
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "shifted": moved, "partial": missing, "defective": broken,
-                   "noise": noisy}, file, indent=1)
+        json.dump({"undersampled": below, "volumes": solid, "shifted": moved, "partial": missing,
+                   "defective": broken, "noise": noisy}, file, indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
-                "## Shifted lattices", table(moved) if moved else "None.",
+                "## Volumes", table(solid), "## Shifted lattices", table(moved) if moved else "None.",
                 "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None.",
                 "## Volumes of noise", table(noisy) if noisy else "None."]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")

@@ -100,10 +100,12 @@ def maps(plan, source, names, image=None, *, replicas=REPLICAS, seed=0, progress
     snr = np.zeros(image.shape, np.float32) if "snr" in names else None
     for done, index in enumerate(plan.kept[0]):
         for number, pattern in enumerate(plan.patterns[: None if "snr" in names else 1]):
+            at = np.flatnonzero(np.isin(plan.kept[2], pattern.repetitions))
+            if number > 0 and not at.size:
+                continue
             block = reconstruct.Block(index, pattern.repetitions[:1], number)
             found = _of_block(plan, block, source, names, replicas, seed)
             if snr is not None:
-                at = np.flatnonzero(np.isin(plan.kept[2], pattern.repetitions))
                 snr[:, :, :, done, :, at] = _ratio(plan, image[:, :, :, done, :, at], found["snr"])
             for name in names if number == 0 else ():
                 made[name].append(found[name])

@@ -19,8 +19,10 @@ from .sampling import alias_offsets, fold_lines, shifted_axis, shifts
 WINDOW_LINES = 24
 #: Eigenvalue of a voxel from which on it is inside of the object.
 CROP = 0.8
-#: Kernel of the planes of volumes: half of the time of slices', and nothing is lost with calibration
-#: lines along two axes.
+#: Kernel of the maps of slices. A larger one takes up to twice the time; errors of measured heads stay
+#: within half a percent.
+KERNEL = 5
+#: That of the planes of volumes: nothing is lost with calibration lines along two axes.
 PLANE_KERNEL = 4
 #: Strength of the window over calibration lines against ringing.
 WINDOW = 0.9
@@ -196,7 +198,9 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
     if calibration.shape[2] == 1:
         across = min(len(calibration), max(calibration.shape[1], WINDOW_LINES))
         lines = np.asfortranarray(calibration[central(len(calibration), across)])
-        maps, values = espirit(lines, size=size, crop=0, eigenvalue=True, threads=threads)
+        maps, values = espirit(
+            lines, size=size, kernel=KERNEL, crop=0, eigenvalue=True, threads=threads
+        )
     else:
         maps, values = _planes(calibration, size, threads)
     bright = np.abs(combined)
