@@ -1,7 +1,9 @@
 // The gateway on the memory host, in both layouts of complex values: numbers worked by hand, and what
 // fuzz_gateway does not draw.
+#include <array>
 #include <limits>
 
+#include "ctessel.hpp"
 #include "homodyne.h"
 #include "host/memory.h"
 #include "naive_homodyne.h"
@@ -116,6 +118,24 @@ TEST_CASE("A low-resolution image in the data's own storage counts as it was", "
         CHECK(differences(data.real(), apart.real()) == "");
       });
     }
+  }
+}
+
+TEST_CASE("Separate parts may share storage with the image, too", "[multiply]") {
+  Random random(10);
+  CAPTURE(run_seed());
+  const std::vector<float> v = random.reals(60);
+  const auto view = [](auto* all, int re, int im) {
+    return ctessel::ConstSamples::parts(all + re, all + im, {5, 2, 2});
+  };
+  // Real parts of the phase among the image's imaginary ones, and the other way round.
+  for (const std::array<int, 2>& at : {std::array{21, 40}, std::array{40, 1}, std::array{3, 18}}) {
+    CAPTURE(at);
+    std::vector<float> shared = v, apart = v;
+    const auto image = [](float* all) { return ctessel::Samples::parts(all, all + 20, {5, 2, 2}); };
+    ctessel::remove_phase(image(shared.data()), view(shared.data(), at[0], at[1]));
+    ctessel::remove_phase(image(apart.data()), view(v.data(), at[0], at[1]));
+    CHECK(differences(shared, apart) == "");
   }
 }
 

@@ -148,6 +148,25 @@ TEST_CASE("Kernels give the same bits for every layout and number of threads", "
   }
 }
 
+TEST_CASE("Views overlap where they share a place, and not where they touch", "[samples]") {
+  std::vector<float> v(40);
+  const auto parts = [&](int re, int im) {
+    return ConstSamples::parts(&v[re], im < 0 ? nullptr : &v[im], {5, 2});
+  };
+  const ConstSamples image = parts(10, 20);
+  for (int at : {0, 30}) {
+    CHECK_FALSE(
+        overlap(image, parts(at, -1)));  // ends where the image begins, or begins where it ends
+    CHECK_FALSE(overlap(parts(at, -1), image));
+  }
+  for (const ConstSamples& other : {parts(1, -1), parts(29, -1), parts(0, 29), parts(30, 11)}) {
+    CHECK(overlap(image, other));
+    CHECK(overlap(other, image));
+  }
+  const ConstSamples back(&v[29], nullptr, {10}, {-1}), none(&v[12], nullptr, {5, 0}, {1, 5});
+  CHECK((overlap(image, back) && !overlap(parts(10, -1), back) && !overlap(image, none)));
+}
+
 TEST_CASE("Slices see the samples of their view", "[samples]") {
   Array a = array({4, 3, 2}, 1);
   std::iota(a.store.begin(), a.store.end(), 0.0f);

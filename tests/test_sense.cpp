@@ -217,16 +217,60 @@ TEST_CASE("Aliases with equal sensitivities leave no finite factor", "[sense]") 
   }
 }
 
-TEST_CASE("A matrix with a 0 on its diagonal is inverted all the same", "[sense]") {
+TEST_CASE("The largest entry of a column is its pivot, of any size", "[sense]") {
   Scene s({{1, 4, 1, 2}, {1, 2, 1}, {1, 4, 1}, false});
-  s.psi << 0, 1, 1, 0;  // no covariance, but of every rank: gives (0 1; 1 2)
   s.re = {1, 1, 1, 1, 0, 0, 1, 1};
   s.im = std::vector<float>(8, 0.0f);
-  Eigen::VectorXcd f = s.fresh_factors(), want = f;
+  const auto factors = [&](const Eigen::Matrix2cd& psi) {
+    s.psi = psi;
+    Eigen::VectorXcd f = s.fresh_factors();
+    s.factors(f);
+    return f;
+  };
+  for (const Complex& small : {Complex(0), Complex(1e-12), Complex(0, 1e-12)}) {
+    CAPTURE(small);
+    Eigen::Matrix2cd weights;
+    weights << small, 1, 1, 0;  // no covariance's inverse, but of every rank
+    const Eigen::VectorXcd f = factors(weights.inverse());
+    Eigen::VectorXcd want = s.fresh_factors();
+    naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0, s.reference,
+                                   want, s.folded, s.full, s.edges_y.data(), s.edges_z.data());
+    CHECK((f - want).norm() < 1e-14);
+  }
+  // Units do not count without regularisation, though pivots of 2^600 have no square in double.
+  const Eigen::VectorXcd one = factors(Eigen::Matrix2cd::Identity());
+  for (double unit : {0x1p60, 0x1p-60}) {
+    CAPTURE(unit);
+    s.re = {1, 1, 1, 1, 0, 0, 1, 1};
+    for (float& v : s.re) v *= static_cast<float>(unit);
+    CHECK((factors(std::pow(unit, -8) * Eigen::Matrix2cd::Identity()) * unit - one).norm() < 1e-14);
+  }
+}
+
+TEST_CASE("Coils are added up one after the other, in double for factors and in float for images",
+          "[sense]") {
+  // Squares of 2^54 and 1, four times: only from the other end do the small ones count.
+  Scene s({{1, 1, 1, 5}, {1, 1, 1}, {1, 1, 1}, false});
+  s.re = {134217728, 1, 1, 1, 1};
+  s.im.assign(5, 0.0f);
+  Eigen::VectorXcd f = s.fresh_factors();
   s.factors(f);
-  naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0, s.reference, want,
-                                 s.folded, s.full, s.edges_y.data(), s.edges_z.data());
-  CHECK((f - want).norm() < 1e-12);
+  CHECK((f[0] == 0x1p-27 && f[1] == 0x1p-54 && f[4] == 0x1p-54));
+
+  // Factors become float before they multiply: 1 + 2^-24 is 1, and ones that are left get lost.
+  f << Complex(1 + 0x1p-24, 1), 1, Complex(0, -1), Complex(-1 - 0x1p-24), 1;
+  s.fold_re = {16777215, 0.25f, 0.5f, 16777215, 3};
+  s.fold_im = {1, 0.125f, 0.25f, 1, 0};
+  float u_re = 0, u_im = 0;
+  for (int c = 0; c < 5; ++c) {
+    const std::complex<float> m(f[c]);
+    u_re += m.real() * s.fold_re[c] - m.imag() * s.fold_im[c];
+    u_im += m.real() * s.fold_im[c] + m.imag() * s.fold_re[c];
+  }
+  float re = 0, im = 0;
+  unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
+         s.edges_y.data(), s.edges_z.data(), &re, &im);
+  CHECK((re == u_re && im == u_im));
 }
 
 TEST_CASE("find_edges compares lengths, then distances with half the lines", "[sense]") {
@@ -464,22 +508,56 @@ TEST_CASE("A mask holds for each voxel alone", "[sense_recon]") {
   }
 }
 
+TEST_CASE("A volume that starts past the end of the output ends the run with -1", "[sense_recon]") {
+  Scene s({{8, 8, 1, 3}, {8, 4, 1}, {8, 8, 1}, false});
+  for (auto* part : {&s.fold_re, &s.fold_im}) part->resize(3 * 96, 0.5f);
+  int fold[] = {8, 4, 1, 3, 3}, psi[] = {3, 3}, none[] = {1};
+  const auto run = [&](int volumes, std::vector<float>& re, std::vector<float>& im) {
+    int out[] = {8, 8, 1, 1, volumes};
+    return TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 5, fold, s.re.data(), s.im.data(), 4,
+                          s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
+                          1, none, nullptr, nullptr, 1, none, 1, re.data(), im.data(), out);
+  };
+  std::vector<float> want_re(192), want_im(192);
+  CHECK(run(3, want_re, want_im) == 1);
+  for (int volumes : {2, 1, 0}) {
+    CAPTURE(volumes);
+    std::vector<float> re(192), im(192);
+    CHECK(run(volumes, re, im) == -1);
+    for (int v = 64 * volumes; v < 192; ++v) want_re[v] = want_im[v] = 0;
+    CHECK(differences(re, want_re) == "");
+    CHECK(differences(im, want_im) == "");
+  }
+}
+
 TEST_CASE("Extents that cannot be are refused before memory is touched", "[sense_recon]") {
   struct Case {
     std::array<int, 8> folded;
     std::array<int, 2> psi;
     std::array<int, 3> full;
     int status;
+    std::array<int, 3> out = {2, 4, 1};
   };
+  constexpr int kMax = 2147483647, kHalf = 1 << 15;
   for (const Case& c : {Case{{2, 2, 1, 2, 1, 1, 1, 1}, {1, 2}, {2, 4, 1}, -1},  // not coils x coils
-                        Case{{2, 2, 1, 2, 1, 1, 1, 1}, {2, 2}, {1, 2147483647, 1}, -1},  // aliases
-                        Case{{2, 0, 0, 2, 1, 1, 1, 1}, {2, 2}, {2, 0, 0}, -1},    // reduction 0 / 0
-                        Case{{2, 2, 1, 2, 1, 1, 1, 0}, {2, 2}, {2, 4, 1}, 1}}) {  // no location
-    CAPTURE(c.folded, c.psi, c.full);
+                        Case{{2, 2, 1, 2, 1, 1, 1, 1}, {2, 2}, {1, kMax, 1}, -1},  // aliases
+                        Case{{2, 0, 0, 2, 1, 1, 1, 1}, {2, 2}, {2, 0, 0}, -1},  // reduction 0 / 0
+                        Case{{2, 2, 1, 2, 1, 1, 1, 0}, {2, 2}, {2, 4, 1}, 1},   // no location
+                        Case{{2, 2, 1, 2, 1, 1, 1, 0}, {2, 2}, {2, 4, 1}, 1, {kMax, 1, 1}},
+                        Case{{2, 2, 1, 2, 1, 1, 1, 0}, {2, 2}, {2, 4, 1}, -1, {kHalf, kHalf, 2}}}) {
+    CAPTURE(c.folded, c.psi, c.full, c.out);
     Case call = c;
-    int maps[] = {2, 4, 1, 2}, none[] = {1}, out[] = {2, 4, 1, 1, 1, 1, 1, c.folded[7]};
+    int maps[] = {2, 4, 1, 2}, none[] = {1}, out[] = {c.out[0], c.out[1], c.out[2], 1, 1, 1, 1, 1};
     CHECK(TS_sense_recon(nullptr, nullptr, 8, call.folded.data(), nullptr, nullptr, 4, maps,
                          nullptr, nullptr, 2, call.psi.data(), call.full.data(), nullptr, nullptr,
                          1, none, nullptr, nullptr, 1, none, 1, nullptr, nullptr, out) == c.status);
   }
+  const auto with_columns = [](std::ptrdiff_t n) {
+    ctessel::sense({nullptr, nullptr, {2, 2, 1, 4}, {}}, {nullptr, nullptr, {n, 4, 1, 3}, {}},
+                   {2, 4, 1}, {});
+  };
+  if (sizeof(std::ptrdiff_t) == 4) return;
+  CHECK_THROWS_WITH(with_columns(kMax), "sense: maps must have extent 4 along axis 3, not 3");
+  CHECK_THROWS_WITH(with_columns(static_cast<std::ptrdiff_t>(kMax + 1LL)),
+                    "sense: an extent is at most 2147483647");
 }
