@@ -63,6 +63,7 @@ end
 %! assert(min(together(disc)) > .99)
 %! assert(sum(abs(maps) .^ 2, 4)(disc), ones(nnz(disc), 1, 'single'), 1e-5)
 %! assert(any(eigenvalues(:) < .8) && ~any(maps(eigenvalues <= .8)))
+%!error <CALIBRATION must be a full numeric or logical array; got 1x1 cell array> ctessel_espirit({1}, [4 4])
 %!error <CALIBRATION must be finite> ctessel_espirit([1 NaN], [4 4])
 %!error <TARGET must be 2 or 3 whole numbers> ctessel_espirit(ones(8), 4)
 %!error <THRESHOLD must be less than 1> ctessel_espirit(ones(8), [8 8], 6, 1)

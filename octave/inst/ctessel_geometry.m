@@ -100,6 +100,8 @@ end
 %! ctessel_geometry([1 2], [1 2 3], [1 2], linear, linear, [0 1], 1)
 %!error <COEFF_X must be from 2x2 to 14x12 coefficients; got 15x12>
 %! ctessel_geometry(1, 1, 1, zeros(15, 12), linear, [0 1], 1)
+%!error <COEFF_Y must be from 2x2 to 14x12 coefficients; got 14x13>
+%! ctessel_geometry(1, 1, 1, linear, zeros(14, 13), [0 1], 1)
 %!error <COEFF_Y must be a table with a linear coefficient, \(2, 2\), other than 0>
 %! ctessel_geometry(1, 1, 1, linear, zeros(3), [0 1], 1)
 %!error <COEFF_Z must be from 2x1 to 17x1 coefficients; got 1x1>
