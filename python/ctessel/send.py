@@ -1,5 +1,6 @@
 """The command ``ctessel send``: raw data go out as a scanner sends them, images come back."""
 
+import contextlib
 import queue
 import socket
 import sys
@@ -16,6 +17,8 @@ from .stream import StreamError
 BATCH = 64
 #: Bytes of one image at most.
 PIXELS = 1 << 31
+#: Seconds at most until the thread that sends has ended, once its connection is shut.
+STOPPING = 5
 
 
 def send(arguments):
@@ -76,7 +79,14 @@ class Sender:
                 daemon=True,
             )
             sender.start()
-            images = list(_images(connection))
+            try:
+                images = list(_images(connection))
+            except BaseException:
+                # A process that ends while its sender is in compiled code would be aborted.
+                with contextlib.suppress(OSError):
+                    peer.shutdown(socket.SHUT_RDWR)
+                sender.join(STOPPING)
+                raise
             sender.join(timeout)
         if not failed.empty():
             raise failed.get()

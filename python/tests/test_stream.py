@@ -621,6 +621,26 @@ def select_readable(peer):
     return bool(select.select([peer], [], [], 0)[0])
 
 
+def test_a_server_that_refuses_ends_the_sender_in_one_line(tmp_path):
+    phantom.write(file := tmp_path / "s.h5", "repetitions", size=128, coils=16)  # still on its way when the error comes
+    with socket.create_server(("127.0.0.1", 0)) as refusing:
+
+        def refuse():
+            peer, _ = refusing.accept()
+            with peer:
+                peer.recv(1 << 16)
+                peer.sendall(stream.text(stream.TEXT, "ERROR    ctessel: no room"))
+                peer.shutdown(socket.SHUT_WR)
+                while peer.recv(1 << 20):
+                    pass
+
+        threading.Thread(target=refuse, daemon=True).start()
+        to = "{}:{}".format(*refusing.getsockname())
+        command = [sys.executable, "-m", "ctessel", "send", file, "--to", to, "-o", tmp_path / "i.nii"]
+        run = subprocess.run(command, capture_output=True, text=True, timeout=60)
+    assert (run.returncode, run.stderr) == (1, "ctessel: the server: ctessel: no room\n")
+
+
 def test_connections_are_limited_and_served_together(small):
     with Server("--connections", 4, "--pixels", "float") as made:
         for _ in range(3):
