@@ -223,14 +223,27 @@ def shifted(name, kspace):
     for step_y, step_z, shift in LATTICES:
         columns, rest = np.divmod(y, step_y)
         sampled = (rest == 0)[:, None] & ((z - shift * columns[:, None]) % step_z == 0)
-        mine = ours(volume, sampled, block, steps=(step_y, step_z))
+        maps = FOLDER / "ours.cfl"
+        mine = ours(volume, sampled, block, ["--save-maps", maps], steps=(step_y, step_z))
         ecalib = bart(volume * (sampled | block)[..., None], 24, ["ecalib", "-m1", "-r", 24], truth, inside)
         row = {"data": name, "lattice": f"{step_y} x {step_z}" + f", shifted by {shift}" * (shift > 0)}
         for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
             row[key] = error(outcome.image, truth, inside)
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
+        g = g_of_lattice(read_cfl(maps), sampled, (step_y, step_z))
+        row |= {"g, mean": float(g[inside].mean()), "g, 99 %": float(np.percentile(g[inside], 99))}
         print(row, file=sys.stderr)
-        yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image})
+        yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image}, g)
+
+
+def g_of_lattice(maps, sampled, steps):
+    """As `g_factor`, of a lattice of y and z."""
+    import ctessel
+    from ctessel import pipeline
+
+    lattices = pipeline.undersampling(sampled, stated=steps)
+    folded = (1, *(lattice.folded for lattice in lattices))
+    return ctessel.sense_noise(maps, full_size=maps.shape[:3], fold_size=folded, aliases=pipeline.alias_offsets(lattices))[0][0]
 
 
 def g_factor(maps, step):
@@ -334,7 +347,7 @@ def picture(name, shown):
             image = images[program]
             scale = (image[inside] @ truth[inside]) / (image[inside] @ image[inside])
             place.imshow(10 * np.abs(image * scale - truth).T, cmap="gray", vmin=0, vmax=top)
-            place.set_title(f"R = {row['R']}, {row['lines']} lines", fontsize=8)
+            place.set_title(row.get("lattice") or f"R = {row['R']}, {row['lines']} lines", fontsize=8)
     for place, (_, (_, _, _, g)) in zip(axes[-1, 1:], shown):
         place.imshow(g.T, cmap="gray", vmin=0, vmax=3)
         place.set_title(f"g, at most {g.max():.1f}", fontsize=8)
@@ -391,7 +404,9 @@ def main():
             shown = list(undersampled(name, kspace))
             below += [row for row, _ in shown]
             picture(f"{output}/quality-{name}.png", shown)
-            moved += [row for row, _ in shifted(name, kspace)]
+            shown = list(shifted(name, kspace))
+            moved += [row for row, _ in shown]
+            picture(f"{output}/shifted-{name}.png", shown)
             shown = list(defective(name, kspace))
             broken += [row for row, _ in shown]
             defects_picture(f"{output}/coils-{name}.png", [about for _, about in shown])

@@ -44,6 +44,14 @@ def lines(count, step=1, offset=0, calibration=0, first=None, last=None):
     )
 
 
+def shifted(shape, step_y, step_z, shift, offset=(0, 0), block=12):
+    """Mask of every `step_y`-th line of y, in which those of z move on from one to the next; calibration around k = 0."""
+    y, z = (np.arange(n) - n // 2 for n in shape)
+    turn, rest = np.divmod(y - offset[0], step_y)
+    mask = (rest == 0)[:, None] & ((z - offset[1] - shift * turn[:, None]) % step_z == 0)
+    return mask | np.outer(abs(y + 0.5) < block / 2, abs(z + 0.5) < block / 2)
+
+
 def header(shape, oversampling=1, slices=1):
     encoded = (shape[0] * oversampling, *shape[1:])
     depth = FIELD if shape[2] > 1 else 5.0

@@ -9,7 +9,7 @@ import nibabel
 import numpy as np
 import pytest
 from conftest import random_complex
-from scans import lines, scan
+from scans import lines, scan, shifted
 
 from ctessel import cli, pipeline
 
@@ -57,14 +57,6 @@ def test_the_lattice_is_found_outside_of_the_calibration_block(ny, nz, cy, cz):
         assert steps(mask & ((2 * y / ny - 1) ** 2 + (2 * z / nz - 1) ** 2 < 1.05)) == [2, 2]
     mask[:, 2::4] &= np.abs(np.arange(ny) - ny // 2 + 0.5)[:, None] < cy / 2  # holes in the lattice
     assert steps(mask) != [2, 2]
-
-
-def shifted(shape, step_y, step_z, shift, offset=(0, 0), block=12):
-    """Every lines of y, in which those of z move on from one to the next; calibration around k = 0."""
-    y, z = (np.arange(n) - n // 2 for n in shape)
-    turn, rest = np.divmod(y - offset[0], step_y)
-    mask = (rest == 0)[:, None] & ((z - offset[1] - shift * turn[:, None]) % step_z == 0)
-    return mask | np.outer(abs(y + 0.5) < block / 2, abs(z + 0.5) < block / 2)
 
 
 SHIFTED = [

@@ -7,7 +7,7 @@ import nibabel
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import lines, scan
+from scans import lines, scan, shifted
 
 from ctessel import cli, noise, phantom, pipeline, raw
 from ctessel.scan import Scan
@@ -75,6 +75,7 @@ near = np.outer(lines(16, 16, calibration=8), lines(16, 16, calibration=8))
 
 @pytest.mark.parametrize("scanned, options", [
     ({"mask": near | np.outer(lines(16, 2), lines(16, 2))}, {}),
+    ({"mask": shifted((16, 16), 2, 2, 1, (1, 0), block=8)}, {}),
     ({"y": lines(16, 2, calibration=10)}, {"matrix": (15, 18, 20), "ringing": 0.4}),
     ({"y": lines(16, first=-4)}, {"partial": "homodyne", "combine": "sos"}),
     ({"y": lines(16, first=-4)}, {"partial": "pocs"}),
