@@ -231,6 +231,7 @@ def shifted(name, kspace):
             row[key] = error(outcome.image, truth, inside)
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
         g = g_of_lattice(read_cfl(maps), sampled, (step_y, step_z))
+        g = g[tuple(np.ix_(*(np.arange(n) * m // n for n, m in zip(truth.shape, g.shape))))]
         row |= {"g, mean": float(g[inside].mean()), "g, 99 %": float(np.percentile(g[inside], 99))}
         print(row, file=sys.stderr)
         yield row, (truth, inside, {"ctessel": mine.image, "BART, ecalib": ecalib.image}, g)
