@@ -201,11 +201,11 @@ def volumes():
     truth, random = sum_of_squares(clean), np.random.default_rng(0).standard_normal((2, *clean.shape))
     kspace = (clean + NOISE * truth.max() / 2**0.5 * (random[0] + 1j * random[1])).astype(np.complex64)
     inside, near = object_of(truth), np.isin(np.arange(VOLUME), around(VOLUME, 20))
-    for steps in ((2, 1), (2, 2)):
-        sampled, block = np.outer(*(every(VOLUME, step) for step in steps)), np.outer(near, near)
+    for *steps, shift in ((2, 1, 0), (2, 2, 0), (2, 2, 1)):
+        sampled, block = lattice((VOLUME, VOLUME), *steps, shift), np.outer(near, near)
         kept = kspace * (sampled | block)[None, :, :, None]
-        mine, ecalib = ours(kspace, sampled, block, steps=steps), bart(kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside)
-        row = {"data": f"phantom, {VOLUME}^3", "R": "{} x {}".format(*steps)}
+        mine, ecalib = ours(kspace, sampled, block, steps=tuple(steps)), bart(kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside)
+        row = {"data": f"phantom, {VOLUME}^3", "R": "{} x {}".format(*steps) + f", shifted by {shift}" * (shift > 0)}
         for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
             row[key] = error(outcome.image, truth, inside)
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
@@ -214,15 +214,21 @@ def volumes():
         yield row
 
 
+def lattice(extents, step_y, step_z, shift):
+    """Every `step_y`-th line of y, in which those of z move on by `shift` from one to the next."""
+    y, z = (np.arange(n) - n // 2 for n in extents)
+    turn, rest = np.divmod(y, step_y)
+    return (rest == 0)[:, None] & ((z - shift * turn[:, None]) % step_z == 0)
+
+
 def shifted(name, kspace):
     """Rows of the table of shifted lattices, with the images they are about."""
     truth = sum_of_squares(kspace)
     inside, volume = object_of(truth), kspace[:, :, 0][None]
-    y, z = (np.arange(n) - n // 2 for n in volume.shape[1:3])
-    block = np.isin(y, around(0, 24))[:, None] & np.isin(z, around(0, 24))
+    extents = volume.shape[1:3]
+    block = np.outer(*(np.isin(np.arange(n), around(n, 24)) for n in extents))
     for step_y, step_z, shift in LATTICES:
-        columns, rest = np.divmod(y, step_y)
-        sampled = (rest == 0)[:, None] & ((z - shift * columns[:, None]) % step_z == 0)
+        sampled = lattice(extents, step_y, step_z, shift)
         maps = FOLDER / "ours.cfl"
         mine = ours(volume, sampled, block, ["--save-maps", maps], steps=(step_y, step_z))
         ecalib = bart(volume * (sampled | block)[..., None], 24, ["ecalib", "-m1", "-r", 24], truth, inside)

@@ -66,23 +66,26 @@ def facts(found, layout, energy):
 
 def _lines(layout):
     """First and last line, their distance and the block of calibration of each axis, from k = 0."""
-    steps, block, words = _steps(layout), _block(layout), {}
+    found, block, words = _regular(layout), _block(layout), {}
     for axis, name, n in ((0, "y", layout.shape[1]), (1, "z", layout.shape[2])):
         if n == 1:
             continue
         at = np.flatnonzero(layout.sampled.any(1 - axis)) - n // 2
-        kinds = sorted({step[axis] for step in steps})
+        kinds = sorted({one.steps[axis] for one in found})
         step = f"in steps of {' or '.join(map(str, kinds))}" if kinds else "in no regular steps"
+        if any(one.shifts[axis] for one in found):
+            moved = max(one.shifts[axis] for one in found)
+            step += f", shifted by {moved} from one line of {'zy'[axis]} to the next"
         own = np.flatnonzero(block.any(1 - axis)) - n // 2
         calibration = f"; calibration {own[0]} to {own[-1]}" if own.size else ""
         words[name] = f"{at[0]} to {at[-1]} of {-(n // 2)} to {(n - 1) // 2}, {step}{calibration}"
     return words
 
 
-def _steps(layout):
-    """Distances of the lines of each turn, (y, z); none where they are irregular."""
+def _regular(layout):
+    """The regular lines of each turn; none where they are irregular."""
     try:
-        return [turn.regular.steps for turn in turns(layout)]
+        return [turn.regular for turn in turns(layout)]
     except ValueError:
         return []
 
@@ -94,7 +97,7 @@ def _block(layout):
         return layout.flagged
     block = np.zeros(layout.shape[1:3], bool)
     moving = layout.sampled.all()  # lines of different repetitions calibrate each other
-    if layout.calibration is None and not moving and not any(max(steps) == 1 for steps in _steps(layout)):
+    if layout.calibration is None and not moving and not any(max(one.steps) == 1 for one in _regular(layout)):
         block[calibration_block(layout.sampled)] = True
     return block
 

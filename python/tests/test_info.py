@@ -39,6 +39,10 @@ def test_volumes_and_turns_are_drawn(tmp_path, capsys):
     phantom.write(tmp_path / "t.h5", "turns", size=32, coils=4)
     _, drawing = info(capsys, tmp_path / "t.h5")
     assert drawing[:2] == ["#." * 16 + "  2 repetitions", ".#" * 16 + "  2 repetitions"]
+    phantom.write(tmp_path / "c.h5", "3d-caipi", size=32, coils=4)
+    facts, drawing = info(capsys, tmp_path / "c.h5")
+    assert drawing[:2] == ["#..." * 8, "..#." * 8]
+    assert "in steps of 2, shifted by 1 from one line of y to the next" in "".join(facts.values())
 
 
 def test_the_echo_peaks_where_its_energy_is(tmp_path, capsys):
