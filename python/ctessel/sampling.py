@@ -198,23 +198,27 @@ def _shifted(sampled, block, outside, stated):
     """
     if min(sampled.shape) == 1:
         return None
-    y, z = np.nonzero(outside)
-    y, z = y - sampled.shape[0] // 2, z - sampled.shape[1] // 2
-    for number in [prod(stated), *range(2, MOST_SHIFTED + 1)]:
+    y, z = (k - n // 2 for k, n in zip(np.nonzero(outside), sampled.shape))
+    for steps, shift in _forms(prod(stated)):
+        coset = y % steps[0] * steps[1] + (z - y // steps[0] * shift) % steps[1]
+        found = np.bincount(coset)
+        if 2 * found.max() < len(y):
+            continue
+        offsets = divmod(int(found.argmax()), steps[1])
+        points = _points(sampled.shape, steps, offsets, (0, shift))
+        expected = _expected(sampled, block, points, shifted=True)
+        if expected is not None:
+            steps, shifts = _form(steps, shift, stated)
+            return Regular(steps, offsets, expected, shifts)
+    return None
+
+
+def _forms(stated):
+    """Steps and shifts along z of all shifted lattices, those with the stated reduction first."""
+    for number in sorted(range(2, MOST_SHIFTED + 1), key=lambda n: n != stated):
         for step in (n for n in range(1, number + 1) if number % n == 0):
             for shift in range(1, number // step):
-                steps = step, number // step
-                coset = y % step * steps[1] + (z - y // step * shift) % steps[1]
-                found = np.bincount(coset)
-                if 2 * found.max() < len(y):
-                    continue
-                offsets = divmod(int(found.argmax()), steps[1])
-                points = _points(sampled.shape, steps, offsets, (0, shift))
-                expected = _expected(sampled, block, points, shifted=True)
-                if expected is not None:
-                    steps, shifts = _form(steps, shift, stated)
-                    return Regular(steps, offsets, expected, shifts)
-    return None
+                yield (step, number // step), shift
 
 
 def _form(steps, shift, stated):
