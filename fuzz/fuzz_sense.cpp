@@ -272,9 +272,11 @@ void sense_recon(Input& input) {
   }
   const Floats before(count(call.out), static_cast<float>(kUntouched));
   Guarded<float> re(before), im(before);
-  // Rows that are longer or shorter than the image's are the caller's fault: threads would then meet
-  // at the same pixels.
-  if (call.full[0] != call.fold[0]) omp_set_num_threads(1);
+  // Rows that are longer or shorter than the image's are the caller's fault, and so are volumes that lie
+  // closer together than their pixels need: threads would then meet at the same pixels.
+  const auto depth = static_cast<std::ptrdiff_t>(std::min<std::size_t>(call.out.size(), 3));
+  const bool apart = std::equal(call.out.begin(), call.out.begin() + depth, call.full.begin());
+  if (call.full[0] != call.fold[0] || !apart) omp_set_num_threads(1);
   const int status = call(parts, re.data(), im.data());
   require(re.intact() && im.intact(), "guard zones of the output");
   require(status == 1 || status == -1, "status");
