@@ -187,8 +187,10 @@ end
 %! ctessel_sense(ones(12, 12, 1, 6), maps .* (1:24 < 20));
 %!test % real values
 %! real_maps = abs(maps);
+%! lastwarn('')
 %! image = ctessel_sense(fold(real_maps .* abs(object), 12), real_maps);
 %! assert(image, single(abs(object)), 1e-2)
+%! assert(lastwarn(), '')
 %!function n = bytes(field)   % of this process
 %!  n = 1024 * str2double(regexp(fileread('/proc/self/status'), [field ':\s*(\d+)'], 'tokens'){1}{1});
 %!endfunction
