@@ -5,7 +5,7 @@
 #
 #   ./test.sh --all   also the unoptimised build with every assertion, the thread sanitizer, fuzzing
 #                     for a fixed number of runs, the 32-bit programs under Valgrind, and
-#                     the documentation site, and where npm is pages in a browser
+#                     the documentation site, the Debian package, and where npm is pages in a browser
 set -uo pipefail
 
 cd "$(dirname "$0")" || exit 1
@@ -80,13 +80,15 @@ echo "== python"
 if $all; then
   CTESSEL_NPM=$(tools/npm_packages.sh)
   export CTESSEL_NPM
-  if docs/build.sh >"$log" 2>&1; then
-    passed=$((passed + 1))
-  else
-    tail -n 30 "$log"
-    echo 'failed: the documentation site'
-    failed=$((failed + 1))
-  fi
+  for made in docs/build.sh tools/python_deb.sh; do
+    if $made >"$log" 2>&1; then
+      passed=$((passed + 1))
+    else
+      tail -n 30 "$log"
+      echo "failed: $made"
+      failed=$((failed + 1))
+    fi
+  done
 fi
 if python/test.sh >"$log" 2>&1; then
   grep '^SKIPPED' "$log"

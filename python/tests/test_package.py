@@ -1,0 +1,59 @@
+"""What the Debian package brings beside the Python package: a manual page, a completion, and nothing that stays."""
+
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from ctessel import cli
+
+CHECKOUT = Path(__file__).resolve().parents[2]
+
+
+def made(kind):
+    script = CHECKOUT / "tools" / "command_files.py"
+    return subprocess.run([sys.executable, script, kind], capture_output=True, text=True, check=True).stdout
+
+
+def test_the_manual_page_has_what_the_help_has(tmp_path):
+    (page := tmp_path / "ctessel.1").write_text(made("man"))
+    if not shutil.which("groff"):
+        pytest.skip("needs groff")
+    shown = subprocess.run(["groff", "-man", "-Tascii", "-ww", "-P-cbou", page], capture_output=True, text=True)
+    assert (shown.returncode, shown.stderr) == (0, "")
+    words = set(re.findall(r"--[a-z][a-z-]*", shown.stdout.replace("-\n", "-")))
+    for name, each in cli._parser()._subparsers._group_actions[0].choices.items():
+        assert f"ctessel {name}" in shown.stdout
+        options = {s for a in each._actions for s in a.option_strings if s.startswith("--")} - {"--help"}
+        assert options <= words, name
+    assert "cancelled with Ctrl-C" in shown.stdout and "echoes" in shown.stdout
+
+
+@pytest.mark.parametrize("typed, wanted", [("re", "recon"), ("phantom obl", "oblique"), ("recon --rep", "--report")])
+def test_the_shell_completes(typed, wanted, tmp_path):
+    (script := tmp_path / "completion").write_text(made("bash"))
+    words = ["ctessel", *typed.split()]
+    ask = f'. "{script}"; COMP_WORDS=({" ".join(words)}); COMP_CWORD={len(words) - 1}; _ctessel; echo "${{COMPREPLY[@]}}"'
+    assert subprocess.run(["bash", "-c", ask], capture_output=True, text=True).stdout.split() == [wanted]
+
+
+def test_the_package_is_whole():
+    package = next(iter((CHECKOUT / "build" / "python").glob("ctessel_*.deb")), None)
+    if package is None or not shutil.which("dpkg-deb"):
+        pytest.skip("needs the package, which tools/python_deb.sh makes")
+    files = subprocess.run(["dpkg-deb", "-c", package], capture_output=True, text=True, check=True).stdout
+    for name in ("bin/ctessel", "share/man/man1/ctessel.1.gz", "share/bash-completion/completions/ctessel",
+                 "share/doc/ctessel/copyright", "dist-packages/ctessel/_raw.cpython"):  # fmt: skip
+        assert f"./usr/{name}" in files or name in files, name
+    assert "__pycache__" not in files
+    control = subprocess.run(["dpkg-deb", "-I", package, "control"], capture_output=True, text=True, check=True).stdout
+    maintainer = re.search(r'CPACK_PACKAGE_CONTACT "(.*)"', (CHECKOUT / "cmake" / "Package.cmake").read_text())[1]
+    assert f"Maintainer: {maintainer}\n" in control
+    for needed in ("scipy", "nibabel", "h5py", "tqdm"):
+        assert re.search(rf"^Depends: .*python3-{needed}", control, re.MULTILINE)
+    if shutil.which("lintian"):
+        said = subprocess.run(["lintian", "--allow-root", "--fail-on", "error,warning", package], capture_output=True, text=True)
+        assert said.returncode == 0, said.stdout
