@@ -4,7 +4,8 @@ A block is some repetitions of one slice. What it is made of comes from a source
 `frames` and `separate` as `ctessel.scan.Scan` has them. Nothing is decided here.
 """
 
-from dataclasses import dataclass, field, replace
+import dataclasses
+from dataclasses import dataclass, replace
 from functools import partial
 from itertools import groupby
 from math import prod
@@ -64,7 +65,7 @@ class Result:
     parameters: dict
     field: tuple[float, float, float]
     selection: tuple[str, int, int] | None = None
-    warnings: list[str] = field(default_factory=list)
+    warnings: list[str] = dataclasses.field(default_factory=list)
     maps: np.ndarray | None = None
 
 

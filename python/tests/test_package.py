@@ -40,6 +40,15 @@ def test_the_shell_completes(typed, wanted, tmp_path):
     assert subprocess.run(["bash", "-c", ask], capture_output=True, text=True).stdout.split() == [wanted]
 
 
+def test_a_name_goes_only_with_a_line_in_the_changelog(monkeypatch):
+    monkeypatch.syspath_prepend(CHECKOUT / "tools")
+    import interface
+
+    released = ["option recon --preview", "python ctessel.sos", "c++ ctessel::Samples"]
+    assert interface.gone(released, set(), "- `recon --preview` is gone, and `Samples`.") == ["python ctessel.sos"]
+    assert interface.main(["--check"]) == 0
+
+
 def test_the_package_is_whole():
     package = next(iter((CHECKOUT / "build" / "python").glob("ctessel_*.deb")), None)
     if package is None or not shutil.which("dpkg-deb"):
