@@ -22,7 +22,9 @@ CROP = 0.8
 #: Kernel of the maps of slices. A larger one takes up to twice the time; errors of measured heads stay
 #: within half a percent.
 KERNEL = 5
-#: That of the planes of volumes: nothing is lost with calibration lines along two axes.
+#: Extent of an axis from which on maps of slices are found at every other voxel, linear between.
+COARSE = 96
+#: Kernel of the planes of volumes: nothing is lost with calibration lines along two axes.
 PLANE_KERNEL = 4
 #: Strength of the window over calibration lines against ringing.
 WINDOW = 0.9
@@ -198,9 +200,7 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
     if calibration.shape[2] == 1:
         across = min(len(calibration), max(calibration.shape[1], WINDOW_LINES))
         lines = np.asfortranarray(calibration[central(len(calibration), across)])
-        maps, values = espirit(
-            lines, size=size, kernel=KERNEL, crop=0, eigenvalue=True, threads=threads
-        )
+        maps, values = _slice_maps(lines, size, threads)
     else:
         maps, values = _planes(calibration, size, threads)
     bright = np.abs(combined)
@@ -208,6 +208,30 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
     outside = ((values <= CROP) | (bright < mask / 5 * bright.max())) & ~object_mask(bright, mask)
     maps[outside] = 0
     return maps, combined
+
+
+def _slice_maps(lines, size, threads):
+    """Maps and eigenvalues of a slice."""
+    coarse = [n if n < COARSE else -(-n // 2) for n in size]
+    made = espirit(lines, size=coarse, kernel=KERNEL, crop=0, eigenvalue=True, threads=threads)
+    for axis, n in enumerate(size):
+        made = tuple(_finer(a, n, axis) for a in made)
+    maps, values = made
+    if coarse != list(size):
+        length = np.sqrt((maps.real**2 + maps.imag**2).sum(3, keepdims=True))
+        np.divide(maps, length, out=maps, where=length > 0)
+    return maps, values
+
+
+def _finer(a, n, axis):
+    """Values at `n` places of an axis, between those of a coarser grid over the same periodic field."""
+    m = a.shape[axis]
+    if m == n:
+        return a
+    places = (np.arange(n) - n // 2) * (m / n) + m // 2
+    first = np.floor(places).astype(int)
+    share = (places - first).astype(np.float32).reshape([-1 if d == axis else 1 for d in range(a.ndim)])
+    return (1 - share) * a.take(first % m, axis) + share * a.take((first + 1) % m, axis)
 
 
 def _planes(calibration, size, threads):

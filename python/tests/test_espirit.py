@@ -107,3 +107,17 @@ def test_the_residual_of_a_calibration_shows_what_maps_do_not_explain():
     residual, sums = pipeline.calibration_residual(maps, images)
     np.testing.assert_allclose(residual[:, 0, 0], [0, 0, 1, 0], atol=1e-6)
     np.testing.assert_allclose(sums[2], 3, rtol=1e-6)
+
+
+@pytest.mark.parametrize("shape", [(96, 97, 1), (40, 129, 1)])
+def test_maps_of_large_slices_are_those_of_every_voxel(shape):
+    """They are found at every other one, along axes that are long enough."""
+    _, whole = scan(shape, 4, noise=0.001)
+    near = np.asfortranarray(whole.kspace[shape[0] // 2 - 12 : shape[0] // 2 + 12, shape[1] // 2 - 12 : shape[1] // 2 + 12, :, :, 0, 0, 0])
+    maps, combined = pipeline.eigen_maps(near, shape)
+    want = ctessel.espirit(near, size=shape, kernel=5, crop=0)
+    bright = np.abs(combined) > 0.3 * np.abs(combined).max()
+    along = np.abs((maps * want.conj()).sum(3)[bright])
+    assert np.median(along) > 0.99999 and np.percentile(along, 1) > 0.999  # the same direction
+    assert np.percentile(np.abs(maps - want)[bright], 99) < 0.02  # and phase
+    np.testing.assert_allclose(np.linalg.norm(maps, axis=3)[bright], 1, rtol=1e-5)
