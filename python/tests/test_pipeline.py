@@ -202,8 +202,8 @@ def test_sense_with_known_maps_is_the_phantom(shape, y, z):
     np.testing.assert_allclose(image, phantom(shape), atol=2e-4)
 
 
-def narrow_scan(ratio, shape=(48, 48, 1), count=8):
-    """Encoded field narrower than the object by `ratio`, and a calibration scan of the whole."""
+def narrow_scan(ratio, shape=(48, 48, 1), count=8, beyond=0):
+    """Encoded field narrower than the object by `ratio`; a calibration scan of the whole, `beyond` pixels wider."""
     truth, full = scan(shape, count)
     n = int(shape[1] / ratio)
     image = pipeline.to_image(full.kspace[..., 0, 0, 0])
@@ -216,14 +216,18 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8):
         encoded_fov=(FIELD, FIELD / ratio, 5.0),
         limits={**full.layout.header.limits, "y": Limit(0, n - 1, n // 2)},
     )
-    lowres = full.kspace[:, shape[1] // 2 - 14 : shape[1] // 2 + 14]
+    wide = shape[1] + 2 * beyond
+    apart = pipeline.to_kspace(np.pad(image, [(0, 0), (beyond, beyond), (0, 0), (0, 0)]))
+    lowres = apart[:, wide // 2 - 14 : wide // 2 + 14][..., None, None, None]
+    narrowed = replace(narrowed, calibration_fov=(FIELD, FIELD * wide / shape[1], 5.0))
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
     narrow = Scan.of(kspace[..., None, None, None], narrowed, calibration=lowres)
     return truth, narrow
 
 
 @pytest.mark.parametrize(
-    "kind, bound", [(2, 0.02), (3, 0.04), (Fraction(3, 2), 0.02), ("moving", 0.02), ("3-D", 0.06)]
+    "kind, bound",
+    [(2, 0.02), (3, 0.04), (Fraction(3, 2), 0.02), ("moving", 0.02), ("3-D", 0.06), ("wide calibration", 0.02)],
 )
 def test_undersampled_scans(kind, bound):
     """The bound is that of maps from 24 to 28 lines; the phantom's edges are sharp."""
@@ -235,8 +239,8 @@ def test_undersampled_scans(kind, bound):
         measured = np.stack([lines(48, 2, r % 2) for r in range(4)], -1)
         under = known(under, lines=measured[:, None, None, None, :])
         under.kspace *= measured[None, :, None, None, None, None, :]
-    elif isinstance(kind, Fraction):
-        truth, under = narrow_scan(kind)
+    elif isinstance(kind, Fraction) or kind == "wide calibration":
+        truth, under = narrow_scan(2, beyond=6) if kind == "wide calibration" else narrow_scan(kind)
     else:
         n = 46 + kind  # 49 lines are no multiple of 3
         truth, under = scan((48, n, 1), 8, lines(n, kind, 1, 24), slices=2, oversampling=2)
