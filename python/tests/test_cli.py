@@ -58,7 +58,7 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     "axis, cuts, scale",
     [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1), ("echo", [0, 1, 3], 0)],
 )
-def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale):
+def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, capsys, axis, cuts, scale):
     if axis == "echo":
         phantom.write(scan := tmp_path / "echoes.h5", "echoes", size=16, coils=2)
     whole = recon(scan, tmp_path / "whole.nii.gz", "--regularise", scale)
@@ -75,6 +75,10 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, axis, cuts, scale
     assert times[0] == times[1] and last == (times[0][1:] if axis == "echo" else times[0])
     assert cli.main(["merge", parts[0], parts[0], "-o", str(tmp_path / "twice.nii")]) == cli.DEFECT
     assert not (tmp_path / "twice.nii").exists()
+    last = nibabel.load(parts[0])
+    nibabel.save(nibabel.Nifti1Image(last.get_fdata(), last.affine + [[0, 0, 0, 1], *[[0] * 4] * 3]), parts[0])
+    assert cli.main(["merge", *parts, "-o", str(tmp_path / "moved.nii")]) == cli.DEFECT
+    assert f"{parts[0]}: does not lie where {parts[-1]} ends" in capsys.readouterr().err
 
 
 @pytest.mark.parametrize("axis, field", [("repetition", "repetition"), ("echo", "contrast")])

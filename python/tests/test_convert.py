@@ -151,6 +151,15 @@ def test_series_repetitions_and_complex_images(tmp_path, capsys):
     assert convert(tmp_path / "i.h5", tmp_path / "o.nii", "--group", "dataset/other") == 0
     assert "do not tell the images apart" in capsys.readouterr().out
     assert nibabel.load(tmp_path / "o.nii").shape == (8, 6, 1, 2)
+    with h5py.File(tmp_path / "i.h5", "a") as file:
+        del file["dataset/other"], file["dataset/image_0/data"]
+        data = file.create_dataset("dataset/image_0/data", data=pixels, chunks=pixels.shape, compression="gzip")
+        at = data.id.get_chunk_info(0).byte_offset
+    with open(tmp_path / "i.h5", "r+b") as file:
+        file.seek(at)
+        file.write(bytes(20))
+    assert convert(tmp_path / "i.h5", tmp_path / "o.nii") == 1
+    assert "i.h5: its images cannot be read (" in capsys.readouterr().err
 
 
 def test_images_of_foreign_tools(tmp_path):
