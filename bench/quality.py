@@ -333,6 +333,25 @@ def noise_volumes(name, kspace):
     return row, (image, sd, volumes[..., 0], spread)
 
 
+MOVES = [("none", 4, 0.0), ("1 voxel from line +4", 4, 1.0), ("2 voxels from line +4", 4, 2.0), ("2 voxels from line +14", 14, 2.0)]
+
+
+def moved(name, kspace):
+    """Rows of the table of an object that moves along the readout before a line is measured, R = 2."""
+    truth, n = sum_of_squares(kspace), kspace.shape[1]
+    inside, x = object_of(truth), np.arange(len(kspace)) - len(kspace) // 2
+    for what, line, voxels in MOVES:
+        broken = kspace.copy()
+        turn = np.exp(-2j * np.pi * x * voxels / len(x)).astype(np.complex64)
+        broken[:, n // 2 + line :] *= turn[:, None, None, None]
+        image = ours(broken, every(n, 2), around(n, 32)).image
+        told = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
+        lines = [f"{line:+d} ({times:.2g})" for each in told for line, times in zip(each["Lines"], each["Misfit"])]
+        row = {"data": name, "motion": what, "error": error(image, truth, inside), "told": ", ".join(lines) or "nothing"}
+        print(row, file=sys.stderr)
+        yield row, (truth, inside, {"moved": image}, what)
+
+
 # ---- The report ----
 
 
@@ -404,7 +423,7 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, moved, missing, broken, noisy, solid = [], [], [], [], [], list(volumes())
+    below, shifts, missing, broken, noisy, moves, solid = [], [], [], [], [], [], list(volumes())
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
@@ -412,7 +431,7 @@ def main():
             below += [row for row, _ in shown]
             picture(f"{output}/quality-{name}.png", shown)
             shown = list(shifted(name, kspace))
-            moved += [row for row, _ in shown]
+            shifts += [row for row, _ in shown]
             picture(f"{output}/shifted-{name}.png", shown)
             shown = list(defective(name, kspace))
             broken += [row for row, _ in shown]
@@ -420,14 +439,18 @@ def main():
             row, about = noise_volumes(name, kspace)
             noisy.append(row)
             noise_picture(f"{output}/noise_images-{name}.png", about)
+            shown = list(moved(name, kspace))
+            moves += [row for row, _ in shown]
+            defects_picture(f"{output}/motion-{name}.png", [about for _, about in shown])
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "volumes": solid, "shifted": moved, "partial": missing,
-                   "defective": broken, "noise": noisy}, file, indent=1)
+        json.dump({"undersampled": below, "volumes": solid, "shifted": shifts, "partial": missing,
+                   "defective": broken, "noise": noisy, "motion": moves}, file, indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
-                "## Volumes", table(solid), "## Shifted lattices", table(moved) if moved else "None.",
+                "## Volumes", table(solid), "## Shifted lattices", table(shifts) if shifts else "None.",
                 "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None.",
-                "## Volumes of noise", table(noisy) if noisy else "None."]
+                "## Volumes of noise", table(noisy) if noisy else "None.",
+                "## Motion", table(moves) if moves else "None."]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 
 

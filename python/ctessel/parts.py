@@ -82,6 +82,9 @@ def merge(results, gaps=False):
     )
     if missing:
         merged.parameters = merged.parameters | {"skipped": [(axis, number) for number in missing]}
+    odd = [told for result in results for told in result.parameters.get("inconsistent", [])]
+    if odd:
+        merged.parameters = merged.parameters | {"inconsistent": odd}
     for name in {"prediction", "residual", "condition", "response"} & set(merged.parameters):
         if axis == "slice":  # one a slice
             figures = [figure for result in results for figure in result.parameters[name]]

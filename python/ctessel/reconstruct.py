@@ -12,7 +12,7 @@ from math import prod
 
 import numpy as np
 
-from . import conditioning, homodyne, runtime, slabs
+from . import conditioning, consistency, homodyne, runtime, slabs
 from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
 from .conditioning import Conditioning
@@ -92,7 +92,7 @@ class Basis:
     error of that on lines that were hidden; what of the calibration the sensitivities do not explain,
     as sums for each x; how well the coils tell aliases apart; the phase of the data that is held fixed
     (that of POCS, or the low-resolution image of homodyne); the standard deviation of the image where
-    that is its unit."""
+    that is its unit; how far lines of the block that was unfolded last are off its image, of slices."""
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
@@ -104,6 +104,7 @@ class Basis:
     conditioning: Conditioning | None = None
     phase: np.ndarray | None = None
     sd: np.ndarray | None = None
+    misfit: np.ndarray | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -157,7 +158,7 @@ class _Gathered:
     """The image of a plan, and what else comes of its blocks, which are added in any order."""
 
     def __init__(self, plan):
-        self.plan, self.figures, self.maps, self.done = plan, _Figures(), None, 0
+        self.plan, self.figures, self.maps, self.done = plan, _Figures(plan), None, 0
         self.image = np.zeros(plan.image_shape, plan.image_type, order="F")
 
     def add(self, block, made):
@@ -183,7 +184,11 @@ class _Gathered:
             plan.parameters | figures,
             plan.field,
             plan.selection,
-            [*plan.warnings, *conditioning.warnings(figures, plan.reduction)],
+            [
+                *plan.warnings,
+                *conditioning.warnings(figures, plan.reduction),
+                *consistency.warnings(figures.get("inconsistent", [])),
+            ],
             self.maps,
         )
 
@@ -191,11 +196,15 @@ class _Gathered:
 class _Figures:
     """Numbers that say how good a slice is, one for each slice and pattern."""
 
-    def __init__(self):
-        self.found = {}
+    def __init__(self, plan):
+        self.found, self.odd, self.plan = {}, {}, plan
 
     def add(self, block, made):
         at = block.slice, block.pattern
+        for repetition, energies in zip(block.repetitions.tolist(), made.get("misfit", np.zeros((0, 0))).T):
+            told = consistency.odd(energies, self.plan.patterns[block.pattern].lattices[0])
+            if told:
+                self.odd[block.slice, repetition] = told
         if "prediction" in made:
             figure = float(made["prediction"][0])
             self._keep("prediction", at, figure if np.isfinite(figure) else None)
@@ -209,7 +218,10 @@ class _Figures:
         self.found.setdefault(name, {})[at] = figure
 
     def entries(self):
-        return {name: [found[at] for at in sorted(found)] for name, found in self.found.items()}
+        made = {name: [found[at] for at in sorted(found)] for name, found in self.found.items()}
+        slices = self.plan.slices or range(self.plan.shape[4])
+        odd = [consistency.entry(slices[index], r, self.odd[index, r]) for index, r in sorted(self.odd)]
+        return {**made, "inconsistent": odd} if odd else made
 
 
 def blocks(plan):
@@ -422,7 +434,8 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
         "image": complex64 or float32, ``(x, y, z, echo, repetition)``. "prediction",
         ``(repetition,)``, where it was decided from the data how missing lines are filled: what
         `ctessel.pipeline.prediction_error` says of the slice. "residual", ``(x, 2)``: the sums of
-        `ctessel.pipeline.calibration_residual`, of slices that are unfolded. "maps", their
+        `ctessel.pipeline.calibration_residual`, of slices that are unfolded. "misfit",
+        ``(line, repetition)``: what `ctessel.consistency.misfit` says of their lines. "maps", their
         sensitivities, where they are kept.
     """
     pattern = plan.patterns[block.pattern]
@@ -432,6 +445,9 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     made = {"image": _placed(plan, block, image), **_beside(plan, basis), **_conditioned(basis.conditioning)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
+    # Where aliases cannot be told apart, which is told, all lines fit badly.
+    if basis.misfit is not None and basis.conditioning.condition <= conditioning.MOST:
+        made["misfit"] = basis.misfit
     return made
 
 
@@ -523,6 +539,8 @@ def _unfolded(plan, pattern, basis, lines):
     if pattern.keeps_lines:
         measured = resize(lines, (len(lines), *pattern.full[1:]), threads)
         there = _there(pattern, measured)
+        if pattern.full[2] == 1:
+            basis.misfit = consistency.misfit(coils, measured, there)
         for centred, first in moved(pattern.full, (1, 2)):
             np.copyto(coils[first], measured[centred], where=there[(slice(None), *centred[1:])])
     return coils

@@ -217,6 +217,24 @@ def _figures(made, parameters):
         if figures:
             rows = {str(i): "unknown" if f is None else f"{f:.3g}" for i, f in enumerate(figures)}
             made.section(title, f"<p>{page.escaped(words)}</p>", page.table(rows))
+    _inconsistent(made, parameters.get("inconsistent", []))
+
+
+def _inconsistent(made, entries):
+    if not entries:
+        return
+    words = (
+        "Lines, counted from k = 0, that one image of all coils explains worse than the lines beside them, and "
+        "their error over that of those. Motion while they were measured, spikes and lost lines do that; the "
+        "image has them as they were measured."
+    )
+    rows = {
+        f"slice {told['Slice']}, repetition {told['Repetition']}": ", ".join(
+            f"{line:+d} ({times:.2g})" for line, times in zip(told["Lines"], told["Misfit"])
+        )
+        for told in entries
+    }
+    made.section("Lines that do not fit", f"<p>{page.escaped(words)}</p>", page.table(rows))
 
 
 # ---- Texts ---------------------------------------------------------------------------------------
