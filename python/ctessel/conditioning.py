@@ -32,6 +32,12 @@ class Conditioning:
         """What makes up for the regularisation."""
         return np.float32(1 / self.response if 0 < self.response < KEPT else 1)
 
+    @property
+    def explains(self):
+        """Whether the unfolded image explains the lines: aliases can be told apart, and regularisation
+        leaves the level."""
+        return self.condition <= MOST and self.response >= LEAST
+
 
 def planes(extent):
     """Planes that are looked at, spread over the extent of the readout."""

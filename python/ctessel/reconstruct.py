@@ -446,7 +446,7 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     # Where aliases cannot be told apart, which is told, all lines fit badly.
-    if basis.misfit is not None and basis.conditioning.condition <= conditioning.MOST:
+    if basis.misfit is not None and basis.conditioning.explains:
         made["misfit"] = basis.misfit
     return made
 
