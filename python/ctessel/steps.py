@@ -19,9 +19,11 @@ from .sampling import alias_offsets, fold_lines, shifted_axis, shifts
 WINDOW_LINES = 24
 #: Eigenvalue of a voxel from which on it is inside of the object.
 CROP = 0.8
-#: Kernel of the maps of slices. A larger one takes up to twice the time; errors of measured heads stay
-#: within half a percent.
+#: Kernel of the maps of large slices. A larger one takes up to twice the time; errors of measured heads
+#: stay within half a percent.
 KERNEL = 5
+#: That of smaller slices, which take little time: a phantom of 64 x 64, R = 3, is 3.1 % off with 5, 2.6 % with 6.
+SMALL_KERNEL = 6
 #: Extent of an axis from which on maps of slices are found at every other voxel, linear between.
 COARSE = 96
 #: Kernel of the planes of volumes: nothing is lost with calibration lines along two axes.
@@ -213,7 +215,8 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
 def _slice_maps(lines, size, threads):
     """Maps and eigenvalues of a slice."""
     coarse = [n if n < COARSE else -(-n // 2) for n in size]
-    made = espirit(lines, size=coarse, kernel=KERNEL, crop=0, eigenvalue=True, threads=threads)
+    kernel = SMALL_KERNEL if coarse == list(size) else KERNEL
+    made = espirit(lines, size=coarse, kernel=kernel, crop=0, eigenvalue=True, threads=threads)
     for axis, n in enumerate(size):
         made = tuple(_finer(a, n, axis) for a in made)
     maps, values = made
