@@ -82,4 +82,8 @@ chmod -R u+rwX,go+rX,go-w "$root"
 find "$root/usr" -type f -exec chmod 644 {} +
 chmod 755 "$root/usr/bin/ctessel"
 dpkg-deb --root-owner-group --build "$root" build/python >/dev/null
-echo "build/python/ctessel_${version}-1_$architecture.deb"
+package=build/python/ctessel_${version}-1_$architecture.deb
+if command -v lintian >/dev/null; then
+  lintian --allow-root --fail-on error,warning "$package" >&2
+fi
+echo "$package"
