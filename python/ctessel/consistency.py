@@ -40,10 +40,11 @@ def misfit(unfolded, measured, there):
     """
     n = measured.shape[1]
     at = lines(n)
-    own = measured[:, :, 0, :, 0][:, at + n // 2]
-    off, energy = (
-        (np.abs(each) ** 2).sum((0, 2), dtype=np.float64) for each in (unfolded[:, :, 0, :, 0][:, at % n] - own, own)
-    )
+    off, energy = np.zeros((2, at.size, measured.shape[5]))
+    for coil in range(measured.shape[3]):  # which needs little memory
+        own = measured[:, :, 0, coil, 0][:, at + n // 2]
+        off += (np.abs(unfolded[:, :, 0, coil, 0][:, at % n] - own) ** 2).sum(0, dtype=np.float64)
+        energy += (np.abs(own) ** 2).sum(0, dtype=np.float64)
     share = off / np.maximum(energy.sum(0), np.finfo(np.float64).tiny)
     return np.where(there[0, :, 0, 0, 0][at + n // 2], share, np.nan)
 
