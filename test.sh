@@ -34,6 +34,17 @@ count() {  # adds up ctest's log
   skipped=$((skipped + none))
 }
 
+check() {  # check NAME COMMAND...: counts it; of a failed one its last words are shown
+  if "${@:2}" >"$log" 2>&1; then
+    echo "passed: $1"
+    passed=$((passed + 1))
+  else
+    tail -n 30 "$log"
+    echo "failed: $1"
+    failed=$((failed + 1))
+  fi
+}
+
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 for preset in "${presets[@]}"; do
@@ -65,14 +76,7 @@ if $all; then
   for program in "tests/module_host $mex32/gateway/homodyne.mexglx" tests/test_homodyne \
     "fuzz/random_gateway 500" tests/test_concurrency tests/test_spherical_harmonics; do
     # shellcheck disable=SC2086  # the arguments are words of their own
-    if tools/valgrind32.sh $mex32/$program >"$log" 2>&1; then
-      echo "passed: ${program%% *}"
-      passed=$((passed + 1))
-    else
-      tail -n 30 "$log"
-      echo "failed: ${program%% *}"
-      failed=$((failed + 1))
-    fi
+    check "${program%% *}" tools/valgrind32.sh $mex32/$program
   done
 fi
 
@@ -81,13 +85,7 @@ if $all; then
   CTESSEL_NPM=$(tools/npm_packages.sh)
   export CTESSEL_NPM
   for made in docs/build.sh tools/python_deb.sh; do
-    if $made >"$log" 2>&1; then
-      passed=$((passed + 1))
-    else
-      tail -n 30 "$log"
-      echo "failed: $made"
-      failed=$((failed + 1))
-    fi
+    check "$made" "$made"
   done
 fi
 if python/test.sh >"$log" 2>&1; then

@@ -133,9 +133,9 @@ def _of_volume(plan, block, source, plane):
     pattern = plan.patterns[block.pattern]
     if not pattern.weighted:
         return None, None
-    calibration = reconstruct._slice_calibration(plan, block, source)
+    calibration = reconstruct.slice_calibration(plan, block, source)
     plain = replace(plan, options=replace(plan.options, regularisation=0.0))
-    made, _ = reconstruct._volume_sensitivities(plain, block, source, calibration)
+    made, _ = reconstruct.volume_sensitivities(plain, block, source, calibration)
     parts = [made.part(x).maps(plan, pattern)[0] for x in slabs.edges(plan, pattern, len(made.lines))]
     middle = parts[0].shape[2] // 2
     return np.concatenate([np.abs(part[:, :, middle, :MOST_COILS]) for part in parts]), None

@@ -157,8 +157,8 @@ def _of_slice(plan, block, source, names, replicas, seed):
 def _of_volume(plan, block, source, names, replicas, seed):
     """As `_of_slice`, of a volume that is worked on in slabs."""
     pattern = plan.patterns[block.pattern]
-    calibration = reconstruct._slice_calibration(plan, block, source)
-    sensitivities, levels = reconstruct._volume_sensitivities(plan, block, source, calibration)
+    calibration = reconstruct.slice_calibration(plan, block, source)
+    sensitivities, levels = reconstruct.volume_sensitivities(plan, block, source, calibration)
     parts = []
     for x in slabs.edges(plan, pattern, plan.readout) if pattern.weighted else ():
         part = sensitivities.part(x)

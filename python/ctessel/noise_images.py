@@ -24,7 +24,7 @@ def check(plan):
         raise ValueError(
             "volumes of noise need the raw data's noise scan, with enough samples; leave --noise-images out"
         )
-    if plan.in_slabs and any(reconstruct._removes_phase(plan, pattern) for pattern in plan.patterns):
+    if plan.in_slabs and any(reconstruct.removes_phase(plan, pattern) for pattern in plan.patterns):
         raise ValueError(
             "volumes of noise of 3-D scans hold for zero filling and POCS; choose --partial pocs or zero, or "
             "leave --noise-images out"
@@ -103,9 +103,9 @@ def _of_lines(plan, block, source, frame):
     def operator(samples):
         return reconstruct.reconstruct_block(plan, block, basis, samples)["image"]
 
-    if not (basis.fills or reconstruct._removes_phase(plan, pattern)):
+    if not (basis.fills or reconstruct.removes_phase(plan, pattern)):
         return operator
-    basis.phase = reconstruct._phase(plan, pattern, basis, reconstruct._complete(plan, pattern, basis, frame))
+    basis.phase = reconstruct.held_phase(plan, pattern, basis, reconstruct.complete_lines(plan, pattern, basis, frame))
     image = operator(frame)  # beside an image alone all is linear
     return lambda samples: operator(np.asfortranarray(frame + samples)) - image
 
@@ -113,12 +113,12 @@ def _of_lines(plan, block, source, frame):
 def _of_volumes(plan, block, source, frame):
     """The same where volumes are worked on in slabs."""
     pattern = plan.patterns[block.pattern]
-    shared = reconstruct._volume_basis(plan, block, source, reconstruct._slice_calibration(plan, block, source))
+    shared = reconstruct.volume_basis(plan, block, source, reconstruct.slice_calibration(plan, block, source))
     every = replace(plan, choice=None)  # the noise has the coils that are used, no others
 
     def operator(samples):
         lines = slabs.transformed(every, pattern, samples, True)
-        return reconstruct._volume(plan, block, lines, *shared, None)["image"]
+        return reconstruct.volume_image(plan, block, lines, *shared, None)["image"]
 
     return operator
 

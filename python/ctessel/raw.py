@@ -229,7 +229,7 @@ def _open_any(path, group, given):
     if given.format not in (None, "ismrmrd"):
         return formats.opened(path, given)
     try:
-        reader = _open(path, group)
+        reader = open_reader(path, group)
     except RawError as error:
         try:
             other = formats.opened(path, given)
@@ -358,7 +358,7 @@ def binding(path):
     return _raw
 
 
-def _open(path, group):
+def open_reader(path, group):
     _raw = binding(path)
     _check_file(path)
     try:

@@ -283,10 +283,10 @@ def single(plan, block, source, shared=None):
         if ready is not None:
             return reconstruct_block(plan, block, *shared, plan.coils_of(ready), transformed=True), shared
         return reconstruct_block(plan, block, *shared, lines(plan, block, source)), shared
-    shared = shared or _volume_basis(plan, block, source, _slice_calibration(plan, block, source))
+    shared = shared or volume_basis(plan, block, source, slice_calibration(plan, block, source))
     frames = source.frames(block.slice, block.along())
     volume = slabs.transformed(plan, plan.patterns[block.pattern], frames, source.disposable)
-    return _volume(plan, block, volume, *shared, None), shared
+    return volume_image(plan, block, volume, *shared, None), shared
 
 
 def straightened(plan, image):
@@ -365,7 +365,7 @@ def _basis(plan, block, calibration, first):
         parts = [(basis.maps[shown], basis.expected[shown])]
         basis.conditioning = _conditioning(plan, pattern, basis, parts)
     if options.partial == "auto" and any(pattern.ranges):
-        samples = _filtered(plan, pattern, _complete(plan, pattern, basis, first[..., :1, :1]))
+        samples = _filtered(plan, pattern, complete_lines(plan, pattern, basis, first[..., :1, :1]))
         basis.prediction = prediction_error(samples, pattern.ranges, options.threads)
     chosen = basis.prediction is not None and basis.prediction < 1
     basis.fills = any(pattern.ranges) and (options.partial == "pocs" or chosen)
@@ -471,7 +471,7 @@ def _combined(plan, pattern, image):
     return image
 
 
-def _complete(plan, pattern, basis, samples):
+def complete_lines(plan, pattern, basis, samples):
     """k-space without gaps between its lines: that of each coil as it was measured, or unfolded; or,
     where their noise is known, that of the image they combine to."""
     threads = plan.options.threads
@@ -488,7 +488,7 @@ def _readout(plan, samples):
 
 
 def _completed(plan, pattern, basis, lines):
-    """`_complete` of what is weighted; the readout is transformed, before and after."""
+    """`complete_lines` of what is weighted; the readout is transformed, before and after."""
     threads = plan.options.threads
     if pattern.unfolds:
         lines = fftshift(_unfolded(plan, pattern, basis, lines), (1, 2), inplace=True, threads=threads)
@@ -580,19 +580,19 @@ def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
 
 def _image(plan, pattern, basis, samples, transformed):
     """Images of the samples of a block, lines that a partial scan lacks as it was decided."""
-    removed = _removes_phase(plan, pattern) and pattern.ranges[0]
+    removed = removes_phase(plan, pattern) and pattern.ranges[0]
     if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or removed):
         lines = samples if transformed else _readout(plan, samples)
         image = _lines_image(plan, pattern, basis, lines)
         return np.asfortranarray(image[central(len(image), plan.matrix[0])])
-    return _finished(plan, pattern, basis, _complete(plan, pattern, basis, samples))
+    return _finished(plan, pattern, basis, complete_lines(plan, pattern, basis, samples))
 
 
 def _lines_image(plan, pattern, basis, lines):
     """Images of lines that are weighted, whose readout is transformed and stays as it is."""
     threads = plan.options.threads
     changed = plan.options.ringing > 0 or plan.pixels[1:] != pattern.full[1:]
-    removed = _removes_phase(plan, pattern)
+    removed = removes_phase(plan, pattern)
     if changed or removed or not pattern.unfolds or plan.covariance is not None:
         lines = _completed(plan, pattern, basis, lines)
         return _finished(plan, pattern, basis, lines, (1, 2))
@@ -601,7 +601,7 @@ def _lines_image(plan, pattern, basis, lines):
     return resize(image, (len(image), *plan.matrix[1:]))
 
 
-def _removes_phase(plan, pattern):
+def removes_phase(plan, pattern):
     return plan.options.partial == "homodyne" and any(pattern.ranges)
 
 
@@ -610,7 +610,7 @@ def _finished(plan, pattern, basis, samples, axes=(0, 1, 2)):
     combination."""
     matrix, threads = plan.matrix if 0 in axes else (len(samples), *plan.matrix[1:]), plan.options.threads
     samples = _filtered(plan, pattern, samples, axes)
-    if _removes_phase(plan, pattern):
+    if removes_phase(plan, pattern):
         return _without_phase(plan, pattern, basis, samples, matrix, axes)
     if basis.fills:
         image = pocs(samples, pattern.ranges, field=matrix, threads=threads, phase=basis.phase)
@@ -654,8 +654,8 @@ def deviation(plan, block, basis, frame, replicas=REPLICAS, seed=0):
     plan = _in_raw_units(plan)
     pattern = plan.patterns[block.pattern]
     basis = replace(basis, sd=None)
-    if basis.fills or _removes_phase(plan, pattern):
-        basis.phase = _phase(plan, pattern, basis, _complete(plan, pattern, basis, frame))
+    if basis.fills or removes_phase(plan, pattern):
+        basis.phase = held_phase(plan, pattern, basis, complete_lines(plan, pattern, basis, frame))
 
     def operator(samples):
         return _image(plan, pattern, basis, samples, False)
@@ -695,7 +695,7 @@ def _in_raw_units(plan):
     return replace(plan, options=replace(plan.options, combine="pcsos", units="raw"))
 
 
-def _phase(plan, pattern, basis, lines, axes=(0, 1, 2)):
+def held_phase(plan, pattern, basis, lines, axes=(0, 1, 2)):
     """What is taken from lines without gaps for the phase of their image."""
     threads, lines = plan.options.threads, _filtered(plan, pattern, lines, axes)
     if basis.fills:
@@ -736,30 +736,30 @@ def _run_volumes(plan, source, client):
     for block in blocks(plan):
         pattern = plan.patterns[block.pattern]
         if block.slice not in calibration:  # its samples may be overwritten by the first volume
-            calibration = {block.slice: _slice_calibration(plan, block, source)}
+            calibration = {block.slice: slice_calibration(plan, block, source)}
         at = block.slice, block.pattern
         if at not in shared:
-            shared = {at: _volume_basis(plan, block, source, calibration[block.slice])}
+            shared = {at: volume_basis(plan, block, source, calibration[block.slice])}
         frames = source.frames(block.slice, block.along())
         volume = slabs.transformed(plan, pattern, frames, source.disposable, _here(client))
         frames = None
-        yield block, _volume(plan, block, volume, *shared[at], client)
+        yield block, volume_image(plan, block, volume, *shared[at], client)
         volume = None  # before the next one is read
 
 
-def _slice_calibration(plan, block, source):
+def slice_calibration(plan, block, source):
     return plan.calibration and cut_calibration(plan, calibration_lines(plan, block.slice, source))
 
 
-def _volume_basis(plan, block, source, calibration):
+def volume_basis(plan, block, source, calibration):
     """What sensitivities of the volumes are made of, and the levels for regularisation or None."""
-    made, levels = _volume_sensitivities(plan, block, source, calibration)
+    made, levels = volume_sensitivities(plan, block, source, calibration)
     if plan.in_snr:
         made.sd = volume_deviation(plan, block, source, made, levels)
     return made, levels
 
 
-def _volume_sensitivities(plan, block, source, calibration):
+def volume_sensitivities(plan, block, source, calibration):
     pattern = plan.patterns[block.pattern]
     if not pattern.weighted:
         return slabs.Sensitivities(None), None
@@ -798,9 +798,9 @@ def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLIC
 def _slab_operator(plan, pattern, sensitivities, levels, frame):
     """What makes images along y and z of a slab, the phase that `frame` has held fixed."""
     basis = _slab_basis(plan, pattern, sensitivities, levels)
-    if _removes_phase(plan, pattern):
+    if removes_phase(plan, pattern):
         complete = _completed(plan, pattern, basis, frame) if pattern.weighted else frame
-        basis.phase = _phase(plan, pattern, basis, complete, (1, 2))
+        basis.phase = held_phase(plan, pattern, basis, complete, (1, 2))
 
     def operator(samples):
         if pattern.weighted:
@@ -819,7 +819,7 @@ def _volume_levels(plan, block, source, expected):
     return sa(fold_lines(volume, pattern.lattices)), expected
 
 
-def _volume(plan, block, volume, sensitivities, levels, client):
+def volume_image(plan, block, volume, sensitivities, levels, client):
     pattern = plan.patterns[block.pattern]
 
     place = runtime.shared(volume) if _here(client) else None

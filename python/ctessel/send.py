@@ -52,7 +52,7 @@ class Sender:
     """
 
     def __init__(self, path, group="dataset"):
-        self._reader = raw._open(path, group)
+        self._reader = raw.open_reader(path, group)
         self._found = raw.contents(path, group=group)
 
     def exchange(self, address, config="", parameters=None, realtime=False, timeout=300.0):
