@@ -253,15 +253,18 @@ std::vector<Routine> sense_routines() {
                                     {"3-D, 32 coils, R = 2 x 2", with(volume, 2, 2)}};
   std::vector<Row> noises = volumes;
   noises.push_back({"the same, correlated noise", with(volume, 2, 2, true)});
+  const Row few = {"2-D, 8 coils, R = 2", {192, 192, 1, 8}};
+  std::vector<Row> with_noise = noises;
+  with_noise.push_back(few);
   const std::vector<Row> whole = {
-      {"2-D, 8 coils, R = 2", {192, 192, 1, 8}},
+      few,
       {"2-D, 16 coils, R = 2.5, 8 volumes", with({256, 256, 1, 16, 8}, 2.5, 1)},
       {"3-D, 32 coils, R = 2 x 2, maps half as fine along x", interpolated},
       {"dynamic, 8 coils, R = 2.5, 40 volumes", with({128, 128, 1, 8, 40}, 2.5, 1)}};
   return {{"get_combination_factors", factors, noises, sweeps},
           {"unfold", unfolding, volumes, sweeps},
           {"TS_sense_recon", recon, whole, sweeps},
-          {"ctessel::sense with noise", noise, noises, {}}};
+          {"ctessel::sense with noise", noise, with_noise, {}}};
 }
 
 }  // namespace bench
