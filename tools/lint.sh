@@ -5,11 +5,11 @@
 #   tools/lint.sh --all     also the types of the Python package: a minute
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
+[ ! -e .git ] || tools/install_packages.sh tools/packages.txt || exit 1
 if ! git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
   echo 'SKIPPED: checks of sources and texts need a git checkout'
   exit 0
 fi
-tools/install_packages.sh tools/packages.txt || exit 1
 status=0
 check() {  # NAME COMMAND...
   local name=$1 said
