@@ -117,8 +117,8 @@ class Regular:
     """Distances of the regular lines along y and z, and their offsets from k = 0.
 
     One of `shifts` may be more than 0: how far the lines of y move on from one line of z to the next,
-    or those of z from one of y to the next. `expected`, ``(y, z)`` of bool, are the lines that there must be, calibration lines included:
-    those that were not measured have been lost.
+    or those of z from one of y to the next. `expected`, ``(y, z)`` of bool, are the lines that there must be,
+    calibration lines included: those that were not measured have been lost.
     """
 
     steps: tuple[int, int]
