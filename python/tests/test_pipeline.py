@@ -565,7 +565,7 @@ def test_everything_is_decided_once(tmp_path, monkeypatch):
     for name in ("_grid", "_pattern", "_calibration", "noise_covariance", "_words"):
         counted(ctessel.plan, name)
     counted(ctessel.coverage, "turns")
-    counted(ctessel.raw, "_open")
+    counted(ctessel.raw, "open_reader")
     phantoms.write(tmp_path / "p.h5", "noise", size=48, coils=4, slices=2, repetitions=3)
     recon = f"recon {tmp_path}/p.h5 -o {tmp_path}/i.nii"
     for part in ("", " --range repetition 1 2", " --range slice 0 0"):
