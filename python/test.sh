@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds a wheel of the Python package, installs it into an environment under build/, and runs its tests
-# and its example there. Arguments go to pytest.
+# there, two files at a time: many wait for processes and sockets. Arguments go to pytest.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 environment=$(tools/python_environment.sh)
@@ -9,4 +9,4 @@ environment=$(tools/python_environment.sh)
 mkdir -p build/python/run
 tests=$PWD/python/tests
 cd build/python/run
-exec "$environment/bin/python" -m pytest -p no:cacheprovider -q -rfEs --timeout 600 "$tests" "$@"
+exec "$environment/bin/python" -m pytest -p no:cacheprovider -q -rfEs --timeout 600 -n 2 --dist loadfile "$tests" "$@"
