@@ -84,7 +84,7 @@ echo "== python"
 if $all; then
   CTESSEL_NPM=$(tools/npm_packages.sh)
   export CTESSEL_NPM
-  for made in docs/build.sh tools/python_deb.sh; do
+  for made in docs/build.sh tools/library_debs.sh tools/python_deb.sh; do
     check "$made" "$made"
   done
 fi

@@ -1,12 +1,15 @@
-# `cmake --install`: the public headers, both libraries, and what find_package and pkg-config need.
+# `cmake --install`: the public headers, both libraries, and what find_package and pkg-config need. Programs
+# that are linked with the shared library need its component, `runtime`, alone.
 include(CMakePackageConfigHelpers)
 
 set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/cTessel)
 set(config ${PROJECT_BINARY_DIR}/config)
 
-install(TARGETS cTessel_static cTessel_shared EXPORT cTesselTargets)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+install(TARGETS cTessel_static cTessel_shared EXPORT cTesselTargets
+        LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/recon/cTessel.h ${PROJECT_SOURCE_DIR}/recon/ctessel.hpp TYPE INCLUDE)
-install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NOTICE TYPE DOC)
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NOTICE TYPE DOC COMPONENT texts)
 install(EXPORT cTesselTargets NAMESPACE cTessel:: DESTINATION ${config_folder})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/package/cTesselConfig.cmake.in

@@ -25,6 +25,7 @@ diff <("$source/tests/header_routines.sh" "$tree/include/cTessel.h" "$tree/inclu
 
 echo '== find_package'
 cmake -S "$source/tests/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$tree" \
+  -DWANTED_VERSION="$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")" \
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/log" &&
   cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 for program in with_cTessel with_static; do "$work/build/$program"; done

@@ -22,6 +22,14 @@ check() {  # NAME COMMAND...
   fi
 }
 files() { git ls-files -- "$@"; }
+one_version() {  # CMake's is the one; these files cannot ask CMake
+  local version
+  version=$(sed -nE 's/^project\(cTessel VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+  grep -qx "version: $version" CITATION.cff || { echo "CITATION.cff has another version than $version"; return 1; }
+  [ "$(sed -nE 's/^## ([0-9.]+) \(.*/\1/p' CHANGELOG.md | head -n 1)" = "$version" ] ||
+    { echo "the first version in CHANGELOG.md is not $version"; return 1; }
+  ! git grep -nE 'ctessel[-_][0-9]+\.[0-9]+\.[0-9]+' -- README.md docs tools
+}
 
 mapfile -t scripts < <(files '*.sh' .ci/run)
 mapfile -t python < <(files '*.py')
@@ -32,6 +40,7 @@ check spelling codespell --config tools/codespell.cfg "${texts[@]}"
 check Python /usr/bin/python3 -m flake8 --config tools/flake8.cfg "${python[@]}"
 check links /usr/bin/python3 tools/check_links.py
 check layers tests/check_layers.sh .
+check 'one version' one_version
 
 mapfile -t sources < <(files '*.cpp' '*.cc' '*.h' '*.hpp')
 if clang-format --version | grep -q 'version 14\.'; then  # others lay sources out otherwise

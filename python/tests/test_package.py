@@ -50,7 +50,7 @@ def test_a_name_goes_only_with_a_line_in_the_changelog(monkeypatch):
 
 
 def test_the_package_is_whole():
-    package = next(iter((CHECKOUT / "build" / "python").glob("ctessel_*.deb")), None)
+    package = next(iter((CHECKOUT / "build" / "debs").glob("ctessel_*.deb")), None)
     if package is None or not shutil.which("dpkg-deb"):
         pytest.skip("needs the package, which tools/python_deb.sh makes")
     files = subprocess.run(["dpkg-deb", "-c", package], capture_output=True, text=True, check=True).stdout
@@ -59,7 +59,5 @@ def test_the_package_is_whole():
         assert f"./usr/{name}" in files or name in files, name
     assert "__pycache__" not in files
     control = subprocess.run(["dpkg-deb", "-I", package, "control"], capture_output=True, text=True, check=True).stdout
-    maintainer = re.search(r'CPACK_PACKAGE_CONTACT "(.*)"', (CHECKOUT / "cmake" / "Package.cmake").read_text())[1]
-    assert f"Maintainer: {maintainer}\n" in control
     for needed in ("scipy", "nibabel", "h5py", "tqdm"):
         assert re.search(rf"^Depends: .*python3-{needed}", control, re.MULTILINE)
