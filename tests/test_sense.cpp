@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <complex>
@@ -218,33 +219,30 @@ TEST_CASE("Aliases with equal sensitivities leave no finite factor", "[sense]") 
 }
 
 TEST_CASE("The largest entry of a column is its pivot, of any size", "[sense]") {
-  Scene s({{1, 4, 1, 2}, {1, 2, 1}, {1, 4, 1}, false});
-  s.re = {1, 1, 1, 1, 0, 0, 1, 1};
-  s.im = std::vector<float>(8, 0.0f);
-  const auto factors = [&](const Eigen::Matrix2cd& psi) {
-    s.psi = psi;
+  // As many coils as aliases: whatever the weights, the factors are the inverse sensitivities.
+  Scene s({{1, 3, 1, 3}, {1, 1, 1}, {1, 3, 1}, false});
+  s.im.assign(9, 0.0f);
+  const auto check = [&](const Eigen::Matrix3cd& weights, float unit) {
+    s.re = {unit, 0x1p-120f, 0x1p-120f, 0, unit, 0, 0, 0, unit};  // no 0 in the first coil
+    s.psi = weights.partialPivLu().inverse();
     Eigen::VectorXcd f = s.fresh_factors();
     s.factors(f);
-    return f;
+    CHECK((f.reshaped(3, 3) * unit - Eigen::Matrix3cd::Identity()).norm() < 1e-14);
   };
-  for (const Complex& small : {Complex(0), Complex(1e-12), Complex(0, 1e-12)}) {
-    CAPTURE(small);
-    Eigen::Matrix2cd weights;
-    weights << small, 1, 1, 0;  // no covariance's inverse, but of every rank
-    const Eigen::VectorXcd f = factors(weights.inverse());
-    Eigen::VectorXcd want = s.fresh_factors();
-    naive::get_combination_factors(s.re.data(), s.im.data(), s.maps, s.psi, s.R, 0, s.reference,
-                                   want, s.folded, s.full, s.edges_y.data(), s.edges_z.data());
-    CHECK((f - want).norm() < 1e-14);
-  }
+  std::array<int, 3> row{0, 1, 2};
+  do {
+    CAPTURE(row);
+    for (const Complex& turn : {Complex(1), Complex(0, 1), Complex(0.6, -0.8)}) {
+      Eigen::Matrix3cd weights;  // no covariance's inverse, but of every rank
+      weights << 1e-30, 0.3, 1.1, 1e-12, 1.7, 0.4, 1, 0.2, 0.6;
+      weights = (turn * weights(row, Eigen::all)).eval();
+      check(weights, 1);
+      check(weights * 0x1p-478, 0x1p-26f);  // squares near the smallest there are
+    }
+  } while (std::next_permutation(row.begin(), row.end()));
   // Units do not count without regularisation, though pivots of 2^600 have no square in double.
-  const Eigen::VectorXcd one = factors(Eigen::Matrix2cd::Identity());
-  for (double unit : {0x1p60, 0x1p-60}) {
-    CAPTURE(unit);
-    s.re = {1, 1, 1, 1, 0, 0, 1, 1};
-    for (float& v : s.re) v *= static_cast<float>(unit);
-    CHECK((factors(std::pow(unit, -8) * Eigen::Matrix2cd::Identity()) * unit - one).norm() < 1e-14);
-  }
+  for (const float unit : {0x1p60f, 0x1p-60f})
+    check(Eigen::Matrix3cd::Identity() * std::pow(unit, 8.0), unit);
 }
 
 TEST_CASE("Coils are added up one after the other, in double for factors and in float for images",
