@@ -98,6 +98,9 @@ fi
 python_count() { sed -nE "s/(.* )?([0-9]+) $1.*/\2/p" "$log" | tail -n 1; }
 passed=$((passed + $(python_count passed || true) + 0))
 skipped=$((skipped + $(python_count skipped || true) + 0))
+if $all; then
+  check 'what is public' build/python/environment/bin/python tools/interface.py --check build/dev/recon/libcTessel.so
+fi
 
 echo "== octave package"
 if octave/test.sh >"$log" 2>&1; then

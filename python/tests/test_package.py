@@ -40,13 +40,31 @@ def test_the_shell_completes(typed, wanted, tmp_path):
     assert subprocess.run(["bash", "-c", ask], capture_output=True, text=True).stdout.split() == [wanted]
 
 
-def test_a_name_goes_only_with_a_line_in_the_changelog(monkeypatch):
+ABIDIFF = """Functions changes summary: 1 Removed, 1 Changed, 0 Added functions
+
+1 Removed function:
+
+  [D] 'function long int ctessel::count_nan(const ctessel::ConstSamples&)'    {_ZN7ctessel9count_nan}
+
+1 function with some indirect sub-type change:
+
+  [C] 'function void ctessel::sense(const ctessel::Samples&, const ctessel::SenseOptions&)' at sense.cpp:275:1 has some:
+    parameter 4 of type 'const ctessel::SenseOptions&' has sub-type changes:
+        in unqualified underlying type 'struct ctessel::SenseOptions' at ctessel.hpp:165:1:
+          type size changed from 2112 to 2176 (in bits)
+"""
+
+
+def test_what_is_public_changes_only_with_a_line_in_the_changelog(monkeypatch):
     monkeypatch.syspath_prepend(CHECKOUT / "tools")
     import interface
 
-    released = ["option recon --preview", "python ctessel.sos", "c++ ctessel::Samples"]
-    assert interface.gone(released, set(), "- `recon --preview` is gone, and `Samples`.") == ["python ctessel.sos"]
-    assert interface.main(["--check"]) == 0
+    changes = interface.changed({"option recon --preview", "python ctessel.sos"}, {"python ctessel.sos", "key Seed"})
+    assert interface.untold(changes, "- `recon --preview` is gone.") == ["key Seed: new"]
+    assert interface.untold(changes, "- `--preview` makes room for `Seed`.") == []
+    changes = list(interface.abi_changes(ABIDIFF))
+    assert len(interface.untold(changes, "- `Samples` and `ctessel` are named.")) == 2
+    assert interface.untold(changes, "- `SenseOptions::mask` is new; `count_nan` is gone.") == []
 
 
 def test_the_package_is_whole():
