@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The manual page and the shell completion of the command, from its parser.
+"""The manual page and the shells' completions of the command, from its parser.
 
-command_files.py man|bash      prints one of them
+command_files.py man|bash|zsh|fish      prints one of them
 """
 
 import argparse
@@ -13,7 +13,7 @@ from ctessel import __version__, cli
 
 def main(kind):
     parser = cli._parser()
-    print({"man": manual, "bash": completion}[kind](parser), end="")
+    print({"man": manual, "bash": bash, "zsh": zsh, "fish": fish}[kind](parser), end="")
 
 
 def commands(parser):
@@ -73,10 +73,10 @@ def roff(text):
     return re.sub(r"^(?=[.'])", r"\\&", text, flags=re.MULTILINE)
 
 
-# ---- Completion ----------------------------------------------------------------------------------
+# ---- Completions ---------------------------------------------------------------------------------
 
 
-def completion(parser):
+def bash(parser):
     """A function of bash: commands, options of each, files else."""
     chosen = commands(parser).choices
     cases = "".join(
@@ -102,6 +102,73 @@ _ctessel() {{
 }}
 complete -o default -F _ctessel ctessel
 """
+
+
+def texts(parser):
+    """Each command with what it does."""
+    return {a.dest: a.help.replace("%%", "%") for a in commands(parser)._choices_actions}
+
+
+def values(action):
+    """What may follow an option: known words, or None where it takes no value."""
+    return None if action.nargs == 0 else [str(c) for c in action.choices or ()]
+
+
+def quoted(text):
+    return "'" + text.replace("'", r"'\''") + "'"
+
+
+def zsh(parser):
+    """A function of zsh: commands, options of each with their help, files else."""
+
+    def plain(text):
+        return re.sub(r"([\[\]:\\])", r"\\\1", text.replace("%%", "%"))
+
+    def specification(action):
+        name = f"{{{','.join(action.option_strings)}}}" if len(action.option_strings) > 1 else action.option_strings[0]
+        known = values(action)
+        value = "" if known is None else f":{plain(title(action).split()[-1])}:" + (f"({' '.join(known)})" if known else "_files")
+        return name + quoted(f"[{plain(action.help or '')}]{value}")
+
+    said = "".join(f" {quoted(f'{name}:{plain(text)}')}" for name, text in texts(parser).items())
+    kinds = "".join(f" {quoted(f'{name}:{plain(text)}')}" for name, text in {"list": "these kinds", **cli.PHANTOM_KINDS}.items())
+    cases = ""
+    for name, each in commands(parser).choices.items():
+        first = " '1:kind:{_describe kind phantoms}'" if name == "phantom" else ""
+        given = "".join(f" \\\n        {specification(a)}" for a in options(each))
+        cases += f"    {name})\n      _arguments{first}{given} \\\n        '*:file:_files' ;;\n"
+    return f"""#compdef ctessel
+_ctessel() {{
+  local -a commands phantoms line
+  local state
+  commands=({said[1:]})
+  phantoms=({kinds[1:]})
+  _arguments -C '(- *)'{{-h,--help}}'[help]' '(- *)--version[version]' \\
+    '1:command:{{_describe command commands}}' '*::argument:->rest'
+  [[ $state = rest ]] || return
+  case $line[1] in
+{cases}  esac
+}}
+_ctessel "$@"
+"""
+
+
+def fish(parser):
+    """Lines of fish: commands, options of each with their help, files else."""
+    lines = ["# fish completion of ctessel"]
+    for name, text in texts(parser).items():
+        lines.append(f"complete -c ctessel -f -n __fish_use_subcommand -a {name} -d {quoted(text)}")
+    for name, text in {"list": "these kinds", **cli.PHANTOM_KINDS}.items():
+        lines.append(f"complete -c ctessel -n '__fish_seen_subcommand_from phantom' -a {name} -d {quoted(text)}")
+    for name, each in commands(parser).choices.items():
+        for action in options(each):
+            words = [f"complete -c ctessel -n '__fish_seen_subcommand_from {name}'"]
+            words += [f"-{'l' if s.startswith('--') else 's'} {s.lstrip('-')}" for s in action.option_strings]
+            known = values(action)
+            words += [] if known is None else [f"-x -a {quoted(' '.join(known))}"] if known else ["-r"]
+            words += [f"-d {quoted(action.help.replace('%%', '%'))}"] if action.help else []
+            lines.append(" ".join(words))
+    return "\n".join(lines) + "\n"
 
 
 if __name__ == "__main__":

@@ -1,32 +1,31 @@
 #!/usr/bin/env bash
-# Makes the Debian package ctessel under build/debs/ from the wheel that pip builds: the command with its
+# Makes the Debian package ctessel under build/debs/ from the wheel: the command with its
 # manual page and completion, and the Python package with the viewer of reports.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-tools/install_packages.sh packages.txt
-tools/install_packages.sh python/packages.txt
-tools/viewer.sh
+wheel=$(tools/wheel.sh)
 
 . tools/deb.sh
 out=$PWD/build/debs
 umask 022
-export PATH=/usr/bin:$PATH # Debian's Python, whatever else is installed
 python=$(/usr/bin/python3 -c 'import sys; print("%d.%d" % sys.version_info[:2])')
 root=$(tree ctessel)
 packages=$root/usr/lib/python3/dist-packages
 mkdir -p "$packages"
 log=$out/pip.log
-/usr/bin/python3 -m pip install --no-build-isolation --no-deps --no-index --no-compile \
-  --target "$packages" ./python >"$log" 2>&1 || { cat "$log" >&2; exit 1; }
+/usr/bin/python3 -m pip install --no-deps --no-index --no-compile \
+  --target "$packages" "$wheel" >"$log" 2>&1 || { cat "$log" >&2; exit 1; }
 rm -f "$packages"/*.dist-info/{direct_url.json,RECORD,REQUESTED}
 mv "$packages/bin" "$root/usr/bin"
 sed -i '1s|.*|#!/usr/bin/python3|' "$root/usr/bin/ctessel"
 
-man=$root/usr/share/man/man1 completions=$root/usr/share/bash-completion/completions
-mkdir -p "$man" "$completions"
+share=$root/usr/share
+mkdir -p "$share"/{man/man1,bash-completion/completions,zsh/vendor-completions,fish/vendor_completions.d}
 command_files() { PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$packages /usr/bin/python3 tools/command_files.py "$1"; }
-command_files man | gzip -9n >"$man/ctessel.1.gz"
-command_files bash >"$completions/ctessel"
+command_files man | gzip -9n >"$share/man/man1/ctessel.1.gz"
+command_files bash >"$share/bash-completion/completions/ctessel"
+command_files zsh >"$share/zsh/vendor-completions/_ctessel"
+command_files fish >"$share/fish/vendor_completions.d/ctessel.fish"
 
 # What the interpreter compiles when it imports the package goes with it.
 cat >"$root/DEBIAN/postinst" <<'SCRIPT'

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install_packages.sh packages.txt >&2
-tools/install_packages.sh python/packages.txt >&2
+for list in python/packages-build.txt python/packages.txt; do tools/install_packages.sh $list; done >&2
 tools/viewer.sh
 
 export PATH=/usr/bin:$PATH # Debian's Python, cmake and ninja, whatever else is installed
@@ -12,7 +12,7 @@ environment=$PWD/build/python/environment
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 if ! "$environment/bin/python" -m pip install --no-build-isolation --no-deps --no-index \
-    --force-reinstall ./python >"$log" 2>&1; then
+    --force-reinstall . >"$log" 2>&1; then
   cat "$log" >&2
   exit 1
 fi

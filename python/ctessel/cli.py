@@ -243,7 +243,7 @@ def _add_bids(command):
     group = command.add_argument_group("names of the BIDS standard")
     group.add_argument("--bids", metavar="FOLDER", type=Path, help="write there, with or without -o")
     group.add_argument("--subject", metavar="01", type=_label, help="letters and digits")
-    group.add_argument("--session", metavar="LABEL", type=_label)
+    group.add_argument("--session", metavar="LABEL", type=_label, help="letters and digits")
     group.add_argument(
         "--suffix",
         default="T1w",
@@ -291,7 +291,7 @@ def _given(arguments):
 
 def _add_resources(command):
     resources = command.add_argument_group("resources")
-    resources.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels")
+    _add_threads(resources)
     resources.add_argument(
         "--range",
         nargs=3,
@@ -313,6 +313,14 @@ def _add_resources(command):
     resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
 
 
+def _add_threads(command):
+    command.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels (all processors)")
+
+
+def _add_output(command, name, kind, text):
+    command.add_argument("-o", "--output", required=True, metavar=name, type=kind, help=text)
+
+
 def _add_group(command):
     command.add_argument(
         "--group", default="dataset", help="group of the HDF5 file (default: dataset)"
@@ -323,7 +331,7 @@ def _add_info(commands):
     command = _command(
         commands, "info", info, "tell what is in a raw data file and what would be done with it"
     )
-    command.add_argument("raw", metavar="RAW")
+    command.add_argument("raw", metavar="RAW", help="raw data file of any format")
     command.add_argument(
         "--plot", metavar="FILE.png", type=_png_name, help="a picture of the lines and of the energy along each axis"
     )
@@ -343,22 +351,22 @@ def _add_convert(commands):
 
 def _add_merge(commands):
     command = _command(commands, "merge", merge, "join images that were made with --range")
-    command.add_argument("parts", nargs="+", metavar="PART.nii.gz")
-    command.add_argument("-o", "--output", required=True, metavar="IMAGE.nii.gz", type=_nifti_name)
+    command.add_argument("parts", nargs="+", metavar="PART.nii.gz", help="images of recon --range, in any order")
+    _add_output(command, "IMAGE.nii.gz", _nifti_name, "the whole image; IMAGE.json appears beside it")
     command.add_argument("--gaps", action="store_true", help="parts need not follow each other")
 
 
 def _add_view(commands):
     command = _command(commands, "view", view, "write a page with pictures and a viewer of images")
-    command.add_argument("images", nargs="+", metavar="IMAGE.nii.gz")
-    command.add_argument("-o", "--output", required=True, metavar="PAGE.html", type=_html_name)
+    command.add_argument("images", nargs="+", metavar="IMAGE.nii.gz", help="images of any program")
+    _add_output(command, "PAGE.html", _html_name, "the page, which needs no other file")
 
 
 def _add_phantom(commands):
     command = _command(commands, "phantom", phantom, "write raw data of a phantom")
     command.epilog = f"kinds:\n{_phantom_kinds()}\n\n{command.epilog}"
     command.add_argument("kind", metavar="KIND", help="kind of scan, see below; 'list' shows all")
-    command.add_argument("-o", "--output", metavar="RAW.h5")
+    command.add_argument("-o", "--output", metavar="RAW.h5", help="ISMRMRD file")
     for name, (what, usual) in PHANTOM_SIZES.items():
         command.add_argument(f"--{name}", type=options.positive, metavar="N", help=f"{what} ({usual})")
     command.add_argument(
@@ -375,8 +383,8 @@ def _add_warp(commands):
     command = _command(
         commands, "warp", warp, "write the displacement field of gradients that are not linear"
     )
-    command.add_argument("coefficients", metavar="COEFFICIENTS")
-    command.add_argument("-o", "--output", required=True, metavar="WARP.nii.gz", type=_nifti_name)
+    command.add_argument("coefficients", metavar="COEFFICIENTS", help="file of the gradients' coefficients")
+    _add_output(command, "WARP.nii.gz", _nifti_name, "the field, in mm")
     command.add_argument("--like", metavar="IMAGE.nii.gz", help="the image that it is for")
     command.add_argument(
         "--extent", type=options.size, metavar="MM", help="side of a cube around the isocentre (500)"
@@ -414,9 +422,9 @@ def _add_unwarp(commands):
     command = _command(
         commands, "unwarp", unwarp, "correct an image for gradients that are not linear"
     )
-    command.add_argument("image", metavar="IMAGE.nii.gz")
-    command.add_argument("--coefficients", required=True, metavar="FILE")
-    command.add_argument("-o", "--output", required=True, metavar="OUT.nii.gz", type=_nifti_name)
+    command.add_argument("image", metavar="IMAGE.nii.gz", help="image of any program")
+    command.add_argument("--coefficients", required=True, metavar="FILE", help="of the gradients")
+    _add_output(command, "OUT.nii.gz", _nifti_name, "the corrected image")
     command.add_argument(
         "--mode",
         choices=("auto", "3d", "2d", "through-plane", "none"),
@@ -437,13 +445,13 @@ def _add_unwarp(commands):
 
 def _add_field(command):
     options.add_coefficients(command, "the sidecar's PatientPosition says")
-    command.add_argument("--threads", type=options.positive, metavar="N")
+    _add_threads(command)
 
 
 def _add_serve(commands):
     command = _command(commands, "serve", serve, "make images of ISMRMRD streams while they come")
-    command.add_argument("--host", default="127.0.0.1", help="address to listen on")
-    command.add_argument("--port", type=options.port, default=9002, help="0 for any that is free")
+    command.add_argument("--host", default="127.0.0.1", help="address to listen on (default: 127.0.0.1)")
+    command.add_argument("--port", type=options.port, default=9002, help="0 for any that is free (default: 9002)")
     command.add_argument("--stdio", action="store_true", help="one stream, from stdin to stdout")
     command.add_argument(
         "--config",
@@ -455,7 +463,7 @@ def _add_serve(commands):
     command.add_argument(
         "--save", type=Path, metavar="FOLDER", help="keep the raw data of each scan as a file there"
     )
-    command.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels")
+    _add_threads(command)
     command.add_argument(
         "--connections", type=options.positive, default=8, metavar="N", help="served at once (default: 8)"
     )
@@ -472,8 +480,8 @@ def _add_serve(commands):
 
 def _add_send(commands):
     command = _command(commands, "send", send, "send a raw data file to a server, as a scanner does")
-    command.add_argument("raw", metavar="RAW.h5")
-    command.add_argument("--to", required=True, metavar="HOST:PORT")
+    command.add_argument("raw", metavar="RAW.h5", help="ISMRMRD file")
+    command.add_argument("--to", required=True, metavar="HOST:PORT", help="where the server listens")
     command.add_argument(
         "-o",
         "--output",
@@ -484,12 +492,12 @@ def _add_send(commands):
     command.add_argument(
         "--realtime", action="store_true", help="send lines at the times of their measurement"
     )
-    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration to name")
+    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration to name (default: ctessel)")
     command.add_argument(
         "--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}'
     )
     command.add_argument(
-        "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="silence that ends it"
+        "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="silence that ends it (default: 300)"
     )
     _add_group(command)
 

@@ -86,7 +86,7 @@ def add_steps(command):
         type=level,
         default=0.0,
         metavar="SCALE",
-        help="regularise SENSE; 1 trusts the level of the calibration image",
+        help="regularise SENSE; 0 does not (the default), 1 trusts the level of the calibration image",
     )
     steps.add_argument(
         "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"

@@ -31,10 +31,10 @@ SCANS = ("scipy", "nibabel", "tqdm", "matplotlib", "h5py")
 def installing(package):
     """The command that installs a missing package, and what else of `SCANS` is missing.
 
-    An environment of its own does not see Debian's packages.
+    In a virtual environment pip installs what its Python sees, and needs no root.
     """
     names = [package, *(name for name in SCANS if name != package and _missing(name))]
-    if sys.prefix == sys.base_prefix or "/usr/lib/python3/dist-packages" in sys.path:
+    if sys.prefix == sys.base_prefix:
         return " ".join(["apt-get install", *(f"python3-{name}" for name in names)])
     return " ".join(["pip install", *names])
 

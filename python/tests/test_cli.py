@@ -227,12 +227,20 @@ def test_kinds_of_phantoms_are_described(capsys, monkeypatch):
     assert "echoes           3 echoes\n" in described and described.rstrip() in capsys.readouterr().out
 
 
+def test_help_says_what_each_argument_is_and_its_default():
+    for name, command in cli._parser()._subparsers._group_actions[0].choices.items():
+        for action in command._actions:
+            assert action.help, (name, action.dest)
+            silent = action.nargs == 0 or action.default in (None, (), [])
+            assert silent or "default" in action.help, (name, action.dest)
+
+
 def test_missing_packages_are_named_together_with_the_command_that_fits(monkeypatch):
     monkeypatch.setitem(sys.modules, "h5py", None)
     monkeypatch.setitem(sys.modules, "tqdm", None)
-    for debian, words in ((True, "apt-get install python3-nothing python3-tqdm python3-h5py"), (False, "pip install nothing tqdm h5py")):
-        monkeypatch.setattr(sys, "path", ["/usr/lib/python3/dist-packages"] * debian)
-        monkeypatch.setattr(sys, "prefix", "/srv/environment")
+    debian = "apt-get install python3-nothing python3-tqdm python3-h5py"
+    for prefix, words in ((sys.base_prefix, debian), ("/srv/environment", "pip install nothing tqdm h5py")):
+        monkeypatch.setattr(sys, "prefix", prefix)
         monkeypatch.setattr(cli.runtime, "SCANS", ("tqdm", "h5py"))
         assert cli.runtime.installing("nothing") == words
 

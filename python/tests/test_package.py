@@ -4,11 +4,12 @@ import re
 import shutil
 import subprocess
 import sys
+from importlib.metadata import metadata
 from pathlib import Path
 
 import pytest
 
-from ctessel import cli
+from ctessel import cli, runtime
 
 CHECKOUT = Path(__file__).resolve().parents[2]
 
@@ -32,12 +33,30 @@ def test_the_manual_page_has_what_the_help_has(tmp_path):
     assert "cancelled with Ctrl-C" in shown.stdout and "echoes" in shown.stdout
 
 
+#: Answers of the shells' own machinery to `typed`.
+ASK = {
+    "bash": '. "{script}"; COMP_WORDS=(ctessel {typed}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); _ctessel; echo "${{COMPREPLY[@]}}"',
+    "fish": 'source "{script}"; complete -C "ctessel {typed}" | cut -f 1',
+}
+
+
 @pytest.mark.parametrize("typed, wanted", [("re", "recon"), ("phantom obl", "oblique"), ("recon --rep", "--report")])
-def test_the_shell_completes(typed, wanted, tmp_path):
-    (script := tmp_path / "completion").write_text(made("bash"))
-    words = ["ctessel", *typed.split()]
-    ask = f'. "{script}"; COMP_WORDS=({" ".join(words)}); COMP_CWORD={len(words) - 1}; _ctessel; echo "${{COMPREPLY[@]}}"'
-    assert subprocess.run(["bash", "-c", ask], capture_output=True, text=True).stdout.split() == [wanted]
+@pytest.mark.parametrize("shell", ["bash", "fish"])
+def test_the_shell_completes(shell, typed, wanted, tmp_path):
+    if not shutil.which(shell):
+        pytest.skip(f"needs {shell}")
+    (script := tmp_path / "completion").write_text(made(shell))
+    ask = ASK[shell].format(script=script, typed=typed)
+    assert subprocess.run([shell, "-c", ask], capture_output=True, text=True).stdout.split() == [wanted]
+
+
+def test_zsh_is_told_of_every_option(tmp_path):
+    if not shutil.which("zsh"):
+        pytest.skip("needs zsh")
+    (script := tmp_path / "completion").write_text(made("zsh"))
+    told = '_arguments() { print -r -- "$@"; line=(recon); state=rest }; _describe() { print "$@" }; . "$1"'
+    said = subprocess.run(["zsh", "-f", "-c", told, "zsh", script], capture_output=True, text=True)
+    assert said.stderr == "" and "--report[also a page" in said.stdout and ":(auto zero homodyne pocs)" in said.stdout
 
 
 ABIDIFF = """Functions changes summary: 1 Removed, 1 Changed, 0 Added functions
@@ -67,12 +86,22 @@ def test_what_is_public_changes_only_with_a_line_in_the_changelog(monkeypatch):
     assert interface.untold(changes, "- `SenseOptions::mask` is new; `count_nan` is gone.") == []
 
 
+def test_the_wheel_names_what_each_use_needs():
+    needed = {}
+    for line in metadata("ctessel").get_all("Requires-Dist"):
+        name, extra = re.match(r"([\w-]+)(?:.*extra == .(\w+))?", line).groups()
+        needed.setdefault(extra, set()).add(name)
+    assert needed[None] == {"numpy"} and needed["recon"] == set(runtime.SCANS)
+    assert needed["dask"] == {"dask", "distributed"} and needed["view"] == {"nibabel", "matplotlib"}
+
+
 def test_the_package_is_whole():
     package = next(iter((CHECKOUT / "build" / "debs").glob("ctessel_*.deb")), None)
     if package is None or not shutil.which("dpkg-deb"):
         pytest.skip("needs the package, which tools/python_deb.sh makes")
     files = subprocess.run(["dpkg-deb", "-c", package], capture_output=True, text=True, check=True).stdout
     for name in ("bin/ctessel", "share/man/man1/ctessel.1.gz", "share/bash-completion/completions/ctessel",
+                 "share/zsh/vendor-completions/_ctessel", "share/fish/vendor_completions.d/ctessel.fish",
                  "share/doc/ctessel/copyright", "dist-packages/ctessel/_raw.cpython"):  # fmt: skip
         assert f"./usr/{name}" in files or name in files, name
     assert "__pycache__" not in files

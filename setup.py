@@ -1,4 +1,4 @@
-"""Builds the extension module with the project's CMake files, so that its flags are theirs."""
+"""Builds the extension modules with the project's CMake files, so that its version and flags are theirs."""
 
 import os
 import re
@@ -9,7 +9,7 @@ from pathlib import Path
 from setuptools import Extension, setup
 from setuptools.command.build_ext import build_ext
 
-ROOT = Path(__file__).resolve().parent.parent
+ROOT = Path(__file__).resolve().parent
 
 
 def version():
@@ -20,8 +20,10 @@ def version():
 class CMakeBuild(build_ext):
     def build_extensions(self):
         build = Path(self.build_temp).resolve()
-        configure = ["cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCTESSEL_PYTHON=ON",
-                     "-DCMAKE_BUILD_TYPE=Release", f"-DPYTHON_EXECUTABLE={sys.executable}"]
+        configure = [
+            *("cmake", "-S", ROOT, "-B", build, "-G", "Ninja", "-DCTESSEL_PYTHON=ON"),
+            *("-DCMAKE_BUILD_TYPE=Release", f"-DPYTHON_EXECUTABLE={sys.executable}"),
+        ]
         jobs = os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL", "2")
         subprocess.run(configure, check=True)
         subprocess.run(["cmake", "--build", build, "--target", "python_modules", "-j", jobs], check=True)
@@ -44,18 +46,23 @@ setup(
     name="ctessel",
     version=version(),
     description="Reconstruction kernels for magnetic-resonance imaging",
+    author="the cTessel maintainers",
     license="BSD-2-Clause",
     python_requires=">=3.10",
     install_requires=["numpy>=1.20"],
+    package_dir={"": "python"},
     packages=["ctessel"],
     package_data={"ctessel": ["py.typed", "niivue.umd.js"]},
-    ext_modules=[Extension("ctessel._core", sources=[]),
-                 Extension("ctessel._raw", sources=[], optional=True)],
-    extras_require={"recon": ["scipy", "nibabel", "tqdm", "matplotlib", "h5py"],
-                    "dask": ["dask", "distributed"],
-                    "view": ["nibabel", "matplotlib"],
-                    "dicom": ["pydicom"]},
+    ext_modules=[Extension("ctessel._core", sources=[]), Extension("ctessel._raw", sources=[], optional=True)],
+    extras_require={
+        "recon": ["scipy", "nibabel", "tqdm", "matplotlib", "h5py"],
+        "dask": ["dask", "distributed"],
+        "view": ["nibabel", "matplotlib"],
+        "dicom": ["pydicom"],
+    },
     entry_points={"console_scripts": ["ctessel = ctessel.cli:main"]},
     cmdclass={"build_ext": CMakeBuild},
+    # Beside the builds of CMake: a folder build/lib... would keep modules that are no more.
+    options={"build": {"build_base": "build/python/setuptools"}},
     zip_safe=False,
 )
