@@ -75,8 +75,7 @@ double factor_memory(const Scene& s) {
 }
 
 double unfold_memory(const Scene& s) {
-  const double columns = std::min(s.maps[0], 256);
-  return columns * (72 * s.aliases + 400);
+  return (1 << 20) + 16.0 * s.aliases * s.maps[3] * std::min(s.maps[0], 256);
 }
 
 Case factors(const Setting& setting) {

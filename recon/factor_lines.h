@@ -4,6 +4,7 @@
 #include <Eigen/Core>
 #include <complex>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "loops.h"
@@ -43,6 +44,17 @@ struct FactorProblem {
   FactorProblem(const Eigen::VectorXi& sens_dims, const Eigen::MatrixXcd& psi,
                 const Eigen::Vector3f& reduction, const Eigen::VectorXi& folded,
                 const Eigen::VectorXi& full);
+  /// Factors that are there already.
+  FactorProblem(const Eigen::VectorXcd& factors, const Eigen::VectorXi& dims, std::int64_t coils,
+                int room_y, int room_z)
+      : nx(dims[0]),
+        ny(0),
+        nz(0),
+        nc(coils),
+        y{dims[1], room_y, {}, {}, {}, false},
+        z{dims[2], room_z, {}, {}, {}, false},
+        nowhere(true),
+        stored(factors.data(), static_cast<std::size_t>(factors.size())) {}
   /// Takes aliases from lists of offsets; the maps must have the image's lines along both axes.
   void list(const std::vector<int>& offsets_y, const std::vector<int>& offsets_z);
   std::int64_t aliases() const { return alias_count(listed, y.room, z.room); }
@@ -67,8 +79,9 @@ struct FactorProblem {
   std::int64_t nx, ny, nz, nc;
   AliasAxis y, z;
   bool listed = false;
-  bool nowhere;                  // maps of no samples: an entry behind the coils is 0
-  Eigen::MatrixXcd psi_inverse;  // empty for the identity
+  bool nowhere;  // maps of no samples: an entry behind the coils is 0
+  std::span<const std::complex<double>> stored = {};  // instead of maps
+  Eigen::MatrixXcd psi_inverse;                       // empty for the identity
   Volume maps;
   Volume mask;      // without: the rule of coil 0's real parts
   Volume expected;  // magnitude, of complex or real values

@@ -164,55 +164,6 @@ void take_list(ctessel::UnfoldAxis& axis, const ctessel::AliasAxis& list) {
   axis.full = list.nearest;
 }
 
-/// What unfolding needs to know of one location beside its factors.
-ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem& factors,
-                                 const Location& location) {
-  float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
-  if (!factors.listed) factors.record_edges(edges_y, edges_z);
-  const Eigen::VectorXi fold = first_four(d.folded);
-  const int Ay = ctessel::most_aliases(d.full[1], fold[1]);
-  // Aliases along z that the factors have no slot for are left out: data of two dimensions are
-  // unfolded with one slice however many the full size names.
-  const int64_t room_z = factors.slots() / std::max<int64_t>(1, factors.nc * Ay);
-  const int Az =
-      static_cast<int>(std::min<int64_t>(ctessel::most_aliases(d.full[2], fold[2]), room_z));
-  ctessel::UnfoldAxis y = ctessel::list_lines(fold[1], d.full[1], Ay, factors.y.lines, edges_y);
-  ctessel::UnfoldAxis z = ctessel::list_lines(fold[2], d.full[2], Az, factors.z.lines, edges_z);
-  if (factors.listed) {
-    take_list(y, factors.y);
-    take_list(z, factors.z);
-  }
-  return {factors,
-          volume_of(d.folded, Dim::location, 0),
-          fold[3],
-          fold[0],
-          d.full[0],
-          d.full[1],
-          d.out.re,
-          d.out.im,
-          d.out.stride(Dim::x),
-          d.out.stride(Dim::y),
-          d.out.stride(Dim::z),
-          std::move(y),
-          std::move(z),
-          ctessel::row_grid(fold[0], static_cast<int>(factors.nx)),
-          location.count(),
-          [](const void* context, int64_t volume) {
-            return static_cast<const Location*>(context)->place(volume);
-          },
-          &location,
-          {}};
-}
-
-void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
-  std::vector<int> y, z;
-  for (const auto& [dy, dz] : d.aliases) {
-    y.push_back(dy);
-    z.push_back(dz);
-  }
-  factors.list(y, z);
-}
-
 bool wants_noise(const DataSet& d) { return d.g || d.sd || d.condition || d.response; }
 
 ctessel::NoiseImages noise_of(const DataSet& d, const ctessel::FactorProblem& factors, int64_t l) {
@@ -222,6 +173,38 @@ ctessel::NoiseImages noise_of(const DataSet& d, const ctessel::FactorProblem& fa
   };
   return {image(d.g), image(d.sd), image(d.condition), image(d.response),
           factors.psi_inverse.size() ? d.psi.data() : nullptr};
+}
+
+/// What unfolding needs to know of one location beside its factors.
+ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem& factors,
+                                 const Location& location) {
+  float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
+  if (!factors.listed) factors.record_edges(edges_y, edges_z);
+  ctessel::SenseProblem problem{.factors = factors,
+                                .folded = volume_of(d.folded, Dim::location, 0),
+                                .out_re = d.out.re,
+                                .out_im = d.out.im,
+                                .out_x = d.out.stride(Dim::x),
+                                .out_y = d.out.stride(Dim::y),
+                                .out_z = d.out.stride(Dim::z),
+                                .volumes = location.count(),
+                                .place = [=](int64_t volume) { return location.place(volume); },
+                                .noise = noise_of(d, factors, location.l)};
+  problem.lay_out(first_four(d.folded), d.full, edges_y, edges_z);
+  if (factors.listed) {
+    take_list(problem.y, factors.y);
+    take_list(problem.z, factors.z);
+  }
+  return problem;
+}
+
+void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
+  std::vector<int> y, z;
+  for (const auto& [dy, dz] : d.aliases) {
+    y.push_back(dy);
+    z.push_back(dz);
+  }
+  factors.list(y, z);
 }
 
 /// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
@@ -244,7 +227,6 @@ void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
     factors.noise = wants_noise(d);
     const Location location{d, l};
     ctessel::SenseProblem problem = problem_of(d, factors, location);
-    problem.noise = noise_of(d, factors, l);
     if (!d.out) problem.volumes = 0;
     if (l + 1 == locations && last_count >= 0) problem.volumes = last_count;
     ctessel::unfold_volumes(problem);

@@ -60,14 +60,12 @@ struct LineAllocator {
 template <class T>
 using LineVector = std::vector<T, LineAllocator<T>>;
 
-/// Full lines of every folded line along one axis, and its coordinate on the factor grid: none of its
-/// interpolation mixes both sides of a jump.
+/// Full lines of every folded line along one axis, and its coordinate on the factor grid.
 struct UnfoldAxis {
   int lines, room;
   std::vector<int> count, full;
   std::vector<float> coord;
 };
-UnfoldAxis list_lines(int folded_len, int full_len, int room, int factor_len, const float* edges);
 
 /// Full lines of listed aliases along an axis: those of the first folded line, then of the next.
 std::vector<int> listed_lines(int folded_len, int full_len, const std::vector<int>& offsets);
@@ -78,10 +76,6 @@ struct RowGrid {
   std::vector<double> fraction;
   bool regular;  // one factor sample per pixel
 };
-RowGrid row_grid(int folded_len, int factor_len);
-
-/// Largest alias count along an axis.
-int most_aliases(int full_len, int folded_len);
 
 /// Hands out the columns of a folded line's n aliases that `mask`, by alias and column, has in the
 /// object: put(alias, position, column, count) for runs of them. Position k begins at sample first(k) of

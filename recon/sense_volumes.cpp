@@ -151,7 +151,10 @@ double rest(const double* v, int64_t n) {
 struct Line {
   int64_t row = -1, last_use = 0;
   bool finite = true;
-  ctessel::LineVector<std::complex<double>> slots;
+  const std::complex<double>* first = nullptr;  // of slots that are `pitch` apart
+  int64_t pitch = 0;
+  ctessel::LineVector<std::complex<double>> own;
+  const std::complex<double>* slot(int64_t j) const { return first + j * pitch; }
 };
 
 /// Unfolds some columns x of all volumes.
@@ -173,7 +176,6 @@ class Tile {
         m_pitch_((width_ + kChunk - 1) / kChunk * kChunk),
         rows_(int64_t{f_.y.lines} * f_.z.lines),
         aligned_(is_aligned(p_.x, columns)),
-        lines_(f_, {first_, first_ + span_ + (wraps_ || (aligned_ && !between) ? 0 : 1)}),
         m_(size(2 * f_.slots() * m_pitch_)),
         u_(size(2 * f_.aliases() * width_)),
         v_(size(p_.folded.x == 1 ? 0 : 2 * f_.nc * width_)),
@@ -191,6 +193,8 @@ class Tile {
       high_.push_back(fraction);
     }
     window_.reserve(kWindow);
+    if (is_stored()) return;
+    lines_.emplace(f_, Range{first_, first_ + span_ + (wraps_ || (aligned_ && !between) ? 0 : 1)});
     if (wraps_ && between) past_.emplace(f_, Range{0, 1});
   }
 
@@ -199,20 +203,17 @@ class Tile {
     Line& line = new_line();
     for (int y = 0; y < p_.y.lines; ++y) {
       for (int z = 0; z < p_.z.lines; ++z) {
-        lines_.form(y, z, true, line.slots.data(), pitch_);
+        lines_->form(y, z, true, own_slots(line), pitch_);
         finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
       }
     }
-    return finite_ && lines_.finite();
+    return finite_ && lines_->finite();
   }
 
   /// False if a factor was not finite. A block of lines goes through all slices: what two slices of
   /// it need is kept.
   bool unfold_between() {
-    if (reads_next_slot() && past_) {
-      first_samples_.resize(size(f_.all_slots() + 1));
-      past_->form(0, 0, false, first_samples_.data(), 1);
-    }
+    if (reads_next_slot() && wraps_) find_first_samples();
     for (auto* row : {&low_row_, &high_row_, &row_}) row->resize(size(2 * pitch_));
     for (int y = 0; y < p_.y.lines; y += kBlock) {
       const int end = std::min(y + kBlock, p_.y.lines);
@@ -222,6 +223,9 @@ class Tile {
     }
     return finite_;
   }
+
+  /// Whether every position was in its volume and had a sample to unfold.
+  bool inside() const { return inside_; }
 
  private:
   static constexpr std::size_t kWindow = 4 * kBlock;
@@ -240,15 +244,11 @@ class Tile {
   bool reads_next_slot() const { return f_.y.lines == 1 && f_.z.lines > 1; }
 
   const double* slot(const Line& line, int64_t j) const {
-    return reinterpret_cast<const double*>(line.slots.data() + j * pitch_);
+    return reinterpret_cast<const double*>(line.slot(j));
   }
 
   Line& new_line() {
-    if (window_.size() < kWindow) {
-      window_.emplace_back();
-      window_.back().slots.resize(size(f_.all_slots() * pitch_));
-      return window_.back();
-    }
+    if (window_.size() < kWindow) return window_.emplace_back();
     return *std::min_element(window_.begin(), window_.end(),
                              [](const Line& a, const Line& b) { return a.last_use < b.last_use; });
   }
@@ -264,17 +264,62 @@ class Tile {
     Line& line = new_line();
     line.row = row;
     line.last_use = uses_;
-    std::fill(line.slots.begin(), line.slots.end(), 0.0);
-    form(row, lines_, line.slots.data(), pitch_);
-    if (past_ && row + 1 < rows_) form(row + 1, *past_, line.slots.data() + span_, pitch_);
-    line.finite = rest(slot(line, 0), static_cast<int64_t>(2 * line.slots.size())) == 0;
+    is_stored() ? find_stored(line) : form_line(line);
+    line.finite = true;
+    for (int64_t j = 0; j < f_.all_slots(); ++j)
+      line.finite &= rest(slot(line, j), 2 * pitch_) == 0;
     finite_ &= line.finite;
     return line;
+  }
+
+  std::complex<double>* own_slots(Line& line) const {
+    line.own.resize(size(f_.all_slots() * pitch_));
+    line.first = line.own.data();
+    line.pitch = pitch_;
+    return line.own.data();
+  }
+
+  void form_line(Line& line) {
+    std::complex<double>* slots = own_slots(line);
+    std::fill(line.own.begin(), line.own.end(), 0.0);
+    form(line.row, *lines_, slots, pitch_);
+    if (past_ && line.row + 1 < rows_) form(line.row + 1, *past_, slots + span_, pitch_);
   }
 
   void form(int64_t row, FactorLines& lines, std::complex<double>* out, int64_t pitch) const {
     lines.form(static_cast<int>(row % f_.y.lines), static_cast<int>(row / f_.y.lines), false, out,
                pitch);
+  }
+
+  /// Takes stored factors where they lie. Behind the last row comes nothing; edges that do not fit the
+  /// factors lead to rows past it.
+  void find_stored(Line& line) {
+    const int64_t at = f_.nx * line.row + first_;
+    if (line.row + 1 < rows_) {
+      line.first = f_.stored.data() + at;
+      line.pitch = f_.nx * rows_;
+      return;
+    }
+    std::complex<double>* slots = own_slots(line);
+    std::fill(line.own.begin(), line.own.end(), 0.0);
+    for (int64_t j = 0; j < f_.slots(); ++j) {
+      for (int64_t i = 0; i < (wraps_ ? span_ : pitch_); ++i)
+        slots[j * pitch_ + i] = stored(j, at + i);
+    }
+  }
+
+  bool is_stored() const { return f_.stored.data() != nullptr; }
+
+  /// A sample of a stored slot, 0 behind the last one.
+  std::complex<double> stored(int64_t j, int64_t at) const {
+    const std::size_t i = size(j * f_.nx * rows_ + at);
+    return i < f_.stored.size() ? f_.stored[i] : 0.0;
+  }
+
+  void find_first_samples() {
+    first_samples_.resize(size(f_.all_slots() + 1));
+    if (past_) past_->form(0, 0, false, first_samples_.data(), 1);
+    for (int64_t j = 0; is_stored() && j <= f_.slots(); ++j) first_samples_[size(j)] = stored(j, 0);
   }
 
   void unfold_line(int y, int z) {
@@ -336,7 +381,7 @@ class Tile {
       bool here = false;
       for (int64_t i = 0; i < width_; ++i) {
         const int64_t at = p_.x.nearest[size(x0_ + i)] - first_;
-        const bool there = nearest.slots[size(k * pitch_ + at)] != 0.0;
+        const bool there = nearest.slot(k)[at] != 0.0;
         mask_[size(k * width_ + i)] = there;
         here |= there;
       }
@@ -366,7 +411,7 @@ class Tile {
       narrow_slot(row(f_.slots() + f_.aliases() + k), finite, m + 2 * m_pitch_);
       write_noise(target(y, z, k), k, nearest);
     }
-    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, p_.place(p_.context, v), v == 0);
+    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, p_.place(v), v == 0);
   }
 
   void narrow_slot(const double* row, bool finite, float* out) const {
@@ -389,8 +434,7 @@ class Tile {
       deviations(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, psi, f_.nc, width_,
                  sd_.data());
     }
-    const std::complex<double>* slots =
-        nearest.slots.data() + (f_.slots() + f_.aliases() + k) * pitch_;
+    const std::complex<double>* slots = nearest.slot(f_.slots() + f_.aliases() + k);
     for (int64_t i = 0; i < width_; ++i) {
       if (!mask_[size(k * width_ + i)]) continue;
       const auto put = [&](const ctessel::NoiseImage& image, double value) {
@@ -408,6 +452,8 @@ class Tile {
   }
 
   void unfold_volume(int y, int z, const VolumePlace& place, bool look) {
+    inside_ &= coils_ > 0;
+    if (coils_ == 0) return;
     load_folded(place.in + x0_ * p_.folded.x + y * p_.folded.y + z * p_.folded.z);
     for (int64_t k = 0; k < n_; ++k) {
       if (!present_[size(k)]) continue;
@@ -454,7 +500,7 @@ class Tile {
           {p_.out_re + at, p_.out_im ? p_.out_im + at : nullptr,
            static_cast<std::ptrdiff_t>(p_.out_x), static_cast<std::ptrdiff_t>(count)});
     };
-    ctessel::deliver(n_, width_, place.room, mask_.data(), first, put);
+    inside_ &= ctessel::deliver(n_, width_, place.room, mask_.data(), first, put);
   }
 
   const SenseProblem& p_;
@@ -465,12 +511,11 @@ class Tile {
   const int64_t first_, span_;  // factor columns that the tile's columns span
   const bool wraps_;            // the column behind them is the next row's first
   const int64_t pitch_, m_pitch_, rows_;
-  const bool aligned_;  // pixels lie on the factors' columns
-  FactorLines lines_;
-  std::optional<FactorLines> past_;
+  const bool aligned_;                       // pixels lie on the factors' columns
+  std::optional<FactorLines> lines_, past_;  // where factors are formed
   std::vector<Line> window_;
   int64_t uses_ = 0, n_ = 0;  // n_: aliases of the line in work
-  bool finite_ = true;
+  bool finite_ = true, inside_ = true;
   std::vector<int> index_;
   ctessel::LineVector<double> low_, high_, low_row_, high_row_, row_;
   std::vector<std::complex<double>> first_samples_;  // of every slot
@@ -486,18 +531,21 @@ enum class Kind : unsigned char { kDirect, kBetween, kNotFinite };
 struct Done {
   int64_t end = 0;
   Kind kind = Kind::kDirect;
+  bool inside = true;
 };
 
 Done unfold_tile(const SenseProblem& p, Range columns, bool direct, bool own) {
   if (direct && Tile(p, columns, false, own).unfold_directly()) return {columns.end, Kind::kDirect};
-  const bool finite = Tile(p, columns, true, own).unfold_between();
-  return {columns.end, finite ? Kind::kBetween : Kind::kNotFinite};
+  Tile tile(p, columns, true, own);
+  const bool finite = tile.unfold_between();
+  return {columns.end, finite ? Kind::kBetween : Kind::kNotFinite, tile.inside()};
 }
 
 /// Columns whose samples, factors and narrowed factors fit the cache.
 int64_t tile_width(const SenseProblem& p) {
   const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
-  const double bytes = static_cast<double>(p.factors.slots()) * (24 * ratio + 8);
+  const double bytes =
+      static_cast<double>(std::max<int64_t>(p.factors.slots(), 1)) * (24 * ratio + 8);
   return std::clamp<int64_t>(static_cast<int64_t>(kCache / bytes) / kChunk * kChunk, kChunk, 256);
 }
 
@@ -528,7 +576,7 @@ std::vector<Range> beside_not_finite(const std::vector<Done>& tiles) {
 
 }  // namespace
 
-void ctessel::unfold_volumes(const SenseProblem& p) {
+bool ctessel::unfold_volumes(const SenseProblem& p) {
   const int64_t width = tile_width(p);
   const bool direct = needs_no_neighbours(p);
   const bool own =
@@ -548,4 +596,5 @@ void ctessel::unfold_volumes(const SenseProblem& p) {
       }
     });
   }
+  return std::ranges::all_of(tiles, &Done::inside);
 }

@@ -1,9 +1,10 @@
-// Factors of a strip of columns, formed line by line and applied to all volumes while they are in the
-// cache.
+// Factors of a strip of columns, formed or read line by line and applied to all volumes while they are
+// in the cache.
 #pragma once
 
 #include <complex>
 #include <cstdint>
+#include <functional>
 
 #include "factor_lines.h"
 
@@ -30,19 +31,22 @@ struct NoiseImages {
 struct SenseProblem {
   const FactorProblem& factors;
   Volume folded;
-  std::int64_t folded_coils, nx;
-  std::int64_t full_x, full_y;
   float *out_re, *out_im;
   std::int64_t out_x, out_y, out_z;  // steps
-  UnfoldAxis y, z;
-  RowGrid x;
-  std::int64_t volumes;
-  VolumePlace (*place)(const void* context, std::int64_t volume);
-  const void* context;
-  NoiseImages noise;
+  std::int64_t volumes = 1;
+  std::function<VolumePlace(std::int64_t volume)> place;
+  NoiseImages noise = {};
+  std::int64_t folded_coils = 0, nx = 0, full_x = 0, full_y = 0;
+  UnfoldAxis y = {}, z = {};
+  RowGrid x = {};
+
+  /// Sets extents, lines and columns.
+  void lay_out(const Eigen::VectorXi& fold, const Eigen::VectorXi& full, const float* edges_y,
+               const float* edges_z);
 };
 
-/// Unfolds all volumes: the bits of get_combination_factors and unfold.
-void unfold_volumes(const SenseProblem& problem);
+/// Unfolds all volumes, with the bits of get_combination_factors and unfold; false if a position fell
+/// outside of its volume.
+bool unfold_volumes(const SenseProblem& problem);
 
 }  // namespace ctessel
