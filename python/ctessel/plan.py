@@ -232,6 +232,8 @@ class Plan:
         options = asdict(replace(self.options, coefficients=None))
         del options["coefficients"], options["keep_maps"]
         options["maps"] = self.options.maps and printable(self.options.maps)
+        if not any(pattern.unfolds for pattern in self.patterns):
+            options["regularisation"] = 0.0
         return {
             "version": __version__,
             "options": options,
@@ -351,6 +353,7 @@ def plan(scan, options=None):
             *coil_choice.warnings(choice),
             *coverage.warnings(layout, turns),
             *grid.warnings,
+            *_coarser(options, grid, patterns[0]),
             *_unused(options, patterns),
         ),
         layout.selection,
@@ -517,9 +520,22 @@ def _check_maps(shape, options, patterns, slices):
         raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
 
 
+def _coarser(options, grid, pattern):
+    for name, voxels, lines in zip("xyz", grid.pixels, pattern.window):
+        if options.matrix is not None and voxels < lines:
+            yield (
+                f"matrix: along {name} the image has {voxels / lines:.2g} of the resolution that was measured; "
+                f"{round(grid.matrix['xyz'.index(name)] * lines / voxels)} voxels keep it"
+            )
+
+
 def _unused(options, patterns):
-    if options.maps is not None and not any(pattern.unfolds for pattern in patterns):
+    if any(pattern.unfolds for pattern in patterns):
+        return
+    if options.maps is not None:
         yield f"maps: all lines were measured, {printable(options.maps)} is not used"
+    if options.regularisation > 0:
+        yield f"regularisation: all lines were measured, strength {options.regularisation:g} is not used"
 
 
 # ---- Calibration ---------------------------------------------------------------------------------

@@ -380,3 +380,15 @@ def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):
     os.close(pty)
     assert "reconstructing" in told and "/12 " in told and "<" in told
     assert not subprocess.run(command, stderr=subprocess.PIPE, check=True).stderr
+
+
+def test_an_option_that_cannot_help_or_that_harms_is_said(tmp_path):
+    phantom.write(full := tmp_path / "full.h5", "full", size=32, coils=2)
+    recon(full, tmp_path / "i.nii", "--regularise", 1, "--pad", 32, 24, 1)
+    told = json.loads((tmp_path / "i.json").read_text())
+    assert told["Parameters"]["options"]["regularisation"] == 0
+    unused, coarse = sorted(told["Warnings"], reverse=True)
+    assert "strength 1 is not used" in unused
+    assert "along y the image has 0.75 of the resolution that was measured; 32 voxels keep it" in coarse
+    recon(full, tmp_path / "i.nii", "--pad", 64, 32, 1)
+    assert "Warnings" not in json.loads((tmp_path / "i.json").read_text())
