@@ -284,7 +284,7 @@ def partial(name, kspace):
         yield row
 
 
-DEFECTS = ["zeros", "noise alone", "30 times its noise"]
+DEFECTS = ["zeros", "noise only", "30 times its noise"]
 DEFECTIVE = 5
 
 

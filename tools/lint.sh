@@ -2,7 +2,7 @@
 # Checks of texts and sources that run nothing: shell scripts, spelling, Python, links, layers, formatting.
 #
 #   tools/lint.sh           seconds, part of ./test.sh
-#   tools/lint.sh --all     also the types of the Python package: a minute
+#   tools/lint.sh --all     also the types of the Python package, and clang-tidy: some minutes
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit 1
 [ ! -e .git ] || tools/install_packages.sh tools/packages.txt || exit 1
@@ -22,6 +22,13 @@ check() {  # NAME COMMAND...
   fi
 }
 files() { git ls-files -- "$@"; }
+tidy() {  # what the preset `default` compiles, without the flag that clang does not know
+  cmake --preset default -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null || return 1
+  mkdir -p build/tidy
+  sed 's/-fno-gnu-unique//' build/default/compile_commands.json >build/tidy/compile_commands.json
+  files 'recon/*.cpp' gateway/homodyne.cpp gateway/mexversion.cpp gateway/host/memory.cpp |
+    xargs -P "$(nproc)" -n 1 clang-tidy -p build/tidy --quiet --warnings-as-errors='*'
+}
 one_version() {  # CMake's is the one; these files cannot ask CMake
   local version
   version=$(sed -nE 's/^project\(cTessel VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
@@ -39,6 +46,7 @@ check 'shell scripts' shellcheck --severity=warning "${scripts[@]}"
 check spelling codespell --config tools/codespell.cfg "${texts[@]}"
 check Python /usr/bin/python3 -m flake8 --config tools/flake8.cfg "${python[@]}"
 check links /usr/bin/python3 tools/check_links.py
+check 'rows of the measured tables' /usr/bin/python3 tools/check_rows.py
 check layers tests/check_layers.sh .
 check 'one version' one_version
 
@@ -52,5 +60,11 @@ fi
 if [ "${1-}" = --all ]; then
   tools/install_packages.sh python/packages.txt
   check 'types of the Python package' mypy --config-file tools/mypy.ini python/ctessel
+  tools/install_packages.sh packages-all.txt
+  if clang-tidy --version | grep -q 'version 14\.'; then  # others have other checks
+    check 'clang-tidy' tidy
+  else
+    echo 'SKIPPED: clang-tidy 14, that of Debian 12, is not here'
+  fi
 fi
 exit $status
