@@ -2,6 +2,7 @@
 """Puts small faults into the code, one at a time, and shows which of them no test notices.
 
   tools/mutate.py --seed 7 --count 20 octave python        20 drawn from each of these
+  tools/mutate.py --seed 7 --count 60 --near kernels       with the tests of a fault's own file alone
   tools/mutate.py --count 5 recon/unfold.cpp               5 drawn from a file
   tools/mutate.py --fault recon/loops.h 'a < b' 'a <= b'   this one
 
@@ -13,6 +14,7 @@ its line: it lacks a test, or makes no difference. The same seed and commit give
 
 import argparse
 import filecmp
+import itertools
 import os
 import random
 import re
@@ -147,22 +149,27 @@ def python(file):
     package = next(environment.glob("lib/python3*/site-packages/ctessel"))
     put([*(modules / "python").glob("_*.so"), *(TREE / "python/ctessel").glob("*.py")], package)
     stem = Path(file).stem.strip("_")
-    tests = sorted((TREE / "python/tests").glob("test_*.py"),
-                   key=lambda t: (stem not in t.stem, not re.search(rf"\b{stem}\b", t.read_text()), t.name))
-    yield test(r"^(?:FAILED|ERROR) \S*?(test_\S+)", interpreter, "-m", "pytest", "-p", "no:cacheprovider", "-q", "-x",
-               "--timeout", "200", "-rfE", *tests)
+    others = sorted((TREE / "python/tests").glob("test_*.py"),
+                    key=lambda t: (not re.search(rf"\b{stem}\b", t.read_text()), t.name))
+    own = [t for t in others if stem in t.stem] or others[:3]
+    for tests in (own, [t for t in others if t not in own]):
+        yield test(r"^(?:FAILED|ERROR) \S*?(test_\S+)", interpreter, "-m", "pytest", "-p", "no:cacheprovider", "-q",
+                   "-x", "--timeout", "200", "-rfE", *tests)
 
 
-def ctest(preset, *which):
+def ctest(preset, *which, targets=("all",)):
     build("cmake", "--preset", preset, "-DCTESSEL_WERROR=OFF")
-    build("cmake", "--build", "--preset", preset, "-j1")
+    build("cmake", "--build", "--preset", preset, "-j1", "--target", *targets)
     return test(r"^\s+\d+ - (\w+) \(", "ctest", "--preset", preset, "-j1", "--timeout", "200", "--stop-on-failure",
                 "-E", "^(install|package)$", *which)  # of what is installed; minutes
 
 
 def kernels(file):
-    words = "|".join(w for w in re.split(r"[_.]", Path(file).stem) if len(w) > 3)
-    yield ctest("default", "-R", f"random|{words or 'sense'}")
+    words = [w for w in re.split(r"[_.]", Path(file).stem) if len(w) > 3] or ["sense"]
+    own = [t.stem for w in words for t in (TREE / "tests").glob(f"test_*{w}*.cpp")] or ["test_sense"]
+    fuzz = [f"random_{name}" for name in ("gateway", "geometry", "kernels", "sense")]
+    yield ctest("default", "-R", "^({})$".format("|".join(t.removeprefix("test_") for t in own + fuzz)),
+                targets=own + fuzz)
     yield ctest("default")
     if "gateway" in file or "homodyne" in file:
         yield ctest("mex32")
@@ -173,19 +180,19 @@ def kernels(file):
 TESTS = {"octave": octave, "python": python, "bindings": python, "kernels": kernels}
 
 
-def caught_by(name, file):
+def caught_by(name, file, near):
     try:
-        return next((by for by in TESTS[name](file) if by), None)
+        return next((by for by in itertools.islice(TESTS[name](file), 1 if near else None) if by), None)
     except NotBuilt:
         return "not built"
 
 
-def attempt(fault, name):
+def attempt(fault, name, near):
     path = TREE / fault.file
     before = path.read_text()
     path.write_text(fault.text)
     try:
-        return caught_by(name, fault.file)
+        return caught_by(name, fault.file, near)
     finally:
         path.write_text(before)
 
@@ -201,11 +208,11 @@ def clone():
     return commit
 
 
-def require_passing(name, file, commit):
+def require_passing(name, file, commit, near):
     """Only where all tests pass does a failure tell anything."""
-    passed = TREE.parent / f"passed-{name}-{commit}"
+    passed = TREE.parent / f"passed-{name}-{Path(file).stem if near else 'all'}-{commit}"
     if not passed.exists():
-        by = caught_by(name, file)
+        by = caught_by(name, file, near)
         if by:
             sys.exit(f"without a fault: {by}; see {LOG}")
         passed.touch()
@@ -235,6 +242,7 @@ def arguments():
     parser.add_argument("--count", type=int, default=10, help="faults drawn from each set or file")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--from", type=int, default=1, dest="first", help="begin with this one of those drawn")
+    parser.add_argument("--near", action="store_true", help="run the tests that bear the file's name alone")
     parser.add_argument("--fault", nargs=3, metavar=("FILE", "OLD", "NEW"))
     return parser.parse_args()
 
@@ -254,8 +262,8 @@ def main():
     outcomes = []
     for number, fault in enumerate(faults[options.first - 1:], options.first):
         name = set_of(fault.file)
-        require_passing(name, fault.file, commit)
-        by = attempt(fault, name)
+        require_passing(name, fault.file, commit, options.near)
+        by = attempt(fault, name, options.near)
         outcomes.append(by if by in (None, "not built") else "caught")
         print(f"{number:3} {fault.file}:{fault.line} {fault.name}: {by or 'SURVIVED'}\n"
               f"      - {fault.before}\n      + {fault.after}", flush=True)
