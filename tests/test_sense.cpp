@@ -82,6 +82,18 @@ struct Scene {
     return get_combination_factors(re.data(), im.data(), maps, psi, R, setup.lambda, reference, out,
                                    folded, full, edges_y.data(), edges_z.data());
   }
+  /// The second step, and both, without an array of the noise or of the regularisation.
+  int unfolded(Eigen::VectorXcd& f, float* out_re, float* out_im) {
+    return unfold(fold_re.data(), fold_im.data(), folded, f, factor_dims, maps, full,
+                  edges_y.data(), edges_z.data(), out_re, out_im);
+  }
+  int recon(float* out_re, float* out_im, int volumes = 1, int out_volumes = 1) {
+    int fold[] = {folded[0], folded[1], folded[2], folded[3], volumes}, none[] = {1};
+    int out[] = {full[0], full[1], full[2], 1, out_volumes}, coils[] = {maps[3], maps[3]};
+    return TS_sense_recon(fold_re.data(), fold_im.data(), 5, fold, re.data(), im.data(), 4,
+                          maps.data(), nullptr, nullptr, 2, coils, full.data(), nullptr, nullptr, 1,
+                          none, nullptr, nullptr, 1, none, 1, out_re, out_im, out);
+  }
 
   Setup setup;
   Random random;
@@ -181,15 +193,6 @@ TEST_CASE("Without imaginary parts of the maps no alias is included", "[sense]")
   CHECK(f.isZero(0));
 }
 
-TEST_CASE("Singular matrices give non-finite factors", "[sense]") {
-  Scene s({{3, 4, 1, 2}, {3, 1, 1}, {3, 4, 1}, false});  // four aliases, two coils
-  Eigen::VectorXcd f = s.fresh_factors();
-  std::fill(s.im.begin(), s.im.end(), 0.0f);
-  std::fill(s.re.begin(), s.re.end(), 1.0f);
-  CHECK(s.factors(f) == 1);
-  for (const Complex& z : f) CHECK(!std::isfinite(std::abs(z)));
-}
-
 TEST_CASE("Aliases with equal sensitivities leave no finite factor", "[sense]") {
   CAPTURE(run_seed());
   for (const bool correlated : {false, true}) {
@@ -210,8 +213,7 @@ TEST_CASE("Aliases with equal sensitivities leave no finite factor", "[sense]") 
       }
       CHECK(finite == 0);
       std::vector<float> out_re(row, 3.0f), out_im(out_re);
-      unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
-             s.edges_y.data(), s.edges_z.data(), out_re.data(), out_im.data());
+      s.unfolded(f, out_re.data(), out_im.data());
       for (const auto& out : {out_re, out_im})
         for (int x = 0; x < kColumns; ++x) CHECK((std::isnan(out[x]) && std::isnan(out[x + last])));
     }
@@ -266,8 +268,7 @@ TEST_CASE("Coils are added up one after the other, in double for factors and in 
     u_im += m.real() * s.fold_im[c] + m.imag() * s.fold_re[c];
   }
   float re = 0, im = 0;
-  unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
-         s.edges_y.data(), s.edges_z.data(), &re, &im);
+  s.unfolded(f, &re, &im);
   CHECK((re == u_re && im == u_im));
 }
 
@@ -324,17 +325,13 @@ TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") 
     s.factors(f);
     const int pixels = kColumns * 8;
     std::vector<float> want_re(pixels), want_im(pixels);
-    unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
-           s.edges_y.data(), s.edges_z.data(), want_re.data(), want_im.data());
+    s.unfolded(f, want_re.data(), want_im.data());
     const int lost = static_cast<int>(
         std::count_if(want_re.begin(), want_re.end(), [](float v) { return std::isnan(v); }));
     CHECK(lost == (singular < 0 ? 0 : singular == 0 ? 6 : 8));  // column 0 follows the last one
     with_thread_counts([&] {
-      int fold[] = {kColumns, 4, 1, 3}, out[] = {kColumns, 8, 1, 1}, psi[] = {3, 3};
       Guarded<float> re(pixels, 0.0f), im(pixels, 0.0f);
-      CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
-                           s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
-                           1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+      CHECK(s.recon(re.data(), im.data()) == 1);
       int differ = 0;
       for (int i = 0; i < pixels; ++i) {
         differ += !same(re.values()[i], want_re[i]) || !same(im.values()[i], want_im[i]);
@@ -348,11 +345,8 @@ TEST_CASE("The driver has the bits of its steps across tiles", "[sense_recon]") 
 TEST_CASE("A column of maps behind that of the image takes part with weight 0", "[sense_recon]") {
   Scene s({{2, 8, 1, 3}, {1, 4, 1}, {1, 8, 1}, false});
   for (std::size_t i = 1; i < s.re.size(); i += 2) s.re[i] = NAN;
-  int fold[] = {1, 4, 1, 3}, out[] = {1, 8, 1, 1}, psi[] = {3, 3};
   std::vector<float> re(8), im(8);
-  CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
-                       s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr, 1,
-                       out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+  CHECK(s.recon(re.data(), im.data()) == 1);
   CHECK(std::all_of(re.begin(), re.end(), [](float v) { return std::isnan(v); }));
 }
 
@@ -363,15 +357,11 @@ TEST_CASE("What is not finite spreads to the left as far as without tiles", "[se
   Eigen::VectorXcd f = Eigen::VectorXcd::Zero(s.factor_dims.prod());
   s.factors(f);
   std::vector<float> want_re(6), want_im(6);
-  unfold(s.fold_re.data(), s.fold_im.data(), s.folded, f, s.factor_dims, s.maps, s.full,
-         s.edges_y.data(), s.edges_z.data(), want_re.data(), want_im.data());
+  s.unfolded(f, want_re.data(), want_im.data());
   CHECK(std::count_if(want_re.begin(), want_re.end(), [](float v) { return std::isnan(v); }) > 2);
   with_thread_counts([&] {
-    int fold[] = {kColumns, 2, 1, 1}, out[] = {kColumns, 2, 1, 1}, psi[] = {1, 1};
     std::vector<float> re(6), im(6);
-    CHECK(TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
-                         s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
-                         1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+    CHECK(s.recon(re.data(), im.data()) == 1);
     for (std::size_t i = 0; i < 6; ++i) CHECK((same(re[i], want_re[i]) && same(im[i], want_im[i])));
   });
 }
@@ -383,16 +373,12 @@ TEST_CASE("Coils that lack a folded image or a map take no part, and nothing els
   s.factors(f);
   for (int coils : {2, 4}) {
     CAPTURE(coils);
-    std::vector<float> in_re(s.fold_re), in_im(s.fold_im), want_re(64), want_im(64), re(64), im(64);
-    in_re.resize(static_cast<std::size_t>(32 * coils), 1.0f);
-    in_im.resize(in_re.size(), 1.0f);
+    std::vector<float> want_re(64), want_im(64), re(64), im(64);
+    for (auto* part : {&s.fold_re, &s.fold_im}) part->resize(32 * coils, 1.0f);
     s.folded[3] = std::min(coils, 3);
-    unfold(in_re.data(), in_im.data(), s.folded, f, s.factor_dims, s.maps, s.full, s.edges_y.data(),
-           s.edges_z.data(), want_re.data(), want_im.data());
-    int fold[] = {8, 4, 1, coils}, out[] = {8, 8, 1, 1}, psi[] = {3, 3};
-    CHECK(TS_sense_recon(in_re.data(), in_im.data(), 4, fold, s.re.data(), s.im.data(), 4,
-                         s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
-                         1, out, nullptr, nullptr, 1, out, 1, re.data(), im.data(), out) == 1);
+    s.unfolded(f, want_re.data(), want_im.data());
+    s.folded[3] = coils;
+    CHECK(s.recon(re.data(), im.data()) == 1);
     CHECK(differences(re, want_re) == "");
     CHECK(differences(im, want_im) == "");
   }
@@ -464,64 +450,15 @@ TEST_CASE("sense takes samples as they lie, with the bits of TS_sense_recon", "[
       std::invalid_argument);
 }
 
-TEST_CASE("A mask holds for each voxel alone", "[sense_recon]") {
-  CAPTURE(run_seed());
-  Random random(3);
-  constexpr int kX = 20, kY = 12, kPixels = kX * kY;
-  Scene s({{kX, kY, 1, 4}, {kX, 4, 1}, {kX, kY, 1}, false});
-  std::vector<float> mask(kPixels), re(kPixels, 9.0f), im(re);
-  for (float& m : mask) m = random.integer(0, 2) > 0;
-  const ctessel::Extents maps = {kX, kY, 1, 4}, fold = {kX, 4, 1, 4}, image = {kX, kY, 1};
-  const auto view = [](const std::vector<float>& a, const std::vector<float>& b,
-                       const ctessel::Extents& n) {
-    return ctessel::ConstSamples::parts(a.data(), b.data(), n);
-  };
-  ctessel::SenseOptions options;
-  options.mask = ctessel::ConstSamples::parts(mask.data(), nullptr, image);
-  ctessel::sense(view(s.fold_re, s.fold_im, fold), view(s.re, s.im, maps), {kX, kY, 1},
-                 ctessel::Samples::parts(re.data(), im.data(), image), options);
-  for (int i = 0; i < kPixels; ++i) CHECK((re[i] == 9) == (mask[i] == 0));
-  for (int x = 0; x < kX; ++x) {
-    for (int line = 0; line < 4; ++line) {  // line 0 is that of rows 0, 4 and 8
-      std::vector<int> rows;
-      for (int y = line; y < kY; y += 4)
-        if (mask[x + kX * y] != 0) rows.push_back(y);
-      if (rows.empty()) continue;
-      Eigen::MatrixXcd S(4, rows.size());
-      Eigen::VectorXcd v(4);
-      for (int c = 0; c < 4; ++c) {
-        const int at = x + kX * (line + 4 * c);
-        v[c] = {s.fold_re[at], s.fold_im[at]};
-        for (std::size_t k = 0; k < rows.size(); ++k) {
-          const int sample = x + kX * (rows[k] + kY * c);
-          S(c, k) = {s.re[sample], s.im[sample]};
-        }
-      }
-      const Eigen::VectorXcd u = S.colPivHouseholderQr().solve(v);
-      for (std::size_t k = 0; k < rows.size(); ++k) {
-        const Complex got(re[x + kX * rows[k]], im[x + kX * rows[k]]);
-        CHECK(std::abs(got - u[k]) < 1e-3 * (1 + u.norm()));
-      }
-    }
-  }
-}
-
 TEST_CASE("A volume that starts past the end of the output ends the run with -1", "[sense_recon]") {
   Scene s({{8, 8, 1, 3}, {8, 4, 1}, {8, 8, 1}, false});
   for (auto* part : {&s.fold_re, &s.fold_im}) part->resize(3 * 96, 0.5f);
-  int fold[] = {8, 4, 1, 3, 3}, psi[] = {3, 3}, none[] = {1};
-  const auto run = [&](int volumes, std::vector<float>& re, std::vector<float>& im) {
-    int out[] = {8, 8, 1, 1, volumes};
-    return TS_sense_recon(s.fold_re.data(), s.fold_im.data(), 5, fold, s.re.data(), s.im.data(), 4,
-                          s.maps.data(), nullptr, nullptr, 2, psi, s.full.data(), nullptr, nullptr,
-                          1, none, nullptr, nullptr, 1, none, 1, re.data(), im.data(), out);
-  };
   std::vector<float> want_re(192), want_im(192);
-  CHECK(run(3, want_re, want_im) == 1);
+  CHECK(s.recon(want_re.data(), want_im.data(), 3, 3) == 1);
   for (int volumes : {2, 1, 0}) {
     CAPTURE(volumes);
     std::vector<float> re(192), im(192);
-    CHECK(run(volumes, re, im) == -1);
+    CHECK(s.recon(re.data(), im.data(), 3, volumes) == -1);
     for (int v = 64 * volumes; v < 192; ++v) want_re[v] = want_im[v] = 0;
     CHECK(differences(re, want_re) == "");
     CHECK(differences(im, want_im) == "");
