@@ -154,13 +154,13 @@ def python(file):
     own = [t for t in others if stem in t.stem] or others[:3]
     for tests in (own, [t for t in others if t not in own]):
         yield test(r"^(?:FAILED|ERROR) \S*?(test_\S+)", interpreter, "-m", "pytest", "-p", "no:cacheprovider", "-q",
-                   "-x", "--timeout", "200", "-rfE", *tests)
+                   "-x", "--timeout", "600", "-rfE", *tests)
 
 
 def ctest(preset, *which, targets=("all",)):
     build("cmake", "--preset", preset, "-DCTESSEL_WERROR=OFF")
     build("cmake", "--build", "--preset", preset, "-j1", "--target", *targets)
-    return test(r"^\s+\d+ - (\w+) \(", "ctest", "--preset", preset, "-j1", "--timeout", "200", "--stop-on-failure",
+    return test(r"^\s+\d+ - (\w+) \(", "ctest", "--preset", preset, "-j1", "--timeout", "600", "--stop-on-failure",
                 "-E", "^(install|package)$", *which)  # of what is installed; minutes
 
 
