@@ -83,7 +83,7 @@ def run(*command, limit=1800):
     """Whether a command succeeds in time. Its output is in the log."""
     with open(LOG, "w") as log:
         job = subprocess.Popen(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL, cwd=TREE,
-                               start_new_session=True)
+                               process_group=0)
         try:
             return job.wait(limit) == 0
         except subprocess.TimeoutExpired:
