@@ -4,7 +4,7 @@ from collections.abc import Sequence
 
 import numpy as np
 from numpy.typing import ArrayLike, NDArray
-from scipy import ndimage
+from scipy import ndimage, special
 
 from . import homodyne
 from ._arrays import ringing_filter, zero_pad
@@ -15,6 +15,8 @@ from ._helpers import sa
 from ._sense import sense_recon
 from .sampling import alias_offsets, fold_lines, shifted_axis, shifts
 
+#: Share of the voxels that are taken for noise alone.
+DARK = 0.05
 #: Readout samples of the calibration that sensitivities need, whatever the lines.
 WINDOW_LINES = 24
 #: Eigenvalue of a voxel from which on it is inside of the object.
@@ -291,7 +293,7 @@ def damping(calibration, inside, weighted=False, threads=None):
     ----------
     calibration : ndarray of complex64, ``(x, y, z, coil)``
         Its lines. Without a noise scan the noise is at most what the ends of their readouts hold, and
-        what the darkest voxels show.
+        what the darkest voxels show, where the coils' mean power is the lower tail of its distribution.
     inside : ndarray
         Values of the image in the object.
     weighted : bool, optional
@@ -305,7 +307,9 @@ def damping(calibration, inside, weighted=False, threads=None):
         ends = max(1, len(calibration) // 16)
         outer = np.mean(np.abs(np.concatenate([calibration[:ends], calibration[-ends:]])) ** 2)
         image = to_image(calibration, threads=threads)
-        noise = min(outer, np.percentile(np.mean(np.abs(image) ** 2, 3), 5))
+        coils = calibration.shape[3]
+        tail = special.gammaincinv(coils, DARK) / coils
+        noise = min(outer, np.quantile(np.mean(np.abs(image) ** 2, 3), DARK) / tail)
     return float(noise / power) if power > 0 else 0.0
 
 

@@ -9,7 +9,7 @@ import pytest
 from conftest import random_complex, same_bits
 from scans import lines, scan, shifted
 
-from ctessel import cli, noise, phantom, pipeline, raw
+from ctessel import cli, noise, phantom, pipeline, raw, steps
 from ctessel.scan import Scan
 
 REPETITIONS = 60
@@ -131,3 +131,10 @@ def test_the_command_says_the_unit(tmp_path, capsys):
     np.testing.assert_allclose(image[snr > 0], snr[snr > 0], rtol=1e-5)
     assert cli.main(["recon", f"{tmp_path / 's.h5'}", "-o", f"{name}", "--units", "snr", "--no-noise"]) == cli.DEFECT
     assert "units: those of the noise's standard deviation need a noise scan" in capsys.readouterr().err
+
+
+@pytest.mark.parametrize("coils", [1, 4, 16])
+def test_noise_is_found_in_the_calibration(coils):
+    image = random_complex((64, 64, 1, coils))  # of variance 2
+    image[28:36, 28:36] += 100
+    assert steps.damping(pipeline.to_kspace(image), np.full(9, 10)) == pytest.approx(2 / 100, rel=0.2)
