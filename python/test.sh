@@ -9,4 +9,5 @@ environment=$(tools/python_environment.sh)
 mkdir -p build/python/run
 tests=$PWD/python/tests
 cd build/python/run
+export OMP_WAIT_POLICY=passive  # threads of two processes that spin would hold each other up
 exec "$environment/bin/python" -m pytest -p no:cacheprovider -q -rfEs --timeout 600 -n 2 --dist loadfile "$tests" "$@"
