@@ -1,29 +1,29 @@
 """Reconstruction kernels for magnetic-resonance imaging, on NumPy arrays.
 
-Arrays are indexed ``data[x, y, z, coil, ...]``, whatever their order in memory: C order, Fortran
-order, slices and negative strides all give the same numbers. Samples are complex64 or float32, used
-where they lie. What else NumPy makes numbers of (complex128, float64, integers, lists) is converted
-to them once; ``out=`` and ``inplace=`` need the types themselves, and masked arrays are refused. On
-a centred axis of N samples the zero frequency lies at index ``N // 2``.
+Arrays are indexed ``data[x, y, z, coil, ...]``. Their order in memory does not matter: C order,
+Fortran order, slices and negative strides give the same numbers. Arrays of complex64 and float32 are
+used without a copy. Other numbers (complex128, float64, integers, lists) are converted once. ``out=``
+and ``inplace=`` need complex64 or float32. Masked arrays are refused. On a centred axis of N samples
+the zero frequency is at index ``N // 2``.
 
-Nothing changes its input unless ``inplace=True`` or ``out=`` says so. New arrays lie in memory in the
-order of the data; the result of SENSE is in Fortran order (first axis fastest).
+Functions do not change their input unless ``inplace=True`` or ``out=`` is given. New arrays have the
+memory order of the data. The result of SENSE has Fortran order (first axis fastest).
 
-Beyond arguments, result and a conversion a call needs a few percent of its data. The exceptions are
-shifts in place of arrays with gaps (one entry of an axis that is not shifted, or a copy where there
-is none) and `homodyne.multiply` with a low-resolution image that has gaps (a copy of that).
+In addition to arguments, result and conversions, a call needs memory for a few percent of its data.
+There are two exceptions. A shift in place of an array with gaps needs one entry of an axis that is not
+shifted, or a copy if all axes are shifted. `homodyne.multiply` copies a low-resolution image with gaps.
 
-``threads=`` bounds the threads of one call, by default the OpenMP runtime's number; little data get
-one. Results are the same bits for every number. The interpreter's lock is released while kernels
-run. Processes may be forked between calls. Threads wait for each other awake for some 50 microseconds,
-unless OMP_WAIT_POLICY or GOMP_SPINCOUNT say otherwise.
+``threads=`` limits the threads of a call. The default is the number of the OpenMP runtime. Small data
+use one thread. Results have the same bits for every number of threads. The interpreter's lock is
+released while kernels run. Processes may fork between calls. Waiting threads spin for about 50
+microseconds and then sleep, unless OMP_WAIT_POLICY or GOMP_SPINCOUNT is set.
 
-Submodules for whole scans, which need SciPy: `raw` reads ISMRMRD files, `pipeline` has the steps from
-k-space to image, `nifti` writes images, `phantom` makes test data, `dask` works on clusters. The
-command ``ctessel`` puts them together.
+These submodules handle whole scans and need SciPy: `raw` reads ISMRMRD files, `pipeline` has the steps
+from k-space to image, `nifti` writes images, `phantom` makes test data, and `dask` works on clusters.
+The command ``ctessel`` combines them.
 
-Wrong arguments raise ``ValueError`` or ``TypeError`` with a message that names the argument, what
-was expected and what was got.
+Wrong arguments raise ``ValueError`` or ``TypeError``. The message names the argument, what was
+expected, and what it got.
 """
 
 import importlib
@@ -32,7 +32,7 @@ import sys
 from typing import TYPE_CHECKING
 
 if any(os.path.basename(word) == "ctessel" for word in sys.orig_argv):
-    # The command multiplies small matrices alone; for the threads of BLAS 128 MiB would be set aside.
+    # The command multiplies only small matrices; the threads of BLAS would reserve 128 MiB.
     os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
 
 from . import runtime
@@ -70,7 +70,7 @@ else:
             raise AttributeError(f"module 'ctessel' has no attribute {name!r}")
         return getattr(importlib.import_module("." + _NEED_SCIPY[name], __name__), name)
 
-# A forked child would wait for threads that it does not have.
+# A forked child has no threads, and would wait for them.
 os.register_at_fork(before=release_threads)
 
 __all__ = [
@@ -106,4 +106,4 @@ __all__ = [
     "to_kspace",
     "unfolded_positions",
     "zero_pad",
-]  # without round: a star import is not to hide the built-in function
+]  # without round: a star import must not hide the built-in function

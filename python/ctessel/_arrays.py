@@ -35,11 +35,11 @@ def fftshift(
     Returns
     -------
     ndarray
-        Shifted array; new ones lie in memory in the order of `data`. Values are moved bit by bit.
+        Shifted array; a new one has the memory order of `data`. Bits of values do not change.
 
     See Also
     --------
-    ifftshift : undoes it, for odd extents as well.
+    ifftshift : the inverse, for even and odd extents.
 
     Examples
     --------
@@ -60,7 +60,7 @@ def ifftshift(
 ) -> NDArray[Any]:
     """Move the centre of each axis, index ``N // 2``, to its first sample.
 
-    Parameters and result are those of `fftshift`, which this function undoes.
+    The inverse of `fftshift`, with the same parameters and result.
 
     Examples
     --------
@@ -90,8 +90,8 @@ def zero_pad(
     shape : sequence of int
         New extents of the first one, two or three axes, none smaller than before.
     out : ndarray, optional
-        Array of the padded shape for the result; what it holds is overwritten, by zeros around the
-        data. It must not overlap `data`.
+        Array of the padded shape for the result. It is overwritten, with zeros around the data. It must
+        not overlap `data`.
     threads : int, optional
         Threads of this call.
 
@@ -118,13 +118,12 @@ def ringing_filter(
     inplace: bool = False,
     threads: int | None = None,
 ) -> NDArray[Any]:
-    """Weigh centred k-space with a cosine window against truncation (Gibbs) ringing.
+    """Multiply centred k-space by a cosine window against truncation (Gibbs) ringing.
 
     Along each of the first three axes the weight is ``0.54 + 0.46 cos(2 pi j / L)``, j counted
     from the centre ``N // 2``, with L such that the weight at ``j = width / 2`` is
-    ``1 - strength``; samples outside the central `width` become 0, and an even window
-    ends a sample earlier on the positive side. Strength 0.915 is close to a
-    full Hamming window.
+    ``1 - strength``. Samples outside the central `width` become 0. An even window ends a sample earlier
+    on the positive side. Strength 0.915 is close to a full Hamming window.
 
     Parameters
     ----------

@@ -29,9 +29,9 @@ def sos(
     Returns
     -------
     ndarray of float32
-        Magnitude, in the shape of `data` without the coils' axis. The sum runs over the coils in
-        order and is rounded to single precision at every step: it leaves the range of float32, and
-        the magnitude is infinite, where it passes 3.4e38. Scale samples from 1e18 on down first.
+        Magnitude, in the shape of `data` without the coils' axis. The sum runs over the coils in order and
+        is rounded to single precision at every step. If it exceeds 3.4e38, the range of float32, the
+        magnitude is infinite. Scale samples above 1e18 down first.
 
     References
     ----------
@@ -50,7 +50,7 @@ def pcsos(
     """Combine coil images by the root of their sum of squares, with a phase.
 
     The phase is that of the sum of the coil images, each weighted with its magnitude averaged over
-    the tenth axis (repetitions, say), so that all images along that axis are combined alike.
+    the tenth axis (for example repetitions), so that all images along that axis get the same weights.
 
     Parameters
     ----------

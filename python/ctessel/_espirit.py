@@ -13,7 +13,7 @@ def espirit(
     eigenvalue=False,
     threads=None,
 ):
-    """Coil sensitivities from fully measured k-space around its centre (ESPIRiT, one set of maps).
+    """Coil sensitivities from fully sampled k-space around its centre (ESPIRiT, one set of maps).
 
     Parameters
     ----------

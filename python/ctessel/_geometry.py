@@ -20,10 +20,10 @@ def geometry_correction(
     *,
     threads: int | None = None,
 ) -> tuple[NDArray[np.float32], NDArray[np.float32], NDArray[np.float32]]:
-    """Where non-linear gradients place points.
+    """Positions at which non-linear gradients encode points.
 
     The field of each gradient axis is a sum of solid spherical harmonics, normalised by its linear
-    term: perfectly linear gradients return the points themselves.
+    term. Linear gradients return the points unchanged.
 
     Parameters
     ----------

@@ -56,11 +56,11 @@ def _header(root, encoding):
         te=_times(root, "TE"),
         protocol=_text(root, "measurementInformation/protocolName", ""),
         patient_position=_text(root, "measurementInformation/patientPosition", ""),
-        **_told(root),
+        **_stated(root),
     )
 
 
-def _told(root):
+def _stated(root):
     """What images are labelled with. They do not depend on it, so what is wrong there is left out."""
     system = "acquisitionSystemInformation"
     scanner = {

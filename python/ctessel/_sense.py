@@ -40,32 +40,31 @@ def sense_recon(
         Sensitivities, ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, at the resolution of the
         unfolded image or a lower one. A coil-0 real part of exactly 0 marks a voxel as empty.
     psi : array_like, optional
-        Noise covariance, ``(coil, coil)``, Hermitian, no eigenvalue 0. By default the identity. Any unit without regularisation;
-        with it, ``psi[c, c]`` is the mean squared magnitude of the noise in `folded`: ``k * psi``
-        regularises as ``1 / k`` of the weight.
+        Noise covariance, ``(coil, coil)``, Hermitian, without an eigenvalue 0. By default the identity.
+        Without regularisation its unit does not matter. With regularisation, ``psi[c, c]`` is the mean
+        squared magnitude of the noise in `folded`: ``k * psi`` acts like ``1 / k`` of the weight.
     full_size : sequence of 3 int, optional
         Unfolded extents along x, y, z: that of `folded` along x, at least those of `folded` along
         y and z; the quotients need not be whole. By default the extents of `sens` along y and z.
     ref, reg : array_like, complex or real, optional
-        Both together switch on regularisation: `reg` is an image on the grid of `sens`,
-        ``(x, y, z[, location])``, whose squared magnitude is the expected signal power; the weight
-        follows from the level of `folded` against that of the reference image `ref`.
+        Give both to switch on regularisation. `reg` is an image on the grid of `sens`,
+        ``(x, y, z[, location])``; its squared magnitude is the expected signal power. The weight
+        follows from the intensity of `folded` relative to that of the reference image `ref`.
     scale : float, optional
-        Divisor of the folded level in that weight; not 0.
+        Divisor of the folded intensity in that weight; not 0.
     weight : float, optional
         The weight itself, above 0, instead of `ref` and `scale`: ``R`` has ``1 / (|reg|^2 weight)`` on its
         diagonal, 0 where `reg` is 0.
     mask : array_like, real or bool, optional
-        ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object, each
-        for itself. By default coil 0 says so, and from the first voxel of a column along y on all
-        others count as well.
+        ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object. Each voxel
+        counts by itself. By default, coil 0 marks the first voxel of a column along y, and all
+        later voxels of that column count as well.
     aliases : sequence of two int each, optional
-        Where the voxels lie that alias, for lines on a lattice that is no product of y and z
-        (CAIPIRINHA): offsets along y and z in unfolded voxels, the same for every folded voxel and
-        round the edges of the image. Alias k of folded voxel (y, z) is voxel
-        ``(y + (Y - y_folded + 1) // 2 + aliases[k][0]) % Y``, and so on along z. Every voxel must be
-        met once, and `sens` must have the extents of the image along y and z. By default the voxels
-        that are multiples of the folded extents away along y and along z.
+        Which voxels alias, for sampling patterns that are not a product of y and z (CAIPIRINHA): offsets
+        along y and z in unfolded voxels, the same for every folded voxel and cyclic. Alias k of folded
+        voxel (y, z) is voxel ``(y + (Y - y_folded + 1) // 2 + aliases[k][0]) % Y``, and so on along z.
+        Every voxel must occur exactly once, and `sens` must have the extents of the image along y and z.
+        By default the aliases are multiples of the folded extents away along y and along z.
     out : ndarray of complex64, optional
         Array of the result's shape, overwritten. It must not overlap the other arrays.
     threads : int, optional
@@ -74,13 +73,13 @@ def sense_recon(
     Returns
     -------
     ndarray of complex64
-        Unfolded image, ``full_size`` and then the axes of `folded` behind its coils; 0 where no
-        sensitivity is known.
+        Unfolded image: ``full_size``, then the axes of `folded` after the coils. 0 where no sensitivity is
+        known.
 
     Raises
     ------
     ValueError
-        Extents that do not fit each other, by the argument's name.
+        Extents do not fit each other. The message names the argument.
 
     Notes
     -----
@@ -148,11 +147,11 @@ def sense_noise(
     response: bool = False,
     threads: int | None = None,
 ) -> tuple[_Image, ...]:
-    """What unfolding makes of noise: g-factor, standard deviation and condition of each voxel.
+    """Noise after unfolding: g-factor, standard deviation and condition of each voxel.
 
     With the sensitivities S of the voxels that alias, ``A = S^H Psi^-1 S`` and the factors
     ``U = (A + R)^-1 S^H Psi^-1`` that `sense_recon` applies, ``sd = sqrt([U Psi U^H]_ii)`` and
-    ``g = sd sqrt(A_ii)``. Nothing is drawn at random.
+    ``g = sd sqrt(A_ii)``. These formulas are evaluated; no random numbers are used.
 
     Parameters
     ----------
@@ -180,17 +179,17 @@ def sense_noise(
     Returns
     -------
     g : ndarray of float32, ``(X, Y, Z[, location])``
-        Noise of the voxel over that without its aliases; at least 1 without regularisation.
+        Noise of the voxel, divided by its noise without aliases; at least 1 without regularisation.
     sd : ndarray of float32
-        Standard deviation of the complex value, in the unit of the folded images if `psi` has it;
-        that of the real and of the imaginary part is ``1 / sqrt(2)`` of it.
+        Standard deviation of the complex value, in the unit of the folded images if `psi` has it. The
+        real and the imaginary part each have ``1 / sqrt(2)`` of it.
     condition : ndarray of float32
         Largest over smallest eigenvalue of A, at most ``2**52``.
     response : ndarray of float32
-        If asked for: ``Re [U S]_ii``, the level that regularisation leaves of the voxel, else 1.
+        With `response`: ``Re [U S]_ii``, the part of the intensity that regularisation keeps; 1 without.
 
-    All are 0 outside of the object and where no coil sees a voxel, and not a number where the
-    aliases cannot be told apart.
+    All are 0 outside of the object and where no coil sees a voxel. They are NaN where the aliases
+    cannot be separated.
 
     Raises
     ------
@@ -204,7 +203,7 @@ def sense_noise(
 
     Examples
     --------
-    Two coils that see both halves alike but for the sign of one:
+    Two coils see both halves with equal magnitude; one of them with opposite sign:
 
     >>> import numpy as np, ctessel
     >>> maps = np.ones((1, 2, 1, 2), complex)
@@ -225,7 +224,7 @@ def sense_noise(
 
 
 def folded_pos(pos: int, full_len: int, fold_len: int) -> int:
-    """Folded line (0-based) on which line `pos` of `full_len` lands, folded to `fold_len` lines.
+    """Folded line (0-based) of line `pos` of `full_len`, folded to `fold_len` lines.
 
     The full lines are centred on the folded ones: line ``ceil((full_len - fold_len) / 2)`` is
     folded line 0.
@@ -234,7 +233,7 @@ def folded_pos(pos: int, full_len: int, fold_len: int) -> int:
 
 
 def unfolded_positions(full_len: int, fold_len: int, fold_pos: int) -> NDArray[np.int32]:
-    """Full lines that land on folded line `fold_pos`, in the kernels' order.
+    """Full lines that are folded to line `fold_pos`, in the kernels' order.
 
     Returns
     -------

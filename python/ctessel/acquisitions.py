@@ -1,7 +1,7 @@
-"""Where the acquisitions of a scan belong: from their headers alone.
+"""Finds the place of each acquisition in k-space from the headers, without samples.
 
-Readers of files and streams bring the headers, `survey` finds out. Its steps take columns, one entry
-an acquisition, and return new ones.
+Readers of files and streams provide the headers for `survey`. Its steps take columns with one entry
+per acquisition, and return new columns.
 """
 
 from dataclasses import dataclass, replace
@@ -11,15 +11,15 @@ import numpy as np
 from . import runtime
 from .scan import Header, Limit, Placement
 
-#: Axes that a scan can be read in parts along, in the order of its arrays.
+#: Axes along which parts of a scan can be read, in the order of its arrays.
 RANGE_AXES = ("slice", "echo", "repetition")
-#: Roles of an acquisition. APART belongs to a calibration scan that is kept by itself.
-IGNORED, IMAGING, APART, NOISE_SCAN = range(4)
+#: Roles of an acquisition. SEPARATE belongs to a separate calibration.
+IGNORED, IMAGING, SEPARATE, NOISE_SCAN = range(4)
 
-#: Milliseconds of a scanner's time stamps, where acquisitions have some.
+#: Milliseconds of one unit of a scanner's time stamps.
 TICK = 2.5
 
-#: One acquisition's header as libismrmrd lays it out, without gaps.
+#: Header of one acquisition in the memory layout of libismrmrd, without gaps.
 HEAD = np.dtype([
     ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
     ("acquisition_time_stamp", "<u4"), ("physiology_time_stamp", "<u4", 3),
@@ -35,7 +35,7 @@ HEAD = np.dtype([
 
 
 def flag(number):
-    """Bit of a flag, which the format counts from 1."""
+    """Bit of a flag. The format numbers flags from 1."""
     return np.uint64(1 << (number - 1))
 
 
@@ -46,7 +46,7 @@ CALIBRATION = flag(20)
 CALIBRATION_AND_IMAGING = flag(21)
 REVERSE = flag(22)
 LAST_IN_MEASUREMENT = flag(25)
-#: Kinds of acquisitions that are no image data, by the number of their flag.
+#: Kinds of acquisitions without image data, by the number of their flag.
 NOT_IMAGING_NAMES = {
     23: "navigators", 24: "phase corrections", 26: "feedback", 27: "dummies", 28: "real-time feedback",
     29: "coil corrections", 30: "phase references", 31: "phase stabilisation",
@@ -55,15 +55,15 @@ NOT_IMAGING = np.bitwise_or.reduce([flag(n) for n in NOT_IMAGING_NAMES])
 
 
 class DefectError(ValueError):
-    """A file lacks something, or contradicts itself. The text says what, and what mends it."""
+    """A file lacks something, or contradicts itself. The text says what, and how to fix it."""
 
-    def __init__(self, what, mend="convert the scanner's data again"):
-        super().__init__(f"{what}; {mend}")
+    def __init__(self, what, advice="convert the scanner's data again"):
+        super().__init__(f"{what}; {advice}")
 
 
 @dataclass(frozen=True, eq=False)
 class Places:
-    """Where lines of k-space go: per acquisition, and extents of the array that they go to."""
+    """The place of each acquisition in an array of k-space, and the extents of that array."""
 
     shape: tuple[int, ...]  # indexed by AXES
     which: np.ndarray  # acquisitions that go there
@@ -87,7 +87,7 @@ class Places:
         return self.times[tuple(i[numbers] for i in at)] > 1
 
     def part(self, index, repetitions):
-        """Places of some repetitions of one slice alone, in an array of theirs."""
+        """Places of some repetitions of one slice, in an array for these repetitions."""
         among = np.full(self.shape[6], -1)
         among[repetitions] = np.arange(len(repetitions))
         which = self.which & (self.slice == index)
@@ -107,11 +107,11 @@ class Contents:
     """What a scan holds, without the samples."""
 
     header: Header
-    heads: np.ndarray
+    headers: np.ndarray
     role: np.ndarray
     scan: Places
     flagged: np.ndarray  # (y, z) of bool: lines that the file calls calibration
-    apart: Places | None = None
+    separate: Places | None = None
     range: tuple[str, int, int] | None = None
     skipped: tuple[tuple[str, int], ...] = ()
     extents: dict | None = None  # of the whole scan, by RANGE_AXES
@@ -120,7 +120,7 @@ class Contents:
     path: str = ""
     group: str = ""
     file: object = None  # what reads the samples
-    told: tuple[str, ...] = ()  # what the samples say against the headers, and what was assumed
+    notes: tuple[str, ...] = ()  # where samples and headers disagree, and what was assumed
     format: str = "ISMRMRD"  # its name for people
     given: object = None  # `ctessel.formats.Given`: what the user has said about the file
 
@@ -136,18 +136,18 @@ class Contents:
 
     @property
     def noise_samples(self):
-        return int(self.heads["number_of_samples"][self.role == NOISE_SCAN].sum())
+        return int(self.headers["number_of_samples"][self.role == NOISE_SCAN].sum())
 
     @property
     def nbytes(self):
         """Memory of the arrays that the scan is read into."""
         arrays = [(self.width, *self.scan.shape[1:]), (self.noise_samples, self.scan.shape[3])]
-        arrays += [self.apart.shape] if self.apart else []
+        arrays += [self.separate.shape] if self.separate else []
         return sum(int(np.prod(shape, dtype=float)) for shape in arrays) * 8
 
     @property
     def warnings(self):
-        """What may lead to another image than the user expects, a line each."""
+        """Warnings: why the image may differ from what the user expects, one line each."""
         measured = self.scan.times[self.scan.times > 0]
         often, counts = np.unique(measured, return_counts=True)
         if often.size < 2:
@@ -155,19 +155,19 @@ class Contents:
         usual = int(often[counts.argmax()])
         odd = int(counts.sum() - counts.max())
         return (
-            f"{odd} of {measured.size} lines were not measured {usual} time{'s' * (usual > 1)} as the others, "
-            f"but {', '.join(str(n) for n in often if n != usual)} times; each is the mean of its own",
+            f"{odd} of {measured.size} lines were not measured {usual} time{'s' * (usual > 1)} like the others, "
+            f"but {', '.join(str(n) for n in often if n != usual)} times; each line is the mean of its measurements",
         )
 
 
-def survey(encodings, heads, part=None, skip=()):
+def survey(encodings, headers, part=None, skip=()):
     """Find out what a scan holds.
 
     Parameters
     ----------
     encodings : sequence of Header
         One for each encoding of the scan.
-    heads : ndarray of HEAD
+    headers : ndarray of HEAD
         One for each acquisition, in the order of measurement.
     part : tuple of str, int, int, optional
         Axis and the first and last position that are wanted.
@@ -183,46 +183,46 @@ def survey(encodings, heads, part=None, skip=()):
     DefectError
         They contradict each other, or there is nothing to reconstruct.
     """
-    role, flagged = _roles(heads)
-    space, header = _encoding(encodings, heads, role == IMAGING)
-    index = {"slice": heads["slice"], "echo": heads["contrast"], "repetition": _repetitions(heads)}
+    role, flagged = _roles(headers)
+    space, header = _encoding(encodings, headers, role == IMAGING)
+    index = {"slice": headers["slice"], "echo": headers["contrast"], "repetition": _repetitions(headers)}
     index = {name: _compact(values, role == IMAGING) for name, values in index.items()}
-    # What calibrates slices that have no images is of no use.
-    role = np.where((role == APART) & (index["slice"] < 0), IGNORED, role)
-    index["slice"], placed = _in_order(heads, role == IMAGING, index["slice"])
+    # Calibration of slices without images is useless.
+    role = np.where((role == SEPARATE) & (index["slice"] < 0), IGNORED, role)
+    index["slice"], placed = _in_order(headers, role == IMAGING, index["slice"])
     header = replace(header, **placed)
     extents = {name: int(index[name][role == IMAGING].max()) + 1 for name in RANGE_AXES}
     kept = wanted(extents, part, skip)
-    role = _restricted(heads, role, index, kept, skip)
+    role = _restricted(headers, role, index, kept, skip)
     index = {name: _compacted(index[name], kept[name], extents[name]) for name in RANGE_AXES}
     header = _restricted_header(header, kept, extents)
-    coils = _coils(heads, role)
-    index["y"], index["z"] = _lines(heads, encodings, role)
-    role = _joined(heads, role, header, space, index)
-    scan, readout = _scan_places(heads, role, header, coils, index)
-    role, apart, fov = _apart_places(heads, role, encodings, coils, index, scan.shape[4])
+    coils = _coils(headers, role)
+    index["y"], index["z"] = _lines(headers, encodings, role)
+    role = _joined(headers, role, header, space, index)
+    scan, readout = _scan_places(headers, role, header, coils, index)
+    role, separate, fov = _separate_places(headers, role, encodings, coils, index, scan.shape[4])
     averages = float(np.median(scan.times[scan.times > 0]))
     header = replace(
         header,
         limits={**header.limits, "x": readout},
-        noise_bandwidth_ratio=_dwell_ratio(heads, role) / averages,
+        noise_bandwidth_ratio=_dwell_ratio(headers, role) / averages,
         calibration_fov=fov,
-        dwell=_dwell(heads, role),
-        volumes=_volumes(heads["acquisition_time_stamp"], scan),
+        dwell=_dwell(headers, role),
+        volumes=_volumes(headers["acquisition_time_stamp"], scan),
     )
     marked = np.zeros(scan.times.shape[:2], bool)
     called = flagged & (role == IMAGING)
     marked[scan.y[called], scan.z[called]] = True
-    return Contents(header, heads, role, scan, marked, apart, part, tuple(skip), extents, kept)
+    return Contents(header, headers, role, scan, marked, separate, part, tuple(skip), extents, kept)
 
 
-def _roles(heads):
-    """Roles, calibration counted as apart; and which acquisitions are flagged as calibration."""
-    flags = heads["flags"]
+def _roles(headers):
+    """Roles, with calibration as SEPARATE; and which acquisitions are flagged as calibration."""
+    flags = headers["flags"]
     calibration = flags & CALIBRATION != 0
     both = flags & CALIBRATION_AND_IMAGING != 0
-    role = np.full(heads.size, IMAGING)
-    role[calibration & ~both] = APART
+    role = np.full(headers.size, IMAGING)
+    role[calibration & ~both] = SEPARATE
     role[flags & NOT_IMAGING != 0] = IGNORED
     role[flags & NOISE != 0] = NOISE_SCAN
     if not (role == IMAGING).any():
@@ -230,25 +230,25 @@ def _roles(heads):
     return role, calibration | both
 
 
-def _encoding(encodings, heads, imaging):
-    spaces = np.unique(heads["encoding_space_ref"])
+def _encoding(encodings, headers, imaging):
+    spaces = np.unique(headers["encoding_space_ref"])
     if spaces.max() >= len(encodings):
         raise DefectError(
             f"an acquisition refers to encoding {spaces.max()}, its header has {len(encodings)}"
         )
-    spaces = np.unique(heads["encoding_space_ref"][imaging])
+    spaces = np.unique(headers["encoding_space_ref"][imaging])
     if spaces.size > 1:
         raise DefectError(
             "its imaging acquisitions belong to several encodings",
-            "write them to files of their own",
+            "write them to separate files",
         )
     return spaces[0], encodings[spaces[0]]
 
 
-def _repetitions(heads):
+def _repetitions(headers):
     """Repetition, cardiac phase and set, the last one fastest."""
-    sets, phases = (int(heads[name].max()) + 1 for name in ("set", "phase"))
-    return (heads["repetition"].astype(int) * phases + heads["phase"]) * sets + heads["set"]
+    sets, phases = (int(headers[name].max()) + 1 for name in ("set", "phase"))
+    return (headers["repetition"].astype(int) * phases + headers["phase"]) * sets + headers["set"]
 
 
 def _compact(values, imaging):
@@ -258,14 +258,14 @@ def _compact(values, imaging):
     return np.where(kinds[at] == values, at, -1)
 
 
-def _in_order(heads, imaging, index):
-    """Slices counted along their normal; and where they are, as fields of a header."""
+def _in_order(headers, imaging, index):
+    """Slice numbers along the normal; and their positions, as fields of a header."""
     first = [int(np.flatnonzero(imaging & (index == i))[0]) for i in range(int(index.max()) + 1)]
-    if not all(_has_directions(heads[i]) for i in first):
+    if not all(_has_directions(headers[i]) for i in first):
         return index, {}
-    places = [_placement(heads[i]) for i in first]
+    places = [_placement(headers[i]) for i in first]
     if len(places) > 1 and not np.ptp([np.hstack([*vars(p).values()]) for p in places], 0).any():
-        return index, {}  # the file does not tell the slices apart
+        return index, {}  # all slices have the same position in the file
     along = np.array([p.position @ places[0].slice for p in places])
     order = np.argsort(along, kind="stable")
     steps = np.diff(along[order])
@@ -300,7 +300,7 @@ def wanted(extents, part=None, skip=()):
     for axis, first, last in [*([part] if part else []), *((axis, n, n) for axis, n in skip)]:
         if axis not in RANGE_AXES:
             raise DefectError(
-                f"it cannot be read along {axis}", f"parts are taken along {', '.join(RANGE_AXES)}"
+                f"it cannot be read along {axis}", f"parts exist along {', '.join(RANGE_AXES)}"
             )
         if not 0 <= first <= last < extents[axis]:
             where = f"{first} to {last}" if last > first else str(first)
@@ -313,19 +313,19 @@ def wanted(extents, part=None, skip=()):
     for axis, number in skip:
         kept[axis] = kept[axis][kept[axis] != number]
         if not kept[axis].size:
-            raise DefectError(f"nothing is left along {axis}", "leave out less with --skip")
+            raise DefectError(f"nothing is left along {axis}", "skip less with --skip")
     return kept
 
 
-def _restricted(heads, role, index, kept, skip):
+def _restricted(headers, role, index, kept, skip):
     """Roles of what is kept. Other echoes and repetitions still calibrate, unless they are skipped."""
-    both = heads["flags"] & CALIBRATION_AND_IMAGING != 0
+    both = headers["flags"] & CALIBRATION_AND_IMAGING != 0
     for axis in RANGE_AXES:
         outside = ~np.isin(index[axis], kept[axis])
         left = [n for name, n in skip if name == axis]
         useless = np.isin(index[axis], left) | (outside & (axis == "slice"))
-        role = np.where(useless & np.isin(role, (IMAGING, APART)), IGNORED, role)
-        role = np.where(outside & (role == IMAGING), np.where(both, APART, IGNORED), role)
+        role = np.where(useless & np.isin(role, (IMAGING, SEPARATE)), IGNORED, role)
+        role = np.where(outside & (role == IMAGING), np.where(both, SEPARATE, IGNORED), role)
     return role
 
 
@@ -345,13 +345,13 @@ def _restricted_header(header, kept, extents):
     )
 
 
-def _coils(heads, role):
+def _coils(headers, role):
     used = np.flatnonzero(role != IGNORED)
-    coils = heads["active_channels"][used]
+    coils = headers["active_channels"][used]
     odd = used[coils != coils[0]]
     if odd.size:
         raise DefectError(
-            f"acquisition {odd[0]} has {heads['active_channels'][odd[0]]} coils, "
+            f"acquisition {odd[0]} has {headers['active_channels'][odd[0]]} coils, "
             f"the first one {coils[0]}"
         )
     if coils[0] == 0:
@@ -359,14 +359,14 @@ def _coils(heads, role):
     return int(coils[0])
 
 
-def _lines(heads, encodings, role):
+def _lines(headers, encodings, role):
     """Places of lines along y and z on the grid of their own encoding, k = 0 at ``N // 2``."""
-    y, z = np.zeros(heads.size, int), np.zeros(heads.size, int)
+    y, z = np.zeros(headers.size, int), np.zeros(headers.size, int)
     for space, header in enumerate(encodings):
-        ours = (heads["encoding_space_ref"] == space) & np.isin(role, (IMAGING, APART))
+        ours = (headers["encoding_space_ref"] == space) & np.isin(role, (IMAGING, SEPARATE))
         for name, step, to in (("y", 1, y), ("z", 2, z)):
             extent = header.encoded_matrix["xyz".index(name)]
-            number = heads[f"kspace_encode_step_{step}"].astype(int)
+            number = headers[f"kspace_encode_step_{step}"].astype(int)
             to[ours] = (number - header.limits[name].center + extent // 2)[ours]
             odd = np.flatnonzero(ours & ((to < 0) | (to >= extent)))
             if odd.size:
@@ -377,17 +377,17 @@ def _lines(heads, encodings, role):
     return y, z
 
 
-def _joined(heads, role, header, space, index):
-    """Roles where calibration lines join the images, if they complete each of them.
+def _joined(headers, role, header, space, index):
+    """Roles, where calibration lines that complete every image become part of the images (ACS).
 
-    They stay apart where the file says so, where they repeat lines of the images, which need not
-    have the same contrast, where some images have fewer of them than others, and where they belong
-    to echoes or repetitions without images.
+    They stay a separate calibration in four cases: the file says so; they repeat lines of the images,
+    whose contrast may differ; some images have fewer of them than others; they belong to echoes or
+    repetitions without images.
     """
-    candidates = role == APART
-    apart = header.calibration_mode in ("separate", "external")
-    apart |= bool((heads["encoding_space_ref"][candidates] != space).any())
-    if apart or not candidates.any():
+    candidates = role == SEPARATE
+    separate = header.calibration_mode in ("separate", "external")
+    separate |= bool((headers["encoding_space_ref"][candidates] != space).any())
+    if separate or not candidates.any():
         return role
     shape = _image_shape(role == IMAGING, header, index)
     images, lines = (_times(which, index, shape) > 0 for which in (role == IMAGING, candidates))
@@ -407,7 +407,7 @@ def _times(which, index, shape):
     runtime.check(
         10 * int(np.prod(shape, dtype=float)),
         "the list of its lines",
-        "is the matrix in its header right?",
+        "is the matrix size in its header right?",
     )
     at = [index[name][which] for name in ("y", "z", *RANGE_AXES)]
     inside = _inside(at, shape)
@@ -419,10 +419,10 @@ def _inside(at, shape):
     return np.all([(a >= 0) & (a < n) for a, n in zip(at, shape)], axis=0)
 
 
-def _scan_places(heads, role, header, coils, index):
+def _scan_places(headers, role, header, coils, index):
     """Places of the images' lines, and the limits of their readouts."""
     which = role == IMAGING
-    x, readout = _readouts(heads, header, which)
+    x, readout = _readouts(headers, header, which)
     shape = _image_shape(which, header, index)
     times = _times(which, index, shape)
     shape = (header.encoded_matrix[0], *shape[:2], coils, *shape[2:])
@@ -430,19 +430,19 @@ def _scan_places(heads, role, header, coils, index):
     return Places(shape, which, x, *places, times), readout
 
 
-def _readouts(heads, header, which):
+def _readouts(headers, header, which):
     """Places of the first samples that are kept, k = 0 at ``N // 2``, the same for all; x limits."""
     extent = header.encoded_matrix[0]
     samples, pre, post, centre = (
-        heads[field].astype(int)
+        headers[field].astype(int)
         for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
     )
     length = samples - pre - post
-    # Senders that remove oversampling may leave the centre of the longer readout behind.
-    given, reverse = (centre > 0) & (centre < samples), heads["flags"] & REVERSE != 0
+    # Senders that remove oversampling may keep the centre of the longer readout in the header.
+    given, reverse = (centre > 0) & (centre < samples), headers["flags"] & REVERSE != 0
     centre = np.where(given, centre, samples // 2)
-    turned = np.where(given, samples - 1 - centre, centre)
-    first = extent // 2 + np.where(reverse, post - turned, pre - centre)
+    mirrored = np.where(given, samples - 1 - centre, centre)
+    first = extent // 2 + np.where(reverse, post - mirrored, pre - centre)
     first = _agreed(first, length, extent, which, reverse & given)
     odd = np.flatnonzero(which & ((first < 0) | (first + length > extent) | (length < 1)))
     if odd.size:
@@ -455,20 +455,20 @@ def _readouts(heads, header, which):
     odd = np.flatnonzero(which & ((first != first[one]) | (length != length[one])))
     if odd.size:
         i = odd[0]
-        apart = heads["contrast"][i] != heads["contrast"][one]
+        another_echo = headers["contrast"][i] != headers["contrast"][one]
         raise DefectError(
             f"acquisition {i} has {samples[i]} samples, k = 0 at {centre[i]}, which cover "
             "another part of k-space than the first ones",
-            *(["reconstruct one echo at a time, --range echo 0 0"] if apart else []),
+            *(["reconstruct one echo at a time, --range echo 0 0"] if another_echo else []),
         )
     return first, Limit(int(first[one]), int(first[one] + length[one]) - 1, extent // 2)
 
 
 def _agreed(first, length, extent, which, reverse):
-    """Places of first samples, where reversed readouts lie as the others do.
+    """Places of first samples, with reversed readouts aligned with the others.
 
-    They are turned round when they are read: sample c of n is then sample n - 1 - c. Some writers mean
-    n - c, so that the centre of even readouts is n // 2 in both directions.
+    Reversed readouts are reversed when they are read: sample c of n becomes sample n - 1 - c. Some writers
+    mean n - c, so that the centre of even readouts is n // 2 in both directions.
     """
     forward = np.flatnonzero(which & ~reverse)
     if forward.size:
@@ -476,22 +476,22 @@ def _agreed(first, length, extent, which, reverse):
     return first - (reverse & (first + length > extent)[which].any())
 
 
-def _apart_places(heads, role, encodings, coils, index, slices):
-    """Places of a separate calibration scan, roles without the rest of it, and its field of view.
+def _separate_places(headers, role, encodings, coils, index, slices):
+    """Places of a separate calibration, roles without its other echoes and repetitions, its field of view.
 
-    Of several echoes and repetitions the first one counts. The grid is the smallest centred one.
+    Only its first echo and repetition are used. The grid is the smallest centred one.
     """
-    which = role == APART
+    which = role == SEPARATE
     if not which.any():
         return role, None, None
-    space = heads["encoding_space_ref"]
-    both = (role == IMAGING) & (heads["flags"] & CALIBRATION_AND_IMAGING != 0)
+    space = headers["encoding_space_ref"]
+    both = (role == IMAGING) & (headers["flags"] & CALIBRATION_AND_IMAGING != 0)
     which |= both & (space == space[which][0])
     for name in ("contrast", "repetition"):
-        which &= heads[name] == heads[name][which].min()
-    role = np.where((role == APART) & ~which, IGNORED, role)
+        which &= headers[name] == headers[name][which].min()
+    role = np.where((role == SEPARATE) & ~which, IGNORED, role)
     own = encodings[space[which][0]]
-    x, _ = _readouts(heads, own, which)
+    x, _ = _readouts(headers, own, which)
     places = {name: index[name] for name in ("y", "z")}
     shape = []
     for name, extent in zip("yz", own.encoded_matrix[1:]):
@@ -518,18 +518,18 @@ def _volumes(stamps, places):
     np.minimum.at(first, repetition, stamps)
     np.maximum.at(last, repetition, stamps)
     first, last = first - first.min(), last - first.min()
-    told = last.max() > 0 and np.isfinite(first).all() and np.all(np.diff(first) > 0)
-    return [(round(a, 4), round(b, 4)) for a, b in zip(first.tolist(), last.tolist())] if told else []
+    timed = last.max() > 0 and np.isfinite(first).all() and np.all(np.diff(first) > 0)
+    return [(round(a, 4), round(b, 4)) for a, b in zip(first.tolist(), last.tolist())] if timed else []
 
 
-def _dwell(heads, role):
-    """Microseconds between samples; 0 where the file does not tell."""
-    dwell = float(np.median(heads["sample_time_us"][role == IMAGING]))
+def _dwell(headers, role):
+    """Microseconds between samples; 0 if the file does not say."""
+    dwell = float(np.median(headers["sample_time_us"][role == IMAGING]))
     return dwell if 0 < dwell < np.inf else 0.0
 
 
-def _dwell_ratio(heads, role):
-    dwell = [heads["sample_time_us"][role == kind] for kind in (NOISE_SCAN, IMAGING)]
+def _dwell_ratio(headers, role):
+    dwell = [headers["sample_time_us"][role == kind] for kind in (NOISE_SCAN, IMAGING)]
     if not all(times.size and 0 < np.median(times) < np.inf for times in dwell):
         return 1.0
     return float(np.median(dwell[0]) / np.median(dwell[1]))

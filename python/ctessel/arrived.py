@@ -1,10 +1,10 @@
 """Samples of a stream as a source of k-space, and what can be reconstructed before a scan's end.
 
-An image may go out early only where nothing that is measured later can change it. So the rest of
-the scan is forecast: from the counters that the header promises, and from the lines of the first
-image. The whole is planned as if it had been measured; a slice whose forecast lines are all there
-then has the plan, and the bits, of the finished scan. Where something else comes than was forecast,
-nothing more goes out before the end.
+An image may be sent early only if no later measurement can change it. So the rest of the scan is
+forecast from the counters in the header and from the lines of the first image. The plan is made as if
+the whole scan had been measured. When all forecast lines of a slice have arrived, it is reconstructed
+with the plan, and the bits, of the finished scan. If a different line arrives, no more images are sent
+before the end.
 """
 
 from dataclasses import fields, is_dataclass, replace
@@ -30,50 +30,50 @@ from .stream import parse_xml
 
 #: Ends of a slice, of a repetition and of the measurement.
 LAST = LAST_IN_SLICE | LAST_IN_REPETITION | LAST_IN_MEASUREMENT
-#: Counters that tell the measurements of a line apart, and whether it calibrates alone.
+#: Counters that distinguish the measurements of a line, and whether it is only calibration.
 COUNTERS = (
     "kspace_encode_step_1", "kspace_encode_step_2", "average", "slice", "contrast", "phase",
     "repetition", "set",
 )  # fmt: skip
-#: What decides where the samples of a line belong, besides its counters.
+#: Fields of a header that decide, with the counters, where the samples of a line belong.
 ALIKE = (
     "number_of_samples", "active_channels", "discard_pre", "discard_post", "center_sample",
     "encoding_space_ref",
 )  # fmt: skip
-#: Lines that are put to their places at once.
+#: Lines that are put into place in one go.
 BATCH = 256
-#: Lines of an image that is not complete which are worth to be put to their places.
+#: An incomplete image needs at least this many new lines before they are put into place.
 AHEAD = 8
 #: Bytes of such images.
 MOST_AHEAD = 128 << 20
-#: Acquisitions after which no forecast is tried any more.
+#: No forecast is tried after this many acquisitions.
 UNCLEAR = 50_000
 #: Lines of all images that are counted, measured or not.
 MOST_LINES = 40_000_000
 #: Lines that are forecast.
 MOST_FORECAST = 200_000
-#: Counters whose number the header has to say; where it is silent there is one phase and one set.
+#: Counters that need limits in the header; without limits there is one phase and one set.
 PROMISED = ("slice", "contrast", "repetition", "average")
 
 
-def contents(header, heads):
+def contents(header, headers):
     """`raw.Contents` of a stream: of the text of its header and the headers of its acquisitions."""
     matrices = [one.encoded_matrix for one in parse(header)]
-    counters = np.stack([heads[name] for name in ("slice", "contrast", "repetition")])
+    counters = np.stack([headers[name] for name in ("slice", "contrast", "repetition")])
     images = np.unique(counters, axis=1).shape[1]
     if max(y * z for _, y, z in matrices) * images > MOST_LINES:
         raise ValueError(f"it has more than {MOST_LINES} encoded lines; reconstruct it from a file")
-    return replace(survey(parse(header), heads), cut=True)
+    return replace(survey(parse(header), headers), cut=True)
 
 
 class Arrived:
-    """Source of samples for `reconstruct`: the acquisitions of a stream, all of which have come."""
+    """Source of samples for `reconstruct`: the acquisitions of a complete stream."""
 
     shared = disposable = False
 
-    def __init__(self, acquisitions, found, threads=None, come=None):
+    def __init__(self, acquisitions, found, threads=None, received=None):
         self._acquisitions, self._found, self._threads = acquisitions, found, threads
-        self.layout = raw.layout_of(found, lambda at: [acquisitions.samples(int(i)) for i in at], come)
+        self.layout = raw.layout_of(found, lambda at: [acquisitions.samples(int(i)) for i in at], received)
         self._images = _by_image(found.scan)
         self._latest = None  # frames are asked for twice where they calibrate
 
@@ -87,15 +87,15 @@ class Arrived:
         return self._latest[1]
 
     def separate(self, index):
-        """Calibration scan of a slice, ``(x, y, z, coil)``."""
-        places = self._found.apart
+        """Separate calibration of a slice, ``(x, y, z, coil)``."""
+        places = self._found.separate
         array = np.zeros((*places.shape[:4], 1, 1), np.complex64, order="F")
         rows = np.flatnonzero(places.which & (places.slice == min(index, places.shape[4] - 1)))
         self._put(places, rows, self.numbers(rows), array)
         return array[..., 0, 0]
 
     def transformed(self, block):
-        """Lines of an image with the readout transformed, where that has been done ahead; None."""
+        """Lines of an image with the readout transformed, if that was done in advance; otherwise None."""
         return None
 
     def numbers(self, rows):
@@ -116,7 +116,7 @@ class Arrived:
         return array
 
     def _put(self, places, rows, numbers, array, transformed=False):
-        """Put lines of one image to their places, several measurements of a line averaged.
+        """Put lines of one image into place; several measurements of a line are averaged.
 
         transformed: the readout of the array is.
         """
@@ -165,37 +165,37 @@ def _by_image(places):
     }
 
 
-# ---- What will come ------------------------------------------------------------------------------
+# ---- Forecast ------------------------------------------------------------------------------------
 
 
 class Forecast(Arrived):
     """Source of samples for a scan that still runs, and the plan of the whole scan.
 
-    It spans two repetitions: what comes after them is like the second one.
+    It spans two repetitions: all later ones are like the second one.
 
     Parameters
     ----------
     header : bytes
-    heads : ndarray of `HEAD`
-        What has come.
+    headers : ndarray of `HEAD`
+        Those that have arrived.
     acquisitions : Stream
     options : Options
 
     Raises
     ------
     ValueError
-        What will come cannot be said yet, or cannot be reconstructed.
+        The rest of the scan is not known yet, or cannot be reconstructed.
     """
 
-    def __init__(self, header, heads, acquisitions, options):
-        counts = _promised(header, heads)
-        beyond = np.flatnonzero(heads["repetition"] > counts["repetition"][0] + 1)
-        heads = heads[: beyond[0]] if beyond.size else heads
-        expected = _expected(header, heads, counts)
-        super().__init__(acquisitions, contents(header, expected), options.threads, heads.size)
+    def __init__(self, header, headers, acquisitions, options):
+        counts = _promised(header, headers)
+        beyond = np.flatnonzero(headers["repetition"] > counts["repetition"][0] + 1)
+        headers = headers[: beyond[0]] if beyond.size else headers
+        expected = _expected(header, headers, counts)
+        super().__init__(acquisitions, contents(header, expected), options.threads, headers.size)
         self.plan = make_plan(self.layout, options)
         self._expected, self._second = expected, counts["repetition"][0] + 1
-        self._turns = (len(counts["phase"]), len(counts["set"]))
+        self._phases_and_sets = (len(counts["phase"]), len(counts["set"]))
         self._separate = np.full(expected.size, -1)
         self._arrivals, self._within = {}, np.zeros(expected.size, int)
         self._begun, self._ahead = set(), {}
@@ -204,9 +204,9 @@ class Forecast(Arrived):
         lines = np.flatnonzero(expected["flags"] & (NOISE | NOT_IMAGING) == 0)
         self._rows = dict(zip(_keys(expected[lines]), lines.tolist()))
         if len(self._rows) < lines.size:
-            raise ValueError("lines that cannot be told apart")
+            raise ValueError("lines that cannot be distinguished")
         self._known = 0
-        self._noise = np.count_nonzero(heads["flags"] & NOISE)
+        self._noise = np.count_nonzero(headers["flags"] & NOISE)
 
     def numbers(self, rows):
         return self._separate[rows]
@@ -214,7 +214,7 @@ class Forecast(Arrived):
     def image(self, index, repetition):
         rows = self._images[index, self._like(repetition)]
         numbers = self._arrivals[index, repetition]
-        order = np.argsort(numbers)  # several measurements of a line are added as they came
+        order = np.argsort(numbers)  # several measurements of a line are added in the order of their arrival
         return rows[order], numbers[order]
 
     def pattern(self, repetition):
@@ -246,33 +246,33 @@ class Forecast(Arrived):
                 return False
         return self.plan.shape[:6] == plan.shape[:6]
 
-    def arrive(self, heads):
+    def arrive(self, headers):
         """Take note of all headers so far. Returns the images that the new ones complete.
 
-        ValueError where something else came than was forecast.
+        ValueError if an acquisition differs from the forecast.
         """
-        numbers = np.arange(self._known, heads.size)
-        self._known = heads.size
-        numbers = numbers[heads["flags"][numbers] & NOT_IMAGING == 0]
-        noise = heads["flags"][numbers] & NOISE != 0
+        numbers = np.arange(self._known, headers.size)
+        self._known = headers.size
+        numbers = numbers[headers["flags"][numbers] & NOT_IMAGING == 0]
+        noise = headers["flags"][numbers] & NOISE != 0
         self._noise -= np.count_nonzero(noise)
         if self._noise < 0:
             raise ValueError("a noise scan after lines of images")
         numbers = numbers[~noise]
-        new = heads[numbers]
+        new = headers[numbers]
         new["repetition"] = np.minimum(new["repetition"], self._second)
         rows = np.array([self._rows.get(key, -1) for key in _keys(new)], int)
-        odd = np.flatnonzero((rows < 0) | ~_alike(self._expected[rows], new))
+        odd = np.flatnonzero((rows < 0) | ~_same_readout(self._expected[rows], new))
         if odd.size:
-            raise ValueError(f"acquisition {numbers[odd[0]]} is none of those that were expected")
-        later = heads["repetition"][numbers].astype(int) - new["repetition"]
-        later *= int(np.prod(self._turns))
+            raise ValueError(f"acquisition {numbers[odd[0]]} was not expected")
+        later = headers["repetition"][numbers].astype(int) - new["repetition"]
+        later *= int(np.prod(self._phases_and_sets))
         complete = [self._note(*each) for each in zip(rows, numbers, later)]
         return [image for image in complete if image]
 
     def _note(self, row, number, later):
-        scan, apart = self._found.scan, self._found.apart
-        if apart and apart.which[row] and later == 0:
+        scan, separate = self._found.scan, self._found.separate
+        if separate and separate.which[row] and later == 0:
             self._separate[row] = number
         if not scan.which[row]:
             return None
@@ -280,21 +280,21 @@ class Forecast(Arrived):
         image = (like[0], like[1] + int(later))
         arrivals = self._arrivals.setdefault(image, np.full(len(self._images[like]), -1))
         if arrivals[self._within[row]] >= 0:
-            raise ValueError(f"acquisition {number} has come before")
+            raise ValueError(f"acquisition {number} was received before")
         arrivals[self._within[row]] = number
         complete = (arrivals >= 0).all()
         (self._begun.discard if complete else self._begun.add)(image)
         return image if complete else None
 
     def ready(self, index, repetition):
-        """Whether all has come that an image is made of."""
+        """Whether all acquisitions of an image have arrived."""
         pattern, region = self.plan.patterns[self.pattern(repetition)], self.plan.calibration
         frames = {repetition}
         if region is not None:
             frames |= {int(pattern.repetitions[0])}
             frames |= set() if region.separate else set(range(region.frames))
             if region.separate:
-                places = self._found.apart
+                places = self._found.separate
                 rows = places.which & (places.slice == min(index, places.shape[4] - 1))
                 if (self._separate[rows] < 0).any():
                     return False
@@ -303,17 +303,17 @@ class Forecast(Arrived):
     _none = np.full(1, -1)
 
     def prepare(self, known):
-        """Put lines of images that are not complete to their places, while there is time.
+        """Put lines of incomplete images into place, while there is time.
 
         known : container of (slice, pattern)
-            Those whose images will want `transformed`.
+            Those whose images will ask for `transformed`.
         """
         for index, repetition in self._begun:
             if (index, self.pattern(repetition)) in known and self._opened(index, repetition):
                 self._advance(index, repetition, AHEAD)
 
     def transformed(self, block):
-        """As `frames`, the readout transformed, of an image that was begun; else None."""
+        """As `frames`, with the readout transformed, of an image that was begun; otherwise None."""
         (repetition,) = block.repetitions.tolist()
         if (block.slice, repetition) not in self._ahead:
             return None
@@ -344,8 +344,8 @@ class Forecast(Arrived):
             done[fresh] = True
 
     def _like(self, repetition):
-        turns = int(np.prod(self._turns))
-        return repetition if repetition < turns else turns + repetition % turns
+        merged = int(np.prod(self._phases_and_sets))
+        return repetition if repetition < merged else merged + repetition % merged
 
 
 def _same(a, b):
@@ -360,9 +360,9 @@ def _same(a, b):
     return a == b
 
 
-def _promised(header, heads):
+def _promised(header, headers):
     """The values of each counter that the header promises."""
-    space = int(heads["encoding_space_ref"][_imaging(heads)][0])
+    space = int(headers["encoding_space_ref"][_imaging(headers)][0])
     limits = parse_xml(header).findall("{*}encoding")[space].find("{*}encodingLimits")
     counts = {"phase": range(1), "set": range(1)}
     for name in (*PROMISED, *counts):
@@ -371,57 +371,57 @@ def _promised(header, heads):
             first, last = (limit.findtext("{*}" + end, "") for end in ("minimum", "maximum"))
             counts[name] = range(int(first), min(int(last), 65535) + 1)
         if not counts.get(name):
-            raise ValueError(f"the header does not say how many there are of {name}")
+            raise ValueError(f"the header has no limits for {name}")
     return counts
 
 
-def _imaging(heads):
-    """Lines that are part of images: not noise, calibration alone, or what is ignored."""
-    flags = heads["flags"]
+def _imaging(headers):
+    """Lines that are part of images: not noise, only calibration, or ignored."""
+    flags = headers["flags"]
     alone = (flags & CALIBRATION != 0) & (flags & CALIBRATION_AND_IMAGING == 0)
     return (flags & (NOISE | NOT_IMAGING) == 0) & ~alone
 
 
-def _expected(header, heads, counts):
-    """Headers of what has come and of what will: two repetitions of every slice.
+def _expected(header, headers, counts):
+    """Headers that have arrived and forecast ones: two repetitions of every slice.
 
     ValueError where the lines of an image, or the places of the slices, are not known yet.
     """
-    first = _template(heads, counts, 0)
+    first = _template(headers, counts, 0)
     lines = [first]
     if len(counts["repetition"]) > 1:
-        lines.append(_second(header, heads, counts, first))
-    measured = heads[heads["flags"] & (NOISE | NOT_IMAGING) == 0]
+        lines.append(_second(header, headers, counts, first))
+    measured = headers[headers["flags"] & (NOISE | NOT_IMAGING) == 0]
     seen = {int(head["slice"]): head for head in measured[::-1]}
     if set(seen) != set(counts["slice"]):
-        raise ValueError("the places of some slices are not known yet")
+        raise ValueError("the positions of some slices are not known yet")
     if len(seen) * sum(template.size for template in lines) > MOST_FORECAST:
-        raise ValueError("there are too many lines to foresee")
-    made = [heads]
+        raise ValueError("there are too many lines to forecast")
+    made = [headers]
     for repetition, template in zip(counts["repetition"], lines):
         for index in counts["slice"]:
             made.append(_moved(template, seen[index], repetition))
     made = np.concatenate(made)
-    # What has come stays, of what will come the rest.
+    # Headers that have arrived stay; the forecast adds the others.
     keys = _keys(made)
-    have, fresh = set(keys[: heads.size]), np.ones(made.size, bool)
-    fresh[heads.size :] = [key not in have for key in keys[heads.size :]]
+    have, fresh = set(keys[: headers.size]), np.ones(made.size, bool)
+    fresh[headers.size :] = [key not in have for key in keys[headers.size :]]
     return made[fresh]
 
 
-def _template(heads, counts, number):
+def _template(headers, counts, number):
     """The lines of one image that is complete, of the first repetition or the second."""
     repetition = counts["repetition"][number]
-    measured = heads["flags"] & (NOISE | NOT_IMAGING) == 0
-    ours = heads[measured & (heads["repetition"] == repetition)]
+    measured = headers["flags"] & (NOISE | NOT_IMAGING) == 0
+    ours = headers[measured & (headers["repetition"] == repetition)]
     for index in counts["slice"]:
         lines = ours[ours["slice"] == index]
-        if _complete(lines[_imaging(lines)], heads, counts):
+        if _complete(lines[_imaging(lines)], headers, counts):
             return lines
     raise ValueError("no image is complete yet")
 
 
-def _complete(lines, heads, counts):
+def _complete(lines, headers, counts):
     """Whether these are all lines of a slice: the last says so, or the next repetition began."""
     if not lines.size:
         return False
@@ -429,21 +429,21 @@ def _complete(lines, heads, counts):
     groups, each = np.unique(np.stack([lines[name] for name in names]), axis=1, return_counts=True)
     if groups.shape[1] != np.prod([len(counts[name]) for name in names]) or np.ptp(each):
         return False
-    same = heads[heads["slice"] == lines["slice"][0]]
+    same = headers[headers["slice"] == lines["slice"][0]]
     return bool(lines["flags"][-1] & LAST or (same["repetition"] > lines["repetition"][0]).any())
 
 
-def _second(header, heads, counts, first):
+def _second(header, headers, counts, first):
     """The lines of a slice in the second repetition, whose calibration may be that of the first."""
     try:
-        return _template(heads, counts, 1)
+        return _template(headers, counts, 1)
     except ValueError:
         imaging = first[_imaging(first)]
-        apart = parse(header)[int(imaging["encoding_space_ref"][0])].calibration_mode
-        if imaging.size < first.size and apart not in ("separate", "external"):
+        mode = parse(header)[int(imaging["encoding_space_ref"][0])].calibration_mode
+        if imaging.size < first.size and mode not in ("separate", "external"):
             raise
-        if apart == "interleaved":
-            raise ValueError("lines that move from repetition to repetition") from None
+        if mode == "interleaved":
+            raise ValueError("lines that change from repetition to repetition") from None
         return imaging
 
 
@@ -456,16 +456,16 @@ def _moved(template, to, repetition):
     return lines
 
 
-def _keys(heads):
-    """What tells the measurements of lines apart, for each header."""
-    alone = ~_imaging(heads) & (heads["flags"] & NOT_IMAGING == 0)
-    table = np.stack([*(heads[name].astype("<u2") for name in COUNTERS), alone.astype("<u2")], 1)
+def _keys(headers):
+    """A key for each header; different measurements of a line have different keys."""
+    alone = ~_imaging(headers) & (headers["flags"] & NOT_IMAGING == 0)
+    table = np.stack([*(headers[name].astype("<u2") for name in COUNTERS), alone.astype("<u2")], 1)
     return np.ascontiguousarray(table).view(f"V{2 * table.shape[1]}").ravel().tolist()
 
 
-def _alike(expected, heads):
+def _same_readout(expected, headers):
     """Whether the samples of lines belong where those of the expected ones do."""
-    same = expected["flags"] & REVERSE == heads["flags"] & REVERSE
+    same = expected["flags"] & REVERSE == headers["flags"] & REVERSE
     for name in ALIKE:
-        same &= expected[name] == heads[name]
+        same &= expected[name] == headers[name]
     return same

@@ -19,17 +19,17 @@ from .acquisitions import TICK
 from .plan import UNITS
 from .scan import printable
 
-#: Suffixes that a scan alone can have, by folder. Others need files that nobody can make of it.
+#: Suffixes that a single scan can have, by folder. Others need files that one scan does not give.
 SUFFIXES = {
     "anat": ("T1w", "T2w", "PDw", "T2starw", "FLAIR", "inplaneT1", "inplaneT2", "angio", "MEGRE", "MESE"),
     "func": ("bold", "cbv", "sbref"),
 }  # fmt: skip
 #: Those whose names always state the echo.
 NUMBERED = ("MEGRE", "MESE")
-#: Where computed images go that no suffix of raw data names.
+#: Folder of computed images for which raw data have no suffix.
 DERIVATIVES = "derivatives/ctessel"
 VERSION = "1.9.0"
-README = "Images that ctessel has made of raw data. The sidecar of each tells how.\n"
+README = "Images that ctessel has reconstructed from raw data. The sidecar of each image says how.\n"
 
 
 @dataclass(frozen=True)
@@ -84,7 +84,7 @@ class Folder:
                         part,
                         slice(echo, echo + 1),
                         slice(None) if run is None else slice(run, run + 1),
-                        2,  # the standard's tools take no image for unplaced
+                        2,  # BIDS tools refuse images without a position
                         (("TaskName", task),) if task else (),
                     )
 
@@ -107,10 +107,10 @@ class Folder:
 
     def _check(self, plan, header):
         if self.suffix == "bold" and plan.image_shape[5] < 2:
-            raise ValueError("--suffix bold: needs repetitions, of which the scan has one; use sbref")
+            raise ValueError("--suffix bold: needs several repetitions, and the scan has one; use sbref")
         if self.kind == "func" and plan.image_shape[5] > 1 and not header.volumes:
             raise ValueError(
-                f"--suffix {self.suffix}: needs the time of each volume, and the file has no time stamps; "
+                f"--suffix {self.suffix}: needs the time of each volume, but the file has no time stamps; "
                 "use -o, or a suffix of anatomical images"
             )
 
@@ -147,9 +147,9 @@ class Folder:
         }
 
     def enlist(self):
-        """Add the subject to the participants. Other runs that do so take turns."""
+        """Add the subject to the participants. Other runs wait meanwhile."""
         with open(self.path / "participants.tsv", "a+", encoding="utf-8") as file:
-            with contextlib.suppress(OSError):  # some network file systems lock nothing
+            with contextlib.suppress(OSError):  # some network file systems have no locks
                 fcntl.flock(file, fcntl.LOCK_EX)
             file.seek(0)
             lines = file.read().splitlines() or ["participant_id"]
@@ -206,7 +206,7 @@ def entries(plan, header, image):
 def timing(plan, header, image):
     """When volumes were measured, in s.
 
-    TR from one excitation to the next is no time of a volume; the scanner's clock has that.
+    TR is the time from one excitation to the next. The time of a volume comes from the scanner's clock.
     """
     excitation = header.tr[0] / 1000 if header.tr else 0.0
     known = {"RepetitionTimeExcitation": excitation}

@@ -1,14 +1,13 @@
-"""Where k = 0 lies: the header's word against the energy of k-space and the calibration lines.
+"""Finds k = 0 if the header disagrees with the energy of k-space and the calibration lines.
 
-Converters are known to write the middle of the measured lines, which makes a partial scan look
-complete.
+Some converters write the middle of the measured lines, which makes a partial scan look complete.
 """
 
 import numpy as np
 
-#: Energy of the strongest line over that of k = 0 by the header, from which on it is k = 0.
+#: The strongest line is k = 0 if its energy is so many times that of the header's k = 0.
 CLEAR = 10
-#: Lines that the calibration's middle may be off.
+#: Lines by which the middle of the calibration may differ.
 NEAR = 2
 
 
@@ -23,7 +22,7 @@ def lines_through(found, axis):
 
 
 def moved(found, axis, numbers, energies):
-    """Lines by which k = 0 lies elsewhere than the header says; 0 without clear evidence.
+    """Lines by which k = 0 differs from the header; 0 without clear evidence.
 
     Parameters
     ----------
@@ -46,9 +45,9 @@ def moved(found, axis, numbers, energies):
     middle = _middle_of_calibration(found, axis)
     if middle is not None:
         if abs(middle - at) > NEAR:
-            return 0  # the file's own flags speak for another place
+            return 0  # the flags of the file disagree
         at = middle
-    # The echo may lie a line or two off k = 0, which the extent of the grid corrects.
+    # The echo may be a line or two off k = 0; the extent of the grid corrects this.
     low, high = places.max() - (n - 1) // 2, places.min() + n // 2
     inside = min(max(at, low), high)
     return int(inside) if low <= high and abs(inside - at) <= NEAR else 0

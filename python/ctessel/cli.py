@@ -1,4 +1,4 @@
-"""The command ``ctessel``: from raw data to images, without a line of Python."""
+"""The command ``ctessel``: from raw data to images."""
 
 import argparse
 import contextlib
@@ -13,10 +13,10 @@ from . import options, runtime
 
 EXIT_CODES = """exit codes:
   0    done
-  1    a file or its data cannot be used; the line on stderr says what mends it
+  1    a file or its data cannot be used; the line on stderr says how to fix it
   2    wrong use of the command
   3    does not fit into memory
-  4    a fault of ctessel itself
+  4    an internal error of ctessel
   130  cancelled with Ctrl-C
   143  ended by SIGTERM, as batch systems do
 """
@@ -28,17 +28,17 @@ PHANTOM_KINDS = {
     "partial": "65 % of the lines, those of negative ky missing",
     "partial-end": "65 % of the lines, those of positive ky missing",
     "partial-readout": "70 % of each readout: an asymmetric echo",
-    "undersampled": "every second line, and 24 calibration lines among them",
-    "undersampled-3": "every third line, and a separate calibration scan",
-    "turns": "every second line, another half in each of 4 repetitions",
-    "noise": "every second line, calibration lines, noise, and a noise scan",
+    "undersampled": "every second line, and 24 ACS lines",
+    "undersampled-3": "every third line, and a separate calibration",
+    "interleaved": "every second line, shifted by one from repetition to repetition, 4 repetitions",
+    "noise": "every second line, ACS lines, noise, and a noise scan",
     "slices": "5 slices with gaps",
     "repetitions": "3 repetitions with noise",
     "echoes": "3 echoes",
     "averages": "4 averages with noise",
     "3d": "a volume of 16 partitions, 75 % of them measured",
-    "3d-undersampled": "a volume with every second line along y and z, and calibration lines",
-    "3d-caipi": "the same on a shifted lattice, whose aliases lie further apart",
+    "3d-undersampled": "a volume with every second line along y and z, and ACS lines",
+    "3d-caipi": "the same with a shifted sampling pattern; its aliases are farther from each other",
     "oblique": "3 oblique slices away from the isocentre",
 }
 PHANTOM_SIZES = {
@@ -53,26 +53,26 @@ PHANTOM_SIZES = {
 
 
 class UsageError(Exception):
-    """Arguments that the parser cannot judge by themselves."""
+    """Wrong arguments that the parser does not find."""
 
 
 def main(argv=None):
     """Run the command; returns its exit code.
 
-    SIGINT and SIGTERM become exceptions in the main thread once the kernel that is at work is done, and
-    what was begun is cleaned up on their way.
+    SIGINT and SIGTERM become exceptions in the main thread when the running kernel is done. They clean up
+    what was begun.
     """
-    came = []
+    signals = []
 
     def end(number, _):
-        came.append(number)
+        signals.append(number)
         raise SystemExit(143) if number == signal.SIGTERM else KeyboardInterrupt
 
     with runtime.handled(end):
         try:
             return _main(argv)
         except BaseException as error:  # libraries may turn the exception into one of theirs
-            return _cancelled(came[0], error) if came else _failed(error)
+            return _cancelled(signals[0], error) if signals else _failed(error)
 
 
 def _main(argv):
@@ -86,7 +86,7 @@ def _main(argv):
 
 
 def _cancelled(number, error):
-    """Exit code of a run that a signal has ended. More of them change nothing any more."""
+    """Exit code of a run that a signal has ended. Further signals are ignored."""
     for other in runtime.SIGNALS:
         signal.signal(other, signal.SIG_IGN)
     what = "all had been" if getattr(error, "written", False) else "nothing was"
@@ -95,7 +95,7 @@ def _cancelled(number, error):
 
 
 def _failed(error):
-    """Exit code of a run that ended with an exception, which is told in one line."""
+    """Exit code of a run that ended with an exception, and one line about it."""
     if not isinstance(error, Exception):
         raise error
     code, text = _explain(error)
@@ -137,7 +137,7 @@ def _explain(error):
         return DEFECT, text
     return (
         FAULT,
-        f"fault of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where",
+        f"internal error of ctessel, {type(error).__name__}: {text}; CTESSEL_TRACEBACK=1 shows where",
     )
 
 
@@ -193,45 +193,45 @@ def _add_recon(commands):
         "--output",
         metavar="IMAGE.nii.gz",
         type=Path,
-        help="NIfTI file; IMAGE.json beside it tells what was done",
+        help="NIfTI file; IMAGE.json beside it says what was done",
     )
     command.add_argument(
-        "--dicom", action="store_true", help="the output is a folder, for DICOM files in its place"
+        "--dicom", action="store_true", help="write DICOM files; the output is a folder"
     )
     command.add_argument(
-        "--preview", metavar="IMAGE.png", type=_png_name, help="also a picture of the slices"
+        "--preview", metavar="IMAGE.png", type=_png_name, help="also write a picture of the slices"
     )
     command.add_argument(
         "--save-maps",
         metavar="FILE",
         type=_maps_name,
-        help="also the sensitivities that were used: x, y, z, coil, slice as a BART pair or NIfTI",
+        help="also write the sensitivities that were used: x, y, z, coil, slice as a BART pair or NIfTI",
     )
     command.add_argument(
         "--report",
         metavar="REPORT.html",
         type=_html_name,
-        help="also a page with all that was done, pictures of every step, and a viewer",
+        help="also write a page with every step, pictures, and a viewer",
     )
     command.add_argument(
         "--maps-out",
         metavar="NAMES",
         type=_map_names,
         default=(),
-        help="also maps beside the image, IMAGE_g.nii.gz and so on: g, sd, snr, condition, "
-        "residual, with commas between",
+        help="also write maps beside the image, IMAGE_g.nii.gz and so on: g, sd, snr, condition, "
+        "residual, separated by commas",
     )
     command.add_argument(
         "--noise-images",
         metavar="N",
         type=options.positive,
-        help="also N volumes of noise for denoisers, IMAGE_noise.nii.gz; need a noise scan",
+        help="also write N volumes of noise for denoisers, IMAGE_noise.nii.gz; needs a noise scan",
     )
     command.add_argument(
-        "--dry-run", action="store_true", help="say what would be done, and do nothing"
+        "--dry-run", action="store_true", help="print what would be done, and do nothing"
     )
     command.add_argument(
-        "--strict", action="store_true", help="end with code 1, and write nothing, where there is a warning"
+        "--strict", action="store_true", help="if there is a warning, end with code 1 and write nothing"
     )
     _add_bids(command)
     _add_input(command)
@@ -241,7 +241,7 @@ def _add_recon(commands):
 
 def _add_bids(command):
     group = command.add_argument_group("names of the BIDS standard")
-    group.add_argument("--bids", metavar="FOLDER", type=Path, help="write there, with or without -o")
+    group.add_argument("--bids", metavar="FOLDER", type=Path, help="write to this folder; -o may be left out")
     group.add_argument("--subject", metavar="01", type=_label, help="letters and digits")
     group.add_argument("--session", metavar="LABEL", type=_label, help="letters and digits")
     group.add_argument(
@@ -255,32 +255,43 @@ def _add_bids(command):
 
 
 def _add_input(command):
-    group = command.add_argument_group("input", "what RAW does not say itself; see docs/formats.md")
+    group = command.add_argument_group("input", "what RAW does not say; see docs/formats.md")
     # The names are those of ctessel.stored.NAMES, which is not loaded for the other commands.
     group.add_argument(
         "--format",
         type=_format,
         metavar="NAME",
-        help="ismrmrd, fastmri, m4raw, calgary, skmtea, cfl or matlab; by default what the content shows",
+        help="ismrmrd, fastmri, m4raw, calgary, skmtea, cfl or matlab; by default recognised by the content",
     )
     group.add_argument(
-        "--fov", type=options.size, nargs=3, metavar=("X", "Y", "Z"), help="field of view in mm; of slices Z is their thickness"
+        "--fov",
+        type=options.size,
+        nargs=3,
+        metavar=("X", "Y", "Z"),
+        help="field of view in mm; Z is the thickness of slices",
     )
     group.add_argument(
         "--lines", type=options.positive, nargs="+", metavar="N", help="lines of the whole k-space: Y, Y Z, or X Y Z"
     )
     group.add_argument(
-        "--centre", type=options.index, nargs="+", metavar="N", help="which line of the file is k = 0, from 0: Y, Y Z, or X Y Z"
+        "--centre",
+        type=options.index,
+        nargs="+",
+        metavar="N",
+        help="the line of the file that is k = 0, from 0: Y, Y Z, or X Y Z",
     )
     group.add_argument(
-        "--array-axes", type=_axes, metavar="NAMES", help="of a MATLAB variable: x,y,coil,slice,repetition is the default"
+        "--array-axes",
+        type=_axes,
+        metavar="NAMES",
+        help="axes of a MATLAB variable; the default is x,y,coil,slice,repetition",
     )
-    group.add_argument("--calibration", metavar="FILE", help="calibration scan in a file of its own, of any format")
+    group.add_argument("--calibration", metavar="FILE", help="separate calibration in this file, of any format")
     _add_group(group)
 
 
 def _given(arguments):
-    """What was said about the file, for `ctessel.raw.contents`."""
+    """What the user stated about the file, for `ctessel.raw.contents`."""
     names = ("format", "fov", "lines", "centre", "calibration")
     given = {**{name: getattr(arguments, name) for name in names}, "axes": arguments.array_axes}
     for name in ("lines", "centre"):
@@ -296,7 +307,7 @@ def _add_resources(command):
         "--range",
         nargs=3,
         metavar=("AXIS", "FIRST", "LAST"),
-        help="only a part along slice, echo or repetition, from 0; see ctessel merge",
+        help="reconstruct only a part along slice, echo or repetition, from 0; see ctessel merge",
     )
     resources.add_argument(
         "--skip",
@@ -304,13 +315,13 @@ def _add_resources(command):
         action="append",
         default=[],
         metavar=("AXIS", "N"),
-        help="leave out a bad slice, echo or repetition, counted as for --range; repeatable",
+        help="leave out a bad slice, echo or repetition, counted as for --range; can be repeated",
     )
     resources.add_argument(
-        "--scratch", metavar="FOLDER", help="keep k-space in a file there, not in memory"
+        "--scratch", metavar="FOLDER", help="keep k-space in a file in this folder, not in memory"
     )
-    resources.add_argument("--workers", type=options.positive, metavar="N", help="processes to start here")
-    resources.add_argument("--scheduler", metavar="ADDRESS", help="Dask scheduler of a cluster")
+    resources.add_argument("--workers", type=options.positive, metavar="N", help="processes on this machine")
+    resources.add_argument("--scheduler", metavar="ADDRESS", help="address of a Dask scheduler")
 
 
 def _add_threads(command):
@@ -329,11 +340,14 @@ def _add_group(command):
 
 def _add_info(commands):
     command = _command(
-        commands, "info", info, "tell what is in a raw data file and what would be done with it"
+        commands, "info", info, "print what is in a raw data file and what would be done with it"
     )
     command.add_argument("raw", metavar="RAW", help="raw data file of any format")
     command.add_argument(
-        "--plot", metavar="FILE.png", type=_png_name, help="a picture of the lines and of the energy along each axis"
+        "--plot",
+        metavar="FILE.png",
+        type=_png_name,
+        help="also write a picture of the lines and of the energy along each axis",
     )
     _add_input(command)
 
@@ -353,7 +367,7 @@ def _add_merge(commands):
     command = _command(commands, "merge", merge, "join images that were made with --range")
     command.add_argument("parts", nargs="+", metavar="PART.nii.gz", help="images of recon --range, in any order")
     _add_output(command, "IMAGE.nii.gz", _nifti_name, "the whole image; IMAGE.json appears beside it")
-    command.add_argument("--gaps", action="store_true", help="parts need not follow each other")
+    command.add_argument("--gaps", action="store_true", help="allow missing echoes and repetitions between the parts")
 
 
 def _add_view(commands):
@@ -381,20 +395,20 @@ def _phantom_kinds():
 
 def _add_warp(commands):
     command = _command(
-        commands, "warp", warp, "write the displacement field of gradients that are not linear"
+        commands, "warp", warp, "write the displacement field of non-linear gradients"
     )
     command.add_argument("coefficients", metavar="COEFFICIENTS", help="file of the gradients' coefficients")
     _add_output(command, "WARP.nii.gz", _nifti_name, "the field, in mm")
-    command.add_argument("--like", metavar="IMAGE.nii.gz", help="the image that it is for")
+    command.add_argument("--like", metavar="IMAGE.nii.gz", help="image for which the field is written")
     command.add_argument(
         "--extent", type=options.size, metavar="MM", help="side of a cube around the isocentre (500)"
     )
-    command.add_argument("--spacing", type=options.size, metavar="MM", help="between its voxels (5)")
+    command.add_argument("--spacing", type=options.size, metavar="MM", help="distance of its voxels (5)")
     command.add_argument(
         "--type",
         choices=("itk", "fsl", "fsl-abs", "ras"),
         default="itk",
-        help="convention: displacement (itk, the default; fsl) or place (fsl-abs; ras, of the world)",
+        help="convention: displacement (itk, the default; fsl) or position (fsl-abs; ras, world coordinates)",
     )
     command.add_argument(
         "--direction",
@@ -407,20 +421,20 @@ def _add_warp(commands):
         "--jacobian",
         metavar="J.nii.gz",
         type=_nifti_name,
-        help="also the factors of intensity, |det d encoded / d position|",
+        help="also write the intensity factors, |det d encoded / d position|",
     )
     command.add_argument(
         "--grad-dev",
         metavar="G.nii.gz",
         type=_nifti_name,
-        help="also d encoded_a / d position_b minus identity, volume 3 a + b, along the axes of b-vectors",
+        help="also write d encoded_a / d position_b minus identity, volume 3 a + b, along the axes of b-vectors",
     )
     _add_field(command)
 
 
 def _add_unwarp(commands):
     command = _command(
-        commands, "unwarp", unwarp, "correct an image for gradients that are not linear"
+        commands, "unwarp", unwarp, "correct an image for non-linear gradients"
     )
     command.add_argument("image", metavar="IMAGE.nii.gz", help="image of any program")
     command.add_argument("--coefficients", required=True, metavar="FILE", help="of the gradients")
@@ -429,10 +443,10 @@ def _add_unwarp(commands):
         "--mode",
         choices=("auto", "3d", "2d", "through-plane", "none"),
         default="auto",
-        help="what is still to be corrected; auto (the default) reads the sidecar",
+        help="what to correct; auto (the default) reads the sidecar",
     )
     command.add_argument(
-        "--no-intensity", action="store_true", help="do not multiply with the Jacobian"
+        "--no-intensity", action="store_true", help="do not multiply by the Jacobian"
     )
     command.add_argument(
         "--interpolation",
@@ -444,15 +458,15 @@ def _add_unwarp(commands):
 
 
 def _add_field(command):
-    options.add_coefficients(command, "the sidecar's PatientPosition says")
+    options.add_coefficients(command, "PatientPosition of the sidecar")
     _add_threads(command)
 
 
 def _add_serve(commands):
-    command = _command(commands, "serve", serve, "make images of ISMRMRD streams while they come")
+    command = _command(commands, "serve", serve, "reconstruct ISMRMRD streams while they arrive")
     command.add_argument("--host", default="127.0.0.1", help="address to listen on (default: 127.0.0.1)")
-    command.add_argument("--port", type=options.port, default=9002, help="0 for any that is free (default: 9002)")
-    command.add_argument("--stdio", action="store_true", help="one stream, from stdin to stdout")
+    command.add_argument("--port", type=options.port, default=9002, help="port (default: 9002); 0 for any free port")
+    command.add_argument("--stdio", action="store_true", help="handle one stream, from stdin to stdout")
     command.add_argument(
         "--config",
         action="append",
@@ -461,18 +475,18 @@ def _add_serve(commands):
         help="options of the steps, as JSON, for streams that name this configuration",
     )
     command.add_argument(
-        "--save", type=Path, metavar="FOLDER", help="keep the raw data of each scan as a file there"
+        "--save", type=Path, metavar="FOLDER", help="write the raw data of each scan to a file in this folder"
     )
     _add_threads(command)
     command.add_argument(
-        "--connections", type=options.positive, default=8, metavar="N", help="served at once (default: 8)"
+        "--connections", type=options.positive, default=8, metavar="N", help="at most so many at a time (default: 8)"
     )
     command.add_argument(
         "--timeout",
         type=options.seconds,
         default=300.0,
         metavar="SECONDS",
-        help="silence that ends a connection (default: 300)",
+        help="end a connection after this time without a message (default: 300)",
     )
     options.add_steps(command)
     options.add_answers(command)
@@ -487,17 +501,17 @@ def _add_send(commands):
         "--output",
         metavar="IMAGES.nii.gz",
         type=_nifti_name,
-        help="NIfTI file of the images that come back",
+        help="NIfTI file for the received images",
     )
     command.add_argument(
         "--realtime", action="store_true", help="send lines at the times of their measurement"
     )
-    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration to name (default: ctessel)")
+    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration of the server (default: ctessel)")
     command.add_argument(
         "--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}'
     )
     command.add_argument(
-        "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="silence that ends it (default: 300)"
+        "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="longest silence (default: 300)"
     )
     _add_group(command)
 
@@ -519,7 +533,7 @@ def _axes(text):
 def _html_name(text):
     if not text.endswith(".html"):
         raise argparse.ArgumentTypeError(
-            f"{text}: is to be a page; give it a name that ends in .html"
+            f"{text}: expected the name of a page, ending in .html"
         )
     return Path(text)
 
@@ -549,7 +563,7 @@ def _maps_name(text):
 def _png_name(text):
     if not text.endswith(".png"):
         raise argparse.ArgumentTypeError(
-            f"{text}: is to be a PNG file; give it a name that ends in .png"
+            f"{text}: expected the name of a PNG file, ending in .png"
         )
     return Path(text)
 
@@ -613,9 +627,9 @@ def recon(arguments):
     if arguments.output and not arguments.dicom:
         _check_name(arguments.output)
     if arguments.maps_out and (arguments.dicom or not arguments.output):
-        raise UsageError("--maps-out needs -o IMAGE.nii.gz, whose name the maps have")
+        raise UsageError("--maps-out needs -o IMAGE.nii.gz: the names of the maps begin with it")
     if arguments.noise_images and arguments.dicom and not arguments.bids:
-        raise UsageError("--noise-images needs -o IMAGE.nii.gz or --bids, whose names the volumes have")
+        raise UsageError("--noise-images needs -o IMAGE.nii.gz or --bids for the names of the volumes")
     if bool(arguments.bids) != bool(arguments.subject):
         raise UsageError("--bids and --subject belong together")
     if arguments.raw != "-":
@@ -648,12 +662,12 @@ def _recon(arguments):
 
 
 def _warn(texts, arguments):
-    """A line on stderr for each; with --strict they end the run."""
+    """Print each on stderr; with --strict they end the run."""
     _tell(texts)
     if texts and arguments.strict:
         raise ValueError(
-            f"{arguments.raw}: {len(texts)} warning{'s' * (len(texts) > 1)}, and --strict takes none; "
-            "mend what they name, or leave --strict out"
+            f"{arguments.raw}: {len(texts)} warning{'s' * (len(texts) > 1)}, and --strict allows none; "
+            "fix what they name, or leave out --strict"
         )
 
 
@@ -673,9 +687,9 @@ def convert(arguments):
     """``ctessel convert``"""
     from . import convert as conversion
 
-    told, warnings = conversion.convert(arguments.raw, arguments.output, arguments.group, **_given(arguments))
+    notes, warnings = conversion.convert(arguments.raw, arguments.output, arguments.group, **_given(arguments))
     _tell(warnings)
-    for line in told:
+    for line in notes:
         _say(line)
 
 
@@ -714,7 +728,7 @@ def phantom(arguments):
     if arguments.kind == "list":
         _say(_phantom_kinds() if sys.stdout.isatty() else "\n".join(phantoms.KINDS))
         return
-    if arguments.kind not in phantoms.KINDS:
+    if arguments.kind not in (*phantoms.KINDS, "turns"):
         raise UsageError(
             f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}"
         )
@@ -796,7 +810,7 @@ def unwarp(arguments):
 
 @contextlib.contextmanager
 def _progress(what, unit):
-    """A bar with the time left on stderr, where that is a terminal; None otherwise."""
+    """A bar with the time left if stderr is a terminal; otherwise None."""
     if sys.stderr is None or not sys.stderr.isatty():
         yield None
         return
@@ -807,7 +821,7 @@ def _progress(what, unit):
         def show(done, total):
             bar.total = total
             bar.update(done - bar.n)
-            if done == total:  # also where all was done before the bar's first step
+            if done == total:  # also if all was done before the bar's first step
                 bar.refresh()
 
         yield show

@@ -1,10 +1,9 @@
-"""Which coils an image is made of: coils that measure nothing, much noise, or what another one measures
-are left out.
+"""The choice of coils: coils with zeros, only noise, or the samples of another coil are left out.
 
-Coils of ordinary arrays differ by large factors in level, noise and distance from the object. What
-tells a defective one is its signal over its noise beside that of the others, in the first image of
-every slice: one slice where a coil does its part is enough. So a scan that still runs, and a part of a
-scan, find the same as the whole.
+Coils of ordinary arrays differ by large factors in sensitivity, noise and distance from the object. So a
+coil is compared with the others by its ratio of signal to noise, in the first image of every slice. A
+coil that works in one slice is kept. Later repetitions are not used, so a scan that still runs, and a
+part of a scan, give the same choice as the whole.
 """
 
 from dataclasses import dataclass
@@ -12,17 +11,17 @@ from math import prod
 
 import numpy as np
 
-#: Energy around k = 0 over the noise below which there is no signal: noise alone has 1 +- 0.13. Measured
+#: A coil whose energy around k = 0 over noise is below this has no signal: pure noise has 1 +- 0.13. Measured
 #: heads and phantoms with 2 to 32 coils have at least 1400, coils of 5 % of their sensitivity 4.
 SIGNAL = 2
-#: The same of the other coils from which on theirs is clear; less, and nothing is judged.
+#: The other coils must have at least this ratio, or no coil is judged.
 CLEAR = 200
-#: Factor of the noise, and of the share of the signal, from which on a coil is noisy. Measured coils
+#: A coil is noisy if its noise and its share of the signal are off by this factor. Measured coils
 #: have noise scans up to 1.7 times the others', ends of readouts up to 35 times; the share of the signal
 #: is no more than 3.3 times below.
 NOISY = 16
-#: Correlation of two coils, of their noise and of their signal, from which on they are one; measured
-#: ones have up to 0.48 and 0.99.
+#: Two coils are the same if the correlations of their noise and signal exceed this; measured correlations
+#: are up to 0.48 and 0.99.
 ALIKE = 0.999
 #: Lines, and samples of each, around k = 0; lines far from it.
 REACH = 8
@@ -30,9 +29,9 @@ REACH = 8
 
 @dataclass(frozen=True, eq=False)
 class Look:
-    """What the coils show in the first image of a slice.
+    """Statistics of the coils in the first image of a slice.
 
-    `signal` and `floor`, ``(coil,)``, are mean energies of samples: around k = 0, and of the ends of
+    `signal` and `floor`, ``(coil,)``, are mean energies of samples: around k = 0, and at the ends of
     the outermost readouts. `alike`, ``(coil, coil)``, are correlations around k = 0.
     """
 
@@ -43,14 +42,14 @@ class Look:
 
 @dataclass(frozen=True, eq=False)
 class Choice:
-    """The coils that are used, of how many, and why others are not, by their number."""
+    """The coils that are used, the number of all coils, and the reason for each coil that is left out."""
 
     kept: tuple[int, ...]
     count: int
     reasons: dict[int, str]
 
     def of(self, samples, axis=3):
-        """The coils that are used of an array."""
+        """The part of an array with the coils that are used."""
         return np.asfortranarray(np.take(samples, self.kept, axis))
 
     def text(self):
@@ -85,7 +84,7 @@ def correlation(samples):
     return np.abs(products) / np.where(level > 0, level, 1) / np.where(level > 0, level, 1)[:, None]
 
 
-@np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused with their image
+@np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused later, with their image
 def looks(slices, noise, voxels):
     """Looks at slices until no coil is suspect any more.
 
@@ -123,19 +122,19 @@ def of_arrays(kspace, lines, noise):
 
 
 def nearest_and_farthest(places):
-    """Lines, of which the places ``(line, 2)`` from k = 0 are given, that are looked at."""
+    """Which of the lines at these places, ``(line, 2)`` from k = 0, are used."""
     order = np.argsort((places**2).sum(1), kind="stable")
     return order[:REACH], order[-REACH:]
 
 
-# ---- What they tell ------------------------------------------------------------------------------
+# ---- Criteria ------------------------------------------------------------------------------------
 
 
 def suspects(found, noise, voxels):
-    """Coils that do their part in none of some looks, and why: a dict of texts."""
-    told = [_suspects(each, noise, voxels) for each in found]
-    common = set(told[0]).intersection(*told) if told else set()
-    return {coil: told[0][coil] for coil in sorted(common)}
+    """Coils that are defective in every look, and the reasons: a dict of texts."""
+    findings = [_suspects(each, noise, voxels) for each in found]
+    common = set(findings[0]).intersection(*findings) if findings else set()
+    return {coil: findings[0][coil] for coil in sorted(common)}
 
 
 def _suspects(seen, noise, voxels):
@@ -146,34 +145,34 @@ def _suspects(seen, noise, voxels):
 
 
 def _silent(seen, levels):
-    """Coils without signal, or without noise where the others have some."""
+    """Coils without signal, or without noise if the others have some."""
     share = _share(seen.signal, seen.floor)
     typical = _of_others(share, seen.signal > 0)
-    told = {}
+    findings = {}
     for coil in range(len(share)):
         if seen.signal[coil] == 0 and seen.signal.any():
-            told[coil] = "it measures nothing but zeros"
+            findings[coil] = "it has only zeros"
         elif share[coil] < SIGNAL and typical[coil] > CLEAR:
-            told[coil] = "it measures noise without signal"
+            findings[coil] = "it has noise without signal"
         elif levels[-1][coil] == 0 and levels[-1] is not seen.floor and levels[-1].any():
-            told[coil] = "the noise scan has no noise of it"
-    return told
+            findings[coil] = "the noise scan has only zeros for it"
+    return findings
 
 
 def _noisy(seen, levels, voxels):
-    """Coils of which the noise is far above the others', and seen in their image."""
-    told = {}
+    """Coils with much more noise than the others, if it is visible in their image."""
+    findings = {}
     for level in levels:
         share = _share(seen.signal, level)
         there = (seen.signal > 0) & (level > 0)
         louder, less = _share(level, _of_others(level, there)), _share(_of_others(share, there), share)
         for coil in np.flatnonzero(there & (louder > NOISY) & (less > NOISY) & (share < voxels)).tolist():
-            told[coil] = f"its noise has {louder[coil] ** 0.5:.3g} times the level of the other coils'"
-    return told
+            findings[coil] = f"its noise is {louder[coil] ** 0.5:.3g} times that of the other coils"
+    return findings
 
 
 def _copies(seen, noise):
-    """Coils that measure what one before them does."""
+    """Coils with the samples of a coil before them."""
     if noise is None:
         return {}
     both = np.minimum(seen.alike, correlation(np.asarray(noise, np.complex128))) > ALIKE
@@ -198,18 +197,18 @@ def _of_others(values, counted):
 
 
 def choose(layout, options):
-    """The coils of a scan that are used: a `Choice`, or None where these are all.
+    """The coils of a scan that are used: a `Choice`, or None for all of them.
 
     Raises
     ------
     ValueError
-        `options` names coils that the scan does not have; or it cannot be told yet.
+        `options` names coils that the scan does not have; or the choice is not possible yet.
     """
     count = layout.shape[3]
     if options.coils is not None:
         kept = check(options.coils)
         if kept[-1] >= count:
-            raise ValueError(f"coils: the scan has coils 0 to {count - 1}, got {kept[-1]}; name some of those")
+            raise ValueError(f"coils: the scan has coils 0 to {count - 1}, got {kept[-1]}; choose from these")
         return Choice(kept, count, {}) if len(kept) < count else None
     noise = layout.noise if options.whiten else None
     with np.errstate(over="ignore", invalid="ignore"):
@@ -241,7 +240,7 @@ def parse(text):
 
 
 def warnings(choice):
-    """What is told of coils that are left out, a line each."""
+    """Warnings about coils that are left out, one line each."""
     for coil, why in (choice.reasons if choice else {}).items():
         yield f"coil {coil} of 0 to {choice.count - 1} is left out: {why}; --coils 0-{choice.count - 1} keeps all"
 

@@ -1,4 +1,4 @@
-"""What the coils show in the first lines of a file or a stream, for `ctessel.coil_choice`."""
+"""Statistics of the coils from the first lines of a file or a stream, for `ctessel.coil_choice`."""
 
 from math import prod
 
@@ -8,59 +8,59 @@ from .acquisitions import CALIBRATION, CALIBRATION_AND_IMAGING, NOISE, NOT_IMAGI
 from .coil_choice import looks, nearest_and_farthest
 
 
-def of_acquisitions(heads, header, read, noise, come=None):
+def of_acquisitions(headers, header, read, noise, received=None):
     """Looks at the first image of each slice, of a file or a stream.
 
     Parameters
     ----------
-    heads : ndarray of `ctessel.acquisitions.HEAD`
+    headers : ndarray of `ctessel.acquisitions.HEAD`
     header : Header
         Of the images.
     read : callable
         Samples ``(sample, coil)`` of acquisitions, by their numbers.
     noise : ndarray of complex64, ``(sample, coil)``, or None
-    come : int, optional
-        How many acquisitions have come; by default all.
+    received : int, optional
+        How many acquisitions have arrived; by default all.
 
     Returns
     -------
     looks : tuple of Look
     complete : bool
-        Every slice's lines have come.
+        The lines of every slice have arrived.
     """
-    come, missing = heads.size if come is None else come, []
-    first = _first_images(heads)
-    if not first.size or heads["active_channels"][first[0]] < 2:
+    received, missing = headers.size if received is None else received, []
+    first = _first_images(headers)
+    if not first.size or headers["active_channels"][first[0]] < 2:
         return (), True
     centre = [header.limits[axis].center for axis in "yz"]
 
     def slices():
-        for index in np.unique(heads["slice"][first]):
-            numbers = first[heads["slice"][first] == index]
-            at = np.stack([heads[f"kspace_encode_step_{step}"][numbers] for step in (1, 2)], 1).astype(int)
+        for index in np.unique(headers["slice"][first]):
+            numbers = first[headers["slice"][first] == index]
+            at = np.stack([headers[f"kspace_encode_step_{step}"][numbers] for step in (1, 2)], 1).astype(int)
             parts = [numbers[part] for part in nearest_and_farthest(at - centre)]
-            if max(part.max() for part in parts) < come:
-                yield [lambda part=part: _together(heads, part, read(part)) for part in parts]
+            if max(part.max() for part in parts) < received:
+                yield [lambda part=part: _together(headers, part, read(part)) for part in parts]
             else:
                 missing.append(index)
 
     return looks(slices(), noise, prod(header.encoded_matrix)), not missing
 
 
-def _first_images(heads):
+def _first_images(headers):
     """Acquisitions of the first echo and repetition."""
-    flags = heads["flags"]
+    flags = headers["flags"]
     alone = (flags & CALIBRATION != 0) & (flags & CALIBRATION_AND_IMAGING == 0)
     which = (flags & (NOISE | NOT_IMAGING) == 0) & ~alone
     for name in ("contrast", "repetition", "phase", "set", "average"):
-        which &= heads[name] == heads[name][which].min() if which.any() else False
+        which &= headers[name] == headers[name][which].min() if which.any() else False
     return np.flatnonzero(which)
 
 
-def _together(heads, numbers, lines):
-    """Lines without the samples that are to be discarded."""
+def _together(headers, numbers, lines):
+    """Lines without the samples that are marked for discarding."""
     kept = [
-        line[heads["discard_pre"][i] : len(line) - heads["discard_post"][i]] for i, line in zip(numbers, lines)
+        line[headers["discard_pre"][i] : len(line) - headers["discard_post"][i]] for i, line in zip(numbers, lines)
     ]
     least = min(map(len, kept))
     return np.stack([line[:least] for line in kept])

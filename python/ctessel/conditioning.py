@@ -1,4 +1,4 @@
-"""How well the coils tell aliases apart, and what regularisation does to the level of an image."""
+"""How well the coils separate aliases, and how regularisation changes the intensity of an image."""
 
 from dataclasses import dataclass
 from itertools import product
@@ -8,39 +8,39 @@ import numpy as np
 from ._sense import unfolded_positions
 from .sampling import alias_offsets
 
-#: Condition of the equations of half of the object beyond which aliases are guessed more than unfolded:
+#: If the condition of the equations is higher in half of the object, the coils hardly separate aliases:
 #: measured heads with 16 coils have 2, 4 and 16 for R = 2, 3 and 4, and 1100 for R = 6.
 MOST = 100
-#: Level below which regularisation is made up for, where no measured lines keep the image's.
+#: Below this response the intensity is corrected, if no measured lines keep it.
 KEPT = 0.99
-#: Level below which it is told.
+#: Below this response there is a warning.
 LEAST = 0.9
-#: Planes across the readout that are looked at, at most.
+#: Largest number of planes across the readout that are evaluated.
 PLANES = 8
 
 
 @dataclass(frozen=True)
 class Conditioning:
-    """Median condition of the equations in the object, and the share of the level of what is unfolded
-    that regularisation leaves."""
+    """Median condition of the equations in the object, and the part of the unfolded intensity that
+    regularisation keeps."""
 
     condition: float
     response: float
 
     @property
     def gain(self):
-        """What makes up for the regularisation."""
+        """The factor that corrects the intensity for the regularisation."""
         return np.float32(1 / self.response if 0 < self.response < KEPT else 1)
 
     @property
     def explains(self):
-        """Whether the unfolded image explains the lines: aliases can be told apart, and regularisation
-        leaves the level."""
+        """Whether the unfolded image explains the lines: aliases can be separated, and regularisation
+        keeps the intensity."""
         return self.condition <= MOST and self.response >= LEAST
 
 
 def planes(extent):
-    """Planes that are looked at, spread over the extent of the readout."""
+    """Planes that are evaluated, spread over the extent of the readout."""
     count = min(extent, PLANES)
     return (np.arange(count) * extent + extent // 2) // count
 
@@ -52,8 +52,7 @@ def look(parts, lattices, covariance=None):
     ----------
     parts : iterable of tuple of three ndarray
         Of each plane or of several, ``(x, y, z, coil)`` and ``(x, y, z)``: sensitivities; an image,
-        whose energy says how much a voxel counts for the level; what regularisation adds to the
-        equations.
+        whose energy is the weight of each voxel; what regularisation adds to the equations.
     lattices : sequence of two Lattice
     covariance : ndarray of complex64, ``(coil, coil)``, optional
         Of the noise; by default the identity.
@@ -105,14 +104,14 @@ def _groups(lattice):
 
 
 def _equations(white, diagonal):
-    """Condition of the equations of each group of aliases, and every alias's own share in its value."""
+    """Condition of the equations of each group of aliases, and the response of every alias."""
     aliases = white.shape[3] * white.shape[4]
     white = white.reshape(-1, aliases, white.shape[-1])
     there, unit = (white != 0).any(2), np.eye(aliases)
     matrix = white.conj() @ white.transpose(0, 2, 1)
     scale = np.abs(matrix).max((1, 2), keepdims=True)
     scale[scale == 0] = 1
-    matrix = matrix / scale + ~there[:, :, None] * unit  # voxels beside the object count for none
+    matrix = matrix / scale + ~there[:, :, None] * unit  # voxels outside of the object have no weight
     values = np.linalg.eigvalsh(matrix)
     added = diagonal.reshape(-1, aliases, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
     unfolding = np.linalg.solve(matrix + added * unit, matrix)
@@ -122,16 +121,16 @@ def _equations(white, diagonal):
 
 
 def warnings(figures, reduction):
-    """What a user is told of the slices' `condition` and `response`, a line each."""
+    """Warnings about `condition` and `response` of the slices, one line each."""
     worst = max(figures.get("condition", []), default=1.0)
     if worst > MOST:
         yield (
-            f"SENSE: R = {reduction} is above what the coils can unfold, the condition of the equations is "
+            f"SENSE: R = {reduction} is more than the coils can unfold: the condition of the equations is "
             f"{worst:.0f}; expect noise and aliases, and measure more lines"
         )
     least = min(figures.get("response", []), default=1.0)
     if least < LEAST:
         yield (
-            f"regularisation: leaves {100 * least:.0f} % of the level of what is unfolded; take less of it, or "
+            f"regularisation: keeps {100 * least:.0f} % of the intensity of the unfolded image; use less of it, or "
             "measure more lines"
         )

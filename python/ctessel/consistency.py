@@ -1,29 +1,29 @@
-"""Measured lines that do not fit the others: moved while they were measured, hit by a spike, or lost.
+"""Measured lines that do not fit the others, because of motion, spikes or lost lines.
 
-Unfolding explains the lines of all coils by one image. A line that was measured while the object lay
-elsewhere is explained badly, or its neighbours are, which share sensitivities with it.
+Unfolding explains the lines of all coils by one image. If the object moved, that image does not explain
+a line, or its neighbours, which share sensitivities with it.
 """
 
 from itertools import groupby
 
 import numpy as np
 
-#: Lines on each side of k = 0 that are judged: beyond them noise hides what does not fit.
+#: Lines on each side of k = 0 that are checked: beyond them noise hides misfits.
 REACH = 24
-#: Lines on each side of a line that it is compared with.
+#: Lines on each side with which a line is compared.
 NEAR = 5
-#: Misfit of a line over those beside it and opposite of it from which on it is told. Measured heads and
-#: phantoms (R = 2 to 4, condition up to 20) have up to 1.9; a head that moves by a voxel between two lines 1.9 to 5.
+#: A line is reported if its misfit is so many times that of its neighbours and the opposite lines. Heads and
+#: phantoms (R = 2 to 4, condition up to 20) have up to 1.9; a head that moves by a voxel, 1.9 to 5.
 MISFIT = 2.5
-#: Misfit over the energy of all lines that are judged below which nothing is to be seen: a two hundredth
-#: of the image. Lines of noise-free phantoms have up to 7e-6, of a head that moves 1e-4 and more.
+#: A misfit below this share of the energy of the checked lines is invisible: a two hundredth of the image.
+#: Lines of noise-free phantoms have up to 7e-6, those of a moving head 1e-4 and more.
 LEAST = 3e-5
-#: Images that are named in warnings at most; the sidecar has all.
+#: Largest number of images in warnings; the sidecar has all.
 NAMED = 8
 
 
 def misfit(unfolded, measured, there):
-    """Energy of lines off what unfolding makes of them, over that of all lines that are judged.
+    """Energy of the difference of each line and the unfolded image, over that of all checked lines.
 
     Parameters
     ----------
@@ -50,24 +50,24 @@ def misfit(unfolded, measured, there):
 
 
 def lines(n):
-    """Lines that are judged, from k = 0."""
+    """Lines that are checked, from k = 0."""
     reach = min(REACH, (n - 1) // 2)
     return np.arange(-reach, reach + 1)
 
 
 def odd(energies, lattice):
-    """Lines that do not fit, from k = 0, and how much: pairs, of one column of `misfit`.
+    """Lines that do not fit, from k = 0, and their misfit: pairs, of one column of `misfit`.
 
-    Lines of the lattice, which the unfolding fits, are compared with such, calibration lines between them
-    with theirs. What sensitivities cannot explain is the same on both sides of k = 0.
+    Lines of the sampling pattern, which the unfolding fits, are compared with each other, and so are the
+    calibration lines between them. What sensitivities cannot explain is the same on both sides of k = 0.
     """
-    half, told = len(energies) // 2, []
+    half, found = len(energies) // 2, []
     for own in (True, False):
         at = np.flatnonzero(np.isfinite(energies)) - half
         at = at[((at - lattice.offset) % lattice.step == 0) == own]
         if at.size > 2 * NEAR:
-            told += _odd_ones(at, energies[at + half])
-    return sorted(told)
+            found += _odd_ones(at, energies[at + half])
+    return sorted(found)
 
 
 def _odd_ones(at, values):
@@ -81,23 +81,23 @@ def _odd_ones(at, values):
 
 
 def entry(index, repetition, found):
-    """What a sidecar says of an image with lines that do not fit."""
+    """Entry of the sidecar for an image with lines that do not fit."""
     at, times = zip(*found)
     return {"Slice": index, "Repetition": repetition, "Lines": list(at), "Misfit": [round(t, 2) for t in times]}
 
 
 def warnings(entries):
-    """What a user is told, a line for each image; `entries` are in the order of slices."""
-    for told in entries[:NAMED]:
-        one = len(told["Lines"]) == 1
+    """Warnings, one line for each image; `entries` are in the order of slices."""
+    for entry in entries[:NAMED]:
+        one = len(entry["Lines"]) == 1
         yield (
-            f"slice {told['Slice']}, repetition {told['Repetition']}: line{'s' * (not one)} "
-            f"{', '.join(f'{line:+d}' for line in told['Lines'])} from k = 0 {'does' if one else 'do'} not fit the "
-            f"others, up to {max(told['Misfit']):.2g} times their error; motion or spikes around them blur the image"
+            f"slice {entry['Slice']}, repetition {entry['Repetition']}: line{'s' * (not one)} "
+            f"{', '.join(f'{line:+d}' for line in entry['Lines'])} from k = 0 {'does' if one else 'do'} not fit the "
+            f"others, up to {max(entry['Misfit']):.2g} times their error; motion or spikes around them blur the image"
         )
     rest = entries[NAMED:]
     if rest:
-        slices = [str(index) for index, _ in groupby(rest, lambda told: told["Slice"])]
+        slices = [str(index) for index, _ in groupby(rest, lambda entry: entry["Slice"])]
         yield (
             f"lines of {len(rest)} more images do not fit the others, of slices {', '.join(slices)}; the sidecar "
             "names them"

@@ -1,7 +1,7 @@
 """The command ``ctessel convert``: k-space between ISMRMRD and BART, images of ISMRMRD files to NIfTI.
 
-A BART pair holds samples alone. What ISMRMRD's header says goes to NAME.xml beside it, where it is found
-again; what has no place is told.
+A BART pair holds only samples. The ISMRMRD header goes to NAME.xml beside it, and is read from there. A note
+names everything that is lost.
 """
 
 import contextlib
@@ -26,8 +26,8 @@ def convert(source, target, group="dataset", **given):
     Parameters
     ----------
     source, target : str or path
-        What the names of targets end in says their format: .h5 or .mrd ISMRMRD, .nii or .nii.gz images
-        as NIfTI, .cfl or nothing a BART pair.
+        The ending of the target selects its format: .h5 or .mrd is ISMRMRD, .nii or .nii.gz are images as
+        NIfTI, .cfl or no ending is a BART pair.
     group : str, optional
         Group of an HDF5 file that holds the data.
     **given
@@ -35,14 +35,14 @@ def convert(source, target, group="dataset", **given):
 
     Returns
     -------
-    told : list of str
-        What was kept, and what was lost, a line each.
+    notes : list of str
+        What was kept and what was lost, one line each.
     warnings : list of str
 
     Raises
     ------
     ValueError
-        The source cannot be used, or holds nothing that the target could.
+        The source cannot be used, or has nothing that the target can hold.
     """
     source, target = os.fspath(source), os.fspath(target)
     if target.endswith((".nii", ".nii.gz")):
@@ -54,12 +54,12 @@ def convert(source, target, group="dataset", **given):
     if target.endswith((".h5", ".hdf5", ".mrd")):
         if found.format == "ISMRMRD":
             raise ValueError(f"{source}: is an ISMRMRD file already; name a BART pair, NAME.cfl")
-        told = _to_ismrmrd(found, target, group)
+        notes = _to_ismrmrd(found, target, group)
     elif os.path.splitext(target)[1] in ("", ".cfl", ".hdr"):
-        told = _to_pair(found, os.path.splitext(target)[0])
+        notes = _to_pair(found, os.path.splitext(target)[0])
     else:
         raise ValueError(f"{target}: expected a name that ends in .cfl, .h5, .mrd, .nii or .nii.gz")
-    return [*told, *_lost(found)], raw.layout(found).warnings
+    return [*notes, *_lost(found)], raw.layout(found).warnings
 
 
 # ---- k-space -------------------------------------------------------------------------------------
@@ -68,8 +68,8 @@ def convert(source, target, group="dataset", **given):
 def _to_pair(found, base):
     source, name = raw.Source(found), os.path.basename(base)
     if os.path.exists(f"{base}.cfl") and os.path.samefile(f"{base}.cfl", found.path):
-        raise ValueError(f"{base}.cfl: is the file to be converted; name another one")
-    told = [f"kept: the header, in {name}.xml"]
+        raise ValueError(f"{base}.cfl: is the file to convert; name another one")
+    notes = [f"kept: the header, in {name}.xml"]
     with files.Staged() as staged:
         x, y, z, coils, slices, echoes, repetitions = source.layout.shape
         with _pair(staged, base, (x, y, z, coils, echoes, repetitions, slices)) as samples:
@@ -77,19 +77,19 @@ def _to_pair(found, base):
                 samples[..., index] = source.frames(index, slice(0, repetitions))
         staged.path(f"{base}.xml").write_bytes(_pair_header(found))
         if source.layout.calibration:
-            told.append(f"kept: the calibration scan, in {name}_calibration.cfl; for --calibration")
+            notes.append(f"kept: the calibration scan, in {name}_calibration.cfl; for --calibration")
             _write_calibration(staged, f"{base}_calibration", source)
         if source.layout.noise is not None:
-            told.append(f"kept: the noise scan, in {name}_noise.cfl, which ctessel recon does not read")
+            notes.append(f"kept: the noise scan, in {name}_noise.cfl, which ctessel recon does not read")
             noise = source.layout.noise
             with _pair(staged, f"{base}_noise", (noise.shape[0], 1, 1, noise.shape[1])) as samples:
                 samples[:, 0, 0, :, 0, 0, 0] = noise
         staged.commit()
-    return told
+    return notes
 
 
 def _write_calibration(staged, base, source):
-    """The calibration scan as a pair with a header of its own."""
+    """The separate calibration as a pair with its own header."""
     extents, header = source.layout.calibration, source.layout.header
     slices = extents[4]
     with _pair(staged, base, (*extents[:4], 1, 1, slices)) as samples:
@@ -102,14 +102,14 @@ def _write_calibration(staged, base, source):
 
 @contextlib.contextmanager
 def _pair(staged, base, shape):
-    """A new BART pair: a map of its samples, (x, y, z, coil, echo, repetition, slice) or fewer."""
+    """A new BART pair: its samples as a memory map, (x, y, z, coil, echo, repetition, slice) or fewer."""
     shape = (*shape, *(1,) * (7 - len(shape)))
     dims = [1] * 16
     for axis, n in zip((0, 1, 2, 3, 5, 10, 13), shape):
         dims[axis] = n
     staged.path(f"{base}.hdr").write_text(f"# Dimensions\n{' '.join(map(str, dims))} \n")
     name = staged.path(f"{base}.cfl")
-    with open(name, "wb") as file:  # where the disk is full, a map of a file with holes would end the process
+    with open(name, "wb") as file:  # if the disk is full, writing to a map of a sparse file would end the process
         os.posix_fallocate(file.fileno(), 0, 8 * int(np.prod(shape, dtype=float)))
     samples = np.memmap(name, "<c8", "r+", shape=shape, order="F")
     yield samples
@@ -117,7 +117,7 @@ def _pair(staged, base, shape):
 
 
 def _pair_header(found):
-    """ISMRMRD's header of a scan, its lines numbered as they lie in the pair."""
+    """ISMRMRD header of a scan, with the line numbers of the pair."""
     text = getattr(found.file, "header", None)
     if not text:
         counts = dict(zip(("slice", "contrast", "repetition"), found.scan.shape[4:]))
@@ -125,7 +125,7 @@ def _pair_header(found):
     ElementTree.register_namespace("", _NAMESPACE)
     root = ElementTree.fromstring(text)
     encodings = root.findall("{*}encoding")
-    space = int(found.heads["encoding_space_ref"][found.role == IMAGING][0])
+    space = int(found.headers["encoding_space_ref"][found.role == IMAGING][0])
     for number, encoding in enumerate(encodings):
         if number != space:
             root.remove(encoding)
@@ -151,12 +151,12 @@ def _renumber(encoding, name, limit, extent):
 def _to_ismrmrd(found, target, group):
     source, layout = raw.Source(found), raw.layout(found)
     text = getattr(found.file, "header", None) or _pair_header(replace(found, header=_renumbered(found)))
-    apart = layout.calibration and stored.plain_header(
+    separate = layout.calibration and stored.plain_header(
         layout.calibration[:3], layout.header.calibration_fov or layout.header.encoded_fov
     )
-    if apart:
-        text = _ismrmrd.with_calibration(text, apart)
-    told = [f"kept: the header, in {os.path.basename(target)}"]
+    if separate:
+        text = _ismrmrd.with_calibration(text, separate)
+    notes = [f"kept: the header, in {os.path.basename(target)}"]
     with files.Staged() as staged:
         name = os.fsencode(staged.path(target))
         try:
@@ -167,7 +167,7 @@ def _to_ismrmrd(found, target, group):
         except RuntimeError as error:
             raise ValueError(f"{target}: cannot be written ({error}); check folder and free space") from None
         staged.commit()
-    return told
+    return notes
 
 
 def _renumbered(found):
@@ -206,12 +206,12 @@ def _head(y, z, centre, **fields):
 
 
 def _lost(found):
-    """What has no place in the other file."""
-    heads, times = found.heads, found.scan.times
+    """What the other file cannot hold."""
+    headers, times = found.headers, found.scan.times
     lost = {
         "where slices lie": bool(found.header.placements),
-        "times of measurement": bool(heads["acquisition_time_stamp"].any()),
-        "averages, of which the mean was written": bool((times > 1).any()),
+        "times of measurement": bool(headers["acquisition_time_stamp"].any()),
+        "averages: the mean was written": bool((times > 1).any()),
         "which lines the file calls calibration": bool(found.flagged.any()),
         f"{int((found.role == IGNORED).sum())} acquisitions without images": bool((found.role == IGNORED).any()),
     }
@@ -229,12 +229,12 @@ def _images_to_nifti(source, target, group):
     except (*stored.UNREADABLE, IndexError) as error:
         text = " ".join(str(error).split())[:160]
         raise ValueError(f"{source}: its images cannot be read ({text}); write them again") from None
-    told = [f"the images of the group {name}"]
+    notes = [f"the images of the group {name}"]
     pixels = series[0][2]
     if np.iscomplexobj(pixels):
-        told.append("lost: the phase of complex images")
+        notes.append("lost: the phase of complex images")
     if pixels.shape[3] > 1:
-        told.append(f"lost: all of {pixels.shape[3]} channels but the first")
+        notes.append(f"lost: all of {pixels.shape[3]} channels but the first")
     series, more = _counted(series)
     volumes = send.assembled(series)
     try:
@@ -246,8 +246,8 @@ def _images_to_nifti(source, target, group):
         path = staged.path(target)
         nifti.write(path, volumes, matrix, known, 0.0, sidecar, staged.path(nifti.sidecar_path(target)))
         staged.commit()
-    lost = [] if known else ["where slices lie is not in the file: axial slices at the isocentre"]
-    return [*told, *more, *lost]
+    lost = [] if known else ["the file has no positions of slices: axial slices at the isocentre are assumed"]
+    return [*notes, *more, *lost]
 
 
 def _series(path, group):
@@ -263,12 +263,12 @@ def _series(path, group):
         if len(chosen) > 1:
             raise DefectError("holds images in several groups", f"name one with --group: {', '.join(groups)}")
         found = file[chosen[0]]
-        heads, data = found["header"][()], found["data"]
-        if data.ndim != 5 or len(heads) != len(data) or not len(heads):
-            raise DefectError("its images are no (image, channel, z, y, x) with a header each", "write them again")
+        headers, data = found["header"][()], found["data"]
+        if data.ndim != 5 or len(headers) != len(data) or not len(headers):
+            raise DefectError("its images are not (image, channel, z, y, x) with a header each", "write them again")
         formats.check_stored(data)
-        pixels = [stored.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(heads))]
-        return [(head, _attributes(found, i), image) for i, (head, image) in enumerate(zip(heads, pixels))], chosen[0]
+        pixels = [stored.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(headers))]
+        return [(head, _attributes(found, i), image) for i, (head, image) in enumerate(zip(headers, pixels))], chosen[0]
 
 
 def _holds_images(item):
@@ -288,34 +288,34 @@ def _attributes(group, index):
 
 
 def _counted(series):
-    """Images whose counters tell them apart, slices in the order of their places; and what is to be told."""
-    heads = [head.copy() for head, _, _ in series]
-    counters = np.array([[int(head[name]) for name in _IMAGE_COUNTERS] for head in heads])
+    """Images with unique counters, slices in the order of their positions; and notes."""
+    headers = [head.copy() for head, _, _ in series]
+    counters = np.array([[int(head[name]) for name in _IMAGE_COUNTERS] for head in headers])
     counters = np.stack([np.unique(column, return_inverse=True)[1] for column in counters.T], 1)
-    told = []
+    notes = []
     if len(np.unique(counters, axis=0)) < len(counters):
-        told = ["the counters do not tell the images apart: they follow each other as repetitions"]
+        notes = ["the counters do not distinguish the images: they become repetitions"]
         counters[:] = 0
         counters[:, 2] = np.arange(len(counters))
     for name, extent in (("phase", 3), ("set", 4), ("average", 5)):
         counters[:, 2] = counters[:, 2] * (counters[:, extent].max() + 1) + counters[:, extent]
-    along = [float(head["position"] @ heads[0]["slice_dir"]) for head in heads]
+    along = [float(head["position"] @ headers[0]["slice_dir"]) for head in headers]
     slices = counters[:, 0]
     first = [along[int(np.flatnonzero(slices == s)[0])] for s in range(slices.max() + 1)]
     rank = np.argsort(np.argsort(first, kind="stable"))
-    for head, numbers in zip(heads, counters):
+    for head, numbers in zip(headers, counters):
         head["slice"], head["contrast"], head["repetition"] = rank[numbers[0]], numbers[1], numbers[2]
-    return [(head, *rest) for head, (_, *rest) in zip(heads, series)], told
+    return [(head, *rest) for head, (_, *rest) in zip(headers, series)], notes
 
 
 def _affine(series, shape):
-    """Where voxels lie, and whether the file says it."""
+    """Affine of the images, and whether the file has their positions."""
     by_slice = {int(head["slice"]): head for head, _, _ in series}
-    heads = [by_slice[index] for index in sorted(by_slice)]
-    field = [float(n) for n in heads[0]["field_of_view"]]
+    headers = [by_slice[index] for index in sorted(by_slice)]
+    field = [float(n) for n in headers[0]["field_of_view"]]
     field = [f if 0 < f < np.inf else float(n) for f, n in zip(field, shape)]
     directions = ("read_dir", "phase_dir", "slice_dir")
-    known = all(np.any(head[name]) for head in heads for name in directions)
-    places = [Placement(*(head[name].astype(float) for name in ("position", *directions))) for head in heads]
+    known = all(np.any(head[name]) for head in headers for name in directions)
+    places = [Placement(*(head[name].astype(float) for name in ("position", *directions))) for head in headers]
     header = stored.plain_header(shape[:3], field)
     return nifti.affine(replace(header, placements=places if known else []), shape[:4], field)

@@ -1,4 +1,4 @@
-"""What was measured against what a scan promises: lost lines, and repetitions that have no end."""
+"""Compares measured lines with the expected ones: lost lines, and repetitions that were stopped."""
 
 from dataclasses import dataclass, replace
 
@@ -9,16 +9,16 @@ from .scan import AXES, times_text
 
 
 @dataclass(frozen=True, eq=False)
-class Turn:
-    """Repetitions that have the same regular lines; `mask` are those of any of their images."""
+class Sampling:
+    """Repetitions with the same sampling pattern; `mask` has the lines of any of their images."""
 
     repetitions: np.ndarray
     mask: np.ndarray
     regular: Regular
 
 
-def turns(layout):
-    """The turns of a scan, in the order of their first repetitions.
+def samplings(layout):
+    """The sampling patterns of a scan, in the order of their first repetitions.
 
     Raises
     ------
@@ -28,7 +28,7 @@ def turns(layout):
     masks = layout.lines.any((2, 3))
     flat = masks.reshape(-1, masks.shape[2])
     _, first, which = np.unique(flat, axis=1, return_index=True, return_inverse=True)
-    which = which.ravel()  # NumPy 2.0 alone gives it another shape
+    which = which.ravel()  # NumPy 2.0 gives it another shape
     kinds = [(masks[:, :, at], np.flatnonzero(which == n)) for n, at in enumerate(first)]
     kinds.sort(key=lambda kind: kind[1][0])
     found = [_found(mask, _stated(layout)) for mask, _ in kinds]
@@ -41,25 +41,25 @@ def turns(layout):
 
 
 def warnings(layout, made):
-    """Where the lines are not what they should be, a line for each kind of fault."""
-    lost, told = _lost(layout, made), []
+    """Warnings about lines, one for each kind of fault."""
+    lost, notes = _lost(layout, made), []
     if lost:
-        told.append(
+        notes.append(
             f"{len(lost)} line{'s were' if len(lost) > 1 else ' was'} lost and zero-filled: "
             f"{', '.join(lost)} (counted from k = 0)"
         )
-    sparsest = max((turn.regular.steps for turn in made), key=np.prod)
+    sparsest = max((sampling.regular.steps for sampling in made), key=np.prod)
     stated = tuple(layout.header.acceleration)
     if (layout.header.calibration_mode or stated != (1, 1)) and not _agree(stated, made):
-        told.append(
+        notes.append(
             f"the header states an acceleration of {times_text(stated)}, the lines have "
-            f"{times_text(sparsest)}; what the lines have is reconstructed"
+            f"{times_text(sparsest)}; the acceleration of the lines is used"
         )
-    return told
+    return notes
 
 
 def _agree(stated, made):
-    return any(turn.regular.steps == stated for turn in made)
+    return any(sampling.regular.steps == stated for sampling in made)
 
 
 def _stated(layout):
@@ -77,8 +77,8 @@ def _found(mask, stated):
 def _unfinished(layout, kinds, found):
     """Repetitions that were not measured to the end.
 
-    They reach less far than others, have no pattern where others have one, or have fewer lines than
-    the header or most repetitions.
+    Their lines reach less far than those of others, form no pattern although others do, or are fewer
+    than the header or most repetitions have.
     """
     good = [isinstance(one, Regular) for one in found]
     if not any(good):
@@ -105,7 +105,7 @@ def _ends(mask):
 
 
 def _joined(kinds, found):
-    """One turn for repetitions that differ in lost lines alone."""
+    """One pattern for repetitions that differ only in lost lines."""
     groups = {}
     for one, kind in zip(found, kinds):
         ends = tuple(np.ravel(_ends(one.expected)))
@@ -116,31 +116,31 @@ def _joined(kinds, found):
 def _join(members):
     found, masks, repetitions = zip(*members)
     expected = np.logical_or.reduce([one.expected for one in found])
-    return Turn(
+    return Sampling(
         np.sort(np.concatenate(repetitions)),
         np.logical_or.reduce(masks),
         replace(found[0], expected=expected),
     )
 
 
-def _missing(layout, turn):
-    """Lines that images of a turn should have and have not, ``(y, z, slice, echo, repetition)``."""
-    there = layout.lines[..., turn.repetitions]
-    return turn.regular.expected[:, :, None, None, None] & ~there
+def _missing(layout, sampling):
+    """Expected lines that images of a pattern lack, ``(y, z, slice, echo, repetition)``."""
+    there = layout.lines[..., sampling.repetitions]
+    return sampling.regular.expected[:, :, None, None, None] & ~there
 
 
 def _check_images(layout, made):
     """Refuse images that lack more than a few lines."""
     short = np.zeros(layout.shape[4:], bool)
-    for turn in made:
-        most = few(np.count_nonzero(turn.regular.expected))
-        short[..., turn.repetitions] = _missing(layout, turn).sum((0, 1)) > most
+    for sampling in made:
+        most = few(np.count_nonzero(sampling.regular.expected))
+        short[..., sampling.repetitions] = _missing(layout, sampling).sum((0, 1)) > most
     if short.any():
         _refuse(layout, short)
 
 
 def _refuse(layout, short):
-    """Say which image of `short` (slice, echo, repetition) lacks lines, and the way out."""
+    """Raise an error that names an image of `short` (slice, echo, repetition) and what to do."""
     short = np.broadcast_to(short, layout.shape[4:])
     counts = layout.lines.sum((0, 1))
     for s, e, r in np.argwhere(short):
@@ -170,31 +170,31 @@ def _way_out(short):
 
 
 def _lost(layout, made):
-    """Every lost line in words, with the images that lack it where others have it."""
+    """Every lost line in words, with the images that lack it if others have it."""
     lost = {}
-    for turn in made:
-        missing = _missing(layout, turn)
-        missing[_beyond(layout, turn)] = True
+    for sampling in made:
+        missing = _missing(layout, sampling)
+        missing[_beyond(layout, sampling)] = True
         for y, z in np.argwhere(missing.any((2, 3, 4))):
             images = np.argwhere(missing[y, z])
-            images[:, 2] = turn.repetitions[images[:, 2]]
+            images[:, 2] = sampling.repetitions[images[:, 2]]
             everywhere = missing[y, z].all()
             lost.setdefault((int(y), int(z)), []).append((everywhere, images))
     return [_line_words(layout, at, found) for at, found in sorted(lost.items())]
 
 
-def _beyond(layout, turn):
-    """Outermost lines that the header promises and no image has, ``(y, z)`` of bool: few, of slices."""
+def _beyond(layout, sampling):
+    """Outermost lines in the header's limits that no image has, ``(y, z)`` of bool: a few, in slices."""
     beyond = np.zeros(layout.shape[1:3], bool)
-    limit, step = layout.header.limits.get("y"), turn.regular.steps[0]
+    limit, step = layout.header.limits.get("y"), sampling.regular.steps[0]
     if limit is None or layout.shape[2] > 1:
         return beyond
-    (first, _), (last, _) = _ends(turn.regular.expected)
+    (first, _), (last, _) = _ends(sampling.regular.expected)
     middle = layout.shape[1] // 2
     low, high = (limit.minimum - limit.center + middle, limit.maximum - limit.center + middle)
     lines = [*range(first - step, low - 1, -step), *range(last + step, high + 1, step)]
     inside = [y for y in lines if 0 <= y < layout.shape[1]]
-    if len(inside) <= few(np.count_nonzero(turn.regular.expected)):
+    if len(inside) <= few(np.count_nonzero(sampling.regular.expected)):
         beyond[inside] = True
     return beyond
 

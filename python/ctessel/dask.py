@@ -1,9 +1,9 @@
 """Operations in chunks, on the threads, processes or machines of a Dask cluster.
 
-Functions of the names of `ctessel`'s take Dask or NumPy arrays and return Dask arrays: each chunk
-is worked on by itself, along the axes over which the operation is independent; other axes are
-brought together first. Results have the same bits as single calls; regularised SENSE, whose weight
-depends on the level of all data, equals it to rounding.
+These functions have the names of functions of `ctessel`. They take Dask or NumPy arrays and return Dask
+arrays. Chunks are processed separately along the axes over which an operation is independent; the
+other axes are merged into one chunk first. Results have the same bits as single calls. Regularised
+SENSE uses the intensity of all data in its weight, and equals the single call up to rounding.
 
 >>> import numpy as np, dask.array, ctessel.dask
 >>> images = dask.array.ones((32, 32, 1, 8, 10), chunks=(32, 32, 1, 4, 2), dtype=np.complex64)
@@ -120,8 +120,8 @@ def sense_recon(
 ):
     """`ctessel.sense_recon`, independent from the fifth axis on; locations keep their own maps.
 
-    The weight of regularised SENSE is that of the whole: chunks get a `scale` that makes up for
-    their own level.
+    The weight of regularised SENSE is that of the whole data: each chunk gets a `scale` that corrects
+    for its own intensity.
     """
     folded = _chunked(folded, range(4))
     if not isinstance(sens, da.Array):
@@ -141,7 +141,7 @@ def sense_recon(
 
 
 def _by_location(array, axis, folded):
-    """Whole but for the location, which is cut as the data are."""
+    """One chunk, except along the location, which is cut like the data."""
     if array.ndim <= axis:
         return array.rechunk(-1)
     chunks = folded.chunks[7] if folded.ndim > 7 else -1
@@ -213,12 +213,11 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
         Address of a running scheduler, such as ``tcp://node1:8786``, whose workers have ctessel
         installed.
     memory : int or str, optional
-        Bound of each process that is started here, such as "2GiB"; one that comes close to it is
-        paused, one that exceeds it restarted. By default none.
+        Memory limit of each process that is started here, such as "2GiB". A process close to it is
+        paused; one above it is restarted. By default there is no limit.
     shared : str or Path, optional
-        Folder through which blocks reach the workers, which must all see it: several times as fast
-        as messages. By default memory of this machine for processes started here, and messages
-        else.
+        Folder for sending blocks to the workers, several times as fast as messages. All workers must
+        see it. By default, processes started here use shared memory, and others messages.
     patience : float, optional
         Seconds to wait for a scheduler, and for its first worker.
 
@@ -279,16 +278,16 @@ def _environment(workers):
 @contextlib.contextmanager
 def _folder(parent):
     if not os.path.isdir(parent):
-        raise ValueError(f"shared: {parent} is no folder; name one that all workers see")
+        raise ValueError(f"shared: {parent} is not a folder; name one that all workers see")
     with files.folder(parent) as made:
         yield str(made)
 
 
 def run_tasks(client, function, tasks, ahead=2):
-    """Run a function on the workers, as results come in.
+    """Run a function on the workers, and yield results as they arrive.
 
-    A few blocks per worker are sent ahead, so that memory stays bounded here and there. A block is
-    kept until its result is here: one whose worker ends is worked on elsewhere.
+    Only a few blocks per worker are sent in advance, which limits the memory here and there. A block is
+    kept until its result has arrived. If its worker ends, another one gets the block.
 
     Parameters
     ----------
@@ -341,7 +340,7 @@ class _Stored:
 def _store(folder, spare, argument):
     if folder is None or not isinstance(argument, np.ndarray) or argument.nbytes < 1 << 16:
         return argument
-    # Files are used again: to write to memory that is there costs a fraction of new memory.
+    # Files are used again: writing to existing memory costs a fraction of new memory.
     path = spare.pop() if spare else os.path.join(folder, uuid.uuid4().hex)
     with open(path, "r+b" if os.path.exists(path) else "wb") as file:
         np.asfortranarray(argument).T.tofile(file)
@@ -350,7 +349,7 @@ def _store(folder, spare, argument):
 
 def _submit(client, function, arguments):
     with warnings.catch_warnings():
-        # Blocks scattered to a worker would be lost with it; those in a task are not.
+        # Blocks scattered to a worker would be lost with it; blocks in a task are not.
         warnings.filterwarnings("ignore", "Large object")
         return client.submit(_run, function, arguments, pure=False)
 
@@ -368,7 +367,7 @@ def _next(finished, running, spare):
         return place, future.result()
     except KilledWorker:
         raise MemoryError(
-            "a block has ended several workers, for want of memory perhaps; give them more, "
+            "a block has ended several workers, perhaps for lack of memory; give them more, "
             "or start fewer on each machine"
         ) from None
     finally:

@@ -1,4 +1,4 @@
-"""Images as DICOM files: one MR image a slice, a series a part (magnitude, phase)."""
+"""Images as DICOM files: one MR image per slice, one series per part (magnitude, phase)."""
 
 from dataclasses import dataclass
 from math import pi
@@ -7,18 +7,18 @@ import numpy as np
 
 from . import __version__, bids, files
 
-#: Largest number of a pixel: programs that know signed numbers only read it as well.
+#: Largest pixel value; programs that read only signed numbers can read it too.
 MOST = 32767
 _RAS_TO_LPS = np.diag([-1.0, -1.0, 1.0, 1.0])
 
 
 def check(folder):
-    """Refuse, before any work, a folder that other images are in, or a missing pydicom."""
+    """Raise an error before any work if the folder has other images, or pydicom is missing."""
     import pydicom  # noqa: F401  which is optional
 
     files.check_folder(folder)
     if folder.is_dir() and any(folder.glob("*.dcm")):
-        raise ValueError(f"{folder}: holds DICOM images, and they would mix; name a new folder")
+        raise ValueError(f"{folder}: has DICOM images already; name a new folder")
 
 
 def write(staged, folder, image, values, plan, header, matrix, notes):
@@ -60,7 +60,7 @@ def write(staged, folder, image, values, plan, header, matrix, notes):
 
 @dataclass(frozen=True)
 class Notes:
-    """What all images of a run share: identifiers, how the patient lay, and what was done."""
+    """What all images of a run share: identifiers, patient position, and what was done."""
 
     study: str
     frame: str
@@ -146,7 +146,7 @@ def _series(plan, header, image, echo, notes):
 
 
 def _measured(header, known, echo):
-    """Times in ms, and what the header tells of the scanner."""
+    """Times in ms, and what the header says about the scanner."""
     values = {
         "RepetitionTime": header.tr[0] if header.tr else None,
         "EchoTime": header.te[echo] if echo < len(header.te) else None,
@@ -163,12 +163,12 @@ def _measured(header, known, echo):
 
 
 def _text(text):
-    """Of at most 64 characters, without the one that separates values."""
+    """Text of at most 64 characters, without the character that separates values."""
     return "".join(c if c.isprintable() and c != "\\" else " " for c in text)[:64]
 
 
 def _place(made, matrix, index):
-    """Where a slice lies (LPS, mm): its first voxel, rows along the read direction."""
+    """Position of a slice (LPS, mm): its first voxel, rows along the readout direction."""
     lps = _RAS_TO_LPS @ matrix
     size = np.linalg.norm(lps[:3, :3], axis=0)
     row, column, across = (lps[:3, :3] / size).T

@@ -1,4 +1,4 @@
-"""Noise scans that came in connections of their own, for the scans whose headers name them."""
+"""Noise scans of separate connections, for the scans that name them in their headers."""
 
 import hashlib
 import os
@@ -10,12 +10,12 @@ import numpy as np
 from . import stream
 from .acquisitions import HEAD
 
-#: Noise scans that are kept, and bytes of each at most.
+#: Largest number of noise scans that are kept, and largest size of each in bytes.
 KEPT, LARGEST = 16, 64 << 20
 
 
 def named(root):
-    """The measurement that a header is of, and the one that has its noise: ids, or None."""
+    """The id of a header's measurement, and the id of the one with its noise scan, or None."""
     own = root.find("{*}measurementInformation")
     if own is None:
         return None, None
@@ -28,13 +28,13 @@ def named(root):
 
 
 class Shelf:
-    """A folder with noise scans, as the messages that they came in."""
+    """A folder with noise scans, stored as their messages."""
 
     def __init__(self, folder):
         self._folder = Path(folder)
 
     def keep(self, name, acquisitions, numbers):
-        """Keep some acquisitions of a connection. ValueError where that cannot be."""
+        """Keep some acquisitions of a connection. ValueError if that is not possible."""
         if name is None:
             raise ValueError("its header has no measurementID, so no scan can name it")
         if acquisitions.held > LARGEST:
@@ -50,11 +50,11 @@ class Shelf:
             old.unlink(missing_ok=True)
 
     def open(self, name, coils):
-        """The messages of a noise scan of at most these coils, a file. ValueError where none is."""
+        """A file with the messages of a noise scan with at most these coils. ValueError if there is none."""
         try:
             file = open(self._path(name), "rb", buffering=0)
         except OSError:
-            raise ValueError(f"the noise scan {name[:80]!r} has not come here") from None
+            raise ValueError(f"the noise scan {name[:80]!r} was not received here") from None
         (head,) = np.frombuffer(file.read(2 + HEAD.itemsize), HEAD, 1, 2)
         file.seek(0)
         if head["active_channels"] <= coils:

@@ -1,8 +1,8 @@
-"""Output files that appear under their names all together, once they are complete.
+"""Output files that appear together, once all of them are complete.
 
-They are written in a hidden folder beside their final places. A lock in it tells that its run lives: the
-next run that writes there removes what a killed one has left. Two runs that write the same names take
-turns at the end, so that an image never lies beside the sidecar of another run.
+They are written to a hidden folder beside their destination. A lock in it shows that its run is alive; the
+next run that writes there removes the folder of a killed run. Two runs that write the same names wait for
+each other at the end, so that an image and the sidecar of another run never mix.
 """
 
 import contextlib
@@ -19,7 +19,7 @@ __all__ = ["Staged", "check_folder", "check_output", "folder", "folders"]
 
 PREFIX = ".ctessel-"
 LOCK = f"{PREFIX}lock"
-#: Seconds after which a folder without a lock is a left one: its run had no time to lock it.
+#: Seconds after which a folder without a lock is abandoned; a new run needs time to lock its folder.
 LOCKED_BY_THEN = 600
 
 
@@ -40,7 +40,7 @@ class Staged(contextlib.AbstractContextManager):
         self._names, self._folders, self._committed = {}, {}, False
 
     def path(self, final):
-        """Where to write what is to become `final`, under the same name; ValueError where none can be."""
+        """Where to write the file that becomes `final`, under the same name; ValueError if that is not possible."""
         final = Path(final).absolute()
         check_output(final)
         if final.parent not in self._folders:
@@ -51,12 +51,12 @@ class Staged(contextlib.AbstractContextManager):
         return self._names[final]
 
     def commit(self):
-        """Give all files their names. A run that is cancelled meanwhile ends afterwards."""
+        """Give all files their names. If the run is cancelled meanwhile, it ends afterwards."""
         with contextlib.ExitStack() as stack:
             for folder in self._folders:
-                stack.enter_context(_turn(folder))
+                stack.enter_context(_exclusive(folder))
             stack.enter_context(runtime.uninterrupted())
-            # A process that is killed in between leaves an image alone, not one with another's sidecar.
+            # If the process is killed in between, the image has no sidecar, and never a wrong one.
             for final in list(self._names)[1:]:
                 final.unlink(missing_ok=True)
             for final, written in self._names.items():
@@ -66,7 +66,7 @@ class Staged(contextlib.AbstractContextManager):
 
     def __exit__(self, _, error, __):
         if isinstance(error, OSError) and not error.filename and self._names:
-            error.filename = str(next(reversed(self._names)).parent)  # of a full disk, say
+            error.filename = str(next(reversed(self._names)).parent)  # for example of a full disk
         if isinstance(error, (KeyboardInterrupt, SystemExit)):
             error.written = self._committed
         with runtime.uninterrupted():
@@ -76,7 +76,7 @@ class Staged(contextlib.AbstractContextManager):
 
 @contextlib.contextmanager
 def folder(parent):
-    """Path of an empty folder in `parent`; a later run that asks for one there removes it if this is killed."""
+    """Path of an empty folder in `parent`; if this process is killed, a later run removes it."""
     _clear(Path(parent))
     with runtime.uninterrupted():
         made = _Folder(parent)
@@ -103,7 +103,7 @@ class _Folder:
 
 
 def _try_lock(descriptor):
-    """Whether the lock was free; file systems without locks have none that is."""
+    """Whether the lock was free; False on file systems without locks."""
     try:
         fcntl.flock(descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
     except OSError:
@@ -127,11 +127,11 @@ def _clear(parent):
 
 
 @contextlib.contextmanager
-def _turn(folder):
-    """Wait for other runs that give files their names there."""
+def _exclusive(folder):
+    """Wait until no other run gives files their names there."""
     descriptor = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
     try:
-        with contextlib.suppress(OSError):  # some network file systems lock no folders
+        with contextlib.suppress(OSError):  # some network file systems cannot lock folders
             fcntl.flock(descriptor, fcntl.LOCK_EX)
         yield
     finally:
@@ -139,17 +139,17 @@ def _turn(folder):
 
 
 def check_output(path):
-    """ValueError unless a file of this name can be made."""
+    """ValueError unless a file of this name can be written."""
     path = Path(path).absolute()
     if path.is_dir():
         raise ValueError(f"{path}: is a folder; name a file")
     if not path.parent.is_dir() or not os.access(path.parent, os.W_OK | os.X_OK):
-        raise ValueError(f"{path.parent}: cannot be written to; name a folder that can")
+        raise ValueError(f"{path.parent}: cannot be written to; name a writable folder")
 
 
 @contextlib.contextmanager
 def folders(paths):
-    """Make folders where there are none; where that is left by an exception, they go again if empty."""
+    """Make missing folders; after an exception, remove those that are empty."""
     made = []
     try:
         for path in map(Path, paths):
@@ -166,8 +166,8 @@ def folders(paths):
 
 
 def check_folder(path):
-    """ValueError unless `path` is a folder that can be written to, or one can be made."""
+    """ValueError unless `path` is a writable folder or can be made."""
     path = Path(path).absolute()
     there = next(p for p in (path, *path.parents) if p.exists())
     if not there.is_dir() or not os.access(there, os.W_OK | os.X_OK):
-        raise ValueError(f"{there}: cannot be written to; name a folder that can")
+        raise ValueError(f"{there}: cannot be written to; name a writable folder")

@@ -1,6 +1,6 @@
-"""k-space in other files than ISMRMRD's: how each format is found, how its array is indexed, what it says.
+"""Files with k-space other than ISMRMRD: how each format is recognised, its axes, and its header.
 
-`ctessel.stored` does the rest, which is the same for all.
+`ctessel.stored` does everything that is the same for all formats.
 """
 
 import contextlib
@@ -17,23 +17,23 @@ from .scan import Limit, times_text
 from .stored import AXES, NAMES, UNREADABLE, Stored, lines, plain, plain_header, unreadable
 
 _SHORT = {"calgarycampinas": "calgary", "bart": "cfl", "bartcfl": "cfl", "mat": "matlab"}
-#: BART's sixteen axes; those without a name here must have an extent of 1.
+#: BART's sixteen axes; axes without a name must have an extent of 1.
 BART_AXES = (
     "x", "y", "z", "coil", "", "echo", "", "", "", "", "repetition", "repetition again", "", "slice", "average", "",
 )  # fmt: skip
 MATLAB_AXES = ("x", "y", "coil", "slice", "repetition")
-#: A packed array has no more bytes for each one in the file.
+#: Largest ratio of an array's bytes to its bytes in the file.
 PACKED = 2000
 
 
 @dataclass(frozen=True)
 class Given:
-    """What a user says about a file that does not say it itself.
+    """What the user states about a file, because the file lacks it.
 
     `format` is one of `ctessel.stored.NAMES`. `fov` is the field of view of the encoded matrix in mm (x, y,
-    z; of slices their thickness). `lines` are extents of the encoded matrix, and `centre` which of the
-    file's lines are k = 0, from 0: of y, of y and z, or of x, y and z. `axes` names those of a MATLAB
-    array. `calibration` is the file of a calibration scan.
+    z; for slices z is their thickness). `lines` are extents of the encoded matrix. `centre` are the lines
+    of the file that are k = 0, from 0. Both are given for y, for y and z, or for x, y and z. `axes` names
+    the axes of a MATLAB array. `calibration` is the file of a separate calibration.
     """
 
     format: str | None = None
@@ -42,7 +42,7 @@ class Given:
     centre: tuple[int, ...] | None = None
     axes: tuple[str, ...] | None = None
     calibration: str | None = None
-    #: What has been found in the samples of this file and of the calibration's, see `Found`.
+    #: What the samples of this file and of the calibration file show, see `Found`.
     found: tuple = (None, None)
 
     def __post_init__(self):
@@ -65,7 +65,7 @@ class Given:
 
 
 def known_format(name):
-    """The key of `ctessel.stored.NAMES` that a user means."""
+    """The key of `ctessel.stored.NAMES` for a name that the user gave."""
     key = "".join(c for c in name.lower() if c.isalnum())
     key = _SHORT.get(key, key)
     if key not in NAMES:
@@ -87,19 +87,19 @@ def check_axes(axes):
 
 
 def opened(path, given):
-    """A file of these formats, as `Opened`; None where it is another one, or none at all.
+    """A file of one of these formats, as `Opened`; None for other files, or if there is none.
 
     Raises
     ------
     DefectError
-        It contradicts itself, lacks what is needed, or is no file of the format that was given.
+        The file contradicts itself, lacks something, or does not have the given format.
     """
     for find in (_pair, _hdf5, _matlab):
         found = find(path, given)
         if found is not None:
             return lines(*found, given)
     if given.format not in (None, "ismrmrd"):
-        raise DefectError(f"is no {NAMES[given.format]} file", "name the right --format, or none")
+        raise DefectError(f"is not a {NAMES[given.format]} file", "name the right --format, or none")
     return None
 
 
@@ -125,7 +125,7 @@ def _pair(path, given):
     odd = [d for d, n in enumerate(dims) if n > 1 and not BART_AXES[d]]
     if odd:
         raise DefectError(
-            f"its axis {odd[0]} has an extent of {dims[odd[0]]}, and is none of k-space, coils, echoes, times, "
+            f"its axis {odd[0]} has an extent of {dims[odd[0]]}, but is not one of k-space, coils, echoes, times, "
             "slices and averages", "take one of them with bart slice",
         )
     order = [axis for axis, name in enumerate(BART_AXES) if name]
@@ -139,7 +139,7 @@ def _pair(path, given):
 
 
 def _pair_header(base, dims):
-    """The header that `ctessel.convert` has written beside a pair, as `Header` and as text; or None twice."""
+    """The header that `ctessel.convert` wrote beside a pair, as `Header` and as text; or None and None."""
     with contextlib.suppress(OSError, DefectError), open(base + ".xml", "rb") as file:
         text = file.read(64 << 20)
         header = _ismrmrd.parse(text)[0]
@@ -155,12 +155,12 @@ def read_dimensions(base):
         with open(base + ".hdr", "rb") as file:
             rows = file.read(1 << 16).decode("latin-1").splitlines()
     except FileNotFoundError:
-        raise DefectError(f"has no {name}, which says its extents", "copy both files") from None
+        raise DefectError(f"has no {name} with its extents", "copy both files") from None
     at = next((i for i, row in enumerate(rows[:-1]) if row.strip() == "# Dimensions"), None)
     words = rows[at + 1].split() if at is not None else []
     dims = [int(word) for word in words if word.isdecimal() and len(word) < 10]
     if not words or len(dims) != len(words) or len(dims) > 16 or 0 in dims:
-        raise DefectError(f'its {name} has no up to 16 extents after "# Dimensions"', "copy both again")
+        raise DefectError(f'its {name} does not have 1 to 16 extents after "# Dimensions"', "copy both again")
     return dims + [1] * (16 - len(dims))
 
 
@@ -200,7 +200,7 @@ def _hdf5(path, given):
     try:
         file = h5py.File(path, "r")
     except OSError:
-        return None  # which `raw` says in a user's words
+        return None  # `raw` explains it to the user
     try:
         return _of_hdf5(path, file, given)
     except UNREADABLE as error:
@@ -219,7 +219,7 @@ def _of_hdf5(path, file, given):
 
 
 def groups(path):
-    """What is in a file of HDF5: raw data, images, and arrays of the root, with their extents."""
+    """The contents of an HDF5 file: raw data, images, and arrays of the root, with their extents."""
     if not _is_hdf5(path):
         return []
     import h5py
@@ -264,7 +264,7 @@ def _others(file):
 
 
 def _kind(file, kspace):
-    """Which format the names and the shape of the array are those of."""
+    """The format with these names and this shape of the array."""
     if kspace is None:
         matlab = _begins(file.filename, b"MATLAB ") and "dataset" not in file
         return "matlab" if matlab else None
@@ -277,19 +277,19 @@ def _kind(file, kspace):
     if kspace.ndim == 4 and kspace.dtype.kind == "f" and kspace.shape[3] % 2 == 0:
         return "calgary"
     raise DefectError(
-        f'its array "kspace", {times_text(kspace.shape)} of {kspace.dtype}, has the layout of no format that is known',
+        f'its array "kspace", {times_text(kspace.shape)} of {kspace.dtype}, has an unknown layout',
         "name one with --format, or convert it to ISMRMRD",
     )
 
 
 def check_stored(kspace):
-    """Refuse samples that the file cannot hold, before anybody waits for them."""
+    """Raise an error at once if the file cannot hold the samples that it declares."""
     nbytes, held = kspace.dtype.itemsize * math.prod(kspace.shape), kspace.id.get_storage_size()
     if kspace.id.get_create_plist().get_external_count() or kspace.is_virtual:
-        raise DefectError("its samples lie in other files", "put them into one")
+        raise DefectError("its samples are in other files", "put them into one")
     if nbytes > PACKED * held:
         raise DefectError(
-            f"its k-space, {times_text(kspace.shape)}, has {runtime.text(nbytes)}, of which the file holds "
+            f"its k-space, {times_text(kspace.shape)}, has {runtime.text(nbytes)}, but the file holds "
             f"{runtime.text(held)}", "copy it again",
         )
     if not _sound(kspace.id.get_type()):
@@ -297,7 +297,7 @@ def check_stored(kspace):
 
 
 def _sound(kind):
-    """Whether a type of HDF5 is one of numbers, or a pair of them, that HDF5 converts without harm."""
+    """Whether an HDF5 type is a number, or a pair of numbers, that HDF5 converts safely."""
     from h5py import h5t
 
     if isinstance(kind, h5t.TypeCompoundID):
@@ -313,21 +313,21 @@ def _sound(kind):
 
 def _fastmri(file, kspace, given):
     text = _header_text(file)
-    header, told, kind = None, [], "m4raw"
+    header, notes, kind = None, [], "m4raw"
     shape = (kspace.shape[-2], kspace.shape[-1]) if kspace.ndim > 1 else ()
     if given.format != "m4raw":
         header = _valid_header(text, shape)
         kind = "fastmri" if header or given.format else kind
     if header is None:
-        header, told = _lenient_header(text, shape)
-        if told and given.fov:
-            header, told = None, []
+        header, notes = _lenient_header(text, shape)
+        if notes and given.fov:
+            header, notes = None, []
     axes = ("slice", "coil", "x", "y") if kspace.ndim == 4 else ("slice", "x", "y")
     mask = _mask(file, kspace)
     stated = _attribute(kspace.parent, "acceleration")
     if mask is not None and isinstance(stated, (int, np.integer)) and 0 < stated < 100 and header:
         header = replace(header, acceleration=(int(stated), 1))
-    return Stored(kind, kspace, axes, header, mask=mask, told=told)
+    return Stored(kind, kspace, axes, header, mask=mask, notes=notes)
 
 
 def _header_text(file):
@@ -341,9 +341,9 @@ def _header_text(file):
 
 
 def _valid_header(text, shape):
-    """The header of k-space of this shape (x, y); None where it is none of ISMRMRD's, or of another readout.
+    """The header of k-space of this shape (x, y); None if it is not ISMRMRD, or has another readout.
 
-    Lines get the numbers of their columns, which begin before those that were measured.
+    Lines are numbered by their columns, which begin before the first measured line.
     """
     try:
         header = _ismrmrd.parse(text)[0]
@@ -361,21 +361,21 @@ def _valid_header(text, shape):
 
 
 def _lenient_header(text, shape):
-    """What can be used of a header, the matrix that of the data; and what is to be told."""
+    """The usable part of a header, with the matrix size of the data; and notes."""
     try:
         root = ElementTree.fromstring(text)
     except (ElementTree.ParseError, ValueError):
         root = None
     fov = _lenient_numbers(root, "encodedSpace/fieldOfView_mm", "xyz") if root is not None else None
-    told = []
+    notes = []
     if fov is None:
         fov = (240.0, 240.0, 5.0)
-        told.append(
-            "the header has no field of view; 240 x 240 mm and slices of 5 mm, which this format's scans have, are taken"
+        notes.append(
+            "the header has no field of view; 240 x 240 mm and slices of 5 mm, as in scans of this format, are assumed"
         )
     header = plain_header((*shape, 1), fov)
     times = {name: _lenient_times(root, name.upper()) for name in ("tr", "te")}
-    return replace(header, **times), told
+    return replace(header, **times), notes
 
 
 def _lenient_numbers(root, path, names):
@@ -472,20 +472,20 @@ def load_matlab(path, name):
             data = io.loadmat(path, variable_names=[name])[name]
     except (runtime.DoesNotFitError, MemoryError):
         raise
-    except Exception as error:  # the reader trusts the file, and fails with whatever comes
+    except Exception as error:  # the reader trusts the file, and can fail with any exception
         raise DefectError(f"cannot be read ({' '.join(str(error).split())[:100]})", "copy or store it again") from None
     if name not in known:
         names = ", ".join(sorted(known)[:20])
-        raise DefectError(f'has no variable "{name}", but {names or "none"}', "store it under this name")
+        raise DefectError(f'has no variable "{name}"; it has {names or "none"}', "store it under this name")
     if not isinstance(data, np.ndarray) or data.dtype.kind not in "fciub" or 0 in data.shape:
-        raise DefectError(f'its variable "{name}" is no array of numbers', "store k-space")
+        raise DefectError(f'its variable "{name}" is not an array of numbers', "store k-space")
     return data
 
 
 def load(path, name):
-    """An array of a file of HDF5 or MATLAB, and whether its axes are those of SKM-TEA's maps.
+    """An array of an HDF5 or MATLAB file, and whether its axes are those of SKM-TEA's maps.
 
-    The axes are as they are written there, those of MATLAB as MATLAB has them.
+    The order of the axes is that of the file, for MATLAB files that of MATLAB.
     """
     try:
         if _is_hdf5(path):
@@ -495,7 +495,7 @@ def load(path, name):
         os.stat(path)
     except OSError as error:
         raise DefectError(error.strerror or "cannot be read", "name another file") from None
-    raise DefectError("is no BART pair, NIfTI, MATLAB or HDF5 file", "convert it")
+    raise DefectError("is not a BART pair, NIfTI, MATLAB or HDF5 file", "convert it")
 
 
 def _load_hdf5(path, name):

@@ -44,7 +44,7 @@ def to_kspace(
     threads: int | None = None,
     overwrite: bool = False,
 ) -> NDArray[np.complex64]:
-    """Centred k-space of an image: undoes `to_image`, with the same parameters."""
+    """Centred k-space of an image: the inverse of `to_image`, with the same parameters."""
     return _transform(fft.fftn, image, axes, threads, overwrite)
 
 
@@ -55,7 +55,7 @@ def _transform(transform, data, axes, threads, overwrite):
     axes = tuple(axis for axis in axes if axis < data.ndim and data.shape[axis] > 1)
     if not axes:
         return np.array(data, np.complex64, order="F")
-    out = _turned(transform, _shifted(data, axes, threads, overwrite), axes, threads)
+    out = _transposed(transform, _shifted(data, axes, threads, overwrite), axes, threads)
     return fftshift(out, axes, inplace=True, threads=threads)
 
 
@@ -66,26 +66,26 @@ def _shifted(data, axes, threads, overwrite):
     return ifftshift(ordered, axes, inplace=free, threads=threads)
 
 
-def _turned(transform, data, axes, threads):
+def _transposed(transform, data, axes, threads):
     # SciPy works and returns in C order.
-    turned = tuple(data.ndim - 1 - axis for axis in axes if data.shape[axis] > 1)
+    reversed_axes = tuple(data.ndim - 1 - axis for axis in axes if data.shape[axis] > 1)
     workers = threads or _core.max_threads()
-    return transform(data.T, axes=turned, norm="ortho", overwrite_x=True, workers=workers).T
+    return transform(data.T, axes=reversed_axes, norm="ortho", overwrite_x=True, workers=workers).T
 
 
 def unshifted_image(kspace, axes, threads=None):
-    """`to_image` where k = 0 and the image's centre are the first samples; overwrites `kspace`."""
-    return _turned(fft.ifftn, kspace, axes, threads)
+    """`to_image` with k = 0 and the image's centre at the first samples; overwrites `kspace`."""
+    return _transposed(fft.ifftn, kspace, axes, threads)
 
 
 def unshifted_kspace(image, axes, threads=None):
-    """Undoes `unshifted_image`; overwrites `image`."""
-    return _turned(fft.fftn, image, axes, threads)
+    """The inverse of `unshifted_image`; overwrites `image`."""
+    return _transposed(fft.fftn, image, axes, threads)
 
 
 def moved(shape, axes):
-    """Parts of an array in which the centre ``N // 2`` lies along some axes, and where each of them
-    belongs once the centre is the first sample: pairs of indices."""
+    """Parts of an array with the centre at ``N // 2`` along some axes, and the place of each part when
+    the centre is the first sample: pairs of indices."""
     ends = [[(slice(None),) * 2]] * len(shape)
     for axis in axes:
         centre, after = shape[axis] // 2, shape[axis] - shape[axis] // 2
@@ -125,7 +125,7 @@ def resize(data, shape, threads=None):
     data = data[cut]
     if data.shape[: len(shape)] == tuple(shape):
         return data
-    # The kernel puts an odd spare zero in front, which moves an even extent's centre in an odd one.
+    # The kernel puts an odd zero in front, which moves the centre from an even to an odd extent.
     odd = [axis for axis, m in enumerate(shape) if data.shape[axis] % 2 == 0 and m % 2]
     out = zero_pad(np.asfortranarray(data), shape, threads=threads)
     return np.roll(out, [-1] * len(odd), odd) if odd else out
@@ -137,7 +137,7 @@ def remove_oversampling(kspace, n, axis=0, threads=None, overwrite=False):
     Parameters
     ----------
     kspace : ndarray of complex64
-        Centred k-space, fully measured along `axis`.
+        Centred k-space, fully sampled along `axis`.
     n : int
         Samples that remain; the spacing of the lines grows by the ratio.
     overwrite : bool, optional
@@ -159,7 +159,7 @@ def remove_oversampling(kspace, n, axis=0, threads=None, overwrite=False):
 
 
 def cut_unshifted(kspace, n, axis=0, threads=None):
-    """`remove_oversampling` where the centre lies at the first sample; overwrites `kspace`."""
+    """`remove_oversampling` with the centre at the first sample; overwrites `kspace`."""
     image = unshifted_image(kspace, (axis,), threads)
     shape = kspace.shape[:axis] + (n,) + kspace.shape[axis + 1 :]
     cut = np.empty(shape, np.complex64, order="F")

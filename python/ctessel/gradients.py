@@ -1,4 +1,4 @@
-"""Gradients that are not linear: their field, and the files of coefficients that describe it."""
+"""Non-linear gradients: their field, and the coefficient files that describe it."""
 
 import re
 from dataclasses import dataclass
@@ -13,8 +13,8 @@ from . import _core
 
 __all__ = ["Coefficients", "GradientField", "Term", "read_coefficients"]
 
-#: Directions of a patient on back or belly (left, posterior, superior) along those of one who lies
-#: head first on the back: docs/geometry.md derives them.
+#: Signs of a patient's left, posterior and superior in each position, relative to head first on the back;
+#: docs/geometry.md derives them.
 POSITIONS = {"HFS": (1, 1, 1), "HFP": (-1, -1, 1), "FFS": (-1, 1, -1), "FFP": (1, -1, -1)}
 _MOST_ORDER = 25
 
@@ -37,9 +37,9 @@ class Term(NamedTuple):
 
 
 class GradientField:
-    """Where gradients that are not linear encode points.
+    """Positions at which non-linear gradients encode points.
 
-    All is analytic and in double precision. Each gradient is divided by its linear term: cosine
+    Everything is analytic and in double precision. Each gradient is divided by its linear term: cosine
     (1, 1) of x, sine (1, 1) of y, (1, 0) of z. Linear gradients move nothing.
 
     Parameters
@@ -47,8 +47,8 @@ class GradientField:
     terms : sequence of Term
         Or tuples of the same; orders 1 to 25, each axis with its linear term.
     radius : float
-        Reference radius of the expansion. Points are in its unit, usually mm. Beyond it the sums go
-        on; what they mean there is for the caller to judge.
+        Reference radius of the expansion. Points are in its unit, usually mm. Beyond this radius the
+        sums are still evaluated, but the coefficients are not meant for it.
 
     Raises
     ------
@@ -97,7 +97,7 @@ class GradientField:
         return self._one(3, points, affine, shape, threads)
 
     def evaluate(self, wanted, points=None, *, affine=None, shape=None, threads=None):
-        """Several at once, which costs little more than the dearest of them.
+        """Several results at once, for little more than the time of the slowest.
 
         Parameters
         ----------
@@ -127,7 +127,7 @@ class GradientField:
         points : ndarray of float64, ``(..., 3)``
             NaN where the iteration does not converge.
         lost : int
-            How many those are.
+            Number of these points.
         """
         values, grid = _places(points, affine, shape)
         found, lost = self._field.inverse(values, grid, threads)
@@ -168,7 +168,7 @@ def _indexed(found, grid):
 
 @dataclass(frozen=True)
 class Coefficients:
-    """What a file tells of gradients.
+    """Coefficients of the gradients from a file.
 
     Attributes
     ----------
@@ -179,8 +179,8 @@ class Coefficients:
         Where the gradients' x, y and z point with the patient head first on the back: "LPS" for left,
         posterior, superior, or other letters of the three pairs (R, A, I).
     stated : bool
-        Whether the form of file, or the caller, states these axes. Where it does not they are a guess,
-        which counts if `symmetric` is false.
+        Whether the kind of file, or the caller, states these axes. Otherwise they are assumed, which
+        matters if `symmetric` is false.
     """
 
     terms: tuple
@@ -195,7 +195,7 @@ class Coefficients:
 
     @property
     def symmetric(self):
-        """Whether the correction is the same whichever way round the axes point."""
+        """Whether the correction is the same for all directions of the axes."""
         return all(_is_symmetric(t) for t in self.terms if t.value)
 
     def signs(self, position="HFS"):
@@ -203,13 +203,13 @@ class Coefficients:
         if position not in POSITIONS:
             raise ValueError(
                 f"position: expected one of {', '.join(POSITIONS)}, got {position!r}; "
-                "state how the patient lay, or go without geometry correction"
+                "state the patient position, or leave out the geometry correction"
             )
         return np.multiply(POSITIONS[position], [1 if c in "LPS" else -1 for c in self.axes])
 
 
 def _is_symmetric(t):
-    # Reversing an axis multiplies a term by a sign, which has to be that of the gradient's own axis.
+    # Reversing an axis multiplies a term by a sign, which must equal that of the gradient's own axis.
     even = t.degree % 2 == 0
     x = even if t.kind == "A" else not even
     y = t.kind == "A"
@@ -232,7 +232,7 @@ def read_coefficients(path, *, radius=None, axes=None):
     Parameters
     ----------
     path : str or Path
-        The ending of the name tells the form.
+        The ending of the name selects the kind of file.
 
         .grad
             Listing with lines ``number A(n, m) value axis``, or B, and ``value m = R0``.
@@ -251,11 +251,11 @@ def read_coefficients(path, *, radius=None, axes=None):
 
         .grad and .coef belong to functions normalised for m > 0 by ``(-1)^m sqrt((2n + 1) (n - m)! /
         (2 (n + m)!))``, .dat and .gc to ``sqrt(2 (n - m)! / (n + m)!)`` without the phase.
-        Linear terms are 1 unless given; they divide the others of their axis.
+        Missing linear terms are 1. The linear term divides the other terms of its axis.
     radius : float, optional
-        Radius in mm in place of that of the file.
+        Radius in mm, instead of that of the file.
     axes : str, optional
-        Where the axes of the gradients point, see `Coefficients`, in place of what holds for the form:
+        Where the axes of the gradients point, see `Coefficients`, instead of the default for the kind of file:
         "LAI" for .grad and .coef, "LPS" for the others.
 
     Returns
@@ -265,7 +265,7 @@ def read_coefficients(path, *, radius=None, axes=None):
     Raises
     ------
     ValueError
-        One line: the file is of another kind, or has terms that this form does not.
+        One line: the file is of another kind, or has terms that this kind does not allow.
     """
     path = Path(path)
     reader, usual, stated = _FORMS.get(path.suffix.lower(), (_read_table, "LPS", True))
@@ -273,7 +273,7 @@ def read_coefficients(path, *, radius=None, axes=None):
         terms, own_radius = reader(path)
         radius = own_radius if radius is None else radius
         if radius is None:
-            raise ValueError("this form has no radius; give it, --radius in mm")
+            raise ValueError("this kind of file has no radius; state it with --radius in mm")
         if axes is not None:
             usual, stated = check_axes(axes), True
         found = Coefficients(tuple(_complete(terms)), float(radius), usual, stated)
@@ -287,7 +287,7 @@ _LINEAR = {"x": ("A", 1, 1), "y": ("B", 1, 1), "z": ("A", 1, 0)}
 
 
 def _complete(terms):
-    """Terms with linear ones of 1 where there are none, or 0."""
+    """Terms, with a linear term of 1 if it is missing or 0."""
     given = {}
     for t in terms:
         if t[:4] in given:
@@ -318,7 +318,7 @@ def _schmidt(axis, kind, n, m, value):
 def _lines(path, read):
     """What `read` makes of each line, without the lines for which it returns None."""
     if b"\0" in path.read_bytes():
-        raise ValueError("is no text; binary coefficients have names that end in .gc")
+        raise ValueError("is not text; the names of binary coefficient files end in .gc")
     found = []
     for number, line in enumerate(path.read_text(errors="replace").splitlines(), 1):
         try:
@@ -431,7 +431,7 @@ def _scaled_line(line):
     axis, n, value = row[1].lower(), int(row[2]), float(row[3])
     if not 1 <= n <= 5:
         if value and n <= 10 or n > 10 or n < 1:
-            raise ValueError(f"SCALE{row[1]}{n}: no order beyond 5 is known, unless it is 0")
+            raise ValueError(f"SCALE{row[1]}{n}: orders above 5 must be 0")
         return None
     value *= (_SCALE_RADIUS / 10) ** (n - 1)
     if axis == "z":
@@ -444,7 +444,7 @@ def _read_binary(path):
     counts = np.frombuffer(data, "<i2", 3) if len(data) >= 6 else np.full(3, -1)
     size = 6 + 8 * int(counts.sum())
     if counts.min() < 0 or counts.sum() == 0 or len(data) not in (size, size + 4):
-        raise ValueError("is no binary file of coefficients: its length is not what it states")
+        raise ValueError("is not a binary coefficient file: its length is not the one that it states")
     terms, at = [], 6
     for axis, count in zip("xyz", counts.tolist(), strict=True):
         values = np.frombuffer(data, "<f4", count, at)
@@ -458,7 +458,7 @@ def _read_binary(path):
     return terms, radius
 
 
-#: Reader of each ending, where its axes point, and whether that is stated for the form.
+#: For each ending: reader, directions of the axes, and whether the kind of file states them.
 _FORMS = {
     ".grad": (_read_listing, "LAI", True),
     ".coef": (_read_statements, "LAI", True),

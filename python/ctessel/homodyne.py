@@ -1,7 +1,7 @@
 """Homodyne reconstruction of partial-Fourier data.
 
-Three steps: `filter` weighs k-space and hands back its symmetric centre; the caller transforms
-both to images; `multiply` takes the phase of the low-resolution image away.
+There are three steps. `filter` weights k-space and returns its symmetric centre. The caller transforms
+both to images. `multiply` removes the phase of the low-resolution image.
 
 >>> import numpy as np, ctessel
 >>> from ctessel import homodyne
@@ -32,7 +32,7 @@ __all__ = ["Filtered", "HomodyneWarning", "calculate_filter", "filter", "multipl
 
 
 class HomodyneWarning(RuntimeWarning):
-    """An operation ran, but part of its result is not what a reconstruction needs."""
+    """An operation succeeded, but part of its result is unusable for a reconstruction."""
 
 
 class Filtered(NamedTuple):
@@ -51,7 +51,7 @@ def filter(
     inplace: bool = False,
     threads: int | None = None,
 ) -> Filtered:
-    """Weigh partial-Fourier k-space and take out its symmetric centre.
+    """Weight partial-Fourier k-space and extract its symmetric centre.
 
     Parameters
     ----------
@@ -59,11 +59,11 @@ def filter(
         Centred k-space, ``(kx, ky, kz, ...)``.
     kx, ky, kz : sequence of two float, optional
         First and last measured line along an axis, whole numbers counted from the centre (line 0
-        is index ``N // 2``). None, or a range with ``|first + last| <= 1``, leaves the axis alone.
-        The missing lines must be on the negative side, and at least 0.55 of the extent measured:
-        `homodyne_recon` of the package turns an axis for the other side.
+        is index ``N // 2``). None, or a range with ``|first + last| <= 1``, leaves the axis unchanged.
+        The missing lines must be on the negative side, and at least 0.55 of the extent measured.
+        `ctessel.homodyne_recon` mirrors an axis if the other side is missing.
     inplace : bool, optional
-        Weigh `data` itself.
+        Weight `data` itself.
     threads : int, optional
         Threads of this call; they share the axes beyond the third.
 
@@ -73,7 +73,7 @@ def filter(
         `data` times the F-th root of the product of the weightings of F axes: 0 on the missing
         side, a ramp across the centre, 2 beyond.
     centre : ndarray of complex64
-        The unweighted symmetric centre. ``zero_pad(centre, data.shape[:3])`` puts it back in place.
+        The unweighted symmetric centre. ``zero_pad(centre, data.shape[:3])`` restores its place.
 
     Raises
     ------
@@ -119,7 +119,7 @@ def multiply(
     Warns
     -----
     HomodyneWarning
-        L is 0, or not finite, at some samples, which became NaN.
+        L is 0 or not finite at some samples; these became NaN.
     """
     result, lost = _core.multiply(data, low, out, inplace, threads)
     if lost > 0:
@@ -147,7 +147,6 @@ def calculate_filter(
     Returns
     -------
     (weights, (first, last)) or None
-        Weights as float32 and the positions that the symmetric centre keeps; None for a range that
-        is rejected.
+        Weights as float32, and the positions that the symmetric centre keeps; None for a rejected range.
     """
     return _core.calculate_filter(n, range)

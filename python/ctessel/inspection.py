@@ -1,7 +1,7 @@
-"""Arrays of a run that its report shows: looked at before the samples may be overwritten.
+"""Arrays of a run for its report, computed before the samples may be overwritten.
 
-All are of the first repetition and, but for the zero-filled volume, of one plane: the middle slice, of 3-D
-scans the middle partition.
+They show the first repetition and, except for the zero-filled volume, one plane: the middle slice, or the
+middle partition of a 3-D scan.
 """
 
 from dataclasses import dataclass, replace
@@ -13,9 +13,9 @@ from .fourier import remove_oversampling, resize
 from .scan import Layout
 from .steps import homodyne_recon
 
-#: Replicas for maps of noise: a relative error of a tenth is enough to look at.
+#: Replicas for maps of noise: a relative error of a tenth is enough for a picture.
 REPLICAS = 25
-#: Coils that are shown at most.
+#: Largest number of coils that are shown.
 MOST_COILS = 16
 
 
@@ -34,14 +34,14 @@ class Seen:
     layout: Layout
 
 
-@np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused with their image
+@np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused later, with their image
 def look(plan, source):
-    """What a source shows of its first repetition.
+    """Arrays of the first repetition of a source.
 
     Parameters
     ----------
     plan : Plan
-    source : Scan, or whatever has its `layout`, `frames` and `separate`
+    source : Scan, or an object with its `layout`, `frames` and `separate`
 
     Returns
     -------
@@ -57,25 +57,25 @@ def look(plan, source):
     coils, zero = _unfilled(plan, frames, plane if whole else 0)
     maps, phase = _of_volume(plan, first, source, plane) if plan.in_slabs else _of_slice(plan, first, source, plane)
     pattern = plan.patterns[block.pattern]
-    alike = all(lattice.full == lattice.folded * lattice.step for lattice in pattern.lattices)
+    same_grid = all(lattice.full == lattice.folded * lattice.step for lattice in pattern.lattices)
     volume = None
-    if alike:
+    if same_grid:
         volume = zero if whole else _stack(plan, source, first)
     return Seen(plane, energy, coils, volume, maps, phase, source.layout)
 
 
 def noise_maps(plan, source, image, made):
-    """Maps of noise: those that the run has `made` of all slices, others of the middle slice alone.
+    """Maps of noise: those that the run has `made` for all slices, otherwise only of the middle slice.
 
     Returns
     -------
     dict of str and ndarray
-        As `ctessel.noise.maps` returns it; fewer where the scan cannot have all.
+        As `ctessel.noise.maps` returns it; fewer if the scan cannot have all.
     str
         Why there are no others.
     """
     if plan.shape[2] > 1:
-        return made, "" if made else "maps of noise take a whole volume of 3-D scans; --maps-out makes them"
+        return made, "" if made else "maps of noise of a 3-D scan need the whole volume; --maps-out makes them"
     middle, reason = len(plan.kept[0]) // 2, ""
     part = replace(plan, kept=(plan.kept[0][middle : middle + 1], *plan.kept[1:]))
     for left_out in ((), ("sd", "snr")):

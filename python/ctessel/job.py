@@ -1,4 +1,4 @@
-"""One run of ``ctessel recon``: what is to be done, whether it fits, and the files it ends in."""
+"""One run of ``ctessel recon``: its plan, its memory, and its files."""
 
 import contextlib
 import os
@@ -16,7 +16,7 @@ from .scan import printable
 
 @dataclass
 class Job:
-    """A reconstruction that has been found possible."""
+    """A reconstruction that was checked and can be done."""
 
     arguments: object
     found: raw.Contents
@@ -62,12 +62,12 @@ class Job:
     def _check_finite(self, image):
         if not np.isfinite(image).all():
             raise raw.RawError(
-                f"{self.found.path}: its image is not finite, its samples are too large; "
+                f"{self.found.path}: its image is not finite, because its samples are too large; "
                 "convert the scanner's data again"
             )
 
     def _source(self, client, show):
-        """The file itself where all who work see it, or its samples."""
+        """The file itself if all workers see it, otherwise its samples."""
         scheduler = self.arguments.scheduler
         if self.by_part() or (scheduler and _seen_by(client, self.found.path)):
             shares = self.plan.in_slabs and not scheduler
@@ -80,7 +80,7 @@ class Job:
                 progress=progress,
                 threads=self.plan.options.threads,
             )
-        scan.disposable = not self.arguments.maps_out  # whose replicas need it after the image
+        scan.disposable = not self.arguments.maps_out  # the replicas need it after the image
         return scan
 
     @property
@@ -95,13 +95,13 @@ class Job:
         return own + looked + again + 2 * kept + work + report.INTERPRETER
 
     def by_part(self):
-        """Whether workers here read what they work on; slabs are cut from a volume that is kept."""
+        """Whether workers on this machine read the file; slabs are cut from a volume in this process."""
         arguments = self.arguments
         return bool(arguments.workers) and not (self.plan.in_slabs and arguments.scratch)
 
     def _client(self):
         if self.arguments.scheduler:
-            from . import dask  # which takes a second to load
+            from . import dask  # takes a second to load
 
             return dask.connect(scheduler=self.arguments.scheduler)
         if self.arguments.workers:
@@ -155,14 +155,14 @@ class Job:
         summary.write(path, run)
 
     def _write(self, staged, result, image, volumes):
-        told = self._sidecar(result, image)
+        sidecar = self._sidecar(result, image)
         nifti.write(
             staged.path(image.path),
             volumes[..., image.echoes, image.repetitions],
             self.affine,
             self.known or image.code,
-            told.get("RepetitionTime", 0.0),
-            told,
+            sidecar.get("RepetitionTime", 0.0),
+            sidecar,
             staged.path(nifti.sidecar_path(image.path)),
         )
 
@@ -172,32 +172,32 @@ class Job:
 
     def _write_map(self, staged, result, name, values):
         path = self._map_names()[name]
-        told = {**self._sidecar(result, self.images[0]), "Map": noise.NAMES[name]}
+        sidecar = {**self._sidecar(result, self.images[0]), "Map": noise.NAMES[name]}
         nifti.write(
             staged.path(path),
             values.reshape((values.shape + (1, 1))[:6]),
             self.affine,
             self.known,
             0.0,
-            told,
+            sidecar,
             staged.path(nifti.sidecar_path(path)),
         )
 
     def _write_noise(self, staged, result, image):
-        told = {
+        sidecar = {
             **self._sidecar(result, image),
             "Noise": "the scan's noise without its object, through the same reconstruction",
             "Seed": noise_images.SEED,
         }
         for timing in ("RepetitionTime", "VolumeTiming", "AcquisitionDuration"):  # of the scan's volumes
-            told.pop(timing, None)
+            sidecar.pop(timing, None)
         nifti.write(
             staged.path(image.path),
             _values(self.noise_volumes[..., image.echoes, :], image.part),
             self.affine,
             self.known or image.code,
             0.0,
-            told,
+            sidecar,
             staged.path(nifti.sidecar_path(image.path)),
         )
 
@@ -254,7 +254,7 @@ class Job:
         return [*(name for name in (named.preview, named.report) if name), *kept]
 
     def check_outputs(self):
-        """Refuse names that no file can be made of."""
+        """Raise an error for names that cannot be written."""
         beside = self._beside()
         for folder in self._dicom():
             dicom.check(folder)
@@ -315,7 +315,7 @@ def _state(path):
 
 
 def options(arguments):
-    """The options of the steps that a command was given."""
+    """The options of the steps from the arguments of a command."""
     coefficients = arguments.geometry and pipeline.read_coefficients(
         arguments.geometry, radius=arguments.radius, axes=arguments.axes
     )
@@ -338,7 +338,7 @@ def options(arguments):
 
 
 def prepare(arguments, part):
-    """A `Job` from the command's arguments; refuses what is not possible before any work."""
+    """A `Job` from the command's arguments; raises errors before any work."""
     choice = options(arguments)
     try:
         found, plan = _planned(arguments, part, choice)
@@ -367,13 +367,13 @@ def _planned(arguments, part, options):
         )
         return found, _plan_of(found, raw.layout(found), options)
 
-    # Slices do not depend on each other, other parts on the calibration of the whole.
+    # Slices are independent; other parts need the calibration of the whole scan.
     if part is None or part[0] == "slice":
         return alone(part)
     try:
         found, plan = alone(None)
     except ValueError:
-        return alone(part)  # it may leave out just what the whole is refused for
+        return alone(part)  # the part may leave out the reason why the whole is refused
     axis = part[0]
     kept = acquisitions.wanted(found.extents, part, arguments.skip)[axis]
     first, last = np.searchsorted(found.kept[axis], kept[[0, -1]]).tolist()
@@ -381,7 +381,7 @@ def _planned(arguments, part, options):
 
 
 def _plan_of(found, layout, options):
-    """The plan of a file, with the sensitivities that it holds itself where some are needed."""
+    """The plan of a file; if sensitivities are needed and the file has some, they are used."""
     plan = pipeline.plan(layout, options)
     own = found.format == "SKM-TEA" and options.maps is None and any(p.unfolds for p in plan.patterns)
     return pipeline.plan(layout, replace(options, maps=found.path)) if own else plan
@@ -395,12 +395,12 @@ def _geometry(found, plan):
 
 
 def _check_memory(job):
-    """Refuse what does not fit before the work."""
+    """Raise an error if the reconstruction does not fit into memory."""
     shape = (job.found.width, *job.found.scan.shape[1:])
     scratch = job.arguments.scratch and not job.by_part()
     on_disk = 8 * int(np.prod(shape, dtype=float)) if scratch else 0
     runtime.check(
-        job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.mend_memory(job.found)
+        job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.memory_advice(job.found)
     )
 
 

@@ -24,7 +24,7 @@ def read(path, shape, slices=None):
     shape : sequence of int
         Extents of the scan's k-space by `ctessel.scan.AXES`: where its slices are, and how many coils.
     slices : sequence of int, optional
-        Where its slices are among those of a whole scan, whose maps are taken as well.
+        Numbers of its slices in the whole scan; maps of the whole scan are accepted too.
 
     Returns
     -------
@@ -34,19 +34,19 @@ def read(path, shape, slices=None):
     Raises
     ------
     ValueError
-        The file cannot be read, or its maps are not of this scan. One line.
+        The file cannot be read, or has maps of another scan. One line.
     """
     path, coils = os.fspath(path), shape[3]
     try:
         data, named = _load(path)
         maps = data if named else _unnamed(data, coils)
-        if shape[2] == 1 and maps.shape[4] == 1:  # what is called z are slices
+        if shape[2] == 1 and maps.shape[4] == 1:  # the z axis of the file holds slices
             maps = maps.transpose(0, 1, 4, 3, 2)
         if slices and maps.shape[4] != shape[4] and maps.shape[4] > max(slices):
             maps = maps[..., list(slices)]
         if maps.shape[3:] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
             raise DefectError(
-                f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "give those of this scan"
+                f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "use maps of this scan"
             )
         maps = stored.plain(maps).astype(np.complex64)
         if not np.isfinite(maps).all():
@@ -89,7 +89,7 @@ def _unnamed(data, coils):
     data = data.reshape([n for axis, n in enumerate(data.shape) if n > 1 or axis < 2])
     at = [axis for axis in range(2, data.ndim) if data.shape[axis] == coils]
     if coils > 1 and not at:
-        raise DefectError(f"its maps, {times_text(data.shape)}, have no axis of {coils} coils", "give those of this scan")
+        raise DefectError(f"its maps, {times_text(data.shape)}, have no axis of {coils} coils", "use maps of this scan")
     data = np.moveaxis(data, at[-1], -1) if coils > 1 else data[..., None]
     data = data if data.ndim == 4 else data[:, :, None]
     if data.ndim != 4:
@@ -109,13 +109,13 @@ def of_slice(plan, index):
     held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape), plan.slices)[..., index]
     maps = np.array(plan.coils_of(held), order="F")
     size = np.sqrt((np.abs(maps) ** 2).sum(3))
-    off = (size > 0) & (np.abs(size - 1) > 1e-3)  # those of our own keep their bits
+    off = (size > 0) & (np.abs(size - 1) > 1e-3)  # maps by `write` keep their bits
     maps[off] /= size[off][:, None]
     return maps
 
 
 def check(path, shape, full, slices=None):
-    """Refuse sensitivities that are not on the grid `full`, ``(x, y, z)``, of what is unfolded."""
+    """Raise an error unless sensitivities are on the unfolded grid `full`, ``(x, y, z)``."""
     found = _held(os.fspath(path), tuple(shape), slices).shape[:3]
     if found != tuple(full):
         raise ValueError(
@@ -125,7 +125,7 @@ def check(path, shape, full, slices=None):
 
 
 def file_name(text):
-    """The name of a file that is to be written; ValueError unless it ends as one of the two kinds."""
+    """The name of a file to write; ValueError unless its ending is one of the two kinds."""
     if not text.endswith((".cfl", ".nii", ".nii.gz")):
         raise ValueError(f"{text}: expected a name that ends in .cfl, .nii or .nii.gz")
     return Path(text)

@@ -27,19 +27,19 @@ _WORKS = {
 
 #: Why a step of a plan is taken, by its first words.
 _WHY = {
-    "noise covariance": "coils with more noise, or with common noise, count less",
-    "noise scan not used": "it was switched off, or there is one coil only",
+    "noise covariance": "coils with more noise, or with correlated noise, get a smaller weight",
+    "noise scan not used": "it was switched off, or there is only one coil",
     "remove readout oversampling": "the readout was sampled beyond the field of view",
-    "sensitivity maps": "what each coil sees tells aliases apart",
-    "SENSE": "lines were left out between those that were measured, so that the image is folded",
+    "sensitivity maps": "the sensitivities separate aliases",
+    "SENSE": "lines were left out between measured ones, so the image is folded",
     "ringing filter": "it was asked for",
-    "zero filling": "more voxels were asked for than were measured; it interpolates",
+    "zero filling": "the image has more voxels than were measured; zero filling interpolates",
     "partial Fourier": "lines on one side of k = 0 were not measured",
-    "homodyne": "lines on one side of k = 0 were not measured, and homodyne was asked for",
+    "homodyne": "lines on one side of k = 0 were not measured, and homodyne was chosen",
     "POCS": "lines on one side of k = 0 were not measured",
     "combine coils": "each coil sees a part of the object",
     "geometry correction": "gradients are not linear far from the isocentre",
-    "image": "as the header says, unless others were asked for",
+    "image": "as the header says, unless an option changes it",
 }
 
 
@@ -83,7 +83,7 @@ def _sentences(plan, number):
         else:
             maps = f"sensitivities of {lines} calibration lines by ESPIRiT {number('espirit')}"
         if shifted_axis(unfolding.lattices) is not None:
-            factors += f" on a shifted lattice {number('caipirinha')}"
+            factors += f" with a shifted sampling pattern {number('caipirinha')}"
         yield f"Undersampling by a factor of {factors} was unfolded with SENSE {number('sense')}, {maps}."
         if options.regularisation:
             yield f"The unfolding was regularised with strength {options.regularisation:g} by the calibration image."
@@ -94,7 +94,7 @@ def _sentences(plan, number):
     if options.ringing > 0:
         yield f"A window of strength {options.ringing:g} reduced Gibbs ringing {number('window')}."
     if options.coefficients is not None:
-        yield f"Distortions by gradients that are not linear were corrected from their spherical harmonics {number('geometry')}."
+        yield f"Distortions by non-linear gradients were corrected from their spherical harmonics {number('geometry')}."
 
 
 def _partial(plan, number):
@@ -106,8 +106,8 @@ def _partial(plan, number):
     if way == "zero":
         what = "filled with zeros"
     elif way == "homodyne":
-        what = f"made up for by homodyne detection {number('homodyne')}"
+        what = f"handled by homodyne detection {number('homodyne')}"
     else:
         what = f"predicted by projection onto convex sets {number('pocs')}"
-        what += " where that predicts measured lines, hidden from it, else filled with zeros" * (way == "auto")
+        what += " where this predicts hidden measured lines, otherwise filled with zeros" * (way == "auto")
     yield f"Lines that the partial Fourier acquisition lacks along {axes} were {what}."

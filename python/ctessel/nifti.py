@@ -1,8 +1,7 @@
-"""Images in NIfTI files: where voxels lie in the patient, and what was done.
+"""NIfTI files: images, positions of voxels in the patient, and sidecars.
 
-A placement is in ISMRMRD's patient axes (left, posterior, superior); NIfTI's point to right,
-anterior and superior. Voxel (nx // 2, ny // 2), of a 3-D scan also nz // 2, lies at the placement's
-position.
+A placement uses ISMRMRD's patient axes (left, posterior, superior). NIfTI's axes point to right, anterior
+and superior. Voxel (nx // 2, ny // 2), in 3-D also nz // 2, is at the position of the placement.
 """
 
 import io
@@ -16,13 +15,13 @@ from .files import Staged
 
 __all__ = ["affine", "merge", "sidecar_path", "write"]
 
-#: Axis of the file's array for each axis of a scan; a slab's partitions take that of the slices.
+#: Axis of the file's array for each axis of a scan; partitions of a slab use that of the slices.
 FILE_AXES = {"slice": 2, "repetition": 3, "echo": 4}
 _LPS_TO_RAS = np.diag([-1.0, -1.0, 1.0, 1.0])
 
 
 def affine(header, shape, field):
-    """Where the voxels of an image lie.
+    """Positions of the voxels of an image, as an affine matrix.
 
     Parameters
     ----------
@@ -38,18 +37,17 @@ def affine(header, shape, field):
     matrix : ndarray of float64, ``(4, 4)``
         From voxel indices to mm towards right, anterior and superior.
     known : bool
-        Whether the file told the position; otherwise slices are taken for axial ones at the
-        isocentre.
+        Whether the file has positions; otherwise axial slices at the isocentre are assumed.
 
     Raises
     ------
     ValueError
-        Slices that are not parallel, or unevenly spaced, fit no matrix.
+        Slices are not parallel, or unevenly spaced; one matrix cannot describe them.
     """
     nx, ny, nz, slices = shape[:4]
     if nz > 1 and slices > 1:
         raise ValueError(
-            "several slabs fit no single file; reconstruct them one at a time, --range slice 0 0"
+            "several slabs do not fit into one file; reconstruct them one at a time, --range slice 0 0"
         )
     size = np.array(field, float) / (nx, ny, nz)
     if len(header.placements) != slices:
@@ -62,7 +60,7 @@ def affine(header, shape, field):
 def placed(placements, shape, field, spacing=0.0):
     """Affine of a slab, or of slices: from voxels to the patient's right, anterior and superior.
 
-    `spacing` is that of the only slice to its neighbours, 0 for its thickness; see `affine`.
+    `spacing` is the distance of a single slice to its neighbours, or 0 to use its thickness; see `affine`.
     """
     size = np.array(field, float) / shape[:3]
     columns = _in_patient(placements, size, spacing if shape[2] == 1 else 0)
@@ -86,22 +84,22 @@ def _step(places):
     positions = np.array([place.position for place in places], float)
     step = (positions[-1] - positions[0]) / (len(places) - 1)
     off = positions - (positions[0] + np.arange(len(places))[:, None] * step)
-    turned = max(
+    angle = max(
         np.abs(getattr(p, name) - getattr(places[0], name)).max()
         for p in places
         for name in ("read", "phase", "slice")
     )
-    if turned > 1e-3 or np.abs(off).max() >= 0.02 * np.linalg.norm(step):
-        what = "not parallel" if turned > 1e-3 else "unevenly spaced"
+    if angle > 1e-3 or np.abs(off).max() >= 0.02 * np.linalg.norm(step):
+        what = "not parallel" if angle > 1e-3 else "unevenly spaced"
         raise ValueError(
-            f"slices are {what} and fit no single file; reconstruct them one at a time, "
+            f"slices are {what} and do not fit into one file; reconstruct them one at a time, "
             "--range slice 0 0"
         )
     return step
 
 
 def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
-    """Write an image and what was done beside it. Names are the caller's, see `files.Staged`.
+    """Write an image and its sidecar. The caller chooses the names, see `files.Staged`.
 
     Parameters
     ----------
@@ -112,7 +110,7 @@ def write(path, volumes, matrix, known, repetition_time, sidecar, sidecar_file):
     matrix, known
         What `affine` returns.
     repetition_time : float
-        From one volume to the next in seconds; 0 where it is not known.
+        From one volume to the next in seconds; 0 if it is not known.
     sidecar : dict
         Goes to `sidecar_file`.
     """
@@ -135,9 +133,9 @@ def _save(image, path, matrix, known, repetition_time):
 
 
 def place(image, matrix, known=True):
-    """State where voxels lie; an affine whose axes are not perpendicular in sform alone.
+    """Set the affine of an image; if its axes are not perpendicular, only in the sform.
 
-    `known` may also be NIfTI's code: 1 by the scanner, 2 in a space of their own.
+    `known` may also be NIfTI's code: 1 for scanner coordinates, 2 for aligned ones.
     """
     code = int(known)
     image.set_sform(matrix, code=code)
@@ -147,7 +145,7 @@ def place(image, matrix, known=True):
 
 
 def store(image, path):
-    """Write an image of nibabel, packed where the name ends in .gz."""
+    """Write an image of nibabel, compressed if the name ends in .gz."""
     if path.suffix != ".gz":
         return image.to_filename(path)
     with open(path, "wb") as file, _Gzip(file) as packed:
@@ -155,10 +153,10 @@ def store(image, path):
 
 
 class _Gzip(io.RawIOBase):
-    """A gzip file that packs runs of equal bytes only.
+    """A gzip file that packs only runs of equal bytes.
 
-    Images hold noise, and zeros around it: a search for other repetitions takes 2.4 times as long,
-    and what it finds is less than a hundredth of the size.
+    Images hold noise, with zeros around it. A search for other repetitions takes 2.4 times as long and
+    saves less than a hundredth of the size.
     """
 
     def __init__(self, file):
@@ -197,11 +195,11 @@ def sidecar_path(path):
 
 
 def base_name(path):
-    """Name without folder and endings; ValueError unless they are those of NIfTI."""
+    """Name without folder and ending; ValueError unless the ending is that of NIfTI."""
     for ending in (".nii.gz", ".nii"):
         if Path(path).name.endswith(ending):
             return Path(path).name[: -len(ending)]
-    raise ValueError(f"{path}: is to be a NIfTI file; give it a name that ends in .nii or .nii.gz")
+    raise ValueError(f"{path}: expected the name of a NIfTI file, ending in .nii or .nii.gz")
 
 
 def merge(paths, output, gaps=False):
@@ -219,7 +217,7 @@ def merge(paths, output, gaps=False):
     Raises
     ------
     ValueError
-        Parts are missing, overlap, or are not of one scan.
+        Parts are missing, overlap, or belong to different scans.
     """
     import nibabel
 
@@ -264,11 +262,11 @@ class _Part:
             self.axis, self.first, self.last = part["Axis"], int(part["First"]), int(part["Last"])
         except (KeyError, TypeError, ValueError):
             raise ValueError(
-                f"{path}: is no part; only images made with --range can be merged"
+                f"{path}: is not a part; only images made with --range can be merged"
             ) from None
 
     def listed(self, name):
-        """An entry of the sidecar that is a list, or none."""
+        """An entry of the sidecar that is a list, or an empty one."""
         entries = self.sidecar.get(name)
         return entries if isinstance(entries, list) else []
 
@@ -278,7 +276,7 @@ def _part(nibabel, path):
         return _Part(path, nibabel.load(path), json.loads(sidecar_path(path).read_text()))
     except FileNotFoundError as error:
         raise ValueError(
-            f"{error.filename or path}: is missing; a part is an image and its .json"
+            f"{error.filename or path}: is missing; a part consists of an image and its .json"
         ) from None
     except (nibabel.filebasedimages.ImageFileError, json.JSONDecodeError) as error:
         raise ValueError(f"{path}: cannot be read ({error}); reconstruct this part again") from None
@@ -289,12 +287,12 @@ def _once(entries):
 
 
 def _check_parts(parts, gaps):
-    """Refuse what is not of one scan. Returns the positions between the parts that are missing."""
+    """Raise an error unless the parts belong to one scan. Returns missing positions between them."""
     first, following, missing = parts[0], parts[0].first, []
     for part in parts:
         if part.axis != first.axis or part.sidecar.get("Steps") != first.sidecar.get("Steps"):
             raise ValueError(
-                f"{part.path}: is of another scan or was reconstructed otherwise than {first.path}"
+                f"{part.path}: is part of another scan, or was reconstructed with other options than {first.path}"
             )
         missing += _gap(part, following, gaps)
         following = part.last + 1
@@ -305,14 +303,14 @@ def _check_parts(parts, gaps):
 def _gap(part, due, gaps):
     if part.first < due:
         raise ValueError(
-            f"{part.path}: starts at {part.axis} {part.first}, {due} is due; give every part once"
+            f"{part.path}: starts at {part.axis} {part.first}, but {due} is next; give every part once"
         )
     if part.first > due and not (gaps and part.axis != "slice"):
         lacking = f"{due}" if part.first == due + 1 else f"{due} to {part.first - 1}"
-        mend = "an image cannot do without" if part.axis == "slice" else "or leave them out with --gaps"
+        advice = "an image needs all slices" if part.axis == "slice" else "or leave them out with --gaps"
         raise ValueError(
             f"{part.path}: starts at {part.axis} {part.first}, but {part.axis} {lacking} is missing; "
-            f"give that part too, {mend}"
+            f"give that part too, {advice}"
         )
     return range(due, part.first)
 
@@ -323,7 +321,7 @@ def _check_place(part, first):
         moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
     if part.image.header["sform_code"] and np.abs(moved).max() > 0.02:
         raise ValueError(
-            f"{part.path}: does not lie where {first.path} ends; is it of another scan?"
+            f"{part.path}: does not start where {first.path} ends; is it part of another scan?"
         )
 
 

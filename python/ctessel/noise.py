@@ -1,9 +1,9 @@
-"""What noise becomes in the images of a scan: g-factor, standard deviation, SNR, condition, and how
-far the calibration data lie off the sensitivities.
+"""Noise in the images of a scan: g-factor, standard deviation, SNR, condition, and the misfit of
+calibration data and sensitivities.
 
-The reconstruction of a block is a linear operator once maps, masks and phases are held fixed. Its
-standard deviation is that of replicas: noise with the scan's covariance, added to the measured
-lines, through all that the image goes through.
+If maps, masks and phases are fixed, the reconstruction of a block is a linear operator. Its standard
+deviation is measured with replicas: noise with the scan's covariance is added to the measured lines, and
+goes through all steps of the image.
 
 References
 ----------
@@ -24,30 +24,30 @@ from .steps import calibration_residual, low_resolution
 
 #: Kinds of maps, and what they show.
 NAMES = {
-    "g": "g-factor: noise over that of all lines measured, times the root of the reduction",
-    "sd": "standard deviation of the complex value, at the level of the raw data; that of the real and "
-    "of the imaginary part is 1 / sqrt(2) of it; after homodyne that of the real value, which is all",
-    "snr": "magnitude of the image over sd",
-    "condition": "largest over smallest eigenvalue of the equations of the voxels that alias",
+    "g": "g-factor: noise divided by that of a fully sampled scan and by the root of the acceleration",
+    "sd": "standard deviation of the complex value in units of the raw data (real and imaginary part: "
+    "1 / sqrt(2) of it); after homodyne that of the real value",
+    "snr": "magnitude of the image divided by sd",
+    "condition": "largest divided by smallest eigenvalue of the equations of the voxels that alias",
     "residual": "share of the calibration image's energy that the sensitivities do not explain",
 }
 
 
 def check_names(names):
-    """Names of maps, each once; ValueError where there is no such."""
+    """Names of maps, each once; ValueError for unknown names."""
     for name in names:
         if name not in NAMES:
             known = ", ".join(NAMES)
-            raise ValueError(f"expected some of {known} with commas between, got {name!r}")
+            raise ValueError(f"expected some of {known} separated by commas, got {name!r}")
     return tuple(dict.fromkeys(names))
 
 
 def check(plan, names):
-    """Refuse maps that a plan cannot have; the message says how to mend it."""
+    """Raise an error for maps that a plan cannot have; the message says how to fix it."""
     names = check_names(names)
     if plan.covariance is None and {"sd", "snr"} & set(names):
         raise ValueError(
-            "maps of sd and snr need the raw data's noise scan; leave them out of --maps-out"
+            "maps of sd and snr need a noise scan in the raw data; leave them out of --maps-out"
         )
     if {"residual", "condition", "g"} & set(names) and not all(p.weighted for p in plan.patterns):
         raise ValueError(
@@ -56,7 +56,7 @@ def check(plan, names):
         )
     if plan.options.coefficients is not None:
         raise ValueError(
-            "maps of noise are those before the geometry is corrected; leave --geometry out"
+            "maps of noise describe the image before the geometry correction; leave out --geometry"
         )
 
 
@@ -66,12 +66,12 @@ def maps(plan, source, names, image=None, *, replicas=REPLICAS, seed=0, progress
     Parameters
     ----------
     plan : Plan
-    source : Scan, or whatever has its `layout`, `frames` and `separate`
-        Its samples are those of the file: a scan that was reconstructed as a `disposable` one has none.
+    source : Scan, or an object with its `layout`, `frames` and `separate`
+        Its samples must be those of the file; a `disposable` scan loses them in its reconstruction.
     names : sequence of str
         Some of `NAMES`.
     image : ndarray, ``(x, y, z, slice, echo, repetition)``, optional
-        What `ctessel.pipeline.reconstruct` made, for "snr".
+        Image by `ctessel.pipeline.reconstruct`, for "snr".
     replicas : int, optional
     seed : int, optional
         Of the noise: the same maps each time.
@@ -81,14 +81,17 @@ def maps(plan, source, names, image=None, *, replicas=REPLICAS, seed=0, progress
     Returns
     -------
     dict of str and ndarray of float32
-        ``(x, y, z, slice)``, image domain, those of the first pattern of lines of a series; "snr"
-        has the shape of `image`, each repetition with the noise of its own lines. "sd" is the standard
-        deviation of the complex value at the level of the raw data (1 / sqrt(2) of it is that of the
-        real and of the imaginary part; homodyne leaves a real value alone); "g" that over
-        what all lines would leave times the root of the reduction, 1 where nothing is
-        undersampled; "condition" that of the voxels' equations; "residual" the share of the
-        calibration image's energy that the sensitivities do not explain,
-        ``1 - |S^H c|^2 / |c|^2``. 0 outside of the object.
+        ``(x, y, z, slice)``, image domain, for the first sampling pattern of a series. 0 outside of the
+        object.
+
+        * "sd": standard deviation of the complex value in units of the raw data. Real and imaginary
+          part each have 1 / sqrt(2) of it. After homodyne it is that of the real value.
+        * "g": sd, divided by that of a fully sampled scan and by the root of the acceleration; 1 if
+          nothing is undersampled.
+        * "snr": in the shape of `image`; each repetition has the noise of its own lines.
+        * "condition": that of the equations of the voxels that alias.
+        * "residual": the share of the calibration image's energy that the sensitivities do not
+          explain, ``1 - |S^H c|^2 / |c|^2``.
 
     Raises
     ------
@@ -116,7 +119,7 @@ def maps(plan, source, names, image=None, *, replicas=REPLICAS, seed=0, progress
 
 
 def _ratio(plan, image, sd):
-    """Magnitudes of images, ``(repetition, x, y, z, echo)``, over the noise of their voxels."""
+    """Magnitudes of images, ``(repetition, x, y, z, echo)``, divided by the noise of their voxels."""
     sd = sd[..., None]
     over = np.ones_like(sd) if plan.in_snr else sd
     return np.divide(np.abs(image), over, out=np.zeros(image.shape), where=sd > 0)
@@ -138,7 +141,7 @@ def _of_block(plan, block, source, names, replicas, seed):
 
 
 def _of_slice(plan, block, source, names, replicas, seed):
-    """Maps on the unfolded grid, the standard deviation of the image, and whether POCS fills in lines."""
+    """Maps on the unfolded grid, the standard deviation of the image, and whether POCS fills lines."""
     pattern, basis = plan.patterns[block.pattern], reconstruct.prepare(plan, block, source)
     made = _unfolding(plan, pattern, basis.maps)
     if "residual" in names:
@@ -155,7 +158,7 @@ def _of_slice(plan, block, source, names, replicas, seed):
 
 
 def _of_volume(plan, block, source, names, replicas, seed):
-    """As `_of_slice`, of a volume that is worked on in slabs."""
+    """As `_of_slice`, for a volume that is processed in slabs."""
     pattern = plan.patterns[block.pattern]
     calibration = reconstruct.slice_calibration(plan, block, source)
     sensitivities, levels = reconstruct.volume_sensitivities(plan, block, source, calibration)
@@ -199,14 +202,14 @@ def _amplification(plan, pattern, sd, alone, fills):
 
 
 def _residual(maps, images):
-    """Share of the calibration image's energy off the sensitivities."""
+    """Share of the calibration image's energy that the sensitivities do not explain."""
     size = np.linalg.norm(maps, axis=3, keepdims=True)
     directions = np.divide(maps, size, out=np.zeros_like(maps), where=size > 0)
     return calibration_residual(directions, images)[0]
 
 
 def _placed(plan, pattern, values):
-    """A map of the unfolded grid at the image's voxels: those of the nearest ones."""
+    """A map of the unfolded grid at the voxels of the image, by nearest neighbour."""
     at = [np.arange(m) * n // m for n, m in zip(pattern.full, plan.pixels)]
     values = values[np.ix_(*at)]
     return values[tuple(central(n, m) for n, m in zip(plan.pixels, plan.matrix))]

@@ -1,9 +1,8 @@
-"""Volumes of noise for denoisers: what the images of a scan were without an object.
+"""Volumes of noise for denoisers: images of the scan without an object.
 
-Noise with the covariance of the noise scan takes the place of the measured samples and goes through the
-plan of the scan, with the sensitivities, the masks and the phase of the scan itself: these do not follow
-from the noise. Each volume has the lines of a repetition, the first volume those of the first one, and
-so on from the beginning again.
+Noise with the covariance of the noise scan replaces the measured samples and goes through the plan of the
+scan. Sensitivities, masks and phase are those of the scan, because noise cannot give them. Each volume has
+the lines of one repetition, beginning with the first; after the last repetition the first one follows.
 """
 
 from dataclasses import replace
@@ -19,20 +18,20 @@ SEED = 0
 
 
 def check(plan):
-    """Refuse what has no volumes of noise; the message says how to mend it."""
+    """Raise an error if a plan cannot have volumes of noise; the message says how to fix it."""
     if plan.covariance is None:
         raise ValueError(
-            "volumes of noise need the raw data's noise scan, with enough samples; leave --noise-images out"
+            "volumes of noise need a noise scan with enough samples in the raw data; leave out --noise-images"
         )
     if plan.in_slabs and any(reconstruct.removes_phase(plan, pattern) for pattern in plan.patterns):
         raise ValueError(
-            "volumes of noise of 3-D scans hold for zero filling and POCS; choose --partial pocs or zero, or "
-            "leave --noise-images out"
+            "volumes of noise of 3-D scans need zero filling or POCS; choose --partial pocs or zero, or "
+            "leave out --noise-images"
         )
 
 
 def memory(plan, count):
-    """Bytes of the volumes, and those of the work on them beyond that on images."""
+    """Bytes of the volumes, and bytes that their computation needs beyond that of images."""
     volumes = min(plan.group, count) * prod(plan.shape[:4]) * plan.shape[5]
     return 8 * prod(plan.image_shape[:5]) * count, 30 * volumes
 
@@ -43,7 +42,7 @@ def volumes(plan, source, count, *, room=None, progress=None):
     Parameters
     ----------
     plan : Plan
-    source : Scan, or whatever has its `layout`, `frames` and `separate`
+    source : Scan, or an object with its `layout`, `frames` and `separate`
         Its samples are not overwritten.
     count : int
     room : callable, optional
@@ -97,7 +96,7 @@ def _of_slice(plan, source, index, count):
 
 
 def _of_lines(plan, block, source, frame):
-    """What makes images of noise where slices are worked on as a whole."""
+    """The function that makes images of noise if whole slices are processed."""
     pattern, basis = plan.patterns[block.pattern], reconstruct.prepare(plan, block, source)
 
     def operator(samples):
@@ -106,12 +105,12 @@ def _of_lines(plan, block, source, frame):
     if not (basis.fills or reconstruct.removes_phase(plan, pattern)):
         return operator
     basis.phase = reconstruct.held_phase(plan, pattern, basis, reconstruct.complete_lines(plan, pattern, basis, frame))
-    image = operator(frame)  # beside an image alone all is linear
+    image = operator(frame)  # all steps are linear near an image
     return lambda samples: operator(np.asfortranarray(frame + samples)) - image
 
 
 def _of_volumes(plan, block, source, frame):
-    """The same where volumes are worked on in slabs."""
+    """The same if volumes are processed in slabs."""
     pattern = plan.patterns[block.pattern]
     shared = reconstruct.volume_basis(plan, block, source, reconstruct.slice_calibration(plan, block, source))
     every = replace(plan, choice=None)  # the noise has the coils that are used, no others
@@ -124,7 +123,7 @@ def _of_volumes(plan, block, source, frame):
 
 
 def _samples(plan, there, index, volume):
-    """Noise in place of the samples of a frame, ``(x, y, z, coil, echo, 1)``."""
+    """Noise that replaces the samples of a frame, ``(x, y, z, coil, echo, 1)``."""
     place = index if plan.slices is None else plan.slices[index]  # within the whole scan
     random = np.random.default_rng([SEED, place, volume])
     factor = np.linalg.cholesky(plan.covariance.astype(complex)).astype(np.complex64)

@@ -1,4 +1,4 @@
-"""Options of the steps, which every command that reconstructs has, and types of arguments."""
+"""Options of the steps, for every command that reconstructs, and types of arguments."""
 
 import argparse
 
@@ -79,51 +79,51 @@ def add_steps(command):
         type=positive,
         nargs=3,
         metavar=("X", "Y", "Z"),
-        help="voxels of the image; more than were measured interpolate by zero filling",
+        help="matrix size of the image; zero filling interpolates to more voxels than were measured",
     )
     steps.add_argument(
         "--regularise",
         type=level,
         default=0.0,
         metavar="SCALE",
-        help="regularise SENSE; 0 does not (the default), 1 trusts the level of the calibration image",
+        help="regularise SENSE; 0 (the default) does not, 1 trusts the intensity of the calibration image",
     )
     steps.add_argument(
         "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
     )
-    add_coefficients(steps, "the file says")
+    add_coefficients(steps, "that of the file")
     add_dims(steps)
     steps.add_argument(
         "--combine",
         choices=("sos", "phase"),
         default="sos",
-        help="magnitude alone (the default), or also IMAGE_phase.nii.gz in radians",
+        help="magnitude only (the default), or also IMAGE_phase.nii.gz in radians",
     )
     steps.add_argument(
         "--units",
         choices=("raw", "snr"),
         default="raw",
-        help="of the image: level of the raw data (the default), or standard deviation of each voxel's "
-        "noise (snr), which needs a noise scan",
+        help="units of the image: those of the raw data (the default), or the standard deviation of each "
+        "voxel's noise (snr), which needs a noise scan",
     )
     steps.add_argument(
         "--partial",
         choices=("auto", "zero", "homodyne", "pocs"),
         default="auto",
-        help="lines that a partial scan lacks: zeros, homodyne, POCS, or the better of zeros and "
-        "POCS for each slice (auto, the default)",
+        help="how the missing lines of a partial scan are filled: zeros, homodyne, POCS, or the better of "
+        "zeros and POCS for each slice (auto, the default)",
     )
     steps.add_argument("--no-homodyne", action="store_true", help="the same as --partial zero")
     steps.add_argument(
         "--maps",
         metavar="FILE",
-        help="sensitivities of the coils: a BART pair, NIfTI, MATLAB or HDF5; x, y, z, coil, slice",
+        help="coil sensitivities from a BART pair, NIfTI, MATLAB or HDF5 file; x, y, z, coil, slice",
     )
     steps.add_argument(
         "--coils",
         type=_coil_list,
         metavar="LIST",
-        help="use these coils, counted from 0: 0,2-5; by default all that are not defective",
+        help="use these coils, counted from 0, for example 0,2-5; the default is all that are not defective",
     )
     steps.add_argument("--no-noise", action="store_true", help="ignore the noise scan")
 
@@ -133,16 +133,17 @@ def add_coefficients(command, said):
         "--position",
         metavar="POSITION",
         type=patient_position,
-        help=f"how the patient lay, in place of what {said}: HFS, HFP, FFS, FFP",
+        help=f"patient position, instead of {said}: HFS, HFP, FFS, FFP",
     )
     command.add_argument(
-        "--radius", type=size, metavar="MM", help="of the coefficients, in place of their file's"
+        "--radius", type=size, metavar="MM", help="reference radius of the coefficients, instead of that of their file"
     )
     command.add_argument(
         "--axes",
         metavar="LPS",
         type=gradient_axes,
-        help="where the gradients' axes point, head first on the back, in place of the file's form",
+        help="directions of the gradients' axes for a patient head first on the back, instead of those "
+        "of the coefficient file",
     )
 
 
@@ -152,12 +153,12 @@ def add_dims(command):
         type=int,
         choices=(3, 2, 1),
         default=3,
-        help="correct all (3, the default), in the plane of the slices (2), across them (1)",
+        help="correct all dimensions (3, the default), only in the plane of the slices (2), or only across them (1)",
     )
 
 
 def add_answers(command):
-    """What a stream is answered with."""
+    """Options for the answer to a stream."""
     command.add_argument(
         "--pixels",
         choices=("int16", "float", "complex"),
@@ -169,7 +170,7 @@ def add_answers(command):
         type=_map_names,
         default=(),
         metavar="NAMES",
-        help="also maps of noise, once all images are out: g, sd, snr, with commas between",
+        help="also send maps of noise after all images: g, sd, snr, separated by commas",
     )
 
 
@@ -179,5 +180,5 @@ def _map_names(text):
 
     names = tuple(dict.fromkeys(text.split(",")))
     if not set(names) <= set(MAPS):
-        raise ValueError(f"expected some of {', '.join(MAPS)} with commas between, got {text!r}")
+        raise ValueError(f"expected some of {', '.join(MAPS)} separated by commas, got {text!r}")
     return names

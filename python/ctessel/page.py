@@ -1,6 +1,6 @@
-"""One HTML file that needs nothing else: texts, tables, pictures, and a viewer of volumes.
+"""A self-contained HTML file: texts, tables, pictures, and a viewer of volumes.
 
-All of it is there without JavaScript, but the viewer. Whatever comes from files is escaped.
+Only the viewer needs JavaScript. All text from files is escaped.
 """
 
 import base64
@@ -14,13 +14,13 @@ import numpy as np
 
 from . import png
 
-#: The viewer's library, where it is installed.
+#: The viewer's library, if it is installed.
 LIBRARY = "niivue.umd.js"
 #: Voxels of an embedded volume at most; larger ones are averaged over blocks of voxels in the plane.
 MOST_VOXELS = 2**21
 #: Volumes at most.
 MOST_VOLUMES = 8
-#: Levels of an embedded volume.
+#: Grey levels of an embedded volume.
 LEVELS = 1023
 
 _STYLE = """
@@ -50,7 +50,7 @@ button, select, input { font: inherit; }
 
 
 def escaped(text):
-    """Text for HTML; what no encoding can say is replaced."""
+    """Text for HTML; characters that cannot be encoded are replaced."""
     return html.escape(str(text).encode("utf-8", "replace").decode("utf-8"))
 
 
@@ -148,7 +148,7 @@ def histogram(values, words, caption, unit=""):
 
 
 def viewer_code():
-    """The viewer's library, packed; None where it is not installed."""
+    """The viewer's library, packed; None if it is not installed."""
     file = importlib.resources.files(__package__).joinpath(LIBRARY)
     return gzip.compress(file.read_bytes(), 9, mtime=0) if file.is_file() else None
 
@@ -193,20 +193,20 @@ def _nifti(levels, affine, slope, intercept):
 
 
 def _data(volumes):
-    """JSON that cannot end the element it stands in."""
+    """JSON that cannot end the HTML element around it."""
     return json.dumps(volumes).replace("<", "\\u003c")
 
 
 def _viewer(volumes, viewer):
-    told = [f"{v['name']}: {v['size']} voxels" + _thinned_words(v["block"]) for v in volumes]
+    sizes = [f"{v['name']}: {v['size']} voxels" + _thinned_words(v["block"]) for v in volumes]
     cap = (
         f"<p>The first echo and repetition. At most {MOST_VOLUMES} volumes of {MOST_VOXELS:,} voxels in {LEVELS + 1} "
-        "levels are embedded; larger ones are averaged in the plane.</p>"
+        "grey levels are embedded; larger ones are averaged in the plane.</p>"
     )
     if viewer is None:
-        mend = "install npm, then ctessel again"
-        return f"{listed(told)}{cap}<p>The viewer is missing: this ctessel was installed without it ({mend}).</p>"
-    return listed(told) + cap + _CONTROLS
+        advice = "install npm, then ctessel again"
+        return f"{listed(sizes)}{cap}<p>The viewer is missing: this ctessel was installed without it ({advice}).</p>"
+    return listed(sizes) + cap + _CONTROLS
 
 
 def _thinned_words(block):

@@ -1,5 +1,5 @@
-"""Partial Fourier: projection onto the measured lines and a smooth phase (POCS), and the decision
-whether a scan gains from it.
+"""Partial Fourier: projection onto measured lines and a smooth phase (POCS), and the test whether a
+scan benefits from it.
 
 >>> import numpy as np
 >>> from ctessel import pipeline
@@ -16,13 +16,12 @@ import numpy as np
 
 from .fourier import central, to_image, to_kspace
 
-#: Rounds of POCS. More leave the image where it is.
+#: Iterations of POCS. More do not change the image.
 ROUNDS = 5
 
 
 def clipped(shape, ranges):
-    """Ranges as far as they lie on a grid; None where nothing lies on one side of k = 0, or nothing is
-    missing."""
+    """Ranges clipped to a grid; None if one side of k = 0 has no lines, or no lines are missing."""
     made = []
     for n, lines in zip(shape, ranges):
         if lines is not None:
@@ -73,9 +72,9 @@ def pocs_kspace(kspace, ranges, threads=None, phase=None):
 def pocs(kspace, ranges, *, field=None, threads=None, phase=None):
     """Image of partial-Fourier k-space along up to three axes.
 
-    The image's phase is taken from the lines that are measured on both sides of k = 0; lines that
-    are missing become those of an image with this phase. Measured lines stay as they are, so
-    magnitude and phase are both right.
+    The phase of the image comes from the lines that are measured on both sides of k = 0. Missing lines
+    become those of an image with this phase. Measured lines do not change, so magnitude and phase are
+    both right.
 
     Parameters
     ----------
@@ -87,7 +86,7 @@ def pocs(kspace, ranges, *, field=None, threads=None, phase=None):
         Central extents of the image to keep.
     threads : int, optional
     phase : ndarray of complex64, optional
-        What `smooth_phase` gives for other data, in place of that of these.
+        Result of `smooth_phase` for other data, used instead of the phase of these data.
 
     Returns
     -------
@@ -120,8 +119,8 @@ def prediction_error(kspace, ranges, threads=None):
     Returns
     -------
     float
-        Root mean square of the difference over that of the hidden lines: below 1 POCS comes closer
-        to them than zeros do. Infinite where too few lines are measured to hide any.
+        Root mean square of the difference, divided by that of the hidden lines. Below 1, POCS is closer
+        to them than zeros. Infinite if too few lines are measured to hide any.
     """
     ranges = clipped(kspace.shape, ranges)
     fewer = [lines and _hidden(lines) for lines in ranges]

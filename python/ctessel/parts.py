@@ -9,11 +9,11 @@ from .scan import AXES
 
 
 def select(plan, axis, first, last):
-    """The plan of a part of a scan, which reconstructs to the same bits as within the whole.
+    """The plan of a part of a scan; its images have the bits of the whole.
 
-    Slices apart from the others are the exception: their geometry is corrected within their planes.
+    There is one exception: the geometry of a part along slices is corrected only within their planes.
 
-    The samples it takes are those of the part and the calibration lines of the whole.
+    The plan needs the samples of the part, and the calibration lines of the whole scan.
 
     Parameters
     ----------
@@ -48,7 +48,7 @@ def select(plan, axis, first, last):
 
 
 def merge(results, gaps=False):
-    """One result of the parts of a scan.
+    """Joins the results of parts of a scan.
 
     Parameters
     ----------
@@ -82,7 +82,7 @@ def merge(results, gaps=False):
     )
     if missing:
         merged.parameters = merged.parameters | {"skipped": [(axis, number) for number in missing]}
-    odd = [told for result in results for told in result.parameters.get("inconsistent", [])]
+    odd = [entry for result in results for entry in result.parameters.get("inconsistent", [])]
     if odd:
         merged.parameters = merged.parameters | {"inconsistent": odd}
     for name in {"prediction", "residual", "condition", "response"} & set(merged.parameters):

@@ -1,4 +1,4 @@
-"""Test data: a known object, measured by coils in every way that `ctessel recon` knows.
+"""Test data: a known object, measured by coils in every way that `ctessel recon` supports.
 
 >>> import tempfile, os, ctessel.phantom, ctessel.raw
 >>> file = os.path.join(tempfile.mkdtemp(), "scan.h5")
@@ -26,10 +26,10 @@ __all__ = ["KINDS", "Phantom", "truth", "write"]
 class Phantom:
     """How the object is measured.
 
-    Missing lines: `partial` gives for x, y, z the share that is measured, negative where the end
-    is missing instead of the beginning. `reduction` is for y and z, and from each measured line of y to
-    the next those of z move on by `shift` (CAIPIRINHA). `calibration` is "embedded",
-    "separate" or "", `turns` moves the undersampled lines on from repetition to repetition.
+    `partial` gives the measured share of lines along x, y and z; negative if the end is missing
+    instead of the beginning. `reduction` is for y and z. From each measured line of y to the next, the
+    lines of z are shifted by `shift` (CAIPIRINHA). `calibration` is "embedded",
+    "separate" or "". `interleaved` shifts the undersampled lines from repetition to repetition.
     `pace` is the time from one line to the next by the scanner's clock in ms, 0 without a clock.
     Rotations are by `tilt` degrees, first about the left-right, then about the head-foot axis.
     """
@@ -48,7 +48,7 @@ class Phantom:
     shift: int = 0
     calibration: str = ""
     calibration_lines: int = 24
-    turns: bool = False
+    interleaved: bool = False
     noise: float = 0.0
     noise_scan: bool = False
     tilt: tuple[float, float] = (0.0, 0.0)
@@ -65,7 +65,7 @@ KINDS = {
     "partial-readout": Phantom(partial=(0.7, 1.0, 1.0)),
     "undersampled": Phantom(reduction=(2, 1), calibration="embedded"),
     "undersampled-3": Phantom(reduction=(3, 1), calibration="separate"),
-    "turns": Phantom(reduction=(2, 1), repetitions=4, turns=True),
+    "interleaved": Phantom(reduction=(2, 1), repetitions=4, interleaved=True),
     "noise": Phantom(reduction=(2, 1), calibration="embedded", noise=0.02, noise_scan=True),
     "slices": Phantom(slices=5, gap=1.0),
     "repetitions": Phantom(repetitions=3, noise=0.02),
@@ -101,8 +101,9 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     Returns
     -------
     ndarray of complex64, ``(x, y, z, slice, echo, repetition)``
-        The object, as an image without artefacts or noise shows it.
+        The object, as an image without artefacts and noise.
     """
+    kind = "interleaved" if kind == "turns" else kind  # its name in 0.1
     if kind not in KINDS:
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)
@@ -140,15 +141,15 @@ def _check(phantom):
         if getattr(phantom, name) < n:
             raise ValueError(f"{name}: expected at least {n}, got {getattr(phantom, name)}")
     if not 0 <= phantom.noise < np.inf:
-        raise ValueError(f"noise: expected a level of at least 0, got {phantom.noise}")
+        raise ValueError(f"noise: expected a standard deviation of at least 0, got {phantom.noise}")
     samples = phantom.size * phantom.oversampling
     if max(samples, phantom.coils) > 65535:
         raise ValueError(
             f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}"
         )
     volume = 8 * samples * phantom.size * phantom.partitions * phantom.coils
-    mend = "choose a smaller size, fewer coils or fewer slices"
-    runtime.check((phantom.slices + 3) * volume, "the phantom", mend)
+    advice = "choose a smaller size, fewer coils or fewer slices"
+    runtime.check((phantom.slices + 3) * volume, "the phantom", advice)
 
 
 def truth(phantom):
@@ -216,7 +217,7 @@ def _lines_across(phantom, y):
 
 
 def _line_zero(phantom, axis):
-    """The line that the file calls 0: the first one that is measured, as scanners count."""
+    """The line with number 0 in the file: the first measured line, as on scanners."""
     extent = (phantom.size, phantom.size, phantom.partitions)[axis]
     first = _lines(extent, phantom.partial[axis], 1)[0]
     return int(min(first, _block(extent, phantom.calibration_lines)[0]) if phantom.calibration else first)
@@ -245,7 +246,7 @@ def _measurements(phantom):
     if phantom.calibration == "separate":
         yield from (("apart", y, z, 0, s, 0, 0) for s in order for y, z in block)
     for repetition in range(phantom.repetitions):
-        offset = repetition % phantom.reduction[0] if phantom.turns else 0
+        offset = repetition % phantom.reduction[0] if phantom.interleaved else 0
         y_lines = _lines(ny, phantom.partial[1], phantom.reduction[0], offset)
         lines = {(y, z): "" for y in y_lines for z in _lines_across(phantom, y)}
         if phantom.calibration == "embedded":
@@ -330,7 +331,7 @@ def _axes(tilt):
 def _header_text(phantom):
     matrix = (phantom.size, phantom.size, phantom.partitions)
     field = [n * v for n, v in zip(matrix, phantom.voxel)]
-    mode = "interleaved" if phantom.turns else phantom.calibration
+    mode = "interleaved" if phantom.interleaved else phantom.calibration
     limits = {"x": Limit(0, 0, 0)}
     for axis, name in ((1, "y"), (2, "z")):
         lines = _lines(matrix[axis], phantom.partial[axis], 1) - _line_zero(phantom, axis)

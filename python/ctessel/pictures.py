@@ -1,7 +1,7 @@
-"""Images of a scan as messages of a stream: pixels, one scale for a series, where they lie.
+"""Images of a scan as messages of a stream: pixels, one scale for a series, positions.
 
-Series 1 holds the images, 2 their phase; maps are series of their own. Of a 2-D scan each slice is
-an image, of a 3-D scan each volume.
+Series 1 holds the images, series 2 their phase; each kind of map has its own series. An image is a slice
+of a 2-D scan, or a volume of a 3-D scan.
 """
 
 from dataclasses import replace
@@ -10,14 +10,14 @@ import numpy as np
 
 from . import nifti, stream
 
-#: Maps of noise (`ctessel.noise`): their series, what they are called.
+#: Maps of noise (`ctessel.noise`): series and name of each.
 MAPS = {"g": (10, "Gfactor"), "snr": (11, "SNR_MAP"), "sd": (12, "STD_MAP")}
 #: From the axes of a NIfTI file (right, anterior, superior) to those of the stream (LPS).
 _TO_LPS = np.diag([-1.0, -1.0, 1.0, 1.0])
 
 
 class Places:
-    """Where the images of a plan lie, in the patient (LPS, mm)."""
+    """Positions of the images of a plan in the patient (LPS, mm)."""
 
     def __init__(self, plan, header):
         self._size = plan.matrix
@@ -27,7 +27,7 @@ class Places:
                 replace(header, placements=places), shape, header.recon_fov
             )
             self._matrices, self._steps = [_TO_LPS @ matrix] * plan.shape[4], True
-        except ValueError:  # slices that fit no single file; each has its own place
+        except ValueError:  # slices that do not fit into one file; each has its own position
             alone = [replace(header, placements=[place], spacing=0.0) for place in places]
             made = [nifti.affine(one, (*plan.matrix, 1), header.recon_fov) for one in alone]
             self._matrices, self._steps = [_TO_LPS @ matrix for matrix, _ in made], False
@@ -56,7 +56,7 @@ class Pictures:
     bits : int
         Pixels of int16 are below ``2 ** bits``, those of the first volume below half of it.
     sent : callable
-        Called with what was given to `add` once its images are sent.
+        Called with the arguments of `add` after its images were sent.
     """
 
     def __init__(self, connection, plan, header, kind, bits, sent):
@@ -70,7 +70,7 @@ class Pictures:
         self.count = 0
 
     def add(self, index, repetition, made, head, ticket=None):
-        """Take what was made of one slice and repetition, and the header of one of its lines."""
+        """Add the images of one slice and repetition, and the header of one of its lines."""
         self._waiting.append((index, repetition, made, head, ticket))
         waits = self._kind == "int16" and self._scale is None
         if waits and not self._volume(index, repetition, made):
@@ -80,7 +80,7 @@ class Pictures:
             self._send(*each)
 
     def finish(self):
-        """Send what waits for a first volume that did not become complete."""
+        """Send images that wait for a first volume that was never complete."""
         if self._waiting:
             self._scale = self._scale_of(max(self._first.values(), default=0.0))
             for each in self._waiting:
@@ -116,7 +116,7 @@ class Pictures:
             self._one(series, stream.MAGNITUDE, pixels, {"DataRole": [role]}, at, head)
 
     def _series(self, values):
-        """Series, type, pixels and attributes of each image that is made of one."""
+        """Series, type, pixels and attributes of each image that is sent for one."""
         magnitude = np.abs(values) if np.iscomplexobj(values) else values
         if self._kind == "complex":
             yield 1, stream.COMPLEX, values.astype(np.complex64), {}

@@ -1,12 +1,12 @@
-"""From k-space to image: the steps, and the whole way. All names are made elsewhere.
+"""From k-space to image: single steps, and the whole reconstruction.
 
-Every step takes arrays and returns arrays, so that a notebook can use it alone. `plan` decides what
-is done with a scan, and says it in words, before any sample is read; `reconstruct` does it slice by
-slice and a few repetitions at a time, here or on the processes of a Dask cluster, with the same
+Every step takes arrays and returns arrays, so a notebook can use each by itself. `plan` decides what
+is done with a scan before samples are read, and describes it in words. `reconstruct` carries out the
+plan slice by slice, a few repetitions at a time, in this process or on a Dask cluster, with the same
 bits.
 
-Arrays are indexed ``[x, y, z, coil, slice, echo, repetition]``, k = 0 and the centre of the field
-of view lie at ``N // 2``, and transforms are unitary.
+Arrays are indexed ``[x, y, z, coil, slice, echo, repetition]``. k = 0 and the centre of the field of
+view are at ``N // 2``. Transforms are unitary.
 
 >>> import numpy as np
 >>> from ctessel import pipeline

@@ -1,7 +1,7 @@
-"""What a reconstruction will do: decided once, before any sample is read.
+"""Plans of reconstructions: everything is decided once, before samples are read.
 
-A `Plan` holds all that follows from a scan's `Layout` and the options, and says it in words.
-`reconstruct` carries it out, here, on workers, or while the scan still runs.
+A `Plan` has everything that follows from the `Layout` of a scan and the options, and describes it in words.
+`reconstruct` carries it out in this process, on workers, or while the scan still runs.
 """
 
 from dataclasses import asdict, dataclass, replace
@@ -18,41 +18,45 @@ from .scan import Placement, printable, times_text
 from .steps import PLANE_KERNEL, noise_covariance, usable_ranges
 from .warp import scan_grid, warnings_of
 
-#: k-space that is worked on at once, in bytes; at least one volume.
+#: Bytes of k-space that are processed together; at least one volume.
 BLOCK = 64 * 2**20
-#: Resident memory of a worker process that has imported all it needs, in bytes.
+#: Resident memory of a worker process after its imports, in bytes.
 PROCESS = 128 * 2**20
-#: What becomes of lines that a partial scan lacks.
+#: How missing lines of a partial scan are filled.
 WAYS = ("auto", "zero", "homodyne", "pocs")
 #: Units of images, for people.
 UNITS = {
-    "raw": "level of the raw data",
+    "raw": "units of the raw data",
     "snr": "standard deviation of the noise of each voxel's complex value",
 }
-#: Fewest calibration lines along an undersampled axis.
+#: Smallest number of calibration lines along an undersampled axis.
 FEWEST_LINES = 8
 
 
 @dataclass(frozen=True)
 class Options:
-    """What a reconstruction is to do where the scan leaves a choice.
+    """Options of a reconstruction.
 
-    `matrix` is the extent of the image (x, y, z), by default that of the header; a larger one
-    interpolates by zero filling, which keeps the level of the image. `ringing` is the strength of
-    the filter, 0 to 0.915. `partial` says what becomes of lines that are missing on one side:
-    "zero", "homodyne", "pocs", or "auto", which is POCS in the slices where it predicts measured
-    lines that are hidden from it, and zero filling elsewhere. `regularisation` is the strength of
-    that of SENSE with an expected image, 1 trusting the level
-    of the calibration image; it needs a noise scan. `calibration_size` is the most calibration
-    lines used along an axis, `mask` the threshold of `eigen_maps`. `coefficients` correct the
-    geometry (`dims`: 3 all of it, 2 in the plane of the slices, 1 across), with splines of
-    `order`; `position` says how the patient lay ("HFS", "HFP", "FFS",
-    "FFP") in place of the header. `maps` names a file of sensitivities, in place of those of the
-    calibration; `keep_maps` hands those that were used back with the image. `coils` are the numbers
-    of those that are used, from 0; by default all that are not defective. `combine` "pcsos" gives
-    complex images, "sos" magnitudes. `units` "raw" keeps the level of the raw data, one for all scans of
-    an object; "snr" divides each voxel by the standard deviation of its complex value, so that the
-    magnitude is the signal-to-noise ratio; it needs a noise scan.
+    * `combine`: "pcsos" gives complex images, "sos" magnitudes.
+    * `units`: "raw" keeps the units of the raw data, which are the same for all scans of an object. "snr"
+      divides each voxel by the standard deviation of its complex value, so that the magnitude is the
+      signal-to-noise ratio; it needs a noise scan.
+    * `matrix`: matrix size of the image (x, y, z), by default that of the header. A larger one
+      interpolates by zero filling; intensities stay.
+    * `ringing`: strength of the filter, 0 to 0.915.
+    * `partial`: how lines that are missing on one side are filled: "zero", "homodyne", "pocs", or "auto".
+      "auto" uses POCS in slices where it predicts hidden measured lines, and zero filling elsewhere.
+    * `whiten`: use the noise scan.
+    * `regularisation`: strength of regularised SENSE with an expected image; 1 trusts the intensity of the
+      calibration image. It needs a noise scan.
+    * `calibration_size`: largest number of calibration lines along an axis. `mask`: threshold of
+      `eigen_maps`.
+    * `coefficients` correct the geometry, with `dims` 3 all of it, 2 in the plane of the slices, 1 across
+      them; `order` is that of the splines. `intensity`: multiply by the Jacobian. `position`: patient
+      position ("HFS", "HFP", "FFS", "FFP"), instead of that of the header.
+    * `maps`: a file of sensitivities, used instead of the calibration. `keep_maps`: return the
+      sensitivities with the image.
+    * `coils`: numbers of the coils that are used, from 0; by default all that are not defective.
     """
 
     combine: str = "pcsos"
@@ -77,19 +81,19 @@ class Options:
 
 @dataclass(frozen=True, eq=False)
 class Pattern:
-    """Repetitions that have the same lines, and what these are taken for."""
+    """Repetitions with the same lines, and how these are interpreted."""
 
     repetitions: np.ndarray
     mask: np.ndarray  # measured lines, (y, z)
-    expected: np.ndarray  # and those that were lost
+    expected: np.ndarray  # with those that were lost
     lattices: tuple[Lattice, Lattice]
-    full: tuple[int, int, int]  # grid of k-space once it is unfolded, without oversampling
-    partial: list  # first and last line of each axis that is measured more to one side, or None
+    full: tuple[int, int, int]  # grid of unfolded k-space, without oversampling
+    partial: list  # first and last line of each axis if one side reaches farther, or None
     ranges: list  # those that homodyne or POCS uses, in lines of the field that is transformed
-    window: tuple[int, int, int]  # lines of the fully measured scan; the ringing filter spans them
+    window: tuple[int, int, int]  # lines of the fully sampled scan; the ringing filter spans them
     calibration_pixels: tuple[int, int, int]  # maps over the field of the calibration lines
 
-    weighted: bool  # by sensitivities: all that is unfolded, and coils of which the noise is known
+    weighted: bool  # by sensitivities: unfolded scans, and coils with known noise
 
     @property
     def unfolds(self):
@@ -101,32 +105,32 @@ class Pattern:
 
     @property
     def keeps_lines(self):
-        """Whether measured lines are lines of the unfolded image; not of a field that is wider."""
+        """Whether measured lines are lines of the unfolded image, which has no wider field of view."""
         return all(lattice.full == lattice.folded * lattice.step for lattice in self.lattices)
 
 
 @dataclass(frozen=True, eq=False)
 class Calibration:
-    """Lines that sensitivities are made of: those of a separate scan, or the mean of a few frames."""
+    """Lines for sensitivities: those of a separate calibration, or the mean of a few frames."""
 
-    x: int  # samples along the readout at most
+    x: int  # largest number of samples along the readout
 
     y: slice
     z: slice
-    lines: tuple[int, int]  # how many that are, (y, z)
+    lines: tuple[int, int]  # their numbers, (y, z)
     separate: bool
-    frames: int  # first repetitions that have all lines together
-    times: np.ndarray | None  # each line was measured in them, (y, z, slice)
+    frames: int  # number of first repetitions that together have all lines
+    times: np.ndarray | None  # how often each line was measured in them, (y, z, slice)
     cut: float  # share of their field along x that is the image's
 
 
 @dataclass(frozen=True, eq=False)
 class Plan:
-    """All that is decided about a reconstruction. Made by `plan`.
+    """All decisions about a reconstruction. Made by `plan`.
 
-    `steps` say it in words, `warnings` what the user may not expect, a line each. `kept` are the
-    slices, echoes and repetitions that are reconstructed, `selection` the part that they are of the
-    whole (axis, first and last index).
+    `steps` describe it in words; `warnings` say why the image may surprise the user, one line each. `kept`
+    are the slices, echoes and repetitions that are reconstructed, `selection` their part of the whole scan
+    (axis, first and last index).
     """
 
     options: Options
@@ -134,22 +138,22 @@ class Plan:
     patterns: tuple[Pattern, ...]
     calibration: Calibration | None
     covariance: np.ndarray | None
-    readout: int  # samples along x once oversampling is removed
+    readout: int  # samples along x without oversampling
     pixels: tuple[int, int, int]  # image over the whole encoded field
     matrix: tuple[int, int, int]  # image that is kept
     field: tuple[float, float, float]  # of that image, in mm
     position: str
     placements: tuple[Placement, ...]
-    apart: tuple[int, ...] | None  # extents of a calibration scan of its own
+    separate: tuple[int, ...] | None  # extents of a separate calibration
     kept: tuple[range, range, range]
     steps: tuple[str, ...]
     warnings: tuple[str, ...]
     selection: tuple[str, int, int] | None = None
-    choice: coil_choice.Choice | None = None  # where some coils are left out, which `shape` lacks
-    slices: tuple[int, ...] | None = None  # those of a part, among the whole scan's
+    choice: coil_choice.Choice | None = None  # if some coils are left out; `shape` has the others
+    slices: tuple[int, ...] | None = None  # numbers of a part's slices in the whole scan
 
     def coils_of(self, samples, axis=3):
-        """The coils that are used, of samples of all."""
+        """The samples of the coils that are used."""
         return self.choice.of(samples, axis) if self.choice else samples
 
     @property
@@ -168,7 +172,7 @@ class Plan:
 
     @property
     def reduction(self):
-        """How many times fewer lines than full ones; of several patterns the most."""
+        """Acceleration; the largest one of several patterns."""
         return max(prod(lattice.reduction for lattice in p.lattices) for p in self.patterns)
 
     @property
@@ -178,13 +182,13 @@ class Plan:
 
     @property
     def stack(self):
-        """Whether the geometry of all slices is corrected as that of one volume, after their blocks."""
+        """Whether the geometry of all slices is corrected as one volume, after their blocks."""
         part = self.selection is not None and self.selection[0] == "slice"
         several = self.matrix[2] == 1 and len(self.kept[0]) > 1 and not part
         return self.options.coefficients is not None and several and self.grid() is not None
 
     def grid(self, index=None):
-        """Where the voxels of a slice lie, or those of all; None where slices are not parallel."""
+        """Positions of the voxels of a slice, or of all; None if slices are not parallel."""
         kept = self.placements[self.kept[0].start : self.kept[0].stop]
         places = kept if index is None else [self.placements[index]]
         try:
@@ -194,8 +198,8 @@ class Plan:
 
     @property
     def in_slabs(self):
-        """Whether volumes are worked on in slabs of x: 3-D scans, unless whether missing lines are
-        filled in is decided from all of the volume, or the readout is partial."""
+        """Whether volumes are processed in slabs of x: 3-D scans, unless the readout is partial, or the
+        whole volume decides whether missing lines are filled."""
         whole = slice(1 if self.options.partial == "homodyne" else 3)
         return self.shape[2] > 1 and not any(any(p.ranges[whole]) for p in self.patterns)
 
@@ -206,28 +210,28 @@ class Plan:
 
     @property
     def group(self):
-        """Repetitions that are worked on at once."""
+        """Number of repetitions that are processed together."""
         if self.in_slabs:
             return 1
         return max(1, BLOCK // (8 * prod(self.shape[:4]) * self.shape[5]))
 
     def completes_slabs(self, pattern):
-        """Whether nothing is left to be done along x; of coils that are combined as they are, never."""
+        """Whether no step along x is left; coils that are combined without sensitivities have none."""
         untouched = self.options.ringing == 0 and self.pixels[0] == pattern.full[0]
         return untouched or not pattern.weighted
 
     def keeps_readout(self, pattern):
-        """Whether slices of a pattern need the image along x alone, no k-space of it."""
+        """Whether slices of a pattern need only the image along x, not k-space."""
         one = self.shape[2] == 1 and self.readout == self.shape[0]
         return one and pattern.weighted and self.completes_slabs(pattern) and not any(pattern.ranges)
 
     def gain(self, pattern):
-        """Keeps the level of fully measured lines, which transforms to more pixels would lower."""
+        """Factor that keeps intensities, which transforms to more pixels would lower."""
         return np.float32((prod(self.pixels) / prod(pattern.window)) ** 0.5)
 
     @property
     def parameters(self):
-        """Numbers that the result depends on, for a sidecar."""
+        """Numbers that determine the result, for a sidecar."""
         first = self.patterns[0]
         options = asdict(replace(self.options, coefficients=None))
         del options["coefficients"], options["keep_maps"]
@@ -248,9 +252,9 @@ class Plan:
     def memory(self, workers=1, shared=False):
         """Bytes that the reconstruction needs, the scan itself included.
 
-        `workers` is the number of blocks that are worked on at once; where a file is `shared`, they
-        read their blocks from it, and nobody holds the whole scan. Of a 3-D scan k-space counts once:
-        the transformed readouts take its place where the source lets them.
+        `workers` is the number of blocks that are processed at the same time. If they read their blocks
+        from a `shared` file, no process holds the whole scan. k-space of a 3-D scan counts once: the
+        transformed readouts replace it if the source allows that.
         """
         volumes = min(self.group, self.shape[6]) * self.shape[5]
         sent, block = np.max([self._block(pattern, volumes) for pattern in self.patterns], 0)
@@ -260,20 +264,19 @@ class Plan:
             read = 8 * prod(self.measured_shape[:4]) * volumes
             return int(image + workers * (read + block + PROCESS))
         others = (2 * sent + PROCESS) * workers if workers > 1 else 0
-        scan = 8 * (prod(self.measured_shape) + prod(self.apart or (0,)))
+        scan = 8 * (prod(self.measured_shape) + prod(self.separate or (0,)))
         stack = 48 * prod(self.image_shape[:4]) if self.stack else 0
         return int(scan + image + max(workers * block + others, stack))
 
     @property
     def replicas(self):
-        """Bytes of replicas of noise, beyond those of the images that are made of them."""
+        """Bytes of replicas of noise, without those of their images."""
         return 40 * prod(self.shape[:4]) * min(self.group, REPLICAS)
 
     def _block(self, pattern, volumes):
-        """Bytes of a block as it is sent, and the most that is held while it is worked on.
+        """Bytes of a block as it is sent, and the largest number of bytes while it is processed.
 
-        Counted are the arrays alive at once in the step that holds most; measured peaks were 55 to
-        98 % of it.
+        This counts the arrays in the step with the largest sum; measured peaks were 55 to 98 % of it.
         """
         size, coils = 8 * volumes, self.shape[3]
         if self.in_slabs:
@@ -292,7 +295,7 @@ class Plan:
         return lines, max(2 * lines, cut + (5 if any(pattern.ranges) else 2.2) * coils * pixels)
 
     def _slab(self, pattern, size):
-        """As `_block`, of a volume that is put together of its slabs."""
+        """As `_block`, for a volume that is assembled from its slabs."""
         volume = size * max(prod(self.pixels), prod(pattern.full))
         finished = self.completes_slabs(pattern)
         calibration = 8 * self.shape[3] * self.readout * prod(
@@ -308,7 +311,7 @@ def plan(scan, options=None):
 
     Parameters
     ----------
-    scan : Layout, or whatever has one in `layout`
+    scan : Layout, or an object with a `layout`
         Samples are not read.
     options : Options, optional
 
@@ -319,17 +322,17 @@ def plan(scan, options=None):
     Raises
     ------
     ValueError
-        The scan or an option does not allow a reconstruction; the message says how to mend it.
+        The scan or an option does not allow a reconstruction; the message says how to fix it.
     """
     layout, options = getattr(scan, "layout", scan), options or Options()
     choice, measured = coil_choice.choose(layout, options), layout.shape
     layout = _chosen(layout, choice)
     grid = _grid(layout, options)
     _check(layout, options, grid)
-    turns = coverage.turns(layout)
+    samplings = coverage.samplings(layout)
     covariance = _covariance(layout, options)
     noisy = covariance is not None and layout.shape[3] > 1
-    patterns = tuple(_pattern(layout, options, grid, turn, noisy) for turn in turns)
+    patterns = tuple(_pattern(layout, options, grid, sampling, noisy) for sampling in samplings)
     _check_regularisation(options, covariance, patterns)
     _check_maps(measured, options, patterns, layout.slices)
     _check_units(options, covariance)
@@ -351,7 +354,7 @@ def plan(scan, options=None):
         (
             *layout.warnings,
             *coil_choice.warnings(choice),
-            *coverage.warnings(layout, turns),
+            *coverage.warnings(layout, samplings),
             *grid.warnings,
             *_coarser(options, grid, patterns[0]),
             *_unused(options, patterns),
@@ -392,7 +395,7 @@ def _grid(layout, options):
     for axis in wide:
         share[axis] = 1.0
     kept = [min(1.0, s) for s in share]
-    # Cutting the field needs the whole readout; a partial one is cut at the end.
+    # Cutting the field of view needs the whole readout; a partial one is cut at the end.
     partial = options.partial != "zero" and partial_ranges(layout)[0]
     readout = lines[0] if partial else max(1, round(lines[0] * kept[0]))
     matrix = tuple(options.matrix or header.recon_matrix)
@@ -408,14 +411,14 @@ def _grid(layout, options):
 
 
 def _unfoldable(layout, axis):
-    """Whether calibration shows a field of view that is wider than the encoded one."""
+    """Whether the calibration covers a field of view that is wider than the encoded one."""
     own = layout.header.calibration_fov
     wanted = layout.header.recon_fov[axis]
     return axis > 0 and layout.calibration is not None and (not own or own[axis] > 0.99 * wanted)
 
 
 def _field(header, matrix, wide):
-    """Field of view of the image; along the axes `wide` no more than was encoded."""
+    """Field of view of the image; along the axes `wide` that of the encoding."""
     image = [f if f > 0 else float(m) for f, m in zip(header.recon_fov, matrix)]
     return tuple(header.encoded_fov[axis] if axis in wide else f for axis, f in enumerate(image))
 
@@ -428,7 +431,7 @@ def _wide_words(header, axis):
 
 
 def _ratio(header, axis):
-    """Field of view of the image over the encoded one."""
+    """Field of view of the image, divided by the encoded one."""
     image, encoded = header.recon_fov[axis], header.encoded_fov[axis]
     ratio = image / encoded if image > 0 and encoded > 0 else 1.0
     return 1.0 if abs(ratio - 1) < 1e-3 else ratio
@@ -461,17 +464,17 @@ def _check(layout, options, grid):
 # ---- Lines ---------------------------------------------------------------------------------------
 
 
-def _pattern(layout, options, grid, turn, noisy):
-    lattices = turn.regular.lattices(grid.ratio)
+def _pattern(layout, options, grid, sampling, noisy):
+    lattices = sampling.regular.lattices(grid.ratio)
     full = (grid.readout, *(lattice.full for lattice in lattices))
     widening = [1.0, *(lattice.full / (lattice.folded * lattice.step) for lattice in lattices)]
     measured = (grid.readout, *layout.shape[1:3])
-    partial = partial_ranges(layout, turn.mask, turn.regular.steps)
+    partial = partial_ranges(layout, sampling.mask, sampling.regular.steps)
     ranges = [r and tuple(int(line * w) for line in r) for r, w in zip(partial, widening)]
     return Pattern(
-        turn.repetitions,
-        turn.mask,
-        turn.regular.expected,
+        sampling.repetitions,
+        sampling.mask,
+        sampling.regular.expected,
         lattices,
         full,
         partial,
@@ -492,8 +495,8 @@ def _check_regularisation(options, covariance, patterns):
     unfolds = any(pattern.unfolds for pattern in patterns)
     if options.regularisation > 0 and covariance is None and unfolds:
         raise ValueError(
-            "regularisation: needs a noise scan, which says how far data are to be "
-            "trusted; reconstruct without it"
+            "regularisation: needs a noise scan, which says how far to trust the data; "
+            "reconstruct without regularisation"
         )
 
 
@@ -502,11 +505,11 @@ def _check_units(options, covariance):
         return
     if covariance is None:
         raise ValueError(
-            "units: those of the noise's standard deviation need a noise scan; reconstruct in raw units"
+            "units: standard deviations of the noise need a noise scan; reconstruct in raw units"
         )
     if options.coefficients is not None:
         raise ValueError(
-            "units: the standard deviation of the noise is that before the geometry is corrected; "
+            "units: the standard deviation of the noise is known only before the geometry correction; "
             "reconstruct in raw units, or without geometry correction"
         )
 
@@ -517,7 +520,7 @@ def _check_maps(shape, options, patterns, slices):
         for pattern in unfolding:
             maps.check(options.maps, shape, pattern.full, slices)
     if options.keep_maps and not unfolding:
-        raise ValueError("maps: all lines were measured, no sensitivities are used; leave --save-maps out")
+        raise ValueError("maps: all lines were measured and no sensitivities are used; leave out --save-maps")
 
 
 def _coarser(options, grid, pattern):
@@ -542,7 +545,7 @@ def _unused(options, patterns):
 
 
 def _wider(layout, grid):
-    """Field of view of the calibration lines over that of the image."""
+    """Field of view of the calibration lines, divided by that of the image."""
     header = layout.header
     full = [n * w for n, w in zip(header.encoded_fov, (1.0, *grid.ratio))]
     own = header.encoded_fov if layout.calibration is None else header.calibration_fov or full
@@ -595,7 +598,7 @@ def _check_reduction(layout, pattern):
     if any(p < n for p, n in zip(pattern.calibration_pixels, pattern.full)):
         raise ValueError(
             "calibration: its field of view is smaller than the image's; expected a "
-            "calibration scan over the whole field"
+            "separate calibration over the whole field of view"
         )
     if reduction > coils:
         raise ValueError(
@@ -609,7 +612,7 @@ def _check_calibration(pattern, calibration):
         if pattern.folds(axis) and n < FEWEST_LINES:
             raise ValueError(
                 f"calibration: {n} lines around k = 0 along {'yz'[axis]}, at least {FEWEST_LINES} "
-                "are needed; add calibration lines or a calibration scan"
+                "are needed; add ACS lines or a separate calibration"
             )
 
 
@@ -639,7 +642,7 @@ def _centred(extents, block, size):
 def _calibrating_frames(layout, y, z):
     """The fewest first repetitions that have all calibration lines, and how often they have each.
 
-    A scan that still runs can use them as soon as they are there.
+    A scan that still runs can use them as soon as they are measured.
     """
     times = np.cumsum(layout.lines[y, z, :, 0], -1)
     whole = ((times > 0) == (times[..., -1:] > 0)).all((0, 1, 2))
@@ -684,7 +687,7 @@ def geometry_words(made):
 
 
 def geometry_warnings(made):
-    """What may surprise about the correction, a line each."""
+    """Warnings about the correction, one line each."""
     options = made.options
     if options.coefficients is None:
         return
@@ -693,21 +696,21 @@ def geometry_warnings(made):
     part = made.selection is not None and made.selection[0] == "slice"
     if made.matrix[2] == 1 and not made.stack and (len(grids) > 1 or part):
         yield (
-            "geometry: the slices are corrected within their planes only, as parallel and evenly "
-            "spaced ones of a whole scan are across as well"
+            "geometry: the slices are corrected only within their planes; the whole correction needs all "
+            "slices of a scan, parallel and evenly spaced"
         )
 
 
 def _noise_words(layout, made):
     if made.covariance is None or layout.shape[3] == 1:
         return "noise scan not used" if layout.noise is not None else ""
-    return f"noise covariance of {len(layout.noise)} samples: weigh the coils"
+    return f"noise covariance of {len(layout.noise)} samples: weight the coils by its inverse"
 
 
 def _combine_words(made, pattern):
     if pattern.weighted:
         lines = times_text(made.calibration.lines)
-        return f"combine coils: weighted by sensitivities of {lines} lines and by their noise"
+        return f"combine coils: weighted by sensitivities from {lines} lines and by their noise"
     phase = " with phase" if made.options.combine == "pcsos" else ""
     return f"combine coils: root sum of squares{phase}"
 
@@ -715,19 +718,20 @@ def _combine_words(made, pattern):
 def _sense_words(made):
     options = made.options
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
-    words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} calibration lines"
+    kind = "calibration" if made.calibration.separate else "ACS"
+    words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} {kind} lines"
     if options.maps is not None:
-        words = f"sensitivity maps of {printable(options.maps)}"
+        words = f"sensitivity maps from {printable(options.maps)}"
     factors = _factor_words(unfolding.lattices)
-    regularised = ", damped by the level of the noise"
+    regularised = ", damped by the variance of the noise"
     if options.regularisation:
         regularised = f", regularised with strength {options.regularisation:g}"
     count = sum(pattern.unfolds for pattern in made.patterns)
-    turns = f", lines in {count} turns" if count > 1 else ""
+    alternating = f", {count} alternating sampling patterns" if count > 1 else ""
     whole = [str(n) for p in made.patterns if not p.unfolds for n in p.repetitions]
-    full = f", repetition {', '.join(whole)} fully measured" if whole else ""
+    full = f", repetition {', '.join(whole)} fully sampled" if whole else ""
     put_back = ", measured lines put back" if unfolding.keeps_lines else ""
-    return [words, f"SENSE: R = {factors}{turns}{full}{regularised}{put_back}"]
+    return [words, f"SENSE: R = {factors}{alternating}{full}{regularised}{put_back}"]
 
 
 def _factor_words(lattices):
@@ -760,6 +764,6 @@ def _partial_words(made, pattern):
         elif made.options.partial == "homodyne":
             words.append(f"homodyne {where}" + (" (mirrored)" if sum(used) < 0 else ""))
         else:
-            chosen = " where it predicts hidden lines, else zero filling"
+            chosen = " if it predicts hidden lines, otherwise zero filling"
             words.append(f"POCS {where}" + (chosen if made.options.partial == "auto" else ""))
     return words

@@ -8,7 +8,7 @@ import zlib
 
 import numpy as np
 
-#: Colours of a map from its lowest to its highest value, dark to bright for readers who see no colours.
+#: Colours of a map from its lowest to its highest value; they go from dark to bright, also in grey.
 _COLOURS = np.array([
     (68, 1, 84), (72, 40, 120), (62, 74, 137), (49, 104, 142), (38, 130, 142), (31, 158, 137), (53, 183, 121),
     (110, 206, 88), (181, 222, 43), (253, 231, 37),
@@ -36,7 +36,7 @@ def grey(values, low=0.0, high=None):
 
 def colour(values, low=0.0, high=None):
     """Coloured pixels, from dark blue at `low` to yellow at `high`."""
-    at = np.rint(_levels(values, low, high) / 8) / 32 * (len(_COLOURS) - 1)  # noise of more levels packs badly
+    at = np.rint(_levels(values, low, high) / 8) / 32 * (len(_COLOURS) - 1)  # noise with more levels compresses badly
     places = np.arange(len(_COLOURS))
     return np.stack([np.interp(at, places, c) for c in _COLOURS.T], -1).astype(np.uint8).swapaxes(0, 1)
 
@@ -44,12 +44,12 @@ def colour(values, low=0.0, high=None):
 def phase(angles, weight):
     """Coloured pixels of angles in radians, as dark as `weight` (0 to 1) is small."""
     angles, weight = np.rint(angles * (18 / np.pi)) * (np.pi / 18), np.rint(weight * 8) / 8
-    turns = np.stack([angles, angles - 2 * np.pi / 3, angles + 2 * np.pi / 3], -1)
-    return (127.5 * (1 + np.cos(turns)) * weight[..., None]).astype(np.uint8).swapaxes(0, 1)
+    phases = np.stack([angles, angles - 2 * np.pi / 3, angles + 2 * np.pi / 3], -1)
+    return (127.5 * (1 + np.cos(phases)) * weight[..., None]).astype(np.uint8).swapaxes(0, 1)
 
 
 def usual_top(values):
-    """A level that all but a few values are below; 1 where all are 0."""
+    """A value that nearly all values are below; 1 if all are 0."""
     finite = values[np.isfinite(values)]
     return float(np.percentile(finite, 99.8)) or float(finite.max()) or 1.0 if finite.size else 1.0
 
@@ -61,7 +61,7 @@ def _levels(values, low, high):
 
 
 def mosaic(stack, most=36):
-    """At most `most` of the pictures ``(x, y, number)`` beside and below each other: ``(x, y)``."""
+    """At most `most` of the pictures ``(x, y, number)`` as a mosaic: ``(x, y)``."""
     if stack.shape[2] > most:
         stack = stack[:, :, np.linspace(0, stack.shape[2] - 1, most).astype(int)]
     nx, ny, count = stack.shape

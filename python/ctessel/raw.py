@@ -1,8 +1,8 @@
-"""Raw data files: what is in them, and their samples as a `Scan`. ISMRMRD's are read here, others by `formats`.
+"""Raw data files: their contents, and their samples as a `Scan`. `formats` reads formats other than ISMRMRD.
 
-Headers of the acquisitions are read first; they tell the extents, so that a file which is
-defective, or does not fit into memory, is refused before any sample is read. Samples then go block
-by block to their places in one array.
+Headers of the acquisitions are read first. They give the extents, so that a file that is defective or does
+not fit into memory is refused before any sample is read. Samples then go block by block to their places in
+one array.
 """
 
 import contextlib
@@ -36,12 +36,12 @@ __all__ = [
 ]
 
 BLOCK_BYTES = 4 << 20
-#: HDF5's words for a group that is not there.
+#: HDF5's message for a missing group.
 NO_GROUP = ("component not found", "doesn't exist", "not a group", "no name", "empty string")
 
 
 class RawError(ValueError):
-    """A raw data file cannot be used. One line: the file, what is wrong, and what mends it."""
+    """A raw data file cannot be used. One line: the file, what is wrong, and how to fix it."""
 
 
 def read(
@@ -69,18 +69,18 @@ def read(
         Axis ("slice", "echo" or "repetition") and the first and last position to be read along it,
         from 0. Slices count along the slice direction, whatever the order of their measurement.
     skip : sequence of (str, int), optional
-        Axis and position of images that are left out, also from the calibration. Those that are
-        left follow each other.
+        Axis and position of images that are left out, also from the calibration. The others are
+        numbered without gaps.
     scratch : str or path, optional
-        Folder for a file that holds k-space in place of memory. It has no name any more when this
-        returns, so that nothing is left of it once the scan is forgotten.
+        Folder for a file that holds k-space instead of memory. The file has no name when this function
+        returns, so it vanishes with the scan.
     cut : bool, optional
         Remove readout oversampling line by line, which saves half of the memory. Partial readouts
-        stay as they are.
+        keep it.
     progress : callable, optional
         Called with the number of acquisitions done and their total.
     found : Contents, optional
-        What `contents` has found, which saves finding it again.
+        Result of `contents`, so that the headers are not read again.
     threads : int, optional
         Threads that remove oversampling.
     **given
@@ -96,31 +96,31 @@ def read(
     Raises
     ------
     RawError
-        The file is missing, no raw data, cut short, empty, not Cartesian, or contradicts itself.
+        The file is missing, cut short, empty or not Cartesian, has no raw data, or contradicts itself.
     DoesNotFitError
         The samples need more memory than is free.
     """
     path = os.fspath(path)
     found = found or contents(path, group=group, range=range, skip=skip, cut=cut, **given)
     if scratch is None:
-        runtime.check(found.nbytes, f"{path}: reading it", mend_memory(found))
+        runtime.check(found.nbytes, f"{path}: reading it", memory_advice(found))
     known, targets = layout(found), [(found.scan, _zeros(_kspace_shape(found), scratch))]
-    if found.apart:
-        targets.append((found.apart, _zeros(found.apart.shape, scratch)))
+    if found.separate:
+        targets.append((found.separate, _zeros(found.separate.shape, scratch)))
     _read_into(targets, found.file, found, progress, threads)
     return Scan(known, *(array for _, array in targets))
 
 
 class Source:
-    """Samples of a raw data file, read as they are asked for: what `ctessel.scan.Scan` holds at once.
+    """Samples of a raw data file, read on demand; `ctessel.scan.Scan` holds all of them in memory.
 
-    Another process that gets it opens the file by itself, and finds out anew what is in it: only names
-    and numbers are sent. Where it `shares`, samples are in `ctessel.runtime.shared_zeros`, so that
-    workers see a volume whose readout was transformed here.
+    Only names and numbers are sent to other processes, which open the file and read its headers
+    themselves. With `shares`, samples are in `ctessel.runtime.shared_zeros`, so that workers see a volume
+    with a readout that was transformed in this process.
     """
 
     shared = True
-    disposable = True  # samples are read anew each time
+    disposable = True  # samples are read again each time
 
     def __init__(self, found, threads=None, shares=False):
         self._state, self._threads, self._shares = _states(found), threads, shares
@@ -129,8 +129,8 @@ class Source:
 
     def __reduce__(self):
         f = self._found
-        apart = f.given.calibration and os.path.abspath(f.given.calibration)
-        given = replace(f.given, calibration=apart)
+        calibration = f.given.calibration and os.path.abspath(f.given.calibration)
+        given = replace(f.given, calibration=calibration)
         what = (f.group, f.range, f.skipped, f.cut, self._threads, given)
         return _Elsewhere, (os.path.abspath(f.path), self._state, *what)
 
@@ -140,8 +140,8 @@ class Source:
         return self._read(self._found.scan.part(index, numbers), self._found.width)[:, :, :, :, 0]
 
     def separate(self, index):
-        """Calibration scan of a slice, ``(x, y, z, coil)``."""
-        places = self._found.apart
+        """Separate calibration of a slice, ``(x, y, z, coil)``."""
+        places = self._found.separate
         at = min(index, places.shape[4] - 1)
         return self._read(places.part(at, np.array([0])), places.shape[0])[:, :, :, :, 0, 0, 0]
 
@@ -167,16 +167,16 @@ class _Elsewhere:
         return _source(*self._names).separate(index)
 
 
-@lru_cache(1)  # every block of a run brings the same names
+@lru_cache(1)  # every block of a run has the same names
 def _source(path, known, group, range, skip, cut, threads, given):
     found = _contents(path, group, range, skip, cut, given)
     if _states(found) != known:
-        raise RawError(f"{path}: has changed since the run began; start it again")
+        raise RawError(f"{path}: has changed since the run began; start the run again")
     return Source(found, threads)
 
 
 def state(path):
-    """What changes with a file."""
+    """Numbers that change when a file changes."""
     status = os.stat(path)
     return status.st_size, status.st_mtime_ns
 
@@ -199,20 +199,20 @@ def contents(path, *, group="dataset", range=None, skip=(), cut=False, **given):
 def _contents(path, group, range, skip, cut, given):
     try:
         opened = _opened(path, group, given, range, skip)
-        encodings, heads, reader = opened.encodings, opened.heads, opened.file
-        found = survey(encodings, heads, range, skip)
-        encodings, told = ([], ()) if given.centre else _recentred(reader, encodings, found)
-        if told:
-            found = survey(encodings, heads, range, skip)
+        encodings, headers, reader = opened.encodings, opened.headers, opened.file
+        found = survey(encodings, headers, range, skip)
+        encodings, notes = ([], ()) if given.centre else _recentred(reader, encodings, found)
+        if notes:
+            found = survey(encodings, headers, range, skip)
     except (DefectError, RuntimeError) as error:
         raise _named(path, error) from None
-    given, told = replace(given, found=opened.found), (*opened.told, *told)
+    given, notes = replace(given, found=opened.found), (*opened.notes, *notes)
     names = {"path": opened.path, "group": group, "format": opened.format, "given": given}
-    return replace(found, cut=cut, file=reader, told=told, **names)
+    return replace(found, cut=cut, file=reader, notes=notes, **names)
 
 
 def _opened(path, group, given, part, skip):
-    """The file, with its calibration scan where that is another one, as `stored.Opened`."""
+    """The file as `stored.Opened`, with its separate calibration from another file, if there is one."""
     scan = _open_any(path, group, given)
     if given.calibration is None:
         return replace(scan, found=(scan.found, None))
@@ -240,12 +240,12 @@ def _open_any(path, group, given):
         return other
     if given.fov or given.lines or given.centre:
         raise DefectError("says its field of view, lines and centre itself", "leave out --fov, --lines, --centre")
-    return stored.Opened(path, "ISMRMRD", reader, parse(reader.header), _heads(reader, path))
+    return stored.Opened(path, "ISMRMRD", reader, parse(reader.header), _headers(reader, path))
 
 
 def _recentred(reader, encodings, found):
-    """Encodings with k = 0 where the samples show it, and what is to be told about that."""
-    told = []
+    """Encodings with k = 0 where the samples show it, and notes about it."""
+    notes = []
     for axis, name in ((1, "y"), (2, "z")):
         numbers = centre.lines_through(found, axis)
         if not numbers.size:
@@ -260,17 +260,17 @@ def _recentred(reader, encodings, found):
             replace(e, limits={**e.limits, name: true}) if e.limits[name] == limit else e
             for e in encodings
         ]
-        told.append(
-            f"k = 0 along {name} is line {true.center} by the energy of k-space, line "
-            f"{limit.center} by the header; line {true.center} is taken"
+        notes.append(
+            f"k = 0 along {name} is line {true.center} by the energy of k-space, but line "
+            f"{limit.center} by the header; line {true.center} is used"
         )
-    return encodings, told
+    return encodings, notes
 
 
 def layout(found):
-    """All that is known about the scan without its samples: enough for `pipeline.plan`.
+    """Everything about the scan that `pipeline.plan` needs, without most of its samples.
 
-    Of the samples, those of the noise scan are read, and a few lines of each coil.
+    The noise scan and a few lines of each coil are read.
 
     Returns
     -------
@@ -319,7 +319,7 @@ def facts(found):
         "position": _position_text(header),
         "TR": ", ".join(f"{t:g} ms" for t in header.tr),
         "TE": ", ".join(f"{t:g} ms" for t in header.te),
-        "left out": f"{int((found.role == IGNORED).sum())} of {found.heads.size} acquisitions",
+        "left out": f"{int((found.role == IGNORED).sum())} of {found.headers.size} acquisitions",
         "k-space": runtime.text(found.nbytes),
     }
     return {name: text for name, text in texts.items() if text}
@@ -332,7 +332,7 @@ def groups(found):
     return ""
 
 
-def mend_memory(found):
+def memory_advice(found):
     """What to do about a scan that does not fit into memory."""
     extents = {name: found.scan.shape[AXES.index(name)] for name in RANGE_AXES}
     axis = max(extents, key=extents.get)
@@ -341,7 +341,7 @@ def mend_memory(found):
     first = found.range[1] if found.range and found.range[0] == axis else 0
     last = first + extents[axis] // 2 - 1
     return (
-        f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first with "
+        f"keep k-space in a file with --scratch FOLDER, or reconstruct parts, the first one with "
         f"--range {axis} {first} {last}, and merge them"
     )
 
@@ -368,7 +368,7 @@ def open_reader(path, group):
 
 
 def _check_file(path):
-    """Refuse what is there but no file, before HDF5 waits for it or says something else."""
+    """Raise an error for anything that is not a file; HDF5 would wait for it or give another reason."""
     try:
         status = os.stat(path)
     except OSError as error:
@@ -377,24 +377,24 @@ def _check_file(path):
         raise RawError(f"{path}: {os.strerror(errno.EISDIR)}; name a raw data file")
     if not stat.S_ISREG(status.st_mode):
         kind = "a pipe" if stat.S_ISFIFO(status.st_mode) else "a device or a socket"
-        raise RawError(f"{path}: is {kind}, no file; name a raw data file")
+        raise RawError(f"{path}: is {kind}, not a file; name a raw data file")
     if status.st_size == 0:
         raise RawError(f"{path}: the file is empty; copy it again")
 
 
 def _reason(text, path, group):
-    """HDF5's reasons in a user's words, with what mends them."""
+    """HDF5's errors in the user's terms, and how to fix them."""
     if "signature not found" in text:
-        return "no HDF5 file; convert the scanner's data to ISMRMRD first"
+        return "not an HDF5 file; convert the scanner's data to ISMRMRD first"
     if "truncated" in text:
         return f"the file is cut short ({text}); copy it again"
     if text.startswith("no acquisitions"):
         return f'{text.split(" in ")[0]} in its group "{group}"; copy or convert it again'
     if text.startswith("no header") or any(words in text for words in NO_GROUP):
         return f'no raw data in its group "{group}"; {_other_groups(path)}'
-    # HDF5 1.14 names no file where a link cannot be followed; of the file itself it tells an errno.
+    # HDF5 1.14 does not name the file of a broken link; for the file itself it gives an errno.
     if "external" in text or text == "can't open file":
-        return f'its group "{group}" lies in another file, which cannot be opened; copy that as well'
+        return f'its group "{group}" is in another file, which cannot be opened; copy that file as well'
     if "errno = " in text:
         return f"{os.strerror(int(text.split('errno = ')[1].split(',')[0]))}; check its permissions"
     return f"cannot be read ({text}); copy or convert it again"
@@ -406,7 +406,7 @@ def _other_groups(path):
     except RuntimeError:
         groups = []
     if not groups:
-        return "no other group holds any; convert the scanner's data again"
+        return "no other group has raw data; convert the scanner's data again"
     return f"name the right one with --group: {', '.join(groups)}"
 
 
@@ -415,9 +415,9 @@ def _named(path, error):
     return RawError(f"{path}: {text}")
 
 
-def _heads(reader, path):
+def _headers(reader, path):
     step = 1 << 14
-    if 32 * len(reader) > os.path.getsize(path):  # no reading of billions that are not there
+    if 32 * len(reader) > os.path.getsize(path):  # do not read billions of acquisitions that are missing
         raise DefectError(f"it is too short for its {len(reader)} acquisitions", "copy it again")
     parts = [reader.heads(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
     if not parts:
@@ -429,22 +429,22 @@ def _kspace_shape(found):
     return (found.width, *found.scan.shape[1:])
 
 
-def layout_of(found, read, come=None):
-    """The layout; `read` gives samples of acquisitions, of which so many have `come`."""
+def layout_of(found, read, received=None):
+    """The layout; `read` gives samples of acquisitions; the first `received` ones have arrived."""
     at = np.flatnonzero(found.role == NOISE_SCAN)
     noise = np.concatenate(read(at)) if at.size else None
-    looks, looked = coil_looks.of_acquisitions(found.heads, found.header, read, noise, come)
+    looks, looked = coil_looks.of_acquisitions(found.headers, found.header, read, noise, received)
     whole = not found.kept or len(found.kept["slice"]) == found.extents["slice"]
     return Layout(
         _kspace_shape(found),
         _cut_header(found),
         found.scan.times > 0,
         noise,
-        found.apart and found.apart.shape,
+        found.separate and found.separate.shape,
         found.flagged,
         found.scan.shape[0] if found.width < found.scan.shape[0] else None,
         found.range,
-        (*found.warnings, *found.told),
+        (*found.warnings, *found.notes),
         looks,
         looked,
         None if whole else tuple(found.kept["slice"].tolist()),
@@ -452,23 +452,23 @@ def layout_of(found, read, come=None):
 
 
 def _cut_header(found):
-    """The header of the scan as it is read: with the field of view that is left along x."""
+    """The header of the scan as it is read: with the remaining field of view along x."""
     header, n, width = found.header, found.scan.shape[0], found.width
     if width == n:
         return header
     x, y, z = header.encoded_fov
-    apart = (header.calibration_fov or header.encoded_fov) if found.apart else None
+    field = (header.calibration_fov or header.encoded_fov) if found.separate else None
     return replace(
         header,
         encoded_matrix=(width, *header.encoded_matrix[1:]),
         encoded_fov=(x * width / n, y, z),
         limits={**header.limits, "x": Limit(0, width - 1, width // 2)},
-        calibration_fov=apart,
+        calibration_fov=field,
     )
 
 
 def _read_into(targets, reader, found, progress, threads):
-    """Read what belongs to some places into arrays, the mean where a line was measured several times.
+    """Read the lines of some places into arrays; repeated lines are averaged.
 
     `targets` are pairs of `Places` and arrays, which hold zeros.
     """
@@ -482,7 +482,7 @@ def _read_into(targets, reader, found, progress, threads):
 
 def _fill(targets, reader, found, progress, threads):
     numbers = np.flatnonzero(np.any([places.which for places, _ in targets], 0))
-    samples, coils, done = int(found.heads["number_of_samples"].max()), found.scan.shape[3], 0
+    samples, coils, done = int(found.headers["number_of_samples"].max()), found.scan.shape[3], 0
     step = max(1, min(256, BLOCK_BYTES // max(1, 8 * samples * coils)))
     whole = np.empty((found.scan.shape[0], coils, min(step, numbers.size)), np.complex64, order="F")
     parts = [numbers[first : first + step] for first in range(0, numbers.size, step)]
@@ -495,7 +495,7 @@ def _fill(targets, reader, found, progress, threads):
 
 
 def _read_ahead(reader, parts):
-    """Acquisitions of each part, read while those of the part before are put to their places."""
+    """Acquisitions of each part, read while those of the previous part are put into place."""
 
     def read(part):
         return part, reader.read(part)
@@ -511,7 +511,7 @@ def _read_ahead(reader, parts):
 
 
 def _fill_part(block, places, array, numbers, whole, threads):
-    """Put lines of a block where they belong. `whole` is room for their readouts."""
+    """Put lines of a block into place. `whole` is a buffer for their readouts."""
     if array.shape[0] == places.shape[0]:
         _place(block, places, array, numbers)
     elif numbers.size:
@@ -531,7 +531,7 @@ def _place(block, places, array, numbers):
 
 
 def _place_cut(block, places, array, numbers, whole, threads):
-    """Put lines of a block without their oversampling; `whole`, room for them, is overwritten.
+    """Put lines of a block into place without oversampling; `whole` is a buffer for them.
 
     The centres are moved to the first samples, and back, on the way.
     """
@@ -569,9 +569,9 @@ def _divide(array, times):
 
 
 def _calibration_text(found):
-    if found.apart:
-        lines = int(found.apart.times.any((2, 3, 4)).sum())
-        return f"a scan of its own, {lines} lines"
+    if found.separate:
+        lines = int(found.separate.times.any((2, 3, 4)).sum())
+        return f"separate, {lines} lines"
     return (
         f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
     )

@@ -1,7 +1,7 @@
-"""Images from samples, as a `Plan` says: block by block, here or on workers, with the same bits.
+"""Carries out a `Plan`: images from samples, block by block, here or on workers, with the same bits.
 
-A block is some repetitions of one slice. What it is made of comes from a source: whatever has
-`frames` and `separate` as `ctessel.scan.Scan` has them. Nothing is decided here.
+A block is some repetitions of one slice. Its samples come from a source: any object with the methods
+`frames` and `separate` of `ctessel.scan.Scan`. All decisions are made in the plan.
 """
 
 import dataclasses
@@ -46,7 +46,7 @@ from .steps import (
 from .warp import geometry
 
 
-#: Workers of a client that does not say how many it has.
+#: Workers of a client that does not report their number.
 WORKERS = 16
 
 
@@ -54,10 +54,10 @@ WORKERS = 16
 class Result:
     """Images ``(x, y, z, slice, echo, repetition)``, complex64 or (magnitudes) float32.
 
-    `field` is their field of view in mm, `steps` says what was done, `parameters` with which
-    numbers, `warnings` what the user may not expect. `selection` is the part of the scan: axis,
-    first and last index. `maps`, ``(x, y, z, coil, slice)``, are the sensitivities where
-    `Options.keep_maps` asks for them, on the grid that was unfolded; 0 for coils that are left out.
+    `field` is their field of view in mm. `steps` says what was done, `parameters` with which numbers, and
+    `warnings` why the image may surprise. `selection` is the part of the scan: axis,
+    first and last index. `maps`, ``(x, y, z, coil, slice)``, are the sensitivities with
+    `Options.keep_maps`, on the unfolded grid; 0 for coils that are left out.
     """
 
     image: np.ndarray
@@ -71,14 +71,14 @@ class Result:
 
 @dataclass(frozen=True, eq=False)
 class Block:
-    """Repetitions of one slice that are worked on at once: their numbers, and their pattern's."""
+    """Repetitions of one slice that are processed together: their numbers, and that of their pattern."""
 
     slice: int
     repetitions: np.ndarray
     pattern: int
 
     def along(self, start=0):
-        """The repetitions as an index, which makes no copy where they follow each other."""
+        """The repetitions as an index; consecutive ones need no copy."""
         numbers = self.repetitions - start
         evenly = numbers[-1] - numbers[0] == len(numbers) - 1
         return slice(int(numbers[0]), int(numbers[-1]) + 1) if evenly else numbers
@@ -86,13 +86,15 @@ class Block:
 
 @dataclass
 class Basis:
-    """What all blocks of a slice and a pattern share: sensitivities, the image that they belong to,
-    and the levels of both kinds of data that regularisation needs; the variance of the noise over
-    that of the image; and whether the lines that a partial scan lacks are filled in (POCS), with the
-    error of that on lines that were hidden; what of the calibration the sensitivities do not explain,
-    as sums for each x; how well the coils tell aliases apart; the phase of the data that is held fixed
-    (that of POCS, or the low-resolution image of homodyne); the standard deviation of the image where
-    that is its unit; how far lines of the block that was unfolded last are off its image, of slices."""
+    """What all blocks of a slice and a pattern share.
+
+    Sensitivities, their low-resolution image, and the intensities of both kinds of data for
+    regularisation; the variance of the noise divided by that of the image; whether missing lines of a
+    partial scan are filled by POCS, and its error on hidden lines; what the sensitivities do not explain
+    of the calibration, as sums for each x; how well the coils separate aliases; the fixed phase (that of
+    POCS, or the low-resolution image of homodyne); the standard deviation of the image if it is the unit;
+    the misfit of lines of the last unfolded block of a slice.
+    """
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
@@ -112,16 +114,15 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
 
     Parameters
     ----------
-    source : Scan, or whatever has its `layout`, `frames` and `separate`
+    source : Scan, or an object with its `layout`, `frames` and `separate`
         k-space may be a memory map; it is read block by block.
     options : Options, optional
     progress : callable, optional
-        Called with the number of volumes that are done and that of all.
+        Called with the number of finished volumes and the number of all.
     client : ctessel.workers.Workers or distributed.Client, optional
-        Processes to work on, here or of `ctessel.dask.connect`. Results are the same bits.
+        Processes on this machine, or those of `ctessel.dask.connect`. Results have the same bits.
     plan : Plan, optional
-        What `ctessel.pipeline.plan` has decided for this scan, or a part of that; in place of
-        `options`.
+        Result of `ctessel.pipeline.plan` for this scan, or a part of it; used instead of `options`.
 
     Returns
     -------
@@ -130,15 +131,14 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
     Raises
     ------
     ValueError
-        The scan or an option does not allow a reconstruction; the message says how to mend it.
+        The scan or an option does not allow a reconstruction; the message says how to fix it.
 
     Notes
     -----
-    Scans that are both undersampled and partial are unfolded first; the k-space of the unfolded
-    image then goes through homodyne. That takes two transforms of one image instead of two of every
-    coil. It holds as far as sensitivities change little over the width to which the missing lines
-    blur a point: unfolding weighs voxel by voxel, so the unfolded image lacks the lines that its
-    coils lack.
+    If a scan is both undersampled and partial, it is unfolded first. Then the k-space of the unfolded
+    image goes through homodyne. This needs two transforms of one image instead of two of every coil. It
+    assumes that sensitivities change little over the width to which the missing lines blur a point:
+    unfolding works voxel by voxel, so the unfolded image lacks the same lines as its coils.
 
     References
     ----------
@@ -155,7 +155,7 @@ def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
 
 
 class _Gathered:
-    """The image of a plan, and what else comes of its blocks, which are added in any order."""
+    """Collects the image of a plan, and other results of its blocks, in any order."""
 
     def __init__(self, plan):
         self.plan, self.figures, self.maps, self.done = plan, _Figures(plan), None, 0
@@ -194,7 +194,7 @@ class _Gathered:
 
 
 class _Figures:
-    """Numbers that say how good a slice is, one for each slice and pattern."""
+    """Figures of merit of slices, one for each slice and pattern."""
 
     def __init__(self, plan):
         self.found, self.odd, self.plan = {}, {}, plan
@@ -202,9 +202,9 @@ class _Figures:
     def add(self, block, made):
         at = block.slice, block.pattern
         for repetition, energies in zip(block.repetitions.tolist(), made.get("misfit", np.zeros((0, 0))).T):
-            told = consistency.odd(energies, self.plan.patterns[block.pattern].lattices[0])
-            if told:
-                self.odd[block.slice, repetition] = told
+            odd_lines = consistency.odd(energies, self.plan.patterns[block.pattern].lattices[0])
+            if odd_lines:
+                self.odd[block.slice, repetition] = odd_lines
         if "prediction" in made:
             figure = float(made["prediction"][0])
             self._keep("prediction", at, figure if np.isfinite(figure) else None)
@@ -234,7 +234,7 @@ def blocks(plan):
 
 
 def groups(plan, workers):
-    """Lists of blocks that share sensitivities, no fewer than two for each worker if blocks allow."""
+    """Lists of blocks that share sensitivities; at least two for each worker if there are enough blocks."""
     shared = [list(own) for _, own in groupby(blocks(plan), lambda b: (b.slice, b.pattern))]
     pieces = -(-2 * workers // len(shared)) if workers > 1 else 1
     for own in shared:
@@ -243,7 +243,7 @@ def groups(plan, workers):
 
 
 def _run(plan, source, client):
-    """Blocks with what was made of them, in any order."""
+    """Blocks with their results, in any order."""
     if plan.in_slabs:
         return _run_volumes(plan, source, client)
     if client is None:
@@ -256,7 +256,7 @@ def _run(plan, source, client):
 
 
 def _each(function, tasks, client):
-    """Results of a function with their places, here or on what has `run_tasks`."""
+    """Results of a function with their places, here or on a client with `run_tasks`."""
     if client is None:
         return ((place, function(*arguments)) for place, arguments in tasks)
     run = getattr(client, "run_tasks", None)
@@ -268,14 +268,14 @@ def _each(function, tasks, client):
 
 
 def single(plan, block, source, shared=None):
-    """What `reconstruct` makes of one block, for callers that take blocks as their samples come.
+    """The result of one block, for callers that process blocks while samples arrive.
 
     Returns
     -------
     made : dict of str and ndarray
         As `reconstruct_block` returns it.
     shared : tuple
-        To be handed in again for other blocks of the same slice and pattern.
+        Pass it again for other blocks of the same slice and pattern.
     """
     if not plan.in_slabs:
         shared = shared or (prepare(plan, block, source),)
@@ -290,7 +290,7 @@ def single(plan, block, source, shared=None):
 
 
 def straightened(plan, image):
-    """Images of all slices, ``(x, y, slice, ...)``, where gradients bend the slices themselves."""
+    """Images of all slices, ``(x, y, slice, ...)``, with the geometry corrected across slices."""
     return _corrected(plan, plan.placements[plan.kept[0].start : plan.kept[0].stop], image)
 
 
@@ -304,7 +304,7 @@ def _tasks(plan, source):
 
 
 def work(plan, group, source):
-    """Blocks of a group with their images, whose samples this process reads itself."""
+    """Blocks of a group with their images; this process reads their samples."""
     return list(_work(plan, group, source))
 
 
@@ -327,7 +327,7 @@ def lines(plan, block, source):
 
 
 def _calibration(plan, block, source):
-    """Calibration lines of the block's slice, and the first frame of its lines where that counts."""
+    """Calibration lines of the block's slice, and the first frame of its lines if that is needed."""
     pattern = plan.patterns[block.pattern]
     decides = plan.options.partial == "auto" and any(pattern.ranges)
     first = None
@@ -392,7 +392,7 @@ def _conditioning(plan, pattern, basis, parts):
 def _sensitivities(plan, block, calibration):
     options, pattern = plan.options, plan.patterns[block.pattern]
     threads, samples, size = options.threads, cut_calibration(plan, calibration), pattern.calibration_pixels
-    if not pattern.unfolds:  # coils that are combined alone need maps where noise is, too
+    if not pattern.unfolds:  # coils that are only combined need maps outside of the object, too
         made = sensitivity_maps(samples, size, mask=0, threads=threads)
         return Basis(*(np.asfortranarray(resize(a, pattern.full)) for a in made))
     images = to_image(resize(low_resolution(samples, threads=threads), size), threads=threads)
@@ -422,21 +422,20 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     plan : Plan
     block : Block
     basis : Basis
-        What `prepare` makes for its slice and pattern.
+        Result of `prepare` for its slice and pattern.
     samples : ndarray of complex64, ``(x, y, z, coil, echo, repetition)``
-        What `lines` gives.
+        Result of `lines`.
     transformed : bool, optional
-        The readout of the samples is transformed, which `Plan.keeps_readout` has to allow.
+        The readout of the samples is transformed; `Plan.keeps_readout` must allow it.
 
     Returns
     -------
     dict of str and ndarray
-        "image": complex64 or float32, ``(x, y, z, echo, repetition)``. "prediction",
-        ``(repetition,)``, where it was decided from the data how missing lines are filled: what
-        `ctessel.pipeline.prediction_error` says of the slice. "residual", ``(x, 2)``: the sums of
-        `ctessel.pipeline.calibration_residual`, of slices that are unfolded. "misfit",
-        ``(line, repetition)``: what `ctessel.consistency.misfit` says of their lines. "maps", their
-        sensitivities, where they are kept.
+        "image": complex64 or float32, ``(x, y, z, echo, repetition)``. "prediction", ``(repetition,)``:
+        `ctessel.pipeline.prediction_error` of the slice, if the data decide how missing lines are
+        filled. For slices that are unfolded also "residual", ``(x, 2)``, the sums of
+        `ctessel.pipeline.calibration_residual`; "misfit", ``(line, repetition)``, by
+        `ctessel.consistency.misfit`; and "maps", the sensitivities, if they are kept.
     """
     pattern = plan.patterns[block.pattern]
     image = _image(plan, pattern, basis, samples, transformed)
@@ -445,14 +444,14 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     made = {"image": _placed(plan, block, image), **_beside(plan, basis), **_conditioned(basis.conditioning)}
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
-    # Where aliases cannot be told apart, which is told, all lines fit badly.
+    # If aliases cannot be separated, all lines fit badly; another warning says so.
     if basis.misfit is not None and basis.conditioning.explains:
         made["misfit"] = basis.misfit
     return made
 
 
 def _beside(plan, basis):
-    """What is told of the sensitivities of a slice or slab."""
+    """Figures about the sensitivities of a slice or slab."""
     if basis.residual is None:
         return {}
     return {"residual": basis.residual} | ({"maps": basis.maps} if plan.options.keep_maps else {})
@@ -472,8 +471,8 @@ def _combined(plan, pattern, image):
 
 
 def complete_lines(plan, pattern, basis, samples):
-    """k-space without gaps between its lines: that of each coil as it was measured, or unfolded; or,
-    where their noise is known, that of the image they combine to."""
+    """k-space without gaps between its lines: of each coil, as measured or unfolded; or, if the noise is
+    known, of the combined image."""
     threads = plan.options.threads
     if not pattern.weighted:
         return remove_oversampling(samples, plan.readout, threads=threads)
@@ -488,7 +487,7 @@ def _readout(plan, samples):
 
 
 def _completed(plan, pattern, basis, lines):
-    """`complete_lines` of what is weighted; the readout is transformed, before and after."""
+    """`complete_lines` for weighted coils; the readout is transformed, before and after."""
     threads = plan.options.threads
     if pattern.unfolds:
         lines = fftshift(_unfolded(plan, pattern, basis, lines), (1, 2), inplace=True, threads=threads)
@@ -513,9 +512,9 @@ def _completed(plan, pattern, basis, lines):
 def _unfolded(plan, pattern, basis, lines):
     """Lines of the coils: measured ones as they are, the others from the unfolded image.
 
-    The readout is transformed, before and after: all else is independent along it. The result begins
-    with k = 0 along y and z, as the transforms have it: to move the centres of all coils takes longer
-    than to unfold.
+    The readout is transformed, before and after, because the other steps are independent along it. The
+    result has k = 0 first along y and z, the order of the transforms: moving the centres of all coils
+    takes longer than unfolding.
     """
     options, threads = plan.options, plan.options.threads
     image = unfold(
@@ -529,7 +528,7 @@ def _unfolded(plan, pattern, basis, lines):
         damping=basis.damping,
         threads=threads,
     )[:, :, :, None]
-    if not pattern.keeps_lines:  # those that are measured have the level, and most of the energy
+    if not pattern.keeps_lines:  # measured lines have the right intensity, and most of the energy
         image *= basis.conditioning.gain
     maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 4))
     coils = np.empty((*maps.shape[:4], *image.shape[4:]), np.complex64, order="F")
@@ -566,7 +565,7 @@ def _folded(plan, samples):
 def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
     """k-space with the extents of the image over the whole field, weighted by the ringing filter.
 
-    Of slabs, whose readout is transformed, `axes` are the others.
+    The readout of slabs is transformed; `axes` are the other two.
     """
     strength, threads, n = plan.options.ringing, plan.options.threads, len(samples)
     window, pixels = pattern.window, plan.pixels
@@ -579,7 +578,7 @@ def _filtered(plan, pattern, samples, axes=(0, 1, 2)):
 
 
 def _image(plan, pattern, basis, samples, transformed):
-    """Images of the samples of a block, lines that a partial scan lacks as it was decided."""
+    """Images of the samples of a block; missing lines of a partial scan are filled as decided."""
     removed = removes_phase(plan, pattern) and pattern.ranges[0]
     if pattern.weighted and plan.completes_slabs(pattern) and not (basis.fills or removed):
         lines = samples if transformed else _readout(plan, samples)
@@ -589,7 +588,7 @@ def _image(plan, pattern, basis, samples, transformed):
 
 
 def _lines_image(plan, pattern, basis, lines):
-    """Images of lines that are weighted, whose readout is transformed and stays as it is."""
+    """Images of weighted lines with a transformed readout, which does not change."""
     threads = plan.options.threads
     changed = plan.options.ringing > 0 or plan.pixels[1:] != pattern.full[1:]
     removed = removes_phase(plan, pattern)
@@ -606,8 +605,7 @@ def removes_phase(plan, pattern):
 
 
 def _finished(plan, pattern, basis, samples, axes=(0, 1, 2)):
-    """Images of k-space over the whole field: filter, size, transform, lines that a partial scan lacks,
-    combination."""
+    """Images of k-space over the whole field: filter, size, transform, partial Fourier, combination."""
     matrix, threads = plan.matrix if 0 in axes else (len(samples), *plan.matrix[1:]), plan.options.threads
     samples = _filtered(plan, pattern, samples, axes)
     if removes_phase(plan, pattern):
@@ -620,7 +618,7 @@ def _finished(plan, pattern, basis, samples, axes=(0, 1, 2)):
 
 
 def _without_phase(plan, pattern, basis, samples, matrix, axes):
-    """Images of homodyne; complex ones have the phase that it takes from the lines."""
+    """Images of homodyne; complex ones have the low-resolution phase."""
     threads = plan.options.threads
     image, low = homodyne_images(samples, pattern.ranges, field=matrix, threads=threads, axes=axes)
     fixed = basis.phase is not None
@@ -636,8 +634,8 @@ def _without_phase(plan, pattern, basis, samples, matrix, axes):
 
 
 def deviation(plan, block, basis, frame, replicas=REPLICAS, seed=0):
-    """Standard deviation of the image of a block over replicas of noise added to its lines, all that is
-    taken from data held fixed.
+    """Standard deviation of the image of a block over replicas of noise in its lines; everything that
+    data decide is fixed.
 
     Parameters
     ----------
@@ -649,7 +647,7 @@ def deviation(plan, block, basis, frame, replicas=REPLICAS, seed=0):
     Returns
     -------
     ndarray of float64, ``(x, y, z)``
-        That of the complex value, of real images (homodyne) that of the real one.
+        That of the complex value; for real images (homodyne) that of the real value.
     """
     plan = _in_raw_units(plan)
     pattern = plan.patterns[block.pattern]
@@ -665,15 +663,15 @@ def deviation(plan, block, basis, frame, replicas=REPLICAS, seed=0):
 
 
 def gain_of_noise(plan, pattern, fills):
-    """What filter, interpolation and lines that a partial scan lacks make of white noise of an image
-    without aliases: the standard deviation of voxels, root mean square, over that of its samples.
+    """Gain of filter, interpolation and partial Fourier for white noise of an image without aliases: the
+    root-mean-square standard deviation of voxels, divided by that of the samples.
 
-    `fills` says whether POCS fills in lines. The error is a thousandth.
+    `fills` says whether POCS fills lines. The relative error is a thousandth.
     """
     plan, extents = _in_raw_units(plan), (plan.shape[0], *(each.folded * each.step for each in pattern.lattices))
     frame = np.zeros((*pattern.full, 1, 1, 1), np.complex64, order="F")
     frame[_measured_box(pattern, extents)] = 1
-    frame[tuple(n // 2 for n in pattern.full)] = 1e6  # an image that is even and real: all is linear near it
+    frame[tuple(n // 2 for n in pattern.full)] = 1e6  # an even and real image: all steps are linear near it
     fixed = np.ones(plan.pixels if fills else plan.matrix, np.complex64, order="F")
     basis = Basis(fills=fills, phase=fixed[..., None, None, None])
     count = -(-200_000 // prod(plan.matrix))
@@ -691,12 +689,12 @@ def _measured_box(pattern, extents):
 
 
 def _in_raw_units(plan):
-    """A plan of complex images at the level of the raw data."""
+    """A plan of complex images in units of the raw data."""
     return replace(plan, options=replace(plan.options, combine="pcsos", units="raw"))
 
 
 def held_phase(plan, pattern, basis, lines, axes=(0, 1, 2)):
-    """What is taken from lines without gaps for the phase of their image."""
+    """The fixed phase, or what determines it, from lines without gaps."""
     threads, lines = plan.options.threads, _filtered(plan, pattern, lines, axes)
     if basis.fills:
         return smooth_phase(lines, pattern.ranges, threads)
@@ -712,7 +710,7 @@ def _placed(plan, block, image):
 
 
 def _corrected(plan, places, image):
-    """The image where gradients are not linear: each voxel where it belongs."""
+    """The image, corrected for non-linear gradients."""
     options = plan.options
     return geometry(
         image,
@@ -731,7 +729,7 @@ def _corrected(plan, places, image):
 
 
 def _run_volumes(plan, source, client):
-    """Volumes, each put together of its slabs."""
+    """Volumes, each assembled from its slabs."""
     calibration, shared = {}, {}
     for block in blocks(plan):
         pattern = plan.patterns[block.pattern]
@@ -752,7 +750,7 @@ def slice_calibration(plan, block, source):
 
 
 def volume_basis(plan, block, source, calibration):
-    """What sensitivities of the volumes are made of, and the levels for regularisation or None."""
+    """The basis of the sensitivities of the volumes, and the intensities for regularisation or None."""
     made, levels = volume_sensitivities(plan, block, source, calibration)
     if plan.in_snr:
         made.sd = volume_deviation(plan, block, source, made, levels)
@@ -777,10 +775,10 @@ def volume_sensitivities(plan, block, source, calibration):
 
 
 def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLICAS, seed=0):
-    """As `deviation`, of a volume that is worked on in slabs.
+    """As `deviation`, for a volume that is processed in slabs.
 
-    Noise is independent along x once the readout is transformed: each slab has its own, and what is done
-    along x afterwards adds variances.
+    Once the readout is transformed, noise is independent along x: each slab has its own, and later steps
+    along x add variances.
     """
     plan, pattern = _in_raw_units(plan), plan.patterns[block.pattern]
     first = Block(block.slice, pattern.repetitions[:1], block.pattern).along()
@@ -796,7 +794,7 @@ def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLIC
 
 
 def _slab_operator(plan, pattern, sensitivities, levels, frame):
-    """What makes images along y and z of a slab, the phase that `frame` has held fixed."""
+    """The operator from lines of a slab to its image, with the phase of `frame` fixed."""
     basis = _slab_basis(plan, pattern, sensitivities, levels)
     if removes_phase(plan, pattern):
         complete = _completed(plan, pattern, basis, frame) if pattern.weighted else frame
@@ -846,7 +844,7 @@ def volume_image(plan, block, volume, sensitivities, levels, client):
 
 
 def _here(client):
-    """Whether workers take slabs out of the volume themselves, as those of this machine do."""
+    """Whether workers read slabs from the volume themselves, as those of this machine do."""
     return getattr(client, "here", False)
 
 
@@ -865,7 +863,7 @@ def _slab_basis(plan, pattern, sensitivities, levels):
 
 
 def reconstruct_slab(plan, block, samples, sensitivities, levels):
-    """Image of a slab whose readout is transformed, as `reconstruct_block` of a block."""
+    """Image of a slab with a transformed readout, as `reconstruct_block` for a block."""
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
     if not pattern.weighted:
         return {"image": _finished(plan, pattern, Basis(), samples, (1, 2))}
@@ -873,7 +871,7 @@ def reconstruct_slab(plan, block, samples, sensitivities, levels):
     made = _beside(plan, basis)
     if plan.completes_slabs(pattern):
         return made | {"image": _lines_image(plan, pattern, basis, samples)}
-    # What is left along x is done after the combination: coils are not kept beyond their slab.
+    # Steps along x follow after the combination: coils are not kept beyond their slab.
     lines = _completed(plan, pattern, basis, samples)
     image = combine(to_image(lines, (1, 2), threads, overwrite=True))
     return made | {"image": image[:, :, :, None]}

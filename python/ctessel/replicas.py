@@ -1,28 +1,28 @@
-"""Spread of images over replicas of their noise, and images in units of it."""
+"""Standard deviation of images over replicas of their noise, and images in this unit."""
 
 import numpy as np
 
 #: Replicas of an image: each standard deviation has a relative error of 1 / sqrt(4 REPLICAS).
 REPLICAS = 100
-#: Noise over the level of the lines where none is known: images are as good as linear so close.
+#: Noise relative to the lines if the covariance is unknown: so small that images change linearly.
 FAINT = 1e-3
 
 
 def spread(operator, frame, covariance=None, *, replicas=REPLICAS, together=1, seed=0):
-    """Standard deviation of what an operator makes of lines, over replicas of their noise.
+    """Standard deviation of the image that an operator makes, over replicas of the lines' noise.
 
     Parameters
     ----------
     operator : callable
-        Takes lines of several repetitions; its image has theirs on the last axis, ``(x, y, z, 1,
-        repetition)``, and is linear near `frame`.
+        Takes lines of several repetitions. Its image, ``(x, y, z, 1, repetition)``, has the same
+        repetitions, and is linear near `frame`.
     frame : ndarray of complex64, ``(x, y, z, coil, 1, 1)``
         Lines; the noise is that of the samples that are not 0.
     covariance : ndarray of complex64, ``(coil, coil)``, optional
         Of the noise of a sample. By default the identity.
     replicas : int, optional
     together : int, optional
-        Repetitions that the operator is given at once.
+        Repetitions that the operator gets in one call.
     seed : int or sequence of int, optional
         Of the noise: the same result each time.
 
@@ -51,7 +51,7 @@ def drawn(random, shape, factor, unit=1.0):
 
 
 def in_units(image, sd):
-    """Images ``(x, y, z, ...)`` over the standard deviations of their voxels, 0 where these are 0."""
+    """Images ``(x, y, z, ...)`` divided by the standard deviations of their voxels; 0 where these are 0."""
     scale = np.divide(1, sd, out=np.zeros(sd.shape), where=sd > 0).astype(np.float32)
     image *= scale.reshape(scale.shape + (1,) * (image.ndim - scale.ndim))
     return image

@@ -1,4 +1,4 @@
-"""What people read about a run: facts of the file, the plan in words, the sidecar, a preview."""
+"""Texts about a run: facts of the file, the plan in words, the sidecar, a preview."""
 
 import platform
 
@@ -31,8 +31,8 @@ def intentions(found, plan, needed, files):
 def information(found, more, drawing, plan):
     """What is in a raw data file and what `ctessel recon` would do with it, for people.
 
-    `more` are facts beyond those of the file's contents, `drawing` lines of text. `plan` is a function:
-    what it refuses is told.
+    `more` are facts beyond the contents of the file, `drawing` lines of text. `plan` is a function; if it
+    refuses the scan, the text has its error.
     """
     lines = [*_aligned({**raw.facts(found), **{name: text for name, text in more.items() if text}}), "", *drawing]
     try:
@@ -55,24 +55,24 @@ def _aligned(facts):
 
 
 def sidecar(result, measured, *, header, skipped, source, position, geometry, known):
-    """The sidecar of an image, under the BIDS standard's keys where there are some.
+    """The sidecar of an image, with keys of the BIDS standard if it has them.
 
     Parameters
     ----------
     result : Result
     measured : dict
-        What `ctessel.bids.entries` says of the image.
+        Entries by `ctessel.bids.entries`.
     header : Header
     skipped : sequence of (str, int)
         Axis and position of what was left out.
     source : str
         The raw data file.
     position : str or None
-        How the patient lay, in place of the header.
+        Patient position, instead of that of the header.
     geometry : str or None
         The file of the coefficients.
     known : bool
-        Whether the file told where the voxels lie.
+        Whether the file has positions.
     """
     entries = {
         "ProtocolName": header.protocol,

@@ -1,7 +1,7 @@
-"""What is set for a whole process, the memory that it may take, and signals that can wait.
+"""Settings of a whole process, the memory that it may use, and signals that can wait.
 
-Gains are processor time of `ctessel recon` for 12 slices of 256 x 256, 16 coils, R = 2, medians of
-three runs on two cores beside other programs: 2.4 s with all settings.
+Times below are processor time of `ctessel recon` for 12 slices of 256 x 256, 16 coils, R = 2, medians of
+three runs on two busy cores: 2.4 s with all settings.
 """
 
 import contextlib
@@ -18,8 +18,8 @@ from pathlib import Path
 
 import numpy as np
 
-#: For glibc's malloc: up to this much that was freed stays with the process, in parts up to this
-#: large. Blocks need the same memory again and again; given back after each, it is cleared anew.
+#: For glibc's malloc: limits below which freed memory stays with the process. Blocks need the same
+#: memory again and again; if it were given back after each, it would have to be cleared each time.
 KEPT = {"MALLOC_TRIM_THRESHOLD_": 1 << 29, "MALLOC_MMAP_THRESHOLD_": 1 << 28}
 _OPTIONS = {"MALLOC_TRIM_THRESHOLD_": -1, "MALLOC_MMAP_THRESHOLD_": -3}  # of mallopt
 
@@ -51,17 +51,17 @@ def keep_freed():
 
     Without: 2.5 s.
     """
-    with contextlib.suppress(AttributeError):  # other C libraries have no such choice
+    with contextlib.suppress(AttributeError):  # other C libraries lack it
         for name, value in KEPT.items():
             ctypes.CDLL(None).mallopt(_OPTIONS[name], value)
 
 
 @contextlib.contextmanager
 def short_waits():
-    """Threads of kernels that are loaded in here soon sleep while they wait for each other.
+    """Kernels that are loaded in this context have threads that soon sleep while they wait.
 
-    GNU's OpenMP runtime lets them spin for up to 14 milliseconds by default. It reads its
-    environment once, when it is loaded. With threads that never sleep: 6.8 s.
+    By default, GNU's OpenMP runtime lets them spin for up to 14 milliseconds. It reads its environment
+    once, when it is loaded. With threads that never sleep: 6.8 s.
     """
     if {"OMP_WAIT_POLICY", "GOMP_SPINCOUNT"} & os.environ.keys():
         yield
@@ -74,13 +74,13 @@ def short_waits():
 
 
 class _Shared(mmap.mmap):
-    """Memory that other processes of this machine can map as well, as long as it is used here."""
+    """Memory that other processes of this machine can map while it is used here."""
 
 
 def shared_zeros(shape, folder=None):
     """complex64 of zeros in Fortran order, in memory that `shared` describes to other processes.
 
-    In memory alone, or where a folder is given in a file there that has no name.
+    In memory, or in a file without a name if a folder is given.
     """
     size = 8 * int(np.prod(shape, dtype=float))
     if folder is None:
@@ -88,7 +88,7 @@ def shared_zeros(shape, folder=None):
         file.truncate(size)
     else:
         file = tempfile.TemporaryFile(dir=folder)
-        try:  # where the disk is full, a map of a file with holes would end the process
+        try:  # if the disk is full, writing to a map of a sparse file would end the process
             os.posix_fallocate(file.fileno(), 0, size)
         except OSError as error:
             file.close()
@@ -101,7 +101,7 @@ def shared_zeros(shape, folder=None):
 
 @dataclass(frozen=True)
 class Place:
-    """Where an array lies that another process of this machine has."""
+    """The place of an array in the memory of another process of this machine."""
 
     file: str
     offset: int
@@ -119,7 +119,7 @@ class Place:
 
 
 def shared(array):
-    """The `Place` of an array that is (part of) one of `shared_zeros`; of others None."""
+    """The `Place` of an array that is (part of) one of `shared_zeros`; None for others."""
     base = array
     while isinstance(base, (np.ndarray, memoryview)):
         base = base.base if isinstance(base, np.ndarray) else base.obj
@@ -137,7 +137,7 @@ SIGNALS = (signal.SIGINT, signal.SIGTERM)
 
 @contextlib.contextmanager
 def handled(handler):
-    """Signals that end a run go to `handler`; in other threads than the first nothing changes."""
+    """Send signals that end a run to `handler`; works only in the main thread."""
     if threading.current_thread() is not threading.main_thread():
         yield
         return
@@ -153,31 +153,31 @@ def handled(handler):
 @contextlib.contextmanager
 def uninterrupted():
     """Signals that end a run wait until the end of the block."""
-    came = []
-    with handled(lambda number, _: came.append(number)):
+    signals = []
+    with handled(lambda number, _: signals.append(number)):
         yield
-    if came:
-        signal.raise_signal(came[0])
+    if signals:
+        signal.raise_signal(signals[0])
 
 
 # ---- Memory --------------------------------------------------------------------------------------
 
 
 class DoesNotFitError(Exception):
-    """More memory is needed than there is. The message says what would mend it."""
+    """More memory is needed than there is. The message says what to do."""
 
 
 def available():
-    """Bytes that this process can still get: what is free, or what its control group leaves."""
+    """Bytes that this process can still get: free memory, or the rest of its control group's limit."""
     return min([_free(), *_group_rests()])
 
 
-def check(needed, what, mend):
-    """Refuse `what`, which needs `needed` bytes, where they are not to be had."""
+def check(needed, what, advice):
+    """Raise an error if `what` needs more bytes than there are."""
     rest = available()
     if needed > rest:
         raise DoesNotFitError(
-            f"{what} needs {text(needed)} of memory, {text(rest)} are free; {mend}"
+            f"{what} needs {text(needed)} of memory, {text(rest)} are free; {advice}"
         )
 
 
@@ -198,7 +198,7 @@ def _free():
 
 
 def _group_rests(root=Path("/sys/fs/cgroup")):
-    """Rests of the control groups (version 2) of the process: batch systems limit these."""
+    """Remaining bytes of the process's control groups (version 2), which batch systems limit."""
     try:
         name = next(
             n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::")

@@ -1,4 +1,4 @@
-"""Which lines of k-space were measured: partial Fourier, undersampling, calibration lines."""
+"""Sampling patterns: partial Fourier, undersampling, ACS lines."""
 
 from dataclasses import dataclass, replace
 from fractions import Fraction
@@ -9,7 +9,7 @@ import numpy as np
 
 #: Share of an axis that may be missing on one side before the scan counts as partial.
 TOLERANCE = 0.02
-#: Reduction of shifted lattices that are looked for, at most.
+#: Largest acceleration of shifted patterns that are found.
 MOST_SHIFTED = 16
 
 
@@ -17,10 +17,10 @@ MOST_SHIFTED = 16
 class Lattice:
     """Regularly measured lines of one axis, and the grids that they fold from and to.
 
-    Lines ``step * j + offset`` are measured, counted from k = 0; j = 0 has index ``folded // 2``
-    among the `folded` lines. `full` is the extent after unfolding, ``full / folded`` the reduction.
-    Shifted lattices (CAIPIRINHA): with line j of the other axis, those of this one lie ``shift * j``
-    further, round by `step`.
+    Lines ``step * j + offset`` are measured, counted from k = 0; j = 0 has index ``folded // 2`` among the
+    `folded` lines. `full` is the extent after unfolding, ``full / folded`` the acceleration. In shifted
+    patterns (CAIPIRINHA), line j of the other axis shifts the lines of this axis by ``shift * j``, modulo
+    `step`.
     """
 
     step: int
@@ -35,21 +35,21 @@ class Lattice:
 
 
 def partial_ranges(layout, sampled=None, steps=None):
-    """First and last measured line of every axis that is measured more to one side of k = 0.
+    """First and last measured line of every axis that reaches farther on one side of k = 0.
 
     Parameters
     ----------
     layout : Layout
-        Read are the encoding limits of x and, without `sampled`, the measured lines of y and z.
+        Gives the encoding limits of x and, without `sampled`, the measured lines of y and z.
     sampled : ndarray of bool, ``(y, z)``, optional
     steps : sequence of two int, optional
-        Distances of the regular lines; by default the largest ones of the lines that are there.
+        Distances of the regular lines; by default the largest distances of measured lines.
 
     Returns
     -------
     list of 3 (tuple of two int, or None)
-        Lines from k = 0. None: both sides reach equally far, but for one step of the undersampling
-        and `TOLERANCE` of the extent.
+        Lines from k = 0. None if both sides reach equally far, within one step of the undersampling and
+        `TOLERANCE` of the extent.
     """
     sampled = layout.sampled if sampled is None else sampled
     ranges = [_readout_range(layout.shape[0], layout.header.limits.get("x"))]
@@ -85,14 +85,13 @@ def undersampling(sampled, field_ratio=(1, 1), stated=(1, 1)):
     Parameters
     ----------
     sampled : ndarray of bool, ``(y, z)``
-        Measured lines, k = 0 at ``N // 2``. Beside the regular ones a block of calibration lines
-        may be there; corners of the plane may be missing, and few lines inside.
+        Measured lines, k = 0 at ``N // 2``. In addition to the regular lines there may be a block of ACS
+        lines. Corners of the plane may be missing, and a few lines inside.
     field_ratio : sequence of two numbers, optional
-        Field of view to unfold to, over the encoded one. Where the encoded field is smaller than
-        the object, the reduction is this ratio times the distance of the lines, and need not be
-        whole.
+        Unfolded field of view, divided by the encoded one. If the encoded one is smaller than the
+        object, the acceleration is this ratio times the distance of the lines, and may be fractional.
     stated : sequence of two int, optional
-        Distances that the header states: tried first.
+        Distances in the header, which are tried first.
 
     Returns
     -------
@@ -116,9 +115,9 @@ def undersampling(sampled, field_ratio=(1, 1), stated=(1, 1)):
 class Regular:
     """Distances of the regular lines along y and z, and their offsets from k = 0.
 
-    One of `shifts` may be more than 0: how far the lines of y move on from one line of z to the next,
-    or those of z from one of y to the next. `expected`, ``(y, z)`` of bool, are the lines that there must be,
-    calibration lines included: those that were not measured have been lost.
+    One of `shifts` may be more than 0: the shift of the lines of y from one line of z to the next, or that
+    of the lines of z from one line of y to the next. `expected`, ``(y, z)`` of bool, are all lines of the
+    pattern, ACS lines included; those that were not measured were lost.
     """
 
     steps: tuple[int, int]
@@ -127,20 +126,20 @@ class Regular:
     shifts: tuple[int, int] = (0, 0)
 
     def lattices(self, field_ratio=(1, 1)):
-        """The two `Lattice` of these lines; see `undersampling`."""
+        """The `Lattice` of each axis; see `undersampling`."""
         ratios = [Fraction(ratio).limit_denominator(32) for ratio in field_ratio]
         if not any(self.shifts):
             return tuple(map(_lattice, self.expected.shape, self.steps, self.offsets, ratios))
         if max(ratios) > 1:
             raise ValueError(
-                "sampled: shifted lines unfold to the encoded field of view, the image's is wider; measure "
-                "the whole field, or lines that are not shifted"
+                "sampled: shifted lines unfold to the encoded field of view, but the image's is wider; measure "
+                "the whole field of view, or a pattern that is not shifted"
             )
         return _shifted_lattices(self)
 
 
 def few(count):
-    """Lines that may be lost of so many."""
+    """How many of `count` lines may be lost."""
     return max(min(2, count // 8), count // 20)
 
 
@@ -166,18 +165,18 @@ def regular(sampled, stated=(1, 1)):
     if min(sampled.shape) == 1:
         name = "yz"[sampled.shape[0] == 1]
         raise ValueError(
-            f"sampled: the lines along {name} have no regular distance, as those of a random mask; such "
-            "cannot be unfolded: expected all lines or every n-th line, with calibration lines around the centre"
+            f"sampled: the lines along {name} have no regular distance (a random mask?) and "
+            "cannot be unfolded; expected all lines, or every n-th line with ACS lines around the centre"
         )
     raise ValueError(
-        "sampled: the lines form no grid in y and z, neither a rectangular nor a shifted one, as those of a "
-        "random mask; such cannot be unfolded: expected all lines, every n-th line of both axes or a shifted "
-        "lattice (CAIPIRINHA), with calibration lines around the centre"
+        "sampled: the lines form no regular pattern in y and z, rectangular or shifted (a random mask?), and "
+        "cannot be unfolded; expected all lines, or every n-th line of both axes or a shifted pattern "
+        "(CAIPIRINHA) with ACS lines around the centre"
     )
 
 
 def _offset(lines, step):
-    """Residue of most lines of an axis, from k = 0."""
+    """The most frequent residue of the lines of an axis, from k = 0."""
     k = np.flatnonzero(lines) - len(lines) // 2
     return int(np.bincount(k % step, minlength=step).argmax())
 
@@ -191,10 +190,10 @@ def _points(shape, steps, offsets, shifts=(0, 0)):
 
 
 def _shifted(sampled, block, outside, stated):
-    """The `Regular` lines of a shifted lattice; None if there is no such.
+    """The `Regular` lines of a shifted lattice; None if they form none.
 
-    Every lattice has one of the forms that are tried: columns of y with a step, lines of z in them
-    with another, and a shift from column to column.
+    Every lattice has one of the forms that are tried: a step of the columns of y, a step of the lines of z
+    in them, and a shift from column to column.
     """
     if min(sampled.shape) == 1:
         return None
@@ -214,7 +213,7 @@ def _shifted(sampled, block, outside, stated):
 
 
 def _forms(stated):
-    """Steps and shifts along z of all shifted lattices, those with the stated reduction first."""
+    """Steps and shifts along z of all shifted lattices, beginning with the stated acceleration."""
     for number in sorted(range(2, MOST_SHIFTED + 1), key=lambda n: n != stated):
         for step in (n for n in range(1, number + 1) if number % n == 0):
             for shift in range(1, number // step):
@@ -222,9 +221,9 @@ def _forms(stated):
 
 
 def _form(steps, shift, stated):
-    """Steps and shifts as the header states them, else with steps that differ least.
+    """Steps and shifts with the header's steps, otherwise with steps that differ least.
 
-    The lattice of a shift along z is one of a shift along y, too.
+    A lattice with a shift along z can also be described with a shift along y.
     """
     along_z = steps, (0, shift)
     across = gcd(shift, steps[1])
@@ -235,24 +234,24 @@ def _form(steps, shift, stated):
 
 
 def _expected(sampled, block, lattice, shifted=False):
-    """Lines to be expected if these are the regular ones; None if the measured ones are no such.
+    """Expected lines if `lattice` has the regular ones; None if the measured lines do not fit it.
 
-    Outside of the calibration block the lattice must have no holes but few lost lines, and
-    nothing may be beside it.
+    Outside of the ACS block the lattice may lack only a few lost lines, and there must be no other
+    lines.
     """
     zone, everything = block, lattice.all()
     beside = sampled & ~lattice
     if beside.any():
         zone = _hull(beside | block)
         if np.count_nonzero(zone & sampled) < 0.9 * np.count_nonzero(zone):
-            zone = block  # lines beside the lattice are scattered
+            zone = block  # lines that are not on the lattice are scattered
         if np.count_nonzero(beside & ~zone) > 0.05 * np.count_nonzero(sampled & ~zone):
             return None
     skipped = _hull(sampled) & ~lattice & ~zone
     if not everything and np.count_nonzero(skipped) < 2:
-        return None  # they are calibration lines, all but a few
+        return None  # nearly all lines are ACS lines
     hull = _hull(sampled & lattice)
-    if shifted:  # whose rows and columns lack lines that lie among others
+    if shifted:  # rows and columns lack lines between others
         hull = _hull(hull)
     hull &= lattice
     rest = hull & ~zone
@@ -263,7 +262,7 @@ def _expected(sampled, block, lattice, shifted=False):
 
 
 def _hull(mask):
-    """All that lies between marked points of a row or of a column."""
+    """Everything between marked points of a row or of a column."""
     between = np.zeros_like(mask)
     for axis in (0, 1):
         before = np.maximum.accumulate(mask, axis)
@@ -289,8 +288,8 @@ def _lattice(n, step, offset, ratio):
 
 
 def _shifted_lattices(regular):
-    """Grids of a shifted lattice: aliases lie whole voxels apart where the lines across are a multiple of
-    what the shift takes to come round. Slots without a line are 0."""
+    """Grids of a shifted lattice. Offsets of aliases are whole voxels if the number of lines of the other
+    axis is a multiple of the period of the shift. Slots without a line are 0."""
     own = int(regular.shifts[1] > 0)
     other, shift = 1 - own, regular.shifts[own]
     step, round_by = regular.steps[own], regular.steps[own] // gcd(regular.shifts[own], regular.steps[own])
@@ -319,7 +318,7 @@ def _covers(n, step, offset, folded):
 
 
 def calibration_block(sampled):
-    """Largest box of fully measured lines around k = 0.
+    """Largest box of fully sampled lines around k = 0.
 
     Parameters
     ----------
@@ -350,12 +349,12 @@ def calibration_block(sampled):
 
 
 def shifted_axis(lattices):
-    """Axis, 0 for y and 1 for z, whose lines are shifted; None for products of y and z."""
+    """Axis with shifted lines, 0 for y and 1 for z; None for products of y and z."""
     return next((axis for axis, lattice in enumerate(lattices) if lattice.shift), None)
 
 
 def shifts(lattices):
-    """How far the lines of the shifted axis lie off the lattice's offset, for each line of the other."""
+    """Shift of the lines of the shifted axis relative to its offset, for each line of the other axis."""
     own = shifted_axis(lattices)
     lattice, other = lattices[own], lattices[1 - own]
     moved = lattice.offset + lattice.shift * (np.arange(other.folded) - other.folded // 2)
@@ -363,7 +362,7 @@ def shifts(lattices):
 
 
 def alias_offsets(lattices):
-    """Where the voxels lie that alias: offsets as `ctessel.sense_recon` takes them.
+    """Offsets of the voxels that alias, for `ctessel.sense_recon`.
 
     Parameters
     ----------
@@ -373,7 +372,7 @@ def alias_offsets(lattices):
     Returns
     -------
     ndarray of int, ``(alias, 2)``, or None
-        None where aliases are products of those along y and along z.
+        None if aliases are products of those along y and along z.
     """
     own = shifted_axis(lattices)
     if own is None:
@@ -387,7 +386,7 @@ def alias_offsets(lattices):
 
 
 def fold_lines(kspace, lattices):
-    """The regular lines of k-space alone, on the folded grid.
+    """Only the regular lines of k-space, on the folded grid.
 
     Parameters
     ----------
@@ -436,7 +435,7 @@ def _empty(kspace, axis, lattice):
 
 
 def _slots(lattice, extent):
-    """Slots of the folded axis that have lines, and these, as slices."""
+    """Slots of the folded axis that have lines, and these lines, as slices."""
     start = lattice.offset - lattice.folded // 2 * lattice.step + extent // 2
     skipped = max(0, -(start // lattice.step))  # slots before the first line
     start += skipped * lattice.step

@@ -1,4 +1,4 @@
-"""What was measured, to look at: which lines, where the echo peaks, in characters and as a picture."""
+"""The measured lines and the peak of the echo, as text and as a picture."""
 
 from dataclasses import dataclass
 
@@ -6,12 +6,12 @@ import numpy as np
 
 from . import centre
 from .acquisitions import IGNORED, NOT_IMAGING_NAMES, flag
-from .coverage import turns
+from .coverage import samplings
 from .sampling import calibration_block
 
-#: Characters of a drawing at most, along and across.
+#: Largest size of a drawing in characters, along and across.
 WIDE, HIGH = 72, 24
-#: Turns that are drawn at most.
+#: Largest number of sampling patterns that are drawn.
 MOST = 8
 _MISSING, _SOME, _MEASURED, _CALIBRATION = tuple(".+#C")
 
@@ -83,16 +83,16 @@ def _lines(layout):
 
 
 def _regular(layout):
-    """The regular lines of each turn; none where they are irregular."""
+    """The regular lines of each sampling pattern; none if they are irregular."""
     try:
-        return [turn.regular for turn in turns(layout)]
+        return [sampling.regular for sampling in samplings(layout)]
     except ValueError:
         return []
 
 
 def _block(layout):
-    """Calibration lines of the scan, (y, z): those that the file calls so, else the full ones around k = 0
-    where lines beside them are missing."""
+    """ACS lines of the scan, (y, z): those that the file flags, otherwise the full ones around k = 0 if
+    lines beside them are missing."""
     if layout.flagged is not None and layout.flagged.any():
         return layout.flagged
     block = np.zeros(layout.shape[1:3], bool)
@@ -110,7 +110,7 @@ def _noise(layout, energy):
 
 
 def _left_out(found):
-    left = found.heads["flags"][found.role == IGNORED]
+    left = found.headers["flags"][found.role == IGNORED]
     counts = {name: int((left & flag(number) != 0).sum()) for number, name in NOT_IMAGING_NAMES.items()}
     others = left.size - int(np.any([left & flag(n) != 0 for n in NOT_IMAGING_NAMES], 0).sum())
     counts["calibration or images that are not used"] = others
@@ -121,9 +121,9 @@ def _left_out(found):
 
 
 def drawing(layout):
-    """The sampling of ky (to the right) and kz (downwards) as lines of text.
+    """The sampling pattern, ky (to the right) and kz (downwards), as lines of text.
 
-    Slices have a row for each of their turns, volumes a drawing of the first one.
+    Slices have a row for each of their patterns, volumes a drawing of the first one.
     """
     kinds, counts = _patterns(layout)
     block = _block(layout)
@@ -138,12 +138,12 @@ def drawing(layout):
     if max(step) > 1:
         legend += f"  {_SOME} some of them; a character is {' x '.join(str(n) for n in step if n > 1)} lines"
     if len(kinds) > len(rows) - 1:
-        legend += f"; {len(kinds)} kinds of repetitions"
+        legend += f"; {len(kinds)} sampling patterns"
     return [*rows, legend]
 
 
 def _patterns(layout):
-    """Lines (y, z) of each kind of repetition, in the order of their first ones, and how many these are."""
+    """Lines (y, z) of each kind of repetition, in the order of their first ones, and their number."""
     masks = layout.lines.any((2, 3))
     flat = masks.reshape(-1, masks.shape[2])
     _, first, counts = np.unique(flat, axis=1, return_index=True, return_counts=True)

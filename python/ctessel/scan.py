@@ -1,4 +1,4 @@
-"""One Cartesian scan in memory: what a raw file is read into and what the pipeline takes."""
+"""One Cartesian scan in memory, the input of the pipeline."""
 
 import os
 from dataclasses import dataclass, field
@@ -32,7 +32,7 @@ class Limit:
 
 @dataclass
 class Placement:
-    """Where the centre of a slice (2-D) or slab (3-D) and its axes lie in the patient (LPS, mm)."""
+    """Centre of a slice (2-D) or slab (3-D), and its axes, in the patient (LPS, mm)."""
 
     position: np.ndarray
     read: np.ndarray
@@ -56,35 +56,34 @@ class Header:
     te: list[float] = field(default_factory=list)
     protocol: str = ""
     patient_position: str = ""
-    #: Receiver dwell time of the noise scan over that of a line, averages summed.
+    #: Dwell time of the noise scan, divided by that of a line and by its averages.
     noise_bandwidth_ratio: float = 1.0
-    #: Of a separate calibration scan; None: the image's.
+    #: Of a separate calibration; None if it is that of the image.
     calibration_fov: tuple[float, float, float] | None = None
-    spacing: float = 0.0  # between the centres of neighbouring slices; 0 where it is not known
+    spacing: float = 0.0  # between the centres of neighbouring slices; 0 if unknown
     ti: list[float] = field(default_factory=list)
     flip_angle: list[float] = field(default_factory=list)  # degrees
-    field_strength: float = 0.0  # T; 0 where it is not known
-    frequency: float = 0.0  # of hydrogen, Hz; 0 where it is not known
-    dwell: float = 0.0  # between samples of a readout, us; 0 where it is not known
+    field_strength: float = 0.0  # T; 0 if unknown
+    frequency: float = 0.0  # of hydrogen, Hz; 0 if unknown
+    dwell: float = 0.0  # between samples of a readout, us; 0 if unknown
     scanner: dict[str, str] = field(default_factory=dict)  # "vendor", "model", "institution"
     phantom: str = ""  # parameters of the phantom that was measured, JSON
-    #: First and last line of each repetition by the scanner's clock, in s; empty where it has none.
+    #: Times of the first and last line of each repetition by the scanner's clock, in s; may be empty.
     volumes: list[tuple[float, float]] = field(default_factory=list)
 
 
 @dataclass(frozen=True, eq=False)
 class Layout:
-    """What is known about a scan without its samples.
+    """Everything about a scan except its samples.
 
-    `shape` are the extents of k-space by `AXES`, as it is read; `readout` is the number of samples
-    along x that were measured, where oversampling is removed while they are read. `lines`,
-    ``(y, z, slice, echo, repetition)`` of bool, marks what was measured, k = 0 at ``N // 2``.
-    `flagged`, ``(y, z)`` of bool, marks the lines that the file calls calibration, or is None.
-    `noise` is ``(sample, coil)`` or None; `calibration` are the extents of a calibration scan of
-    its own, or None. A part of a scan has in `selection` its axis, first and last index, and in `slices`
-    the places of its slices in the whole where others are left out.
-    `looks` tell of the coils what `ctessel.coil_choice` needs, `looked` that no slice is missing
-    there. `warnings` are those of the reading, a line each.
+    `shape` are the extents of k-space by `AXES`, as it is read. If oversampling is removed while it is
+    read, `readout` is the number of measured samples along x. `lines`, ``(y, z, slice, echo,
+    repetition)`` of bool, marks measured lines, k = 0 at ``N // 2``. `flagged`, ``(y, z)`` of bool, marks
+    lines with calibration flags, or is None. `noise` is ``(sample, coil)`` or None. `calibration` are the
+    extents of a separate calibration, or None. For a part of a scan, `selection` has axis, first and last
+    index, and `slices` the numbers of its slices in the whole scan if others are left out. `looks` are
+    the statistics for `ctessel.coil_choice`; `looked` says that they have every slice. `warnings` are
+    those of reading, one line each.
     """
 
     shape: tuple[int, ...]
@@ -112,17 +111,16 @@ class Scan:
 
     `kspace` is complex64, Fortran order, indexed by `AXES`, on the encoded grid (readout
     oversampling still in it), k = 0 at ``N // 2`` of each axis; lines that were not measured are 0.
-    Averages are summed and divided by their number. `calibration` is k-space of a separate
-    calibration scan on its own grid, same axes, or None; calibration lines inside the scan are part
-    of `kspace`.
+    Averages are summed and divided by their number. `calibration` is k-space of a separate calibration
+    on its own grid with the same axes, or None. ACS lines are part of `kspace`.
 
-    Whatever has a layout, `frames` and `separate` can be reconstructed: a file or a stream as well.
+    Any object with a layout, `frames` and `separate` can be reconstructed, for example a file or a stream.
     """
 
     layout: Layout
     kspace: np.ndarray
     calibration: np.ndarray | None = None
-    #: Whether other processes can make their own of it, so that blocks need not be sent to them.
+    #: Whether other processes can open it themselves, so that blocks need not be sent to them.
     shared = False
     #: Whether its samples may be overwritten: nobody needs them afterwards.
     disposable = False
@@ -138,9 +136,9 @@ class Scan:
         lines = np.ones((y, z), bool) if sampled is None else np.asarray(sampled, bool)
         lines = lines.reshape(lines.shape + (1,) * (5 - lines.ndim))
         lines = np.broadcast_to(lines, (y, z, *images))
-        apart = None if calibration is None else calibration.shape
+        extents = None if calibration is None else calibration.shape
         looks = coil_choice.of_arrays(kspace, lines, known.get("noise"))
-        layout = Layout(kspace.shape, header, lines, calibration=apart, looks=looks, **known)
+        layout = Layout(kspace.shape, header, lines, calibration=extents, looks=looks, **known)
         return cls(layout, kspace, calibration)
 
     def frames(self, index, repetitions):
@@ -148,6 +146,6 @@ class Scan:
         return self.kspace[:, :, :, :, index][..., repetitions]
 
     def separate(self, index):
-        """Calibration scan of a slice, ``(x, y, z, coil)``, the mean over its repetitions."""
+        """Separate calibration of a slice, ``(x, y, z, coil)``, the mean over its repetitions."""
         at = min(index, self.calibration.shape[4] - 1)
         return self.calibration[:, :, :, :, at, 0].mean(-1, dtype=np.complex64)

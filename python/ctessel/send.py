@@ -1,4 +1,4 @@
-"""The command ``ctessel send``: raw data go out as a scanner sends them, images come back."""
+"""The command ``ctessel send``: sends raw data like a scanner, and receives the images."""
 
 import contextlib
 import queue
@@ -13,11 +13,11 @@ from . import acquisitions, nifti, raw, runtime, stream
 from .files import Staged
 from .stream import StreamError
 
-#: Acquisitions that are sent at once.
+#: Acquisitions that are sent together.
 BATCH = 64
-#: Bytes of one image at most.
+#: Largest size of an image in bytes.
 PIXELS = 1 << 31
-#: Seconds at most until the thread that sends has ended, once its connection is shut.
+#: Longest wait in seconds for the sending thread to end after its connection was closed.
 STOPPING = 5
 
 
@@ -36,7 +36,7 @@ def send(arguments):
         arguments.realtime,
         arguments.timeout,
     )
-    print(f"{len(images)} images came back")
+    print(f"{len(images)} images received")
     if arguments.output:
         write(arguments.output, images)
 
@@ -56,7 +56,7 @@ class Sender:
         self._found = raw.contents(path, group=group)
 
     def exchange(self, address, config="", parameters=None, realtime=False, timeout=300.0):
-        """Send the file and return the images that come: (header, attributes, pixels) each.
+        """Send the file and return the received images: (header, attributes, pixels) each.
 
         Raises
         ------
@@ -82,7 +82,7 @@ class Sender:
             try:
                 images = list(_images(connection))
             except BaseException:
-                # A process that ends while its sender is in compiled code would be aborted.
+                # A process that ends while its sending thread runs compiled code would be aborted.
                 with contextlib.suppress(OSError):
                     peer.shutdown(socket.SHUT_RDWR)
                 sender.join(STOPPING)
@@ -96,7 +96,7 @@ class Sender:
         try:
             for message in self.messages(config, parameters, realtime):
                 connection.send(message)
-        except StreamError as error:  # the server's own words, if any, tell more
+        except StreamError as error:  # the message of the server, if there is one, says more
             failed.put(error)
 
     def messages(self, config="", parameters=None, realtime=False):
@@ -116,16 +116,16 @@ class Sender:
 
     def _times(self):
         """Seconds from the first acquisition to each: their time stamps, or TR by TR."""
-        heads, header = self._found.heads, self._found.header
-        stamps = heads["acquisition_time_stamp"].astype(float)
+        headers, header = self._found.headers, self._found.header
+        stamps = headers["acquisition_time_stamp"].astype(float)
         if np.ptp(stamps) > 0:
             return (stamps - stamps[0]) * acquisitions.TICK / 1000
         within = self._found.scan.shape[4] * self._found.scan.shape[5]  # lines of one TR
-        return np.arange(heads.size) * (header.tr[0] if header.tr else 0.0) / 1000 / within
+        return np.arange(headers.size) * (header.tr[0] if header.tr else 0.0) / 1000 / within
 
 
 def _images(connection):
-    """Images up to the server's CLOSE; its lines go to stderr, an error ends it."""
+    """Images until the server's CLOSE; its messages go to stderr, an error ends it."""
     while True:
         for message in connection.receive():
             if message is None:
@@ -150,10 +150,10 @@ def _tell(words):
 
 
 def write(path, images):
-    """Write the first series as a NIfTI file, magnitudes where they are complex."""
+    """Write the first series as a NIfTI file; complex images become magnitudes."""
     series = [image for image in images if image[0]["image_series_index"] == 1]
     if not series:
-        raise StreamError("no images came back")
+        raise StreamError("no images were received")
     volumes = assembled(series)
     with Staged() as staged:
         target = staged.path(path)
@@ -183,7 +183,7 @@ def _values(attributes, pixels):
 
 
 def affine(series):
-    """From voxel indices to mm towards right, anterior and superior, as the headers have it."""
+    """Affine from voxel indices to mm (right, anterior, superior), from the headers."""
     ordered = {int(head["slice"]): head for head, _, _ in series}
     head, last = ordered[min(ordered)], ordered[max(ordered)]
     size = head["field_of_view"].astype(float) / head["matrix_size"]

@@ -1,7 +1,7 @@
 """The command ``ctessel serve``: images while the scan runs.
 
-The server listens, and makes a process for each connection: what a peer does to it is over when it
-ends, its memory included. See docs/live.md.
+The server listens, and starts a process for each connection. Whatever a peer does affects only this
+process, and its memory is released when it ends. See docs/live.md.
 """
 
 import argparse
@@ -21,9 +21,9 @@ from . import job, options, runtime, stream
 from .earlier import Shelf
 from .session import Session
 
-#: Refused connections that are given time to read why.
+#: Number of refused connections that get time to read the reason.
 REFUSED = 64
-#: Seconds for that, and for a session to end once it is told to.
+#: Seconds for that, and for a session to end after its signal.
 GRACE = 5.0
 
 
@@ -36,7 +36,7 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _steps():
-    """A parser of the steps' options alone."""
+    """A parser of only the steps' options."""
     parser = _Parser(add_help=False, allow_abbrev=False)
     options.add_steps(parser)
     options.add_answers(parser)
@@ -45,10 +45,9 @@ def _steps():
 
 @dataclass
 class Settings:
-    """What sessions do where their stream does not say it.
+    """Defaults of sessions; their stream may change them.
 
-    `words` and the values of `configs` are long options of the steps without their dashes, with a
-    list of words each.
+    `words` and the values of `configs` map long options of the steps, without dashes, to lists of words.
     """
 
     words: dict = field(default_factory=dict)
@@ -60,7 +59,7 @@ class Settings:
     shelf: Shelf | None = None  # noise scans of earlier connections
 
     def changed(self, words, named, log, trusted=False):
-        """`words` with what is named in a dict; what cannot be used is told to `log`, and left."""
+        """`words`, changed by the options of a dict; `log` gets a line for each unusable option."""
         for name, value in named.items():
             try:
                 option, texts = _words(name, value, trusted)
@@ -83,14 +82,14 @@ class Settings:
 
 
 def _words(name, value, trusted):
-    """An option and its words, None where a flag is off; ValueError unless it can be used."""
+    """An option and its words, None if a flag is off; ValueError if it is unusable."""
     option = str(name).lstrip("-").replace("_", "-")
     parser = _steps()
     action = parser._option_string_actions.get(f"--{option}")
     if action is None:
         raise ValueError("recon has no such option")
     if option in ("geometry", "maps") and not trusted:
-        raise ValueError("files are named on the server, by its command or a configuration")
+        raise ValueError("only the server's command or a configuration can name files")
     if action.nargs == 0:
         if str(value).lower() not in ("true", "false", "1", "0", "yes", "no"):
             raise ValueError("expected true or false")
@@ -101,7 +100,7 @@ def _words(name, value, trusted):
 
 
 def _given(arguments):
-    """Options of the steps that a command was given, and their words."""
+    """Options of the steps from the arguments of a command, and their words."""
     given = {}
     for action in _steps()._actions:
         value = getattr(arguments, action.dest)
@@ -142,8 +141,8 @@ def session(source, settings, name, target=None):
         source, stream.TO_SERVER, settings.timeout, target, waveforms=bool(settings.save)
     )
     made = Session(connection, settings, lambda text: log(f"{name}: {text}"), name)
-    came = made.run()
-    log(f"{name}: {made.report.text() if came else 'closed before a header came'}")
+    received = made.run()
+    log(f"{name}: {made.report.text() if received else 'closed before a header was received'}")
     return made.report
 
 
@@ -162,7 +161,7 @@ class Server:
 
     def run(self):
         """Serve until a signal ends it."""
-        # A signal that comes between two looks wakes the loop up through this pipe.
+        # A signal between two polls wakes the loop up through this pipe.
         wake, waker = os.pipe()
         os.set_blocking(wake, False)
         os.set_blocking(waker, False)
@@ -228,7 +227,7 @@ class Server:
         self._refused[peer] = time.monotonic() + GRACE
 
     def _let_go(self):
-        """Close refused connections once they have read why: unread data would take that away."""
+        """Close refused connections after they have read the reason: closing with unread data discards it."""
         for peer, deadline in list(self._refused.items()):
             try:
                 left = peer.recv(1 << 16) and time.monotonic() < deadline
@@ -241,13 +240,13 @@ class Server:
                 peer.close()
 
     def _serve(self, peer, name):
-        """The process of one connection, which ends here."""
+        """The process of one connection; it ends with this function."""
         code = 1
         try:
             signal.set_wakeup_fd(-1)
             signal.signal(signal.SIGCHLD, signal.SIG_DFL)
             signal.signal(signal.SIGTERM, _end_session)
-            signal.signal(signal.SIGINT, signal.SIG_IGN)  # the server's, which ends its sessions
+            signal.signal(signal.SIGINT, signal.SIG_IGN)  # the handlers of the server, which end its sessions
             self._listener.close()
             for other in self._refused:
                 other.close()
@@ -257,7 +256,7 @@ class Server:
         except SystemExit as end:
             code = end.code
         except BaseException as error:
-            log(f"{name}: fault of ctessel, {type(error).__name__}: {error}")
+            log(f"{name}: internal error of ctessel, {type(error).__name__}: {error}")
         finally:
             os._exit(code)
 
@@ -280,7 +279,7 @@ def _end_session(*_):
 
 
 def _close(peer):
-    """Close a connection once the other end has, or after a while: what is unread would be lost."""
+    """Close a connection after the peer, or after a while: unread data would be lost."""
     with contextlib.suppress(OSError):
         peer.shutdown(socket.SHUT_WR)
         peer.settimeout(GRACE)
@@ -297,7 +296,7 @@ def serve(arguments):
         _given(arguments), dict(read_config(text, log) for text in arguments.config),
         arguments.save, arguments.threads, arguments.timeout,
     )  # fmt: skip
-    settings.options(settings.words)  # refuses now what no scan can have
+    settings.options(settings.words)  # raises errors that would affect every scan
     if arguments.stdio:
         return int(bool(session(0, settings, time.strftime("%Y%m%dT%H%M%S"), target=1).error))
     server = Server(arguments.host, arguments.port, settings, arguments.connections)

@@ -1,8 +1,8 @@
-"""One scan through a connection: raw data come in, images go out while it still runs.
+"""One scan through a connection: raw data arrive, and images are sent while the scan runs.
 
-Messages are received by a thread of their own, so that the sender need not wait for a
-reconstruction. What of the scan is complete is reconstructed at once where nothing that follows can
-change it, the rest at the end; both with the bits that the same data have as a file.
+A separate thread receives messages, so that the sender does not wait for reconstructions. Images are
+reconstructed as soon as they are complete and no later data can change them, the others at the end. All
+have the bits of the same data in a file.
 """
 
 import contextlib
@@ -24,17 +24,17 @@ from .plan import plan as make_plan
 from .reconstruct import Block, blocks, single, straightened
 from .stream import StreamError
 
-#: Samples that may be held beyond twice those that the header promises.
+#: Bytes of samples that may be held in addition to twice those that the header announces.
 SPARE = 256 << 20
-#: Samples of images that have been sent are given back once more than this is held.
+#: If more bytes are held, samples of images that were sent are released.
 KEPT = 256 << 20
-#: Bytes that a reconstruction may take for each byte of samples.
+#: Bytes that a reconstruction may use for each byte of samples.
 PROPORTION = 64
-#: Sensitivities that are kept for later repetitions.
+#: Number of sensitivities that are kept for later repetitions.
 BASES = 512 << 20
-#: What streams can cause; all else is a fault of the system itself.
+#: Errors that streams can cause; all others are internal errors.
 CAUSED = (ValueError, RuntimeError, MemoryError, runtime.DoesNotFitError)
-#: Coils where the header does not say how many there are.
+#: Number of coils if the header does not state it.
 MOST_COILS = 1024
 
 
@@ -72,7 +72,7 @@ class Session:
     ----------
     connection : Connection
     settings : Settings
-        What is done where the stream does not say it.
+        Defaults for options that the stream does not state.
     log : callable
         Takes lines for the server's log.
     name : str
@@ -86,7 +86,7 @@ class Session:
         self._header = self._chosen = self._measurement = None
 
     def run(self):
-        """Serve the connection to its end; returns whether a scan came."""
+        """Serve the connection to its end; returns whether a scan was received."""
         begun = time.monotonic()
         try:
             if not self._begin():
@@ -107,7 +107,7 @@ class Session:
     def _complain(self, error):
         words = " ".join(str(error).split()) or type(error).__name__
         if not isinstance(error, CAUSED):
-            words = f"fault of ctessel, {type(error).__name__}: {words}"
+            words = f"internal error of ctessel, {type(error).__name__}: {words}"
         self.report.error = self.report.error or words
         self._log(f"error: {words}")
         with contextlib.suppress(StreamError):
@@ -120,7 +120,7 @@ class Session:
     # ---- Before the first line -------------------------------------------------------------------
 
     def _begin(self):
-        """Receive up to the header. Returns whether it came."""
+        """Receive messages up to the header. Returns whether it was received."""
         while self._header is None:
             for message in self.connection.receive():
                 if message is None or message[0] == stream.CLOSE:
@@ -133,7 +133,7 @@ class Session:
         return True
 
     def _allow(self):
-        """Set what the header allows to be held."""
+        """Set the limit of memory from the header."""
         root, coils = allow(self._header, self.connection.acquisitions)
         self._measurement, noise = earlier.named(root)
         if noise:
@@ -144,18 +144,18 @@ class Session:
                 self._settings.bits = int(value) if value.isdigit() else self._settings.bits
 
     def _other(self, message):
-        """A message that is neither header nor data."""
+        """Handle a message that is neither header nor data."""
         number, head, body = message[0], message[1], message[2].tobytes()
         if number == stream.CONFIG_FILE:
             self._configure(head.rstrip(b"\0").decode(errors="replace"))
         elif number == stream.CONFIG_TEXT:
-            self._log("a configuration as text is not used; the options of the command are")
+            self._log("a configuration as text is not used; the options of the command are used")
         elif number == stream.TEXT:
             self._parameters(stream.parameters(body))
         elif number == stream.QUERY:
             self.connection.send(stream.response(head, "Unknown query"))
         elif number == stream.HEADER:
-            raise StreamError("a second header; one connection is for one scan")
+            raise StreamError("a second header; a connection has one scan")
 
     def _configure(self, name):
         if name in self._settings.configs:
@@ -190,7 +190,7 @@ class Session:
 
     @contextlib.contextmanager
     def _saving(self):
-        """What keeps the raw data, or does nothing."""
+        """The object that writes the raw data, or does nothing."""
         if not self._settings.save:
             yield _NoFile()
             return
@@ -199,7 +199,7 @@ class Session:
             yield _File(files, path, self._header.decode(), self._warn)
 
     def _receive(self, events, save):
-        """Hand on what comes, until the stream ends; the raw data are kept on the way."""
+        """Pass on messages until the stream ends, and write the raw data."""
         try:
             known = fetched = len(self.connection.acquisitions)
             while True:
@@ -208,12 +208,12 @@ class Session:
                 now, count = time.monotonic(), len(acquisitions)
                 if count > known:
                     first = 0 if known == fetched else known
-                    heads = acquisitions.heads(first, count - first).view(HEAD)[:, 0]
-                    if known == fetched and not self._suits(heads[:fetched], heads[fetched]):
-                        heads["flags"][:fetched] = NOT_IMAGING
+                    headers = acquisitions.heads(first, count - first).view(HEAD)[:, 0]
+                    if known == fetched and not self._suits(headers[:fetched], headers[fetched]):
+                        headers["flags"][:fetched] = NOT_IMAGING
                         first = fetched
                     save.append(acquisitions, first, count)
-                    events.put(("lines", heads, now))
+                    events.put(("lines", headers, now))
                     known = count
                 for message in messages:
                     if message is None:
@@ -228,17 +228,17 @@ class Session:
             events.put(("error", error, 0.0))
 
     def _fetch_noise(self, name, coils):
-        """Let the noise scan of an earlier connection come, too, if it has at most these coils."""
+        """Add the noise scan of an earlier connection, if it has at most these coils."""
         try:
             if not self._settings.shelf:
                 raise ValueError("noise scans of earlier connections are not kept here")
             with self._settings.shelf.open(name, coils) as file:
                 self.connection.acquisitions.receive(file.fileno(), 0.0)
         except ValueError as error:
-            self._warn(f"{error}; without it, unless the scan has one of its own")
+            self._warn(f"{error}; the scan is reconstructed without it, unless it has its own")
 
     def _suits(self, noise, line):
-        """Whether an earlier connection's noise scan is that of a scan with this first line."""
+        """Whether the noise scan of an earlier connection suits a scan with this first line."""
         if not noise.size or line["flags"] & NOISE:  # of its own
             return False
         coils = noise["active_channels"][0], line["active_channels"]
@@ -249,10 +249,10 @@ class Session:
         return coils[0] == coils[1]
 
     def keep_noise(self, numbers):
-        """Keep acquisitions, which are a noise scan, for later connections."""
+        """Keep the acquisitions of a noise scan for later connections."""
         try:
             if not self._settings.shelf:
-                raise ValueError("no later connection will ask for it")
+                raise ValueError("no later connection can ask for it")
             self._settings.shelf.keep(self._measurement, self.connection.acquisitions, numbers)
         except (ValueError, OSError) as error:
             self._warn(f"the noise scan is not kept: {error}")
@@ -287,14 +287,14 @@ class Session:
             self._complain(error)
 
     def forget_all(self):
-        """Give back the samples of a scan that is not reconstructed any more."""
+        """Release the samples of a scan that will not be reconstructed."""
         if not self._settings.save:
             self.connection.acquisitions.forget(np.arange(len(self.connection.acquisitions)))
 
-    # ---- What the scan asks for ------------------------------------------------------------------
+    # ---- Options of the scan ---------------------------------------------------------------------
 
     def options(self):
-        """Options of the reconstruction, kind of pixels, maps, bits of pixels; fixed from now on."""
+        """Options of the reconstruction, kind of pixels, maps, bits of pixels; later messages cannot change them."""
         self._chosen = self._chosen or (*self._settings.options(self._words), self._settings.bits)
         return self._chosen
 
@@ -303,7 +303,7 @@ class Session:
 
 
 def allow(header, acquisitions):
-    """Set what may be held of a scan with this header; returns its root, and the most coils."""
+    """Set the limit of memory for a scan with this header; returns its root, and the largest number of coils."""
     root = stream.parse_xml(header)
     parse(header)
     coils = root.findtext("{*}acquisitionSystemInformation/{*}receiverChannels", "0")
@@ -327,7 +327,7 @@ def received(source, path, group="dataset"):
     Raises
     ------
     StreamError
-        It is no stream, or is cut.
+        It is not a stream, or is incomplete.
     """
     connection = stream.Connection(source, stream.TO_SERVER, 1e6)
     acquisitions, writer, known, ended = connection.acquisitions, None, 0, False
@@ -351,7 +351,7 @@ def received(source, path, group="dataset"):
 
 
 def _lines(encoding):
-    """Samples of one coil that an encoding promises."""
+    """Number of samples of one coil that an encoding announces."""
     count = 1
     for axis in "xyz":
         text = encoding.findtext(f"{{*}}encodedSpace/{{*}}matrixSize/{{*}}{axis}", "1")
@@ -363,26 +363,26 @@ def _lines(encoding):
 
 
 class Scan:
-    """The images of a session: what is reconstructed early, and what at the end."""
+    """The images of a session, reconstructed early or at the end."""
 
     def __init__(self, session):
         self._session, self._acquisitions = session, session.connection.acquisitions
-        self._heads, self._parts, self._room = np.zeros(0, HEAD), [], np.zeros(0, HEAD)
+        self._headers, self._parts, self._room = np.zeros(0, HEAD), [], np.zeros(0, HEAD)
         self._forecast = self._pictures = None
         self._hopeless = False
         self._sent, self._waiting = {}, []
-        self._shared, self._stacks, self._told, self._made = {}, {}, set(), {}
+        self._shared, self._stacks, self._warned, self._made = {}, {}, set(), {}
 
-    def arrive(self, heads, now):
-        """Take note of new acquisitions; send what they complete."""
-        self._parts.append(heads)
+    def arrive(self, headers, now):
+        """Register new acquisitions; send images that they complete."""
+        self._parts.append(headers)
         if self._hopeless or not self._worth():
             return
         self._join()
         try:
             if self._forecast is None:
                 self._start()
-            self._waiting += self._forecast.arrive(self._heads)
+            self._waiting += self._forecast.arrive(self._headers)
         except ValueError as error:
             self._give_up(error)
             return
@@ -393,28 +393,28 @@ class Scan:
         self._forecast.prepare(self._shared)
 
     def _worth(self):
-        """Whether new headers may complete an image: they end a slice, or a forecast counts."""
+        """Whether new headers may complete an image: they end a slice, or a forecast counts lines."""
         return self._forecast is not None or any(
             (part["flags"] & LAST).any() or part["repetition"].any() for part in self._parts
         )
 
     def _join(self):
-        """Add new headers to the others, in an array that grows by more than they need."""
-        first, count = self._heads.size, self._heads.size + sum(part.size for part in self._parts)
+        """Append new headers to an array that grows in larger steps."""
+        first, count = self._headers.size, self._headers.size + sum(part.size for part in self._parts)
         if count > self._room.size:
             self._room = np.zeros(2 * count, HEAD)
-            self._room[:first] = self._heads
+            self._room[:first] = self._headers
         np.concatenate([*self._parts, np.zeros(0, HEAD)], out=self._room[first:count])
-        self._heads, self._parts = self._room[:count], []
+        self._headers, self._parts = self._room[:count], []
 
     def _start(self):
         options, kind, _, bits = self._session.options()
-        self._forecast = Forecast(self._session.header, self._heads, self._acquisitions, options)
+        self._forecast = Forecast(self._session.header, self._headers, self._acquisitions, options)
         self._check(self._forecast.plan)
         self._open(self._forecast.plan, self._forecast.header, kind, bits)
 
     def _check(self, plan):
-        """Refuse a header whose matrix is out of all proportion to the lines that have come."""
+        """Raise an error if the matrix size of the header is out of proportion to the received lines."""
         needed = plan.memory()
         if needed > SPARE + PROPORTION * self._acquisitions.received:
             raise ValueError(
@@ -431,13 +431,13 @@ class Scan:
     def _tell(self, plan):
         """Send the warnings of a plan, each once."""
         for words in plan.warnings:
-            if words not in self._told:
+            if words not in self._warned:
                 self._session.warn(words)
-            self._told.add(words)
+            self._warned.add(words)
 
     def _give_up(self, error):
-        """Nothing goes out early any more; before a forecast, the next lines may make one."""
-        if self._forecast is None and self._heads.size < UNCLEAR:
+        """Send no more images early; if there was no forecast yet, later lines may still allow one."""
+        if self._forecast is None and self._headers.size < UNCLEAR:
             return
         self._hopeless = True
         self._session.log(f"images wait for the end of the scan: {error}")
@@ -446,12 +446,12 @@ class Scan:
         forecast = self._forecast
         block = Block(index, np.array([repetition]), forecast.pattern(repetition))
         self._sent[index, repetition] = forecast.image(index, repetition)[1]
-        self._reconstruct(forecast, forecast.plan, block, self._heads, now)
+        self._reconstruct(forecast, forecast.plan, block, self._headers, now)
         self._session.report.early += 1
         if self._acquisitions.held > KEPT and repetition > forecast.last_calibrating:
             self._acquisitions.forget(self._sent[index, repetition])
 
-    def _reconstruct(self, source, plan, block, heads, now):
+    def _reconstruct(self, source, plan, block, headers, now):
         key = (block.slice, block.pattern)
         while sum(map(_bytes, self._shared.values())) > BASES and key not in self._shared:
             del self._shared[next(iter(self._shared))]
@@ -460,11 +460,11 @@ class Scan:
             one = {"image": made["image"][..., at : at + 1]}
             if "snr" in self._session.options()[2]:
                 self._made[block.slice, repetition] = np.abs(one["image"][..., 0])
-            head = heads[source.image(block.slice, repetition)[1][0]]
+            head = headers[source.image(block.slice, repetition)[1][0]]
             self._deliver(plan, block.slice, repetition, (one, head, now))
 
     def _deliver(self, plan, index, repetition, image):
-        """Send an image; where slices are bent, once those of its repetition are complete."""
+        """Send an image; with a correction across slices, wait for all slices of its repetition."""
         if not plan.stack:
             self._pictures.add(index, repetition, *image)
             return
@@ -481,23 +481,23 @@ class Scan:
             self._pictures.add(at, repetition, one, head, now)
 
     def _note(self, arrived):
-        """An image has been sent whose last line came at that time."""
+        """Record that an image was sent, and when its last line was received."""
         if arrived is not None:
             self._session.report.latencies.append(time.monotonic() - arrived)
 
     # ---- The end ---------------------------------------------------------------------------------
 
     def finish(self, now):
-        """Reconstruct what has not been sent."""
+        """Reconstruct images that were not sent yet."""
         self._join()
         report = self._session.report
-        report.acquisitions = self._heads.size
-        if not self._heads.size:
+        report.acquisitions = self._headers.size
+        if not self._headers.size:
             raise StreamError("a scan without acquisitions")
-        own = np.flatnonzero(self._heads["flags"] & NOT_IMAGING == 0)
-        if own.size and (self._heads["flags"][own] & NOISE != 0).all():
+        own = np.flatnonzero(self._headers["flags"] & NOT_IMAGING == 0)
+        if own.size and (self._headers["flags"][own] & NOISE != 0).all():
             return self._session.keep_noise(own)
-        found = contents(self._session.header, self._heads)
+        found = contents(self._session.header, self._headers)
         options, kind, maps, bits = self._session.options()
         source = Arrived(self._acquisitions, found, options.threads)
         plan = make_plan(source.layout, options)
@@ -506,25 +506,25 @@ class Scan:
             self._open(plan, found.header, kind, bits)
         elif not self._holds(plan, source):
             self._session.warn(
-                "images went out before what changes them was measured; all are sent again"
+                "later lines changed images that were sent; all are sent again"
             )
             self._sent, self._stacks = {}, {}
             self._open(plan, found.header, kind, bits)
         self._tell(plan)
-        self._shared = {}  # patterns have other numbers
+        self._shared = {}  # patterns may have other numbers
         for block in blocks(plan):
             left = [r for r in block.repetitions.tolist() if (block.slice, r) not in self._sent]
             if left:
                 part = Block(block.slice, np.array(left), block.pattern)
-                self._reconstruct(source, plan, part, self._heads, now)
+                self._reconstruct(source, plan, part, self._headers, now)
         self._pictures.finish()
         if maps:
             self._send_maps(plan, source, maps)
         report.images, report.clipped = self._pictures.count, self._pictures.clipped
         if report.clipped:
             self._session.warn(
-                f"{report.clipped} pixels were brighter than the scale of the first volume allows "
-                "and have been clipped"
+                f"{report.clipped} pixels exceed the scale of the first volume "
+                "and were clipped"
             )
 
     def _send_maps(self, plan, source, names):
@@ -535,11 +535,11 @@ class Scan:
             return
         for name, values in made.items():
             for index in plan.kept[0]:
-                head = self._heads[source.image(index, 0)[1][0]]
+                head = self._headers[source.image(index, 0)[1][0]]
                 self._pictures.add_map(name, index, values[:, :, :, index], head)
 
     def _magnitudes(self, plan):
-        """The images that were made, where maps need them."""
+        """The images of the session, if maps need them."""
         image = np.zeros(plan.image_shape, np.float32, order="F")
         for (index, repetition), values in self._made.items():
             image[:, :, :, index, :, repetition] = values
@@ -555,14 +555,14 @@ class Scan:
 
 
 def _bytes(value):
-    """Memory of arrays, in whatever they are."""
+    """Bytes of the arrays in a nested object."""
     if isinstance(value, np.ndarray):
         return value.nbytes
     parts = value if isinstance(value, (list, tuple)) else getattr(value, "__dict__", {}).values()
     return sum(map(_bytes, parts))
 
 
-# ---- Raw data that are kept ----------------------------------------------------------------------
+# ---- Raw data ------------------------------------------------------------------------------------
 
 
 class _NoFile:
@@ -577,7 +577,7 @@ class _NoFile:
 
 
 class _File:
-    """A file of the raw data, written as they come, which appears once it is complete."""
+    """A file of the raw data, written while they arrive; it appears when it is complete."""
 
     def __init__(self, files, path, header, warn):
         self._files, self._path, self._warn = files, path, warn
@@ -588,7 +588,7 @@ class _File:
             self._write(self._writer.append, *acquisitions.as_sent(number))
 
     def _write(self, append, *arguments):
-        """Images are made all the same where the file cannot be written."""
+        """Writes the file; if it cannot be written, images are still made."""
         try:
             if self._writer:
                 append(*arguments)

@@ -1,6 +1,6 @@
 """3-D scans in slabs of x: once the readout is transformed, all steps are independent along it.
 
-Held at once are k-space, the image, and a few slabs, whose size `ctessel.plan.BLOCK` gives.
+Memory holds k-space, the image, and a few slabs; `ctessel.plan.BLOCK` sets their size.
 """
 
 from dataclasses import dataclass, replace
@@ -29,8 +29,8 @@ from .steps import (
 def transformed(plan, pattern, frames, overwrite, shared=False):
     """Lines of a volume with the readout transformed: ``(x, y, z, coil, echo, repetition)``.
 
-    Where coils are weighted, with the grid of the unfolded image along x; else with that of the
-    image. `frames` may be overwritten where that is allowed; a new array is `shared` with workers.
+    If coils are weighted, x has the grid of the unfolded image, otherwise that of the image. `frames` may
+    be overwritten if that is allowed; a new array is `shared` with workers.
     """
     extent = plan.readout if pattern.weighted else plan.matrix[0]
     kept = plan.choice.kept if plan.choice else range(frames.shape[3])
@@ -41,7 +41,7 @@ def transformed(plan, pattern, frames, overwrite, shared=False):
         out = runtime.shared_zeros(shape)
     else:
         out = np.empty(shape, np.complex64, order="F")
-    for coil, *others in np.ndindex(shape[3:]):  # a coil at a time; none lies before its own place
+    for coil, *others in np.ndindex(shape[3:]):  # one coil at a time; each moves forward or stays
         line = np.array(frames[(..., kept[coil], *others)], order="F")
         out[(..., coil, *others)] = _readout(plan, pattern, line)
     return out
@@ -61,12 +61,12 @@ def _readout(plan, pattern, lines):
 
 
 def weights(plan, pattern):
-    """What the variance of each plane across the readout, of noise that is independent along x, gives to
-    those of the image: ``(image's x, x)``."""
+    """Contributions of the variance of each plane across the readout to those of the image, for noise
+    that is independent along x: ``(image's x, x)``."""
     n = plan.readout if pattern.weighted else plan.matrix[0]
     if pattern.weighted and plan.completes_slabs(pattern):
         return np.eye(n)
-    if not pattern.weighted:  # filter and size are behind it
+    if not pattern.weighted:  # filter and padding come later
         each = _readout(plan, pattern, np.eye(plan.shape[0], dtype=np.complex64)[:, :, None])
         return np.diag((np.abs(each[:, :, 0]) ** 2).sum(1))
     lines = to_kspace(np.eye(n, dtype=np.complex64)[:, :, None], (0,))
@@ -82,14 +82,14 @@ def edges(plan, pattern, extent):
     return [slice(x, min(x + width, extent)) for x in range(0, extent, width)]
 
 
-#: Voxels of a volume whose sensitivities are to be found: without object, in it where the eigenvalue
-#: says so, and in it.
+#: Kinds of voxels of a volume for sensitivities: outside of the object, inside if the eigenvalue says so,
+#: and inside.
 EMPTY, DIM, BRIGHT = range(3)
 
 
 @dataclass
 class Sensitivities:
-    """What maps of a slab are made of: its low-resolution lines, and what its voxels are."""
+    """Input for the maps of a slab: its low-resolution lines, and the kinds of its voxels."""
 
     lines: np.ndarray | None  # (x, y, z, coil): x transformed, under a window; None: not weighted
     voxels: np.ndarray | None = None  # (x, y, z) of int8; None: all count
@@ -131,9 +131,9 @@ class Sensitivities:
 
 
 def sensitivities(plan, pattern, calibration):
-    """Those of a volume, and the root-mean-square level of its low-resolution image.
+    """Sensitivities of a volume, and the root-mean-square intensity of its low-resolution image.
 
-    `calibration` are its calibration lines, ``(x, y, z, coil)``, the readout cut to its field.
+    `calibration` are its calibration lines, ``(x, y, z, coil)``, with the readout cut to its field.
     """
     threads, mask = plan.options.threads, plan.options.mask
     lines = low_resolution(calibration, (WINDOW, 0, 0), threads=threads)

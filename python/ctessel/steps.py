@@ -15,22 +15,23 @@ from ._helpers import sa
 from ._sense import sense_recon
 from .sampling import alias_offsets, fold_lines, shifted_axis, shifts
 
-#: Share of the voxels that are taken for noise alone.
+#: Share of the voxels that count as pure noise.
 DARK = 0.05
-#: Readout samples of the calibration that sensitivities need, whatever the lines.
+#: Readout samples of the calibration that sensitivities need, for any number of lines.
 WINDOW_LINES = 24
-#: Eigenvalue of a voxel from which on it is inside of the object.
+#: A voxel is inside of the object if its eigenvalue is at least this.
 CROP = 0.8
 #: Kernel of the maps of large slices. A larger one takes up to twice the time; errors of measured heads
 #: stay within half a percent.
 KERNEL = 5
-#: That of smaller slices, which take little time: a phantom of 64 x 64, R = 3, is 3.1 % off with 5, 2.6 % with 6.
+#: Kernel of smaller slices, which take little time: for a 64 x 64 phantom, R = 3, the error is 3.1 % with 5
+#: and 2.6 % with 6.
 SMALL_KERNEL = 6
-#: Extent of an axis from which on maps of slices are found at every other voxel, linear between.
+#: Along axes of at least this extent, maps of slices are computed at every other voxel and interpolated.
 COARSE = 96
-#: Kernel of the planes of volumes: nothing is lost with calibration lines along two axes.
+#: Kernel of the planes of volumes; with ACS lines along two axes a larger one gains nothing.
 PLANE_KERNEL = 4
-#: Strength of the window over calibration lines against ringing.
+#: Strength of the window against ringing over calibration lines.
 WINDOW = 0.9
 
 
@@ -42,8 +43,8 @@ def noise_covariance(noise, bandwidth_ratio=1.0):
     noise : ndarray of complex64, ``(sample, coil)``
         Samples without signal.
     bandwidth_ratio : float, optional
-        Dwell time of the noise scan over that of the image, times its averages: variance goes with
-        the bandwidth.
+        Dwell time of the noise scan, divided by that of the image and by its averages: variance is
+        proportional to the bandwidth.
 
     Returns
     -------
@@ -106,7 +107,7 @@ def whiten(kspace, covariance):
 
 
 def sensitivity_maps(calibration, size, *, window=WINDOW, mask=0.05, threads=None):
-    """Coil sensitivities from low-resolution k-space, and the image that they belong to.
+    """Coil sensitivities from low-resolution k-space, and their combined image.
 
     Each coil's low-resolution image is divided by the combination of all: their root sum of
     squares with the phase of the coils' weighted sum, so that the unfolded image keeps that phase.
@@ -114,15 +115,15 @@ def sensitivity_maps(calibration, size, *, window=WINDOW, mask=0.05, threads=Non
     Parameters
     ----------
     calibration : ndarray of complex64, ``(x, y, z, coil)``
-        Fully measured lines around k = 0, which lies at ``N // 2``.
+        Fully sampled lines around k = 0, which is at ``N // 2``.
     size : sequence of 3 int
         Extents of the maps, over the field of view of the calibration lines.
     window : float, optional
         Strength of the window against ringing, see `ctessel.ringing_filter`.
     mask : float, optional
-        Share of the brightest magnitude below which a voxel counts as outside the object; such
-        voxels have real part 0 in coil 0, as `ctessel.sense_recon` expects. The object is filled
-        and grown by a few voxels. 0 keeps every voxel.
+        Voxels below this share of the brightest magnitude count as outside of the object. Their coil 0 has
+        real part 0, as `ctessel.sense_recon` expects. The object is filled and grown by a few voxels.
+        0 keeps every voxel.
     threads : int, optional
 
     Returns
@@ -151,7 +152,7 @@ def low_resolution(calibration, window=WINDOW, threads=None):
 def relative_maps(images, threads=None):
     """Sensitivities from low-resolution coil images, which are overwritten; see `sensitivity_maps`.
 
-    All voxels are taken for the object's.
+    All voxels count as inside of the object.
     """
     combined = pcsos(images, threads=threads)
     return _relative(images, combined, None), combined
@@ -160,7 +161,7 @@ def relative_maps(images, threads=None):
 def _relative(images, combined, inside):
     empty = combined == 0
     images *= (1 / np.where(empty, np.complex64(1), combined))[..., None]
-    # All zeros would be a singular matrix.
+    # A matrix of zeros would be singular.
     images[empty] = 1 / np.sqrt(np.float32(images.shape[3]))
     if inside is not None:
         # The kernel may still use such a voxel for other columns: the imaginary parts stay.
@@ -177,20 +178,20 @@ def object_mask(magnitude, threshold):
 
 
 def eigen_maps(calibration, size, *, mask=0.05, threads=None):
-    """Coil sensitivities as eigenvectors of the calibration data, and the image they belong to.
+    """Coil sensitivities as eigenvectors of the calibration data, and their combined image.
 
-    Maps are those of `ctessel.espirit`; of volumes those of each plane across the readout, which is
-    measured in full. Voxels are inside of the object where the eigenvalue says so, or where the
-    low-resolution image is bright.
+    Maps are those of `ctessel.espirit`. In volumes each plane across the fully sampled readout has its own
+    maps. A voxel is inside of the object if its eigenvalue is large, or if the low-resolution image is
+    bright.
 
     Parameters
     ----------
     calibration : ndarray of complex64, ``(x, y, z, coil)``
-        Fully measured lines around k = 0, which lies at ``N // 2``.
+        Fully sampled lines around k = 0, which is at ``N // 2``.
     size : sequence of 3 int
         Extents of the maps, over the field of view of the calibration lines.
     mask : float, optional
-        Share of the brightest magnitude from which on a voxel counts as inside.
+        Voxels above this share of the brightest magnitude count as inside.
     threads : int, optional
 
     Returns
@@ -229,7 +230,7 @@ def _slice_maps(lines, size, threads):
 
 
 def _finer(a, n, axis):
-    """Values at `n` places of an axis, between those of a coarser grid over the same periodic field."""
+    """Values at `n` places of an axis, interpolated from a coarser grid over the same periodic field."""
     m = a.shape[axis]
     if m == n:
         return a
@@ -245,7 +246,7 @@ def _planes(calibration, size, threads):
 
 
 def plane_maps(lines, size, planes=None, threads=None):
-    """Maps and eigenvalues of each plane across the readout, which is transformed; or of some."""
+    """Maps and eigenvalues of planes across the readout, which is transformed."""
     maps = np.zeros((*size, lines.shape[3]), np.complex64, order="F")
     values = np.zeros(size, np.float32, order="F")
     for x in range(size[0]) if planes is None else planes:
@@ -262,8 +263,8 @@ def plane_maps(lines, size, planes=None, threads=None):
 
 
 def calibration_residual(maps, images):
-    """What of calibration data the maps do not explain, which shows motion and fields of view that are
-    too small.
+    """The part of the calibration data that the maps do not explain; it shows motion, and fields of view
+    that are too small.
 
     Parameters
     ----------
@@ -287,13 +288,14 @@ def calibration_residual(maps, images):
 
 
 def damping(calibration, inside, weighted=False, threads=None):
-    """Variance of the noise over that of the image, for `unfold`.
+    """Variance of the noise divided by that of the image, for `unfold`.
 
     Parameters
     ----------
     calibration : ndarray of complex64, ``(x, y, z, coil)``
-        Its lines. Without a noise scan the noise is at most what the ends of their readouts hold, and
-        what the darkest voxels show, where the coils' mean power is the lower tail of its distribution.
+        Its lines. Without a noise scan, two estimates limit the noise from above: the ends of their
+        readouts, and the darkest voxels, where the mean power of the coils is the lower tail of its
+        distribution.
     inside : ndarray
         Values of the image in the object.
     weighted : bool, optional
@@ -314,7 +316,7 @@ def damping(calibration, inside, weighted=False, threads=None):
 
 
 def folded_image(lines, lattices, threads=None):
-    """Image of the regular lines alone: what `unfold` takes.
+    """Image of only the regular lines, the input of `unfold`.
 
     Parameters
     ----------
@@ -331,13 +333,13 @@ def folded_image(lines, lattices, threads=None):
     folded, own = fold_lines(lines, lattices), shifted_axis(lattices)
     if own is None:
         return to_image(folded, (1, 2), threads, overwrite=True)
-    # Between both transforms the lines get back the places along the shifted axis that the grid does
-    # not know; aliases are then whole voxels apart.
+    # Between the transforms, phases move the lines along the shifted axis to their measured places, which the
+    # grid ignores. Offsets of aliases are then whole voxels.
     folded = to_image(folded, (1 + own,), threads, overwrite=True)
     lattice = lattices[own]
     places = np.arange(lattice.folded) - lattice.folded // 2
-    turns = np.multiply.outer(places, shifts(lattices)) / (lattice.folded * lattice.step)
-    ramp = np.exp(2j * np.pi * (turns if own == 0 else turns.T)).astype(np.complex64)
+    cycles = np.multiply.outer(places, shifts(lattices)) / (lattice.folded * lattice.step)
+    ramp = np.exp(2j * np.pi * (cycles if own == 0 else cycles.T)).astype(np.complex64)
     folded *= ramp.reshape(1, *ramp.shape, *[1] * (folded.ndim - 3))
     return to_image(folded, (2 - own,), threads, overwrite=True)
 
@@ -359,34 +361,34 @@ def unfold(
     Parameters
     ----------
     folded : ndarray of complex64, ``(x, folded y, folded z, coil, ...)``
-        What `folded_image` makes; one location.
+        Result of `folded_image`; one location.
     maps : ndarray of complex64, ``(x, y, z, coil)``
     lattices : sequence of two Lattice
         For y and z.
     covariance : ndarray of complex64, ``(coil, coil)``, optional
         Of the noise; by default the identity.
     expected : ndarray of complex64 or float32, ``(x, y, z)``, optional
-        Image whose magnitude is the expected signal; switches the regularisation on.
+        Image with the expected signal as magnitude; it switches on the regularisation.
     strength : float, optional
-        Of the regularisation: divides the expected signal level.
+        Of the regularisation: divides the expected signal intensity.
     levels : tuple of two float, optional
-        Root-mean-square levels of the folded data and of the expected image of the whole scan, of
-        which `folded` is a part. By default those of the arguments.
+        Root-mean-square intensities of the folded data and of the expected image of the whole scan, if
+        `folded` is a part of it. By default those of the arguments.
     damping : float, optional
-        Without `expected`: what is added to the diagonal of every voxel's equations. Of maps whose
-        squares sum to 1 it is the variance of the noise over that of the image. More than 0 also
-        lets maps be 0 in all coils.
+        Without `expected`: added to the diagonal of every voxel's equations. If the squares of the maps
+        sum to 1, it is the variance of the noise divided by that of the image. If it is above 0, maps
+        may be 0 in all coils.
     threads : int, optional
 
     Returns
     -------
     ndarray of complex64, ``(x, y, z, ...)``
-        Unfolded image, scaled like the image of fully measured lines.
+        Unfolded image, scaled like the image of a fully sampled scan.
 
     Notes
     -----
-    The kernel weighs with the level of all that it is given, that of a coil. A part of a scan gets
-    the weight of the whole as that level is divided out.
+    The weight in the kernel depends on the intensity of its input. This intensity is divided out, so that
+    a part of a scan gets the weight of the whole.
 
     References
     ----------
@@ -404,13 +406,13 @@ def unfold(
         threads=threads,
         **weight,
     )
-    np.copyto(image, 0, where=~np.isfinite(image))  # aliases of which none has a sensitivity
+    np.copyto(image, 0, where=~np.isfinite(image))  # aliases without any sensitivity
     image *= np.float32(np.sqrt(np.prod([float(lattice.reduction) for lattice in lattices])))
     return _restore_phase(image, lattices)
 
 
 def _weight(folded, maps, expected, strength, levels, damping):
-    """Arguments of the kernel that switch the regularisation on, if it is to be."""
+    """Arguments of the kernel that switch on the regularisation, if it is used."""
     level = sa(folded)
     if not level > 0 or (expected is None and not damping > 0):
         return {}
@@ -418,22 +420,22 @@ def _weight(folded, maps, expected, strength, levels, damping):
         reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
     else:
         reference = reference_level(*(levels or (level, sa(expected))), strength, folded.shape[3])
-    # With the level for a scale the weight depends on nothing that a part of a scan changes.
+    # With the intensity as scale, the weight is the same for every part of a scan.
     return {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32), "scale": level}
 
 
 def reference_level(whole, expected, strength, coils):
-    """Level of the expected image in one coil over that of the data, times the strength."""
+    """Intensity of the expected image in one coil, divided by that of the data, times the strength."""
     return strength * expected / whole / np.sqrt(coils)
 
 
 def _restore_phase(image, lattices):
-    """Lines that miss k = 0 by an offset leave a linear phase."""
+    """Remove the linear phase of lines with an offset from k = 0."""
     for axis, lattice in enumerate(lattices, 1):
         if lattice.offset:
             place = np.arange(lattice.full) - lattice.full // 2
-            turns = place * lattice.offset / (lattice.folded * lattice.step)
-            phase = np.exp(2j * np.pi * turns).astype(np.complex64)
+            cycles = place * lattice.offset / (lattice.folded * lattice.step)
+            phase = np.exp(2j * np.pi * cycles).astype(np.complex64)
             image *= phase.reshape((-1,) + (1,) * (image.ndim - axis - 1))
     return image
 
@@ -453,13 +455,13 @@ def homodyne_recon(
     kspace : ndarray of complex64, ``(x, y, z, ...)``
         Centred k-space, 0 where nothing was measured.
     ranges : sequence of 3 (tuple of two int, or None)
-        First and last measured line of each axis from k = 0. Either side may be missing: where it
-        is the positive one, which the filter rejects, the axis is mirrored and the image back.
+        First and last measured line of each axis from k = 0. Either side may be missing. The filter rejects
+        a missing positive side, so the axis is mirrored, and the image is mirrored back.
     field : sequence of 3 int, optional
         Central extents of the image to keep.
     threads : int, optional
     axes : sequence of int, optional
-        Those that are still to be transformed; `ranges` of others are None.
+        Axes that are not transformed yet; `ranges` of the others are None.
 
     Returns
     -------
@@ -478,8 +480,8 @@ def homodyne_recon(
 
 
 def homodyne_images(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2)):
-    """The two images of homodyne: that of the weighted lines, and the low-resolution one, whose phase is
-    to be removed from it; None where no axis can be used. See `homodyne_recon`.
+    """The two images of homodyne: that of the weighted lines, and the low-resolution one with the phase to
+    remove. The latter is None if no axis can be used. See `homodyne_recon`.
     """
     kspace = np.asanyarray(kspace)
     usable = usable_ranges(kspace.shape, ranges)
@@ -498,7 +500,7 @@ def homodyne_images(kspace, ranges, *, field=None, threads=None, axes=(0, 1, 2))
     if mirrored:
         low, image = flip(low, mirrored), flip(image, mirrored)
     low, image = _cut(low, field), _cut(image, field)
-    low[low == 0] = 1  # without a phase to remove
+    low[low == 0] = 1  # no phase to remove
     return image, low
 
 
@@ -511,7 +513,7 @@ def _mirror(lines):
 
 
 def usable_ranges(shape, ranges):
-    """The ranges that homodyne can use on a grid: cut to it, None where too little was measured."""
+    """The ranges that homodyne can use on a grid, clipped to it; None if too little was measured."""
     usable = []
     for n, lines in zip(shape, ranges):
         if lines is not None:

@@ -1,7 +1,7 @@
-"""k-space as an array of a file: which of its lines were measured, and their samples.
+"""k-space as an array in a file: its measured lines, and their samples.
 
-Which lines were measured is read from the samples. Every measured line gets a header of an acquisition,
-from which `ctessel.acquisitions.survey` goes on as for ISMRMRD's files.
+The samples show which lines were measured. Every measured line gets the header of an acquisition, so that
+`ctessel.acquisitions.survey` works as for ISMRMRD files.
 """
 
 import math
@@ -15,7 +15,7 @@ from .acquisitions import DefectError, survey
 from .fourier import to_kspace
 from .scan import Header, Limit, times_text
 
-#: What a user may call a format, and its name for people.
+#: Names of formats for options, and for texts.
 NAMES = {
     "ismrmrd": "ISMRMRD",
     "fastmri": "fastMRI",
@@ -25,11 +25,11 @@ NAMES = {
     "cfl": "BART cfl",
     "matlab": "MATLAB",
 }
-#: Names of the axes that an array can have; averages of a line become their mean.
+#: Names of the axes of an array; averages of a line are replaced by their mean.
 AXES = ("x", "y", "z", "coil", "slice", "echo", "repetition", "average")
-#: Bytes of a file that are read at once, unless a single line of all coils has more.
+#: Bytes of a file that are read together, unless a single line of all coils has more.
 UNIT = 32 << 20
-#: What h5py raises for files that HDF5 cannot make sense of.
+#: Exceptions of h5py for files that HDF5 cannot read.
 UNREADABLE = (OSError, KeyError, TypeError, ValueError, RuntimeError)
 _COUNTERS = {"slice": "slice", "echo": "contrast", "repetition": "repetition", "average": "average"}
 
@@ -40,28 +40,28 @@ class Opened:
 
     path: str
     format: str
-    file: object  # what reads lines: as `Lines`
+    file: object  # reads lines, like `Lines`
     encodings: list[Header]
-    heads: np.ndarray
-    told: tuple[str, ...] = ()  # what the user may not expect, a line each
+    headers: np.ndarray
+    notes: tuple[str, ...] = ()  # warnings, one line each
     found: object = None
-    stated: bool = True  # the file says how large its field of view is
+    stated: bool = True  # the file has a field of view
 
 
 @dataclass
 class Stored:
-    """An array of a file, and what is known about it. Of `axes` the last one varies fastest."""
+    """An array of a file, and its properties. The last one of `axes` varies fastest."""
 
     format: str
-    data: object  # what is indexed for samples: a data set, a memory map, an array
+    data: object  # source of samples: a data set, a memory map, an array
     axes: tuple[str, ...]
     header: Header | None = None
-    pairs: bool = False  # real and imaginary parts take turns along the last axis
-    transformed: bool = False  # the readout is an image already
-    mask: np.ndarray | None = None  # lines along y that the file calls measured
-    shifted: bool | None = False  # k = 0 of y and z is the first line; None: the samples tell
-    text: bytes | None = None  # the header in full
-    told: list[str] = field(default_factory=list)
+    pairs: bool = False  # real and imaginary parts alternate along the last axis
+    transformed: bool = False  # the readout is already an image
+    mask: np.ndarray | None = None  # mask of measured lines along y in the file
+    shifted: bool | None = False  # k = 0 of y and z is the first line; None: the samples decide
+    text: bytes | None = None  # the complete header
+    notes: list[str] = field(default_factory=list)
 
     def __post_init__(self):
         if len(self.data.shape) != len(self.axes):
@@ -85,23 +85,23 @@ class Stored:
 
 @dataclass(frozen=True)
 class Found:
-    """What the samples of an array tell. Workers get it, so that they need not read all of them."""
+    """Facts from the samples of an array. Workers get them, so that they need not read all samples."""
 
-    lines: bytes  # bits: which ones were measured, in the order of the file
+    lines: bytes  # bits: measured lines, in the order of the file
     first: int  # sample of the readout that is not zero
     last: int
     shifted: bool  # k = 0 of y and z is the first line
 
 
 def unreadable(error):
-    """What h5py raised, in a line; a `DefectError` as it is."""
+    """An error of h5py in one line; a `DefectError` does not change."""
     if isinstance(error, DefectError):
         return error
     return DefectError(f"its samples cannot be read ({' '.join(str(error).split())[:160]})", "copy it again")
 
 
 def plain_header(matrix, fov, limits=None):
-    """Header of a scan of which the extents (x, y, z) alone are known."""
+    """Header of a scan with known extents (x, y, z) and nothing else."""
     whole = {name: Limit(0, n - 1, n // 2) for name, n in zip("xyz", matrix)}
     return Header(tuple(matrix), tuple(fov), tuple(matrix), tuple(fov), {**whole, **(limits or {})})
 
@@ -110,32 +110,32 @@ def lines(path, stored, given):
     """The file as `survey` takes it; `given` is `ctessel.formats.Given`."""
     reader = Lines(stored)
     reader.found = given.found[0] or _look(reader)
-    measured, told = reader.measured(), list(stored.told)
+    measured, notes = reader.measured(), list(stored.notes)
     if stored.mask is not None:
         measured, more = _masked(measured, stored)
-        told += more
+        notes += more
     if not measured.any():
         raise DefectError("all its samples are zero", "copy it again")
     if stored.shifted is None:
-        told.append(_corner_words(reader, measured))
+        notes.append(_corner_words(reader, measured))
     header, more, stated = _header(reader, measured, given)
-    heads = reader.number(measured, _start(given, stored.extents))
-    return Opened(path, NAMES[stored.format], reader, [header], heads, (*told, *more), reader.found, stated)
+    headers = reader.number(measured, _start(given, stored.extents))
+    return Opened(path, NAMES[stored.format], reader, [header], headers, (*notes, *more), reader.found, stated)
 
 
 def _three(values, extents, default):
-    """Values of x, y and z, of which y alone, y and z, or all are given."""
+    """Values of x, y and z; y, y and z, or all three are given."""
     given = {1: ("y",), 2: ("y", "z"), 3: ("x", "y", "z")}[len(values or ())] if values else ()
     return [values[given.index(a)] if a in given else default(a, extents[a]) for a in "xyz"]
 
 
 def _start(given, extents):
-    """Which sample of x is k = 0."""
+    """The sample along x that is k = 0."""
     return _three(given.centre, extents, lambda _, n: n // 2)[0]
 
 
 def _header(reader, measured, given):
-    """The header of the scan, what is to be told about it, and whether the file states the field of view."""
+    """The header of the scan, notes about it, and whether the file has a field of view."""
     stored, extents = reader.stored, reader.stored.extents
     if stored.header is not None:
         if given.fov or given.lines or given.centre:
@@ -147,14 +147,14 @@ def _header(reader, measured, given):
     least = [n if c == n // 2 else 2 * max(c, n - c) for n, c in zip(sizes, centre)]
     matrix = _three(given.lines, extents, lambda axis, _: least["xyz".index(axis)])
     _check_matrix(matrix, centre, extents)
-    told = []
+    notes = []
     if given.fov is None:
-        told.append("the file has no field of view; voxels of 1 mm are taken; name it with --fov X Y Z (mm)")
+        notes.append("the file has no field of view; voxels of 1 mm are assumed; state it with --fov X Y Z (mm)")
     header = plain_header(matrix, given.fov or [float(n) for n in matrix])
     for axis, name in ((1, "y"), (2, "z")):
         at = reader.places(name)[reader.index(measured, name)]
         header.limits[name] = Limit(int(at.min()), int(at.max()), centre[axis])
-    return header, told, given.fov is not None
+    return header, notes, given.fov is not None
 
 
 def _check_matrix(matrix, centre, extents):
@@ -162,24 +162,24 @@ def _check_matrix(matrix, centre, extents):
         if c - n // 2 > 0 or extents[name] - 1 - c > (n - 1) // 2:
             raise DefectError(
                 f"its {extents[name]} samples along {name} with k = 0 at {c} reach beyond a matrix of {n}",
-                "mend --lines or --centre",
+                "fix --lines or --centre",
             )
 
 
 def _masked(measured, stored):
-    """Lines that the file's mask and its samples agree on, and what is to be told."""
+    """Lines in the file's mask that have samples, and notes."""
     shape = [-1 if name == "y" else 1 for name in _line_axes(stored.axes)]
     mask = stored.mask.reshape(shape)
     beside = int((measured & ~mask).any(tuple(i for i, n in enumerate(shape) if n == 1)).sum())
-    told = [f"{beside} lines that the file's mask leaves out have samples; they are not used"] if beside else []
-    return measured & mask, told
+    notes = [f"{beside} lines outside of the file's mask have samples; they are not used"] if beside else []
+    return measured & mask, notes
 
 
 def _corner_words(reader, measured):
     where = "in the corner" if reader.found.shifted else "in the middle"
     empty = np.flatnonzero(~np.isin(np.arange(reader.stored.extents["z"]), reader.index(measured, "z")))
     lines = f"lines {empty[0]} to {empty[-1]} along z are zero" if empty.size else "no line along z is zero"
-    return f"k = 0 of y and z lies {where} of the array by the energy of its lines; {lines}, and count as not measured"
+    return f"k = 0 of y and z is {where} of the array by the energy of its lines; {lines}, and count as not measured"
 
 
 def _line_axes(axes):
@@ -212,7 +212,7 @@ def _look(reader):
 
 
 def _in_corner(energy):
-    """Whether the strongest line is nearer to the first one than to the middle, both ways round."""
+    """Whether the strongest line is nearer to the first one than to the middle, cyclically."""
     at = np.unravel_index(energy.argmax(), energy.shape)
     away = [min(i, n - i) / n for i, n in zip(at, energy.shape)]
     return sum(away) < 0.25 * len(away)
@@ -229,7 +229,7 @@ class Lines:
         self._kept = (None, None)
 
     def _split(self):
-        """Parts that lie side by side in the file: one index of the outer axes, some of the next."""
+        """Parts that are contiguous in the file: one index of the outer axes, some of the next."""
         extents = self.stored.extents
         inner = 8 * extents["x"] * extents["coil"] * math.prod(self.shape)
         for outer, n in enumerate(self.shape):
@@ -241,7 +241,7 @@ class Lines:
         self.units = math.prod(self._counts)
 
     def box(self, unit):
-        """Slices of the axes of lines that a part has."""
+        """Slices of the axes of lines for a part."""
         at = np.unravel_index(unit, self._counts)
         box = [slice(int(i), int(i) + 1) for i in at]
         first = int(at[-1]) * self._step
@@ -267,7 +267,7 @@ class Lines:
         return samples
 
     def measured(self):
-        """Which lines have samples, by the axes of the file."""
+        """Lines with samples, by the axes of the file."""
         bits = np.frombuffer(self.found.lines, np.uint8)
         return np.unpackbits(bits, count=math.prod(self.shape)).astype(bool).reshape(self.shape)
 
@@ -278,29 +278,29 @@ class Lines:
         return np.nonzero(measured)[self.axes.index(name)]
 
     def places(self, name):
-        """Number of each line along y or z: its place, k = 0 moved to the middle where it is not there."""
+        """Number of each line along y or z: its place, with k = 0 moved to the middle."""
         n = self.stored.extents[name]
         return (np.arange(n) + (n // 2 if self.found.shifted else 0)) % n
 
     def number(self, measured, centre):
         """Headers of the measured lines, in the order of the file."""
         runtime.check(3 * HEAD.itemsize * np.count_nonzero(measured), "the list of its lines", "is its matrix right?")
-        heads = np.zeros(np.count_nonzero(measured), HEAD)
+        headers = np.zeros(np.count_nonzero(measured), HEAD)
         found = self.found
-        heads["number_of_samples"] = found.last - found.first + 1
-        heads["center_sample"] = centre - found.first
-        heads["active_channels"] = heads["available_channels"] = self.stored.extents["coil"]
+        headers["number_of_samples"] = found.last - found.first + 1
+        headers["center_sample"] = centre - found.first
+        headers["active_channels"] = headers["available_channels"] = self.stored.extents["coil"]
         for step, name in ((1, "y"), (2, "z")):
-            heads[f"kspace_encode_step_{step}"] = self.places(name)[self.index(measured, name)]
+            headers[f"kspace_encode_step_{step}"] = self.places(name)[self.index(measured, name)]
         for name, counter in _COUNTERS.items():
-            heads[counter] = self.index(measured, name)
+            headers[counter] = self.index(measured, name)
         self._at = np.nonzero(measured)
         count = [self._at[axis] for axis in range(self._outer)]
         self._of = np.ravel_multi_index([*count, self._at[self._outer] // self._step], self._counts)
-        return heads
+        return headers
 
     def read(self, numbers):
-        """Lines of these numbers, which grow."""
+        """Lines of these numbers, in ascending order."""
         extents = self.stored.extents
         block = np.empty((extents["x"], extents["coil"], len(numbers)), np.complex64, order="F")
         units = self._of[numbers]
@@ -316,12 +316,12 @@ class Lines:
 
 
 def plain(samples, pairs=False):
-    """complex64 of what a file holds, parts side by side or as fields; real numbers stay as they are."""
+    """Samples of a file as complex64, from pairs of parts or fields; real numbers do not change."""
     samples = np.asarray(samples)
     if samples.dtype.kind in "biuf" and not pairs:
         return samples
     if not samples.dtype.names and not pairs:
-        with np.errstate(over="ignore"):  # what is too large is not finite then, and refused
+        with np.errstate(over="ignore"):  # values that are too large become infinite, and are refused
             return samples.astype(np.complex64, copy=False)
     names = sorted(samples.dtype.names or (), reverse=True)
     real, imag = (samples[name] for name in names) if names else (samples[..., ::2], samples[..., 1::2])
@@ -343,7 +343,7 @@ class Block:
         return self.lines[:, :, np.searchsorted(self.numbers, number)]
 
     def put(self, numbers, *, x, array, offsets, coil_axis, turn, add):
-        """Put lines to where they start in an array, from sample `x` on."""
+        """Put lines into an array, from their offsets and from sample `x` on."""
         from ._raw import put
 
         at = np.searchsorted(self.numbers, numbers)
@@ -352,40 +352,40 @@ class Block:
             put(lines, array, offsets=offsets, coil_axis=coil_axis, turn=(turn + int(x[0])) % array.shape[0], add=add)
 
 
-# ---- Calibration in a file of its own ------------------------------------------------------------
+# ---- Separate calibration in a second file -------------------------------------------------------
 
 
 def joined(scan, calibration, part=None, skip=()):
-    """A scan and what calibrates it, as one `Opened`; `part` and `skip` are those of `survey`.
+    """A scan and its separate calibration, as one `Opened`; `part` and `skip` are those of `survey`.
 
-    Calibration lines of the scan itself that complete its images stay, a calibration scan in it is left out.
+    ACS lines of the scan stay in its images; a separate calibration in the file of the scan is left out.
     """
-    found = survey(scan.encodings, scan.heads, part, skip)
-    first, second = scan.heads.copy(), calibration.heads.copy()
+    found = survey(scan.encodings, scan.headers, part, skip)
+    first, second = scan.headers.copy(), calibration.headers.copy()
     flagged = first["flags"] & (CALIBRATION | CALIBRATION_AND_IMAGING) != 0
     first["flags"][flagged & (found.role == IMAGING)] &= ~CALIBRATION
     first["flags"][flagged & (found.role != IMAGING)] |= NOT_IMAGING
     kept = np.flatnonzero(second["flags"] & (NOT_IMAGING | NOISE) == 0)
     if not kept.size:
-        raise DefectError("the file of its calibration scan holds no lines of k-space", "name another one")
+        raise DefectError("the file of its separate calibration has no lines of k-space", "name another one")
     second = second[kept]
     second["flags"] = CALIBRATION
     second["encoding_space_ref"] += len(scan.encodings)
-    encodings, told = list(calibration.encodings), calibration.told
+    encodings, notes = list(calibration.encodings), calibration.notes
     if not calibration.stated:
         encodings = [replace(e, encoded_fov=scan.encodings[0].encoded_fov) for e in encodings]
-        told = ("it has no field of view; that of the scan is taken",)
+        notes = ("it has no field of view; that of the scan is used",)
     return replace(
         scan,
         file=_Both(scan.file, calibration.file, len(first), kept),
         encodings=[*scan.encodings, *encodings],
-        heads=np.concatenate([first, second]),
-        told=(*scan.told, *(f"calibration: {text}" for text in told)),
+        headers=np.concatenate([first, second]),
+        notes=(*scan.notes, *(f"calibration: {text}" for text in notes)),
     )
 
 
 class _Both:
-    """Lines of two files, those of the second one counted on."""
+    """Lines of two files; numbers of the second one follow those of the first."""
 
     def __init__(self, first, second, count, kept):
         self._files, self._count, self._kept = (first, second), count, kept
@@ -398,7 +398,7 @@ class _Both:
         return _Blocks([file.read(n) for file, n in zip(self._files, (numbers[:at], of_second))], self)
 
     def own(self, numbers):
-        """Which file a number is of, and its number there."""
+        """The file of a number, and the number in that file."""
         second = np.asarray(numbers) >= self._count
         return second, np.where(second, self._kept[(numbers - self._count) * second], numbers)
 

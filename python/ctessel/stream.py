@@ -1,7 +1,7 @@
 """ISMRMRD's streaming protocol: messages, headers of images, and the two ends of a connection.
 
-Every message is an id (uint16), a part whose length follows from the id, and a part whose length
-stands in the first one; all little endian, packed. See https://ismrmrd.github.io.
+Every message is an id (uint16), a part with a length that follows from the id, and a part with a length
+that is stored in the first part. All is little endian and packed. See https://ismrmrd.github.io.
 
 >>> attributes({"DataRole": ["Image"], "WindowWidth": ["2047"]})[:38]
 b'<ismrmrdMeta><meta><name>DataRole</nam'
@@ -29,10 +29,10 @@ __all__ = [
 PORT = 9002
 CONFIG_FILE, CONFIG_TEXT, HEADER, CLOSE, TEXT, QUERY, RESPONSE, ERROR = range(1, 9)
 ACQUISITION, IMAGE, WAVEFORM = 1008, 1022, 1026
-#: What each end may be sent.
+#: Messages that each end accepts.
 TO_SERVER = (CONFIG_FILE, CONFIG_TEXT, HEADER, CLOSE, TEXT, QUERY, ACQUISITION, WAVEFORM)
 TO_CLIENT = (CLOSE, TEXT, QUERY, RESPONSE, ERROR, IMAGE)
-#: Bytes of a text at most; headers of long scans with many waveforms have some hundred thousand.
+#: Largest size of a text in bytes; headers of long scans with many waveforms have some hundred thousand.
 LONGEST_TEXT = 4 << 20
 
 #: Header of an image, without gaps.
@@ -46,7 +46,7 @@ IMAGE_HEAD = np.dtype([
     ("image_index", "<u2"), ("image_series_index", "<u2"), ("user_int", "<i4", 8),
     ("user_float", "<f4", 8), ("attribute_string_len", "<u4"),
 ])  # fmt: skip
-#: Header of a waveform, aligned unlike the others.
+#: Header of a waveform; unlike the others it is aligned.
 WAVEFORM_HEAD = np.dtype({
     "names": ["version", "flags", "measurement_uid", "scan_counter", "time_stamp",
               "number_of_samples", "channels", "sample_time_us", "waveform_id"],
@@ -59,7 +59,7 @@ MAGNITUDE, PHASE, REAL, IMAGINARY, COMPLEX = range(1, 6)
 
 
 class StreamError(ValueError):
-    """A peer does not keep to the protocol, or does not answer. One line."""
+    """A peer violates the protocol, or does not answer. One line."""
 
 
 # ---- Messages ------------------------------------------------------------------------------------
@@ -140,7 +140,7 @@ def attributes(values):
         meta = ElementTree.SubElement(root, "meta")
         ElementTree.SubElement(meta, "name").text = name
         for value in each:
-            # Characters that XML cannot hold come with names that people typed at a scanner.
+            # Names that people typed at a scanner may have characters that XML does not allow.
             clean = re.sub("[^\t\n\r\x20-\ud7ff\ue000-\ufffd\U00010000-\U0010ffff]", " ", value)
             ElementTree.SubElement(meta, "value").text = clean
     return ElementTree.tostring(root)
@@ -158,11 +158,11 @@ def parse_attributes(xml):
 
 
 def parse_xml(xml):
-    """The root of an XML text; with a document type it is refused: entities may grow forever."""
+    """The root of an XML text; a document type is refused, because entities may expand without limit."""
     try:
         words = xml.rstrip(b"\0").decode()
         if "<!DOCTYPE" in words or "<!ENTITY" in words:
-            raise StreamError("XML with a document type, which is not read; send it without one")
+            raise StreamError("XML with a document type is not read; send it without one")
         return ElementTree.fromstring(words)
     except (UnicodeDecodeError, ElementTree.ParseError, ValueError) as error:
         if isinstance(error, StreamError):
@@ -171,7 +171,7 @@ def parse_xml(xml):
 
 
 def parameters(words):
-    """The parameters that a TEXT holds: a dict, or None where it holds none.
+    """The parameters in a TEXT: a dict, or None if it has none.
 
     >>> parameters(b'{"parameters": {"config": "default", "ringing": 0.5}}\\0')
     {'config': 'default', 'ringing': 0.5}
@@ -194,15 +194,15 @@ class Connection:
     Parameters
     ----------
     source : socket or int
-        What is received from; a socket is also sent to.
+        Source of messages; a socket is also their target.
     accepted : sequence of int
-        Ids of the messages that may come.
+        Ids of accepted messages.
     timeout : float
-        Seconds without a complete message, or without room for what is sent, that end it.
+        The connection ends after this time in seconds without a complete message, or without room to send.
     target : int, optional
-        File that is sent to.
+        File descriptor for sending.
     waveforms : bool, optional
-        Hand on waveforms as well; otherwise they are read and forgotten.
+        Pass on waveforms as well; otherwise they are dropped.
     """
 
     def __init__(self, source, accepted, timeout, target=None, waveforms=False):
@@ -210,7 +210,7 @@ class Connection:
         self._source = source if self._socket is None else source.fileno()
         self._target, self._timeout = target, timeout
         self._lock = threading.Lock()  # a message stays in one piece
-        #: The acquisitions that have come.
+        #: The acquisitions that were received.
         self.acquisitions = raw.binding("stream").Stream(list(accepted), LONGEST_TEXT, waveforms)
         if self._socket:
             self._socket.settimeout(timeout)
@@ -218,9 +218,9 @@ class Connection:
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1)
 
     def receive(self):
-        """What has come: (id, header, rest) of each message but acquisitions, None at the end.
+        """Received messages except acquisitions: (id, header, rest) of each, None at the end.
 
-        Empty where there are acquisitions alone.
+        Empty if only acquisitions were received.
         """
         try:
             return self.acquisitions.receive(self._source, self._timeout)
@@ -230,7 +230,7 @@ class Connection:
             raise StreamError(str(error)) from None
 
     def send(self, *buffers):
-        """Send buffers one after the other, nothing of other threads between them."""
+        """Send buffers one after the other; other threads wait meanwhile."""
         with self._lock:
             for buffer in buffers:
                 self._send(memoryview(buffer).cast("B"))

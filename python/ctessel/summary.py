@@ -9,26 +9,26 @@ import numpy as np
 from . import __version__, methods, page, phantom, png, raw, report
 from .scan import printable
 
-#: Maps that a reconstruction may have made: their names for people, colours from and to, what to look for.
+#: Maps of a reconstruction: title, range of colours, what to look for.
 _MAPS = {
-    "g": ("g-factor", 1.0, None, "How much noise the unfolding adds: 1 is none, above 2 is much. Highest where coils see alike."),
-    "snr": ("SNR", 0.0, None, "Image over the standard deviation of its noise. Below 3 nothing can be told from noise."),
-    "sd": ("Standard deviation of the noise", 0.0, None, "In the unit of the image. It should be smooth."),
-    "condition": ("Condition of the unfolding", 1.0, None, "How far small errors grow. It should be small inside the object."),
+    "g": ("g-factor", 1.0, None, "How much unfolding raises the noise: 1 is best, above 2 is much. High where sensitivities are similar."),
+    "snr": ("SNR", 0.0, None, "Image divided by the standard deviation of its noise. Below 3, signal is lost in noise."),
+    "sd": ("Standard deviation of the noise", 0.0, None, "In units of the image. It should be smooth."),
+    "condition": ("Condition of the unfolding", 1.0, None, "How much errors can grow. It should be small inside the object."),
     "residual": ("Residual", 0.0, None, "What the sensitivities do not explain of the calibration. It should look like noise, without edges."),
 }  # fmt: skip
 
 
 @dataclass
 class Run:
-    """What a report is about."""
+    """Content of a report."""
 
     found: raw.Contents
     plan: object
     result: object
     seen: object  # ctessel.inspection.Seen
-    noise: dict  # maps of noise, of all slices or of the one that is shown
-    lacking: str  # why there are no others
+    noise: dict  # maps of noise, of all slices or of the slice in the report
+    lacking: str  # why the others are missing
     affine: np.ndarray
     command: str
 
@@ -43,7 +43,7 @@ def write(path, run):
     made.section("Images", page.figures(_images(made, run)))
     _volumes(made, run)
     made.section("k-space and coils", page.figures(_steps(made, run)))
-    lacking = f"<p>Maps that are not here: {page.escaped(run.lacking)}.</p>" if run.lacking else ""
+    lacking = f"<p>Maps that are missing here: {page.escaped(run.lacking)}.</p>" if run.lacking else ""
     made.section("Noise", page.figures(_noise(made, run)), lacking)
     _figures(made, run.result.parameters)
     _methods(made, run)
@@ -86,18 +86,18 @@ def _images(made, run):
     all_planes = report.planes(image)
     if all_planes.shape[2] > 1:
         yield _picture(made, png.mosaic(all_planes), field, f"Images of {all_planes.shape[2]} planes, magnitude",
-                       f"Planes, at most 36 of {all_planes.shape[2]}, of the first echo and repetition. Look for planes "
-                       "of another brightness.")  # fmt: skip
+                       f"Planes (at most 36 of {all_planes.shape[2]}), first echo and repetition. Look for planes "
+                       "with a different brightness.")  # fmt: skip
     yield _picture(made, np.abs(_plane(run, image)), field, f"Image of {where}, magnitude",
                    f"Image, {where}, first echo and repetition. Look for ghosts and folded edges.")  # fmt: skip
     phase = _plane(run, image) if np.iscomplexobj(image) else run.seen.phase
     if phase is not None:
         weight = np.clip(np.abs(phase) / png.usual_top(np.abs(phase)), 0, 1) ** 0.5
-        turned = png.fitted(png.square(np.angle(phase), field), most=10**6)
-        shown = png.phase(turned, png.fitted(png.square(weight, field), most=10**6))
+        angles = png.fitted(png.square(np.angle(phase), field), most=10**6)
+        shown = png.phase(angles, png.fitted(png.square(weight, field), most=10**6))
         block = -(-max(shown.shape[:2]) // 360)
         yield made.figure(shown[::block, ::block], f"Phase of {where} in colours, dark where the image is dark",
-                          "Phase of the combined image, a turn of colours a turn. It should be smooth within tissue.")  # fmt: skip
+                          "Phase of the combined image; the colours repeat every 2 pi. It should be smooth within tissue.")  # fmt: skip
     yield from _errors(made, run)
 
 
@@ -106,7 +106,7 @@ def _where(run):
 
 
 def _errors(made, run):
-    """The error of a phantom's image, whose truth is known."""
+    """The error of the image of a phantom, which is known."""
     truth = phantom.known_truth(run.found.header)
     if truth is None or truth.shape[:3] != run.result.image.shape[:3]:
         return
@@ -116,7 +116,7 @@ def _errors(made, run):
     got = got * (np.vdot(got, want) / (np.vdot(got, got) or 1.0))
     error = np.linalg.norm(got - want) / np.linalg.norm(want)
     yield _picture(made, np.abs(got - want), run.result.field, "Magnitude of the error of the image",
-                   f"Error against the phantom's known image, five times as bright: {100 * error:.2g} % of it. Look for "
+                   f"Difference from the known image of the phantom, five times as bright: {100 * error:.2g} % of it. Look for "
                    "edges (ringing), folded copies, and noise.", high=png.usual_top(want) / 5)  # fmt: skip
 
 
@@ -125,12 +125,12 @@ def _steps(made, run):
     energy = np.log10(np.maximum(seen.energy, float(seen.energy.max()) * 1e-8 or 1.0))
     yield made.figure(png.grey(png.fitted(energy), low=energy.min(), high=energy.max()),
                       "Energy of k-space on a logarithmic scale, readout to the right",
-                      "Energy of k-space (kx to the right, ky downwards; sum over the coils, eight decades). It should "
+                      "Energy of k-space: kx to the right, ky downwards; sum over the coils, eight decades. It should "
                       "peak in the middle; isolated bright lines or points are spikes.")  # fmt: skip
     yield _sampling(made, run)
     coils = seen.coils.shape[2]
     yield _picture(made, png.mosaic(seen.coils), field, f"Images of {coils} coils, magnitude",
-                   f"What {coils} of {run.plan.measured_shape[3]} coil{'s' * (coils > 1)} measured, missing lines as zeros, {_where(run)}. A black "
+                   f"Images of {coils} of {run.plan.measured_shape[3]} coil{'s' * (coils > 1)}, zero-filled, {_where(run)}. A black "
                    f"or noisy one is a defective coil. {_left_out(run.plan)}".rstrip())  # fmt: skip
     if seen.maps is not None:
         yield _picture(made, png.mosaic(seen.maps), field, f"Sensitivity maps of {seen.maps.shape[2]} coils, magnitude",
@@ -138,9 +138,9 @@ def _steps(made, run):
     left_out = run.plan.parameters.get("left_out", [])
     used = [coil for coil in range(coils) if coil not in left_out]
     plain = np.sqrt((seen.coils[..., used] ** 2).sum(-1)) if seen.zero is None else _plane_of_zero(run)
-    yield _picture(made, plain, field, "Image of the measured lines alone, zero-filled",
-                   "The same plane before any unfolding or prediction: measured lines, zeros for the others, root sum "
-                   "of squares. The image above should be free of its folds.")  # fmt: skip
+    yield _picture(made, plain, field, "Zero-filled image of the measured lines",
+                   "The same plane before unfolding and prediction: measured lines, zeros for the others, root sum "
+                   "of squares. The image above should not have its folding.")  # fmt: skip
 
 
 def _left_out(plan):
@@ -182,7 +182,7 @@ def _noise(made, run):
         level = np.maximum(level, 1e-6 * level.max() or 1.0)  # coils without noise are no division by 0
         correlation = np.abs(covariance) / np.outer(level, level)
         shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
-                                 f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their levels differ by a factor "
+                                 f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their amplitudes differ by a factor "
                                  f"of {level.max() / level.min():.2g}; a coil far off is defective."))  # fmt: skip
     for name, values in run.noise.items():
         title, low, high, caption = _MAPS[name]
@@ -201,13 +201,13 @@ def _planes(values):
     return "all slices" if values.shape[3] > 1 else "one slice"
 
 
-#: Figures of a run, one for each slice and pattern of lines: their names, and what they mean.
+#: Figures of a run, one for each slice and sampling pattern: their names, and what they mean.
 _FIGURES = {
     "prediction": ("Roughness of the phase: partial Fourier", "The outermost quarter of the lines on the short side of "
-                   "k = 0 was hidden and predicted. Error of the prediction over the size of the lines: below 1 the "
-                   "missing lines are predicted (POCS), else they stay zero."),
+                   "k = 0 was hidden and predicted. This is the error of the prediction, divided by the lines: below 1 the "
+                   "missing lines are predicted (POCS), otherwise they stay zero."),
     "residual": ("Fit of the sensitivities", "Share of the energy of the calibration data that the sensitivities do not "
-                 "explain. It is about that of their noise; more tells of motion or of maps of another scan."),
+                 "explain. Noise explains a part of it; more indicates motion, or maps of another scan."),
 }  # fmt: skip
 
 
@@ -224,15 +224,15 @@ def _inconsistent(made, entries):
     if not entries:
         return
     words = (
-        "Lines, counted from k = 0, that one image of all coils explains worse than the lines beside them, and "
-        "their error over that of those. Motion while they were measured, spikes and lost lines do that; the "
-        "image has them as they were measured."
+        "Lines, counted from k = 0, that fit one image of all coils worse than the lines beside them, and "
+        "the ratio of their errors. The causes are motion, spikes and lost lines. The "
+        "image uses them as they were measured."
     )
     rows = {
-        f"slice {told['Slice']}, repetition {told['Repetition']}": ", ".join(
-            f"{line:+d} ({times:.2g})" for line, times in zip(told["Lines"], told["Misfit"])
+        f"slice {entry['Slice']}, repetition {entry['Repetition']}": ", ".join(
+            f"{line:+d} ({times:.2g})" for line, times in zip(entry["Lines"], entry["Misfit"])
         )
-        for told in entries
+        for entry in entries
     }
     made.section("Lines that do not fit", f"<p>{page.escaped(words)}</p>", page.table(rows))
 

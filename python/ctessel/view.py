@@ -1,4 +1,4 @@
-"""A page for NIfTI images of any program: pictures, what their headers and sidecars say, and a viewer."""
+"""A page for NIfTI images of any program: pictures, facts from headers and sidecars, and a viewer."""
 
 from pathlib import Path
 
@@ -15,16 +15,16 @@ def write(paths, output, command):
     Parameters
     ----------
     paths : sequence of path
-        NIfTI files. Of echoes and repetitions the first one is shown.
+        NIfTI files. Only the first echo and repetition are shown.
     output : path
         The page.
     command : str
-        Is told in the page.
+        Command line, for the page.
 
     Raises
     ------
     ValueError
-        A file is no image, or the page cannot be written.
+        A file is not an image, or the page cannot be written.
     """
     files.check_output(output)
     images = [_load(Path(path)) for path in paths]
@@ -36,7 +36,7 @@ def write(paths, output, command):
         made.volume(image.name, image.values, image.affine, role="map" if number else "image")
     made.viewer()
     for image in images:
-        made.section(image.name, page.figures(_figures(made, image)), page.table(image.facts()), *_told(image))
+        made.section(image.name, page.figures(_figures(made, image)), page.table(image.facts()), *_warning_section(image))
     made.section("Command", f"<pre>{page.escaped(command)}</pre>")
     with files.Staged() as staged:
         staged.path(output).write_text(made.text(), encoding="utf-8")
@@ -51,8 +51,8 @@ class _Image:
 
     @property
     def warnings(self):
-        told = self.sidecar.get("Warnings")
-        return told if isinstance(told, list) else []
+        warnings = self.sidecar.get("Warnings")
+        return warnings if isinstance(warnings, list) else []
 
     def facts(self):
         header = self._file.header
@@ -69,11 +69,11 @@ class _Image:
 def _load(path):
     file, values = opened(path, lambda file: (file, _first(file)))
     if values.dtype.kind not in "fiucb" or not values.size:
-        raise ValueError(f"{path}: has no voxels with a number each; name an image of those")
+        raise ValueError(f"{path}: does not have one number for each voxel; name another image")
     values = np.abs(values) if values.dtype.kind == "c" else values
     values = np.nan_to_num(values.astype(np.float32), posinf=0, neginf=0)
     if not np.isfinite(file.affine).all() or np.linalg.det(file.affine[:3, :3]) == 0:
-        raise ValueError(f"{path}: has voxels without a volume; its affine is no use")
+        raise ValueError(f"{path}: has voxels without a volume; its affine is unusable")
     return _Image(path, file, values.reshape(values.shape + (1,) * (3 - values.ndim)))
 
 
@@ -100,7 +100,7 @@ def _figures(made, image):
     yield page.histogram(values[values != 0], f"Histogram of {image.name}", "Values of the voxels that are not 0.")
 
 
-def _told(image):
+def _warning_section(image):
     steps = image.sidecar.get("Steps")
     if isinstance(steps, list):
         yield "<h3>What was done</h3>" + page.listed([methods.reason(str(step)) for step in steps], "ol")

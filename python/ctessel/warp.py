@@ -1,7 +1,7 @@
-"""The correction for gradients that are not linear, as a warp for images that lie in the scanner.
+"""The correction for non-linear gradients, as a warp for images with a position in the scanner.
 
-World coordinates are those of NIfTI (right, anterior, superior; mm) with their origin at the
-isocentre. Everything is in the image domain. docs/geometry.md derives signs and axes.
+World coordinates are those of NIfTI (right, anterior, superior; mm) with the origin at the isocentre.
+Everything is in the image domain. docs/geometry.md derives signs and axes.
 """
 
 import itertools
@@ -24,13 +24,13 @@ __all__ = [
     "voxel_positions",
 ]  # fmt: skip
 
-#: What of the displacement a mode undoes: all, what lies in the plane of the slices, what leaves it.
+#: The part of the displacement that a mode corrects: all, in the plane of the slices, across them.
 MODES = {"3d": 3, "2d": 2, "through-plane": 1, "none": 0}
 TYPES = ("itk", "fsl", "fsl-abs", "ras")
 #: Orders of splines.
 ORDERS = {"cubic": 3, "linear": 1}
 _RAS = np.array([-1.0, -1.0, 1.0])  # along left, posterior, superior
-_SLAB = 1 << 18  # voxels that are worked on at a time
+_SLAB = 1 << 18  # voxels that are processed at a time
 _STEPS = 200  # of an iteration
 
 
@@ -49,7 +49,7 @@ class Grid:
 
     @property
     def reach(self):
-        """Distance of the furthest voxel from the isocentre in mm."""
+        """Distance of the farthest voxel from the isocentre in mm."""
         corners = itertools.product(*((0, n - 1) for n in self.shape))
         return max(np.linalg.norm(self.affine[:3] @ (*corner, 1)) for corner in corners)
 
@@ -60,7 +60,7 @@ class Grid:
         return Grid(affine, (*self.shape[:2], last - first))
 
     def slabs(self):
-        """Ranges of slices that are worked on at a time."""
+        """Ranges of slices that are processed at a time."""
         step = max(1, _SLAB // max(1, self.shape[0] * self.shape[1]))
         return [(k, min(k + step, self.shape[2])) for k in range(0, self.shape[2], step)]
 
@@ -81,14 +81,14 @@ def scan_grid(placements, matrix, field):
     placements : sequence of Placement
         One for each slice.
     matrix : sequence of 3 int
-        Voxels of one slice or slab; the voxel ``n // 2`` of each axis lies at its placement.
+        Voxels of one slice or slab; the voxel ``n // 2`` of each axis is at its placement.
     field : sequence of 3 float
         Its field of view in mm.
 
     Raises
     ------
     ValueError
-        Slices that are not parallel and evenly spaced.
+        The slices are not parallel, or unevenly spaced.
     """
     shape = (*matrix[:2], matrix[2] * len(placements))
     return Grid(nifti.placed(placements, matrix, field), shape)
@@ -123,26 +123,26 @@ def geometry(
     intensity=True,
     threads=None,
 ):
-    """Undo the distortion of gradients that are not linear.
+    """Correct the distortion of non-linear gradients.
 
     Parameters
     ----------
     image : ndarray of complex64 or float32, ``(x, y, z, ...)``
-        One slice or slab; real and imaginary parts are interpolated alike.
+        One slice or slab; real and imaginary parts are interpolated in the same way.
     placement : Placement, or sequence of them
-        Where its centre and axes lie; several are those of parallel slices along z.
+        Its centre and axes; several placements are those of parallel slices along z.
     field : sequence of 3 float
         Field of view of a slice or of the slab, in mm.
     coefficients : Coefficients
     position : {"HFS", "HFP", "FFS", "FFP"}, optional
-        How the patient lies.
+        Patient position.
     dims : {3, 2, 1}, optional
         All of the displacement, its part in the plane of the slices, or its part across them.
     order : {1, 3}, optional
         Order of the spline between voxels.
     intensity : bool, optional
-        Multiply with the determinant of ``d encoded / d position``, as voxels that were encoded closer
-        together hold more signal.
+        Multiply by the determinant of ``d encoded / d position``: voxels that were encoded closer to each
+        other have more signal.
     threads : int, optional
 
     Returns
@@ -165,18 +165,18 @@ def geometry(
 
 @dataclass(frozen=True)
 class Correction:
-    """A displacement field of the world.
+    """A displacement field in world coordinates.
 
     Attributes
     ----------
     coefficients : Coefficients
     position : {"HFS", "HFP", "FFS", "FFP"}
-        How the patient lay.
+        Patient position.
     dims : {3, 2, 1}
         All of the displacement, its part in the plane of the slices, or its part across them.
     distort : bool
-        False: from true positions to where they are encoded, which undoes the distortion of an image
-        that is sampled there. True: the inverse.
+        False: from true to encoded positions; sampling an image there corrects its distortion. True: the
+        inverse.
     """
 
     coefficients: Coefficients
@@ -185,14 +185,14 @@ class Correction:
     distort: bool = False
 
     def evaluate(self, grid, wanted, threads=None):
-        """What is `wanted` of the displacement of a grid's voxels.
+        """Results for the displacement of a grid's voxels.
 
         Parameters
         ----------
         grid : Grid
         wanted : sequence of {"displacement", "determinant", "jacobian"}
-            The determinant is that of ``d encoded / d position``, by which intensity is to be multiplied
-            (of the inverse, its reciprocal); the Jacobian is that of all three dimensions.
+            The determinant of ``d encoded / d position`` is the factor of the intensity (its reciprocal for
+            the inverse). The Jacobian is that of all three dimensions.
         threads : int, optional
 
         Returns
@@ -241,7 +241,7 @@ class Correction:
         return found
 
     def _points(self, at, start, normal, threads):
-        """Points, along the gradients' axes, that the part in `dims` moves to those of the grid."""
+        """Points, along the gradients' axes, that the part in `dims` moves to the points of the grid."""
         field = self.coefficients.field
         if self.dims == 3:
             return field.inverse(threads=threads, **at)[0]
@@ -268,7 +268,7 @@ def _projected(vectors, normal, dims):
 
 
 def _partial_determinant(jacobian, grid, dims):
-    """Of the map that moves points by the displacement's part in or across the plane alone."""
+    """Determinant of the map that moves points only by the part in or across the plane."""
     n = grid.normal
     if dims == 1:
         return np.einsum("...ab,a,b", jacobian, n, n)
@@ -286,7 +286,7 @@ def _partial_determinant(jacobian, grid, dims):
 def unwarp(
     volumes, grid, correction, *, intensity=True, interpolation="cubic", threads=None, progress=None
 ):
-    """Images whose voxels lie where their signal comes from.
+    """Images with voxels at the true positions of their signal.
 
     Parameters
     ----------
@@ -294,15 +294,15 @@ def unwarp(
         Any number of volumes on the same grid.
     grid : Grid
     correction : Correction
-        Of any `dims`; with `distort`, the images are distorted instead.
+        With any `dims`; with `distort`, the images are distorted instead.
     intensity : bool, optional
-        Multiply with the determinant of ``d encoded / d position``: voxels that were encoded closer
-        together hold more signal.
+        Multiply by the determinant of ``d encoded / d position``: voxels that were encoded closer to each
+        other have more signal.
     interpolation : {"cubic", "linear", "sinc"}, optional
         Splines, or a windowed sinc over six voxels along each axis, which takes several times as long.
     threads : int, optional
     progress : callable, optional
-        Gets the number of steps done and the number of all.
+        Called with the number of finished steps and the number of all.
 
     Returns
     -------
@@ -325,7 +325,7 @@ def unwarp(
 
 
 class _Workers:
-    """Threads that tell how far they are."""
+    """Threads that report their progress."""
 
     def __init__(self, pool, steps, progress):
         self.pool, self._steps, self._progress, self._done = pool, steps, progress, 0
@@ -338,7 +338,7 @@ class _Workers:
 
 
 def _places(grid, correction, intensity, workers):
-    """Where to sample, in voxels, ``(3, z, y, x)`` along z, y, x; and the factors ``(z, y, x)``."""
+    """Sampling positions in voxels, ``(3, z, y, x)`` along z, y, x; and the factors ``(z, y, x)``."""
     to_voxels = np.linalg.inv(grid.affine[:3, :3])[::-1]
     backwards = grid.shape[::-1]
     places = np.empty((3, *backwards), np.float32)
@@ -347,9 +347,9 @@ def _places(grid, correction, intensity, workers):
 
     def work(first, last):
         found = correction.evaluate(grid.slab(first, last), wanted, threads=1)
-        moved = np.moveaxis(found[0], (2, 1, 0), (0, 1, 2))  # as it lies in memory
+        moved = np.moveaxis(found[0], (2, 1, 0), (0, 1, 2))  # in its memory order
         for axis in range(3):
-            # Added to the index, so that what is not moved stays on its voxel to the last bit.
+            # Added to the index, so that a voxel without displacement keeps its position to the last bit.
             index = np.arange(first, last) if axis == 0 else np.arange(backwards[axis])
             along = index.reshape([-1 if d == axis else 1 for d in range(3)])
             np.add(moved @ to_voxels[axis], along, out=places[axis, first:last], casting="unsafe")
@@ -390,7 +390,7 @@ def _sampled(volume, places, interpolation, workers):
 
 
 def _windowed_sinc(data, at):
-    """Six samples along each axis, weighed with a sinc under the main lobe of a wider one (Lanczos).
+    """Six samples along each axis, weighted with a sinc under the main lobe of a wider one (Lanczos).
 
     Duchon, "Lanczos filtering in one and two dimensions", J. Appl. Meteor. 18:1016 (1979).
     """
@@ -414,13 +414,13 @@ def _weighted(data, row, shape, taps):
 
 
 def _pieces(count):
-    """Slices along the first axis that threads take in turn."""
+    """Slices along the first axis, for threads to take one after the other."""
     step = -(-count // 32)
     return [slice(k, k + step) for k in range(0, count, step)]
 
 
 def _spline_weights(data, pool):
-    """The prefilter of the spline, axis after axis; threads share the lines."""
+    """The prefilter of the spline, one axis after the other; threads share the lines."""
     out = np.array(data, np.float32, order="C")
     if out.ndim == 1:
         return ndimage.spline_filter(out, 3, np.float32, "mirror")
@@ -440,7 +440,7 @@ def _spline_weights(data, pool):
 
 @dataclass(frozen=True)
 class Image:
-    """An image of a NIfTI file, and what its sidecar tells."""
+    """An image of a NIfTI file, and its sidecar."""
 
     path: Path
     file: object
@@ -449,22 +449,22 @@ class Image:
 
 
 def load(path):
-    """An image with a place in the scanner; ValueError with one line for others."""
+    """An image with a position in the scanner; ValueError with one line for others."""
     path = Path(path)
     file = opened(path)
     header, shape = file.header, file.shape
     if not (header["sform_code"] > 0 or header["qform_code"] > 0):
         raise ValueError(
-            f"{path}: does not say where it lies in the scanner (codes of sform and qform are 0)"
+            f"{path}: has no position in the scanner (codes of sform and qform are 0)"
         )
     size = abs(np.linalg.det(file.affine[:3, :3])) if np.isfinite(file.affine).all() else 0
     if not (size > 0 and len(shape) >= 3 and min(shape) > 0):
-        raise ValueError(f"{path}: has voxels without a volume; its affine or extents are no use")
+        raise ValueError(f"{path}: has voxels without a volume; its affine or extents are unusable")
     return Image(path, file, Grid(file.affine.astype(float), shape[:3]), sidecar(path))
 
 
 def opened(path, read=lambda file: file):
-    """What `read` makes of a NIfTI file; ValueError with one line where it cannot be read."""
+    """The result of `read` for a NIfTI file; ValueError with one line if it cannot be read."""
     import nibabel
 
     nifti.base_name(path)
@@ -486,9 +486,9 @@ def sidecar(path):
     try:
         found = json.loads(beside.read_text())
     except ValueError as error:
-        raise ValueError(f"{beside}: cannot be read ({error}); mend or remove it") from None
+        raise ValueError(f"{beside}: cannot be read ({error}); fix or remove it") from None
     if not isinstance(found, dict):
-        raise ValueError(f"{beside}: holds no keys and values; mend or remove it")
+        raise ValueError(f"{beside}: has no keys and values; fix or remove it")
     return found
 
 
@@ -502,23 +502,23 @@ def _data(image):
 
 
 def patient_position(image, position=None):
-    """How the patient lay: as stated, or as the sidecar tells."""
+    """Patient position: as stated, or from the sidecar."""
     position = position or image.sidecar.get("PatientPosition")
     if position is None:
         beside = nifti.sidecar_path(image.path).name
         raise ValueError(
-            f"{image.path}: {beside} has no PatientPosition; state it, --position HFS or other"
+            f"{image.path}: {beside} has no PatientPosition; state it with --position, for example HFS"
         )
     return position
 
 
 def _mode(image):
-    """What the sidecar leaves to be corrected, and a warning where it does not tell."""
+    """The correction that is left by the sidecar, and a warning if it does not say."""
     kinds = image.sidecar.get("ImageType", ())
     kinds = kinds.split("\\") if isinstance(kinds, str) else kinds
     corrected = image.sidecar.get("NonlinearGradientCorrection")
     if "GradientCorrection" in image.sidecar or "DIS3D" in kinds:
-        return "none", f"{image.path}: has been corrected before; it is copied as it is"
+        return "none", f"{image.path}: was corrected before; it is copied as it is"
     if "DIS2D" in kinds:
         return "through-plane", None
     if corrected:
@@ -526,23 +526,23 @@ def _mode(image):
     if "ND" in kinds or corrected is not None:
         return "3d", None
     return "3d", (
-        f"{image.path}: nothing tells whether the scanner corrected it; in three dimensions, "
-        "--mode states otherwise"
+        f"{image.path}: no sidecar says whether the scanner corrected it; all is corrected, "
+        "unless --mode states otherwise"
     )
 
 
 def warnings_of(grid, coefficients, name):
-    """What may make a correction another one than the user expects, a line each."""
+    """Warnings about a correction, one line each."""
     found = []
     if grid.reach > coefficients.radius:
         found.append(
-            f"{name}: reaches {grid.reach:.0f} mm from the isocentre, the coefficients are meant "
+            f"{name}: reaches {grid.reach:.0f} mm from the isocentre, but the coefficients are meant "
             f"for up to {coefficients.radius:g} mm"
         )
     if not coefficients.stated and not coefficients.symmetric:
         found.append(
             f"the coefficients' even orders depend on where the axes of the gradients point; "
-            f"{coefficients.axes} is assumed, --axes states it"
+            f"{coefficients.axes} is assumed; state it with --axes"
         )
     return found
 
@@ -560,7 +560,7 @@ def unwarp_file(
     threads=None,
     progress=None,
 ):
-    """Correct a NIfTI image; its sidecar's keys and what was done go to the JSON file beside it.
+    """Correct a NIfTI image; the JSON file beside it has the keys of the input's sidecar and what was done.
 
     Parameters
     ----------
@@ -569,9 +569,9 @@ def unwarp_file(
     source : str, optional
         Name of the coefficients' file, for the sidecar.
     mode : {"auto", "3d", "2d", "through-plane", "none"}, optional
-        "auto" corrects what the sidecar says that the scanner has not.
+        "auto" corrects what the scanner did not correct, by the sidecar.
     position : str, optional
-        How the patient lay, in place of the sidecar.
+        Patient position, instead of that of the sidecar.
     intensity, interpolation, threads, progress
         See `unwarp`.
 
@@ -599,19 +599,19 @@ def unwarp_file(
 
 
 def _check_image(image, correction):
-    """Refuses what cannot be done; warnings of what can."""
+    """Raises an error if the correction is impossible; returns warnings otherwise."""
     coefficients, shape = correction.coefficients, image.grid.shape
     coefficients.signs(correction.position)
     needed = 8 * np.prod(image.file.shape, dtype=float) + 28 * np.prod(shape, dtype=float)
     runtime.check(needed, str(image.path), "correct the volumes of a series one by one")
     warnings = warnings_of(image.grid, coefficients, image.path)
     if min(shape) == 1:
-        warnings.append(f"{image.path}: a single slice is sampled within its plane only")
+        warnings.append(f"{image.path}: a single slice is sampled only within its plane")
     return warnings
 
 
 def _corrected_entries(correction, mode, source, how):
-    """What the sidecar of a corrected image tells."""
+    """The sidecar of a corrected image."""
     return {
         "NonlinearGradientCorrection": True,
         "GradientCorrection": {"Mode": mode, **_field_entries(correction, source)}
@@ -651,14 +651,14 @@ def save_warp(
     correction : Correction
     kind : {"itk", "fsl", "fsl-abs", "ras"}, optional
         "itk": displacement in mm, left, posterior, superior, ``(x, y, z, 1, 3)``. "fsl": displacement
-        in mm along the voxels' axes, x reversed where the affine's determinant is positive. "fsl-abs":
-        the place itself in that system. "ras": the place in the world, mm.
+        in mm along the voxels' axes, x reversed if the affine's determinant is positive. "fsl-abs": the
+        position itself in these coordinates. "ras": the position in world coordinates, mm.
     jacobian : path, optional
         Also a file of the determinant of ``d encoded / d position``, for the intensity.
     grad_dev : path, optional
         Also a file of the Jacobian minus identity, ``(x, y, z, 9)``: volume 3 a + b, counted from 0, is
-        ``d encoded_a / d position_b`` along the axes in which b-vectors are given: those of the
-        voxels, x reversed where the affine's determinant is positive.
+        ``d encoded_a / d position_b`` along the axes of b-vectors: those of the voxels, x reversed if
+        the affine's determinant is positive.
     source : str, optional
         Name of the coefficients' file, for the sidecar.
     threads : int, optional
@@ -673,7 +673,7 @@ def save_warp(
     for path in files.values():
         check_output(path)
     if len({*map(str, files.values())}) < len(files):
-        raise ValueError(f"{output}: is named for two files; give each a name of its own")
+        raise ValueError(f"{output}: is named for two files; give each its own name")
     values = _warp_values(grid, correction, kind, tuple(files), threads)
     warnings = warnings_of(grid, correction.coefficients, "the field")
     if lost := int(np.isnan(values["displacement"][..., 0]).sum()):
@@ -696,7 +696,7 @@ def save_warp(
 
 
 def _warp_values(grid, correction, kind, wanted, threads):
-    """What files hold, slab by slab."""
+    """Values of the files, slab by slab."""
     sizes = {"displacement": (3,), "determinant": (), "jacobian": (9,)}
     values = {
         name: np.empty((*grid.shape, *sizes[name]), np.float32, order="F") for name in wanted
@@ -728,7 +728,7 @@ def _image(values, grid, vectors):
 
 
 def _converted(moved, slab, grid, first, kind):
-    """Displacements along the axes of the world in the convention of a kind of warp."""
+    """Displacements along world axes in the convention of a kind of warp."""
     if kind == "itk":
         return moved * _RAS
     if kind == "ras":
@@ -750,5 +750,5 @@ def _image_axes(grid):
 def _deviation(jacobian, grid):
     along, sizes = _image_axes(grid)
     axes = grid.affine[:3, :3] / sizes * along
-    turned = np.linalg.inv(axes) @ (jacobian - np.eye(3)) @ axes
-    return turned.reshape(*jacobian.shape[:3], 9)
+    deviation = np.linalg.inv(axes) @ (jacobian - np.eye(3)) @ axes
+    return deviation.reshape(*jacobian.shape[:3], 9)

@@ -1,7 +1,7 @@
 """Processes on this machine that share a reconstruction.
 
-They get the names of what they work on, read it themselves, and send images back. One that ends is
-replaced, and its blocks are worked on again. None outlives the process that started it.
+They get the names of files, read them, and send images back. If one ends, it is replaced, and its blocks are
+processed again. None outlives the process that started it.
 """
 
 import contextlib
@@ -30,7 +30,7 @@ class Workers(contextlib.AbstractContextManager):
         They share the cores that this process may use.
     """
 
-    here = True  # they see the memory that this process shares
+    here = True  # they see the shared memory of this process
 
     def __init__(self, count):
         self.count, self._stack = count, contextlib.ExitStack()
@@ -61,7 +61,7 @@ class Workers(contextlib.AbstractContextManager):
         self._pool.shutdown(cancel_futures=True)
 
     def run_tasks(self, function, tasks):
-        """Results of a function, as they come in: place and result.
+        """Results of a function as they arrive: place and result.
 
         Parameters
         ----------
@@ -88,8 +88,8 @@ class Workers(contextlib.AbstractContextManager):
                 self._replace(deaths)
 
     def _submit(self, function, arguments):
-        with runtime.uninterrupted():  # a process that is half started would complain
-            # It starts with the signals that are blocked here: Ctrl-C is for this one alone.
+        with runtime.uninterrupted():  # a process that is ended while it starts would print an error
+            # It inherits the blocked signals: only this process reacts to Ctrl-C.
             blocked = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
             try:
                 return self._pool.submit(function, *arguments)
@@ -100,13 +100,13 @@ class Workers(contextlib.AbstractContextManager):
         self._kill()
         if deaths == PATIENCE:
             raise MemoryError(
-                "workers were ended again and again, perhaps for want of memory; start fewer"
+                "workers ended again and again, perhaps for lack of memory; start fewer"
             )
         self._start()
 
 
 def _begin(parent):
-    """A worker dies with the process that started it, also where that is killed."""
+    """A worker dies with the process that started it, even if that process is killed."""
     with contextlib.suppress(AttributeError):  # other systems have no such choice
         ctypes.CDLL(None).prctl(_DEATH_OF_PARENT, signal.SIGKILL)
     if os.getppid() != parent:
@@ -115,7 +115,7 @@ def _begin(parent):
 
 @contextlib.contextmanager
 def _environment(variables):
-    """Variables for processes that are started in here."""
+    """Environment variables for processes that are started in this context."""
     before = {name: os.environ.get(name) for name in variables}
     os.environ.update({name: str(value) for name, value in variables.items()})
     try:

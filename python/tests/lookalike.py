@@ -47,11 +47,11 @@ def header(shape, fov=FOV, recon=None, y=None, **more):
     return _ismrmrd.header_text(made, coils=4, counts={})
 
 
-def ismrmrd(path, samples, text=None, apart=None):
+def ismrmrd(path, samples, text=None, separate=None):
     """The reference: every line that is not zero as an acquisition; a calibration scan has the next encoding."""
     records = _records(samples)
-    if apart is not None:
-        records += _records(apart, encoding_space_ref=1, flags=1 << 19)
+    if separate is not None:
+        records += _records(separate, encoding_space_ref=1, flags=1 << 19)
     return foreign.write(path, records, text or header(samples.shape[:3]))
 
 

@@ -78,7 +78,7 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, capsys, axis, cut
     last = nibabel.load(parts[0])
     nibabel.save(nibabel.Nifti1Image(last.get_fdata(), last.affine + [[0, 0, 0, 1], *[[0] * 4] * 3]), parts[0])
     assert cli.main(["merge", *parts, "-o", str(tmp_path / "moved.nii")]) == cli.DEFECT
-    assert f"{parts[0]}: does not lie where {parts[-1]} ends" in capsys.readouterr().err
+    assert f"{parts[0]}: does not start where {parts[-1]} ends" in capsys.readouterr().err
 
 
 @pytest.mark.parametrize("axis, field", [("repetition", "repetition"), ("echo", "contrast")])

@@ -52,7 +52,7 @@ def test_defective_coils_of_measured_arrays_are_found(measured, name):
             (0 * hiss, 1, "zeros"),
             (hiss, 1, "noise without signal"),
             (0.01 * hiss, 0.01, "noise without signal"),
-            (kspace[..., coil] + 30 * hiss, 30, "times the level"),
+            (kspace[..., coil] + 30 * hiss, 30, "times that of the other coils"),
         ):
             broken, heard = kspace.copy(), noise.copy()
             broken[..., coil], heard[:, coil] = samples, level * noise[:, coil]
@@ -65,7 +65,7 @@ def test_defective_coils_of_measured_arrays_are_found(measured, name):
             assert reasons(copy, heard) == {coil: "it measures the same as coil 0"}
     heard = noise.copy()
     heard[:, 1] = 0
-    assert "noise scan has no noise" in reasons(kspace, heard)[1]
+    assert "noise scan has only zeros" in reasons(kspace, heard)[1]
 
 
 def test_one_slice_where_a_coil_does_its_part_keeps_it():
@@ -95,8 +95,8 @@ def test_the_image_is_that_of_the_other_coils(tmp_path, monkeypatch, capsys, kin
     path, output = tmp_path / "s.h5", tmp_path / "i.nii"
     scans.write_broken(monkeypatch, path, kind, 2, size=32, coils=5, **changes)
     image, told = run(path, output)
-    words = "coil 2 of 0 to 4 is left out: it measures nothing but zeros; --coils 0-4 keeps all"
-    assert told["Warnings"] == [words] and told["Steps"][0] == "leave out coil 2: it measures nothing but zeros"
+    words = "coil 2 of 0 to 4 is left out: it has only zeros; --coils 0-4 keeps all"
+    assert told["Warnings"] == [words] and told["Steps"][0] == "leave out coil 2: it has only zeros"
     assert told["Parameters"]["left_out"] == [2] and told["Parameters"]["coils"] == 4
     assert capsys.readouterr().err == f"ctessel: warning: {words}\n"
     chosen, told = run(path, output, "--coils", "0,1,3-4")
@@ -128,7 +128,7 @@ def test_maps_keep_the_numbers_of_the_coils(tmp_path, monkeypatch, capsys):
     capsys.readouterr()
     for command in (["info", str(path)], ["recon", str(path), "-o", str(output), "--dry-run"]):
         assert cli.main(command) == 0
-        assert "leave out coil 1: it measures nothing but zeros" in capsys.readouterr().out
+        assert "leave out coil 1: it has only zeros" in capsys.readouterr().out
 
 
 @pytest.mark.parametrize("text, words", [
@@ -137,7 +137,7 @@ def test_maps_keep_the_numbers_of_the_coils(tmp_path, monkeypatch, capsys):
     ("3-1", "expected numbers of coils"),
     ("-1", "expected"),
     ("0,1,1", "expected numbers from 0, each once"),
-    ("0,9", "coils: the scan has coils 0 to 3, got 9; name some of those"),
+    ("0,9", "coils: the scan has coils 0 to 3, got 9; choose from these"),
 ])
 def test_lists_that_name_no_coils_are_refused(tmp_path, capsys, text, words):
     phantom.write(tmp_path / "s.h5", size=16, coils=4)

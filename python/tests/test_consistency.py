@@ -53,7 +53,7 @@ def test_measured_scans_fit_and_moved_ones_are_named(measured, name, step, calib
 
 @pytest.mark.parametrize("kind, changes", [
     ("undersampled", {}), ("undersampled", {"noise": 0.02, "reduction": (3, 1)}), ("undersampled-3", {}),
-    ("undersampled-3", {"calibration_lines": 12}), ("turns", {}), ("noise", {"partial": (1.0, 0.75, 1.0)}),
+    ("undersampled-3", {"calibration_lines": 12}), ("interleaved", {}), ("noise", {"partial": (1.0, 0.75, 1.0)}),
     ("undersampled", {"coils": 12, "noise": 0.01, "reduction": (4, 1), "calibration_lines": 32}),
 ])  # fmt: skip
 def test_phantoms_that_hold_still_fit(tmp_path, capsys, kind, changes):

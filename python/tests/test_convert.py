@@ -19,7 +19,7 @@ def convert(*words):
     return cli.main(["convert", *map(str, words)])
 
 
-@pytest.mark.parametrize("kind", ["partial", "partial-readout", "turns", "echoes", "slices", "3d", "undersampled-3"])
+@pytest.mark.parametrize("kind", ["partial", "partial-readout", "interleaved", "echoes", "slices", "3d", "undersampled-3"])
 def test_a_scan_comes_back_from_a_pair(tmp_path, capsys, kind):
     """Samples to the bit, the same image, and the header but for the numbers of its lines."""
     phantom.write(tmp_path / "a.h5", kind, size=32, coils=4)
@@ -74,7 +74,7 @@ def test_what_is_lost_is_told(tmp_path, capsys):
 
 @pytest.mark.parametrize("source, target, message", [
     ("a.h5", "b.h5", "is an ISMRMRD file already"), ("a.h5", "b.txt", "expected a name that ends in"),
-    ("a.h5", "b.nii", "holds no images"), ("c.cfl", "c", "is the file to be converted"), ("none.h5", "b", "No such file"), ("a.h5", "none/b", "cannot be written to"),
+    ("a.h5", "b.nii", "holds no images"), ("c.cfl", "c", "is the file to convert"), ("none.h5", "b", "No such file"), ("a.h5", "none/b", "cannot be written to"),
 ])  # fmt: skip
 def test_what_cannot_be_converted(tmp_path, capsys, source, target, message):
     phantom.write(tmp_path / "a.h5", "full", size=16, coils=1)
@@ -101,10 +101,10 @@ def test_bart_reads_the_pair(tmp_path):
 # ---- Images --------------------------------------------------------------------------------------
 
 
-def images(path, heads, pixels, group="dataset/image_0", mode="w"):
+def images(path, headers, pixels, group="dataset/image_0", mode="w"):
     """`pixels` are (image, channel, z, y, x)."""
-    records = np.zeros(len(heads), IMAGE_HEAD)
-    for record, head in zip(records, heads):
+    records = np.zeros(len(headers), IMAGE_HEAD)
+    for record, head in zip(records, headers):
         for name, value in head.items():
             record[name] = value
     with h5py.File(path, mode) as file:
@@ -118,13 +118,13 @@ READ, PHASE, NORMAL = np.array([0, 0.6, 0.8]), np.array([1.0, 0, 0]), np.array([
 def test_images_lie_where_their_headers_say(tmp_path):
     """Oblique slices, numbered in the order of their measurement; a voxel is found at its place."""
     numbers, away = [0, 2, 1], [6.0, 0.0, 3.0]
-    heads = [
+    headers = [
         {"matrix_size": (8, 6, 1), "field_of_view": (16, 18, 2.5), "slice": n, "image_series_index": 4, "channels": 1,
          "position": np.array([5.0, -7, 11]) + d * NORMAL, "read_dir": READ, "phase_dir": PHASE, "slice_dir": NORMAL}
         for n, d in zip(numbers, away)
     ]  # fmt: skip
     pixels = np.random.default_rng(0).random((3, 1, 1, 6, 8)).astype(np.float32)
-    images(tmp_path / "i.h5", heads, pixels)
+    images(tmp_path / "i.h5", headers, pixels)
     assert convert(tmp_path / "i.h5", tmp_path / "o.nii.gz") == 0
     image = nibabel.load(tmp_path / "o.nii.gz")
     assert image.shape == (8, 6, 3) and image.header["sform_code"] == 1
@@ -132,7 +132,7 @@ def test_images_lie_where_their_headers_say(tmp_path):
         at = [d / 3, pixels[i, 0, 0]]
         np.testing.assert_array_equal(image.get_fdata()[:, :, int(at[0])], at[1].T)
         place = image.affine @ (6, 1, d / 3, 1)  # two voxels on along x, two back along y
-        lps = heads[i]["position"] + 2 * 2 * READ - 2 * 3 * PHASE
+        lps = headers[i]["position"] + 2 * 2 * READ - 2 * 3 * PHASE
         np.testing.assert_allclose(place[:3], lps * (-1, -1, 1), atol=1e-5)
 
 
@@ -142,14 +142,14 @@ def test_series_repetitions_and_complex_images(tmp_path, capsys):
     images(tmp_path / "i.h5", [{**head, "repetition": r} for r in (0, 1)], pixels)
     assert convert(tmp_path / "i.h5", tmp_path / "o.nii") == 0
     told = capsys.readouterr().out
-    assert "where slices lie is not in the file" in told and "lost: the phase" in told
+    assert "the file has no positions of slices" in told and "lost: the phase" in told
     data = nibabel.load(tmp_path / "o.nii").get_fdata()
     np.testing.assert_allclose(data[:, :, 0, 1], np.abs(pixels[1, 0, 0].T), rtol=1e-6)
     images(tmp_path / "i.h5", [head, head], pixels, "dataset/other", "a")
     assert convert(tmp_path / "i.h5", tmp_path / "o.nii") == 1
     assert "name one with --group: dataset/image_0, dataset/other" in capsys.readouterr().err
     assert convert(tmp_path / "i.h5", tmp_path / "o.nii", "--group", "dataset/other") == 0
-    assert "do not tell the images apart" in capsys.readouterr().out
+    assert "do not distinguish the images" in capsys.readouterr().out
     assert nibabel.load(tmp_path / "o.nii").shape == (8, 6, 1, 2)
     with h5py.File(tmp_path / "i.h5", "a") as file:
         del file["dataset/other"], file["dataset/image_0/data"]

@@ -77,7 +77,7 @@ def test_volumes_take_sensitivities_of_a_file(tmp_path, monkeypatch, steps, more
     same_bits(pipeline.reconstruct(volume, given).image, own.image)
     (figure,) = own.parameters["residual"]
     assert 0 < figure < 0.05
-    with pytest.raises(ValueError, match="all lines were measured, no sensitivities are used"):
+    with pytest.raises(ValueError, match="all lines were measured and no sensitivities are used"):
         pipeline.plan(scan((10, 24, 24), 4)[1], pipeline.Options(keep_maps=True))
 
 

@@ -140,7 +140,7 @@ def test_lines_and_centre_place_what_a_pair_holds(tmp_path):
     scan = raw.read(early, centre=(12, 24, 0), lines=(40, 48, 1))
     same_bits(scan.kspace[8:], np.asfortranarray(whole[8:]))
     assert scan.layout.header.limits["x"] == Limit(8, 39, 20)
-    with pytest.raises(raw.RawError, match="reach beyond a matrix of 40; mend --lines or --centre"):
+    with pytest.raises(raw.RawError, match="reach beyond a matrix of 40; fix --lines or --centre"):
         raw.read(path, lines=[40], centre=[6])
 
 
@@ -156,9 +156,9 @@ def test_axes_of_times_echoes_averages_and_slices_of_a_pair(tmp_path):
 
 @pytest.mark.parametrize("text, message", [
     ("# Dimensions\n40 48 1 4 2\n", "its axis 4 has an extent of 2"),
-    ("# Dimensions\n40 48 1 -4\n", 'no up to 16 extents after "# Dimensions"'),
-    ("# Dimensions\n", "no up to 16 extents"),
-    ("40 48 1 4\n", "no up to 16 extents"),
+    ("# Dimensions\n40 48 1 -4\n", 'not have 1 to 16 extents after "# Dimensions"'),
+    ("# Dimensions\n", "not have 1 to 16 extents"),
+    ("40 48 1 4\n", "not have 1 to 16 extents"),
     ("# Dimensions\n40 48 1 999999999 1 999999999\n", "is cut short"),
     ("# Dimensions\n40 48 1 5\n", "is cut short: it has 61440 bytes, the 40 x 48 x 1 x 5 samples of its .hdr 76800"),
     ("# Dimensions\n40 48 1 3\n", "is too long"),
@@ -195,7 +195,7 @@ def test_masks_of_fastmri(tmp_path, capfd):
     scan = raw.read(path)
     assert scan.layout.header.acceleration == (2, 1)
     same_bits(scan.kspace, lookalike.keep(samples, R2))
-    assert scan.layout.warnings == ("16 lines that the file's mask leaves out have samples; they are not used",)
+    assert scan.layout.warnings == ("16 lines outside of the file's mask have samples; they are not used",)
     random = lines(48, 99, calibration=8)
     random[np.random.default_rng(3).permutation(48)[:12]] = True
     path, _ = fastmri(tmp_path / "r", lookalike.keep(samples, random), mask=random)
@@ -223,7 +223,7 @@ def test_headers_that_are_none_leave_the_matrix_to_the_data(tmp_path, text):
         assert scan.layout.header.encoded_fov == (240, 240, 5)
         assert "240 x 240 mm and slices of 5 mm" in scan.layout.warnings[0]
         given = raw.contents(tmp_path / "m", fov=FOV)
-        assert given.header.encoded_fov == FOV and given.told == ()
+        assert given.header.encoded_fov == FOV and given.notes == ()
     same_bits(scan.kspace, samples)
 
 
@@ -234,7 +234,7 @@ def test_a_format_that_was_given_is_used_or_refused(tmp_path, capfd):
     samples = scan_of("full")
     path, _ = fastmri(tmp_path / "f.h5", samples)
     assert raw.contents(path, format="fastMRI").format == "fastMRI"
-    for name, message in (("cfl", "is no BART cfl file"), ("skm-tea", "SKM-TEA has 5"), ("ismrmrd", "no raw data in")):
+    for name, message in (("cfl", "is not a BART cfl file"), ("skm-tea", "SKM-TEA has 5"), ("ismrmrd", "no raw data in")):
         assert recon(path, tmp_path / "i.nii", "--format", name) == 1
         assert message in capfd.readouterr().err
     with pytest.raises(SystemExit, match="2"):
@@ -319,8 +319,8 @@ def _matlab_rubbish(path):
 
 
 @pytest.mark.parametrize("write, message", [
-    (_truncated, "cut short"), (_absurd, "of which the file holds"), (_odd_type, ""), (_not_finite, "not finite"),
-    (_zero, "all its samples are zero"), (_unknown, "no format that is known"), (_elsewhere, "in other files"),
+    (_truncated, "cut short"), (_absurd, "but the file holds"), (_odd_type, ""), (_not_finite, "not finite"),
+    (_zero, "all its samples are zero"), (_unknown, "unknown layout"), (_elsewhere, "in other files"),
     (_matlab_rubbish, "cannot be read"), (_integers, "complex numbers"), (_name_that_is_no_text, 'no array "kspace"'),
     (_part_outside_its_pair, ""),  # HDF5 1.14 does not open it at all
 ])  # fmt: skip
@@ -329,7 +329,7 @@ def test_hostile_files_end_in_one_line(tmp_path, capfd, write, message):
     for command in (["info"], ["recon", "-o", str(tmp_path / "i.nii")]):
         assert cli.main([command[0], str(tmp_path / "bad"), *command[1:]]) == 1
         error = capfd.readouterr().err
-        assert message in error and error.count("\n") == 1 and "fault of ctessel" not in error
+        assert message in error and error.count("\n") == 1 and "internal error" not in error
 
 
 # ---- Calgary-Campinas, SKM-TEA: the readout is an image already ----------------------------------
@@ -368,7 +368,7 @@ def test_pairs_need_an_even_number(tmp_path):
         del file["kspace"]
         file["kspace"] = samples
     for more in ({}, {"format": "calgary"}):
-        with pytest.raises(raw.RawError, match="no format that is known|has pairs of real numbers"):
+        with pytest.raises(raw.RawError, match="unknown layout|has pairs of real numbers"):
             raw.read(path, **more)
 
 
@@ -393,7 +393,7 @@ def test_volumes_of_skm_tea_with_elliptic_support(tmp_path):
     assert_same(path, {"fov": FOV}, reference)
     with h5py.File(path, "r+") as file:
         del file["maps"]
-    with pytest.raises(raw.RawError, match="no format that is known; name one with --format"):
+    with pytest.raises(raw.RawError, match="unknown layout; name one with --format"):
         raw.read(path)
     same_bits(raw.read(path, format="skm-tea").kspace, raw.read(reference).kspace)
 
@@ -410,7 +410,7 @@ def test_maps_of_skm_tea_are_used_as_they_are(tmp_path):
         assert recon(path, tmp_path / "i.nii", "--fov", *FOV, *more) == 0
         images.append(nibabel.load(tmp_path / "i.nii").get_fdata())
         steps = json.loads((tmp_path / "i.json").read_text())["Steps"]
-        assert f"sensitivity maps of {more[1].name if more else 's'}" in steps
+        assert f"sensitivity maps from {more[1].name if more else 's'}" in steps
     np.testing.assert_array_equal(images[0], images[1])
 
 
@@ -444,7 +444,7 @@ def test_variables_that_are_no_kspace(tmp_path):
     same_bits(raw.read(wide).kspace[:, :, 0, :, 0, 0, 0], np.asfortranarray(samples))
 
 
-# ---- Calibration in a file of its own ------------------------------------------------------------
+# ---- Separate calibration in a second file -------------------------------------------------------
 
 
 def test_calibration_of_another_file_is_that_of_the_same_file(tmp_path):
@@ -454,7 +454,7 @@ def test_calibration_of_another_file_is_that_of_the_same_file(tmp_path):
     text = lookalike.header((40, 48, 1))
     own = lookalike.header((16, 16, 1)).split("<encoding>")[1].split("</encoding>")[0]
     both = text.replace("</encoding>", f"</encoding><encoding>{own}</encoding>")
-    reference = lookalike.ismrmrd(tmp_path / "b.h5", samples, both, apart=small)
+    reference = lookalike.ismrmrd(tmp_path / "b.h5", samples, both, separate=small)
     scan = cfl(tmp_path / "scan", samples)[0]
     lookalike.ismrmrd(tmp_path / "scan.h5", samples)
     lookalike.ismrmrd(tmp_path / "small.h5", small, lookalike.header((16, 16, 1)))
@@ -490,7 +490,7 @@ def test_calibration_files_that_do_not_fit(tmp_path, capfd):
     cfl(tmp_path / "coils", samples[:, :, :, :2])
     noise = [foreign.record(samples[:, 0, 0, :, 0, 0, 0].T, 0, flags=1 << 18)]
     foreign.write(tmp_path / "noise", noise, foreign.header(40, 48))
-    wrong = {"one": "lacks slice 1", "coils": "has 2 coils", "none": "No such file", "noise": "holds no lines"}
+    wrong = {"one": "lacks slice 1", "coils": "has 2 coils", "none": "No such file", "noise": "has no lines"}
     for name, message in wrong.items():
         assert recon(tmp_path / "r.h5", tmp_path / "i.nii", "--calibration", tmp_path / name) == 1
         error = capfd.readouterr().err

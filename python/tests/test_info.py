@@ -36,7 +36,7 @@ def test_volumes_and_turns_are_drawn(tmp_path, capsys):
     assert len(drawing) == 20 + 2 and "a character is 3 lines" in drawing[-1]  # 3 lines along z in one
     assert set(drawing[16]) == {".", "+", "C"} and set(drawing[17]) == {"."}
     assert [c for c in drawing[5] if c != "C"] == ["#" if i % 2 == 0 else "." for i in [*range(20), *range(29, 48)]]  # 28 joins the block
-    phantom.write(tmp_path / "t.h5", "turns", size=32, coils=4)
+    phantom.write(tmp_path / "t.h5", "interleaved", size=32, coils=4)
     _, drawing = info(capsys, tmp_path / "t.h5")
     assert drawing[:2] == ["#." * 16 + "  2 repetitions", ".#" * 16 + "  2 repetitions"]
     phantom.write(tmp_path / "c.h5", "3d-caipi", size=32, coils=4)

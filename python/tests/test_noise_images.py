@@ -53,7 +53,7 @@ def test_noise_spreads_as_the_map_of_the_image_says(tmp_path, kind, changes, opt
 @pytest.mark.parametrize("kind, changes", [
     ("3d-undersampled", {"partitions": 12, "repetitions": 8, "calibration_lines": 12}),
     ("noise", {"slices": 2, "repetitions": 40}),
-    ("turns", {"repetitions": 40}),
+    ("interleaved", {"repetitions": 40}),
 ])  # fmt: skip
 def test_noise_spreads_as_repetitions_do(tmp_path, kind, changes):
     scan = written(tmp_path / "s.h5", kind, **changes)
@@ -94,8 +94,8 @@ def test_files_of_noise_lie_beside_the_image_and_among_derivatives(tmp_path):
 
 
 @pytest.mark.parametrize("kind, options, words", [
-    ("undersampled", [], "need the raw data's noise scan"),
-    ("noise", ["--no-noise"], "need the raw data's noise scan"),
+    ("undersampled", [], "need a noise scan"),
+    ("noise", ["--no-noise"], "need a noise scan"),
     ("3d", ["--partial", "homodyne"], "choose --partial pocs or zero"),
 ])  # fmt: skip
 def test_what_has_no_noise_is_refused_before_the_work(tmp_path, capsys, kind, options, words):

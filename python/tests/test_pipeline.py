@@ -217,8 +217,8 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8, beyond=0):
         limits={**full.layout.header.limits, "y": Limit(0, n - 1, n // 2)},
     )
     wide = shape[1] + 2 * beyond
-    apart = pipeline.to_kspace(np.pad(image, [(0, 0), (beyond, beyond), (0, 0), (0, 0)]))
-    lowres = apart[:, wide // 2 - 14 : wide // 2 + 14][..., None, None, None]
+    separate = pipeline.to_kspace(np.pad(image, [(0, 0), (beyond, beyond), (0, 0), (0, 0)]))
+    lowres = separate[:, wide // 2 - 14 : wide // 2 + 14][..., None, None, None]
     narrowed = replace(narrowed, calibration_fov=(FIELD, FIELD * wide / shape[1], 5.0))
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
     narrow = Scan.of(kspace[..., None, None, None], narrowed, calibration=lowres)
@@ -478,10 +478,10 @@ def test_parallel_slices_are_corrected_as_one_volume(tmp_path):
     alone = pipeline.reconstruct(made, plan=pipeline.select(pipeline.plan(made, options), "slice", 1, 2))
     one = pipeline.geometry(plain.image[:, :, :, 1, 0], places[1], plain.field, table, dims=1)
     same_bits(np.asarray(alone.image[:, :, :, 0, 0]), np.asarray(one))
-    assert "within their planes only" in alone.warnings[-1]
+    assert "only within their planes" in alone.warnings[-1]
     assert any("each slice by itself" in step for step in alone.steps)
     uneven = known(made, header=replace(made.layout.header, placements=[*places[:4], places[0]]))
-    assert "within their planes only" in pipeline.plan(uneven, options).warnings[-1]
+    assert "only within their planes" in pipeline.plan(uneven, options).warnings[-1]
 
 
 def test_plan_reads_no_samples_and_faults_name_their_mend():
@@ -489,9 +489,9 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     options = Options(ringing=0.5, matrix=(64, 96, 1))
     plan = pipeline.plan(full.layout, options)
     assert list(plan.steps) == [
-        "noise covariance of 4000 samples: weigh the coils",
-        "sensitivity maps (ESPIRiT) from 20 x 1 calibration lines",
-        "SENSE: R = 2 along y, damped by the level of the noise, measured lines put back",
+        "noise covariance of 4000 samples: weight the coils by its inverse",
+        "sensitivity maps (ESPIRiT) from 20 x 1 ACS lines",
+        "SENSE: R = 2 along y, damped by the variance of the noise, measured lines put back",
         "ringing filter of strength 0.5",
         "zero filling to 64 x 96 x 1",
         "image 64 x 96 x 1, field of view 240 x 240 x 5 mm",
@@ -505,7 +505,7 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     assert result.steps == list(plan.steps) and plan.parameters.items() <= result.parameters.items()
     few = scan((32, 48, 1), 8, lines(48, 2, 0, 4))[1]
     for faulty, options, message in (
-        (few, Options(), "at least 8 are needed; add calibration lines"),
+        (few, Options(), "at least 8 are needed; add ACS lines"),
         (scan((16, 48, 1), 1, lines(48, 2, 0, 20))[1], Options(), "R = 2 is more than SENSE can unfold with 1 coil;"),
         (known(few, lines=few.layout.lines & False), Options(), "no line was measured"),
         (full, Options(matrix=(32, 48, 2)), "expected one voxel along z"),
@@ -538,7 +538,7 @@ def test_everything_is_decided_once(tmp_path, monkeypatch):
 
     for name in ("_grid", "_pattern", "_calibration", "noise_covariance", "_words"):
         counted(ctessel.plan, name)
-    counted(ctessel.coverage, "turns")
+    counted(ctessel.coverage, "samplings")
     counted(ctessel.raw, "open_reader")
     phantoms.write(tmp_path / "p.h5", "noise", size=48, coils=4, slices=2, repetitions=3)
     recon = f"recon {tmp_path}/p.h5 -o {tmp_path}/i.nii"

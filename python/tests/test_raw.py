@@ -79,7 +79,7 @@ def test_images_of_foreign_files_agree_with_foreign_reconstructions(
 
 @pytest.mark.parametrize("kind, bound", [
     ("echoes", 1e-6), ("partial", 0.03), ("partial-end", 0.03), ("partial-readout", 0.03), ("undersampled", 0.02),
-    ("undersampled-3", 0.03), ("turns", 0.01), ("3d-undersampled", 0.05), ("3d-caipi", 0.05),
+    ("undersampled-3", 0.03), ("interleaved", 0.01), ("3d-undersampled", 0.05), ("3d-caipi", 0.05),
 ])  # fmt: skip
 def test_phantoms_come_back(tmp_path, kind, bound):
     truth = np.abs(phantom.write(tmp_path / "p.h5", kind, size=64))
@@ -318,11 +318,11 @@ def cut(path):
 @pytest.mark.parametrize("make, words", [
     (lambda path: None, "No such file"),
     (lambda path: path.mkdir(), "Is a directory"),
-    (lambda path: path.write_text("PK"), "no HDF5 file"),
-    (lambda path: os.mkfifo(path), "is a pipe, no file"),
-    (lambda path: path.symlink_to("/dev/zero"), "is a device or a socket, no file"),
+    (lambda path: path.write_text("PK"), "not an HDF5 file"),
+    (lambda path: os.mkfifo(path), "is a pipe, not a file"),
+    (lambda path: path.symlink_to("/dev/zero"), "is a device or a socket, not a file"),
     (lambda path: path.symlink_to(path), "Too many levels of symbolic links"),
-    (lambda path: link_elsewhere(path), "lies in another file"),
+    (lambda path: link_elsewhere(path), "is in another file"),
     *((lambda path, time=time: foreign.write(path, foreign.records(foreign.image(32, 16)), foreign.header(32, 16, te=time)),
        f"TE of its header is {time or 'empty'}; expected milliseconds") for time in ("inf", "nan", "0", "-1", "soon", "")),
     (cut, "cut short"),

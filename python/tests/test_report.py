@@ -97,7 +97,7 @@ def test_a_report_says_what_was_done_without_javascript(tmp_path, kind, changes)
             assert made.picture(map).max() > 0
         assert any("SNR inside the object, one slice" in caption for caption in made.words["figcaption"])
     else:
-        assert "Maps that are not here" in text
+        assert "Maps that are missing here" in text
 
 
 def test_pictures_are_of_this_runs_arrays(tmp_path):

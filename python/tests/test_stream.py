@@ -210,7 +210,7 @@ def test_headers_are_laid_out_as_in_the_library(tmp_path):
 
 @pytest.mark.parametrize("kind", phantom.KINDS)
 def test_images_of_a_stream_are_those_of_the_file(tmp_path, server, kind):
-    phantom.write(tmp_path / "p.h5", kind, size=32, **({"slices": 2} if kind == "turns" else {}))
+    phantom.write(tmp_path / "p.h5", kind, size=32, **({"slices": 2} if kind == "interleaved" else {}))
     want = reconstructed(tmp_path / "p.h5", tmp_path)
     arguments = ["--to", "{}:{}".format(*server.address), "-o", f"{tmp_path}/live.nii"]
     assert cli.main(["send", f"{tmp_path}/p.h5", *arguments]) == 0
@@ -245,7 +245,7 @@ def test_an_image_tells_where_it_lies_and_what_it_is(tmp_path, server):
 @pytest.mark.parametrize("kind, changes, early", [
     ("slices", {}, 4), ("undersampled-3", {"slices": 2, "repetitions": 4}, 7),
     ("undersampled", {"repetitions": 3}, 2), ("averages", {"slices": 2, "coils": 2}, 1),
-    ("noise", {"slices": 2, "repetitions": 3}, 5), ("3d", {"repetitions": 3}, 2), ("turns", {}, 0),
+    ("noise", {"slices": 2, "repetitions": 3}, 5), ("3d", {"repetitions": 3}, 2), ("interleaved", {}, 0),
     ("defective", {"slices": 2, "repetitions": 3}, 5),
 ])  # fmt: skip
 def test_images_come_before_the_last_line_where_it_cannot_change_them(
@@ -371,7 +371,7 @@ def test_lines_are_sent_at_the_times_of_their_measurement(tmp_path, monkeypatch)
     sender = send.Sender(tmp_path / "p.h5")
     stamps = np.arange(16, dtype="u4") * 4
     for given, step in ((stamps, 4 * 2.5e-3), (np.zeros(16), sender._found.header.tr[0] / 1000)):
-        sender._found.heads["acquisition_time_stamp"] = given
+        sender._found.headers["acquisition_time_stamp"] = given
         begun, times = clock.now, []
         for message in sender.messages(realtime=True):
             times += [clock.now - begun] * (bytes(message[:2]) == struct.pack("<H", 1008))
@@ -450,7 +450,7 @@ def test_slices_that_gradients_bend_wait_for_their_volume(tmp_path):
     assert np.abs(got - plain).max() > 0.01
 
 
-# ---- Raw data that are kept ----------------------------------------------------------------------
+# ---- Raw data ------------------------------------------------------------------------------------
 
 
 def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
@@ -559,7 +559,7 @@ def test_broken_streams_end_in_an_error_and_leave_nothing(server, small):
         name = list(cases)[number % len(cases)]
         peer = Peer(server.address).send(*cases[name]).end()
         assert [line[:17] for line in peer.lines][-1:] == ["ERROR    ctessel:"], name
-        assert "fault of ctessel" not in "".join(peer.lines + server.log), (name, peer.lines)
+        assert "internal error" not in "".join(peer.lines + server.log), (name, peer.lines)
         most = max(most, server.resident()[0])
     after = server.settled()
     assert after[0] - before[0] < 60e6 and after[1] - before[1] <= 2 and most - before[0] < 600e6
@@ -574,7 +574,7 @@ def test_faults_of_the_system_are_told_as_such(small, monkeypatch, step):
     monkeypatch.setattr(session, step, fails)
     with served_here() as peer:
         peer.send(*small).end()
-    assert peer.lines == ["ERROR    ctessel: fault of ctessel, TypeError: 'NoneType' object"]
+    assert peer.lines == ["ERROR    ctessel: internal error of ctessel, TypeError: 'NoneType' object"]
 
 
 def test_a_stream_may_be_cut_anywhere(server, small):

@@ -320,20 +320,20 @@ def test_a_slice_is_corrected_in_its_plane(tmp_path, table, capsys):
     got, _ = unwarped(tmp_path, column[:, :, 1:2], thick.slab(1, 2), table, "--mode", "3d")
     inner = (slice(3, -3),) * 2
     np.testing.assert_allclose(got.get_fdata()[..., 0][inner], want[inner], atol=1e-3)
-    assert "a single slice is sampled within its plane only" in capsys.readouterr().err
+    assert "a single slice is sampled only within its plane" in capsys.readouterr().err
 
 
 @pytest.mark.parametrize(
     "sidecar, mode, warns",
     [
-        ({}, "3d", "nothing tells whether the scanner corrected it"),
+        ({}, "3d", "no sidecar says whether the scanner corrected it"),
         ({"ImageType": ["M", "ND"]}, "3d", ""),
         ({"ImageType": "ORIGINAL\\M\\ND"}, "3d", ""),
         ({"ImageType": ["M", "DIS2D"], "NonlinearGradientCorrection": True}, "through-plane", ""),
-        ({"ImageType": ["M", "DIS3D"]}, "none", "has been corrected before"),
+        ({"ImageType": ["M", "DIS3D"]}, "none", "was corrected before"),
         ({"NonlinearGradientCorrection": True}, "none", "was corrected on the scanner"),
         ({"NonlinearGradientCorrection": False}, "3d", ""),
-        ({"ImageType": ["ND"], "GradientCorrection": {"Mode": "3d"}}, "none", "has been corrected before"),
+        ({"ImageType": ["ND"], "GradientCorrection": {"Mode": "3d"}}, "none", "was corrected before"),
     ],
 )
 def test_auto_corrects_what_is_left(tmp_path, table, capsys, sidecar, mode, warns):
@@ -374,8 +374,8 @@ def bad(tmp_path, name):
     "name, text",
     [
         ("absent", "bad.nii: no such file; check the name"),
-        ("flat", "bad.nii: has voxels without a volume; its affine or extents are no use"),
-        ("nowhere", "bad.nii: does not say where it lies in the scanner (codes of sform and qform are 0)"),
+        ("flat", "bad.nii: has voxels without a volume; its affine or extents are unusable"),
+        ("nowhere", "bad.nii: has no position in the scanner (codes of sform and qform are 0)"),
         ("text", "bad.nii: cannot be read"),
         ("cut", "bad.nii: cannot be read"),
         ("unknown", "bad.nii: bad.json has no PatientPosition; state it, --position HFS or other"),
@@ -408,7 +408,7 @@ def test_wrong_use(tmp_path, table, capsys):
             run(*words)
         assert error.value.code == cli.USAGE
     assert run("unwarp", image, "--coefficients", image, "-o", tmp_path / "w.nii") == cli.DEFECT
-    assert "a.nii: is no text" in capsys.readouterr().err
+    assert "a.nii: is not text" in capsys.readouterr().err
     assert run("warp", table, "-o", tmp_path / "w.nii", "--jacobian", tmp_path / "w.nii") == cli.DEFECT
     assert "w.nii: is named for two files" in capsys.readouterr().err
     assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "none" / "w.nii") == cli.DEFECT

@@ -24,7 +24,7 @@ def workers():
         yield started
 
 
-@pytest.mark.parametrize("kind", ["undersampled-3", "turns", "averages", "partial-readout", "3d-undersampled", "echoes"])
+@pytest.mark.parametrize("kind", ["undersampled-3", "interleaved", "averages", "partial-readout", "3d-undersampled", "echoes"])
 def test_a_file_gives_the_samples_of_the_whole_block_by_block(tmp_path, kind):
     phantom.write(tmp_path / "p.h5", kind, size=32, coils=2, noise=0.01)
     found = raw.contents(tmp_path / "p.h5", cut=True)
