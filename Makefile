@@ -17,11 +17,12 @@ test: ## what is merged passes this: all builds and tests (./test.sh)
 all: ## everything that there is (./test.sh --all)
 	./test.sh --all
 
-lint: ## shell scripts, spelling, Python, types, links, layers, formatting
+lint: ## shell scripts, spelling, Python, types, links, layers, tables, versions, clang-tidy, formatting
 	tools/lint.sh --all
 
-format: ## formats the C++ sources as clang-format 14 does
+format: ## formats C++ and Python as clang-format 14 and black 23 do
 	git ls-files '*.cpp' '*.cc' '*.h' '*.hpp' | xargs clang-format -i
+	git ls-files '*.py' | xargs black --quiet
 
 bench: ## benchmarks as a report, bench-output/report.md
 	./bench.sh

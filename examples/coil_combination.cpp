@@ -4,14 +4,16 @@
 //   example_coil_combination [FOLDER [NAME]]
 //
 // NAME.cfl and NAME.hdr hold k-space of extents x, y, z, coils, line 0 in the centre; the plane in
-// the middle of z is shown. FOLDER gets coils.png (the first coils side by side), magnitude.png,
-// phase.png (black to white: -pi to pi, dark where there is no signal) and, with both beside each
-// other, combined.png. Without a NAME the combination is checked against the known head.
+// the middle of z is shown. FOLDER, by default that for temporary files, gets coils.png (the first
+// coils side by side), magnitude.png, phase.png (black to white: -pi to pi, dark where there is no
+// signal) and, with both beside each other, combined.png. Without a NAME the combination is checked
+// against the known head.
 
 #include <cTessel.h>
 
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 
 #include "cfl.h"
 #include "fourier.h"
@@ -117,7 +119,7 @@ float deviation(const Combined& c, int coils) {
 
 int main(int argc, char** argv) try {
   constexpr int kCoils = 8;
-  const std::string folder = argc > 1 ? argv[1] : ".";
+  const std::string folder = argc > 1 ? argv[1] : std::filesystem::temp_directory_path().string();
   std::filesystem::create_directories(folder);
   ComplexArray data = argc > 2 ? read_cfl(argv[2]) : phantom_images(128, kCoils);
   if (argc <= 2) transform_planes(data, false);  // to k-space, as a scanner would give it

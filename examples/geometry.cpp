@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -174,7 +175,8 @@ void report(Coil& coil) {
 int main(int argc, char* argv[]) try {
   std::istringstream synthetic(kSyntheticCoil);
   Coil coil = argc > 1 ? read_coil_file(argv[1]) : read_coil(synthetic);
-  const std::string path = argc > 2 ? argv[2] : "geometry.png";
+  const std::string path =
+      argc > 2 ? argv[2] : (std::filesystem::temp_directory_path() / "geometry.png").string();
   write_png(path, beside({plane(coil, 0, 1), plane(coil, 0, 2), plane(coil, 1, 2)}));
   report(coil);
   std::printf("straight and corrected grid in the xy, xz and yz planes: %s\n", path.c_str());

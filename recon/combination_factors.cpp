@@ -38,17 +38,19 @@ bool form_all(const ctessel::FactorProblem& problem, bool direct, std::complex<d
 
 int find_edges(Eigen::VectorXf a, Eigen::VectorXf b, int na, int nb, int N) {
   if (na != nb) return 1;
+  const int half = N / 2;
   for (int i = 0; i < na; ++i) {
-    if (std::abs(a[i] - b[i]) > static_cast<float>(N / 2)) return 1;
+    if (std::abs(a[i] - b[i]) > static_cast<float>(half)) return 1;
   }
   return 0;
 }
 
-int get_combination_factors(float* sens_re, float* sens_im, const Eigen::VectorXi& sens_dims,
-                            const Eigen::MatrixXcd& psi, const Eigen::Vector3f& reduction,
-                            double lambda, const Eigen::VectorXf& reference,
-                            Eigen::VectorXcd& factors, Eigen::VectorXi& folded,
-                            Eigen::VectorXi full, float* edges_y, float* edges_z) {
+int get_combination_factors(
+    float* sens_re, float* sens_im, const Eigen::VectorXi& sens_dims, const Eigen::MatrixXcd& psi,
+    const Eigen::Vector3f& reduction, double lambda, const Eigen::VectorXf& reference,
+    Eigen::VectorXcd& factors, Eigen::VectorXi& folded,
+    Eigen::VectorXi full,  // NOLINT(performance-unnecessary-value-param): public
+    float* edges_y, float* edges_z) {
   const int64_t nx = sens_dims[0], ny = sens_dims[1], nz = sens_dims[2], nc = sens_dims[3];
   const int cRy = ctessel::to_int(std::ceil(reduction[1]));
   const int cRz = ctessel::to_int(std::ceil(reduction[2]));

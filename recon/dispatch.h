@@ -18,6 +18,7 @@
 #endif
 #endif
 
+// NOLINTBEGIN(bugprone-macro-parentheses): declarations and lists of arguments cannot have more.
 #if defined(CTESSEL_DISPATCH) && defined(__x86_64__) && defined(__GNUC__) && \
     !defined(CTESSEL_SANITIZED)
 #define CTESSEL_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
@@ -35,3 +36,4 @@
 #define CTESSEL_BY_WIDTH(declaration, body, arguments) \
   declaration { return body<2> arguments; }
 #endif
+// NOLINTEND(bugprone-macro-parentheses)

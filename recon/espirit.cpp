@@ -301,10 +301,11 @@ Matrix convolutions(const Matrix& space, const Windows& w) {
 /// column for each of the N places x.
 Matrix waves(Index size, Index first, Index terms) {
   Matrix out(terms, size);
+  const Index centre = size / 2;
   for (Index k = 0; k < terms; ++k) {
     for (Index x = 0; x < size; ++x) {
       const double turns =
-          static_cast<double>((first + k) * (x - size / 2)) / static_cast<double>(size);
+          static_cast<double>((first + k) * (x - centre)) / static_cast<double>(size);
       out.set(k, x, std::polar(1.0, 2 * std::numbers::pi * turns));
     }
   }
@@ -349,7 +350,8 @@ class Polynomials {
 
 /// Falls from 1 at the centre to almost 0 at both ends; 1 for an axis of one sample.
 double hann(Index i, Index n) {
-  const auto k = static_cast<double>(i - n / 2);
+  const Index centre = n / 2;
+  const auto k = static_cast<double>(i - centre);
   return n > 1 ? 0.5 + 0.5 * std::cos(2 * std::numbers::pi * k / static_cast<double>(n + 1)) : 1.0;
 }
 

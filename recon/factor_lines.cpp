@@ -50,7 +50,8 @@ void take_list(ctessel::AliasAxis& axis, const std::vector<int>& lines) {
 }
 
 Eigen::VectorXf coordinates(const ctessel::AliasAxis& axis, int line) {
-  return Eigen::Map<const Eigen::VectorXf>(axis.coord.data() + line * axis.room, axis.room);
+  return Eigen::Map<const Eigen::VectorXf>(axis.coord.data() + int64_t{line} * axis.room,
+                                           axis.room);
 }
 
 /// Puts the lines before the first two jumps into edges, in ascending order.
@@ -163,7 +164,7 @@ ctessel::FactorLines::Parts ctessel::FactorLines::row(int64_t row, int64_t c, in
   const int64_t at = offset(row) + c * p_.maps.coil;
   const float *re = p_.maps.re + at, *im = p_.maps.im ? p_.maps.im + at : nullptr;
   if (p_.maps.x == 1) return {re, im ? im : zeros_.data()};
-  float* copy = scratch_.data() + 2 * scratch * pitch_;
+  float* copy = scratch_.data() + 2 * pitch_ * scratch;
   load_row(re, im, p_.maps.x, n, copy, copy + pitch_);
   return {copy, copy + pitch_};
 }

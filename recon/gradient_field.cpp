@@ -316,9 +316,9 @@ void place(const FieldPoints& p, std::ptrdiff_t i, double (&at)[3]) {
     std::copy(p.xyz + 3 * i, p.xyz + 3 * i + 3, at);
     return;
   }
+  const std::ptrdiff_t line = i / p.extents[0], plane = line / p.extents[1];
   const double voxel[] = {static_cast<double>(i % p.extents[0]),
-                          static_cast<double>(i / p.extents[0] % p.extents[1]),
-                          static_cast<double>(i / p.extents[0] / p.extents[1])};
+                          static_cast<double>(line % p.extents[1]), static_cast<double>(plane)};
   for (int d = 0; d < 3; ++d) {
     const double* row = p.affine[d];
     at[d] = row[0] * voxel[0] + row[1] * voxel[1] + row[2] * voxel[2] + row[3];
@@ -414,7 +414,7 @@ bool step(Search& s, int j) {
 
 /// Each point stops by itself: its result does not depend on the others of its batch.
 void search(const Expansion& e, int count, Search& s) {
-  std::copy(&s.goal[0][0], &s.goal[0][0] + 3 * kBatch, &s.b.at[0][0]);
+  std::copy_n(&s.goal[0][0], 3 * kBatch, &s.b.at[0][0]);
   int left = count;
   for (int k = 0; k < kInverseSteps && left > 0; ++k) {
     sum_up_here(e.sequence, false, s.b);

@@ -284,7 +284,7 @@ class Resampler {
   struct Scratch {
     explicit Scratch(const Resampler& r) : n(r.x_.index.size()), spread(16 * n), values(2 * n) {}
     const float* ends(std::size_t place, bool imaginary) const {
-      return spread.data() + (4 * place + 2 * imaginary) * n;
+      return spread.data() + (4 * place + (imaginary ? 2U : 0U)) * n;
     }
     std::size_t n;
     std::vector<float> spread, values;

@@ -11,12 +11,12 @@ constexpr int kVoxels = 8;
 
 template <int W>
 struct Vectors;
-#define CTESSEL_VECTORS(W)                                                            \
-  template <>                                                                         \
-  struct Vectors<W> {                                                                 \
-    typedef double Lanes __attribute__((vector_size(8 * W), may_alias));              \
-    typedef std::int64_t Mask __attribute__((vector_size(8 * W), may_alias));         \
-    typedef float Singles __attribute__((vector_size(4 * W), aligned(4), may_alias)); \
+#define CTESSEL_VECTORS(W)                                                              \
+  template <>                                                                           \
+  struct Vectors<W> {                                                                   \
+    typedef double Lanes __attribute__((vector_size(8 * (W)), may_alias));              \
+    typedef std::int64_t Mask __attribute__((vector_size(8 * (W)), may_alias));         \
+    typedef float Singles __attribute__((vector_size(4 * (W)), aligned(4), may_alias)); \
   };
 CTESSEL_VECTORS(2)
 CTESSEL_VECTORS(4)

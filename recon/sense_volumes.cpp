@@ -53,7 +53,7 @@ void narrow_between(const double* __restrict row, const int* __restrict index,
                     const double* __restrict low, const double* __restrict high, int64_t n,
                     float* __restrict re, float* __restrict im) {
   for (int64_t i = 0; i < n; ++i) {
-    const double* at = row + 2 * index[i];
+    const double* at = row + int64_t{2} * index[i];
     re[i] = static_cast<float>(low[i] * at[0] + high[i] * at[2]);
     im[i] = static_cast<float>(low[i] * at[1] + high[i] * at[3]);
   }
@@ -228,7 +228,7 @@ class Tile {
   bool inside() const { return inside_; }
 
  private:
-  static constexpr std::size_t kWindow = 4 * kBlock;
+  static constexpr std::size_t kWindow = std::size_t{4} * kBlock;
   struct Target {
     int64_t y, z;
   };
@@ -483,7 +483,8 @@ class Tile {
   /// Full line and slice of alias k.
   Target target(int y, int z, int64_t k) const {
     const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(z)]);
-    return {p_.y.full[size(y * p_.y.room + of.y)], p_.z.full[size(z * p_.z.room + of.z)]};
+    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)],
+            p_.z.full[size(int64_t{z} * p_.z.room + of.z)]};
   }
 
   void deliver(int y, int z, const VolumePlace& place) {

@@ -11,7 +11,7 @@ if [ $# -eq 2 ]; then
   cd "$(dirname "$0")/.."
 else
   cd "$(dirname "$0")/.."
-  tools/install_packages.sh packages.txt >&2
+  tools/install_packages.sh cmake/packages.txt >&2
   build=$PWD/build/deb out=$PWD/build/debs
   { cmake --preset deb && cmake --build --preset deb; } >&2
 fi

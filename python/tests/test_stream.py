@@ -547,7 +547,7 @@ def broken(small):
         "not finite": [head, *small[2:4], bytes(nan), *small[5:]],
         "huge matrix": [huge, *small[2:]],
         "counters": [head, acquisition(64, 4, slice=most, repetition=most, set=most, phase=most)
-                     + bytes(2048), small[4], small[-1]],  # fmt: skip
+                     + bytes(2048), small[4], small[-1]],
         "directions": [head, acquisition(64, 4, read_dir=(np.nan,) * 3) + bytes(2048), small[-1]],
     }  # fmt: skip
 
