@@ -8,7 +8,7 @@
 % single(data) of single data, and even contiguous parts such as coil = data(:, :, 1, 2) change
 % together. Make a real copy first if you need the original, or if DATA is such a part:
 %
-%   data = original + 0;          % a copy of its own, safe to change
+%   data = original + 0;          % a separate copy, safe to change
 %
 % Values that the host keeps in a compact form are the exception: of a diagonal matrix (eye) or a
 % single number it may pass a copy, and DATA stays as it is. full(x) makes a plain array.

@@ -20,7 +20,7 @@ function tour(folder)
   folded = folded(:, 33:96, :, :);
   unfolded = abs(ctessel_sense(folded, maps));
 
-  % Noise alone, a hundred times at once: what the unfolding adds to it, from 1 up.
+  % A hundred images of only noise: their standard deviation shows the g-factor, from 1 up.
   noise = complex(randn(128, 64, 1, 8, 1, 1, 1, 1, 100), randn(128, 64, 1, 8, 1, 1, 1, 1, 100));
   amplification = std(ctessel_sense(noise, maps), 0, 9) / sqrt(2);
   picture(folder, 'sense', [ctessel_sos(folded), unfolded], max(full(:)));
@@ -29,7 +29,7 @@ function tour(folder)
   printf('sense_noise.png: noise is amplified up to %.1f times, %.1f on average\n', max(amplification(:)), ...
          mean(amplification(:)));
 
-  % A straight grid as gradients with higher terms see it.
+  % A straight grid, encoded by gradients with higher terms.
   [x, y] = ndgrid(-200:200, -200:200);
   x(mod(x, 40) ~= 0 & mod(y, 40) ~= 0) = NaN;
   coeff_x = [0 0; 0 1; 0 0; 0 -.03; 0 0; 0 .004];

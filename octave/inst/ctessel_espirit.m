@@ -1,4 +1,4 @@
-% Coil sensitivities from fully measured k-space around its centre (ESPIRiT, one set of maps).
+% Coil sensitivities from fully sampled k-space around its centre (ESPIRiT, one set of maps).
 %
 %   maps = ctessel_espirit(calibration, target)
 %   maps = ctessel_espirit(calibration, target, kernel, threshold, crop)
@@ -8,16 +8,16 @@
 %                 double, without gaps.
 %   target        extents [X Y] or [X Y Z] of the maps, over the field of view of CALIBRATION
 %   kernel        samples of the window that slides over CALIBRATION, 6 if left out
-%   threshold     eigenvalue of the calibration matrix from which on it is signal, of the largest;
-%                 0.001 if left out
-%   crop          eigenvalue of a voxel, 1 at best, up to which it is outside of the object; 0.8 if left
-%                 out
-%   maps          complex single, X x Y x Z x coil. The coils' squared magnitudes sum to 1, outside of
-%                 the object to 0. An image that they unfold has the phase of the coils' sum weighted
-%                 with their magnitudes.
+%   threshold     eigenvalues of the calibration matrix above this share of the largest one are
+%                 signal; 0.001 if left out
+%   crop          a voxel with an eigenvalue (at most 1) up to this is outside of the object; 0.8 if
+%                 left out
+%   maps          complex single, X x Y x Z x coil. The squared magnitudes of the coils sum to 1 in the
+%                 object, and to 0 outside. An unfolded image has the phase of the sum of the coils,
+%                 weighted with their magnitudes.
 %   eigenvalues   single, X x Y x Z
 %
-% Example: a disc seen by four coils.
+% Example: a disc with four coils.
 %
 %   [x, y] = ndgrid(((0:31) - 16) / 16);
 %   angles = reshape((0:3) * pi / 2, 1, 1, 1, 4);

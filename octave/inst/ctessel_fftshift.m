@@ -4,7 +4,7 @@
 %   y = ctessel_fftshift(x, dim)   along dimension DIM, 1 to 3
 %
 %   x    k-space or images, single or double, real or complex, any number of dimensions. Coils,
-%        slices and so on, from the fourth dimension on, stay where they are.
+%        slices and so on, from the fourth dimension on, are not shifted.
 %   y    the same shape, single. On an axis of N samples, sample 1 is now sample floor(N/2) + 1.
 %
 % fftshift gives the same numbers; this one runs in parallel over the dimensions from the fourth on.

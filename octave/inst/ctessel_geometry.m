@@ -1,21 +1,21 @@
-% Positions at which non-linear gradients encode points: where a distortion correction resamples.
+% Positions at which non-linear gradients encode points; a distortion correction samples there.
 %
 %   [xd, yd, zd] = ctessel_geometry(x, y, z, coeff_x, coeff_y, coeff_z, r0)
 %
 %   x, y, z      points relative to the isocentre, real, three arrays of one shape, in the unit of R0
 %   coeff_x      cosine terms of the x gradient, up to 14 x 12: row n + 1 is order n, column m + 1
-%                degree m; read where n >= m >= 1. Smaller tables count as filled up with 0.
+%                degree m; read where n >= m >= 1. Missing entries count as 0.
 %   coeff_y      sine terms of the y gradient, the same
 %   coeff_z      zonal terms of the z gradient, a vector of up to 17: entry n + 1 is order n
 %   r0           reference radius of the expansion
 %   xd, yd, zd   encoded positions, single, the shape of X
 %
-% The functions are not normalised and without the Condon-Shortley phase: tables for functions
-% normalised in another way have to be rescaled. Each gradient is divided by its linear coefficient,
-% coeff_x(2, 2), coeff_y(2, 2) and coeff_z(2), so tables with these alone give the points back,
-% to 0.1 mm with R0 = 250 mm: the functions are looked up at 10000 samples of cos(theta).
+% The functions are not normalised and have no Condon-Shortley phase. Rescale tables for other
+% normalisations. Each gradient is divided by its linear coefficient, coeff_x(2, 2), coeff_y(2, 2) and
+% coeff_z(2). Tables with only these return the points, within 0.1 mm for R0 = 250 mm, because the
+% functions are looked up at 10000 samples of cos(theta).
 %
-% Example: a straight grid as gradients with a third-order term see it.
+% Example: a straight grid, encoded by gradients with a third-order term.
 %
 %   [x, y] = ndgrid(-200:50:200);
 %   linear = [0 0; 0 1];

@@ -1,4 +1,4 @@
-% Field of gradients that are not linear: encoded positions, their derivatives and their inverse.
+% Field of non-linear gradients: encoded positions, their derivatives and their inverse.
 %
 %   out = ctessel_gradient_field(what, points, terms, r0)
 %   [points, lost] = ctessel_gradient_field('inverse', encoded, terms, r0)
@@ -8,16 +8,17 @@
 %            'jacobian'      n x 3 x 3: d encoded_a / d point_b at (:, a, b)
 %            'determinant'   n x 1: of the Jacobian, with its sign
 %            'inverse'       n x 3: the points that are encoded at POINTS; NaN where the iteration
-%                            point = encoded - displacement does not converge, LOST times
+%                            point = encoded - displacement does not converge; LOST is
+%                            the number of these points
 %   points   n x 3: x, y, z from the isocentre along the axes of the gradients, in the unit of R0
 %   terms    k x 5: axis (1 x, 2 y, 3 z), kind (0 cosine, 1 sine), order n (1 to 25), degree m (0 to n),
 %            value
 %   r0       reference radius of the expansion
 %
-% A term is value (r / r0)^n P_n^m(cos theta) cos(m phi), or sin(m phi). P_n^m is not normalised and
-% without the Condon-Shortley phase. Each gradient is divided by its linear term, which must be there:
-% [1 0 1 1 value] of x, [2 1 1 1 value] of y, [3 0 1 0 value] of z; linear gradients move nothing. All
-% is analytic and in double; there are no tables and no special points.
+% A term is value (r / r0)^n P_n^m(cos theta) cos(m phi), or sin(m phi). P_n^m is not normalised and has
+% no Condon-Shortley phase. Each gradient is divided by its linear term, which is required:
+% [1 0 1 1 value] for x, [2 1 1 1 value] for y, [3 0 1 0 value] for z. Linear gradients move nothing.
+% Everything is analytic and in double precision, without tables and without singular points.
 %
 % Example: the largest displacement over a plane, and how much a voxel is stretched there.
 %

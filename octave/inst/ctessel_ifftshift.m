@@ -1,4 +1,4 @@
-% Moves the centre of an axis, sample floor(N/2) + 1, to its first sample. Undoes ctessel_fftshift.
+% Moves the centre of an axis, sample floor(N/2) + 1, to its first sample: the inverse of ctessel_fftshift.
 %
 %   y = ctessel_ifftshift(x)        along the first three dimensions
 %   y = ctessel_ifftshift(x, dim)   along dimension DIM, 1 to 3

@@ -1,4 +1,4 @@
-% What unfolding makes of noise: g-factor, standard deviation and condition of every voxel.
+% Noise after unfolding: g-factor, standard deviation and condition of every voxel.
 %
 %   [g, sd, condition] = ctessel_noise(maps, full_size, fold_size)
 %   [g, sd, condition] = ctessel_noise(maps, full_size, fold_size, covariance)
@@ -9,21 +9,21 @@
 %   full_size    extents [X Y] or [X Y Z] of the unfolded image
 %   fold_size    extents [x y] or [x y z] of the folded images; the same along x
 %   covariance   noise of the folded images, coil x coil; covariance(c, c) is the mean squared
-%                magnitude. Left out or []: the identity.
-%   expected     expected magnitude x, y, z, location on the grid of MAPS, which switches the
-%                regularisation on: 1 / (expected^2 weight) on the diagonal. [] for none.
+%                magnitude. If left out or []: the identity.
+%   expected     expected magnitude x, y, z, location on the grid of MAPS. It switches on
+%                regularisation: 1 / (expected^2 weight) on the diagonal. [] for none.
 %   weight       1 if left out
-%   mask         x, y, z, location on the grid of MAPS: not 0 where a voxel is in the object. Left out
-%                or []: the voxels that any coil sees.
-%   g            X x Y x Z x location, single: noise of the voxel over that without its aliases, at
-%                least 1 without regularisation
-%   sd           standard deviation of the complex value in the unit of the folded images; that of
-%                the real and of the imaginary part is 1/sqrt(2) of it
+%   mask         x, y, z, location on the grid of MAPS: not 0 where a voxel is in the object. If left
+%                out or []: the voxels that any coil sees.
+%   g            X x Y x Z x location, single: noise of the voxel, divided by its noise without
+%                aliases; at least 1 without regularisation
+%   sd           standard deviation of the complex value in the unit of the folded images. The real
+%                and the imaginary part each have 1/sqrt(2) of it
 %   condition    of A = S' / covariance * S, with the sensitivities S of the voxels that alias: largest
-%                over smallest eigenvalue, at most 2^52
+%                divided by smallest eigenvalue, at most 2^52
 %
-% All are 0 outside of the object and where no coil sees a voxel, and NaN where the voxels that alias
-% cannot be told apart. Nothing is drawn at random.
+% All are 0 outside of the object and where no coil sees a voxel. They are NaN where the coils cannot
+% separate the voxels that alias. No random numbers are used.
 %
 % Example: every second line of four coils.
 %

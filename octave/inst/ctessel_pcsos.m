@@ -1,13 +1,13 @@
-% Root sum of squares over the coils that keeps a phase.
+% Root sum of squares over the coils, with a phase.
 %
 %   y = ctessel_pcsos(x)
 %   y = ctessel_pcsos(x, dim)
 %
 %   x     coil images, single or double, real or complex, any number of dimensions
-%   dim   the dimension of the coils; left out: 4, behind x, y and z
-%   y     complex single: the magnitude is ctessel_sos(x, dim), the phase that of the coil images
-%         summed with weights. The weight of a coil at a voxel is its mean magnitude along the
-%         tenth dimension, so all images along that dimension are combined alike.
+%   dim   the dimension of the coils; 4 if left out, after x, y and z
+%   y     complex single. The magnitude is ctessel_sos(x, dim); the phase is that of a weighted sum of
+%         the coil images. The weight of a coil at a voxel is its mean magnitude along the tenth
+%         dimension, so all images along that dimension have the same weights.
 %
 % Example:
 %

@@ -6,9 +6,9 @@
 %   kspace     single or double, real or complex, any number of dimensions; line 0 of an axis of N
 %              samples is sample floor(N/2) + 1
 %   strength   one number for the first two dimensions, or two or three: 0 (no taper) to 0.915
-%              (nearly a full Hamming window); values outside are clamped. Where there is no third
-%              value, the third dimension is left alone.
-%   width      widths of the window in samples, two or three; samples outside become 0. Left out:
+%              (nearly a full Hamming window); values outside are clamped. Without a third value, the
+%              third dimension is not filtered.
+%   width      widths of the window in samples, two or three; samples outside become 0. If left out:
 %              the extents of KSPACE.
 %   y          the same shape, single: at j samples from the centre the weight of an axis is
 %              0.54 + 0.46 cos(2 pi j / L), where L makes it 1 - strength at half the width.

@@ -1,4 +1,4 @@
-% SENSE: unfolds undersampled multi-coil images with the coils' sensitivities.
+% Unfolds undersampled multi-coil images with coil sensitivities (SENSE).
 %
 %   image = ctessel_sense(folded, maps)
 %   image = ctessel_sense(folded, maps, full_size)
@@ -7,30 +7,30 @@
 %
 %   folded       x, y, z, coil, then up to nine more dimensions that are reconstructed one by one;
 %                the eighth is the location. Single or double, as all arrays here.
-%   maps         coil sensitivities x, y, z, coil, location over the full field of view; the grid may
-%                be coarser or finer than the image's. Let them reach into the air: they mark the
-%                object only roughly, by the samples of coil 1 whose REAL part is not 0, and a line
-%                of a column x stays in from the first of them on. Where no coil has a sensitivity
-%                at a line that is in, the voxels that alias with it are not finite (a warning says
-%                so).
+%   maps         coil sensitivities x, y, z, coil, location over the full field of view. The grid may
+%                be coarser or finer than that of the image. MAPS also mark the object: in each column
+%                x, the object starts at the first sample of coil 1 with a REAL part other than 0.
+%                All later lines of the column count as object. So extend the maps into the air. If
+%                no coil has a sensitivity at a line of the object, the voxels that alias with it are
+%                not finite, and a warning says so.
 %   full_size    unfolded extents [X Y] or [X Y Z]. X is that of FOLDED; the factors Y / y and Z / z
-%                may be fractions. Left out or []: x of FOLDED with y and z of MAPS.
-%   covariance   noise of the coils, coil x coil. Left out or []: the identity. Any unit without
-%                regularisation; with it, covariance(c, c) is the mean squared magnitude of the noise in
-%                FOLDED: k times the covariance regularises as 1/k of the weight.
-%   expected     expected magnitude x, y, z, location on the grid of MAPS, which switches the
-%                regularisation on; needs REFERENCE, an image whose level it has
-%   scale        divisor of the level of FOLDED in the weight of the regularisation; 1 if left out
-%   image        complex single, X x Y x Z x 1 and the further extents of FOLDED. 0 outside the
+%                may be fractions. If left out or []: x of FOLDED, y and z of MAPS.
+%   covariance   noise of the coils, coil x coil. If left out or []: the identity. Without
+%                regularisation its unit does not matter. With regularisation, covariance(c, c) is the
+%                mean squared magnitude of the noise in FOLDED: k times the covariance acts like 1/k of
+%                the weight.
+%   expected     expected magnitude x, y, z, location on the grid of MAPS. It switches on
+%                regularisation, and needs REFERENCE, an image with the same intensity.
+%   scale        divisor of the intensity of FOLDED in the weight of the regularisation; 1 if left out
+%   image        complex single, X x Y x Z x 1, then the other extents of FOLDED. 0 outside of the
 %                object.
 %
-% Scale. Line j of a folded axis holds the SUM of the lines of the full one that alias onto it, with
-% the central lines in place. Of N lines of k-space take every R-th, N/R in all: their centred inverse
-% transform by ifft, which divides by the number of lines it is given, is that sum as it is. Do not
-% multiply it by R. The transform of all N lines with zeros for those left out divides by N instead,
-% and shows the sum divided by R.
+% Scale: line j of a folded axis is the SUM of the lines of the full axis that alias onto it; the central
+% lines keep their place. Take every R-th of N lines of k-space, N/R in all. Their centred inverse transform
+% by ifft is this sum, because ifft divides by the number of its lines. Do not multiply it by R. If you
+% transform all N lines, with zeros for the others, ifft divides by N, and the result is the sum divided by R.
 %
-% Example: every second line of a disc seen by four coils.
+% Example: every second line of a disc with four coils.
 %
 %   [x, y] = ndgrid(((0:31) - 16) / 16);
 %   angles = reshape((0:3) * pi / 2, 1, 1, 1, 4);

@@ -4,7 +4,7 @@
 %   y = ctessel_sos(x, dim)
 %
 %   x     coil images, single or double, real or complex, any number of dimensions
-%   dim   the dimension of the coils; left out: 4, behind x, y and z
+%   dim   the dimension of the coils; 4 if left out, after x, y and z
 %   y     magnitudes, single: sqrt(sum(abs(x) .^ 2, dim)), summed coil by coil
 %
 % Example:

@@ -5,10 +5,10 @@
 %   x        single or double, real or complex, any number of dimensions
 %   target   extents of the first two or three dimensions of the result, whole numbers, none
 %            smaller than those of X. Dimensions without a target keep their extents.
-%   y        single; line 0, sample floor(N/2) + 1, of an even extent lies on line 0 of an even
-%            target. An odd spare zero goes in front: padding a b to 5 gives 0 0 a b 0.
+%   y        single; line 0, sample floor(N/2) + 1, of an even extent becomes line 0 of an even target. If
+%            the number of zeros is odd, one more goes in front: padding a b to 5 gives 0 0 a b 0.
 %
-% Example: images on twice as fine a grid.
+% Example: images on a grid that is twice as fine.
 %
 %   ctessel_zero_pad([1 2; 3 4], [4 5])
 %   kspace = single(complex(rand(8, 6, 1, 4), 1));

@@ -6,18 +6,18 @@
 %
 %   kspace       kx, ky, kz, then coils, slices and so on; single or double, real or complex, on the
 %                full grid with line 0 in the centre: on an axis of N samples it is sample
-%                floor(N/2) + 1. Lines outside the ranges count as not measured, whatever they hold.
+%                floor(N/2) + 1. Lines outside of the ranges count as not measured; their values are
+%                ignored.
 %   kx, ky, kz   measured range [first last] of each axis in whole lines from the centre; [] or left
-%                out for an axis that is measured fully. Lines may be missing on either side. At
-%                least 0.55 of the 2 m + 1 lines -m .. m must be measured, with m the end that
-%                reaches further.
+%                out for a fully sampled axis. Lines may be missing on either side. At least 0.55 of
+%                the 2 m + 1 lines -m .. m must be measured; m is the farther end of the range.
 %   image        real single, the shape of KSPACE: its centred inverse transform along the first
-%                three dimensions without the phase of its low-resolution image. Noise can make it
+%                three dimensions, without the phase of its low-resolution image. Noise can make it
 %                negative. Where the low-resolution image is exactly 0, the image is 0.
 %
-% KSPACE is not changed. Slices of a two-dimensional scan belong in the fourth dimension or beyond,
-% not in the third. A scan that misses its positive side is turned round for the filter, and the
-% image back; on an axis of even length line -N/2 has no counterpart then and is left out.
+% KSPACE is not changed. Put slices of a two-dimensional scan into the fourth dimension or beyond, not
+% into the third. If the positive side of an axis is missing, the axis is mirrored for the filter, and the
+% image is mirrored back. On an axis of even length, line -N/2 then has no counterpart and is left out.
 % A range with abs(first + last) <= 1 is symmetric: that axis is transformed without a filter.
 %
 % Example: lines -20 .. 63 of 128 were measured along ky.
@@ -38,14 +38,14 @@ function image = homodyne_recon(kspace, varargin)
   if numel(kspace) < 2, reject_shape(who, 'KSPACE', 'more than one sample', kspace); end
   ranges = [varargin, {[], []}](1:3);
   names = {'KX', 'KY', 'KZ'};
-  turned = false(1, 3);
+  mirrored = false(1, 3);
   data = single(kspace) + 0;  % in storage of its own: the module works in place
   for d = 1:3
-    [ranges{d}, turned(d)] = check_range(who, names{d}, ranges{d}, size(kspace, d));
+    [ranges{d}, mirrored(d)] = check_range(who, names{d}, ranges{d}, size(kspace, d));
     data = without_lines(data, ranges{d}, d);
-    if turned(d)
-      data = turn(data, d);
-      % Line -N/2 becomes itself, so the turned range ends before it.
+    if mirrored(d)
+      data = mirror(data, d);
+      % Line -N/2 becomes itself, so the mirrored range ends before it.
       last = ceil(size(kspace, d) / 2) - 1;
       ranges{d} = [-ranges{d}(2), min(-ranges{d}(1), last)];
     end
@@ -64,13 +64,12 @@ function image = homodyne_recon(kspace, varargin)
   homodyne('multiply', image, phase);
   image = real(image);
   image(phase == 0) = 0;
-  for d = find(turned), image = turn(image, d); end
+  for d = find(mirrored), image = mirror(image, d); end
 end
 
-% The range as [first last], both within the axis, and whether the lines of the positive side are the
-% missing ones.
-function [range, turned] = check_range(who, name, range, n)
-  turned = false;
+% The range as [first last], both within the axis, and whether the positive side is missing.
+function [range, mirrored] = check_range(who, name, range, n)
+  mirrored = false;
   if isnumeric(range) && isempty(range)
     range = [];
     return
@@ -81,7 +80,7 @@ function [range, turned] = check_range(who, name, range, n)
   range = check_whole(who, name, range, 2, lowest, highest);
   if range(1) > range(2), reject(who, name, '[first last] with first <= last', given); end
   if abs(sum(range)) <= 1, return, end
-  turned = sum(range) < 0;
+  mirrored = sum(range) < 0;
   longer = max(abs(range));
   if (diff(range) + 1) / (2 * longer + 1) < 0.55
     expected = sprintf('a range of at least %d lines (0.55 of the %d from %d to %d)', ...
@@ -100,7 +99,7 @@ function data = without_lines(data, range, d)
 end
 
 % Line k goes to -k; line -N/2 of an even axis stays.
-function x = turn(x, d)
+function x = mirror(x, d)
   x = flip(x, d);
   if mod(size(x, d), 2) == 0, x = circshift(x, 1, d); end
 end
@@ -164,12 +163,12 @@ end
 %!test % the missing side does not matter, along one axis or beside another
 %! for n = [31 32]
 %!   k = forward(object(:, 1:n));
-%!   turned = k;
-%!   turned(:, (mod(n, 2) == 0) + 1:end) = k(:, end:-1:(mod(n, 2) == 0) + 1);
+%!   mirrored = k;
+%!   mirrored(:, (mod(n, 2) == 0) + 1:end) = k(:, end:-1:(mod(n, 2) == 0) + 1);
 %!   last = ceil(n / 2) - 1;
 %!   for kx = {[], [-6 9]}
 %!     image = homodyne_recon(k, kx{1}, [-6 last]);
-%!     again = flip(homodyne_recon(turned, kx{1}, [-last 6]), 2);
+%!     again = flip(homodyne_recon(mirrored, kx{1}, [-last 6]), 2);
 %!     if mod(n, 2) == 0, again = circshift(again, 1, 2); end
 %!     assert(again, image, 1e-5)
 %!   end
