@@ -193,24 +193,6 @@ TEST_CASE("Positions and Jacobians are those of explicit polynomials", "[gradien
   }
 }
 
-// Each kind alone, so that none hides behind the others' size.
-TEST_CASE("A single term of any axis moves points as its polynomial does", "[gradient_field]") {
-  Random random;
-  const Doubles points = places(random, 10);
-  for (Dim axis : {Dim::x, Dim::y, Dim::z})
-    for (bool sine : {false, true})
-      for (const auto& [n, m] :
-           {std::pair{2, 1}, {2, 2}, {4, 1}, {5, 0}, {7, 6}, {25, 0}, {25, 25}}) {
-        if (sine && m == 0) continue;
-        CAPTURE(static_cast<int>(axis), sine, n, m);
-        Terms terms = kLinear;
-        terms.push_back({axis, sine, n, m, 0.1 * norm(n, m)});
-        const Deviation most = deviation(terms, points);
-        CHECK(most.position < 1e-11);
-        CHECK(most.jacobian < 1e-11);
-      }
-}
-
 TEST_CASE("Linear gradients move nothing, also where they are divided", "[gradient_field]") {
   Random random;
   const Doubles points = places(random, 40);
