@@ -33,6 +33,18 @@ def test_the_manual_page_has_what_the_help_has(tmp_path):
     assert "cancelled with Ctrl-C" in shown.stdout and "echoes" in shown.stdout
 
 
+def test_pages_name_the_options_that_there_are():
+    commands = cli._parser()._subparsers._group_actions[0].choices
+    options = {name: {s for a in each._actions for s in a.option_strings} for name, each in commands.items()}
+    docs = CHECKOUT / "docs"
+    table = (docs / "recon.md").read_text()
+    assert not [s for s in options["recon"] - {"--help"} if s.startswith("--") and s not in table]
+    for page in [CHECKOUT / "README.md", *docs.glob("*.md"), *docs.glob("start/*.md")]:
+        for name, words in re.findall(r"ctessel (\w+) ([^`|\n]*)", page.read_text()):
+            used = set(re.findall(r"(?<!\S)--[a-z-]+", words))
+            assert name not in options or used <= options[name], (page.name, used - options[name])
+
+
 #: Answers of the shells' own machinery to `typed`.
 ASK = {
     "bash": '. "{script}"; COMP_WORDS=(ctessel {typed}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); _ctessel; echo "${{COMPREPLY[@]}}"',
