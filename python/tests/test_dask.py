@@ -131,7 +131,7 @@ def held():
 
 
 def test_memory_of_workers_does_not_grow_with_the_scan(client):
-    _, first = scan((96, 96, 1), 8, lines(96, 2, 0, 24), slices=8)
+    _, first = scan((192, 192, 1), 8, slices=24)
     plan = pipeline.plan(first)
     part = pipeline.select(plan, "slice", 0, 1)
     pipeline.reconstruct(first, client=client, plan=part)  # workers import what they need
