@@ -13,7 +13,7 @@ scale factor that makes it least. BART has the best of three regularisations for
 Processor time is that of the processes, start-up included: of a scan of SLICES slices for
 `ctessel recon`, which takes them at once, and of one slice for BART, which takes one.
 
-Shifted lattices need two phase-encoded axes: the slice's readout stands for the second one. The volume is
+Shifted sampling patterns need two phase-encoded axes: the slice's readout stands for the second one. The volume is
 then one plane across a readout of one sample, and every sample of it was measured.
 """
 
@@ -222,7 +222,7 @@ def lattice(extents, step_y, step_z, shift):
 
 
 def shifted(name, kspace):
-    """Rows of the table of shifted lattices, with the images they are about."""
+    """Rows of the table of shifted sampling patterns, with the images they are about."""
     truth = sum_of_squares(kspace)
     inside, volume = object_of(truth), kspace[:, :, 0][None]
     extents = volume.shape[1:3]
@@ -232,7 +232,7 @@ def shifted(name, kspace):
         maps = FOLDER / "ours.cfl"
         mine = ours(volume, sampled, block, ["--save-maps", maps], steps=(step_y, step_z))
         ecalib = bart(volume * (sampled | block)[..., None], 24, ["ecalib", "-m1", "-r", 24], truth, inside)
-        row = {"data": name, "lattice": f"{step_y} x {step_z}" + f", shifted by {shift}" * (shift > 0)}
+        row = {"data": name, "pattern": f"{step_y} x {step_z}" + f", shifted by {shift}" * (shift > 0)}
         for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
             row[key] = error(outcome.image, truth, inside)
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
@@ -345,9 +345,9 @@ def moved(name, kspace):
         turn = np.exp(-2j * np.pi * x * voxels / len(x)).astype(np.complex64)
         broken[:, n // 2 + line :] *= turn[:, None, None, None]
         image = ours(broken, every(n, 2), around(n, 32)).image
-        told = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
-        lines = [f"{line:+d} ({times:.2g})" for each in told for line, times in zip(each["Lines"], each["Misfit"])]
-        row = {"data": name, "motion": what, "error": error(image, truth, inside), "told": ", ".join(lines) or "nothing"}
+        found = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
+        lines = [f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])]
+        row = {"data": name, "motion": what, "error": error(image, truth, inside), "lines in the warning": ", ".join(lines) or "none"}
         print(row, file=sys.stderr)
         yield row, (truth, inside, {"moved": image}, what)
 
@@ -373,7 +373,7 @@ def picture(name, shown):
             image = images[program]
             scale = (image[inside] @ truth[inside]) / (image[inside] @ image[inside])
             place.imshow(10 * np.abs(image * scale - truth).T, cmap="gray", vmin=0, vmax=top)
-            place.set_title(row.get("lattice") or f"R = {row['R']}, {row['lines']} lines", fontsize=8)
+            place.set_title(row.get("pattern") or f"R = {row['R']}, {row['lines']} lines", fontsize=8)
     for place, (_, (_, _, _, g)) in zip(axes[-1, 1:], shown):
         place.imshow(g.T, cmap="gray", vmin=0, vmax=3)
         place.set_title(f"g, at most {g.max():.1f}", fontsize=8)
@@ -447,7 +447,7 @@ def main():
         json.dump({"undersampled": below, "volumes": solid, "shifted": shifts, "partial": missing,
                    "defective": broken, "noise": noisy, "motion": moves}, file, indent=1)
     sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
-                "## Volumes", table(solid), "## Shifted lattices", table(shifts) if shifts else "None.",
+                "## Volumes", table(solid), "## Shifted sampling patterns", table(shifts) if shifts else "None.",
                 "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None.",
                 "## Volumes of noise", table(noisy) if noisy else "None.",
                 "## Motion", table(moves) if moves else "None."]

@@ -1,16 +1,16 @@
-// cTessel for C++20: reconstruction kernels for magnetic-resonance imaging, on samples as they lie.
+// cTessel for C++20: reconstruction kernels for magnetic-resonance imaging, for any memory layout.
 //
-// A view says where the samples of an array lie: two arrays of parts or one of (real, imaginary)
-// pairs, first or last axis fastest, with gaps or without. Kernels read and write through views; no
-// sample is copied to be taken. Axes keep the order in which the caller indexes them: images and
+// A view describes the memory layout of an array: two arrays of parts or one of (real, imaginary)
+// pairs, first or last axis fastest, with or without gaps. Kernels read and write through views, so
+// no array is copied for its layout. Axes keep the order in which the caller indexes them: images and
 // k-space are (x, y, z, coil, ...), whichever axis is fastest in memory. On a centred axis of N
-// samples the zero frequency lies at index floor(N / 2).
+// samples the zero frequency is at index floor(N / 2).
 //
 // The caller owns every array. Views that do not fit each other throw std::invalid_argument before
-// anything is written; std::bad_alloc leaves a routine uncaught. Routines may be called from several
-// threads at once on disjoint outputs; each uses the OpenMP default number of threads, and results
-// are the same bits for every thread count and every layout. Memory is what a call allocates beyond
-// its inputs and outputs.
+// anything is written; std::bad_alloc reaches the caller. Several threads may call routines at the
+// same time with disjoint outputs. Each call uses the OpenMP default number of threads. Results have
+// the same bits for every number of threads and every layout. "Memory" is what a call allocates in
+// addition to its inputs and outputs.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,7 @@ namespace ctessel {
 
 // ---- Views --------------------------------------------------------------------------------------
 
-/// Axes by their place, counted from 0. Where no name says what an axis holds, Dim(n) is axis n.
+/// Axes by their place, counted from 0. Dim(n) is axis n, also if it has no name here.
 enum class Dim : int { x = 0, y = 1, z = 2, coil = 3, location = 7, repetition = 9 };
 
 /// Which axis of an array without gaps is the fastest in memory: the first or the last.
@@ -34,7 +34,7 @@ enum class Order { fortran, c };
 
 using Extents = std::vector<std::ptrdiff_t>;
 
-/// Samples of an array of any number of axes, where they lie. Sample (i, j, ...) has its real part
+/// A view of the samples of an array with any number of axes. Sample (i, j, ...) has its real part
 /// at re[i strides[0] + j strides[1] + ...] and its imaginary part, if im is not null, at the same
 /// place from im on. Strides count floats: pairs without gaps have strides 2, 2 extents[0], ...
 /// and im = re + 1. Copies of a view are views of the same samples.
@@ -138,13 +138,13 @@ struct RingingWindow {
   std::array<int, 3> width;
 };
 
-/// Lines of an axis that were sampled, the first and the last, counted from the centre; fractions are
-/// truncated toward zero.
+/// First and last measured line of an axis, counted from the centre; fractions are truncated toward
+/// zero.
 struct LineRange {
   double first, last;
 };
 
-/// Sampled lines of kx, ky and kz; none for an axis that was sampled in full.
+/// Measured lines of kx, ky and kz; none for a fully sampled axis.
 using LineRanges = std::array<std::optional<LineRange>, 3>;
 
 /// Positions on an axis, the last one included; none if it lies before the first.
@@ -232,7 +232,7 @@ bool overlap(const ConstSamples& a, const ConstSamples& b);
 void fftshift(const Samples& data, const std::vector<Dim>& axes);
 void fftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes);
 
-/// Undoes fftshift, for odd lengths as well.
+/// The inverse of fftshift, for odd lengths as well.
 void ifftshift(const Samples& data, const std::vector<Dim>& axes);
 void ifftshift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes);
 
@@ -317,14 +317,14 @@ HomodyneAxis homodyne_axis(int n, const std::optional<LineRange>& sampled);
 /// that homodyne_axis keeps of the first three axes. Threads: see copy. Memory: none.
 void homodyne_centre(const ConstSamples& kspace, const LineRanges& sampled, const Samples& centre);
 
-/// Weighs k-space with the F-th root of the product of the weightings of F weighted axes. `out` has
-/// the extents of `kspace` and may be `kspace`; where no axis is weighted it becomes a copy.
+/// Multiplies k-space by the F-th root of the product of the weightings of F weighted axes. `out` has
+/// the extents of `kspace` and may be `kspace`; if no axis is weighted, it becomes a copy.
 /// Threads: split over the merged axes from the fourth on. Memory: a float per line of each axis;
 /// 64 KiB or a row of weights on each thread.
 void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, const Samples& out);
 
-/// Takes the phase of a low-resolution image L away, in place: every sample d of `image` becomes the
-/// real part of d conj(L) / |L|, its imaginary part 0. Where any extent of the two differs, L is
+/// Removes the phase of a low-resolution image L, in place: every sample d of `image` becomes the
+/// real part of d conj(L) / |L|, its imaginary part 0. If any extent of the two differs, L is
 /// resampled trilinearly over the first three axes with the bits of TS_linear_interpolation; volumes
 /// that L does not have stay as they are. L = 0 gives NaN. L may overlap the image: it counts as it
 /// was before. Threads: split over the merged axes from the fourth on. Memory: a copy of L where it

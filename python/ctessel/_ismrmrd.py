@@ -6,12 +6,12 @@ import xml.etree.ElementTree as ElementTree
 from .acquisitions import DefectError
 from .scan import Header, Limit
 
-#: The user's parameter that tells how a phantom was made.
+#: Name of the header's user parameter with the fields of a phantom.
 PHANTOM = "ctessel_phantom"
 
 
 def parse(text):
-    """One `Header` for each encoding of the header text.
+    """A `Header` for each encoding in the header text.
 
     Raises
     ------
@@ -21,7 +21,7 @@ def parse(text):
     try:
         root = ElementTree.fromstring(text)
     except ElementTree.ParseError as error:
-        raise DefectError(f"its header is no XML ({error})") from None
+        raise DefectError(f"its header is not XML ({error})") from None
     encodings = root.findall("{*}encoding")
     if not encodings:
         raise DefectError("its header has no encoding")
@@ -61,7 +61,7 @@ def _header(root, encoding):
 
 
 def _stated(root):
-    """What images are labelled with. They do not depend on it, so what is wrong there is left out."""
+    """Labels of images. They do not change the images, so wrong entries are ignored."""
     system = "acquisitionSystemInformation"
     scanner = {
         name: _text(root, f"{system}/{tag}", "")
@@ -85,7 +85,7 @@ def _user_text(root, name):
 
 
 def _figures(root, name):
-    """Numbers above 0; none where one is not."""
+    """Numbers above 0; an empty list if one is not."""
     try:
         figures = [float(found.text or "") for found in root.findall(_path(name))]
     except ValueError:
@@ -111,7 +111,7 @@ def _number(element, name, kind, default=None):
     try:
         value = kind(text)
     except ValueError:
-        raise DefectError(f'{name} of its header is "{text}", which is no number') from None
+        raise DefectError(f'{name} of its header is "{text}", not a number') from None
     if not value > 0 or value > 65535:
         raise DefectError(f"{name} of its header is {text}; expected more than 0")
     return value
@@ -136,15 +136,15 @@ def _times(root, name):
 
 
 def _limit(encoding, name, extent):
-    """Limits of a phase-encoded axis; the whole axis where the header has none."""
+    """Limits of a phase-encoded axis; the whole axis if the header has none."""
     found = encoding.find(_path(f"encodingLimits/{name}"))
     if found is None:
         return Limit(0, extent - 1, extent // 2)
     try:
         limit = Limit(*(int(_text(found, part, "")) for part in ("minimum", "maximum", "center")))
     except ValueError:
-        raise DefectError(f"the limits of {name} in its header are no numbers") from None
-    # Lines outside the matrix are found when they come: limits that promise too much do no harm.
+        raise DefectError(f"the limits of {name} in its header are not numbers") from None
+    # Lines outside the matrix are found later, so limits that are too wide do no harm.
     if not 0 <= limit.minimum <= limit.center <= limit.maximum:
         raise DefectError(
             f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center} "

@@ -255,6 +255,6 @@ def compartments(full_len: int, fold_len: int) -> tuple[float, float]:
     Returns
     -------
     tuple of two float
-        Lower and upper boundary; -1 where there is none.
+        Lower and upper boundary; -1 if there is none.
     """
     return _core.compartments(full_len, fold_len)

@@ -135,21 +135,21 @@ class Arrived:
         n, add = places.shape[0], places.repeated(rows)
         if len(array) == n and not transformed:
             self._acquisitions.put(
-                numbers, places.x[rows], array, offsets, coil_axis=3, turn=0, add=add
+                numbers, places.x[rows], array, offsets, coil_axis=3, shift=0, add=add
             )
             return
         # The centres are moved to the first samples, and back, on the way.
         whole = np.zeros((n, array.shape[3], len(rows)), np.complex64, order="F")
         self._acquisitions.put(
             numbers, places.x[rows], whole, n * array.shape[3] * np.arange(len(rows)),
-            coil_axis=1, turn=n - n // 2, add=np.zeros(len(rows), bool),
+            coil_axis=1, shift=n - n // 2, add=np.zeros(len(rows), bool),
         )  # fmt: skip
         cut = whole
         if len(array) < n:
             cut = cut_unshifted(whole, len(array), threads=self._threads)
         if transformed:
             cut = unshifted_image(cut, (0,), self._threads)
-        raw.binding("stream").put(cut, array, offsets, coil_axis=3, turn=len(array) // 2, add=add)
+        raw.binding("stream").put(cut, array, offsets, coil_axis=3, shift=len(array) // 2, add=add)
 
 
 def _by_image(places):

@@ -450,7 +450,7 @@ _STORED = {
 
 
 def _matlab(path, given):
-    """A MATLAB file of version 7, which is no HDF5."""
+    """A MATLAB file of version 7, which is not HDF5."""
     if not os.path.isfile(path) or not _begins(path, b"MATLAB 5.0"):
         return None
     if given.format not in (None, "matlab"):

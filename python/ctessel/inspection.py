@@ -72,7 +72,7 @@ def noise_maps(plan, source, image, made):
     dict of str and ndarray
         As `ctessel.noise.maps` returns it; fewer if the scan cannot have all.
     str
-        Why there are no others.
+        Why the others are missing.
     """
     if plan.shape[2] > 1:
         return made, "" if made else "maps of noise of a 3-D scan need the whole volume; --maps-out makes them"

@@ -248,7 +248,7 @@ class Job:
         return [*images, *self._map_names().values()]
 
     def _beside(self):
-        """Files that are no images."""
+        """Files other than images."""
         named = self.arguments
         kept = maps.files_of(named.save_maps) if named.save_maps else []
         return [*(name for name in (named.preview, named.report) if name), *kept]

@@ -244,7 +244,7 @@ def _measurements(phantom):
         *range(1, phantom.slices, 2),
     ]  # interleaved, as scanners do
     if phantom.calibration == "separate":
-        yield from (("apart", y, z, 0, s, 0, 0) for s in order for y, z in block)
+        yield from (("separate", y, z, 0, s, 0, 0) for s in order for y, z in block)
     for repetition in range(phantom.repetitions):
         offset = repetition % phantom.reduction[0] if phantom.interleaved else 0
         y_lines = _lines(ny, phantom.partial[1], phantom.reduction[0], offset)
@@ -260,7 +260,7 @@ def _measurements(phantom):
 
 
 _FLAGS = {
-    "": 0, "noise": acquisitions.NOISE, "apart": acquisitions.CALIBRATION, "calibration": acquisitions.CALIBRATION,
+    "": 0, "noise": acquisitions.NOISE, "separate": acquisitions.CALIBRATION, "calibration": acquisitions.CALIBRATION,
     "both": acquisitions.CALIBRATION_AND_IMAGING,
 }  # fmt: skip
 

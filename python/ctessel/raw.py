@@ -67,7 +67,7 @@ def read(
         Group of the HDF5 file that holds the data set.
     range : tuple of str, int, int, optional
         Axis ("slice", "echo" or "repetition") and the first and last position to be read along it,
-        from 0. Slices count along the slice direction, whatever the order of their measurement.
+        from 0. Slices are numbered along the slice direction, not in the order of measurement.
     skip : sequence of (str, int), optional
         Axis and position of images that are left out, also from the calibration. The others are
         numbered without gaps.
@@ -525,7 +525,7 @@ def _place(block, places, array, numbers):
         array=array,
         offsets=places.offsets(array, numbers),
         coil_axis=3,
-        turn=0,
+        shift=0,
         add=places.repeated(numbers),
     )
 
@@ -542,7 +542,7 @@ def _place_cut(block, places, array, numbers, whole, threads):
         array=whole,
         offsets=n * coils * np.arange(count),
         coil_axis=1,
-        turn=n - n // 2,
+        shift=n - n // 2,
         add=np.zeros(count, bool),
     )
     binding("raw data").put(
@@ -550,7 +550,7 @@ def _place_cut(block, places, array, numbers, whole, threads):
         array,
         offsets=places.offsets(array, numbers),
         coil_axis=3,
-        turn=len(array) // 2,
+        shift=len(array) // 2,
         add=places.repeated(numbers),
     )
 
@@ -581,5 +581,5 @@ def _position_text(header):
     if not header.placements:
         return "not in the file"
     x, y, z = header.placements[0].position
-    gap = f", {header.spacing:g} mm apart" if len(header.placements) > 1 else ""
+    gap = f", spacing {header.spacing:g} mm" if len(header.placements) > 1 else ""
     return f"first slice at {x:g}, {y:g}, {z:g} mm (left, back, head){gap}"

@@ -227,9 +227,9 @@ def _form(steps, shift, stated):
     """
     along_z = steps, (0, shift)
     across = gcd(shift, steps[1])
-    turns = next(j for j in range(steps[1]) if (shift * j - across) % steps[1] == 0)
+    columns = next(j for j in range(steps[1]) if (shift * j - across) % steps[1] == 0)
     step = steps[0] * steps[1] // across
-    along_y = (step, across), (steps[0] * turns % step, 0)
+    along_y = (step, across), (steps[0] * columns % step, 0)
     return min(along_z, along_y, key=lambda form: (form[0] != stated, max(form[0])))
 
 
@@ -378,10 +378,10 @@ def alias_offsets(lattices):
     if own is None:
         return None
     lattice, other = lattices[own], lattices[1 - own]
-    turns, copies = np.indices((lattice.step, other.step)).reshape(2, -1)
-    offsets = np.empty((len(turns), 2), int)
-    offsets[:, own] = lattice.folded * turns
-    offsets[:, 1 - own] = other.folded * copies - lattice.shift * turns * other.folded // lattice.step
+    own_copies, copies = np.indices((lattice.step, other.step)).reshape(2, -1)
+    offsets = np.empty((len(own_copies), 2), int)
+    offsets[:, own] = lattice.folded * own_copies
+    offsets[:, 1 - own] = other.folded * copies - lattice.shift * own_copies * other.folded // lattice.step
     return offsets
 
 

@@ -342,14 +342,14 @@ class Block:
         """Those of one line, (sample, coil)."""
         return self.lines[:, :, np.searchsorted(self.numbers, number)]
 
-    def put(self, numbers, *, x, array, offsets, coil_axis, turn, add):
+    def put(self, numbers, *, x, array, offsets, coil_axis, shift, add):
         """Put lines into an array, from their offsets and from sample `x` on."""
         from ._raw import put
 
         at = np.searchsorted(self.numbers, numbers)
         lines = self.lines if at.size == self.numbers.size else np.asfortranarray(self.lines[:, :, at])
         if at.size:
-            put(lines, array, offsets=offsets, coil_axis=coil_axis, turn=(turn + int(x[0])) % array.shape[0], add=add)
+            put(lines, array, offsets=offsets, coil_axis=coil_axis, shift=(shift + int(x[0])) % array.shape[0], add=add)
 
 
 # ---- Separate calibration in a second file -------------------------------------------------------
@@ -411,10 +411,10 @@ class _Blocks:
         second, own = self._both.own(np.array([number]))
         return self._blocks[int(second[0])].samples(int(own[0]))
 
-    def put(self, numbers, *, x, array, offsets, coil_axis, turn, add):
+    def put(self, numbers, *, x, array, offsets, coil_axis, shift, add):
         second, own = self._both.own(numbers)
         for block, at in zip(self._blocks, (~second, second)):
             if at.any():
                 block.put(
-                    own[at], x=x[at], array=array, offsets=offsets[at], coil_axis=coil_axis, turn=turn, add=add[at]
+                    own[at], x=x[at], array=array, offsets=offsets[at], coil_axis=coil_axis, shift=shift, add=add[at]
                 )

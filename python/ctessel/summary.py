@@ -179,7 +179,7 @@ def _noise(made, run):
     if run.plan.covariance is not None:
         covariance = np.asarray(run.plan.covariance)
         level = np.sqrt(np.abs(np.diagonal(covariance)))
-        level = np.maximum(level, 1e-6 * level.max() or 1.0)  # coils without noise are no division by 0
+        level = np.maximum(level, 1e-6 * level.max() or 1.0)  # no division by 0 for coils without noise
         correlation = np.abs(covariance) / np.outer(level, level)
         shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
                                  f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their amplitudes differ by a factor "

@@ -50,25 +50,25 @@ inline bool in_range(const Sample* samples, ptrdiff_t n) {
 /// An array whose first axis is that of the readout, as lines that start anywhere in it.
 class Target {
  public:
-  Target(py::array& array, unsigned coil_axis, unsigned turn)
+  Target(py::array& array, unsigned coil_axis, unsigned shift)
       : first_(static_cast<Sample*>(array.mutable_data())),
         extent_(array.shape(0)),
         coils_(array.shape(coil_axis)),
         coil_step_(array.strides(coil_axis) / kItem) {
     if (array.size() == 0 || coil_axis == 0 || (array.strides(0) != kItem && extent_ > 1))
       throw py::value_error("expected samples of a readout side by side");
-    turn_ = turn % extent_;
+    shift_ = shift % extent_;
     for (unsigned d = 1; d < array.ndim(); ++d)
       if (d != coil_axis) last_ += (array.shape(d) - 1) * (array.strides(d) / kItem);
   }
 
   /// The line that starts `offset` samples after the array's first. Its first sample goes `x` samples
-  /// on, all are then moved by the turn, around the end to the start.
+  /// on, all are then shifted cyclically.
   void put(const Line& line, ptrdiff_t offset, ptrdiff_t x, bool add) const {
     const bool inside = x >= 0 && x <= extent_ - line.samples && offset >= 0 && offset <= last_;
     if (line.coils != coils_ || !inside)
       throw std::runtime_error("a line does not fit the place that was found for it");
-    const ptrdiff_t start = (x + turn_) % extent_, head = std::min(line.samples, extent_ - start);
+    const ptrdiff_t start = (x + shift_) % extent_, head = std::min(line.samples, extent_ - start);
     for (ptrdiff_t c = 0; c < coils_; ++c) {
       Sample* to = first_ + offset + c * coil_step_;
       put_part(line, c, 0, head, to + start, add);
@@ -93,7 +93,7 @@ class Target {
   }
 
   Sample* first_;
-  ptrdiff_t extent_, coils_, coil_step_, turn_, last_ = 0;  // last: of the lines' starts
+  ptrdiff_t extent_, coils_, coil_step_, shift_, last_ = 0;  // last: of the lines' starts
 };
 
 inline ISMRMRD::ISMRMRD_AcquisitionHeader head_of(const std::uint8_t* bytes) {

@@ -202,8 +202,8 @@ struct Record {
 /// Lines of `block`, (sample, coil, line), to where they start in `array`: those whose oversampling was
 /// removed, so that they are no longer what the file holds.
 void put(const Samples& block, py::array_t<Sample> array, const Indices& offsets,
-         unsigned coil_axis, unsigned turn, const Flags& add) {
-  const Target target(array, coil_axis, turn);
+         unsigned coil_axis, unsigned shift, const Flags& add) {
+  const Target target(array, coil_axis, shift);
   const auto at = offsets.unchecked<1>();
   const auto adds = add.unchecked<1>();
   if (block.ndim() != 3 || block.shape(2) != at.size() || adds.size() != at.size())
@@ -268,9 +268,9 @@ class Acquisitions {
 
   /// Acquisitions `numbers` of the file, from sample `x` of the lines that start at `offsets` on.
   void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
-           const Indices& offsets, unsigned coil_axis, unsigned turn, const Flags& add) const {
+           const Indices& offsets, unsigned coil_axis, unsigned shift, const Flags& add) const {
     put_lines([this](std::size_t number) { return line(number); }, numbers, x,
-              Target(array, coil_axis, turn), offsets, add);
+              Target(array, coil_axis, shift), offsets, add);
   }
 
  private:
@@ -505,11 +505,11 @@ PYBIND11_MODULE(_raw, m) {
       .def("messages", &Acquisitions::messages)
       .def("samples", &Acquisitions::samples, py::arg("number"))
       .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),
-           py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("turn"),
+           py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("shift"),
            py::arg("add"));
   m.def("list_groups", list_groups, py::arg("path"));
   m.def("put", put, py::arg("block").noconvert(), py::arg("array").noconvert(), py::arg("offsets"),
-        py::arg("coil_axis"), py::arg("turn"), py::arg("add"));
+        py::arg("coil_axis"), py::arg("shift"), py::arg("add"));
   py::class_<Writer>(m, "Writer")
       .def(py::init<const std::string&, const std::string&, const std::string&>(), py::arg("path"),
            py::arg("group"), py::arg("header"))

@@ -91,9 +91,9 @@ class Stream {
   }
 
   void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
-           const Indices& offsets, unsigned coil_axis, unsigned turn, const Flags& add) const {
+           const Indices& offsets, unsigned coil_axis, unsigned shift, const Flags& add) const {
     put_lines([this](std::size_t number) { return line(number); }, numbers, x,
-              Target(array, coil_axis, turn), offsets, add);
+              Target(array, coil_axis, shift), offsets, add);
   }
 
   /// Gives back the memory of samples; headers stay, as later images are planned with all of them.
@@ -224,6 +224,6 @@ void bind_stream(py::module_& m) {
       .def("samples", &Stream::samples, py::arg("number"))
       .def("as_sent", &Stream::as_sent, py::arg("number"))
       .def("put", &Stream::put, py::arg("numbers"), py::arg("x"), py::arg("array").noconvert(),
-           py::arg("offsets"), py::arg("coil_axis"), py::arg("turn"), py::arg("add"))
+           py::arg("offsets"), py::arg("coil_axis"), py::arg("shift"), py::arg("add"))
       .def("forget", &Stream::forget, py::arg("numbers"));
 }

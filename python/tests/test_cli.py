@@ -200,7 +200,7 @@ def test_what_makes_another_image_than_expected_is_told(tmp_path, capsys):
 def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
     assert cli.main(["info", str(scan)]) == 0
     told = " ".join(capsys.readouterr().out.split())
-    for words in ("coils 4", "slices 3", "repetitions 4", "noise scan 2048 samples", "5 mm apart", "TR 500 ms",
+    for words in ("coils 4", "slices 3", "repetitions 4", "noise scan 2048 samples", "spacing 5 mm", "TR 500 ms",
                   "SENSE: R = 2 along y", "lines 36 of 48"):  # fmt: skip
         assert words in told
 

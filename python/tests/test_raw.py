@@ -150,7 +150,7 @@ def test_a_file_stays_readable_when_others_close_it(tmp_path):
         _raw.Reader(file, "dataset")  # takes the memory of what was closed
     block, want = second.read([4, 5]), lines()[5][1]
     np.testing.assert_array_equal(block.samples(5), want)
-    place = {"x": [0], "array": np.zeros_like(want, order="F"), "offsets": [0], "turn": 0}
+    place = {"x": [0], "array": np.zeros_like(want, order="F"), "offsets": [0], "shift": 0}
     for odd in ({"x": [2**63 - 1]}, {"offsets": [2**63 - 1]}, {"array": np.zeros((0, 2), "c8")}):
         with pytest.raises((RuntimeError, ValueError)):
             block.put([5], coil_axis=1, add=[False], **{**place, **odd})
@@ -331,8 +331,8 @@ def cut(path):
     (lambda path: write(path, []), "no acquisitions"),
     (lambda path: write(path, lines(flags=flag(19))), "no imaging acquisitions"),
     (change_text("cartesian", "spiral"), 'trajectory is "spiral"'),
-    (change_text("<trajectory>", "<other>"), "no XML"),
-    (change_text("<encodedSpace>", "<encodedSpace><matrixSize><x>no</x></matrixSize>"), "no number"),
+    (change_text("<trajectory>", "<other>"), "not XML"),
+    (change_text("<encodedSpace>", "<encodedSpace><matrixSize><x>no</x></matrixSize>"), "not a number"),
     (change_text("<maximum>7<", "<maximum>3<"), "limits 0 to 3 with centre 4"),
     (change_head("number_of_samples", 60000), "do not fit the 16 samples"),
     (change_head("number_of_samples", 14), "another part of k-space"),
