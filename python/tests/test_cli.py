@@ -188,7 +188,7 @@ def test_what_makes_another_image_than_expected_is_told(tmp_path, capsys):
     file = foreign.write(tmp_path / "twice.h5", [*lines, *lines[3:5]], foreign.header(32, 16))
     assert cli.main(["recon", str(file), "-o", target]) == 0
     told = capsys.readouterr().err
-    assert told.startswith("ctessel: warning: 2 of 16 lines were not measured 1 time as the others, but 2 times")
+    assert told.startswith("ctessel: warning: 2 of 16 lines were not measured 1 time like the others, but 2 times")
     assert json.loads((tmp_path / "i.json").read_text())["Warnings"] == [told[len("ctessel: warning: ") : -1]]
     huge = foreign.records(np.full((2, 16, 32), 1e38, np.complex64))
     file = foreign.write(tmp_path / "huge.h5", huge, foreign.header(32, 16))

@@ -119,7 +119,7 @@ def test_the_command_finds_the_format_and_writes_the_same_image(tmp_path):
 def test_a_pair_has_three_names_and_without_a_field_of_view_voxels_of_1_mm(tmp_path, capfd, name):
     lookalike.cfl(tmp_path / "scan", scan_of("full"))
     assert recon(tmp_path / name, tmp_path / "i.nii") == 0
-    assert "ctessel: warning: the file has no field of view; voxels of 1 mm are taken" in capfd.readouterr().err
+    assert "ctessel: warning: the file has no field of view; voxels of 1 mm are assumed" in capfd.readouterr().err
     assert nibabel.load(tmp_path / "i.nii").header.get_zooms()[:3] == (1, 1, 1)
     assert json.loads((tmp_path / "i.json").read_text())["Sources"] == ["scan.cfl"]
 

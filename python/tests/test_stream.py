@@ -320,7 +320,7 @@ def test_noise_may_come_in_an_earlier_connection(tmp_path, server):
     assert not kept.images and kept.lines == ["INFO     ctessel: the noise scan 'n/1' is kept"]
     for needed, lines, expected, told in [
         (needs.format("n/1"), scan, want, ""),
-        (needs.format("n/2"), scan, without, "'n/2' has not come here"),
+        (needs.format("n/2"), scan, without, "'n/2' was not received here"),
         (needs.format("n/3"), scan, without, "has 2 coils, the scan 4"),
         ("", scan, without, ""),
         (needs.format("n/1"), noise + scan, want, ""),  # its own counts

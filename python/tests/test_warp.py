@@ -378,7 +378,7 @@ def bad(tmp_path, name):
         ("nowhere", "bad.nii: has no position in the scanner (codes of sform and qform are 0)"),
         ("text", "bad.nii: cannot be read"),
         ("cut", "bad.nii: cannot be read"),
-        ("unknown", "bad.nii: bad.json has no PatientPosition; state it, --position HFS or other"),
+        ("unknown", "bad.nii: bad.json has no PatientPosition; state it with --position, for example HFS"),
         ("HFDR", "position: expected one of HFS, HFP, FFS, FFP, got 'HFDR'"),
         ("sidecar", "bad.json: cannot be read"),
     ],
@@ -422,6 +422,6 @@ def test_a_guess_of_axes_is_told(tmp_path, capsys):
     assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0 and not capsys.readouterr().err
     coil.write_text("SCALEZ2 1e-4\n")
     assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0
-    assert "LPS is assumed, --axes states it" in capsys.readouterr().err
+    assert "LPS is assumed; state it with --axes" in capsys.readouterr().err
     assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50, "--axes", "RAS") == 0
     assert not capsys.readouterr().err
