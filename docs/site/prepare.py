@@ -26,8 +26,8 @@ def main():
     shutil.copytree(ROOT / "docs", folder, ignore=shutil.ignore_patterns("site", "*.sh", "packages.txt"))
     (folder / "reference").mkdir(exist_ok=True)
     take_linked_files(folder)
-    shutil.copy(ROOT / "CHANGELOG.md", folder / "changelog.md")
-    shutil.copy(ROOT / "CONTRIBUTING.md", folder / "contributing.md")
+    for name in ("CHANGELOG.md", "CONTRIBUTING.md"):  # pages of docs/ are beside them on the site
+        (folder / name.lower()).write_text((ROOT / name).read_text().replace("](docs/", "]("))
     (folder / "reference" / "python.md").write_text(python())
     (folder / "reference" / "command.md").write_text(command())
     (folder / "reference" / "octave.md").write_text(octave())
