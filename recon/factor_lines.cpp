@@ -269,7 +269,6 @@ void ctessel::FactorLines::gather_direct(int y, int z) {
     const int64_t at = p_.y.nearest[of.y] + p_.ny * p_.z.nearest[of.z];
     const bool any = include(y, z, k);
     for (int64_t c = 0; c < p_.nc; ++c) {
-      prefetch(at, c);
       const Parts parts = row(at, c, width_, 0);
       float* out = samples_.data() + 2 * factor_slot(c, batch_.aliases, k) * pitch_;
       if (any) {

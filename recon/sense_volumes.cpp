@@ -59,16 +59,25 @@ void narrow_between(const double* __restrict row, const int* __restrict index,
   }
 }
 
-/// u = sum over the coils, in ascending order, of m v for n columns. Rows of m are `next` apart.
+/// Where the samples begin that are read next, as parts or pairs.
+struct Upcoming {
+  const float *re, *im;
+  int64_t coil, step;  // to the next coil and column
+};
+
+/// u = sum over the coils, in ascending order, of m v for n columns. Rows of m are `next` apart. What
+/// comes next is asked for.
 template <bool Whole>
 [[gnu::always_inline]] inline void add_coils(const float* m, int64_t next, int64_t im,
                                              const float* const* v_re, const float* const* v_im,
-                                             int64_t nc, int64_t at, int64_t n, float* u_re,
-                                             float* u_im) {
+                                             int64_t nc, const Upcoming& ahead, int64_t at,
+                                             int64_t n, float* u_re, float* u_im) {
   const int64_t count = Whole ? kChunk : n;
   float re[kChunk] = {}, imaginary[kChunk] = {};
   for (int64_t c = 0; c < nc; ++c, m += next) {
     const float *a = v_re[c] + at, *b = v_im[c] + at;
+    __builtin_prefetch(ahead.re + c * ahead.coil + at * ahead.step);
+    __builtin_prefetch(ahead.im + c * ahead.coil + at * ahead.step);
     for (int64_t i = 0; i < count; ++i) {
       re[i] += m[i] * a[i] - m[im + i] * b[i];
       imaginary[i] += m[i] * b[i] + m[im + i] * a[i];
@@ -83,11 +92,12 @@ template <bool Whole>
 /// One alias of a line: m has a row of real and, `im` further, one of imaginary parts per coil.
 CTESSEL_CLONES
 void combine(const float* m, int64_t next, int64_t im, const float* const* v_re,
-             const float* const* v_im, int64_t nc, int64_t n, float* u_re, float* u_im) {
+             const float* const* v_im, int64_t nc, const Upcoming& ahead, int64_t n, float* u_re,
+             float* u_im) {
   int64_t at = 0;
   for (; at + kChunk <= n; at += kChunk)
-    add_coils<true>(m + at, next, im, v_re, v_im, nc, at, kChunk, u_re, u_im);
-  if (at < n) add_coils<false>(m + at, next, im, v_re, v_im, nc, at, n - at, u_re, u_im);
+    add_coils<true>(m + at, next, im, v_re, v_im, nc, ahead, at, kChunk, u_re, u_im);
+  if (at < n) add_coils<false>(m + at, next, im, v_re, v_im, nc, ahead, at, n - at, u_re, u_im);
 }
 
 /// Adds u Psi u^H of n columns, from rows of u as combine() has them. Without psi it is the identity.
@@ -411,7 +421,7 @@ class Tile {
       narrow_slot(row(f_.slots() + f_.aliases() + k), finite, m + 2 * m_pitch_);
       write_noise(target(y, z, k), k, nearest);
     }
-    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, p_.place(v), v == 0);
+    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, v);
   }
 
   void narrow_slot(const double* row, bool finite, float* out) const {
@@ -451,7 +461,11 @@ class Tile {
     }
   }
 
-  void unfold_volume(int y, int z, const VolumePlace& place, bool look) {
+  void unfold_volume(int y, int z, int64_t v) {
+    const VolumePlace place = p_.place(v);
+    const bool last = v + 1 == p_.volumes;
+    Upcoming ahead =
+        upcoming(p_.place(last ? 0 : v + 1), last ? std::min(y + 1, p_.y.lines - 1) : y, z);
     inside_ &= coils_ > 0;
     if (coils_ == 0) return;
     load_folded(place.in + x0_ * p_.folded.x + y * p_.folded.y + z * p_.folded.z);
@@ -459,10 +473,18 @@ class Tile {
       if (!present_[size(k)]) continue;
       float *re = u_.data() + 2 * k * width_, *im = re + width_;
       combine(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, v_re_.data(), v_im_.data(),
-              coils_, width_, re, im);
-      if (look) finite_ &= all_finite(re, 2 * width_);
+              coils_, ahead, width_, re, im);
+      ahead.coil = ahead.step = 0;  // once is enough
+      if (v == 0) finite_ &= all_finite(re, 2 * width_);
     }
     deliver(y, z, place);
+  }
+
+  Upcoming upcoming(const VolumePlace& place, int y, int z) const {
+    const ctessel::Volume& f = p_.folded;
+    const int64_t at = place.in + x0_ * f.x + y * f.y + z * f.z;
+    const bool parts = f.im && f.im != f.re + 1;  // of pairs sixteen columns lie in two cache lines
+    return {f.re + at, (parts ? f.im : f.re + kChunk) + at, f.coil, f.x};
   }
 
   void load_folded(int64_t at) {
@@ -547,7 +569,7 @@ int64_t tile_width(const SenseProblem& p) {
   const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
   const double bytes =
       static_cast<double>(std::max<int64_t>(p.factors.slots(), 1)) * (24 * ratio + 8);
-  return std::clamp<int64_t>(static_cast<int64_t>(kCache / bytes) / kChunk * kChunk, kChunk, 256);
+  return std::clamp<int64_t>(static_cast<int64_t>(kCache / bytes) / kChunk * kChunk, kChunk, 1024);
 }
 
 /// Whether lines lie on the factors' own and need no neighbours, nor the last column one behind it.
