@@ -224,8 +224,7 @@ int find_edges(Eigen::VectorXf a, Eigen::VectorXf b, int na, int nb, int N);
 /// An alias is present if its factor at the nearest grid point is not 0; the factors themselves are
 /// interpolated. They are interpolated in double and applied in single precision.
 /// Threads: split over x.
-/// Memory: on each thread 1 MiB, for up to 1400 pairs of a coil and an alias; and 16 bytes for each
-/// pair and each of up to 256 columns.
+/// Memory: on each thread 1.5 MiB, for up to 1400 pairs of a coil and an alias.
 int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::VectorXcd& factors,
            Eigen::VectorXi& factor_dims, Eigen::VectorXi& sens4, Eigen::VectorXi full_size,
            float* edges_y, float* edges_z, float* out_re, float* out_im);

@@ -58,16 +58,16 @@ void for_each_block(const Samples& out, const ConstSamples& first, ptrdiff_t mos
 
 constexpr ptrdiff_t kBlock = 65536;  // sums of one block: 256 KiB, a part of the L2 cache
 
-/// Images of coils S floats apart, their samples `step` apart.
-struct Coils {
+/// Images S floats apart, their samples `step` apart.
+struct Images {
   const float *re, *im;
   ptrdiff_t step, S, count;
-  Coils from(ptrdiff_t c) const { return {re + c * S, im ? im + c * S : nullptr, step, S, count}; }
+  Images from(ptrdiff_t k) const { return {re + k * S, im ? im + k * S : nullptr, step, S, count}; }
 };
 
 /// Adds the squares of C coils to the sums. Step 0: any.
 template <int C, bool Complex, int Step>
-CTESSEL_INLINE void add_coils(float* out, const Coils& coils, ptrdiff_t n) {
+CTESSEL_INLINE void add_coils(float* out, const Images& coils, ptrdiff_t n) {
   const ptrdiff_t step = Step ? Step : coils.step, S = coils.S;
   const float *re = coils.re, *im = coils.im;
 #pragma omp simd
@@ -86,7 +86,7 @@ CTESSEL_INLINE void add_coils(float* out, const Coils& coils, ptrdiff_t n) {
 constexpr int kTogether = 4;
 
 template <bool Complex, int Step>
-CTESSEL_INLINE void add_all(float* out, const Coils& coils, ptrdiff_t n) {
+CTESSEL_INLINE void add_all(float* out, const Images& coils, ptrdiff_t n) {
   ptrdiff_t c = 0;
   for (; c + kTogether <= coils.count; c += kTogether) {
     add_coils<kTogether, Complex, Step>(out, coils.from(c), n);
@@ -94,7 +94,7 @@ CTESSEL_INLINE void add_all(float* out, const Coils& coils, ptrdiff_t n) {
   for (; c < coils.count; ++c) add_coils<1, Complex, Step>(out, coils.from(c), n);
 }
 
-CTESSEL_CLONES void add_squares(float* out, const Coils& coils, ptrdiff_t n) {
+CTESSEL_CLONES void add_squares(float* out, const Images& coils, ptrdiff_t n) {
   if (coils.im && coils.step == 1) return add_all<true, 1>(out, coils, n);
   if (coils.step == 2 && coils.im == coils.re + 1) {
     // Pairs, named by the real part alone so that each is loaded once.
@@ -116,7 +116,7 @@ struct SumRow {
   std::vector<float> own{};
 
   void operator()(const Row& out, const ConstRow& from) {
-    const Coils all{from.re, from.im, from.step, S, coils};
+    const Images all{from.re, from.im, from.step, S, coils};
     if (out.step == 1) return sum(out.re, all, out.n);
     own.resize(static_cast<std::size_t>(out.n));
     load_row({out.re, nullptr, out.step, out.n}, own.data(), nullptr);
@@ -124,7 +124,7 @@ struct SumRow {
     store_row(own.data(), nullptr, out);
   }
 
-  static void sum(float* sums, const Coils& all, ptrdiff_t n) {
+  static void sum(float* sums, const Images& all, ptrdiff_t n) {
     add_squares(sums, all, n);
     take_roots(sums, n);
   }
@@ -148,17 +148,10 @@ struct Sums {
   float squares[kVoxels], real[kVoxels], imaginary[kVoxels];
 };
 
-/// One coil's samples of a block, D images V floats apart. A coil's weight at a voxel is its mean
-/// magnitude along that axis, the same for every entry.
-struct Series {
-  const float *re, *im;
-  ptrdiff_t step, V, D;
-};
-
 template <int Step>
-CTESSEL_INLINE void add_magnitudes(const Series& s, ptrdiff_t k, float* sum, ptrdiff_t n) {
+CTESSEL_INLINE void add_magnitudes(const Images& s, float* sum, ptrdiff_t n) {
   const ptrdiff_t step = Step ? Step : s.step;
-  const float *re = s.re + k * s.V, *im = s.im ? s.im + k * s.V : nullptr;
+  const float *re = s.re, *im = s.im;
 #pragma omp simd
   for (ptrdiff_t v = 0; v < n; ++v) {
     const float x = re[step * v], y = im ? im[step * v] : 0.0f;
@@ -167,10 +160,9 @@ CTESSEL_INLINE void add_magnitudes(const Series& s, ptrdiff_t k, float* sum, ptr
 }
 
 template <int Step>
-CTESSEL_INLINE void add_weighted(const Series& s, ptrdiff_t k, const float* w, Sums& sums,
-                                 ptrdiff_t n) {
+CTESSEL_INLINE void add_weighted(const Images& s, const float* w, Sums& sums, ptrdiff_t n) {
   const ptrdiff_t step = Step ? Step : s.step;
-  const float *re = s.re + k * s.V, *im = s.im ? s.im + k * s.V : nullptr;
+  const float *re = s.re, *im = s.im;
 #pragma omp simd
   for (ptrdiff_t v = 0; v < n; ++v) {
     const float x = re[step * v];
@@ -184,17 +176,18 @@ CTESSEL_INLINE void add_weighted(const Series& s, ptrdiff_t k, const float* w, S
   }
 }
 
-/// Takes one coil into the sums of all D entries: its weights once, then every entry.
+/// Takes one coil's images into the sums of all entries. Its weight at a voxel is its mean magnitude,
+/// the same for every entry.
 template <int Step>
-CTESSEL_INLINE void add_coil_in_steps(const Series& s, Sums* sums, ptrdiff_t n) {
+CTESSEL_INLINE void add_coil_in_steps(const Images& s, Sums* sums, ptrdiff_t n) {
   float w[kVoxels] = {};
-  for (ptrdiff_t k = 0; k < s.D; ++k) add_magnitudes<Step>(s, k, w, n);
-  const auto count = static_cast<float>(s.D);
+  for (ptrdiff_t k = 0; k < s.count; ++k) add_magnitudes<Step>(s.from(k), w, n);
+  const auto count = static_cast<float>(s.count);
   for (ptrdiff_t v = 0; v < n; ++v) w[v] /= count;
-  for (ptrdiff_t t = 0; t < s.D; ++t) add_weighted<Step>(s, t, w, sums[t], n);
+  for (ptrdiff_t t = 0; t < s.count; ++t) add_weighted<Step>(s.from(t), w, sums[t], n);
 }
 
-CTESSEL_CLONES void add_coil(const Series& s, Sums* sums, ptrdiff_t n) {
+CTESSEL_CLONES void add_coil(const Images& s, Sums* sums, ptrdiff_t n) {
   if (s.step == 1) return add_coil_in_steps<1>(s, sums, n);
   if (s.step == 2) return add_coil_in_steps<2>(s, sums, n);
   add_coil_in_steps<0>(s, sums, n);
@@ -274,11 +267,11 @@ void combine_voxel(const ctessel::ConstSamples& data, const int* dims, int coild
   const ptrdiff_t b = n / S * (coils - 1) * S + n, t = b % (D * V) / V;
   for (ptrdiff_t c = 0; c < coils && b + c * S < total; ++c) {
     const ptrdiff_t first = b + c * S - t * V;
-    const Series s{data.re + first, data.im ? data.im + first : nullptr, 1, V, D};
+    const Images s{data.re + first, data.im ? data.im + first : nullptr, 1, V, D};
     float w = 0;
-    for (ptrdiff_t k = 0; k < D && first + k * V < total; ++k) add_magnitudes<1>(s, k, &w, 1);
+    for (ptrdiff_t k = 0; k < D && first + k * V < total; ++k) add_magnitudes<1>(s.from(k), &w, 1);
     w /= static_cast<float>(D);
-    add_weighted<1>(s, t, &w, sums, 1);
+    add_weighted<1>(s.from(t), &w, sums, 1);
   }
   store(sums, 0, out_re + n, out_im + n);
 }

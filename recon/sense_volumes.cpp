@@ -3,14 +3,16 @@
 // A tile is some columns of pixels. Its factors are formed one folded line at a time, narrowed to
 // single precision at the pixels' places, and applied to the line of every volume. Lines that lie on
 // the factor grid's own rows need no neighbours: what interpolation takes with weight 0 changes
-// nothing as long as it is finite. So tiles are first worked on directly, and once more with every
+// nothing as long as it is finite. So tiles are first worked on directly, and all once more with every
 // neighbour where something was not finite.
 
 #include "sense_volumes.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cmath>
+#include <functional>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -208,7 +210,7 @@ class Tile {
     if (wraps_ && between) past_.emplace(f_, Range{0, 1});
   }
 
-  /// False if something was not finite: the tile then has to be unfolded with neighbours.
+  /// False if something was not finite: all tiles then have to be unfolded with neighbours.
   bool unfold_directly() {
     Line& line = new_line();
     for (int y = 0; y < p_.y.lines; ++y) {
@@ -220,8 +222,8 @@ class Tile {
     return finite_ && lines_->finite();
   }
 
-  /// False if a factor was not finite. A block of lines goes through all slices: what two slices of
-  /// it need is kept.
+  /// False if a position lay outside of its volume or had no sample to unfold. A block of lines goes
+  /// through all slices: what two slices of it need is kept.
   bool unfold_between() {
     if (reads_next_slot() && wraps_) find_first_samples();
     for (auto* row : {&low_row_, &high_row_, &row_}) row->resize(size(2 * pitch_));
@@ -231,11 +233,8 @@ class Tile {
         for (int i = y; i < end; ++i) unfold_line(i, z);
       }
     }
-    return finite_;
+    return inside_;
   }
-
-  /// Whether every position was in its volume and had a sample to unfold.
-  bool inside() const { return inside_; }
 
  private:
   static constexpr std::size_t kWindow = std::size_t{4} * kBlock;
@@ -278,7 +277,6 @@ class Tile {
     line.finite = true;
     for (int64_t j = 0; j < f_.all_slots(); ++j)
       line.finite &= rest(slot(line, j), 2 * pitch_) == 0;
-    finite_ &= line.finite;
     return line;
   }
 
@@ -550,20 +548,6 @@ class Tile {
   const std::vector<float> zeros_;
 };
 
-enum class Kind : unsigned char { kDirect, kBetween, kNotFinite };
-struct Done {
-  int64_t end = 0;
-  Kind kind = Kind::kDirect;
-  bool inside = true;
-};
-
-Done unfold_tile(const SenseProblem& p, Range columns, bool direct, bool own) {
-  if (direct && Tile(p, columns, false, own).unfold_directly()) return {columns.end, Kind::kDirect};
-  Tile tile(p, columns, true, own);
-  const bool finite = tile.unfold_between();
-  return {columns.end, finite ? Kind::kBetween : Kind::kNotFinite, tile.inside()};
-}
-
 /// Columns whose samples, factors and narrowed factors fit the cache.
 int64_t tile_width(const SenseProblem& p) {
   const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
@@ -584,40 +568,26 @@ bool needs_no_neighbours(const SenseProblem& p) {
   return whole && (p.x.fraction.back() == 0 || p.x.index.back() + 1 < p.factors.nx);
 }
 
-/// Tiles that were unfolded directly although the one behind them is not finite. Behind the last column
-/// comes the first one.
-std::vector<Range> beside_not_finite(const std::vector<Done>& tiles) {
-  const auto nx = static_cast<int64_t>(tiles.size());
-  std::vector<Range> found;
-  for (int64_t x = 0; x < nx; x = tiles[size(x)].end) {
-    const Done& here = tiles[size(x)];
-    const Done& next = tiles[size(here.end < nx ? here.end : 0)];
-    if (here.kind == Kind::kDirect && next.kind == Kind::kNotFinite) found.push_back({x, here.end});
-  }
-  return found;
+/// Work on every tile, with neighbours or directly; false where one of them says so.
+template <class Work>
+bool for_each_tile(const SenseProblem& p, bool between, bool own, const Work& work) {
+  const int64_t width = tile_width(p);
+  std::atomic<bool> all = true;
+  ctessel::for_each_chunk(p.nx, [&](int64_t begin, int64_t end) {
+    for (int64_t x = begin; x < end; x += width) {
+      Tile tile(p, {x, std::min(x + width, end)}, between, own);
+      if (!work(tile)) all = false;
+    }
+  });
+  return all;
 }
 
 }  // namespace
 
 bool ctessel::unfold_volumes(const SenseProblem& p) {
-  const int64_t width = tile_width(p);
   const bool direct = needs_no_neighbours(p);
   const bool own =
       direct && p.x.regular && std::ranges::all_of(p.x.fraction, [](double f) { return f == 0; });
-  std::vector<Done> tiles(size(p.nx));
-  for_each_chunk(p.nx, [&](int64_t begin, int64_t end) {
-    for (int64_t x = begin; x < end; x += width) {
-      tiles[size(x)] = unfold_tile(p, {x, std::min(x + width, end)}, direct, own);
-    }
-  });
-  // A tile that is unfolded again may find that it is not finite either, through the column behind it.
-  for (auto again = beside_not_finite(tiles); !again.empty(); again = beside_not_finite(tiles)) {
-    for_each_chunk(static_cast<int64_t>(again.size()), [&](int64_t begin, int64_t end) {
-      for (int64_t i = begin; i < end; ++i) {
-        const Range& columns = again[size(i)];
-        tiles[size(columns.begin)] = unfold_tile(p, columns, false, own);
-      }
-    });
-  }
-  return std::ranges::all_of(tiles, &Done::inside);
+  return (direct && for_each_tile(p, false, own, std::mem_fn(&Tile::unfold_directly))) ||
+         for_each_tile(p, true, own, std::mem_fn(&Tile::unfold_between));
 }
