@@ -23,8 +23,9 @@ F = dict(order="F")
 
 def kernel(prefix):
     """The routine whose mangled name starts so."""
-    names = subprocess.run(["nm", "-D", "--defined-only", f"{BUILD}/recon/libcTessel.so"],
-                           check=True, capture_output=True, text=True).stdout.split()
+    names = subprocess.run(
+        ["nm", "-D", "--defined-only", f"{BUILD}/recon/libcTessel.so"], check=True, capture_output=True, text=True
+    ).stdout.split()
     return getattr(LIBRARY, next(name for name in names if name.startswith(prefix)))
 
 
@@ -63,10 +64,18 @@ class Octave:
 
     def __init__(self):
         self.process = subprocess.Popen(
-            ["octave-cli", "--norc", "--no-history", "--quiet", "--eval",
-             "crash_dumps_octave_core (false);"
-             " while ischar (l = fgetl (stdin)) eval (l); fflush (stdout); end"],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            [
+                "octave-cli",
+                "--norc",
+                "--no-history",
+                "--quiet",
+                "--eval",
+                "crash_dumps_octave_core (false);" " while ischar (l = fgetl (stdin)) eval (l); fflush (stdout); end",
+            ],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+        )
 
     def __call__(self, code):
         # An empty line after it: reading a line looks one character ahead.
@@ -81,15 +90,16 @@ class Octave:
         for name, a in arrays.items():
             np.asarray(a, **F).ravel("F").tofile(f"{FOLDER.name}/octave")
             kind = "double" if a.dtype == np.float64 else "single"
-            self(f"f_ = fopen ('{FOLDER.name}/octave');"
-                 f" x_ = fread (f_, Inf, '{kind}=>{kind}'); fclose (f_)")
+            self(f"f_ = fopen ('{FOLDER.name}/octave');" f" x_ = fread (f_, Inf, '{kind}=>{kind}'); fclose (f_)")
             if a.dtype.kind == "c":
                 self("x_ = complex (x_(1:2:end), x_(2:2:end))")
             self(f"{name} = reshape (x_, {list(a.shape) + [1, 1]}); clear x_")
 
     def get(self, name, like):
-        self(f"f_ = fopen ('{FOLDER.name}/octave', 'w'); fwrite (f_, real ({name})(:), 'double');"
-             f" fwrite (f_, imag ({name})(:), 'double'); fclose (f_)")
+        self(
+            f"f_ = fopen ('{FOLDER.name}/octave', 'w'); fwrite (f_, real ({name})(:), 'double');"
+            f" fwrite (f_, imag ({name})(:), 'double'); fclose (f_)"
+        )
         re, im = np.fromfile(f"{FOLDER.name}/octave").reshape(2, -1)
         return (re + 1j * im).reshape(like.shape, order="F")
 
@@ -127,7 +137,8 @@ def in_turns(ours, theirs, budget=2.5, least=3, most=15):
     """Median ratio of two functions that return seconds."""
     ratios, start = [], time.monotonic()
     while len(ratios) < (1 if QUICK else least) or (
-            len(ratios) < most and time.monotonic() - start < (0 if QUICK else budget)):
+        len(ratios) < most and time.monotonic() - start < (0 if QUICK else budget)
+    ):
         mine = ours()
         ratios.append(theirs() / mine)
     return statistics.median(ratios)
@@ -147,8 +158,7 @@ class Report:
         self.rows.append({"routine": routine, "data": data, "peer": peer, "ratio": ratio})
         print(f"{routine:32} {data:28} {peer:8} {ratio:8.2f}", file=sys.stderr)
 
-    def row(self, routine, data, ours, result, arrays, tolerance=2e-6, numpy=(), octave=None,
-            bart=None):
+    def row(self, routine, data, ours, result, arrays, tolerance=2e-6, numpy=(), octave=None, bart=None):
         """Compare, then time. `result` makes an array of what `ours` left behind.
 
         Octave finds `arrays` under their names and is to leave its answer in `result`; BART gets

@@ -54,8 +54,13 @@ class Outcome:
 
 def run(command, **changes):
     """Processor time of a process and of its threads, in seconds."""
-    process = subprocess.Popen(list(map(str, command)), cwd=FOLDER, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.PIPE, env={**os.environ, **changes})
+    process = subprocess.Popen(
+        list(map(str, command)),
+        cwd=FOLDER,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        env={**os.environ, **changes},
+    )
     complaint = process.stderr.read().decode()
     _, status, usage = os.wait4(process.pid, 0)
     if status:
@@ -95,9 +100,7 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
         head["kspace_encode_step_1"], head["kspace_encode_step_2"], head["slice"] = y, z, index
         head["position"] = 0, 0, 5 * index
         if block[y, z]:
-            head["flags"] = (
-                acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
-            )
+            head["flags"] = acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, z]))
     writer.close()
 
@@ -105,8 +108,9 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
 def ours(kspace, sampled, block=(), options=(), slices=1, steps=None, noise=None):
     path, image = FOLDER / "scan.h5", FOLDER / "image.nii"
     write_raw(path, kspace, sampled, block, slices, steps, noise)
-    seconds = run([sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options],
-                  PYTHONPATH=os.pathsep.join(sys.path))
+    seconds = run(
+        [sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options], PYTHONPATH=os.pathsep.join(sys.path)
+    )
     made = read_nifti(image).reshape(*kspace.shape[:3], -1)
     return Outcome(np.squeeze(made[..., 0]), seconds / slices)
 
@@ -204,7 +208,9 @@ def volumes():
     for *steps, shift in ((2, 1, 0), (2, 2, 0), (2, 2, 1)):
         sampled, block = lattice((VOLUME, VOLUME), *steps, shift), np.outer(near, near)
         kept = kspace * (sampled | block)[None, :, :, None]
-        mine, ecalib = ours(kspace, sampled, block, steps=tuple(steps)), bart(kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside)
+        mine, ecalib = ours(kspace, sampled, block, steps=tuple(steps)), bart(
+            kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside
+        )
         row = {"data": f"phantom, {VOLUME}^3", "R": "{} x {}".format(*steps) + f", shifted by {shift}" * (shift > 0)}
         for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
             row[key] = error(outcome.image, truth, inside)
@@ -250,7 +256,9 @@ def g_of_lattice(maps, sampled, steps):
 
     lattices = pipeline.undersampling(sampled, stated=steps)
     folded = (1, *(lattice.folded for lattice in lattices))
-    return ctessel.sense_noise(maps, full_size=maps.shape[:3], fold_size=folded, aliases=pipeline.alias_offsets(lattices))[0][0]
+    return ctessel.sense_noise(
+        maps, full_size=maps.shape[:3], fold_size=folded, aliases=pipeline.alias_offsets(lattices)
+    )[0][0]
 
 
 def g_factor(maps, step):
@@ -302,8 +310,10 @@ def defective(name, kspace):
     for what, samples in zip(DEFECTS, (0 * noise, noise, kspace[..., DEFECTIVE] + 30 * noise)):
         broken = kspace.copy()
         broken[..., DEFECTIVE] = samples
-        images = {"all coils": ours(broken, sampled, block, ["--coils", f"0-{count - 1}"]).image,
-                  "without it": ours(broken, sampled, block).image}
+        images = {
+            "all coils": ours(broken, sampled, block, ["--coils", f"0-{count - 1}"]).image,
+            "without it": ours(broken, sampled, block).image,
+        }
         row = {"data": name, "defect": what, "intact": intact}
         row |= {key: error(image, truth, inside) for key, image in images.items()}
         print(row, file=sys.stderr)
@@ -318,22 +328,39 @@ def noise_volumes(name, kspace):
     samples beside the object."""
     n, edge = kspace.shape[1], kspace.shape[1] // 8
     images = np.fft.fftshift(np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1))
-    air = np.concatenate([images[x, y, 0].reshape(-1, kspace.shape[3])
-                          for x in (slice(edge), slice(-edge, None)) for y in (slice(edge), slice(-edge, None))])
+    air = np.concatenate(
+        [
+            images[x, y, 0].reshape(-1, kspace.shape[3])
+            for x in (slice(edge), slice(-edge, None))
+            for y in (slice(edge), slice(-edge, None))
+        ]
+    )
     factor = np.linalg.cholesky(air.T @ air.conj() / len(air))
     white = np.random.default_rng(2).standard_normal((2, 4096, kspace.shape[3]))
     scan = (white[0] + 1j * white[1]) @ factor.T * 0.5**0.5
-    image = ours(kspace, every(n, 2), around(n, 24), ["--noise-images", NOISE_VOLUMES, "--maps-out", "sd"], noise=scan).image
+    image = ours(
+        kspace, every(n, 2), around(n, 24), ["--noise-images", NOISE_VOLUMES, "--maps-out", "sd"], noise=scan
+    ).image
     sd, volumes = (read_nifti(FOLDER / f"image_{what}.nii") for what in ("sd", "noise"))
     spread = np.sqrt(np.mean(volumes.astype(float) ** 2, -1))
     ratio = (spread / np.where(sd > 0, sd, 1))[object_of(image) & (sd > 0)]
-    row = {"data": name, "volumes": NOISE_VOLUMES, "mean of spread over map": ratio.mean(), "its deviation": ratio.std(),
-           "expected": np.sqrt(1 / 4 / NOISE_VOLUMES + 1 / 4 / 100)}
+    row = {
+        "data": name,
+        "volumes": NOISE_VOLUMES,
+        "mean of spread over map": ratio.mean(),
+        "its deviation": ratio.std(),
+        "expected": np.sqrt(1 / 4 / NOISE_VOLUMES + 1 / 4 / 100),
+    }
     print(row, file=sys.stderr)
     return row, (image, sd, volumes[..., 0], spread)
 
 
-MOVES = [("none", 4, 0.0), ("1 voxel from line +4", 4, 1.0), ("2 voxels from line +4", 4, 2.0), ("2 voxels from line +14", 14, 2.0)]
+MOVES = [
+    ("none", 4, 0.0),
+    ("1 voxel from line +4", 4, 1.0),
+    ("2 voxels from line +4", 4, 2.0),
+    ("2 voxels from line +14", 14, 2.0),
+]
 
 
 def moved(name, kspace):
@@ -347,7 +374,12 @@ def moved(name, kspace):
         image = ours(broken, every(n, 2), around(n, 32)).image
         found = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
         lines = [f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])]
-        row = {"data": name, "motion": what, "error": error(image, truth, inside), "lines in the warning": ", ".join(lines) or "none"}
+        row = {
+            "data": name,
+            "motion": what,
+            "error": error(image, truth, inside),
+            "lines in the warning": ", ".join(lines) or "none",
+        }
         print(row, file=sys.stderr)
         yield row, (truth, inside, {"moved": image}, what)
 
@@ -365,8 +397,13 @@ def picture(name, shown):
 
     truth, _, programs, _ = shown[0][1]
     top = np.percentile(truth, 99.5)
-    figure, axes = plt.subplots(len(programs) + 1, 1 + len(shown), constrained_layout=True,
-                                figsize=(2 * (1 + len(shown)), 2.2 * (len(programs) + 1)), dpi=72)
+    figure, axes = plt.subplots(
+        len(programs) + 1,
+        1 + len(shown),
+        constrained_layout=True,
+        figsize=(2 * (1 + len(shown)), 2.2 * (len(programs) + 1)),
+        dpi=72,
+    )
     for line, program in zip(axes, programs):
         line[0].set_ylabel(program)
         for place, (row, (_, inside, images, _)) in zip(line[1:], shown):
@@ -410,8 +447,17 @@ def defects_picture(name, shown):
 
 def table(rows):
     head = list(rows[0])
-    text = [[f"{v:.4f}" if isinstance(v, float) and k not in ("share", "time, ecalib's over ours")
-             else f"{v:.3g}" if isinstance(v, float) else str(v) for k, v in row.items()] for row in rows]
+    text = [
+        [
+            f"{v:.4f}"
+            if isinstance(v, float) and k not in ("share", "time, ecalib's over ours")
+            else f"{v:.3g}"
+            if isinstance(v, float)
+            else str(v)
+            for k, v in row.items()
+        ]
+        for row in rows
+    ]
     return "\n".join(f"| {' | '.join(line)} |" for line in [head, ["---"] * len(head), *text])
 
 
@@ -444,13 +490,36 @@ def main():
             defects_picture(f"{output}/motion-{name}.png", [about for _, about in shown])
         missing += partial(name, kspace)
     with open(f"{output}/quality.json", "w") as file:
-        json.dump({"undersampled": below, "volumes": solid, "shifted": shifts, "partial": missing,
-                   "defective": broken, "noise": noisy, "motion": moves}, file, indent=1)
-    sections = ["# Error of reconstructions", "## Undersampled", table(below) if below else "None.",
-                "## Volumes", table(solid), "## Shifted sampling patterns", table(shifts) if shifts else "None.",
-                "## Partial Fourier", table(missing), "## A defective coil", table(broken) if broken else "None.",
-                "## Volumes of noise", table(noisy) if noisy else "None.",
-                "## Motion", table(moves) if moves else "None."]
+        json.dump(
+            {
+                "undersampled": below,
+                "volumes": solid,
+                "shifted": shifts,
+                "partial": missing,
+                "defective": broken,
+                "noise": noisy,
+                "motion": moves,
+            },
+            file,
+            indent=1,
+        )
+    sections = [
+        "# Error of reconstructions",
+        "## Undersampled",
+        table(below) if below else "None.",
+        "## Volumes",
+        table(solid),
+        "## Shifted sampling patterns",
+        table(shifts) if shifts else "None.",
+        "## Partial Fourier",
+        table(missing),
+        "## A defective coil",
+        table(broken) if broken else "None.",
+        "## Volumes of noise",
+        table(noisy) if noisy else "None.",
+        "## Motion",
+        table(moves) if moves else "None.",
+    ]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 
 

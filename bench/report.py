@@ -90,8 +90,10 @@ def read_kernels(path):
                 failures.append(f"{routine}, {data}: {b['error_message']}")
             elif axis == "row":
                 keys = ("limit", "naive", "scratch", "documented", "difference", "added")
-                rows.append({"routine": routine, "data": data, "limit_kind": b.get("label", "")}
-                            | {k: b[k] for k in keys if k in b})
+                rows.append(
+                    {"routine": routine, "data": data, "limit_kind": b.get("label", "")}
+                    | {k: b[k] for k in keys if k in b}
+                )
             else:
                 point = {k: b[k] for k in ("x", "cost", "limit_cost") if k in b}
                 sweeps.setdefault((axis, routine), []).append(point)
@@ -101,7 +103,7 @@ def read_kernels(path):
 
 
 def exponent(points, key):
-    upper = [p for p in points[len(points) // 2 - 1:] if p.get(key, 0) > 0]
+    upper = [p for p in points[len(points) // 2 - 1 :] if p.get(key, 0) > 0]
     if len(upper) < 2:
         return None
     return float(np.polyfit(np.log([p["x"] for p in upper]), np.log([p[key] for p in upper]), 1)[0])
@@ -203,13 +205,25 @@ def sections(report):
     if report["quick"]:
         yield "**A quick run: small data, few turns. It shows that everything runs, not how fast.**"
     yield from (HOW, "## Limits, naive versions, memory")
-    yield table(["routine", "data", "of limit", "x naive", "scratch", "documented"],
-                [[r["routine"], r["data"], f"{number(r.get('limit'))} {r['limit_kind']}",
-                  number(r["naive"]), size(r["scratch"]), size(r["documented"])]
-                 for r in report["rows"]])
+    yield table(
+        ["routine", "data", "of limit", "x naive", "scratch", "documented"],
+        [
+            [
+                r["routine"],
+                r["data"],
+                f"{number(r.get('limit'))} {r['limit_kind']}",
+                number(r["naive"]),
+                size(r["scratch"]),
+                size(r["documented"]),
+            ]
+            for r in report["rows"]
+        ],
+    )
     yield from ("## Images of noise", NOISE)
-    yield table(["routine", "data", "added"], [[r["routine"], r["data"], number(r["added"])]
-                                               for r in report["rows"] if "added" in r])
+    yield table(
+        ["routine", "data", "added"],
+        [[r["routine"], r["data"], number(r["added"])] for r in report["rows"] if "added" in r],
+    )
     yield from ("## Peers", PEERS)
     yield pivot(report["peers"], ("routine", "data"), "peer", lambda p: number(p["ratio"]))
     yield from ("## Growth", GROWTH, pivot(report["growth"], ("routine",), "axis", growth_cell))
@@ -228,9 +242,15 @@ def main():
         others = json.load(file)
     package = [p for p in others if p["routine"].startswith("package: ")]
     peers, curves = [p for p in others if p not in package], growth(sweeps)
-    report = {"machine": machine(), "quick": "CTESSEL_QUICK" in os.environ, "rows": rows,
-              "peers": peers, "package": package, "growth": curves,
-              "short": [*failures, *findings(rows, others, curves)]}
+    report = {
+        "machine": machine(),
+        "quick": "CTESSEL_QUICK" in os.environ,
+        "rows": rows,
+        "peers": peers,
+        "package": package,
+        "growth": curves,
+        "short": [*failures, *findings(rows, others, curves)],
+    }
     with open(f"{output}/report.json", "w") as file:
         json.dump(report, file, indent=1)
     for axis in dict.fromkeys(e["axis"] for e in curves):

@@ -43,9 +43,7 @@ def main(raw, *options):
     ahead = time.process_time() - time.thread_time()
     with tempfile.TemporaryDirectory() as folder:
         profile.enable()
-        arguments = cli._parser().parse_args(
-            ["recon", raw, "-o", f"{folder}/image.nii.gz", *options]
-        )
+        arguments = cli._parser().parse_args(["recon", raw, "-o", f"{folder}/image.nii.gz", *options])
         cli.recon(arguments)
         profile.disable()
     for function, (_, _, own, _, _) in pstats.Stats(profile).stats.items():

@@ -54,7 +54,9 @@ def quality():
     measured = constants("bench/quality.py")
     for head, rows in tables("quality.md"):
         if head[:2] == ["R", "ACS lines"]:
-            yield "undersampling", {(row[0], row[1]) for row in rows}, {tuple(map(str, r)) for r in measured["REDUCTIONS"]}
+            yield "undersampling", {(row[0], row[1]) for row in rows}, {
+                tuple(map(str, r)) for r in measured["REDUCTIONS"]
+            }
         elif head[1] == "pattern":
             names = {f"{y} x {z}" + f", shifted by {shift}" * bool(shift) for y, z, shift in measured["LATTICES"]}
             yield "patterns", {row[1] for row in rows}, names

@@ -39,7 +39,11 @@ def manual(parser):
         lines += [f".SS ctessel {name}", roff(sentence(texts[name]))]
         for action in each._actions:
             if action.help != argparse.SUPPRESS and "-h" not in action.option_strings:
-                lines += [".TP", f"\\fB{roff(title(action))}\\fR", roff(sentence(action.help)) if action.help else r"\&"]
+                lines += [
+                    ".TP",
+                    f"\\fB{roff(title(action))}\\fR",
+                    roff(sentence(action.help)) if action.help else r"\&",
+                ]
         lines += verbatim(each.epilog.split("exit codes:")[0])
     lines += [".SH EXIT STATUS", *verbatim(cli.EXIT_CODES.partition("\n")[2])]
     return "\n".join(lines) + "\n"
@@ -127,11 +131,17 @@ def zsh(parser):
     def specification(action):
         name = f"{{{','.join(action.option_strings)}}}" if len(action.option_strings) > 1 else action.option_strings[0]
         known = values(action)
-        value = "" if known is None else f":{plain(title(action).split()[-1])}:" + (f"({' '.join(known)})" if known else "_files")
+        value = (
+            ""
+            if known is None
+            else f":{plain(title(action).split()[-1])}:" + (f"({' '.join(known)})" if known else "_files")
+        )
         return name + quoted(f"[{plain(action.help or '')}]{value}")
 
     said = "".join(f" {quoted(f'{name}:{plain(text)}')}" for name, text in texts(parser).items())
-    kinds = "".join(f" {quoted(f'{name}:{plain(text)}')}" for name, text in {"list": "these kinds", **cli.PHANTOM_KINDS}.items())
+    kinds = "".join(
+        f" {quoted(f'{name}:{plain(text)}')}" for name, text in {"list": "these kinds", **cli.PHANTOM_KINDS}.items()
+    )
     cases = ""
     for name, each in commands(parser).choices.items():
         first = " '1:kind:{_describe kind phantoms}'" if name == "phantom" else ""

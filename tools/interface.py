@@ -45,7 +45,9 @@ def names():
     yield from (f"key {name}" for module in SIDECAR for name in keys(ROOT / "python" / "ctessel" / f"{module}.py"))
     for name in re.findall(r"^ (\w+)$", (ROOT / "octave" / "INDEX").read_text(), re.MULTILINE):
         yield f"octave {name}"
-    routines = subprocess.run([ROOT / "tests" / "header_routines.sh", *HEADERS], capture_output=True, text=True, check=True)
+    routines = subprocess.run(
+        [ROOT / "tests" / "header_routines.sh", *HEADERS], capture_output=True, text=True, check=True
+    )
     yield from (f"c++ {name}" for name in routines.stdout.split())
 
 

@@ -58,6 +58,11 @@ else
 fi
 
 if [ "${1-}" = --all ]; then
+  if black --version | grep -q ' 23\.'; then
+    check 'formatting of Python' black --quiet --check "${python[@]}"
+  else
+    echo 'SKIPPED: formatting of Python needs black 23, that of Debian 12'
+  fi
   tools/install_packages.sh python/packages.txt
   check 'types of the Python package' mypy --config-file tools/mypy.ini python/ctessel
   tools/install_packages.sh packages-all.txt

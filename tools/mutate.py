@@ -27,15 +27,19 @@ from pathlib import Path
 SOURCE = Path(__file__).resolve().parent.parent
 TREE = SOURCE / "build/mutants/tree"
 LOG = TREE.parent / "log"
-SETS = {"octave": ["octave/inst/*.m", "octave/inst/private/*.m"],
-        "python": ["python/ctessel/*.py"],
-        "bindings": ["python/src/*"],
-        "kernels": ["recon/*.cpp", "recon/*.h", "gateway/*.cpp", "gateway/host/classic.cpp"]}
+SETS = {
+    "octave": ["octave/inst/*.m", "octave/inst/private/*.m"],
+    "python": ["python/ctessel/*.py"],
+    "bindings": ["python/src/*"],
+    "kernels": ["recon/*.cpp", "recon/*.h", "gateway/*.cpp", "gateway/host/classic.cpp"],
+}
 
 # What is no code: comments, texts, and lines that declare.
-TEXTS = {".m": r"(?<![\w\])}'.])'(?:''|[^'\n])*'|\"(?:\\.|[^\"\n])*\"|[%#].*",
-         ".py": r"(?s:\"\"\".*?\"\"\")|\"(?:\\.|[^\"\n])*\"|'(?:\\.|[^'\n])*'|#.*|^(?:import|from) .*",
-         "": r"//.*|\"(?:\\.|[^\"\n])*\"|(?<!\d)'(?:\\.|[^'\n])+'|^ *#.*|^ *(?:using|template|static_assert).*"}
+TEXTS = {
+    ".m": r"(?<![\w\])}'.])'(?:''|[^'\n])*'|\"(?:\\.|[^\"\n])*\"|[%#].*",
+    ".py": r"(?s:\"\"\".*?\"\"\")|\"(?:\\.|[^\"\n])*\"|'(?:\\.|[^'\n])*'|#.*|^(?:import|from) .*",
+    "": r"//.*|\"(?:\\.|[^\"\n])*\"|(?<!\d)'(?:\\.|[^'\n])+'|^ *#.*|^ *(?:using|template|static_assert).*",
+}
 PAIRS = "< <= > >= == != && || and or + - * / += -= .* ./ min max floor ceil true false True False".split()
 SWAPS = dict(zip(PAIRS, (b for k in range(0, len(PAIRS), 2) for b in (PAIRS[k + 1], PAIRS[k])))) | {"~=": "=="}
 OPERATORS = [  # a name, where, and what is put there
@@ -46,8 +50,11 @@ OPERATORS = [  # a name, where, and what is put there
     ("never", r"\bif \((?=.*\) ?[{\w])", lambda m: "if (false && "),
     ("never", r"\b(?:el)?if (?!\()(?=.*:$)", lambda m: m[0] + "False and "),
     ("exchanged", r"(?<=[\[(])(\w+), (\w+)(?=[\]),])", lambda m: f"{m[2]}, {m[1]}"),
-    ("removed", r"^( +)(?:(?:return|raise|continue|break)\b.*|\+\+\w+;|[\w.\[\]()>*{}:-]+(?:\(.*\)| [-+*/|&]?= .*);?)$",
-     lambda m: m[1] + ("" if m[0][-1] == ";" else "pass")),
+    (
+        "removed",
+        r"^( +)(?:(?:return|raise|continue|break)\b.*|\+\+\w+;|[\w.\[\]()>*{}:-]+(?:\(.*\)| [-+*/|&]?= .*);?)$",
+        lambda m: m[1] + ("" if m[0][-1] == ";" else "pass"),
+    ),
 ]
 
 
@@ -82,8 +89,7 @@ def drawn(files, count, rng):
 def run(*command, limit=1800):
     """Whether a command succeeds in time. Its output is in the log."""
     with open(LOG, "w") as log:
-        job = subprocess.Popen(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL, cwd=TREE,
-                               process_group=0)
+        job = subprocess.Popen(command, stdout=log, stderr=log, stdin=subprocess.DEVNULL, cwd=TREE, process_group=0)
         try:
             return job.wait(limit) == 0
         except subprocess.TimeoutExpired:
@@ -130,8 +136,19 @@ def octave(file):
     package = next(folder.glob("ctessel-*"))
     put((TREE / "octave/inst").glob("*.m"), package)
     put((TREE / "octave/inst/private").glob("*.m"), package / "private")
-    yield test(r"!!!!! (.*)|^error: (.*)", "octave-cli", "--norc", "--no-history", "--quiet", "--path", TREE / "octave",
-               "--path", TREE / "demo", "--eval", f"test_package('', '{folder}')")
+    yield test(
+        r"!!!!! (.*)|^error: (.*)",
+        "octave-cli",
+        "--norc",
+        "--no-history",
+        "--quiet",
+        "--path",
+        TREE / "octave",
+        "--path",
+        TREE / "demo",
+        "--eval",
+        f"test_package('', '{folder}')",
+    )
 
 
 def python(file):
@@ -144,32 +161,67 @@ def python(file):
     if not environment.exists():
         must("tools/python_environment.sh")
     if modules.exists() or not file.endswith(".py"):
-        must("cmake", "-S", ".", "-B", modules, "-G", "Ninja", "-DCTESSEL_PYTHON=ON", f"-DPYTHON_EXECUTABLE={interpreter}")
+        must(
+            "cmake",
+            "-S",
+            ".",
+            "-B",
+            modules,
+            "-G",
+            "Ninja",
+            "-DCTESSEL_PYTHON=ON",
+            f"-DPYTHON_EXECUTABLE={interpreter}",
+        )
         build("cmake", "--build", modules, "--target", "python_modules", "-j1")
     package = next(environment.glob("lib/python3*/site-packages/ctessel"))
     put([*(modules / "python").glob("_*.so"), *(TREE / "python/ctessel").glob("*.py")], package)
     stem = Path(file).stem.strip("_")
-    others = sorted((TREE / "python/tests").glob("test_*.py"),
-                    key=lambda t: (not re.search(rf"\b{stem}\b", t.read_text()), t.name))
+    others = sorted(
+        (TREE / "python/tests").glob("test_*.py"), key=lambda t: (not re.search(rf"\b{stem}\b", t.read_text()), t.name)
+    )
     own = [t for t in others if stem in t.stem] or others[:3]
     for tests in (own, [t for t in others if t not in own]):
-        yield test(r"^(?:FAILED|ERROR) \S*?(test_\S+)", interpreter, "-m", "pytest", "-p", "no:cacheprovider", "-q",
-                   "-x", "--timeout", "600", "-rfE", *tests)
+        yield test(
+            r"^(?:FAILED|ERROR) \S*?(test_\S+)",
+            interpreter,
+            "-m",
+            "pytest",
+            "-p",
+            "no:cacheprovider",
+            "-q",
+            "-x",
+            "--timeout",
+            "600",
+            "-rfE",
+            *tests,
+        )
 
 
 def ctest(preset, *which, targets=("all",)):
     build("cmake", "--preset", preset)  # with warnings as errors: others' objects come from the compiler cache
     build("cmake", "--build", "--preset", preset, "-j1", "--target", *targets)
-    return test(r"^\s+\d+ - (\w+) \(", "ctest", "--preset", preset, "-j1", "--timeout", "600", "--stop-on-failure",
-                "-E", "^(install|package)$", *which)  # of what is installed; minutes
+    return test(
+        r"^\s+\d+ - (\w+) \(",
+        "ctest",
+        "--preset",
+        preset,
+        "-j1",
+        "--timeout",
+        "600",
+        "--stop-on-failure",
+        "-E",
+        "^(install|package)$",
+        *which,
+    )  # of what is installed; minutes
 
 
 def kernels(file):
     words = [w for w in re.split(r"[_.]", Path(file).stem) if len(w) > 3] or ["sense"]
     own = [t.stem for w in words for t in (TREE / "tests").glob(f"test_*{w}*.cpp")] or ["test_sense"]
     fuzz = [f"random_{name}" for name in ("gateway", "geometry", "kernels", "sense")]
-    yield ctest("default", "-R", "^({})$".format("|".join(t.removeprefix("test_") for t in own + fuzz)),
-                targets=own + fuzz)
+    yield ctest(
+        "default", "-R", "^({})$".format("|".join(t.removeprefix("test_") for t in own + fuzz)), targets=own + fuzz
+    )
     yield ctest("default")
     if "gateway" in file or "homodyne" in file:
         yield ctest("mex32")
@@ -257,18 +309,26 @@ def main():
     if options.fault:
         faults = [given(*options.fault)]
     else:
-        faults = [f for name in options.what or SETS
-                  for f in drawn(files_of(name), options.count, random.Random(f"{options.seed} {name}"))]
+        faults = [
+            f
+            for name in options.what or SETS
+            for f in drawn(files_of(name), options.count, random.Random(f"{options.seed} {name}"))
+        ]
     outcomes = []
-    for number, fault in enumerate(faults[options.first - 1:], options.first):
+    for number, fault in enumerate(faults[options.first - 1 :], options.first):
         name = set_of(fault.file)
         require_passing(name, fault.file, commit, options.near)
         by = attempt(fault, name, options.near)
         outcomes.append(by if by in (None, "not built") else "caught")
-        print(f"{number:3} {fault.file}:{fault.line} {fault.name}: {by or 'SURVIVED'}\n"
-              f"      - {fault.before}\n      + {fault.after}", flush=True)
-    print(f"{len(outcomes)} run, {outcomes.count('caught')} caught, {outcomes.count(None)} survived, "
-          f"{outcomes.count('not built')} not built")
+        print(
+            f"{number:3} {fault.file}:{fault.line} {fault.name}: {by or 'SURVIVED'}\n"
+            f"      - {fault.before}\n      + {fault.after}",
+            flush=True,
+        )
+    print(
+        f"{len(outcomes)} run, {outcomes.count('caught')} caught, {outcomes.count(None)} survived, "
+        f"{outcomes.count('not built')} not built"
+    )
     sys.exit(None in outcomes)
 
 

@@ -70,6 +70,7 @@ else:
             raise AttributeError(f"module 'ctessel' has no attribute {name!r}")
         return getattr(importlib.import_module("." + _NEED_SCIPY[name], __name__), name)
 
+
 # A forked child has no threads, and would wait for them.
 os.register_at_fork(before=release_threads)
 

@@ -97,8 +97,7 @@ def sa(data: ArrayLike) -> float:
 def _broadcast(*arrays):
     """As np.broadcast_arrays, without its overhead for arrays of one shape and for numbers."""
     shape = np.broadcast(*arrays).shape
-    return [a if a.shape == shape else np.broadcast_to(a, shape) if a.ndim else np.full(shape, a)
-            for a in arrays]
+    return [a if a.shape == shape else np.broadcast_to(a, shape) if a.ndim else np.full(shape, a) for a in arrays]
 
 
 def _real(value, name):

@@ -31,9 +31,7 @@ def parse(text):
 def _header(root, encoding):
     trajectory = _text(encoding, "trajectory", "cartesian").lower()
     if trajectory != "cartesian":
-        raise DefectError(
-            f'its trajectory is "{trajectory}"', "only Cartesian scans can be reconstructed"
-        )
+        raise DefectError(f'its trajectory is "{trajectory}"', "only Cartesian scans can be reconstructed")
     matrix = _triple(encoding, "encodedSpace/matrixSize", int)
     return Header(
         encoded_matrix=matrix,
@@ -46,10 +44,7 @@ def _header(root, encoding):
             "z": _limit(encoding, "kspace_encoding_step_2", matrix[2]),
         },
         acceleration=tuple(
-            _number(
-                encoding, f"parallelImaging/accelerationFactor/kspace_encoding_step_{i}", int, 1
-            )
-            for i in (1, 2)
+            _number(encoding, f"parallelImaging/accelerationFactor/kspace_encoding_step_{i}", int, 1) for i in (1, 2)
         ),
         calibration_mode=_text(encoding, "parallelImaging/calibrationMode", "").lower(),
         tr=_times(root, "TR"),
@@ -129,9 +124,7 @@ def _times(root, name):
     except ValueError:
         times = [math.nan]
     if not all(0 < time < math.inf for time in times):
-        raise DefectError(
-            f"{name} of its header is {', '.join(texts) or 'empty'}; expected milliseconds above 0"
-        )
+        raise DefectError(f"{name} of its header is {', '.join(texts) or 'empty'}; expected milliseconds above 0")
     return times
 
 
@@ -147,8 +140,7 @@ def _limit(encoding, name, extent):
     # Lines outside the matrix are found later, so limits that are too wide do no harm.
     if not 0 <= limit.minimum <= limit.center <= limit.maximum:
         raise DefectError(
-            f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center} "
-            "in its header"
+            f"{name} has the limits {limit.minimum} to {limit.maximum} with centre {limit.center} " "in its header"
         )
     return limit
 

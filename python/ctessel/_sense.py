@@ -94,9 +94,7 @@ def sense_recon(
     F. A. Breuer et al., "Controlled aliasing in volumetric parallel imaging (2D CAIPIRINHA)", Magn.
     Reson. Med. 55:549 (2006).
     """
-    return _core.sense_recon(
-        folded, sens, psi, full_size, ref, reg, scale, weight, mask, aliases, out, threads
-    )
+    return _core.sense_recon(folded, sens, psi, full_size, ref, reg, scale, weight, mask, aliases, out, threads)
 
 
 _Image = NDArray[np.float32]
@@ -115,7 +113,8 @@ def sense_noise(
     aliases: _Offsets | None = None,
     response: Literal[False] = False,
     threads: int | None = None,
-) -> tuple[_Image, _Image, _Image]: ...
+) -> tuple[_Image, _Image, _Image]:
+    ...
 
 
 @overload
@@ -131,7 +130,8 @@ def sense_noise(
     aliases: _Offsets | None = None,
     response: Literal[True],
     threads: int | None = None,
-) -> tuple[_Image, _Image, _Image, _Image]: ...
+) -> tuple[_Image, _Image, _Image, _Image]:
+    ...
 
 
 def sense_noise(

@@ -233,9 +233,7 @@ def _roles(headers):
 def _encoding(encodings, headers, imaging):
     spaces = np.unique(headers["encoding_space_ref"])
     if spaces.max() >= len(encodings):
-        raise DefectError(
-            f"an acquisition refers to encoding {spaces.max()}, its header has {len(encodings)}"
-        )
+        raise DefectError(f"an acquisition refers to encoding {spaces.max()}, its header has {len(encodings)}")
     spaces = np.unique(headers["encoding_space_ref"][imaging])
     if spaces.size > 1:
         raise DefectError(
@@ -289,9 +287,7 @@ def _placement(head):
     normal = normal if normal.any() else np.cross(read, phase)
     axes = np.array([read, phase, normal])
     if not np.allclose(axes @ axes.T, np.eye(3), atol=0.02) or not np.isfinite(position).all():
-        raise DefectError(
-            "read, phase and slice directions of its acquisitions are not at right angles"
-        )
+        raise DefectError("read, phase and slice directions of its acquisitions are not at right angles")
     return Placement(position, read, phase, normal)
 
 
@@ -299,14 +295,10 @@ def wanted(extents, part=None, skip=()):
     """Positions along each axis that are wanted, of the whole scan; arguments are those of `survey`."""
     for axis, first, last in [*([part] if part else []), *((axis, n, n) for axis, n in skip)]:
         if axis not in RANGE_AXES:
-            raise DefectError(
-                f"it cannot be read along {axis}", f"parts exist along {', '.join(RANGE_AXES)}"
-            )
+            raise DefectError(f"it cannot be read along {axis}", f"parts exist along {', '.join(RANGE_AXES)}")
         if not 0 <= first <= last < extents[axis]:
             where = f"{first} to {last}" if last > first else str(first)
-            raise DefectError(
-                f"{axis} {where} is not in it", f"it has {axis} 0 to {extents[axis] - 1}"
-            )
+            raise DefectError(f"{axis} {where} is not in it", f"it has {axis} 0 to {extents[axis] - 1}")
     kept = {axis: np.arange(n) for axis, n in extents.items()}
     if part:
         kept[part[0]] = np.arange(part[1], part[2] + 1)
@@ -340,9 +332,7 @@ def _restricted_header(header, kept, extents):
     def chosen(values, axis):
         return [values[i] for i in kept[axis]] if len(values) == extents[axis] else values
 
-    return replace(
-        header, placements=chosen(header.placements, "slice"), te=chosen(header.te, "echo")
-    )
+    return replace(header, placements=chosen(header.placements, "slice"), te=chosen(header.te, "echo"))
 
 
 def _coils(headers, role):
@@ -351,8 +341,7 @@ def _coils(headers, role):
     odd = used[coils != coils[0]]
     if odd.size:
         raise DefectError(
-            f"acquisition {odd[0]} has {headers['active_channels'][odd[0]]} coils, "
-            f"the first one {coils[0]}"
+            f"acquisition {odd[0]} has {headers['active_channels'][odd[0]]} coils, " f"the first one {coils[0]}"
         )
     if coils[0] == 0:
         raise DefectError("its acquisitions have no coils")
@@ -434,8 +423,7 @@ def _readouts(headers, header, which):
     """Places of the first samples that are kept, k = 0 at ``N // 2``, the same for all; x limits."""
     extent = header.encoded_matrix[0]
     samples, pre, post, centre = (
-        headers[field].astype(int)
-        for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
+        headers[field].astype(int) for field in ("number_of_samples", "discard_pre", "discard_post", "center_sample")
     )
     length = samples - pre - post
     # Senders that remove oversampling may keep the centre of the longer readout in the header.

@@ -134,9 +134,7 @@ class Arrived:
     def _put_some(self, places, rows, numbers, array, offsets, transformed):
         n, add = places.shape[0], places.repeated(rows)
         if len(array) == n and not transformed:
-            self._acquisitions.put(
-                numbers, places.x[rows], array, offsets, coil_axis=3, shift=0, add=add
-            )
+            self._acquisitions.put(numbers, places.x[rows], array, offsets, coil_axis=3, shift=0, add=add)
             return
         # The centres are moved to the first samples, and back, on the way.
         whole = np.zeros((n, array.shape[3], len(rows)), np.complex64, order="F")
@@ -159,10 +157,7 @@ def _by_image(places):
     images, which = np.unique(at, axis=0, return_inverse=True)
     order = np.argsort(which.ravel(), kind="stable")
     ends = np.cumsum(np.bincount(which.ravel()))
-    return {
-        tuple(image): np.sort(rows[part])
-        for image, part in zip(images.tolist(), np.split(order, ends[:-1]))
-    }
+    return {tuple(image): np.sort(rows[part]) for image, part in zip(images.tolist(), np.split(order, ends[:-1]))}
 
 
 # ---- Forecast ------------------------------------------------------------------------------------

@@ -238,8 +238,7 @@ def _partial(plan):
     pattern = plan.patterns[0]
     steps = [1, *(lattice.step for lattice in pattern.lattices)]
     shares = [
-        (lines[1] - lines[0] + step) / n if lines else 1.0
-        for lines, step, n in zip(pattern.partial, steps, plan.shape)
+        (lines[1] - lines[0] + step) / n if lines else 1.0 for lines, step, n in zip(pattern.partial, steps, plan.shape)
     ]
     names = [name for name, share in zip(("FREQUENCY", "PHASE", "SLICE_SELECT"), shares) if share < 1]
     return {

@@ -184,9 +184,7 @@ def _command(commands, name, run, text):
 
 
 def _add_recon(commands):
-    command = _command(
-        commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD and others)"
-    )
+    command = _command(commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD and others)")
     command.add_argument("raw", metavar="RAW", help="or -, for a stream from stdin")
     command.add_argument(
         "-o",
@@ -195,12 +193,8 @@ def _add_recon(commands):
         type=Path,
         help="NIfTI file; IMAGE.json beside it says what was done",
     )
-    command.add_argument(
-        "--dicom", action="store_true", help="write DICOM files; the output is a folder"
-    )
-    command.add_argument(
-        "--preview", metavar="IMAGE.png", type=_png_name, help="also write a picture of the slices"
-    )
+    command.add_argument("--dicom", action="store_true", help="write DICOM files; the output is a folder")
+    command.add_argument("--preview", metavar="IMAGE.png", type=_png_name, help="also write a picture of the slices")
     command.add_argument(
         "--save-maps",
         metavar="FILE",
@@ -227,9 +221,7 @@ def _add_recon(commands):
         type=options.positive,
         help="also write N volumes of noise for denoisers, IMAGE_noise.nii.gz; needs a noise scan",
     )
-    command.add_argument(
-        "--dry-run", action="store_true", help="print what would be done, and do nothing"
-    )
+    command.add_argument("--dry-run", action="store_true", help="print what would be done, and do nothing")
     command.add_argument(
         "--strict", action="store_true", help="if there is a warning, end with code 1 and write nothing"
     )
@@ -317,15 +309,15 @@ def _add_resources(command):
         metavar=("AXIS", "N"),
         help="leave out a bad slice, echo or repetition, counted as for --range; can be repeated",
     )
-    resources.add_argument(
-        "--scratch", metavar="FOLDER", help="keep k-space in a file in this folder, not in memory"
-    )
+    resources.add_argument("--scratch", metavar="FOLDER", help="keep k-space in a file in this folder, not in memory")
     resources.add_argument("--workers", type=options.positive, metavar="N", help="processes on this machine")
     resources.add_argument("--scheduler", metavar="ADDRESS", help="address of a Dask scheduler")
 
 
 def _add_threads(command):
-    command.add_argument("--threads", type=options.positive, metavar="N", help="threads of the kernels (all processors)")
+    command.add_argument(
+        "--threads", type=options.positive, metavar="N", help="threads of the kernels (all processors)"
+    )
 
 
 def _add_output(command, name, kind, text):
@@ -333,15 +325,11 @@ def _add_output(command, name, kind, text):
 
 
 def _add_group(command):
-    command.add_argument(
-        "--group", default="dataset", help="group of the HDF5 file (default: dataset)"
-    )
+    command.add_argument("--group", default="dataset", help="group of the HDF5 file (default: dataset)")
 
 
 def _add_info(commands):
-    command = _command(
-        commands, "info", info, "print what is in a raw data file and what would be done with it"
-    )
+    command = _command(commands, "info", info, "print what is in a raw data file and what would be done with it")
     command.add_argument("raw", metavar="RAW", help="raw data file of any format")
     command.add_argument(
         "--plot",
@@ -394,15 +382,11 @@ def _phantom_kinds():
 
 
 def _add_warp(commands):
-    command = _command(
-        commands, "warp", warp, "write the displacement field of non-linear gradients"
-    )
+    command = _command(commands, "warp", warp, "write the displacement field of non-linear gradients")
     command.add_argument("coefficients", metavar="COEFFICIENTS", help="file of the gradients' coefficients")
     _add_output(command, "WARP.nii.gz", _nifti_name, "the field, in mm")
     command.add_argument("--like", metavar="IMAGE.nii.gz", help="image for which the field is written")
-    command.add_argument(
-        "--extent", type=options.size, metavar="MM", help="side of a cube around the isocentre (500)"
-    )
+    command.add_argument("--extent", type=options.size, metavar="MM", help="side of a cube around the isocentre (500)")
     command.add_argument("--spacing", type=options.size, metavar="MM", help="distance of its voxels (5)")
     command.add_argument(
         "--type",
@@ -433,9 +417,7 @@ def _add_warp(commands):
 
 
 def _add_unwarp(commands):
-    command = _command(
-        commands, "unwarp", unwarp, "correct an image for non-linear gradients"
-    )
+    command = _command(commands, "unwarp", unwarp, "correct an image for non-linear gradients")
     command.add_argument("image", metavar="IMAGE.nii.gz", help="image of any program")
     command.add_argument("--coefficients", required=True, metavar="FILE", help="of the gradients")
     _add_output(command, "OUT.nii.gz", _nifti_name, "the corrected image")
@@ -445,9 +427,7 @@ def _add_unwarp(commands):
         default="auto",
         help="what to correct; auto (the default) reads the sidecar",
     )
-    command.add_argument(
-        "--no-intensity", action="store_true", help="do not multiply by the Jacobian"
-    )
+    command.add_argument("--no-intensity", action="store_true", help="do not multiply by the Jacobian")
     command.add_argument(
         "--interpolation",
         choices=("cubic", "sinc", "linear"),
@@ -503,13 +483,11 @@ def _add_send(commands):
         type=_nifti_name,
         help="NIfTI file for the received images",
     )
+    command.add_argument("--realtime", action="store_true", help="send lines at the times of their measurement")
     command.add_argument(
-        "--realtime", action="store_true", help="send lines at the times of their measurement"
+        "--config", default="ctessel", metavar="NAME", help="configuration of the server (default: ctessel)"
     )
-    command.add_argument("--config", default="ctessel", metavar="NAME", help="configuration of the server (default: ctessel)")
-    command.add_argument(
-        "--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}'
-    )
+    command.add_argument("--parameters", metavar="JSON", help='options of the steps, such as {"ringing": 0.3}')
     command.add_argument(
         "--timeout", type=options.seconds, default=300.0, metavar="SECONDS", help="longest silence (default: 300)"
     )
@@ -532,9 +510,7 @@ def _axes(text):
 
 def _html_name(text):
     if not text.endswith(".html"):
-        raise argparse.ArgumentTypeError(
-            f"{text}: expected the name of a page, ending in .html"
-        )
+        raise argparse.ArgumentTypeError(f"{text}: expected the name of a page, ending in .html")
     return Path(text)
 
 
@@ -562,9 +538,7 @@ def _maps_name(text):
 
 def _png_name(text):
     if not text.endswith(".png"):
-        raise argparse.ArgumentTypeError(
-            f"{text}: expected the name of a PNG file, ending in .png"
-        )
+        raise argparse.ArgumentTypeError(f"{text}: expected the name of a PNG file, ending in .png")
     return Path(text)
 
 
@@ -729,9 +703,7 @@ def phantom(arguments):
         _say(_phantom_kinds() if sys.stdout.isatty() else "\n".join(phantoms.KINDS))
         return
     if arguments.kind not in (*phantoms.KINDS, "turns"):
-        raise UsageError(
-            f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}"
-        )
+        raise UsageError(f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}")
     if arguments.output is None:
         raise UsageError("the following arguments are required: -o/--output")
     names = (
@@ -745,9 +717,7 @@ def phantom(arguments):
         "noise",
         "seed",
     )
-    changes = {
-        name: getattr(arguments, name) for name in names if getattr(arguments, name) is not None
-    }
+    changes = {name: getattr(arguments, name) for name in names if getattr(arguments, name) is not None}
     with _progress("writing", "acquisitions") as progress:
         phantoms.write(arguments.output, arguments.kind, progress=progress, **changes)
 
@@ -759,18 +729,14 @@ def warp(arguments):
 
     if arguments.like and (arguments.extent or arguments.spacing):
         raise UsageError("argument --like: not allowed with --extent and --spacing")
-    coefficients = read_coefficients(
-        arguments.coefficients, radius=arguments.radius, axes=arguments.axes
-    )
+    coefficients = read_coefficients(arguments.coefficients, radius=arguments.radius, axes=arguments.axes)
     if arguments.like:
         image = warps.load(arguments.like)
         grid, position = image.grid, warps.patient_position(image, arguments.position)
     else:
         grid = warps.scanner_grid(arguments.extent or 500, arguments.spacing or 5)
         position = arguments.position or "HFS"
-    correction = warps.Correction(
-        coefficients, position, arguments.dims, arguments.direction == "distort"
-    )
+    correction = warps.Correction(coefficients, position, arguments.dims, arguments.direction == "distort")
     warnings = warps.save_warp(
         arguments.output,
         grid,
@@ -789,9 +755,7 @@ def unwarp(arguments):
     from . import warp as warps
     from .gradients import read_coefficients
 
-    coefficients = read_coefficients(
-        arguments.coefficients, radius=arguments.radius, axes=arguments.axes
-    )
+    coefficients = read_coefficients(arguments.coefficients, radius=arguments.radius, axes=arguments.axes)
     with _progress("correcting", "steps") as progress:
         warnings = warps.unwarp_file(
             arguments.image,

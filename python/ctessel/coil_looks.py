@@ -59,8 +59,6 @@ def _first_images(headers):
 
 def _together(headers, numbers, lines):
     """Lines without the samples that are marked for discarding."""
-    kept = [
-        line[headers["discard_pre"][i] : len(line) - headers["discard_post"][i]] for i, line in zip(numbers, lines)
-    ]
+    kept = [line[headers["discard_pre"][i] : len(line) - headers["discard_post"][i]] for i, line in zip(numbers, lines)]
     least = min(map(len, kept))
     return np.stack([line[:least] for line in kept])

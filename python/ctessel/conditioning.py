@@ -88,9 +88,7 @@ def _together(lattices):
             yield slice(None), y[:, None, :, None], z[:, None, :]
         return
     first = np.indices([lattice.folded for lattice in lattices])[..., None, None]
-    y, z = (
-        (at + offset[:, None]) % lattice.full for at, offset, lattice in zip(first, offsets.T, lattices)
-    )
+    y, z = ((at + offset[:, None]) % lattice.full for at, offset, lattice in zip(first, offsets.T, lattices))
     yield slice(None), y, z
 
 

@@ -201,9 +201,7 @@ def _beyond(layout, sampling):
 
 def _line_words(layout, at, found):
     extents = layout.shape[1:3]
-    place = " ".join(
-        f"k{axis} {i - n // 2}" for axis, i, n in zip("yz", at, extents) if n > 1
-    )
+    place = " ".join(f"k{axis} {i - n // 2}" for axis, i, n in zip("yz", at, extents) if n > 1)
     if all(everywhere for everywhere, _ in found):
         return place
     images = np.concatenate([images for _, images in found])

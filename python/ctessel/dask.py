@@ -56,9 +56,7 @@ def zero_pad(data, shape, **keywords):
 
 def ringing_filter(data, strength, width=None, **keywords):
     """`ctessel.ringing_filter`, independent from the fourth axis on."""
-    return _along(
-        ctessel.ringing_filter, data, range(3), strength=strength, width=width, **keywords
-    )
+    return _along(ctessel.ringing_filter, data, range(3), strength=strength, width=width, **keywords)
 
 
 def sos(data, axis=3, **keywords):
@@ -70,9 +68,7 @@ def sos(data, axis=3, **keywords):
 def pcsos(data, axis=3, **keywords):
     """`ctessel.pcsos`, independent over all axes but the coils' and the tenth."""
     axis %= data.ndim
-    return _along(
-        ctessel.pcsos, data, (axis, 9), drop=axis, dtype=np.complex64, axis=axis, **keywords
-    )
+    return _along(ctessel.pcsos, data, (axis, 9), drop=axis, dtype=np.complex64, axis=axis, **keywords)
 
 
 def homodyne_recon(kspace, ranges, **keywords):
@@ -115,9 +111,7 @@ def _stacked_correction(x, y, z, tables, keywords):
     return np.stack(ctessel.geometry_correction(x, y, z, *tables, **keywords))
 
 
-def sense_recon(
-    folded, sens, *, psi=None, full_size=None, ref=None, reg=None, scale=1.0, threads=None
-):
+def sense_recon(folded, sens, *, psi=None, full_size=None, ref=None, reg=None, scale=1.0, threads=None):
     """`ctessel.sense_recon`, independent from the fifth axis on; locations keep their own maps.
 
     The weight of regularised SENSE is that of the whole data: each chunk gets a `scale` that corrects
@@ -244,9 +238,7 @@ def connect(workers=None, scheduler=None, memory=None, shared=None, patience=10)
                     local_directory=stack.enter_context(_folder(tempfile.gettempdir())),
                 )
             )
-            shared = shared or (
-                "/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir()
-            )
+            shared = shared or ("/dev/shm" if os.access("/dev/shm", os.W_OK) else tempfile.gettempdir())
         try:
             client = stack.enter_context(Client(address, timeout=patience))
         except (OSError, TimeoutError):

@@ -126,7 +126,8 @@ def _pair(path, given):
     if odd:
         raise DefectError(
             f"its axis {odd[0]} has an extent of {dims[odd[0]]}, but is not one of k-space, coils, echoes, times, "
-            "slices and averages", "take one of them with bart slice",
+            "slices and averages",
+            "take one of them with bart slice",
         )
     order = [axis for axis, name in enumerate(BART_AXES) if name]
     data = read_pair(base, [dims[axis] for axis in order], dims)
@@ -170,7 +171,8 @@ def read_pair(base, shape, dims):
     if size != expected:
         raise DefectError(
             f"{'is cut short' if size < expected else 'is too long'}: it has {size} bytes, the "
-            f"{times_text(_trimmed(dims))} samples of its .hdr {expected}", "copy both again",
+            f"{times_text(_trimmed(dims))} samples of its .hdr {expected}",
+            "copy both again",
         )
     return np.memmap(base + ".cfl", "<c8", "r", shape=tuple(shape), order="F")
 
@@ -290,7 +292,8 @@ def check_stored(kspace):
     if nbytes > PACKED * held:
         raise DefectError(
             f"its k-space, {times_text(kspace.shape)}, has {runtime.text(nbytes)}, but the file holds "
-            f"{runtime.text(held)}", "copy it again",
+            f"{runtime.text(held)}",
+            "copy it again",
         )
     if not _sound(kspace.id.get_type()):
         raise DefectError(f"its samples are {kspace.dtype}; expected real or complex numbers", "store it again")

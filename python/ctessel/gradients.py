@@ -220,9 +220,7 @@ def _is_symmetric(t):
 def check_axes(axes):
     """ValueError unless they are three letters, one of each pair, in this order."""
     if not re.fullmatch("[LR][PA][SI]", axes):
-        raise ValueError(
-            f"axes: expected three letters, L or R, P or A, S or I, such as LPS; got {axes!r}"
-        )
+        raise ValueError(f"axes: expected three letters, L or R, P or A, S or I, such as LPS; got {axes!r}")
     return axes
 
 

@@ -48,9 +48,7 @@ class Job:
                         self.plan, source, self.arguments.maps_out, result.image, progress=progress
                     )
             if self.arguments.report:
-                self._noise = inspection.noise_maps(
-                    self.plan, source, result.image, self.noise_maps
-                )
+                self._noise = inspection.noise_maps(self.plan, source, result.image, self.noise_maps)
         return result
 
     def _room(self, shape):
@@ -120,9 +118,7 @@ class Job:
                         self._write(staged, result, image, volumes)
                 for folder in self._dicom():
                     which = bids.Image(folder, part)
-                    dicom.write(
-                        staged, folder, which, volumes, self.plan, self._header, self.affine, *notes
-                    )
+                    dicom.write(staged, folder, which, volumes, self.plan, self._header, self.affine, *notes)
             for image in self.noise_files:
                 self._write_noise(staged, result, image)
             if self.arguments.save_maps:
@@ -399,9 +395,7 @@ def _check_memory(job):
     shape = (job.found.width, *job.found.scan.shape[1:])
     scratch = job.arguments.scratch and not job.by_part()
     on_disk = 8 * int(np.prod(shape, dtype=float)) if scratch else 0
-    runtime.check(
-        job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.memory_advice(job.found)
-    )
+    runtime.check(job.needed - on_disk, f"{job.found.path}: the reconstruction", raw.memory_advice(job.found))
 
 
 def information(path, group, plot=None, **given):

@@ -46,7 +46,8 @@ def read(path, shape, slices=None):
             maps = maps[..., list(slices)]
         if maps.shape[3:] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
             raise DefectError(
-                f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices", "use maps of this scan"
+                f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices",
+                "use maps of this scan",
             )
         maps = stored.plain(maps).astype(np.complex64)
         if not np.isfinite(maps).all():

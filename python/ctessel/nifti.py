@@ -46,9 +46,7 @@ def affine(header, shape, field):
     """
     nx, ny, nz, slices = shape[:4]
     if nz > 1 and slices > 1:
-        raise ValueError(
-            "several slabs do not fit into one file; reconstruct them one at a time, --range slice 0 0"
-        )
+        raise ValueError("several slabs do not fit into one file; reconstruct them one at a time, --range slice 0 0")
     size = np.array(field, float) / (nx, ny, nz)
     if len(header.placements) != slices:
         matrix = np.diag([*size, 1.0])
@@ -85,15 +83,12 @@ def _step(places):
     step = (positions[-1] - positions[0]) / (len(places) - 1)
     off = positions - (positions[0] + np.arange(len(places))[:, None] * step)
     angle = max(
-        np.abs(getattr(p, name) - getattr(places[0], name)).max()
-        for p in places
-        for name in ("read", "phase", "slice")
+        np.abs(getattr(p, name) - getattr(places[0], name)).max() for p in places for name in ("read", "phase", "slice")
     )
     if angle > 1e-3 or np.abs(off).max() >= 0.02 * np.linalg.norm(step):
         what = "not parallel" if angle > 1e-3 else "unevenly spaced"
         raise ValueError(
-            f"slices are {what} and do not fit into one file; reconstruct them one at a time, "
-            "--range slice 0 0"
+            f"slices are {what} and do not fit into one file; reconstruct them one at a time, " "--range slice 0 0"
         )
     return step
 
@@ -261,9 +256,7 @@ class _Part:
             part = sidecar["Range"]
             self.axis, self.first, self.last = part["Axis"], int(part["First"]), int(part["Last"])
         except (KeyError, TypeError, ValueError):
-            raise ValueError(
-                f"{path}: is not a part; only images made with --range can be merged"
-            ) from None
+            raise ValueError(f"{path}: is not a part; only images made with --range can be merged") from None
 
     def listed(self, name):
         """An entry of the sidecar that is a list, or an empty one."""
@@ -275,9 +268,7 @@ def _part(nibabel, path):
     try:
         return _Part(path, nibabel.load(path), json.loads(sidecar_path(path).read_text()))
     except FileNotFoundError as error:
-        raise ValueError(
-            f"{error.filename or path}: is missing; a part consists of an image and its .json"
-        ) from None
+        raise ValueError(f"{error.filename or path}: is missing; a part consists of an image and its .json") from None
     except (nibabel.filebasedimages.ImageFileError, json.JSONDecodeError) as error:
         raise ValueError(f"{path}: cannot be read ({error}); reconstruct this part again") from None
 
@@ -302,9 +293,7 @@ def _check_parts(parts, gaps):
 
 def _gap(part, due, gaps):
     if part.first < due:
-        raise ValueError(
-            f"{part.path}: starts at {part.axis} {part.first}, but {due} is next; give every part once"
-        )
+        raise ValueError(f"{part.path}: starts at {part.axis} {part.first}, but {due} is next; give every part once")
     if part.first > due and not (gaps and part.axis != "slice"):
         lacking = f"{due}" if part.first == due + 1 else f"{due} to {part.first - 1}"
         advice = "an image needs all slices" if part.axis == "slice" else "or leave them out with --gaps"
@@ -320,9 +309,7 @@ def _check_place(part, first):
     if part.axis == "slice":
         moved[:, 3] -= first.image.affine[:3, 2] * (part.first - first.first)
     if part.image.header["sform_code"] and np.abs(moved).max() > 0.02:
-        raise ValueError(
-            f"{part.path}: does not start where {first.path} ends; is it part of another scan?"
-        )
+        raise ValueError(f"{part.path}: does not start where {first.path} ends; is it part of another scan?")
 
 
 def _with_axes(data, count):

@@ -46,18 +46,14 @@ def check(plan, names):
     """Raise an error for maps that a plan cannot have; the message says how to fix it."""
     names = check_names(names)
     if plan.covariance is None and {"sd", "snr"} & set(names):
-        raise ValueError(
-            "maps of sd and snr need a noise scan in the raw data; leave them out of --maps-out"
-        )
+        raise ValueError("maps of sd and snr need a noise scan in the raw data; leave them out of --maps-out")
     if {"residual", "condition", "g"} & set(names) and not all(p.weighted for p in plan.patterns):
         raise ValueError(
             "maps of g, condition and residual need sensitivities: undersampled lines, or a noise scan of "
             "several coils"
         )
     if plan.options.coefficients is not None:
-        raise ValueError(
-            "maps of noise describe the image before the geometry correction; leave out --geometry"
-        )
+        raise ValueError("maps of noise describe the image before the geometry correction; leave out --geometry")
 
 
 def maps(plan, source, names, image=None, *, replicas=REPLICAS, seed=0, progress=None):

@@ -88,9 +88,7 @@ def add_steps(command):
         metavar="SCALE",
         help="regularise SENSE; 0 (the default) does not, 1 trusts the intensity of the calibration image",
     )
-    steps.add_argument(
-        "--geometry", metavar="FILE", help="correct the geometry with gradient coefficients"
-    )
+    steps.add_argument("--geometry", metavar="FILE", help="correct the geometry with gradient coefficients")
     add_coefficients(steps, "that of the file")
     add_dims(steps)
     steps.add_argument(

@@ -35,8 +35,7 @@ def clipped(shape, ranges):
 def _box(shape, ranges):
     """Measured lines as slices of the three axes."""
     return tuple(
-        slice(n // 2 + lines[0], n // 2 + lines[1] + 1) if lines else slice(None)
-        for n, lines in zip(shape, ranges)
+        slice(n // 2 + lines[0], n // 2 + lines[1] + 1) if lines else slice(None) for n, lines in zip(shape, ranges)
     )
 
 

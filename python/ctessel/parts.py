@@ -77,9 +77,7 @@ def merge(results, gaps=False):
         missing += between
         following = result.selection[2] + 1
     image = np.concatenate([result.image for result in results], AXES.index(axis) - 1)
-    merged = replace(
-        results[0], image=image, selection=(axis, results[0].selection[1], following - 1)
-    )
+    merged = replace(results[0], image=image, selection=(axis, results[0].selection[1], following - 1))
     if missing:
         merged.parameters = merged.parameters | {"skipped": [(axis, number) for number in missing]}
     odd = [entry for result in results for entry in result.parameters.get("inconsistent", [])]

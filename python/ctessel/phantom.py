@@ -72,9 +72,7 @@ KINDS = {
     "echoes": Phantom(echoes=3),
     "averages": Phantom(averages=4, noise=0.05),
     "3d": Phantom(partitions=16, size=64, partial=(1.0, 1.0, 0.75)),
-    "3d-undersampled": Phantom(
-        partitions=24, size=64, reduction=(2, 2), calibration="embedded", calibration_lines=16
-    ),
+    "3d-undersampled": Phantom(partitions=24, size=64, reduction=(2, 2), calibration="embedded", calibration_lines=16),
     "3d-caipi": Phantom(
         partitions=24, size=64, reduction=(2, 2), shift=1, calibration="embedded", calibration_lines=16
     ),
@@ -119,9 +117,7 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
                     progress(done, len(lines))
             writer.close()
         except RuntimeError as error:
-            raise raw.RawError(
-                f"{path}: cannot be written ({error}); check folder and free space"
-            ) from None
+            raise raw.RawError(f"{path}: cannot be written ({error}); check folder and free space") from None
         files.commit()
     return image
 
@@ -144,9 +140,7 @@ def _check(phantom):
         raise ValueError(f"noise: expected a standard deviation of at least 0, got {phantom.noise}")
     samples = phantom.size * phantom.oversampling
     if max(samples, phantom.coils) > 65535:
-        raise ValueError(
-            f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}"
-        )
+        raise ValueError(f"size: the format has up to 65535 samples and coils, got {samples} and {phantom.coils}")
     volume = 8 * samples * phantom.size * phantom.partitions * phantom.coils
     advice = "choose a smaller size, fewer coils or fewer slices"
     runtime.check((phantom.slices + 3) * volume, "the phantom", advice)
@@ -182,9 +176,7 @@ def _object(shape, index, slices):
     body = 1.0 * ((x / 0.75) ** 2 + (y / 0.85) ** 2 < r)
     body -= 0.5 * ((x - 0.2) ** 2 + (y + 0.25) ** 2 < 0.05 * r)
     body += 0.4 * (((x + 0.25) / 0.5) ** 2 + (y - 0.3) ** 2 < 0.06 * r)
-    bars = (
-        (np.abs(x + 0.3) < 0.2) & (np.abs(y + 0.3) < 0.25) & (np.floor(y * shape[1] / 4) % 2 == 0)
-    )
+    bars = (np.abs(x + 0.3) < 0.2) & (np.abs(y + 0.3) < 0.25) & (np.floor(y * shape[1] / 4) % 2 == 0)
     return (body + 0.3 * bars * (body > 0)) * np.exp(1j * (0.5 + 0.8 * x + 0.6 * y * y))
 
 
@@ -196,9 +188,7 @@ def _coil_maps(shape, coils):
         angle = 2 * np.pi * c / coils
         height = 0.8 * (-1) ** c if shape[2] > 1 else 0.0
         away = (x - 1.2 * np.cos(angle)) ** 2 + (y - 1.2 * np.sin(angle)) ** 2 + (z - height) ** 2
-        maps.append(
-            np.exp(-away / 1.5 + 1j * (angle + 0.7 * x * np.sin(angle) - 0.7 * y * np.cos(angle)))
-        )
+        maps.append(np.exp(-away / 1.5 + 1j * (angle + 0.7 * x * np.sin(angle) - 0.7 * y * np.cos(angle))))
     maps = np.stack(maps, -1)
     return maps / np.sqrt((np.abs(maps) ** 2).sum(-1, keepdims=True))
 
@@ -234,11 +224,7 @@ def _measurements(phantom):
     ny, nz = phantom.size, phantom.partitions
     if phantom.noise_scan:
         yield "noise", 0, 0, 0, 0, 0, 0
-    block = [
-        (y, z)
-        for z in _block(nz, phantom.calibration_lines)
-        for y in _block(ny, phantom.calibration_lines)
-    ]
+    block = [(y, z) for z in _block(nz, phantom.calibration_lines) for y in _block(ny, phantom.calibration_lines)]
     order = [
         *range(0, phantom.slices, 2),
         *range(1, phantom.slices, 2),
@@ -254,9 +240,7 @@ def _measurements(phantom):
         for average in range(phantom.averages):
             for s in order:
                 for (y, z), flag in sorted(lines.items()):
-                    yield from (
-                        (flag, y, z, average, s, e, repetition) for e in range(phantom.echoes)
-                    )
+                    yield from ((flag, y, z, average, s, e, repetition) for e in range(phantom.echoes))
 
 
 _FLAGS = {

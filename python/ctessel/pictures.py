@@ -23,9 +23,7 @@ class Places:
         self._size = plan.matrix
         places, shape = list(plan.placements), (*plan.matrix, plan.shape[4])
         try:
-            matrix, self.known = nifti.affine(
-                replace(header, placements=places), shape, header.recon_fov
-            )
+            matrix, self.known = nifti.affine(replace(header, placements=places), shape, header.recon_fov)
             self._matrices, self._steps = [_TO_LPS @ matrix] * plan.shape[4], True
         except ValueError:  # slices that do not fit into one file; each has its own position
             alone = [replace(header, placements=[place], spacing=0.0) for place in places]

@@ -298,9 +298,7 @@ class Plan:
         """As `_block`, for a volume that is assembled from its slabs."""
         volume = size * max(prod(self.pixels), prod(pattern.full))
         finished = self.completes_slabs(pattern)
-        calibration = 8 * self.shape[3] * self.readout * prod(
-            self.calibration.lines if pattern.weighted else (0,)
-        )
+        calibration = 8 * self.shape[3] * self.readout * prod(self.calibration.lines if pattern.weighted else (0,))
         sent = self.slab * size // 8 + calibration
         matrix = 80 * (PLANE_KERNEL**2 * self.shape[3]) ** 2 if pattern.unfolds else 0
         return sent, matrix + (7 if pattern.unfolds else 5) * sent + (1.5 if finished else 5) * volume
@@ -456,8 +454,7 @@ def _check(layout, options, grid):
     options.coefficients.signs(options.position or layout.header.patient_position or "HFS")
     if len(layout.header.placements) < layout.shape[4]:
         raise ValueError(
-            "coefficients: the positions of the slices are unknown; reconstruct without "
-            "geometry correction"
+            "coefficients: the positions of the slices are unknown; reconstruct without " "geometry correction"
         )
 
 
@@ -504,9 +501,7 @@ def _check_units(options, covariance):
     if options.units == "raw":
         return
     if covariance is None:
-        raise ValueError(
-            "units: standard deviations of the noise need a noise scan; reconstruct in raw units"
-        )
+        raise ValueError("units: standard deviations of the noise need a noise scan; reconstruct in raw units")
     if options.coefficients is not None:
         raise ValueError(
             "units: the standard deviation of the noise is known only before the geometry correction; "

@@ -256,10 +256,7 @@ def _recentred(reader, encodings, found):
         if away == 0:
             continue
         true = replace(limit, center=limit.center + away)
-        encodings = [
-            replace(e, limits={**e.limits, name: true}) if e.limits[name] == limit else e
-            for e in encodings
-        ]
+        encodings = [replace(e, limits={**e.limits, name: true}) if e.limits[name] == limit else e for e in encodings]
         notes.append(
             f"k = 0 along {name} is line {true.center} by the energy of k-space, but line "
             f"{limit.center} by the header; line {true.center} is used"
@@ -572,9 +569,7 @@ def _calibration_text(found):
     if found.separate:
         lines = int(found.separate.times.any((2, 3, 4)).sum())
         return f"separate, {lines} lines"
-    return (
-        f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
-    )
+    return f"{int(found.flagged.sum())} lines of the scan" if found.flagged.any() else "none flagged"
 
 
 def _position_text(header):

@@ -176,9 +176,7 @@ def check(needed, what, advice):
     """Raise an error if `what` needs more bytes than there are."""
     rest = available()
     if needed > rest:
-        raise DoesNotFitError(
-            f"{what} needs {text(needed)} of memory, {text(rest)} are free; {advice}"
-        )
+        raise DoesNotFitError(f"{what} needs {text(needed)} of memory, {text(rest)} are free; {advice}")
 
 
 def text(count):
@@ -200,9 +198,7 @@ def _free():
 def _group_rests(root=Path("/sys/fs/cgroup")):
     """Remaining bytes of the process's control groups (version 2), which batch systems limit."""
     try:
-        name = next(
-            n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::")
-        )
+        name = next(n for n in Path("/proc/self/cgroup").read_text().splitlines() if n.startswith("0::"))
     except (OSError, StopIteration):
         return
     group = root / name[3:].lstrip("/")

@@ -66,9 +66,7 @@ class Sender:
         try:
             peer = socket.create_connection(address, timeout)
         except OSError as error:
-            raise StreamError(
-                f"{address[0]}:{address[1]}: {error.strerror or error}; is the server running?"
-            ) from None
+            raise StreamError(f"{address[0]}:{address[1]}: {error.strerror or error}; is the server running?") from None
         with peer:
             connection = stream.Connection(peer, stream.TO_CLIENT, timeout)
             connection.acquisitions.allow(0, PIXELS, runtime.available() // 2)

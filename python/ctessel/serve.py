@@ -137,9 +137,7 @@ def log(text):
 def session(source, settings, name, target=None):
     """Serve one connection to its end."""
     log(f"{name}: begins")
-    connection = stream.Connection(
-        source, stream.TO_SERVER, settings.timeout, target, waveforms=bool(settings.save)
-    )
+    connection = stream.Connection(source, stream.TO_SERVER, settings.timeout, target, waveforms=bool(settings.save))
     made = Session(connection, settings, lambda text: log(f"{name}: {text}"), name)
     received = made.run()
     log(f"{name}: {made.report.text() if received else 'closed before a header was received'}")

@@ -161,9 +161,7 @@ class Session:
         if name in self._settings.configs:
             self._words = {**self._settings.words, **self._settings.configs[name]}
         elif name:
-            self._log(
-                f"no configuration is called {name[:80]!r}; the options of the command are used"
-            )
+            self._log(f"no configuration is called {name[:80]!r}; the options of the command are used")
 
     def _parameters(self, found):
         if found is None:
@@ -243,9 +241,7 @@ class Session:
             return False
         coils = noise["active_channels"][0], line["active_channels"]
         if coils[0] != coils[1]:
-            self._warn(
-                f"the noise scan has {coils[0]} coils, the scan {coils[1]}; it is left out"
-            )
+            self._warn(f"the noise scan has {coils[0]} coils, the scan {coils[1]}; it is left out")
         return coils[0] == coils[1]
 
     def keep_noise(self, numbers):
@@ -257,9 +253,7 @@ class Session:
         except (ValueError, OSError) as error:
             self._warn(f"the noise scan is not kept: {error}")
             return
-        self.connection.send(
-            stream.line("INFO", f"the noise scan {self._measurement[:80]!r} is kept")
-        )
+        self.connection.send(stream.line("INFO", f"the noise scan {self._measurement[:80]!r} is kept"))
 
     def _work(self, scan, events):
         while True:
@@ -473,9 +467,7 @@ class Scan:
         if len(stack) < len(plan.kept[0]):
             return
         order = sorted(self._stacks.pop(repetition))
-        straight = straightened(
-            plan, np.concatenate([stack[at][0]["image"][:, :, :1] for at in order], 2)
-        )
+        straight = straightened(plan, np.concatenate([stack[at][0]["image"][:, :, :1] for at in order], 2))
         for at, (one, head, now) in sorted(stack.items()):
             one["image"] = straight[:, :, at : at + 1]
             self._pictures.add(at, repetition, one, head, now)
@@ -505,9 +497,7 @@ class Scan:
         if not self._sent:
             self._open(plan, found.header, kind, bits)
         elif not self._holds(plan, source):
-            self._session.warn(
-                "later lines changed images that were sent; all are sent again"
-            )
+            self._session.warn("later lines changed images that were sent; all are sent again")
             self._sent, self._stacks = {}, {}
             self._open(plan, found.header, kind, bits)
         self._tell(plan)
@@ -522,10 +512,7 @@ class Scan:
             self._send_maps(plan, source, maps)
         report.images, report.clipped = self._pictures.count, self._pictures.clipped
         if report.clipped:
-            self._session.warn(
-                f"{report.clipped} pixels exceed the scale of the first volume "
-                "and were clipped"
-            )
+            self._session.warn(f"{report.clipped} pixels exceed the scale of the first volume " "and were clipped")
 
     def _send_maps(self, plan, source, names):
         try:
@@ -549,8 +536,7 @@ class Scan:
         """Whether the images that were sent early are those of the whole scan."""
         repetitions = {repetition for _, repetition in self._sent}
         return self._forecast.agrees(plan, repetitions) and all(
-            np.array_equal(np.sort(source.image(*image)[1]), np.sort(numbers))
-            for image, numbers in self._sent.items()
+            np.array_equal(np.sort(source.image(*image)[1]), np.sort(numbers)) for image, numbers in self._sent.items()
         )
 
 

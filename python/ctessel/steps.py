@@ -62,9 +62,7 @@ def noise_covariance(noise, bandwidth_ratio=1.0):
             f"noise: expected (sample, coil) with at least twice as many samples as "
             f"coils, got shape {samples.shape}; leave the noise scan out (--no-noise)"
         )
-    covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(
-        np.complex64
-    )
+    covariance = (bandwidth_ratio * (samples.T @ samples.conj()) / len(samples)).astype(np.complex64)
     _cholesky(covariance)
     return covariance
 

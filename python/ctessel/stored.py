@@ -67,14 +67,16 @@ class Stored:
         if len(self.data.shape) != len(self.axes):
             raise DefectError(
                 f"its k-space has {len(self.data.shape)} axes ({times_text(self.data.shape)}), "
-                f"{NAMES[self.format]} has {len(self.axes)} ({', '.join(self.axes)})", "is --format right?"
+                f"{NAMES[self.format]} has {len(self.axes)} ({', '.join(self.axes)})",
+                "is --format right?",
             )
         self.extents = {**dict.fromkeys(AXES, 1), **dict(zip(self.axes, map(int, self.data.shape)))}
         complex_numbers = self.data.dtype.kind == "c" or bool(self.data.dtype.names)
         if complex_numbers == self.pairs or self.data.dtype.kind in "iu" or (self.pairs and self.extents["coil"] % 2):
             raise DefectError(
                 f"its k-space holds {times_text(self.data.shape)} of {self.data.dtype}, {NAMES[self.format]} has "
-                f"{'pairs of real numbers' if self.pairs else 'complex numbers'}", "is --format right?"
+                f"{'pairs of real numbers' if self.pairs else 'complex numbers'}",
+                "is --format right?",
             )
         if self.pairs:
             self.extents["coil"] //= 2

@@ -242,7 +242,12 @@ def _inconsistent(made, entries):
 
 def _methods(made, run):
     sentences, works = methods.text(run.plan)
-    made.section("Methods", "<p>To copy into a paper:</p>", f'<p id="methods">{page.escaped(sentences)}</p>', page.listed(works, "ol"))
+    made.section(
+        "Methods",
+        "<p>To copy into a paper:</p>",
+        f'<p id="methods">{page.escaped(sentences)}</p>',
+        page.listed(works, "ol"),
+    )
 
 
 def _provenance(made, run, name):

@@ -36,7 +36,9 @@ def write(paths, output, command):
         made.volume(image.name, image.values, image.affine, role="map" if number else "image")
     made.viewer()
     for image in images:
-        made.section(image.name, page.figures(_figures(made, image)), page.table(image.facts()), *_warning_section(image))
+        made.section(
+            image.name, page.figures(_figures(made, image)), page.table(image.facts()), *_warning_section(image)
+        )
     made.section("Command", f"<pre>{page.escaped(command)}</pre>")
     with files.Staged() as staged:
         staged.path(output).write_text(made.text(), encoding="utf-8")
@@ -92,10 +94,14 @@ def _figures(made, image):
         return made.figure(shown, f"{image.name}, {name}", caption)
 
     nx, ny, nz = (n // 2 for n in values.shape)
-    yield picture(png.mosaic(values), (dx, dy), "planes along the third axis", "Planes along the third axis, at most 36.")
+    yield picture(
+        png.mosaic(values), (dx, dy), "planes along the third axis", "Planes along the third axis, at most 36."
+    )
     yield picture(values[:, :, nz], (dx, dy), f"plane {nz} of the third axis", f"Plane {nz} of the third axis.")
     if min(values.shape) > 1:
-        yield picture(values[:, ny, ::-1], (dx, dz), f"plane {ny} of the second axis", f"Plane {ny} of the second axis.")
+        yield picture(
+            values[:, ny, ::-1], (dx, dz), f"plane {ny} of the second axis", f"Plane {ny} of the second axis."
+        )
         yield picture(values[nx, :, ::-1], (dy, dz), f"plane {nx} of the first axis", f"Plane {nx} of the first axis.")
     yield page.histogram(values[values != 0], f"Histogram of {image.name}", "Values of the voxels that are not 0.")
 

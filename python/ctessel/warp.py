@@ -274,18 +274,14 @@ def _partial_determinant(jacobian, grid, dims):
         return np.einsum("...ab,a,b", jacobian, n, n)
     u = grid.affine[:3, 0] / np.linalg.norm(grid.affine[:3, 0])
     v = np.cross(n, u)
-    uu, uv, vu, vv = (
-        np.einsum("...ab,a,b", jacobian, p, q) for p, q in itertools.product((u, v), repeat=2)
-    )
+    uu, uv, vu, vv = (np.einsum("...ab,a,b", jacobian, p, q) for p, q in itertools.product((u, v), repeat=2))
     return uu * vv - uv * vu
 
 
 # ---- Images --------------------------------------------------------------------------------------
 
 
-def unwarp(
-    volumes, grid, correction, *, intensity=True, interpolation="cubic", threads=None, progress=None
-):
+def unwarp(volumes, grid, correction, *, intensity=True, interpolation="cubic", threads=None, progress=None):
     """Images with voxels at the true positions of their signal.
 
     Parameters
@@ -380,9 +376,7 @@ def _sampled(volume, places, interpolation, workers):
             sampled = _windowed_sinc(flat, at)
         else:
             order = ORDERS[interpolation]
-            sampled = ndimage.map_coordinates(
-                flat, at, np.float32, order, "mirror", prefilter=False
-            )
+            sampled = ndimage.map_coordinates(flat, at, np.float32, order, "mirror", prefilter=False)
         out[part] = np.where(inside, sampled, 0)
 
     workers.run(work, _pieces(volume.shape[0]))
@@ -400,9 +394,7 @@ def _windowed_sinc(data, at):
         near = [first + k for k in range(6)]
         weights = [np.sinc(place - k) * np.sinc((place - k) / 3) for k in near]
         total = sum(weights)
-        taps.append(
-            [(np.clip(k, 0, n - 1), w / total) for k, w in zip(near, weights, strict=True)]
-        )
+        taps.append([(np.clip(k, 0, n - 1), w / total) for k, w in zip(near, weights, strict=True)])
     return _weighted(data.ravel(), 0, data.shape, taps)
 
 
@@ -454,9 +446,7 @@ def load(path):
     file = opened(path)
     header, shape = file.header, file.shape
     if not (header["sform_code"] > 0 or header["qform_code"] > 0):
-        raise ValueError(
-            f"{path}: has no position in the scanner (codes of sform and qform are 0)"
-        )
+        raise ValueError(f"{path}: has no position in the scanner (codes of sform and qform are 0)")
     size = abs(np.linalg.det(file.affine[:3, :3])) if np.isfinite(file.affine).all() else 0
     if not (size > 0 and len(shape) >= 3 and min(shape) > 0):
         raise ValueError(f"{path}: has voxels without a volume; its affine or extents are unusable")
@@ -506,9 +496,7 @@ def patient_position(image, position=None):
     position = position or image.sidecar.get("PatientPosition")
     if position is None:
         beside = nifti.sidecar_path(image.path).name
-        raise ValueError(
-            f"{image.path}: {beside} has no PatientPosition; state it with --position, for example HFS"
-        )
+        raise ValueError(f"{image.path}: {beside} has no PatientPosition; state it with --position, for example HFS")
     return position
 
 
@@ -638,9 +626,7 @@ def _write(output, data, image, entries):
         staged.commit()
 
 
-def save_warp(
-    output, grid, correction, *, kind="itk", jacobian=None, grad_dev=None, source="", threads=None
-):
+def save_warp(output, grid, correction, *, kind="itk", jacobian=None, grad_dev=None, source="", threads=None):
     """Write a displacement field for tools that apply warps.
 
     Parameters
@@ -698,9 +684,7 @@ def save_warp(
 def _warp_values(grid, correction, kind, wanted, threads):
     """Values of the files, slab by slab."""
     sizes = {"displacement": (3,), "determinant": (), "jacobian": (9,)}
-    values = {
-        name: np.empty((*grid.shape, *sizes[name]), np.float32, order="F") for name in wanted
-    }
+    values = {name: np.empty((*grid.shape, *sizes[name]), np.float32, order="F") for name in wanted}
     for first, last in grid.slabs():
         slab = grid.slab(first, last)
         found = dict(zip(wanted, correction.evaluate(slab, wanted, threads), strict=True))

@@ -99,9 +99,7 @@ class Workers(contextlib.AbstractContextManager):
     def _replace(self, deaths):
         self._kill()
         if deaths == PATIENCE:
-            raise MemoryError(
-                "workers ended again and again, perhaps for lack of memory; start fewer"
-            )
+            raise MemoryError("workers ended again and again, perhaps for lack of memory; start fewer")
         self._start()
 
 

@@ -109,11 +109,19 @@ def main(folder):
     truth = phantom()
     zero_filled, result = homodyne_reconstruction(truth)
     error = np.abs(np.abs(result[..., 0]) - np.abs(truth))
-    show(folder / "homodyne.png", [("zero-filled", np.abs(zero_filled[..., 0]), None),
-                                   ("homodyne", np.abs(result[..., 0]), None), ("error", error, 0.1)])
+    show(
+        folder / "homodyne.png",
+        [
+            ("zero-filled", np.abs(zero_filled[..., 0]), None),
+            ("homodyne", np.abs(result[..., 0]), None),
+            ("error", error, 0.1),
+        ],
+    )
     image, noise = sense_with_noise(truth)
-    show(folder / "sense.png", [("SENSE, R = 2", np.abs(image[..., 0]), None),
-                                ("noise map", noise[..., 0], float(np.percentile(noise, 99)))])
+    show(
+        folder / "sense.png",
+        [("SENSE, R = 2", np.abs(image[..., 0]), None), ("noise map", noise[..., 0], float(np.percentile(noise, 99)))],
+    )
     show_grids(folder / "geometry.png", *corrected_grid())
     return truth, zero_filled[..., 0], result[..., 0], image[..., 0]
 

@@ -27,9 +27,7 @@ def layouts(a):
 
 def same_bits(a, b):
     assert a.dtype == b.dtype and a.shape == b.shape
-    np.testing.assert_array_equal(
-        np.ascontiguousarray(a).view(np.uint32), np.ascontiguousarray(b).view(np.uint32)
-    )
+    np.testing.assert_array_equal(np.ascontiguousarray(a).view(np.uint32), np.ascontiguousarray(b).view(np.uint32))
 
 
 @pytest.fixture

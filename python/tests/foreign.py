@@ -64,7 +64,9 @@ def write(path, lines, text, group="dataset", kind=None):
     with h5py.File(path, "w") as file:
         kind = kind or h5py.string_dtype("ascii")
         file.create_dataset(f"{group}/xml", data=np.array([text.encode()], dtype=kind))
-        data = file.create_dataset(f"{group}/data", (len(lines),), RECORD, maxshape=(None,), chunks=(max(1, len(lines)),))
+        data = file.create_dataset(
+            f"{group}/data", (len(lines),), RECORD, maxshape=(None,), chunks=(max(1, len(lines)),)
+        )
         if lines:
             data[:] = np.array(lines, RECORD)
     return path

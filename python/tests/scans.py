@@ -39,9 +39,7 @@ def lines(count, step=1, offset=0, calibration=0, first=None, last=None):
     """Mask of measured lines of one axis; `first` and `last` count from k = 0."""
     k = np.arange(count) - count // 2
     mask = ((k - offset) % step == 0) | ((k >= -calibration // 2) & (k < calibration // 2))
-    return (
-        mask & (k >= (k[0] if first is None else first)) & (k <= (k[-1] if last is None else last))
-    )
+    return mask & (k >= (k[0] if first is None else first)) & (k <= (k[-1] if last is None else last))
 
 
 def shifted(shape, step_y, step_z, shift, offset=(0, 0), block=12):
@@ -88,9 +86,7 @@ def scan(
     kspace = kspace[..., None, None, None] * level
     sampled = np.outer(lines(shape[1]) if y is None else y, lines(shape[2]) if z is None else z)
     sampled = sampled if mask is None else mask
-    kspace = (kspace + noise * random_complex(kspace.shape, seed)) * sampled[
-        None, :, :, None, None, None, None
-    ]
+    kspace = (kspace + noise * random_complex(kspace.shape, seed)) * sampled[None, :, :, None, None, None, None]
     measured = noise * random_complex((4000, count), seed + 1) if noise else None
     kspace = np.asfortranarray(kspace, np.complex64)
     return truth, Scan.of(kspace, header(shape, oversampling, slices), sampled, noise=measured)

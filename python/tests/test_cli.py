@@ -20,9 +20,7 @@ from ctessel import cli, files, phantom, runtime
 @pytest.fixture(scope="module")
 def scan(tmp_path_factory):
     file = tmp_path_factory.mktemp("scan") / "scan.h5"
-    phantom.write(
-        file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0), pace=2.5
-    )
+    phantom.write(file, "noise", size=48, coils=4, slices=3, repetitions=4, gap=1.0, tilt=(20.0, 10.0), pace=2.5)
     return file
 
 
@@ -112,7 +110,11 @@ def test_a_bad_image_in_the_middle_is_left_out_or_merged_around(tmp_path, capsys
     np.testing.assert_array_equal(nibabel.load(tmp_path / "merged.nii").get_fdata(), others)
     merged = json.loads((tmp_path / "merged.json").read_text())
     assert merged["Skipped"] == [{"Axis": axis, "Position": 2}] and merged["EchoTime"] == times
-    for words in (["--skip", axis, 4], ["--skip", axis, 0, "--range", axis, 0, 0], ["--range", axis, 3, 4, "--skip", axis, 2]):
+    for words in (
+        ["--skip", axis, 4],
+        ["--skip", axis, 0, "--range", axis, 0, 0],
+        ["--range", axis, 3, 4, "--skip", axis, 2],
+    ):
         assert cli.main(["recon", str(broken), "-o", str(tmp_path / "no.nii"), *map(str, words)]) == cli.DEFECT
         assert capsys.readouterr().err.count("\n") == 1
     assert not (tmp_path / "no.nii").exists()
@@ -209,7 +211,11 @@ def test_names_that_are_no_text_work(scan, tmp_path):
     name = os.fsdecode(b"\xff\n.h5")
     (tmp_path / name).write_bytes(scan.read_bytes())
     command = [sys.executable, "-m", "ctessel"]
-    for words in (["info", name], ["recon", name, "-o", f"{name}.nii"], ["recon", name, "-o", f"{name}.nii", "--dry-run"]):
+    for words in (
+        ["info", name],
+        ["recon", name, "-o", f"{name}.nii"],
+        ["recon", name, "-o", f"{name}.nii", "--dry-run"],
+    ):
         run = subprocess.run([*command, *words], cwd=tmp_path, capture_output=True)
         assert (run.returncode, run.stderr) == (0, b"")
     assert json.loads((tmp_path / f"{name}.json").read_text())["Sources"] == ["\ufffd\n.h5"]

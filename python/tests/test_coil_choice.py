@@ -84,13 +84,16 @@ def run(path, output, *options):
     return nibabel.load(output).get_fdata(dtype=np.float32), json.loads(output.with_name("i.json").read_text())
 
 
-@pytest.mark.parametrize("kind, changes", [
-    ("noise", {"slices": 3}),
-    ("full", {"noise": 0.02}),
-    ("undersampled-3", {}),
-    ("3d-undersampled", {"partitions": 8, "noise": 0.02, "noise_scan": True}),
-    ("3d", {"partitions": 8}),
-])
+@pytest.mark.parametrize(
+    "kind, changes",
+    [
+        ("noise", {"slices": 3}),
+        ("full", {"noise": 0.02}),
+        ("undersampled-3", {}),
+        ("3d-undersampled", {"partitions": 8, "noise": 0.02, "noise_scan": True}),
+        ("3d", {"partitions": 8}),
+    ],
+)
 def test_the_image_is_that_of_the_other_coils(tmp_path, monkeypatch, capsys, kind, changes):
     path, output = tmp_path / "s.h5", tmp_path / "i.nii"
     scans.write_broken(monkeypatch, path, kind, 2, size=32, coils=5, **changes)
@@ -131,14 +134,17 @@ def test_maps_keep_the_numbers_of_the_coils(tmp_path, monkeypatch, capsys):
         assert "leave out coil 1: it has only zeros" in capsys.readouterr().out
 
 
-@pytest.mark.parametrize("text, words", [
-    ("", "expected numbers of coils from 0 such as 0,2-5, got ''"),
-    ("2-", "expected numbers of coils"),
-    ("3-1", "expected numbers of coils"),
-    ("-1", "expected"),
-    ("0,1,1", "expected numbers from 0, each once"),
-    ("0,9", "coils: the scan has coils 0 to 3, got 9; choose from these"),
-])
+@pytest.mark.parametrize(
+    "text, words",
+    [
+        ("", "expected numbers of coils from 0 such as 0,2-5, got ''"),
+        ("2-", "expected numbers of coils"),
+        ("3-1", "expected numbers of coils"),
+        ("-1", "expected"),
+        ("0,1,1", "expected numbers from 0, each once"),
+        ("0,9", "coils: the scan has coils 0 to 3, got 9; choose from these"),
+    ],
+)
 def test_lists_that_name_no_coils_are_refused(tmp_path, capsys, text, words):
     phantom.write(tmp_path / "s.h5", size=16, coils=4)
     try:

@@ -19,7 +19,9 @@ def convert(*words):
     return cli.main(["convert", *map(str, words)])
 
 
-@pytest.mark.parametrize("kind", ["partial", "partial-readout", "interleaved", "echoes", "slices", "3d", "undersampled-3"])
+@pytest.mark.parametrize(
+    "kind", ["partial", "partial-readout", "interleaved", "echoes", "slices", "3d", "undersampled-3"]
+)
 def test_a_scan_comes_back_from_a_pair(tmp_path, capsys, kind):
     """Samples to the bit, the same image, and the header but for the numbers of its lines."""
     phantom.write(tmp_path / "a.h5", kind, size=32, coils=4)
@@ -36,7 +38,9 @@ def test_a_scan_comes_back_from_a_pair(tmp_path, capsys, kind):
     if kind == "undersampled-3":
         assert convert(tmp_path / "pair_calibration.cfl", tmp_path / "c.h5") == 0
         given = {"calibration": tmp_path / "c.h5"}
-    images = [pipeline.reconstruct(raw.read(tmp_path / name, **more)).image for name, more in (("a.h5", {}), ("b.h5", given))]
+    images = [
+        pipeline.reconstruct(raw.read(tmp_path / name, **more)).image for name, more in (("a.h5", {}), ("b.h5", given))
+    ]
     same_bits(*images)
 
 
@@ -66,7 +70,12 @@ def test_what_is_lost_is_told(tmp_path, capsys):
     phantom.write(tmp_path / "a.h5", "noise", size=32, coils=4, averages=2)
     assert convert(tmp_path / "a.h5", tmp_path / "p") == 0
     told = capsys.readouterr().out
-    for words in ("kept: the noise scan", "lost: where slices lie", "lost: averages", "lost: which lines the file calls"):
+    for words in (
+        "kept: the noise scan",
+        "lost: where slices lie",
+        "lost: averages",
+        "lost: which lines the file calls",
+    ):
         assert words in told
     noise = raw.contents(tmp_path / "a.h5").noise_samples
     assert (tmp_path / "p_noise.hdr").read_text().split()[2:6] == [str(noise), "1", "1", "4"]
@@ -90,7 +99,9 @@ def test_bart_reads_the_pair(tmp_path):
         pytest.skip("bart is not installed")
     phantom.write(tmp_path / "a.h5", "slices", size=32, coils=4)
     convert(tmp_path / "a.h5", tmp_path / "pair")
-    shown = subprocess.run(["bart", "show", "-m", "pair"], cwd=tmp_path, capture_output=True, text=True, check=True).stdout
+    shown = subprocess.run(
+        ["bart", "show", "-m", "pair"], cwd=tmp_path, capture_output=True, text=True, check=True
+    ).stdout
     assert "64\t32\t1\t4\t1\t1\t1\t1\t1\t1\t1\t1\t1\t5\t1\t1" in shown.replace(" ", "\t")
     subprocess.run(["bart", "fft", "-iu", "7", "pair", "image"], cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
     theirs = np.fromfile(tmp_path / "image.cfl", "<c8").reshape((64, 32, 1, 4, 5), order="F")
@@ -169,7 +180,9 @@ def test_images_of_foreign_tools(tmp_path):
         subprocess.run(command.split(), cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
     assert convert(tmp_path / "raw.h5", tmp_path / "o.nii") == 0
     with h5py.File(tmp_path / "raw.h5") as file:
-        np.testing.assert_array_equal(nibabel.load(tmp_path / "o.nii").get_fdata()[..., 0], file["dataset/cpp/data"][0, 0, 0].T)
+        np.testing.assert_array_equal(
+            nibabel.load(tmp_path / "o.nii").get_fdata()[..., 0], file["dataset/cpp/data"][0, 0, 0].T
+        )
 
 
 def test_headers_of_foreign_files_are_kept_whole(tmp_path):

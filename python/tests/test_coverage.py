@@ -72,7 +72,9 @@ SHIFTED = [
 
 
 @pytest.mark.parametrize("shape, step_y, step_z, shift, offset, stated, steps, shifts", SHIFTED)
-def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(shape, step_y, step_z, shift, offset, stated, steps, shifts):
+def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(
+    shape, step_y, step_z, shift, offset, stated, steps, shifts
+):
     mask = shifted(shape, step_y, step_z, shift, offset)
     lost = np.argwhere(mask & (np.indices(shape)[0] % 17 == 5))[:2]
     y, z = np.ogrid[: shape[0], : shape[1]]
@@ -85,7 +87,9 @@ def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(shape, step_y, ste
         assert tuple(lattice.shift for lattice in lattices) == shifts
     full = [lattice.full for lattice in lattices]
     image = random_complex((2, *full, 3), 1)
-    image = pipeline.to_image(pipeline.resize(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), (2, *full)), (1, 2))
+    image = pipeline.to_image(
+        pipeline.resize(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), (2, *full)), (1, 2)
+    )
     folded = pipeline.folded_image(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), lattices)
     y, z = np.ogrid[: full[0], : full[1]]  # lattices that miss k = 0 leave a phase
     turns = [(at - n // 2) * lattice.offset / n for at, n, lattice in zip((y, z), full, lattices)]
@@ -227,7 +231,9 @@ def test_a_full_first_frame_calibrates_the_frames_after_it(tmp_path, measured):
 
 
 def test_info_and_recon_agree_on_a_line_of_a_wrong_repetition(tmp_path, capsys):
-    ready = [foreign.record(line, y, repetition=9 * (y == 3)) for y, line in enumerate(foreign.image(32, 16).swapaxes(0, 1))]
+    ready = [
+        foreign.record(line, y, repetition=9 * (y == 3)) for y, line in enumerate(foreign.image(32, 16).swapaxes(0, 1))
+    ]
     file = str(foreign.write(tmp_path / "stray.h5", ready, foreign.header(32, 16)))
     assert cli.main(["info", file]) == 0
     words = "repetition 1 has 1 line, others 15; leave it out with --range repetition 0 0"
@@ -246,8 +252,7 @@ def partial_file(path, kspace, first, centre, flagged=()):
     n = kspace.shape[1]
     kept = range(n // 2 + first, n)
     ready = [
-        foreign.record(kspace[:, y], y - kept[0], flags=CALIBRATION_AND_IMAGING * (y - n // 2 in flagged))
-        for y in kept
+        foreign.record(kspace[:, y], y - kept[0], flags=CALIBRATION_AND_IMAGING * (y - n // 2 in flagged)) for y in kept
     ]
     text = foreign.header(kspace.shape[2], n)
     text = text.replace(f"<center>{n // 2}</center>", f"<center>{centre}</center>")
@@ -264,10 +269,14 @@ def test_a_wrong_centre_is_seen_in_the_samples(tmp_path, measured, capsys, flagg
         assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii", "--no-homodyne"]) == 0
         images.append(nibabel.load(tmp_path / f"{name}.nii").get_fdata())
         told = capsys.readouterr().err.splitlines()
-        assert told == ([] if name == "right" else [
-            "ctessel: warning: k = 0 along y is line 20 by the energy of k-space, but line 42 by the header; "
-            "line 20 is used"
-        ])
+        assert told == (
+            []
+            if name == "right"
+            else [
+                "ctessel: warning: k = 0 along y is line 20 by the energy of k-space, but line 42 by the header; "
+                "line 20 is used"
+            ]
+        )
     steps = json.loads((tmp_path / "wrong.json").read_text())["Steps"]
     assert any("partial Fourier along y, lines -20 to 63" in step for step in steps)
     np.testing.assert_allclose(*images, atol=1e-4 * images[0].max())

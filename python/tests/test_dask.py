@@ -52,9 +52,7 @@ RANGES = (None, (-1, 3), None)
 )
 def test_chunks_have_the_bits_of_one_call(name, arguments, keywords):
     single = getattr(ctessel, name, None) or getattr(pipeline, name)
-    chunked = getattr(ctessel.dask, name)(
-        da.from_array(DATA, chunks=CHUNKS), *arguments, **keywords
-    )
+    chunked = getattr(ctessel.dask, name)(da.from_array(DATA, chunks=CHUNKS), *arguments, **keywords)
     assert chunked.npartitions > 1
     want = single(DATA, *arguments, **keywords)
     assert chunked.shape == want.shape and chunked.dtype == want.dtype
@@ -67,9 +65,7 @@ def test_geometry_in_chunks():
     tables = np.zeros((14, 12)), np.zeros((14, 12)), np.zeros(17)
     tables[0][1, 1] = tables[1][1, 1] = tables[2][1] = 1
     tables[0][3, 1] = 0.1
-    got = ctessel.dask.geometry_correction(
-        *(da.from_array(p, chunks=(2, 5)) for p in points), *tables, 250.0
-    )
+    got = ctessel.dask.geometry_correction(*(da.from_array(p, chunks=(2, 5)) for p in points), *tables, 250.0)
     same_bits(got.compute(), np.stack(ctessel.geometry_correction(*points, *tables, 250.0)))
 
 
@@ -78,9 +74,7 @@ def test_regularised_sense_in_chunks_weighs_as_the_whole():
     ref, reg = random_complex((6, 6, 2), 3), np.abs(random_complex((12, 12, 9, 2), 4))
     weight = {"ref": ref, "reg": reg.astype(np.float32), "scale": 2.0}
     want = ctessel.sense_recon(folded.astype(np.complex64), SENS, psi=PSI, **weight)
-    got = ctessel.dask.sense_recon(
-        da.from_array(folded.astype(np.complex64), chunks=CHUNKS), SENS, psi=PSI, **weight
-    )
+    got = ctessel.dask.sense_recon(da.from_array(folded.astype(np.complex64), chunks=CHUNKS), SENS, psi=PSI, **weight)
     np.testing.assert_allclose(got.compute(), want, rtol=1e-5, atol=1e-6 * np.abs(want).max())
     plain = ctessel.sense_recon(folded.astype(np.complex64), SENS, psi=PSI)
     assert np.abs(want - plain).max() > 0.1 * np.abs(want).max()

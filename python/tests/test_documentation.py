@@ -62,6 +62,9 @@ def test_a_users_script_passes_strict_types(tmp_path):
     path = {} if package in site.getsitepackages() else {"MYPYPATH": package}
     run = subprocess.run(
         [mypy, "--strict", "--python-executable", sys.executable, "--follow-imports=silent", str(script)],
-        capture_output=True, text=True, env={"PATH": "/usr/bin:/bin", **path}, cwd=tmp_path,
+        capture_output=True,
+        text=True,
+        env={"PATH": "/usr/bin:/bin", **path},
+        cwd=tmp_path,
     )
     assert run.returncode == 0, run.stdout + run.stderr

@@ -66,7 +66,9 @@ def test_sensitivities_go_to_files_and_come_back(tmp_path, capsys):
     assert "its maps have 46 x 48 x 1 voxels, the grid that is unfolded has 48 x 48 x 1" in capsys.readouterr().err
 
 
-@pytest.mark.parametrize("steps, more", [((2, 1, 0), {}), ((1, 2, 1), {}), ((2, 2, 1), {"regularisation": 0.5, "ringing": 0.2})])
+@pytest.mark.parametrize(
+    "steps, more", [((2, 1, 0), {}), ((1, 2, 1), {}), ((2, 2, 1), {"regularisation": 0.5, "ringing": 0.2})]
+)
 def test_volumes_take_sensitivities_of_a_file(tmp_path, monkeypatch, steps, more):
     monkeypatch.setattr(pipeline.plan.__globals__["Plan"], "slab", 8 * 4 * 24 * 24 * 3)  # three planes
     truth, volume = scan((10, 24, 24), 4, mask=shifted((24, 24), *steps, block=10), noise=0.02)
@@ -113,7 +115,9 @@ def test_the_residual_of_a_calibration_shows_what_maps_do_not_explain():
 def test_maps_of_large_slices_are_those_of_every_voxel(shape):
     """They are found at every other one, along axes that are long enough."""
     _, whole = scan(shape, 4, noise=0.001)
-    near = np.asfortranarray(whole.kspace[shape[0] // 2 - 12 : shape[0] // 2 + 12, shape[1] // 2 - 12 : shape[1] // 2 + 12, :, :, 0, 0, 0])
+    near = np.asfortranarray(
+        whole.kspace[shape[0] // 2 - 12 : shape[0] // 2 + 12, shape[1] // 2 - 12 : shape[1] // 2 + 12, :, :, 0, 0, 0]
+    )
     maps, combined = pipeline.eigen_maps(near, shape)
     want = ctessel.espirit(near, size=shape, kernel=5, crop=0)
     bright = np.abs(combined) > 0.3 * np.abs(combined).max()

@@ -37,7 +37,9 @@ def test_geometry_draws_what_the_documentation_shows(tmp_path, monkeypatch):
         assert (tmp_path / name).stat().st_size > 10_000 and (shown / name).exists()
 
 
-@pytest.mark.parametrize("name, pictures", [("raw_data", ["raw_data.png", "g_factor.png"]), ("measured", ["measured.png"])])
+@pytest.mark.parametrize(
+    "name, pictures", [("raw_data", ["raw_data.png", "g_factor.png"]), ("measured", ["measured.png"])]
+)
 def test_scans_are_shown_and_nothing_is_written_elsewhere(name, pictures, tmp_path, monkeypatch, capsys):
     monkeypatch.chdir(tmp_path)
     monkeypatch.setattr(tempfile, "tempdir", str(tmp_path / "temporary"))

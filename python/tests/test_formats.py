@@ -234,7 +234,11 @@ def test_a_format_that_was_given_is_used_or_refused(tmp_path, capfd):
     samples = scan_of("full")
     path, _ = fastmri(tmp_path / "f.h5", samples)
     assert raw.contents(path, format="fastMRI").format == "fastMRI"
-    for name, message in (("cfl", "is not a BART cfl file"), ("skm-tea", "SKM-TEA has 5"), ("ismrmrd", "no raw data in")):
+    for name, message in (
+        ("cfl", "is not a BART cfl file"),
+        ("skm-tea", "SKM-TEA has 5"),
+        ("ismrmrd", "no raw data in"),
+    ):
         assert recon(path, tmp_path / "i.nii", "--format", name) == 1
         assert message in capfd.readouterr().err
     with pytest.raises(SystemExit, match="2"):
@@ -506,6 +510,10 @@ def test_maps_of_every_kind_of_file(tmp_path):
         same_bits(maps.read(tmp_path / name, (12, 10, 1, 4, 3, 1, 1)), slices)
     for name in ("v.nii", "v.cfl", "v7", "skm"):
         same_bits(maps.read(tmp_path / name, (12, 10, 6, 4, 1, 1, 1)), volume)
-    for name, coils, message in (("v", 5, "not of 5 coils"), ("v7", 5, "no axis of 5 coils"), ("none", 4, "No such file")):
+    for name, coils, message in (
+        ("v", 5, "not of 5 coils"),
+        ("v7", 5, "no axis of 5 coils"),
+        ("none", 4, "No such file"),
+    ):
         with pytest.raises(ValueError, match=message):
             maps.read(tmp_path / name, (12, 10, 6, coils, 1, 1, 1))

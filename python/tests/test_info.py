@@ -35,7 +35,9 @@ def test_volumes_and_turns_are_drawn(tmp_path, capsys):
     facts, drawing = info(capsys, lookalike.cfl(tmp_path / "v", samples))
     assert len(drawing) == 20 + 2 and "a character is 3 lines" in drawing[-1]  # 3 lines along z in one
     assert set(drawing[16]) == {".", "+", "C"} and set(drawing[17]) == {"."}
-    assert [c for c in drawing[5] if c != "C"] == ["#" if i % 2 == 0 else "." for i in [*range(20), *range(29, 48)]]  # 28 joins the block
+    assert [c for c in drawing[5] if c != "C"] == [
+        "#" if i % 2 == 0 else "." for i in [*range(20), *range(29, 48)]
+    ]  # 28 joins the block
     phantom.write(tmp_path / "t.h5", "interleaved", size=32, coils=4)
     _, drawing = info(capsys, tmp_path / "t.h5")
     assert drawing[:2] == ["#." * 16 + "  2 repetitions", ".#" * 16 + "  2 repetitions"]
@@ -50,7 +52,9 @@ def test_the_echo_peaks_where_its_energy_is(tmp_path, capsys):
     for centre, words in ((32, "x +0, y +0"), (30, "x +0, y +2"), (35, "x +0, y -3")):
         path = lookalike.cfl(tmp_path / "c", samples)
         facts, _ = info(capsys, path, "--centre", centre)
-        assert [text for name, text in facts.items() if name.strip() == "echo peaks"][0].strip() == f"{words} from k = 0"
+        assert [text for name, text in facts.items() if name.strip() == "echo peaks"][
+            0
+        ].strip() == f"{words} from k = 0"
 
 
 def test_what_was_left_out_is_told_by_kind(tmp_path, capsys):

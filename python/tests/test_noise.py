@@ -15,12 +15,15 @@ from ctessel.scan import Scan
 REPETITIONS = 60
 
 
-@pytest.mark.parametrize("kind, changes, options", [
-    ("noise", {}, {}),
-    ("noise", {"reduction": (3, 1)}, {"matrix": (48, 60, 1), "ringing": 0.4}),
-    ("noise", {"partial": (1.0, 0.75, 1.0), "calibration_lines": 16}, {"partial": "pocs"}),
-    ("full", {"noise": 0.02, "noise_scan": True}, {}),
-])
+@pytest.mark.parametrize(
+    "kind, changes, options",
+    [
+        ("noise", {}, {}),
+        ("noise", {"reduction": (3, 1)}, {"matrix": (48, 60, 1), "ringing": 0.4}),
+        ("noise", {"partial": (1.0, 0.75, 1.0), "calibration_lines": 16}, {"partial": "pocs"}),
+        ("full", {"noise": 0.02, "noise_scan": True}, {}),
+    ],
+)
 def test_repetitions_spread_as_the_map_says(tmp_path, kind, changes, options):
     phantom.write(tmp_path / "s.h5", kind, size=48, coils=6, repetitions=REPETITIONS, **changes)
     scan = raw.read(tmp_path / "s.h5")
@@ -32,7 +35,9 @@ def test_repetitions_spread_as_the_map_says(tmp_path, kind, changes, options):
     inside = (bright > 0.2 * bright.max()) & (maps["sd"] > 0)
     assert inside.mean() > 0.1
     assert abs((spread[inside] / maps["sd"][inside]).mean() - 1) < 0.02  # the noise scan has few samples
-    np.testing.assert_allclose(maps["snr"][inside][..., 0, 0] * maps["sd"][inside], np.abs(image)[inside][..., 0, 0], rtol=1e-5)
+    np.testing.assert_allclose(
+        maps["snr"][inside][..., 0, 0] * maps["sd"][inside], np.abs(image)[inside][..., 0, 0], rtol=1e-5
+    )
     if kind == "full":
         assert set(np.unique(maps["g"])) <= {0, 1} and (maps["condition"][inside] == 1).all()
     else:
@@ -66,22 +71,31 @@ def volumes(options, mask=None, y=None, z=None, shape=(12, 16, 16), count=4, ech
     measured = level * random_complex((400, count), 4)
     head = replace(one.layout.header, te=[1.0 + e for e in range(echoes)])
     made = Scan.of(kspace, head, sampled, noise=measured)
-    plan = replace(pipeline.plan(made, pipeline.Options(**options)), covariance=(2 * level**2 * np.eye(count)).astype(np.complex64))
+    plan = replace(
+        pipeline.plan(made, pipeline.Options(**options)),
+        covariance=(2 * level**2 * np.eye(count)).astype(np.complex64),
+    )
     return plan, made, pipeline.reconstruct(made, plan=plan).image
 
 
 near = np.outer(lines(16, 16, calibration=8), lines(16, 16, calibration=8))
 
 
-@pytest.mark.parametrize("scanned, options", [
-    ({"mask": near | np.outer(lines(16, 2), lines(16, 2))}, {}),
-    ({"mask": shifted((16, 16), 2, 2, 1, (1, 0), block=8)}, {}),
-    ({"y": lines(16, 2, calibration=10)}, {"matrix": (15, 18, 20), "ringing": 0.4}),
-    ({"y": lines(16, first=-4)}, {"partial": "homodyne", "combine": "sos"}),
-    ({"y": lines(16, first=-4)}, {"partial": "pocs"}),
-    ({"count": 1}, {"matrix": (15, 18, 20), "ringing": 0.4}),
-    ({"shape": (48, 48, 1), "y": lines(48, 2, calibration=16, first=-10)}, {"partial": "homodyne", "combine": "sos"}),
-])
+@pytest.mark.parametrize(
+    "scanned, options",
+    [
+        ({"mask": near | np.outer(lines(16, 2), lines(16, 2))}, {}),
+        ({"mask": shifted((16, 16), 2, 2, 1, (1, 0), block=8)}, {}),
+        ({"y": lines(16, 2, calibration=10)}, {"matrix": (15, 18, 20), "ringing": 0.4}),
+        ({"y": lines(16, first=-4)}, {"partial": "homodyne", "combine": "sos"}),
+        ({"y": lines(16, first=-4)}, {"partial": "pocs"}),
+        ({"count": 1}, {"matrix": (15, 18, 20), "ringing": 0.4}),
+        (
+            {"shape": (48, 48, 1), "y": lines(48, 2, calibration=16, first=-10)},
+            {"partial": "homodyne", "combine": "sos"},
+        ),
+    ],
+)
 def test_volumes_and_homodyne_spread_as_the_map_says(scanned, options):
     plan, source, image = volumes(options, **scanned)
     sd = noise.maps(plan, source, ["sd"])["sd"][..., 0]
@@ -94,9 +108,14 @@ def test_volumes_and_homodyne_spread_as_the_map_says(scanned, options):
     assert (spread[inside] / sd[inside]).std() < 0.12
 
 
-@pytest.mark.parametrize("shape, options", [
-    ((32, 32, 1), {}), ((32, 32, 1), {"partial": "homodyne"}), ((8, 16, 16), {"ringing": 0.3}),
-])
+@pytest.mark.parametrize(
+    "shape, options",
+    [
+        ((32, 32, 1), {}),
+        ((32, 32, 1), {"partial": "homodyne"}),
+        ((8, 16, 16), {"ringing": 0.3}),
+    ],
+)
 def test_units_of_noise_are_those_of_the_map(shape, options):
     """The phase stays; a part of the scan and another process make the same."""
     first = -5 if options.get("partial") else None
@@ -115,9 +134,14 @@ def test_units_of_noise_are_those_of_the_map(shape, options):
 
 
 def test_units_that_a_scan_cannot_have():
-    for more, match in ({"noise": 0}, "need a noise scan; reconstruct in raw units"), ({"noise": 0.1}, "units: expected one of raw, snr"):
+    for more, match in ({"noise": 0}, "need a noise scan; reconstruct in raw units"), (
+        {"noise": 0.1},
+        "units: expected one of raw, snr",
+    ):
         with pytest.raises(ValueError, match=match):
-            pipeline.plan(scan((16, 16, 1), 2, **more)[1], pipeline.Options(units="snr" if more["noise"] == 0 else "dB"))
+            pipeline.plan(
+                scan((16, 16, 1), 2, **more)[1], pipeline.Options(units="snr" if more["noise"] == 0 else "dB")
+            )
 
 
 def test_the_command_says_the_unit(tmp_path, capsys):

@@ -68,7 +68,9 @@ def test_measured_lines_stay_what_they_were_after_sense():
     assert abs(level - 1) < 0.01
 
 
-@pytest.mark.parametrize("shape, count, noise", [((40, 48, 1), 1, 0), ((40, 48, 1), 4, 0), ((40, 48, 1), 4, 0.01), ((8, 48, 16), 4, 0.01)])
+@pytest.mark.parametrize(
+    "shape, count, noise", [((40, 48, 1), 1, 0), ((40, 48, 1), 4, 0), ((40, 48, 1), 4, 0.01), ((8, 48, 16), 4, 0.01)]
+)
 def test_homodyne_hands_out_the_phase_that_it_removes(shape, count, noise):
     """That of the lines on both sides of k = 0; magnitudes are those of images without it, bit for bit."""
     mask = lines(48, first=-9)

@@ -26,20 +26,14 @@ def test_grids_keep_their_centre():
     for n in (7, 8):
         point = np.zeros((n, 1, 1), np.complex64)
         point[n // 2] = 1
-        np.testing.assert_allclose(
-            pipeline.to_kspace(point), np.full((n, 1, 1), n**-0.5), atol=ROUNDING
-        )
+        np.testing.assert_allclose(pipeline.to_kspace(point), np.full((n, 1, 1), n**-0.5), atol=ROUNDING)
         for m in range(3, 14):
             assert np.flatnonzero(pipeline.resize(point, (m,))) == [m // 2], (n, m)
     for n in (7, 8):
         image = random_complex((n, 5, 1), n)
         mirrored = pipeline.flip(pipeline.to_kspace(image), (0,))
-        np.testing.assert_allclose(
-            pipeline.to_image(mirrored), pipeline.flip(image, (0,)), atol=1e-5
-        )
-        assert [
-            int(pipeline.flip(np.arange(n) - n // 2, (0,))[n // 2 + k]) for k in (-2, 0, 2)
-        ] == [2, 0, -2]
+        np.testing.assert_allclose(pipeline.to_image(mirrored), pipeline.flip(image, (0,)), atol=1e-5)
+        assert [int(pipeline.flip(np.arange(n) - n // 2, (0,))[n // 2 + k]) for k in (-2, 0, 2)] == [2, 0, -2]
 
 
 def test_noise_is_white_after_whitening_and_cutting_the_readout():
@@ -51,9 +45,7 @@ def test_noise_is_white_after_whitening_and_cutting_the_readout():
     np.testing.assert_allclose(covariance, want / 2, atol=spread * np.abs(want).max())
     kspace = np.asfortranarray(noise.T.reshape(4, 100, 40, 5).transpose(1, 2, 3, 0))
     white = pipeline.whiten(pipeline.remove_oversampling(kspace, 50), covariance).reshape(-1, 4)
-    np.testing.assert_allclose(
-        white.T @ white.conj() / len(white), 2 * np.eye(4), atol=2 * spread * np.sqrt(2)
-    )
+    np.testing.assert_allclose(white.T @ white.conj() / len(white), 2 * np.eye(4), atol=2 * spread * np.sqrt(2))
     with pytest.raises(ValueError, match="singular"):
         pipeline.noise_covariance(noise * [1, 0, 1, 1])
 
@@ -63,16 +55,12 @@ def test_full_scan_is_the_phantom(shape, oversampling):
     truth, full = scan(shape, slices=2, repetitions=2, oversampling=oversampling)
     seen = []
     result = pipeline.reconstruct(full, progress=lambda *done: seen.append(done))
-    np.testing.assert_allclose(
-        np.abs(result.image[:, :, :, :, 0]), truth[:, :, :, :, 0], atol=4 * ROUNDING
-    )
+    np.testing.assert_allclose(np.abs(result.image[:, :, :, :, 0]), truth[:, :, :, :, 0], atol=4 * ROUNDING)
     assert seen[-1] == (4, 4)
     magnitude = pipeline.reconstruct(full, Options(combine="sos")).image
     assert magnitude.dtype == np.float32
     np.testing.assert_allclose(magnitude, truth, atol=4 * ROUNDING)
-    larger = pipeline.reconstruct(
-        full, Options(matrix=tuple(2 * n if n > 1 else 1 for n in shape))
-    ).image
+    larger = pipeline.reconstruct(full, Options(matrix=tuple(2 * n if n > 1 else 1 for n in shape))).image
     exact = larger[::2, ::2, :: 2 if shape[2] > 1 else 1]
     if shape[0] % 2 == 0:
         np.testing.assert_allclose(np.abs(exact), truth, atol=4 * ROUNDING)
@@ -121,17 +109,14 @@ def partial_scan(axis, side, shape):
     return truth, partial
 
 
-@pytest.mark.parametrize(
-    "axis, shape", [(0, (32, 32, 1)), (1, (32, 32, 1)), (1, (32, 33, 1)), (2, (24, 24, 32))]
-)
+@pytest.mark.parametrize("axis, shape", [(0, (32, 32, 1)), (1, (32, 32, 1)), (1, (32, 33, 1)), (2, (24, 24, 32))])
 @pytest.mark.parametrize("side", (-1, 1))
 def test_partial_scans_are_closer_than_zero_filled_ones(axis, side, shape):
     truth, partial = partial_scan(axis, side, shape)
     words = "; ".join(pipeline.plan(partial, Options(partial="homodyne")).steps)
     assert f"homodyne along {'xyz'[axis]}" in words and ("mirrored" in words) == (side < 0)
     images = {
-        way: pipeline.reconstruct(partial, Options(partial=way)).image
-        for way in ("auto", "zero", "homodyne", "pocs")
+        way: pipeline.reconstruct(partial, Options(partial=way)).image for way in ("auto", "zero", "homodyne", "pocs")
     }
     zero_filled = error(images["zero"], truth)
     assert error(images["homodyne"], truth) < 0.65 * zero_filled
@@ -149,17 +134,11 @@ def test_lines_are_recognised():
     ):
         mask = lines(n, step, offset, calibration)[:, None]
         lattice, flat = pipeline.undersampling(mask)
-        assert (
-            lattice.step == step
-            and (lattice.offset - offset) % step == 0
-            and lattice.reduction == step
-        )
+        assert lattice.step == step and (lattice.offset - offset) % step == 0 and lattice.reduction == step
         assert flat.reduction == 1 and lattice.folded * step >= n
         if calibration:
             block = pipeline.calibration_block(mask)[0]
-            assert (
-                block.start <= n // 2 - calibration // 2 and block.stop >= n // 2 + calibration // 2
-            )
+            assert block.start <= n // 2 - calibration // 2 and block.stop >= n // 2 + calibration // 2
         slots = step * (np.arange(lattice.folded) - lattice.folded // 2) + lattice.offset + n // 2
         inside = (slots >= 0) & (slots < n)
         assert np.count_nonzero(inside) == np.count_nonzero(lines(n, step, offset))  # none is lost
@@ -270,8 +249,12 @@ def test_regularised_sense_has_less_noise_and_a_weight_that_does_not_depend_on_t
     truth = truth[:, :, :, 0, 0, 0]
     assert error(single, truth) < 0.8 * error(plain, truth)
     twice = (np.concatenate([a, a], 3) for a in (folded, maps / np.float32(2**0.5)))  # and twice the noise
-    double = pipeline.unfold(*twice, lattices, covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
-                            expected=expected * np.float32(2**0.5))
+    double = pipeline.unfold(
+        *twice,
+        lattices,
+        covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
+        expected=expected * np.float32(2**0.5),
+    )
     np.testing.assert_allclose(double, single * 2**0.5, atol=1e-4)
     with pytest.raises(ValueError, match="needs a noise scan"):
         pipeline.plan(known(noisy, noise=None), Options(regularisation=1))
@@ -379,8 +362,20 @@ def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp
     write_large_volume(tmp_path / "v.h5")
     seen = {}
     for name, limit, options in (("here", resource.RLIM_INFINITY, []), ("file", LEAST, ["--scratch", tmp_path])):
-        run = [sys.executable, "-W", "ignore", "-m", "ctessel", "recon", tmp_path / "v.h5", "-o", tmp_path / f"{name}.nii"]
-        process = subprocess.Popen([*run, *options], preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit)))
+        run = [
+            sys.executable,
+            "-W",
+            "ignore",
+            "-m",
+            "ctessel",
+            "recon",
+            tmp_path / "v.h5",
+            "-o",
+            tmp_path / f"{name}.nii",
+        ]
+        process = subprocess.Popen(
+            [*run, *options], preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit))
+        )
         _, status, usage = os.wait4(process.pid, 0)
         assert status == 0, name
         seen[name] = 1024 * usage.ru_maxrss
@@ -414,18 +409,14 @@ def blob(points):
     """Smooth object off the centre, and its width in mm."""
     width = 40.0
     return (
-        np.exp(
-            -((points - np.reshape([60, -50, 40], (3, 1, 1, 1))) ** 2).sum(0) / (2 * width**2)
-        ),
+        np.exp(-((points - np.reshape([60, -50, 40], (3, 1, 1, 1))) ** 2).sum(0) / (2 * width**2)),
         width,
     )
 
 
 @pytest.mark.parametrize("order, patient", [(3, "HFS"), (1, "HFS"), (3, "FFS")])
 def test_geometry_finds_the_object_where_it_is(tmp_path, order, patient):
-    (tmp_path / "coil.txt").write_text(
-        "r0 250\nx 3 1 -0.06\nx 2 1 0.1\ny 3 1 -0.06\nz 3 0 -0.3 # zonal\n"
-    )
+    (tmp_path / "coil.txt").write_text("r0 250\nx 3 1 -0.06\nx 2 1 0.1\ny 3 1 -0.06\nz 3 0 -0.3 # zonal\n")
     table = pipeline.read_coefficients(tmp_path / "coil.txt")
     turn = np.array([[0.8, 0.6, 0], [-0.6, 0.8, 0], [0, 0, 1]])
     placement = Placement(np.array([10.0, 0, 5]), *turn)

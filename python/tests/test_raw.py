@@ -39,9 +39,7 @@ def acquisition(samples=16, coils=2, seed=0, **fields):
 
 
 def write(path, acquisitions, text=None):
-    writer = _raw.Writer(
-        str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={})
-    )
+    writer = _raw.Writer(str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={}))
     for head, samples in acquisitions:
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples))
     writer.close()
@@ -59,9 +57,7 @@ def lines(**fields):
     ("-n 0.001 -C", "", 2e-2),
     ("-n 0.0005 -a 2 -w 16 -r 2 -C", "", 2e-2),
 ], ids=["full", "repetitions", "noise scan left out", "whitened", "undersampled"])  # fmt: skip
-def test_images_of_foreign_files_agree_with_foreign_reconstructions(
-    tmp_path, options, recon, bound
-):
+def test_images_of_foreign_files_agree_with_foreign_reconstructions(tmp_path, options, recon, bound):
     if not shutil.which("ismrmrd_recon_cartesian_2d"):
         pytest.skip("ismrmrd-tools is not installed")
     for command in (
@@ -103,9 +99,7 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
             (wide, np.concatenate([*[padding] * 3, 2 * samples, padding])),
         ]
     scan = raw.read(write(tmp_path / "mixed.h5", mixed))
-    np.testing.assert_array_equal(
-        scan.kspace, np.float32(3) * plain.kspace / np.float32(2)
-    )  # once, and twice it
+    np.testing.assert_array_equal(scan.kspace, np.float32(3) * plain.kspace / np.float32(2))  # once, and twice it
     for y, (_, samples) in enumerate(lines()):
         np.testing.assert_array_equal(plain.kspace[:, y, 0, :, 0, 0, 0], samples)
     assert scan.layout.noise.shape == (32, 2) and plain.layout.noise is None
@@ -119,8 +113,7 @@ def test_reversed_readouts_count_their_centre_either_way(tmp_path, n, which):
     for centre in (n - 1 - n // 2, n - n // 2):  # of the reversed line; of even lines, as in the others
         lines = foreign.records(kspace)
         lines[which] = [
-            foreign.record(kspace[:, y, ::-1], y, flags=1 << 21, center_sample=centre)
-            for y in range(16)[which]
+            foreign.record(kspace[:, y, ::-1], y, flags=1 << 21, center_sample=centre) for y in range(16)[which]
         ]
         file = foreign.write(tmp_path / f"{centre}.h5", lines, foreign.header(n, 16))
         read = raw.read(file).kspace[:, :, 0, :, 0, 0, 0]
@@ -133,9 +126,7 @@ def test_reversed_readouts_count_their_centre_either_way(tmp_path, n, which):
 def test_headers_of_every_kind_of_text_are_read(tmp_path, kind):
     text = foreign.header(32, 16).replace("<encoding>", "<measurementInformation><protocolName>T1 für É"
                                           "</protocolName></measurementInformation><encoding>", 1)  # fmt: skip
-    file = foreign.write(
-        tmp_path / "r.h5", foreign.records(foreign.image(32, 16)), text, "a/b", kind
-    )
+    file = foreign.write(tmp_path / "r.h5", foreign.records(foreign.image(32, 16)), text, "a/b", kind)
     assert raw.contents(file, group="a/b").header.protocol == "T1 für É"
     for wrong in ("dataset", "/a", "", "a/b/xml"):
         with pytest.raises(raw.RawError, match=r"no raw data in its group .*--group: a/b$"):
@@ -167,14 +158,10 @@ def test_calibration_completes_each_image_or_stays_apart(tmp_path):
             *(a for r in range(1, repetitions) for a in measured(0, [4], repetition=r)),
         ]))  # fmt: skip
         assert (scan.calibration is None) == joined
-        assert scan.layout.sampled[:, 0].tolist() == [
-            y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)
-        ]
+        assert scan.layout.sampled[:, 0].tolist() == [y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)]
         if not joined:  # its own grid has k = 0 in the middle
             assert scan.calibration.shape == (16, 3, 1, 2, 1, 1, 1)
-            np.testing.assert_array_equal(
-                scan.calibration[:, 1, 0, :, 0, 0, 0], acquisition(seed=4)[1]
-            )
+            np.testing.assert_array_equal(scan.calibration[:, 1, 0, :, 0, 0, 0], acquisition(seed=4)[1])
 
 
 @pytest.mark.parametrize("read, phase, normal, matrix", [
@@ -185,18 +172,13 @@ def test_calibration_completes_each_image_or_stays_apart(tmp_path):
 ], ids=["axial", "sagittal", "oblique"])  # fmt: skip
 def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
     normal = np.array(normal, float)
-    places = [
-        Placement((10, 20, 30) + 5 * i * normal, np.array(read), np.array(phase), normal)
-        for i in range(3)
-    ]
+    places = [Placement((10, 20, 30) + 5 * i * normal, np.array(read), np.array(phase), normal) for i in range(3)]
     found, known = nifti.affine(header(placements=places), (64, 32, 1, 3), (128, 96, 4))
     assert known
     np.testing.assert_allclose(found[:3], matrix, atol=1e-12)
     slab, _ = nifti.affine(header(placements=places[2:]), (64, 32, 5, 1), (128, 96, 25))
     np.testing.assert_allclose(slab[:3], matrix, atol=1e-12)  # its middle partition is slice 2
-    single, _ = nifti.affine(
-        header(placements=places[:1], spacing=5.0), (64, 32, 1, 1), (128, 96, 4)
-    )
+    single, _ = nifti.affine(header(placements=places[:1], spacing=5.0), (64, 32, 1, 1), (128, 96, 4))
     np.testing.assert_allclose(single[:3], matrix, atol=1e-12)  # the gap counts
 
 
@@ -403,8 +385,6 @@ def test_samples_are_in_memory_once(tmp_path):
     on_disk = raw.read(tmp_path / "p.h5", found=found, scratch=tmp_path)
     np.testing.assert_array_equal(on_disk.kspace, scan.kspace)
     cut = raw.read(tmp_path / "p.h5", cut=True)  # half of the memory, and the same numbers
-    np.testing.assert_array_equal(
-        cut.kspace, pipeline.remove_oversampling(scan.kspace, len(scan.kspace) // 2)
-    )
+    np.testing.assert_array_equal(cut.kspace, pipeline.remove_oversampling(scan.kspace, len(scan.kspace) // 2))
     assert pipeline.plan(cut).steps == pipeline.plan(scan).steps
     assert [p.name for p in tmp_path.iterdir()] == ["p.h5"]

@@ -113,7 +113,9 @@ def test_warnings_come_first_and_lost_lines_are_shown(tmp_path):
 
 
 def test_scans_without_signal_have_a_report(tmp_path):
-    scan = foreign.write(tmp_path / "s.h5", foreign.records(np.zeros((2, 16, 32), np.complex64)), foreign.header(32, 16))
+    scan = foreign.write(
+        tmp_path / "s.h5", foreign.records(np.zeros((2, 16, 32), np.complex64)), foreign.header(32, 16)
+    )
     with warnings.catch_warnings():
         warnings.simplefilter("error", RuntimeWarning)
         assert not Document(report(scan, tmp_path)).picture("Image of slice 0").any()

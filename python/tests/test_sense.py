@@ -26,8 +26,11 @@ def covariance(coils):
 def aliases_of(y, z, full, folded, aliases):
     """Lines that alias onto a folded one: products of y and z, or listed by their offsets."""
     if aliases is None:
-        return [(a, b) for a in ctessel.unfolded_positions(full[0], folded[0], y)
-                for b in ctessel.unfolded_positions(full[1], folded[1], z)]
+        return [
+            (a, b)
+            for a in ctessel.unfolded_positions(full[0], folded[0], y)
+            for b in ctessel.unfolded_positions(full[1], folded[1], z)
+        ]
     first = [(n - f + 1) // 2 for n, f in zip(full, folded)]
     return [((y + first[0] + a) % full[0], (z + first[1] + b) % full[1]) for a, b in aliases]
 

@@ -33,13 +33,16 @@ def replicas(signal, psi, seed=1):
     return np.asfortranarray(signal[..., None] + noise, np.complex64)
 
 
-@pytest.mark.parametrize("maps, full, fold, unit, regularised", [
-    ((24, 24, 8), (24, 24, 8), (24, 12, 4), 1.0, False),
-    ((24, 24, 8), (24, 24, 8), (24, 12, 4), 1e-14, True),
-    ((32, 20, 1), (32, 40, 1), (32, 16, 1), 1.0, False),  # 2.5, maps on a coarser grid
-    ((20, 15, 1), (40, 30, 1), (40, 12, 1), 4.0, True),
-    ((24, 24, 1), (24, 24, 1), (24, 24, 1), 1.0, False),
-])
+@pytest.mark.parametrize(
+    "maps, full, fold, unit, regularised",
+    [
+        ((24, 24, 8), (24, 24, 8), (24, 12, 4), 1.0, False),
+        ((24, 24, 8), (24, 24, 8), (24, 12, 4), 1e-14, True),
+        ((32, 20, 1), (32, 40, 1), (32, 16, 1), 1.0, False),  # 2.5, maps on a coarser grid
+        ((20, 15, 1), (40, 30, 1), (40, 12, 1), 4.0, True),
+        ((24, 24, 1), (24, 24, 1), (24, 24, 1), 1.0, False),
+    ],
+)
 def test_replicas_of_noise_spread_as_predicted(maps, full, fold, unit, regularised):
     sens, psi = smooth_maps(maps, 12), covariance(12, unit)
     mask = sens.any(3)
@@ -67,16 +70,19 @@ def test_replicas_of_noise_spread_as_predicted(maps, full, fold, unit, regularis
         same_bits(ctessel.sense_noise(np.stack([sens[::-1], sens], -1), **two)[1][..., 1], sd)
 
 
-@pytest.mark.parametrize("bad, message", [
-    ({"sensitivities": np.ones(3)}, "sensitivities: expected from 4 to 5 dimensions"),
-    ({"sensitivities": np.ones((2, 0, 1, 2))}, "sensitivities: expected at least one sample"),
-    ({"fold_size": (4, 9, 1)}, r"full_size\[1\]: .* at least .* 9, got 8"),
-    ({"fold_size": (4, 4)}, "fold_size: expected 3 values, got 2"),
-    ({"fold_size": (4, 4, 0)}, r"fold_size\[2\]: .* got 0"),
-    ({"psi": np.eye(2)}, "psi: expected extent 3"),
-    ({"mask": np.ones((4, 4, 1))}, "mask: expected extent 8 along axis 1"),
-    ({"reg": np.ones((4, 8, 1)), "weight": 0}, "weight: expected a number above 0, got 0"),
-])
+@pytest.mark.parametrize(
+    "bad, message",
+    [
+        ({"sensitivities": np.ones(3)}, "sensitivities: expected from 4 to 5 dimensions"),
+        ({"sensitivities": np.ones((2, 0, 1, 2))}, "sensitivities: expected at least one sample"),
+        ({"fold_size": (4, 9, 1)}, r"full_size\[1\]: .* at least .* 9, got 8"),
+        ({"fold_size": (4, 4)}, "fold_size: expected 3 values, got 2"),
+        ({"fold_size": (4, 4, 0)}, r"fold_size\[2\]: .* got 0"),
+        ({"psi": np.eye(2)}, "psi: expected extent 3"),
+        ({"mask": np.ones((4, 4, 1))}, "mask: expected extent 8 along axis 1"),
+        ({"reg": np.ones((4, 8, 1)), "weight": 0}, "weight: expected a number above 0, got 0"),
+    ],
+)
 def test_wrong_arguments_are_named(bad, message):
     good = {"sensitivities": random_complex((4, 8, 1, 3)), "full_size": (4, 8, 1), "fold_size": (4, 4, 1)}
     with pytest.raises((TypeError, ValueError), match=f"^{message}"):

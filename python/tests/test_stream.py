@@ -31,9 +31,7 @@ class Server:
         command = [sys.executable, "-m", "ctessel", "serve", "--port", "0", "--timeout", str(timeout)]
         self._file = tempfile.NamedTemporaryFile("r", suffix=".log")
         with open(self._file.name, "w") as log:
-            self.process = subprocess.Popen(
-                [*command, *map(str, arguments)], stderr=log, preexec_fn=end_with_parent
-            )
+            self.process = subprocess.Popen([*command, *map(str, arguments)], stderr=log, preexec_fn=end_with_parent)
         until(lambda: "listens on" in "".join(self.log))
         line = next(line for line in self.log if "listens on" in line)
         host, port = line.split()[-1].split(":")
@@ -105,6 +103,7 @@ def small(tmp_path_factory):
 
 def split(sender, **options):
     """The messages of a stream, acquisitions one by one."""
+
     def size(block, at):
         head = np.frombuffer(block, HEAD, 1, at + 2)[0]
         return 342 + 8 * int(head["number_of_samples"]) * int(head["active_channels"])
@@ -193,8 +192,7 @@ def test_headers_are_laid_out_as_in_the_library(tmp_path):
     theirs += [("ImageHeader", stream.IMAGE_HEAD, n, n) for n in names(stream.IMAGE_HEAD)]
     theirs += [("WaveformHeader", stream.WAVEFORM_HEAD, n, n) for n in names(stream.WAVEFORM_HEAD)]
     rows = "".join(
-        f'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{kind}, {theirs}), '
-        f"sizeof(ISMRMRD_{kind}));\n"
+        f'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{kind}, {theirs}), ' f"sizeof(ISMRMRD_{kind}));\n"
         for kind, _, _, theirs in theirs
     )
     (tmp_path / "offsets.cpp").write_text(
@@ -226,13 +224,9 @@ def test_an_image_tells_where_it_lies_and_what_it_is(tmp_path, server):
     affine = np.diag([-1, -1, 1, 1]) @ reconstructed(tmp_path / "p.h5", tmp_path).affine
     images = send.Sender(tmp_path / "p.h5").exchange(server.address)
     for head, attributes, pixels in images:
-        np.testing.assert_allclose(
-            head["position"], (affine @ (16, 16, head["slice"], 1))[:3], atol=1e-3
-        )
+        np.testing.assert_allclose(head["position"], (affine @ (16, 16, head["slice"], 1))[:3], atol=1e-3)
         for name, axis in (("read_dir", 0), ("phase_dir", 1), ("slice_dir", 2)):
-            np.testing.assert_allclose(
-                head[name], affine[:3, axis] / np.linalg.norm(affine[:3, axis]), atol=1e-6
-            )
+            np.testing.assert_allclose(head[name], affine[:3, axis] / np.linalg.norm(affine[:3, axis]), atol=1e-6)
         np.testing.assert_allclose([float(v) for v in attributes["ImageRowDir"]], head["read_dir"])
         assert pixels.shape == (32, 32, 1, 1) and attributes["DataRole"] == ["Image"]
         assert float(attributes["EchoTime"][0]) == 5.0 * (head["contrast"] + 1)
@@ -429,10 +423,8 @@ def test_options_come_from_command_config_and_text(tmp_path):
         told = "".join(made.log)
         for words in ("no_such", "'unknown'", "'ringing' is not used", "'geometry' is not used", "'maps' is not used"):
             assert words in told
-        (_, attributes, pixels), = sender.exchange(made.address, "", '{"pixels": "complex"}')
-        want = np.asarray(
-            reconstructed(tmp_path / "p.h5", tmp_path, "--combine", "phase").dataobj
-        )
+        ((_, attributes, pixels),) = sender.exchange(made.address, "", '{"pixels": "complex"}')
+        want = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path, "--combine", "phase").dataobj)
         np.testing.assert_array_equal(np.abs(pixels[..., 0]).squeeze(), want.squeeze())
 
 
@@ -472,9 +464,7 @@ def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
     reader = _raw.Reader(str(file()[0]), "dataset")
     assert reader.header == small[1][6:] and len(reader) == 1
     np.testing.assert_array_equal(reader.heads(0, 1).view(HEAD)["kspace_encode_step_1"], 99)
-    np.testing.assert_array_equal(
-        reader.read([0]).samples(0).ravel(order="F").view("f4"), np.arange(512)
-    )
+    np.testing.assert_array_equal(reader.read([0]).samples(0).ravel(order="F").view("f4"), np.arange(512))
     import h5py
 
     with h5py.File(file()[0]) as saved:

@@ -20,7 +20,15 @@ TABLES = np.ones((14, 12)) * 1e-9, np.ones((14, 12)) * 1e-9, np.ones(17)
 
 GEOMETRY = (
     ctessel.geometry_correction,
-    {"x": POINTS, "y": POINTS, "z": POINTS, "coeff_x": TABLES[0], "coeff_y": TABLES[1], "coeff_z": TABLES[2], "r0": 0.2},
+    {
+        "x": POINTS,
+        "y": POINTS,
+        "z": POINTS,
+        "coeff_x": TABLES[0],
+        "coeff_y": TABLES[1],
+        "coeff_z": TABLES[2],
+        "r0": 0.2,
+    },
 )
 
 

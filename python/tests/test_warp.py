@@ -29,7 +29,11 @@ def grid_of(steps, shape, turn=TURN):
     return warp.Grid(affine.astype(np.float32).astype(float), shape)  # as a file holds it
 
 
-GRIDS = [grid_of((-3.0, 4, 5), (20, 18, 14)), grid_of((3.0, 4, 5), (20, 18, 14)), grid_of((-3, -4, 5.0), (9, 8, 7), np.eye(3))]
+GRIDS = [
+    grid_of((-3.0, 4, 5), (20, 18, 14)),
+    grid_of((3.0, 4, 5), (20, 18, 14)),
+    grid_of((-3, -4, 5.0), (9, 8, 7), np.eye(3)),
+]
 
 
 def world(grid):
@@ -102,7 +106,9 @@ def test_forward_and_inverse_are_the_identity(dims, grid):
     start = world(grid)
     points = (start + moved)[::3, ::3, ::3].reshape(-1, 3)
     normal = np.cross(grid.affine[:3, 0], grid.affine[:3, 1])
-    for point, encoded, scale in zip(points, start[::3, ::3, ::3].reshape(-1, 3), size[::3, ::3, ::3].flat, strict=True):
+    for point, encoded, scale in zip(
+        points, start[::3, ::3, ::3].reshape(-1, 3), size[::3, ::3, ::3].flat, strict=True
+    ):
         affine = grid.affine.copy()
         affine[:3, 3] = point
         here = warp.Grid(affine, (1, 1, 1))
@@ -177,7 +183,9 @@ def made(tmp_path, table, grid, *options, kind="itk"):
 def test_conventions_of_warp_files(tmp_path, table, grid, direction):
     correction = warp.Correction(read_coefficients(table), "HFP", distort=direction == "distort")
     target = world(grid) + correction.evaluate(grid, ["displacement"])[0]
-    files = {k: made(tmp_path, table, grid, "--direction", direction, kind=k)[1] for k in ("itk", "fsl", "fsl-abs", "ras")}
+    files = {
+        k: made(tmp_path, table, grid, "--direction", direction, kind=k)[1] for k in ("itk", "fsl", "fsl-abs", "ras")
+    }
     itk = files["itk"]
     assert itk.shape == (*grid.shape, 1, 3) and itk.header["intent_code"] == 1007
     assert itk.header["sform_code"] == itk.header["qform_code"] == 1
@@ -203,7 +211,10 @@ def test_another_tool_with_our_warp_gives_our_image(tmp_path, table, grid):
     assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "u.nii", "--no-intensity") == 0
     ours = nibabel.load(tmp_path / "u.nii").get_fdata()
     quiet = ["-quiet", "-force"]
-    subprocess.run(["mrtransform", image, "-warp", tmp_path / "ras.nii.gz", "-interp", "cubic", tmp_path / "m.nii", *quiet], check=True)
+    subprocess.run(
+        ["mrtransform", image, "-warp", tmp_path / "ras.nii.gz", "-interp", "cubic", tmp_path / "m.nii", *quiet],
+        check=True,
+    )
     theirs = nibabel.load(tmp_path / "m.nii").get_fdata()
     inner = (slice(4, -4),) * 3
     error = np.abs(ours - theirs)[inner].max()
@@ -247,7 +258,10 @@ def test_where_the_inverse_does_not_converge(tmp_path, capsys):
     lost = np.isnan(nibabel.load(out).get_fdata()[..., 0, 0])
     assert lost[0].any() and not lost[2].any()
     lines = capsys.readouterr().err.splitlines()
-    assert lines[-1] == f"ctessel: warning: {lost.sum()} voxels have no position: the inverse does not converge there (NaN)"
+    assert (
+        lines[-1]
+        == f"ctessel: warning: {lost.sum()} voxels have no position: the inverse does not converge there (NaN)"
+    )
     assert lines[0].startswith("ctessel: warning: the field: reaches 346 mm from the isocentre")
 
 
@@ -255,7 +269,10 @@ def test_where_the_inverse_does_not_converge(tmp_path, capsys):
 
 
 def unwarped(tmp_path, data, grid, table, *options, **sidecar):
-    image, out = save(tmp_path / "in.nii.gz", data, grid, **{"PatientPosition": "HFS", **sidecar}), tmp_path / "out.nii.gz"
+    image, out = (
+        save(tmp_path / "in.nii.gz", data, grid, **{"PatientPosition": "HFS", **sidecar}),
+        tmp_path / "out.nii.gz",
+    )
     assert run("unwarp", image, "--coefficients", table, "-o", out, *options) == 0
     return nibabel.load(out), json.loads((tmp_path / "out.json").read_text())
 

@@ -24,7 +24,9 @@ def workers():
         yield started
 
 
-@pytest.mark.parametrize("kind", ["undersampled-3", "interleaved", "averages", "partial-readout", "3d-undersampled", "echoes"])
+@pytest.mark.parametrize(
+    "kind", ["undersampled-3", "interleaved", "averages", "partial-readout", "3d-undersampled", "echoes"]
+)
 def test_a_file_gives_the_samples_of_the_whole_block_by_block(tmp_path, kind):
     phantom.write(tmp_path / "p.h5", kind, size=32, coils=2, noise=0.01)
     found = raw.contents(tmp_path / "p.h5", cut=True)
@@ -136,7 +138,9 @@ def works(number):
     return False
 
 
-@pytest.mark.parametrize("how, busy", [(signal.SIGINT, 0), (signal.SIGTERM, 0), (signal.SIGKILL, 0), (signal.SIGKILL, 2)])
+@pytest.mark.parametrize(
+    "how, busy", [(signal.SIGINT, 0), (signal.SIGTERM, 0), (signal.SIGKILL, 0), (signal.SIGKILL, 2)]
+)
 def test_no_worker_outlives_a_run_that_is_cancelled(tmp_path, how, busy):
     file = tmp_path / "p.h5"
     phantom.write(file, "undersampled", size=96, coils=8, slices=40)
