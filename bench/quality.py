@@ -100,7 +100,9 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
         head["kspace_encode_step_1"], head["kspace_encode_step_2"], head["slice"] = y, z, index
         head["position"] = 0, 0, 5 * index
         if block[y, z]:
-            head["flags"] = acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
+            head["flags"] = (
+                acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
+            )
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, z]))
     writer.close()
 
@@ -109,7 +111,8 @@ def ours(kspace, sampled, block=(), options=(), slices=1, steps=None, noise=None
     path, image = FOLDER / "scan.h5", FOLDER / "image.nii"
     write_raw(path, kspace, sampled, block, slices, steps, noise)
     seconds = run(
-        [sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options], PYTHONPATH=os.pathsep.join(sys.path)
+        [sys.executable, "-m", "ctessel", "recon", path, "-o", image, *options],
+        PYTHONPATH=os.pathsep.join(sys.path),
     )
     made = read_nifti(image).reshape(*kspace.shape[:3], -1)
     return Outcome(np.squeeze(made[..., 0]), seconds / slices)
@@ -127,10 +130,14 @@ def write_cfl(name, a):
 
 
 def read_cfl(path):
+    return read_all(path)[..., 0]  # of slices the first
+
+
+def read_all(path):
     path = Path(path)
     extents = path.with_suffix(".hdr").read_text().splitlines()[1].split()[:4]
     samples = np.fromfile(path.with_suffix(".cfl"), "<c8")
-    return samples.reshape([*map(int, extents), -1], order="F")[..., 0]  # of slices the first
+    return samples.reshape([*map(int, extents), -1], order="F")
 
 
 def bart(kspace, lines, calibrate, truth, inside):
@@ -140,7 +147,8 @@ def bart(kspace, lines, calibrate, truth, inside):
     outcomes = []
     for level in LEVELS:
         seconds = run(["bart", "pics", "-S", "-l2", "-r", level, "-i", 50, "kspace", "maps", "out"])
-        outcomes.append(Outcome(np.abs(np.squeeze(read_cfl(FOLDER / "out.cfl"))), maps + seconds))
+        sets = np.linalg.norm(read_all(FOLDER / "out.cfl"), axis=4)
+        outcomes.append(Outcome(np.squeeze(sets), maps + seconds))
     return min(outcomes, key=lambda outcome: error(outcome.image, truth, inside))
 
 
@@ -211,7 +219,10 @@ def volumes():
         mine, ecalib = ours(kspace, sampled, block, steps=tuple(steps)), bart(
             kept, 20, ["ecalib", "-m1", "-r", 20], truth, inside
         )
-        row = {"data": f"phantom, {VOLUME}^3", "R": "{} x {}".format(*steps) + f", shifted by {shift}" * (shift > 0)}
+        row = {
+            "data": f"phantom, {VOLUME}^3",
+            "R": "{} x {}".format(*steps) + f", shifted by {shift}" * (shift > 0),
+        }
         for key, outcome in (("ctessel", mine), ("ecalib", ecalib)):
             row[key] = error(outcome.image, truth, inside)
         row["of ecalib"] = row["ctessel"] / row["ecalib"]
@@ -320,6 +331,37 @@ def defective(name, kspace):
         yield row, (truth, inside, images, what)
 
 
+FIELDS = [1, 0.75, 0.625, 0.5]
+PROGRAMS = ["one set", "ctessel", "BART, one set", "BART, two sets"]
+
+
+def tight(name, kspace):
+    """Rows of the table of fields of view that are smaller than the object along y, R = 2, with images."""
+    from ctessel import pipeline
+
+    whole = pipeline.to_image(kspace, (1,))
+    for share in FIELDS:
+        n = round(share * kspace.shape[1] / 4) * 4
+        image = np.zeros((len(whole), n, *whole.shape[2:]), np.complex64, order="F")
+        for y in range(whole.shape[1]):  # lines farther apart fold the object onto itself
+            image[:, (y - whole.shape[1] // 2 + n // 2) % n] += whole[:, y]
+        folded = pipeline.to_kspace(image, (1,))
+        truth, sampled, block = sum_of_squares(folded), every(n, 2), around(n, 24)
+        inside = object_of(truth)
+        kept = folded * (sampled | np.isin(np.arange(n), block))[None, :, None, None]
+        made = [ours(folded, sampled, block, ["--map-sets", sets]).image for sets in ("1", "auto")]
+        told = json.loads((FOLDER / "image.json").read_text())["Parameters"]
+        made += [bart(kept, 24, ["ecalib", f"-m{sets}", "-r", 24], truth, inside).image for sets in (1, 2)]
+        row = {"data": name, "field": share, "sets": told["map_sets"][0]}
+        row |= {
+            f"unexplained by {count}": figure for count, figure in zip(("one", "two"), told["unexplained"][0])
+        }
+        row.setdefault("unexplained by two", "not tried")
+        row |= {program: error(each, truth, inside) for program, each in zip(PROGRAMS, made)}
+        print(row, file=sys.stderr)
+        yield row, (truth, inside, dict(zip(PROGRAMS, made)), None)
+
+
 NOISE_VOLUMES = 64
 
 
@@ -327,7 +369,9 @@ def noise_volumes(name, kspace):
     """Spread of volumes of noise over the map of it; the noise scan is drawn from the covariance of the
     samples beside the object."""
     n, edge = kspace.shape[1], kspace.shape[1] // 8
-    images = np.fft.fftshift(np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1))
+    images = np.fft.fftshift(
+        np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1)
+    )
     air = np.concatenate(
         [
             images[x, y, 0].reshape(-1, kspace.shape[3])
@@ -373,7 +417,9 @@ def moved(name, kspace):
         broken[:, n // 2 + line :] *= turn[:, None, None, None]
         image = ours(broken, every(n, 2), around(n, 32)).image
         found = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
-        lines = [f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])]
+        lines = [
+            f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])
+        ]
         row = {
             "data": name,
             "motion": what,
@@ -434,6 +480,20 @@ def noise_picture(name, shown):
     Path(name).write_bytes(png.encode(png.grey(np.concatenate(line), low=0, high=1) // 16 * 17))
 
 
+def tight_picture(name, shown):
+    """Images of all lines, and for one set, two, and those of the other program the errors, ten times as bright."""
+    from ctessel import png
+
+    rows = []
+    for truth, inside, images, _ in shown:
+        line = [truth]
+        for image in images.values():
+            scale = (image[inside] @ truth[inside]) / (image[inside] @ image[inside])
+            line.append(10 * np.abs(image * scale - truth))
+        rows.append(np.concatenate([each / np.percentile(truth, 99.5) for each in line]))
+    Path(name).write_bytes(png.encode(png.grey(np.concatenate(rows, 1), low=0, high=1) // 16 * 17))
+
+
 def defects_picture(name, shown):
     """Images of a scan with a defective coil, all coils used above, and below what is left by itself."""
     from ctessel import png
@@ -469,7 +529,8 @@ def main():
     if not paths:
         print(f"no measured data in {folder}: quality is not measured", file=sys.stderr)
         return
-    below, shifts, missing, broken, noisy, moves, solid = [], [], [], [], [], [], list(volumes())
+    below, shifts, missing, broken, noisy, moves, folds = ([] for _ in range(7))
+    solid = list(volumes())
     for path in paths:
         name, kspace = Path(path).stem, read_cfl(path)
         if kspace.shape[3] > 3:
@@ -479,6 +540,9 @@ def main():
             shown = list(shifted(name, kspace))
             shifts += [row for row, _ in shown]
             picture(f"{output}/shifted-{name}.png", shown)
+            shown = list(tight(name, kspace))
+            folds += [row for row, _ in shown]
+            tight_picture(f"{output}/map_sets-{name}.png", [about for _, about in shown[1:]])
             shown = list(defective(name, kspace))
             broken += [row for row, _ in shown]
             defects_picture(f"{output}/coils-{name}.png", [about for _, about in shown])
@@ -499,6 +563,7 @@ def main():
                 "defective": broken,
                 "noise": noisy,
                 "motion": moves,
+                "tight": folds,
             },
             file,
             indent=1,
@@ -519,6 +584,8 @@ def main():
         table(noisy) if noisy else "None.",
         "## Motion",
         table(moves) if moves else "None.",
+        "## Fields of view smaller than the object",
+        table(folds) if folds else "None.",
     ]
     Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
 

@@ -161,7 +161,8 @@ struct HomodyneAxis {
   Positions kept;
 };
 
-/// What SENSE knows beside folded images and maps. Arrays on the maps' grid are (x', y', z', location).
+/// What SENSE knows beside folded images and maps. Arrays on the maps' grid are (x', y', z', location), and
+/// may go on with the sets of the maps.
 struct SenseOptions {
   /// (coil, coil): noise covariance; none: the identity. Any unit without regularisation; with it, the
   /// noise power of the folded images, covariance(c, c) = mean |noise|^2 in their unit.
@@ -178,7 +179,7 @@ struct SenseOptions {
   /// nearest sample. None: coil 0's real parts decide, and an alias stays in for the rest of its
   /// column x, as in TS_sense_recon.
   ConstSamples mask;
-  /// What the unfolding makes of noise with this covariance: (full x, y, z, location), real parts are
+  /// What the unfolding makes of noise with this covariance: (full x, y, z, location, set), real parts are
   /// written, 0 outside of the object and where no coil sees a voxel; empty: not wanted. With
   /// A = S^H Psi^-1 S of the aliases S of a voxel and U its factors:
   ///   g          (g-factor) sd_i sqrt(A_ii), without regularisation sqrt([A^-1]_ii A_ii) >= 1
@@ -205,9 +206,9 @@ struct EspiritOptions {
   int kernel = 6;
   /// Eigenvalue of the calibration matrix from which on it is signal, of the largest one: in (0, 1).
   double threshold = 0.001;
-  /// Eigenvalue, 0 to 1, up to which a voxel is outside the object: its maps are 0.
+  /// Eigenvalue, 0 to 1, up to which a voxel is outside the object: its maps of the set are 0.
   double crop = 0.8;
-  /// (X, Y, Z), real parts are written; empty: not wanted.
+  /// (X, Y, Z, set), real parts are written; empty: not wanted.
   Samples eigenvalue;
 };
 
@@ -270,28 +271,33 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 /// aliases, with the bits of TS_sense_recon.
 ///
 ///   folded     in   (x, y, z, coil, p, q, r, location, ...), up to 13 axes; real or complex
-///   maps       in   (x', y', z', coil, location), sensitivities over the full field of view, on any
-///                   grid; as many coils and locations as folded
+///   maps       in   (x', y', z', coil, location, set), sensitivities over the full field of view, on
+///                   any grid; as many coils and locations as folded. Several sets, for voxels in which
+///                   the object folds onto itself, are unfolded together (soft SENSE): y' and z' are then
+///                   those of the image, which are multiples of the folded ones
 ///   full_size  in   x, y, z of the image; x as folded, y and z at least as folded, any quotient
-///   out        out  (full x, y, z, 1, p, q, r, location, ...), complex or for real parts only; pixels
+///   out        out  (full x, y, z, set, p, q, r, location, ...), complex or for real parts only; pixels
 ///                   outside of the object stay as they are. Empty: only images of noise are wanted,
 ///                   and of folded only the extents count
 ///
 /// Errors: std::invalid_argument where extents do not fit, or aliases do not meet every voxel once.
-/// Threads: split over x. Memory: a bit per voxel of a plane x where aliases are listed; on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
-/// coil and an alias.
+/// Threads: split over x. Memory: a bit per voxel of a plane x where aliases are listed or maps have sets; on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
+/// coil and an alias of a set.
 void sense(const ConstSamples& folded, const ConstSamples& maps,
            const std::array<int, 3>& full_size, const Samples& out,
            const SenseOptions& options = {});
 
 // ---- Sensitivities ------------------------------------------------------------------------------
 
-/// Sensitivity maps from fully measured k-space around its centre (ESPIRiT, one set of maps).
+/// Sensitivity maps from fully measured k-space around its centre (ESPIRiT).
 ///
 ///   calibration  in   (x, y, z, coil), k-space, centres at floor(n / 2)
-///   maps         out  (X, Y, Z, coil), over the same field of view, centres at floor(N / 2)
+///   maps         out  (X, Y, Z, coil, set), over the same field of view, centres at floor(N / 2); no
+///                     more sets than coils
 ///
-/// The coils' squared magnitudes sum to 1 in every voxel of the object and are 0 elsewhere. The image
+/// The coils' squared magnitudes sum to 1 in every voxel of the object and are 0 elsewhere. A second set
+/// is there where the object folds onto itself, as in fields of view that are smaller than it: both are
+/// orthogonal, and the second set is of the eigenvalue that comes next. The image
 /// that the maps unfold to has the phase of the coils' sum weighted with their magnitudes, at the
 /// calibration's resolution. Axes that are shorter than the window are spanned by it. Where the matrix
 /// has more than 256 columns (window samples x coils) the strongest third of them is signal at most.

@@ -34,8 +34,12 @@ constexpr int kTurns = 3;
 /// Columns of a calibration matrix of which any share may be signal. Of more a third at most: data that
 /// fill the rest are noise alone, which costs time and says nothing.
 constexpr Index kSmall = 256;
-/// Products of a voxel's matrix with its vector, which starts as the coils' low-resolution values.
+/// Products of a voxel's matrix with its vector, which starts as the coils' low-resolution values; that
+/// of further sets, which hold what these do not show, as any.
 constexpr int kPowers = 10;
+constexpr Dim kSet{4};  // of maps
+/// Voxels at a time: their matrices stay in the cache.
+constexpr Index kVoxels = 16;
 
 std::size_t at(Index i) { return static_cast<std::size_t>(i); }
 
@@ -219,6 +223,12 @@ Matrix scattered(Index rows, Index cols) {
   };
   for (double& v : out.re) v = next();
   for (double& v : out.im) v = next();
+  return out;
+}
+
+Matrix ones(Index rows, Index cols) {
+  Matrix out(rows, cols);
+  std::fill(out.re.begin(), out.re.end(), 1.0);
   return out;
 }
 
@@ -426,12 +436,32 @@ CTESSEL_INLINE void multiply_voxels(const Matrix& m, const Matrix& v, Index firs
   }
 }
 
-/// Turns the columns of `v` into unit eigenvectors of the largest eigenvalue, by repeated products.
+/// Takes out of the columns of `v` what lies along those of `u`, which are of length 1.
+CTESSEL_INLINE void take_out(const Matrix& u, Index first, Index n, Matrix& v) {
+  double re[kVoxels] = {}, im[kVoxels] = {};
+  for (Index i = first; i < v.rows * v.cols; i += v.cols) {
+    add_product<-1>(u.re.data() + i, u.im.data() + i, v.re.data() + i, v.im.data() + i, re, im, n);
+  }
+  for (Index x = 0; x < n; ++x) {
+    re[x] = -re[x];
+    im[x] = -im[x];
+  }
+  for (Index i = first; i < v.rows * v.cols; i += v.cols) {
+    add_product<1>(u.re.data() + i, u.im.data() + i, re, im, v.re.data() + i, v.im.data() + i, n);
+  }
+}
+
+/// Turns the columns of `v` into unit eigenvectors of the largest eigenvalue but for those of the
+/// `found` ones, by repeated products.
 CTESSEL_CLONES
-void to_eigenvectors(const Matrix& m, Matrix& v, double* eigenvalues) {
-  constexpr Index kVoxels = 16;  // their matrices stay in the cache
+void to_eigenvectors(const Matrix& m, const std::vector<Matrix>& found, Matrix& v,
+                     double* eigenvalues) {
   for (Index first = 0; first < v.cols; first += kVoxels) {
     const Index n = std::min(kVoxels, v.cols - first);
+    const auto leave = [&](Matrix& columns) {
+      for (const Matrix& u : found) take_out(u, first, n, columns);
+    };
+    leave(v);
     normalise(v, first, n, eigenvalues + first);
     Matrix next(v.rows, v.cols);
     for (int power = 0; power < kPowers; ++power) {
@@ -440,6 +470,7 @@ void to_eigenvectors(const Matrix& m, Matrix& v, double* eigenvalues) {
         std::fill_n(next.im.data() + i, n, 0.0);
       }
       multiply_voxels(m, v, first, n, next);
+      leave(next);
       normalise(next, first, n, eigenvalues + first);
       std::swap(v, next);
     }
@@ -462,8 +493,8 @@ Index place(const ConstSamples& s, Index y, Index z) {
   return y * s.stride(Dim::y) + z * s.stride(Dim::z);
 }
 
-/// Maps of one row, cropped where the eigenvalue says that there is no object.
-void store_maps(const Matrix& low, Matrix& v, const std::vector<double>& eigenvalues, double crop,
+/// Maps of one row and set, cropped where the eigenvalue says that there is no object.
+void store_maps(const Matrix& low, Matrix v, const std::vector<double>& eigenvalues, double crop,
                 Index y, Index z, const Samples& maps) {
   std::vector<float> re(at(v.cols)), im(re);
   for (Index x = 0; x < v.cols; ++x) {
@@ -483,11 +514,14 @@ void store_maps(const Matrix& low, Matrix& v, const std::vector<double>& eigenva
 void check(const ConstSamples& calibration, const ConstSamples& maps,
            const EspiritOptions& options) {
   const auto refuse = [](const char* text) { throw std::invalid_argument(text); };
-  if (calibration.ndim() != 4 || calibration.size() == 0 || maps.ndim() != 4) {
+  if (calibration.ndim() != 4 || calibration.size() == 0 || maps.ndim() < 4 || maps.ndim() > 5) {
     refuse("calibration: expected samples in the four axes x, y, z, coil, and maps alike");
   }
-  if (maps.extent(Dim::coil) != calibration.extent(Dim::coil) || maps.size() == 0) {
-    refuse("maps: expected as many coils as the calibration has, and extents of at least 1");
+  if (maps.extent(Dim::coil) != calibration.extent(Dim::coil) || maps.size() == 0 ||
+      maps.extent(kSet) > maps.extent(Dim::coil)) {
+    refuse(
+        "maps: expected as many coils as the calibration has, no more sets, and extents of at "
+        "least 1");
   }
   for (Index c = 0; c < calibration.extent(Dim::coil); ++c) {
     const Index n[] = {calibration.extent(Dim::x), calibration.extent(Dim::y),
@@ -505,8 +539,8 @@ void check(const ConstSamples& calibration, const ConstSamples& maps,
   }
   if (!(options.crop >= 0 && options.crop <= 1)) refuse("crop: expected an eigenvalue of 0 to 1");
   if (!options.eigenvalue) return;
-  for (Dim d : {Dim::x, Dim::y, Dim::z}) {
-    if (options.eigenvalue.extent(d) != maps.extent(d)) {
+  for (int d = 0; d < 4; ++d) {
+    if (options.eigenvalue.extent(Dim(d)) != maps.extent(d < 3 ? Dim(d) : kSet)) {
       refuse("eigenvalue: expected the extents of the maps");
     }
   }
@@ -522,19 +556,25 @@ void espirit(const ConstSamples& calibration, const Samples& maps, const Espirit
   const Matrix space = signal_space(rows, windows.coils, options.threshold);
   const Polynomials matrices = coil_matrices(convolutions(space, windows), windows, size);
   const Polynomials images = low_resolution(calibration, windows, size);
+  const Matrix any = product(scattered(windows.coils, 1), ones(1, size[0]));
   for_each_chunk(size[1] * size[2], [&](std::int64_t begin, std::int64_t end) {
     std::vector<double> eigenvalues(at(size[0]));
     std::vector<float> values(at(size[0]));
     for (auto i = static_cast<Index>(begin); i < end; ++i) {
       const Index y = i % size[1], z = i / size[1];
-      const Matrix low = images.row(y, z);
-      Matrix v = low;
-      to_eigenvectors(matrices.row(y, z), v, eigenvalues.data());
-      store_maps(low, v, eigenvalues, options.crop, y, z, maps);
-      if (!options.eigenvalue) continue;
-      std::copy(eigenvalues.begin(), eigenvalues.end(), values.begin());
-      store_row(values.data(), nullptr,
-                row_of(options.eigenvalue, Dim::x, place(options.eigenvalue, y, z)));
+      const Matrix low = images.row(y, z), row = matrices.row(y, z);
+      std::vector<Matrix> found;
+      for (Index set = 0; set < maps.extent(kSet); ++set) {
+        Matrix v = set == 0 ? low : any;
+        to_eigenvectors(row, found, v, eigenvalues.data());
+        store_maps(low, v, eigenvalues, options.crop, y, z, maps.from(set * maps.stride(kSet)));
+        found.push_back(std::move(v));
+        if (!options.eigenvalue) continue;
+        std::copy(eigenvalues.begin(), eigenvalues.end(), values.begin());
+        const Samples& to = options.eigenvalue;
+        store_row(values.data(), nullptr,
+                  row_of(to, Dim::x, place(to, y, z) + set * to.stride(Dim(3))));
+      }
     }
   });
 }

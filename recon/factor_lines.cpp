@@ -122,9 +122,20 @@ ctessel::FactorProblem::FactorProblem(const Eigen::VectorXi& sens_dims, const Ei
 }
 
 void ctessel::FactorProblem::list(const std::vector<int>& offsets_y,
-                                  const std::vector<int>& offsets_z) {
-  take_list(y, listed_lines(y.lines, static_cast<int>(ny), offsets_y));
-  take_list(z, listed_lines(z.lines, static_cast<int>(nz), offsets_z));
+                                  const std::vector<int>& offsets_z, int64_t number) {
+  const auto of_sets = [&](int lines, int64_t full, const std::vector<int>& offsets, int64_t next) {
+    std::vector<int> found;
+    for (int i = 0; i < lines; ++i) {
+      for (int64_t set = 0; set < number; ++set) {
+        for (int line : listed_lines(i, lines, static_cast<int>(full), offsets))
+          found.push_back(line + static_cast<int>(set * next));
+      }
+    }
+    return found;
+  };
+  take_list(y, of_sets(y.lines, ny, offsets_y, 0));
+  take_list(z, of_sets(z.lines, nz, offsets_z, nz));
+  sets = number;
   listed = true;
 }
 
@@ -155,7 +166,7 @@ ctessel::FactorLines::FactorLines(const FactorProblem& problem, Range columns)
 
 /// Floats from a volume's first sample to this thread's columns in a row, planes of rows in turn.
 int64_t ctessel::FactorLines::offset(int64_t row) const {
-  return x0_ * p_.maps.x + row % p_.ny * p_.maps.y + row / p_.ny * p_.maps.z;
+  return x0_ * p_.maps.x + p_.maps.line(row % p_.ny, row / p_.ny, p_.nz);
 }
 
 /// n samples of a map row, where they lie or, if that is not side by side, as a copy.
@@ -173,7 +184,7 @@ ctessel::FactorLines::Parts ctessel::FactorLines::row(int64_t row, int64_t c, in
 /// last row.
 ctessel::FactorLines::Parts ctessel::FactorLines::past(int64_t row, int64_t c) const {
   const bool wraps = x0_ + width_ == p_.nx;
-  if (wraps && row + 1 == p_.ny * p_.nz) return {nullptr, nullptr};
+  if (wraps && row + 1 == p_.ny * p_.nz * p_.sets) return {nullptr, nullptr};
   const int64_t at = c * p_.maps.coil +
                      (wraps ? offset(row + 1) - x0_ * p_.maps.x : offset(row) + width_ * p_.maps.x);
   return {p_.maps.re + at, p_.maps.im ? p_.maps.im + at : zeros_.data()};
@@ -205,7 +216,7 @@ bool ctessel::FactorLines::include(int y, int z, int64_t k) {
   const float* mask = p_.mask.re;
   if (mask) {
     const FactorProblem::Entries at = p_.entries(y, z, k);
-    mask += x0_ * p_.mask.x + p_.y.nearest[at.y] * p_.mask.y + p_.z.nearest[at.z] * p_.mask.z;
+    mask += x0_ * p_.mask.x + p_.mask.line(p_.y.nearest[at.y], p_.z.nearest[at.z], p_.nz);
   }
   bool any = false;
   for (int64_t i = 0; i < width_; ++i) {
@@ -254,7 +265,7 @@ void ctessel::FactorLines::gather(int y, int z) {
     const FactorProblem::Entries at = p_.entries(y, z, k);
     const float a = p_.y.coord[at.y], c = p_.z.coord[at.z];
     const int ia = static_cast<int>(a), ic = static_cast<int>(c);
-    const Corners around = corner_rows(ia + p_.ny * ic, 1, p_.ny, p_.ny * p_.nz,
+    const Corners around = corner_rows(ia + p_.ny * ic, 1, p_.ny, p_.ny * p_.nz * p_.sets,
                                        static_cast<double>(a) - ia, static_cast<double>(c) - ic);
     for (int64_t coil = 0; coil < p_.nc; ++coil) {
       interpolate(around, coil,
@@ -289,9 +300,9 @@ bool ctessel::FactorLines::finite() const {
 double ctessel::FactorLines::regularisation(int y, int z, int64_t k, int64_t i) const {
   const FactorProblem::Entries of = p_.entries(y, z, k);
   const int64_t row = p_.y.nearest[of.y], slice = p_.z.nearest[of.z], x = x0_ + i;
-  if (x + p_.nx * (row + p_.ny * slice) >= p_.expected_size) return 0;
+  if (x + p_.nx * (row + p_.ny * (slice % p_.nz)) >= p_.expected_size) return 0;
   const Volume& e = p_.expected;
-  const int64_t at = x * e.x + row * e.y + slice * e.z;
+  const int64_t at = x * e.x + e.line(row, slice, p_.nz);
   const double re = e.re[at], im = e.im ? e.im[at] : 0.0f;
   const double expected = static_cast<float>(std::sqrt(re * re + im * im));
   return expected != 0 ? 1.0 / (std::pow(expected, 2.0) * p_.lambda) : 0.0;

@@ -18,7 +18,11 @@ namespace ctessel {
 /// An array on the grid of the maps or images, and its steps from sample to sample. im may be null.
 struct Volume {
   const float *re = nullptr, *im = nullptr;
-  std::int64_t x = 1, y = 0, z = 0, coil = 0;
+  std::int64_t x = 1, y = 0, z = 0, coil = 0, set = 0;
+  /// Floats to line y of slice z. Slices of the second set follow the nz of the first one.
+  std::int64_t line(std::int64_t row, std::int64_t slice, std::int64_t nz) const {
+    return row * y + slice % nz * z + slice / nz * set;
+  }
 };
 
 /// n samples of a row to parts without gaps.
@@ -55,8 +59,10 @@ struct FactorProblem {
         z{dims[2], room_z, {}, {}, {}, false},
         nowhere(true),
         stored(factors.data(), static_cast<std::size_t>(factors.size())) {}
-  /// Takes aliases from lists of offsets; the maps must have the image's lines along both axes.
-  void list(const std::vector<int>& offsets_y, const std::vector<int>& offsets_z);
+  /// Takes aliases from lists of offsets; the maps must have the image's lines along both axes. Those
+  /// of all sets follow each other.
+  void list(const std::vector<int>& offsets_y, const std::vector<int>& offsets_z,
+            std::int64_t sets);
   std::int64_t aliases() const { return alias_count(listed, y.room, z.room); }
   /// Aliases of a folded line.
   std::int64_t count(int line_y, int line_z) const {
@@ -76,7 +82,7 @@ struct FactorProblem {
   std::int64_t all_slots() const { return slots() + (noise ? 2 * aliases() : 0); }
   void record_edges(float* edges_y, float* edges_z) const;
 
-  std::int64_t nx, ny, nz, nc;
+  std::int64_t nx, ny, nz, nc, sets = 1;
   AliasAxis y, z;
   bool listed = false;
   bool nowhere;  // maps of no samples: an entry behind the coils is 0

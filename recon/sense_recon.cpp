@@ -25,6 +25,7 @@ using ctessel::Samples;
 using std::int64_t;
 
 constexpr int64_t kTooMany = -1;
+constexpr Dim kSet{5};  // of maps
 
 /// Product of extents, or kTooMany if it leaves int or an extent is negative.
 int64_t product(std::initializer_list<int64_t> extents) {
@@ -105,6 +106,7 @@ struct DataSet {
   double lambda;
   Samples g, sd, condition, response;
   std::vector<std::array<int, 2>> aliases = {};  // empty: products of y and z
+  int64_t sets = 1;
 };
 
 /// A view of parts without gaps, of thirteen axes: a volume of nx rows and ny rows a plane, and the
@@ -144,11 +146,18 @@ struct Location {
   static constexpr int kAxes[] = {8, 9, 10, 11, 12, 4, 5, 6};
 };
 
+/// Entry l of the axis of locations, behind which there may be one of sets.
 ctessel::Volume volume_of(const ConstSamples& s, Dim axis, int64_t l) {
   if (!s) return {};
   const int64_t at = l * s.stride(axis);
-  return {s.re + at,        s.im ? s.im + at : nullptr, s.stride(Dim::x),
-          s.stride(Dim::y), s.stride(Dim::z),           s.stride(Dim::coil)};
+  const Dim set{static_cast<int>(axis) + 1};
+  return {s.re + at,
+          s.im ? s.im + at : nullptr,
+          s.stride(Dim::x),
+          s.stride(Dim::y),
+          s.stride(Dim::z),
+          s.stride(Dim::coil),
+          s.extent(set) > 1 ? s.stride(set) : 0};
 }
 
 Eigen::VectorXi first_four(const ConstSamples& s) {
@@ -169,7 +178,8 @@ bool wants_noise(const DataSet& d) { return d.g || d.sd || d.condition || d.resp
 ctessel::NoiseImages noise_of(const DataSet& d, const ctessel::FactorProblem& factors, int64_t l) {
   const auto image = [l](const Samples& s) -> ctessel::NoiseImage {
     if (!s) return {};
-    return {s.re + l * s.stride(Dim(3)), s.stride(Dim::x), s.stride(Dim::y), s.stride(Dim::z)};
+    return {s.re + l * s.stride(Dim(3)), s.stride(Dim::x), s.stride(Dim::y), s.stride(Dim::z),
+            s.stride(Dim(4))};
   };
   return {image(d.g), image(d.sd), image(d.condition), image(d.response),
           factors.psi_inverse.size() ? d.psi.data() : nullptr};
@@ -187,6 +197,7 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
                                 .out_x = d.out.stride(Dim::x),
                                 .out_y = d.out.stride(Dim::y),
                                 .out_z = d.out.stride(Dim::z),
+                                .out_set = d.out.stride(Dim::coil),
                                 .volumes = location.count(),
                                 .place = [=](int64_t volume) { return location.place(volume); },
                                 .noise = noise_of(d, factors, location.l)};
@@ -204,7 +215,7 @@ void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
     y.push_back(dy);
     z.push_back(dz);
   }
-  factors.list(y, z);
+  factors.list(y, z, d.sets);
 }
 
 /// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
@@ -246,6 +257,27 @@ void require_on_grid(const ConstSamples& s, const ConstSamples& maps, const char
   if (!s) return;
   for (int d = 0; d < 3; ++d) require_extent(s, d, maps.extent(Dim(d)), what);
   require_extent(s, 3, maps.extent(Dim(4)), what);
+  if (s.extent(Dim(4)) > 1) require_extent(s, 4, maps.extent(kSet), what);
+}
+
+/// The aliases of products of y and z as a list, which sets of maps need.
+std::vector<std::array<int, 2>> products(const ConstSamples& folded,
+                                         const std::array<int, 3>& full) {
+  std::vector<std::array<int, 2>> aliases;
+  const auto ny = static_cast<int>(folded.extent(Dim::y)),
+             nz = static_cast<int>(folded.extent(Dim::z));
+  for (int y = 0; y < full[1]; y += ny) {
+    for (int z = 0; z < full[2]; z += nz) aliases.push_back({y, z});
+  }
+  return aliases;
+}
+
+/// Full lines of an alias along an axis.
+std::vector<int> every_line(int folded, int full, int offset) {
+  std::vector<int> lines;
+  for (int i = 0; i < folded; ++i)
+    lines.push_back(ctessel::listed_lines(i, folded, full, {offset}).front());
+  return lines;
 }
 
 /// Marks the voxels of an alias; false if one was met before.
@@ -266,15 +298,15 @@ void require_every_voxel(const ConstSamples& folded, const ConstSamples& maps,
                          const std::vector<std::array<int, 2>>& aliases) {
   if (aliases.empty()) return;
   for (int d : {1, 2})
-    require_extent(maps, d, full[static_cast<std::size_t>(d)], "with aliases maps");
+    require_extent(maps, d, full[static_cast<std::size_t>(d)], "with aliases or sets maps");
   const auto ny = static_cast<int>(folded.extent(Dim::y)),
              nz = static_cast<int>(folded.extent(Dim::z));
   const auto n = static_cast<int64_t>(aliases.size());
   bool fit = full[1] % ny == 0 && full[2] % nz == 0 && n == int64_t{full[1] / ny} * (full[2] / nz);
   std::vector<bool> met(fit ? static_cast<std::size_t>(int64_t{full[1]} * full[2]) : 0);
   for (std::size_t k = 0; fit && k < aliases.size(); ++k) {
-    fit = mark(ctessel::listed_lines(ny, full[1], {aliases[k][0]}),
-               ctessel::listed_lines(nz, full[2], {aliases[k][1]}), full[1], met);
+    fit = mark(every_line(ny, full[1], aliases[k][0]), every_line(nz, full[2], aliases[k][1]),
+               full[1], met);
   }
   if (!fit) refuse("aliases must meet every voxel along y and z once");
 }
@@ -301,14 +333,12 @@ void require_fit(const ConstSamples& folded, const ConstSamples& maps,
   }
   for (int d = 0; d < 13; ++d) {
     const int64_t n = d < 3 ? full[static_cast<std::size_t>(d)] : folded.extent(Dim(d));
-    if (out) require_extent(out, d, d == 3 ? 1 : n, "out");
-    for (const Samples* noise : {&options.g, &options.sd, &options.condition, &options.response}) {
-      if (*noise && d < 4) {
-        require_extent(*noise, d, d == 3 ? folded.extent(Dim::location) : n, "an image of noise");
-      }
-    }
+    if (out) require_extent(out, d, d == 3 ? maps.extent(kSet) : n, "out");
   }
-  require_every_voxel(folded, maps, full, options.aliases);
+  const int64_t grid[] = {full[0], full[1], full[2], maps.extent(Dim(4)), maps.extent(kSet)};
+  for (const Samples* noise : {&options.g, &options.sd, &options.condition, &options.response}) {
+    for (int d = 0; d < 5 && *noise; ++d) require_extent(*noise, d, grid[d], "an image of noise");
+  }
   if (!folded && (out || (options.expected && options.reference))) {
     refuse("folded images must be given where they are unfolded or give the weight");
   }
@@ -339,6 +369,10 @@ void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                     const std::array<int, 3>& full_size, const Samples& out,
                     const SenseOptions& options) {
   require_fit(folded, maps, full_size, out, options);
+  const int64_t sets = maps.extent(kSet);
+  const auto aliases =
+      sets > 1 && options.aliases.empty() ? products(folded, full_size) : options.aliases;
+  require_every_voxel(folded, maps, full_size, aliases);
   const ::Extents fold(4, first_four(folded).data());
   const int64_t grid = maps.extent(Dim::x) * maps.extent(Dim::y) * maps.extent(Dim::z);
   double weight = options.weight;
@@ -347,7 +381,7 @@ void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                                    root_mean_square(options.reference), fold, full_size.data());
   }
   const DataSet data{folded.with_axes(13),
-                     maps.with_axes(5),
+                     maps,
                      options.mask,
                      options.expected,
                      grid,
@@ -361,7 +395,8 @@ void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                      options.sd,
                      options.condition,
                      options.response,
-                     options.aliases};
+                     aliases,
+                     sets};
   for (const Samples* noise : {&data.g, &data.sd, &data.condition, &data.response}) clear(*noise);
   unfold_locations(data, folded.extent(Dim::location), -1);
 }

@@ -67,8 +67,9 @@ struct UnfoldAxis {
   std::vector<float> coord;
 };
 
-/// Full lines of listed aliases along an axis: those of the first folded line, then of the next.
-std::vector<int> listed_lines(int folded_len, int full_len, const std::vector<int>& offsets);
+/// Full lines of the listed aliases of a folded line along an axis.
+std::vector<int> listed_lines(int folded_line, int folded_len, int full_len,
+                              const std::vector<int>& offsets);
 
 /// Where the pixels of a row lie along the factor grid's x.
 struct RowGrid {

@@ -239,7 +239,7 @@ class Tile {
  private:
   static constexpr std::size_t kWindow = std::size_t{4} * kBlock;
   struct Target {
-    int64_t y, z;
+    int64_t y, z, set;
   };
 
   static bool is_aligned(const ctessel::RowGrid& x, Range columns) {
@@ -447,7 +447,7 @@ class Tile {
       if (!mask_[size(k * width_ + i)]) continue;
       const auto put = [&](const ctessel::NoiseImage& image, double value) {
         if (image.re) {
-          image.re[(x0_ + i) * image.x + to.y * image.y + to.z * image.z] =
+          image.re[(x0_ + i) * image.x + to.y * image.y + to.z * image.z + to.set * image.set] =
               static_cast<float>(value);
         }
       };
@@ -500,11 +500,11 @@ class Tile {
     }
   }
 
-  /// Full line and slice of alias k.
+  /// Full line, slice and set of alias k.
   Target target(int y, int z, int64_t k) const {
     const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(z)]);
-    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)],
-            p_.z.full[size(int64_t{z} * p_.z.room + of.z)]};
+    const int64_t slice = p_.z.full[size(int64_t{z} * p_.z.room + of.z)];
+    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)], slice % p_.full_z, slice / p_.full_z};
   }
 
   void deliver(int y, int z, const VolumePlace& place) {
@@ -514,7 +514,8 @@ class Tile {
     };
     const auto put = [&](int64_t k, int64_t position, int64_t i, int64_t count) {
       const Target to = target(y, z, position);
-      const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z;
+      const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z +
+                         to.set * p_.out_set;
       const float* u = u_.data() + 2 * k * width_ + i;
       ctessel::store_row(
           u, u + width_,

@@ -18,7 +18,7 @@ struct VolumePlace {
 /// An image of noise and its steps; null where it is not wanted.
 struct NoiseImage {
   float* re = nullptr;
-  std::int64_t x = 0, y = 0, z = 0;
+  std::int64_t x = 0, y = 0, z = 0, set = 0;
 };
 
 /// What noise becomes in the image of one location.
@@ -33,10 +33,11 @@ struct SenseProblem {
   Volume folded;
   float *out_re, *out_im;
   std::int64_t out_x, out_y, out_z;  // steps
+  std::int64_t out_set = 0;
   std::int64_t volumes = 1;
   std::function<VolumePlace(std::int64_t volume)> place;
   NoiseImages noise = {};
-  std::int64_t folded_coils = 0, nx = 0, full_x = 0, full_y = 0;
+  std::int64_t folded_coils = 0, nx = 0, full_x = 0, full_y = 0, full_z = 0;
   UnfoldAxis y = {}, z = {};
   RowGrid x = {};
 

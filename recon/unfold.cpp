@@ -45,15 +45,13 @@ RowGrid row_grid(int folded_len, int factor_len) {
 
 }  // namespace
 
-std::vector<int> ctessel::listed_lines(int folded_len, int full_len,
+std::vector<int> ctessel::listed_lines(int folded_line, int folded_len, int full_len,
                                        const std::vector<int>& offsets) {
   std::vector<int> lines;
-  const int64_t first = (int64_t{full_len} - folded_len + 1) / 2;
-  for (int i = 0; i < folded_len; ++i) {
-    for (int offset : offsets) {
-      const int64_t line = (first + i + offset) % full_len;
-      lines.push_back(static_cast<int>(line < 0 ? line + full_len : line));
-    }
+  const int64_t first = (int64_t{full_len} - folded_len + 1) / 2 + folded_line;
+  for (int offset : offsets) {
+    const int64_t line = (first + offset) % full_len;
+    lines.push_back(static_cast<int>(line < 0 ? line + full_len : line));
   }
   return lines;
 }
@@ -64,6 +62,7 @@ void ctessel::SenseProblem::lay_out(const Eigen::VectorXi& fold, const Eigen::Ve
   nx = fold[0];
   full_x = full[0];
   full_y = full[1];
+  full_z = full[2];
   x = row_grid(fold[0], static_cast<int>(factors.nx));
   y = list_lines(fold[1], full[1], factors.y.room, factors.y.lines, edges_y);
   z = list_lines(fold[2], full[2], factors.z.room, factors.z.lines, edges_z);

@@ -4,6 +4,7 @@
 %   image = ctessel_sense(folded, maps, full_size)
 %   image = ctessel_sense(folded, maps, full_size, covariance)
 %   image = ctessel_sense(folded, maps, full_size, covariance, expected, reference, scale)
+%   image = ctessel_sense(folded, maps, full_size, covariance, expected, reference, scale, aliases)
 %
 %   folded       x, y, z, coil, then up to nine more dimensions that are reconstructed one by one;
 %                the eighth is the location. Single or double, as all arrays here.
@@ -12,7 +13,9 @@
 %                x, the object starts at the first sample of coil 1 with a REAL part other than 0.
 %                All later lines of the column count as object. So extend the maps into the air. If
 %                no coil has a sensitivity at a line of the object, the voxels that alias with it are
-%                not finite, and a warning says so.
+%                not finite, and a warning says so. A sixth dimension are sets of maps, for voxels in
+%                which the object folds onto itself (see ctessel_espirit). Y and z are then those of the
+%                image, and multiples of those of FOLDED.
 %   full_size    unfolded extents [X Y] or [X Y Z]. X is that of FOLDED; the factors Y / y and Z / z
 %                may be fractions. If left out or []: x of FOLDED, y and z of MAPS.
 %   covariance   noise of the coils, coil x coil. If left out or []: the identity. Without
@@ -22,7 +25,12 @@
 %   expected     expected magnitude x, y, z, location on the grid of MAPS. It switches on
 %                regularisation, and needs REFERENCE, an image with the same intensity.
 %   scale        divisor of the intensity of FOLDED in the weight of the regularisation; 1 if left out
-%   image        complex single, X x Y x Z x 1, then the other extents of FOLDED. 0 outside of the
+%   aliases      offsets [y z] in unfolded voxels, one a row, for sampling patterns that are not a product
+%                of y and z (CAIPIRINHA), cyclic. Alias k of folded voxel (y, z), from 0, is voxel
+%                mod(y + ceil((Y - size(FOLDED, 2)) / 2) + aliases(k, 1), Y), and so on along z. Every voxel
+%                must occur exactly once, and MAPS must have Y and Z. If left out or []: multiples of the
+%                folded extents.
+%   image        complex single, X x Y x Z x set, then the other extents of FOLDED. 0 outside of the
 %                object.
 %
 % Scale: line j of a folded axis is the SUM of the lines of the full axis that alias onto it; the central
@@ -42,15 +50,19 @@
 %   max(abs(image(:) - disc(:)))                  % rounding only
 %
 % Literature: K. P. Pruessmann et al., "SENSE: sensitivity encoding for fast MRI", Magnetic Resonance
-% in Medicine 42(5):952-962, 1999.
-function image = ctessel_sense(folded, maps, full_size, covariance, expected, reference, scale)
-  if nargin < 2 || nargin > 7, print_usage(); end
+% in Medicine 42(5):952-962, 1999. F. A. Breuer et al., "Controlled aliasing in volumetric parallel
+% imaging (2D CAIPIRINHA)", 55(3):549-556, 2006.
+%
+% See also: ctessel_espirit
+function image = ctessel_sense(folded, maps, full_size, covariance, expected, reference, scale, aliases)
+  if nargin < 2 || nargin > 8, print_usage(); end
   who = 'ctessel_sense';
   if nargin < 3, full_size = []; end
   if nargin < 4, covariance = []; end
   if nargin < 5, expected = []; end
   if nargin < 6, reference = []; end
   if nargin < 7, scale = 1; end
+  if nargin < 8, aliases = []; end
 
   check_array(who, 'FOLDED', folded);
   check_array(who, 'MAPS', maps);
@@ -63,11 +75,12 @@ function image = ctessel_sense(folded, maps, full_size, covariance, expected, re
   end
   check_regularisation(who, folded, expected, reference, maps);
   check_positive(who, 'SCALE', scale);
+  check_aliases(who, aliases, maps, full_size, folded);
   check_count(who, 'FOLDED', folded, numel(folded));
   check_count(who, 'MAPS', maps, numel(maps));
-  check_count(who, 'FULL_SIZE', full_size, prod([full_size, size(folded)(5:end)]));
+  check_count(who, 'FULL_SIZE', full_size, prod([full_size, size(maps, 6), size(folded)(5:end)]));
 
-  image = __ctessel__('sense', folded, maps, full_size, covariance, expected, reference, scale);
+  image = __ctessel__('sense', folded, maps, full_size, covariance, expected, reference, scale, aliases);
   warn_of_singular(who, image, folded);
 end
 
@@ -88,7 +101,7 @@ function check_shapes(who, folded, maps)
   if ndims(folded) > 13, reject_shape(who, 'FOLDED', 'of at most 13 dimensions', folded); end
   if isempty(maps), reject_shape(who, 'MAPS', 'not empty', maps); end
   expected = sprintf('x, y, z, %d coils, %d locations, as FOLDED has', size(folded, 4), size(folded, 8));
-  if size(maps, 4) ~= size(folded, 4) || size(maps, 5) ~= size(folded, 8) || ndims(maps) > 5
+  if size(maps, 4) ~= size(folded, 4) || size(maps, 5) ~= size(folded, 8) || ndims(maps) > 6
     reject_shape(who, 'MAPS', expected, maps);
   end
 end
@@ -104,6 +117,31 @@ function full_size = check_full_size(who, full_size, folded, maps)
   least = [size(folded, 2), size(folded, 3)];
   if any(full_size(2:3) < least)
     reject(who, 'FULL_SIZE', sprintf('at least %d x %d along y and z, as FOLDED is', least), given);
+  end
+end
+
+function check_aliases(who, aliases, maps, full_size, folded)
+  check_array(who, 'ALIASES', aliases);
+  if isempty(aliases) && size(maps, 6) == 1, return, end
+  if ~isequal([size(maps, 2), size(maps, 3)], full_size(2:3))
+    reject_shape(who, 'MAPS', sprintf('%d x %d along y and z, as FULL_SIZE', full_size(2:3)), maps);
+  end
+  factors = full_size(2:3) ./ [size(folded, 2), size(folded, 3)];
+  if any(factors ~= fix(factors))
+    reject(who, 'FULL_SIZE', sprintf('multiples of %d and %d along y and z, as FOLDED is', ...
+                                     size(folded, 2), size(folded, 3)), full_size);
+  end
+  if isempty(aliases), return, end
+  [y, z] = ndgrid(0:size(folded, 2) - 1, 0:size(folded, 3) - 1);
+  met = zeros(full_size(2:3));
+  if isequal(size(aliases), [prod(factors), 2]) && isreal(aliases) && all(fix(aliases(:)) == aliases(:))
+    for offset = double(aliases)'
+      at = sub2ind(size(met), mod(y + offset(1), size(met, 1)) + 1, mod(z + offset(2), size(met, 2)) + 1);
+      met(at) = 1;
+    end
+  end
+  if ~all(met(:))
+    reject_shape(who, 'ALIASES', sprintf('%d x 2 whole numbers that meet every voxel once', prod(factors)), aliases);
   end
 end
 
@@ -163,6 +201,26 @@ end
 %!     assert(image(x, at), single(want.'), 1e-3)
 %!   end
 %! end
+%!test % a shifted lattice: aliases by their offsets, alone and with a set of zeros beside
+%! [x, y, z] = ndgrid((0:2) / 3, (0:7) / 8 - .5, (0:3) / 4 - .5);
+%! angles = reshape((0:7) * pi / 4, 1, 1, 1, 8);
+%! volume_maps = exp(-(y - cos(angles)) .^ 2 - (z - sin(2 * angles)) .^ 2 + 1i * (x + z) .* angles);
+%! volume = complex(rand(3, 8, 4), rand(3, 8, 4)) + .2;
+%! aliases = [0 0; 4 0; 2 2; -2 6];
+%! folded = zeros(3, 4, 2, 8);
+%! for offset = aliases'
+%!   for y = 0:3, for z = 0:1
+%!     at = [mod(y + 2 + offset(1), 8), mod(z + 1 + offset(2), 4)] + 1;
+%!     folded(:, y + 1, z + 1, :) += volume_maps(:, at(1), at(2), :) .* volume(:, at(1), at(2));
+%!   end, end
+%! end
+%! image = ctessel_sense(folded, volume_maps, [], [], [], [], 1, aliases);
+%! assert(image, single(volume), 1e-3)
+%! two = cat(6, volume_maps, 0 * volume_maps);
+%! image = ctessel_sense(folded, two, [], [], ones(3, 8, 4), 1, 1e-6, aliases);
+%! assert(image, single(cat(4, volume, 0 * volume)), 1e-3)
+%! fail('ctessel_sense(folded, volume_maps, [], [], [], [], 1, aliases(1:3, :))', 'ALIASES must be 4 x 2 whole')
+%! fail('ctessel_sense(folded(:, 1:3, :, :), two)', 'FULL_SIZE must be multiples of 3 and 2')
 %!test % further dimensions and locations
 %! two = cat(5, maps, maps(:, end:-1:1, :, :));
 %! stack = complex(rand(12, 24, 1, 1, 2, 1, 1, 2, 3), rand(12, 24, 1, 1, 2, 1, 1, 2, 3));

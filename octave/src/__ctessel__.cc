@@ -132,20 +132,23 @@ Values combine(const Values& args) {
 ConstSamples given(const Single& s) { return s.dims().any_zero() ? ConstSamples() : s.view(); }
 
 /// folded, sensitivities, [X Y Z], covariance or [], regularisation image or [], reference or [],
-/// scale
+/// scale, offsets of aliases (n x 2) or []
 Values sense(const Values& args) {
   const Single folded(args(1)), maps(args(2), true), covariance(args(4)), expected(args(5)),
       reference(args(6));
   const Array<int> full = args(3).int_vector_value();
   std::vector<int> unfolded = extents(folded.dims(), 4);
   std::copy_n(full.data(), 3, unfolded.begin());
-  unfolded[3] = 1;
+  unfolded[3] = extents(maps.dims(), 6)[5];
   Single out(shape(unfolded), true);
   ctessel::SenseOptions options;
   options.covariance = given(covariance);
   options.expected = given(expected);
   options.reference = given(reference);
   options.scale = args(7).double_value();
+  const int32NDArray offsets = args(8).int32_array_value();
+  for (octave_idx_type k = 0; k < offsets.numel() / 2; ++k)
+    options.aliases.push_back({offsets(k), offsets(k + offsets.numel() / 2)});
   ctessel::sense(folded.view(), maps.view(), {full(0), full(1), full(2)}, out.target(), options);
   return ovl(out.value());
 }
@@ -173,18 +176,19 @@ Values noise(const Values& args) {
   return ovl(g.value(), sd.value(), condition.value());
 }
 
-/// calibration, [X Y Z], kernel, threshold, crop
+/// calibration, [X Y Z], kernel, threshold, crop, sets
 Values espirit(const Values& args) {
   const Single calibration(args(1));
   const Array<int> size = args(2).int_vector_value();
-  Single maps(shape({size(0), size(1), size(2), extents(calibration.dims(), 4)[3]}), true);
-  Single eigenvalue(shape({size(0), size(1), size(2)}), false);
+  const int coils = extents(calibration.dims(), 4)[3], sets = args(6).int_value();
+  Single maps(shape({size(0), size(1), size(2), coils, sets}), true);
+  Single eigenvalue(shape({size(0), size(1), size(2), sets}), false);
   ctessel::EspiritOptions options;
   options.kernel = args(3).int_value();
   options.threshold = args(4).double_value();
   options.crop = args(5).double_value();
   options.eigenvalue = eigenvalue.target();
-  ctessel::espirit(calibration.view(4), maps.target(4), options);
+  ctessel::espirit(calibration.view(4), maps.target(5), options);
   return ovl(maps.value(), eigenvalue.value());
 }
 
@@ -265,9 +269,9 @@ constexpr Kernel kKernels[] = {
     {"ringing_filter", 3, ringing_filter},
     {"sos", 2, combine<ctessel::sos, false>},
     {"pcsos", 2, combine<ctessel::pcsos, true>},
-    {"sense", 7, sense},
+    {"sense", 8, sense},
     {"noise", 7, noise},
-    {"espirit", 5, espirit},
+    {"espirit", 6, espirit},
     {"geometry", 7, geometry},
     {"gradient_field", 4, gradient_field},
     {"legendre", 3, legendre},

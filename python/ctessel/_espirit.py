@@ -10,10 +10,11 @@ def espirit(
     kernel=6,
     threshold=0.001,
     crop=0.8,
+    sets=None,
     eigenvalue=False,
     threads=None,
 ):
-    """Coil sensitivities from fully sampled k-space around its centre (ESPIRiT, one set of maps).
+    """Coil sensitivities from fully sampled k-space around its centre (ESPIRiT).
 
     Parameters
     ----------
@@ -30,6 +31,10 @@ def espirit(
     crop : float, optional
         Eigenvalue of a voxel, 1 at best, up to which it counts as outside of the object; from 0, which
         keeps all, to 1.
+    sets : int, optional
+        Sets of maps, 1 to the number of coils. A second one holds what the first does not explain, where
+        the object folds onto itself: in fields of view that are smaller than it. By default one, without
+        an axis.
     eigenvalue : bool, optional
         Also return the voxels' eigenvalues.
     threads : int, optional
@@ -37,11 +42,11 @@ def espirit(
 
     Returns
     -------
-    maps : ndarray of complex64, ``(x, y, z, coil)``
+    maps : ndarray of complex64, ``(x, y, z, coil[, set])``
         In the image domain, Fortran order. The coils' squared magnitudes sum to 1, outside of the
-        object to 0. An image that they unfold has the phase of the coils' sum weighted with their
+        object to 0; sets are orthogonal to each other. An image that they unfold has the phase of the coils' sum weighted with their
         magnitudes, at the resolution of the calibration.
-    eigenvalues : ndarray of float32, ``(x, y, z)``
+    eigenvalues : ndarray of float32, ``(x, y, z[, set])``
         If asked for.
 
     Raises
@@ -60,5 +65,5 @@ def espirit(
     M. Uecker et al., "ESPIRiT - an eigenvalue approach to autocalibrating parallel MRI", Magn.
     Reson. Med. 71:990 (2014).
     """
-    maps, values = _core.espirit(calibration, size, kernel, threshold, crop, threads)
+    maps, values = _core.espirit(calibration, size, kernel, threshold, crop, sets, threads)
     return (maps, values) if eigenvalue else maps

@@ -37,8 +37,10 @@ def sense_recon(
         Folded images, ``(x, y, z, coil, ...)`` with up to 13 axes. Axis 7 is the location: it picks
         the sensitivities; all other axes from the fifth on share them.
     sens : array_like, complex
-        Sensitivities, ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, at the resolution of the
-        unfolded image or a lower one. A coil-0 real part of exactly 0 marks a voxel as empty.
+        Sensitivities, ``(x, y, z, coil[, location[, set]])``, at the resolution of the unfolded image or a
+        lower one. A coil-0 real part of exactly 0 marks a voxel as empty. Several sets, for voxels in
+        which the object folds onto itself, are unfolded together (soft SENSE); they have the extents of
+        the image along y and z, which are multiples of those of `folded`.
     psi : array_like, optional
         Noise covariance, ``(coil, coil)``, Hermitian, without an eigenvalue 0. By default the identity.
         Without regularisation its unit does not matter. With regularisation, ``psi[c, c]`` is the mean
@@ -48,7 +50,7 @@ def sense_recon(
         y and z; the quotients need not be whole. By default the extents of `sens` along y and z.
     ref, reg : array_like, complex or real, optional
         Give both to switch on regularisation. `reg` is an image on the grid of `sens`,
-        ``(x, y, z[, location])``; its squared magnitude is the expected signal power. The weight
+        ``(x, y, z[, location[, set]])``; its squared magnitude is the expected signal power. The weight
         follows from the intensity of `folded` relative to that of the reference image `ref`.
     scale : float, optional
         Divisor of the folded intensity in that weight; not 0.
@@ -56,7 +58,7 @@ def sense_recon(
         The weight itself, above 0, instead of `ref` and `scale`: ``R`` has ``1 / (|reg|^2 weight)`` on its
         diagonal, 0 where `reg` is 0.
     mask : array_like, real or bool, optional
-        ``(x, y, z[, location])`` on the grid of `sens`: not 0 where a voxel is in the object. Each voxel
+        ``(x, y, z[, location[, set]])`` on the grid of `sens`: not 0 where a voxel is in the object. Each voxel
         counts by itself. By default, coil 0 marks the first voxel of a column along y, and all
         later voxels of that column count as well.
     aliases : sequence of two int each, optional
@@ -73,8 +75,9 @@ def sense_recon(
     Returns
     -------
     ndarray of complex64
-        Unfolded image: ``full_size``, then the axes of `folded` after the coils. 0 where no sensitivity is
-        known.
+        Unfolded image: ``full_size``, the set if `sens` has that axis, then the axes of `folded` after the
+        coils. 0 where no sensitivity is known. The magnitude of several sets is the root of their sum of
+        squares: `ctessel.sos` along axis 3.
 
     Raises
     ------
@@ -156,8 +159,8 @@ def sense_noise(
     Parameters
     ----------
     sensitivities : array_like, complex
-        ``(x, y, z, coil)`` or ``(x, y, z, coil, location)``, image domain, on any grid over the
-        unfolded field of view.
+        ``(x, y, z, coil[, location[, set]])``, image domain, on any grid over the unfolded field of
+        view; several sets on that of the image.
     psi : array_like, optional
         Noise covariance of the folded images, ``(coil, coil)``, ``psi[c, c]`` the mean squared
         magnitude. By default the identity.
@@ -178,7 +181,7 @@ def sense_noise(
 
     Returns
     -------
-    g : ndarray of float32, ``(X, Y, Z[, location])``
+    g : ndarray of float32, ``(X, Y, Z[, location[, set]])``
         Noise of the voxel, divided by its noise without aliases; at least 1 without regularisation.
     sd : ndarray of float32
         Standard deviation of the complex value, in the unit of the folded images if `psi` has it. The

@@ -51,7 +51,7 @@ def look(parts, lattices, covariance=None):
     Parameters
     ----------
     parts : iterable of tuple of three ndarray
-        Of each plane or of several, ``(x, y, z, coil)`` and ``(x, y, z)``: sensitivities; an image,
+        Of each plane or of several, ``(x, y, z, coil[, set])`` and ``(x, y, z)``: sensitivities; an image,
         whose energy is the weight of each voxel; what regularisation adds to the equations.
     lattices : sequence of two Lattice
     covariance : ndarray of complex64, ``(coil, coil)``, optional
@@ -62,9 +62,10 @@ def look(parts, lattices, covariance=None):
         inverse = np.linalg.inv(np.linalg.cholesky(covariance.astype(np.complex128))).T
     conditions, left, whole = [np.ones(0)], 0.0, 0.0
     for maps, expected, diagonal in parts:
+        maps = np.moveaxis(maps.reshape((*maps.shape[:4], -1)), 4, 3)  # (x, y, z, set, coil)
         white = maps.astype(np.complex128) if inverse is None else maps @ inverse
         condition, response = _planes(white, diagonal, lattices)
-        inside = (maps != 0).any(3)
+        inside = (maps[:, :, :, 0] != 0).any(3)
         energy = np.where(inside, np.abs(expected).astype(np.float64) ** 2, 0)
         conditions.append(condition[inside])
         left, whole = left + (response * energy).sum(), whole + energy.sum()
@@ -103,7 +104,8 @@ def _groups(lattice):
 
 def _equations(white, diagonal):
     """Condition of the equations of each group of aliases, and the response of every alias."""
-    aliases = white.shape[3] * white.shape[4]
+    voxels, sets = white.shape[3] * white.shape[4], white.shape[-2]
+    aliases = voxels * sets
     white = white.reshape(-1, aliases, white.shape[-1])
     there, unit = (white != 0).any(2), np.eye(aliases)
     matrix = white.conj() @ white.transpose(0, 2, 1)
@@ -111,11 +113,11 @@ def _equations(white, diagonal):
     scale[scale == 0] = 1
     matrix = matrix / scale + ~there[:, :, None] * unit  # voxels outside of the object have no weight
     values = np.linalg.eigvalsh(matrix)
-    added = diagonal.reshape(-1, aliases, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
+    added = np.repeat(diagonal.reshape(-1, voxels, 1), sets, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
     unfolding = np.linalg.solve(matrix + added * unit, matrix)
     condition = values[:, -1:] / np.maximum(values[:, :1], 1e-12 * values[:, -1:])
-    own = np.einsum("gaa->ga", unfolding).real
-    return (a.reshape(diagonal.shape) for a in (np.broadcast_to(condition, there.shape), own))
+    own = np.einsum("gaa->ga", unfolding).real[:, ::sets]  # that of the first set
+    return (a.reshape(diagonal.shape) for a in (np.broadcast_to(condition, own.shape), own))
 
 
 def warnings(figures, reduction):

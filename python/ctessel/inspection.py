@@ -124,7 +124,7 @@ def _of_slice(plan, block, source, plane):
     lines = reconstruct.lines(plan, block, source)[..., :1, :]
     made = reconstruct.reconstruct_block(replace(plan, options=options), block, basis, lines)
     at = plane if plan.matrix[2] > 1 else 0
-    maps = None if basis.maps is None else np.abs(basis.maps[:, :, basis.maps.shape[2] // 2, :MOST_COILS])
+    maps = None if basis.maps is None else _shown(basis.maps)
     return maps, made["image"][:, :, at, 0, 0]
 
 
@@ -137,5 +137,9 @@ def _of_volume(plan, block, source, plane):
     plain = replace(plan, options=replace(plan.options, regularisation=0.0))
     made, _ = reconstruct.volume_sensitivities(plain, block, source, calibration)
     parts = [made.part(x).maps(plan, pattern)[0] for x in slabs.edges(plan, pattern, len(made.lines))]
-    middle = parts[0].shape[2] // 2
-    return np.concatenate([np.abs(part[:, :, middle, :MOST_COILS]) for part in parts]), None
+    return np.concatenate([_shown(part) for part in parts]), None
+
+
+def _shown(maps):
+    """Magnitudes of the first set in the middle plane."""
+    return np.abs(maps.reshape((*maps.shape[:4], -1))[:, :, maps.shape[2] // 2, :MOST_COILS, 0])

@@ -323,6 +323,7 @@ def options(arguments):
         partial="zero" if arguments.no_homodyne else arguments.partial,
         whiten=not arguments.no_noise,
         maps=arguments.maps,
+        map_sets=arguments.map_sets,
         coils=arguments.coils,
         keep_maps=getattr(arguments, "save_maps", None) is not None,
         regularisation=arguments.regularise,

@@ -28,7 +28,7 @@ def read(path, shape, slices=None):
 
     Returns
     -------
-    ndarray of complex64, ``(x, y, z, coil, slice)``
+    ndarray of complex64, ``(x, y, z, coil, slice)``, of a pair with several sets ``(x, y, z, coil, slice, set)``
         As the file has them, image domain; x and y may have any extents.
 
     Raises
@@ -41,10 +41,10 @@ def read(path, shape, slices=None):
         data, named = _load(path)
         maps = data if named else _unnamed(data, coils)
         if shape[2] == 1 and maps.shape[4] == 1:  # the z axis of the file holds slices
-            maps = maps.transpose(0, 1, 4, 3, 2)
+            maps = maps.swapaxes(2, 4)
         if slices and maps.shape[4] != shape[4] and maps.shape[4] > max(slices):
-            maps = maps[..., list(slices)]
-        if maps.shape[3:] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
+            maps = maps[:, :, :, :, list(slices)]
+        if maps.shape[3:5] != tuple(shape[3:5]) or (shape[2] == 1) != (maps.shape[2] == 1):
             raise DefectError(
                 f"its maps, {times_text(data.shape)}, are not of {coils} coils and {shape[4]} slices",
                 "use maps of this scan",
@@ -69,11 +69,13 @@ def _load(path):
 
 def _of_pair(base):
     dims = formats.read_dimensions(base)
-    if dims[4] > 1:
-        raise DefectError(f"has {dims[4]} sets of maps", "take the first one with bart slice 4 0")
-    if max(n for axis, n in enumerate(dims) if axis not in (0, 1, 2, 3, 13)) > 1:
+    if dims[4] > 2:
+        raise DefectError(f"has {dims[4]} sets of maps", "take the first two with bart extract 4 0 2")
+    if max(n for axis, n in enumerate(dims) if axis not in (0, 1, 2, 3, 4, 13)) > 1:
         raise DefectError(f"its maps, {times_text(dims)}, have other axes than k-space, coils and slices", "choose one")
-    return formats.read_pair(base, [*dims[:4], dims[13]], dims)
+    if dims[4] == 1:
+        return formats.read_pair(base, [*dims[:4], dims[13]], dims)
+    return np.moveaxis(formats.read_pair(base, [*dims[:5], dims[13]], dims), 4, 5)
 
 
 def _of_nifti(path):
@@ -104,14 +106,14 @@ def _held(path, shape, slices):
 
 
 def of_slice(plan, index):
-    """Sensitivities of a slice, ``(x, y, z, coil)``, of the file that a plan names; the squares of the
+    """Sensitivities of a slice, ``(x, y, z, coil[, set])``, of the file that a plan names; the squares of the
     coils that are used sum to 1, or to 0. A process reads the file once.
     """
-    held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape), plan.slices)[..., index]
+    held = _held(os.fspath(plan.options.maps), tuple(plan.measured_shape), plan.slices)[:, :, :, :, index]
     maps = np.array(plan.coils_of(held), order="F")
     size = np.sqrt((np.abs(maps) ** 2).sum(3))
     off = (size > 0) & (np.abs(size - 1) > 1e-3)  # maps by `write` keep their bits
-    maps[off] /= size[off][:, None]
+    np.moveaxis(maps, 3, -1)[off] /= size[off][:, None]
     return maps
 
 
@@ -138,11 +140,22 @@ def files_of(path):
 
 
 def write(paths, maps):
-    """Write sensitivities, ``(x, y, z, coil, slice)``, to the names of `files_of`."""
+    """Write sensitivities, ``(x, y, z, coil, slice[, set])``, to the names of `files_of`."""
     if len(paths) == 1:
         import nibabel
 
         return nifti.store(nibabel.Nifti1Image(maps, np.eye(4)), paths[0])
-    dims = [*maps.shape[:4], *[1] * 9, maps.shape[4], 1, 1]
-    np.asarray(maps, "<c8").ravel("F").tofile(paths[0])
+    sets = np.moveaxis(maps.reshape((*maps.shape[:5], -1)), 5, 4)
+    dims = [*sets.shape[:5], *[1] * 8, sets.shape[5], 1, 1]
+    np.asarray(sets, "<c8").ravel("F").tofile(paths[0])
     paths[1].write_text("# Dimensions\n" + " ".join(map(str, dims)) + "\n")
+
+
+def together(parts):
+    """Sensitivities of slices, ``(x, y, z, coil, slice[, set])``, one behind the other: those of one set have
+    zeros where others have a second one."""
+    parts = [part.reshape((*part.shape[:5], -1)) for part in parts]
+    most = max(part.shape[5] for part in parts)
+    filled = [np.pad(part, [(0, 0)] * 5 + [(0, most - part.shape[5])]) for part in parts]
+    whole = np.asfortranarray(np.concatenate(filled, 4))
+    return whole if most > 1 else whole[..., 0]

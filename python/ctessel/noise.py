@@ -180,12 +180,14 @@ def _unfolding(plan, pattern, maps):
     if maps is None:
         return {}
     full = (len(maps), *pattern.full[1:])
+    maps = maps if maps.ndim == 4 else maps[:, :, :, :, None]
     sizes = {"full_size": full, "psi": plan.covariance, "threads": plan.options.threads}
     folded = (full[0], *(lattice.folded for lattice in pattern.lattices))
     _, alone, _ = sense_noise(maps, fold_size=full, **sizes)
     aliases = alias_offsets(pattern.lattices)
     _, _, condition = sense_noise(maps, fold_size=folded, aliases=aliases, **sizes)
-    return {"alone": alone, "condition": np.nan_to_num(condition, posinf=2.0**52)}
+    first = (slice(None),) * 3 + (0,) * (alone.ndim - 3)  # of sets
+    return {"alone": alone[first], "condition": np.nan_to_num(condition[first], posinf=2.0**52)}
 
 
 def _amplification(plan, pattern, sd, alone, fills):

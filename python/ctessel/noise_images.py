@@ -89,9 +89,10 @@ def _of_slice(plan, source, index, count):
         frame = reconstruct.lines(plan, block, source)
         operator = (_of_volumes if plan.in_slabs else _of_lines)(plan, block, source, frame)
         there, together = frame != 0, max(1, plan.group)
+        factor = np.linalg.cholesky(plan.covariance.astype(complex)).astype(np.complex64)
         for start in range(0, wanted.size, together):
             numbers = wanted[start : start + together]
-            samples = [_samples(plan, there, index, volume) for volume in numbers.tolist()]
+            samples = [_samples(plan, factor, there, index, volume) for volume in numbers.tolist()]
             yield numbers, operator(np.asfortranarray(np.concatenate(samples, 5)))
 
 
@@ -102,10 +103,18 @@ def _of_lines(plan, block, source, frame):
     def operator(samples):
         return reconstruct.reconstruct_block(plan, block, basis, samples)["image"]
 
-    if not (basis.fills or reconstruct.removes_phase(plan, pattern)):
+    held = basis.fills or reconstruct.removes_phase(plan, pattern)
+    if held:
+        complete = reconstruct.complete_lines(plan, pattern, basis, frame)
+        basis.phase = reconstruct.held_phase(plan, pattern, basis, complete)
+    if not held and (basis.maps is None or basis.maps.ndim == 4):
         return operator
-    basis.phase = reconstruct.held_phase(plan, pattern, basis, reconstruct.complete_lines(plan, pattern, basis, frame))
-    image = operator(frame)  # all steps are linear near an image
+    return _beside(operator, frame)
+
+
+def _beside(operator, frame):
+    """What the noise does to an image: all steps are linear near it."""
+    image = operator(np.array(frame, order="F"))
     return lambda samples: operator(np.asfortranarray(frame + samples)) - image
 
 
@@ -119,12 +128,12 @@ def _of_volumes(plan, block, source, frame):
         lines = slabs.transformed(every, pattern, samples, True)
         return reconstruct.volume_image(plan, block, lines, *shared, None)["image"]
 
-    return operator
+    return operator if shared[0].sets == 1 else _beside(operator, frame)
 
 
-def _samples(plan, there, index, volume):
-    """Noise that replaces the samples of a frame, ``(x, y, z, coil, echo, 1)``."""
+def _samples(plan, factor, there, index, volume):
+    """Noise that replaces the samples of a frame, ``(x, y, z, coil, echo, 1)``, with the covariance
+    `factor factor^H`."""
     place = index if plan.slices is None else plan.slices[index]  # within the whole scan
     random = np.random.default_rng([SEED, place, volume])
-    factor = np.linalg.cholesky(plan.covariance.astype(complex)).astype(np.complex64)
     return drawn(random, there.shape, factor) * there

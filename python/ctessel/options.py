@@ -62,6 +62,13 @@ def _coil_list(text):
     return parse(text)
 
 
+@checked
+def _map_sets(text):
+    if text not in ("auto", "1", "2"):
+        raise ValueError(f"expected auto, 1 or 2, got {text!r}")
+    return text if text == "auto" else int(text)
+
+
 # ---- Options -------------------------------------------------------------------------------------
 
 
@@ -116,6 +123,14 @@ def add_steps(command):
         "--maps",
         metavar="FILE",
         help="coil sensitivities from a BART pair, NIfTI, MATLAB or HDF5 file; x, y, z, coil, slice",
+    )
+    steps.add_argument(
+        "--map-sets",
+        type=_map_sets,
+        default="auto",
+        metavar="N",
+        help="sets of sensitivities: 1, 2 where the field of view is smaller than the object, or auto (the "
+        "default), which takes the second one where the calibration asks for it",
     )
     steps.add_argument(
         "--coils",

@@ -4,6 +4,7 @@ from dataclasses import replace
 
 import numpy as np
 
+from . import maps
 from .plan import geometry_warnings, geometry_words
 from .scan import AXES
 
@@ -83,10 +84,10 @@ def merge(results, gaps=False):
     odd = [entry for result in results for entry in result.parameters.get("inconsistent", [])]
     if odd:
         merged.parameters = merged.parameters | {"inconsistent": odd}
-    for name in {"prediction", "residual", "condition", "response"} & set(merged.parameters):
+    for name in {"prediction", "residual", "condition", "response", "map_sets", "unexplained"} & set(merged.parameters):
         if axis == "slice":  # one a slice
             figures = [figure for result in results for figure in result.parameters[name]]
             merged.parameters = merged.parameters | {name: figures}
     if axis == "slice" and merged.maps is not None:
-        merged.maps = np.concatenate([result.maps for result in results], 4)
+        merged.maps = maps.together([result.maps for result in results])
     return merged

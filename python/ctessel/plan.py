@@ -9,7 +9,7 @@ from math import prod
 
 import numpy as np
 
-from . import __version__, coil_choice, coverage, maps
+from . import __version__, coil_choice, coverage, map_sets, maps
 from .gradients import Coefficients
 from .partial import clipped
 from .replicas import REPLICAS
@@ -56,6 +56,8 @@ class Options:
       position ("HFS", "HFP", "FFS", "FFP"), instead of that of the header.
     * `maps`: a file of sensitivities, used instead of the calibration. `keep_maps`: return the
       sensitivities with the image.
+    * `map_sets`: sets of sensitivities: 1, 2 for fields of view that are smaller than the object, or "auto",
+      two where one does not explain the calibration.
     * `coils`: numbers of the coils that are used, from 0; by default all that are not defective.
     """
 
@@ -75,6 +77,7 @@ class Options:
     position: str | None = None
     maps: str | None = None
     keep_maps: bool = False
+    map_sets: int | str = "auto"
     coils: tuple[int, ...] | None = None
     threads: int | None = None
 
@@ -174,6 +177,10 @@ class Plan:
     def reduction(self):
         """Acceleration; the largest one of several patterns."""
         return max(prod(lattice.reduction for lattice in p.lattices) for p in self.patterns)
+
+    def map_sets(self, pattern):
+        """Sets of sensitivities of a pattern of lines: 1, 2, or "auto", which the data decide."""
+        return map_sets.allowed(self.options.map_sets, pattern, self.shape[3])
 
     @property
     def in_snr(self):
@@ -285,7 +292,8 @@ class Plan:
         if pattern.weighted:
             slots = size * coils * prod(lattice.folded for lattice in pattern.lattices)
             lines, cut = slots * self.shape[0], slots * self.readout
-            maps = 8 * coils * prod(pattern.calibration_pixels)
+            sets = 1 if self.map_sets(pattern) == 1 or not pattern.unfolds else 2
+            maps = 8 * sets * coils * prod(pattern.calibration_pixels)
             volume = max(pixels, size * prod(pattern.full))
             if pattern.unfolds:  # coil by coil, so that measured lines can be put back
                 frames = size * coils * prod(self.shape[:3])
@@ -332,6 +340,7 @@ def plan(scan, options=None):
     noisy = covariance is not None and layout.shape[3] > 1
     patterns = tuple(_pattern(layout, options, grid, sampling, noisy) for sampling in samplings)
     _check_regularisation(options, covariance, patterns)
+    map_sets.check(options.map_sets, options.maps, patterns, layout.shape[3])
     _check_maps(measured, options, patterns, layout.slices)
     _check_units(options, covariance)
     made = Plan(
@@ -715,6 +724,8 @@ def _sense_words(made):
     unfolding = next(pattern for pattern in made.patterns if pattern.unfolds)
     kind = "calibration" if made.calibration.separate else "ACS"
     words = f"sensitivity maps (ESPIRiT) from {times_text(made.calibration.lines)} {kind} lines"
+    if made.map_sets(unfolding) != 1:
+        words += {2: ", two sets", "auto": ", two sets where one is not enough"}[options.map_sets]
     if options.maps is not None:
         words = f"sensitivity maps from {printable(options.maps)}"
     factors = _factor_words(unfolding.lattices)

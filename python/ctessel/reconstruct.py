@@ -12,7 +12,7 @@ from math import prod
 
 import numpy as np
 
-from . import conditioning, consistency, homodyne, runtime, slabs
+from . import conditioning, consistency, homodyne, map_sets, maps, runtime, slabs
 from ._arrays import fftshift, ringing_filter
 from ._helpers import sa
 from .conditioning import Conditioning
@@ -26,7 +26,6 @@ from .fourier import (
     unshifted_image,
     unshifted_kspace,
 )
-from .maps import of_slice
 from .plan import plan as make_plan
 from .partial import pocs, prediction_error, smooth_phase
 from .replicas import REPLICAS, in_units, spread
@@ -56,8 +55,9 @@ class Result:
 
     `field` is their field of view in mm. `steps` says what was done, `parameters` with which numbers, and
     `warnings` why the image may surprise. `selection` is the part of the scan: axis,
-    first and last index. `maps`, ``(x, y, z, coil, slice)``, are the sensitivities with
-    `Options.keep_maps`, on the unfolded grid; 0 for coils that are left out.
+    first and last index. `maps`, ``(x, y, z, coil, slice[, set])``, are the sensitivities with
+    `Options.keep_maps`, on the unfolded grid; 0 for coils that are left out, and in a second set that
+    only other slices have.
     """
 
     image: np.ndarray
@@ -93,7 +93,7 @@ class Basis:
     partial scan are filled by POCS, and its error on hidden lines; what the sensitivities do not explain
     of the calibration, as sums for each x; how well the coils separate aliases; the fixed phase (that of
     POCS, or the low-resolution image of homodyne); the standard deviation of the image if it is the unit;
-    the misfit of lines of the last unfolded block of a slice.
+    the misfit of lines of the last unfolded block of a slice; how many sets of sensitivities there are.
     """
 
     maps: np.ndarray | None = None
@@ -107,6 +107,7 @@ class Basis:
     phase: np.ndarray | None = None
     sd: np.ndarray | None = None
     misfit: np.ndarray | None = None
+    choice: map_sets.Choice | None = None
 
 
 def reconstruct(source, options=None, progress=None, client=None, *, plan=None):
@@ -158,24 +159,27 @@ class _Gathered:
     """Collects the image of a plan, and other results of its blocks, in any order."""
 
     def __init__(self, plan):
-        self.plan, self.figures, self.maps, self.done = plan, _Figures(plan), None, 0
+        self.plan, self.figures, self.maps, self.done = plan, _Figures(plan), {}, 0
         self.image = np.zeros(plan.image_shape, plan.image_type, order="F")
 
     def add(self, block, made):
         slices, echoes, repetitions = self.plan.kept
         self.figures.add(block, made)
         if "maps" in made:
-            if self.maps is None:
-                shape = (*made["maps"].shape[:3], self.plan.measured_shape[3], len(slices))
-                self.maps = np.zeros(shape, np.complex64, order="F")
-            kept = self.plan.choice.kept if self.plan.choice else slice(None)
-            self.maps[:, :, :, kept, block.slice - slices.start] = made["maps"]
+            self._keep(block.slice, made["maps"])
         volumes = made["image"][:, :, :, echoes.start : echoes.stop]
         self.image[:, :, :, block.slice - slices.start][..., block.along(repetitions.start)] = volumes
         self.done += prod(volumes.shape[3:])
 
+    def _keep(self, index, own):
+        kept = self.plan.choice.kept if self.plan.choice else slice(None)
+        shape = (*own.shape[:3], self.plan.measured_shape[3], *own.shape[4:])
+        self.maps[index] = np.zeros(shape, np.complex64, order="F")
+        self.maps[index][:, :, :, kept] = own
+
     def result(self):
         plan, figures = self.plan, self.figures.entries()
+        kept = [self.maps[index][:, :, :, :, None] for index in sorted(self.maps)]
         if plan.stack:
             self.image[:, :, 0] = straightened(plan, self.image[:, :, 0])
         return Result(
@@ -188,8 +192,9 @@ class _Gathered:
                 *plan.warnings,
                 *conditioning.warnings(figures, plan.reduction),
                 *consistency.warnings(figures.get("inconsistent", [])),
+                *map_sets.warnings(plan.options.map_sets, figures),
             ],
-            self.maps,
+            maps.together(kept) if kept else None,
         )
 
 
@@ -211,6 +216,9 @@ class _Figures:
         if "residual" in made:
             lost, energy = made["residual"].sum(0)
             self._keep("residual", at, float(lost / energy) if energy > 0 else None)
+        if "sets" in made:
+            self._keep("map_sets", at, int(made["sets"][0]))
+            self._keep("unexplained", at, [float(share) for share in made["sets"][1:] if np.isfinite(share)])
         for name in {"condition", "response"} & set(made):
             self._keep(name, at, float(made[name][0]))
 
@@ -396,15 +404,33 @@ def _sensitivities(plan, block, calibration):
         made = sensitivity_maps(samples, size, mask=0, threads=threads)
         return Basis(*(np.asfortranarray(resize(a, pattern.full)) for a in made))
     images = to_image(resize(low_resolution(samples, threads=threads), size), threads=threads)
-    if options.maps is None:
-        maps = resize(eigen_maps(samples, size, mask=options.mask, threads=threads)[0], pattern.full)
-    else:
-        maps = of_slice(plan, block.slice)
-    maps, images = (np.asfortranarray(a) for a in (maps, resize(images, pattern.full)))
+    images = np.asfortranarray(resize(images, pattern.full))
+    choice, own = None, maps.of_slice(plan, block.slice) if options.maps is not None else None
+    if own is None:
+        choice, own = _eigen_maps(plan, pattern, samples, images)
     expected = combine(images, threads=threads)
-    inside = expected[(maps != 0).any(3)]
+    inside = expected[(own[..., 0] if own.ndim > 4 else own).any(3)]
     share = damping(samples, inside, plan.covariance is not None, threads)
-    return Basis(maps, expected, damping=share, residual=calibration_residual(maps, images)[1])
+    return Basis(own, expected, damping=share, residual=calibration_residual(own, images)[1], choice=choice)
+
+
+def _eigen_maps(plan, pattern, samples, images):
+    """How many sets of sensitivities a slice has, and these."""
+    threads, size, made = plan.options.threads, pattern.calibration_pixels, {}
+
+    def make(sets):
+        found = eigen_maps(samples, size, mask=plan.options.mask, sets=sets, threads=threads)[0]
+        made[sets] = np.asfortranarray(resize(found, pattern.full))
+
+    def look(sets):
+        make(sets)
+        sharp = to_image(resize(samples, size, threads), threads=threads)
+        return map_sets.residual(map_sets.sums(made[sets], images, resize(sharp, pattern.full)))
+
+    choice = map_sets.choose(plan.map_sets(pattern), look, samples.shape[3])
+    if choice is None:
+        make(1)
+    return choice, made[choice.sets if choice else 1]
 
 
 def cut_calibration(plan, calibration):
@@ -441,7 +467,8 @@ def reconstruct_block(plan, block, basis, samples, transformed=False):
     image = _image(plan, pattern, basis, samples, transformed)
     if basis.sd is not None:
         image = in_units(image, basis.sd)
-    made = {"image": _placed(plan, block, image), **_beside(plan, basis), **_conditioned(basis.conditioning)}
+    made = {"image": _placed(plan, block, image), **_beside(plan, basis)}
+    made |= _conditioned(basis.conditioning) | _counted(basis.choice)
     if basis.prediction is not None:
         made["prediction"] = np.full(samples.shape[5], basis.prediction)
     # If aliases cannot be separated, all lines fit badly; another warning says so.
@@ -461,6 +488,10 @@ def _conditioned(found):
     if found is None:
         return {}
     return {"condition": np.array([found.condition]), "response": np.array([found.response])}
+
+
+def _counted(choice):
+    return {} if choice is None else {"sets": choice.figures()}
 
 
 def _combined(plan, pattern, image):
@@ -506,7 +537,12 @@ def _completed(plan, pattern, basis, lines):
         damping=1e-6 * basis.damping,  # for maps that are 0
         threads=threads,
     )
-    return to_kspace(image[:, :, :, None], (1, 2), threads, overwrite=True)
+    return to_kspace(_by_set(image, basis.maps), (1, 2), threads, overwrite=True)
+
+
+def _by_set(image, maps):
+    """An unfolded image with an axis of sets."""
+    return image if maps.ndim > 4 else image[:, :, :, None]
 
 
 def _unfolded(plan, pattern, basis, lines):
@@ -517,7 +553,7 @@ def _unfolded(plan, pattern, basis, lines):
     takes longer than unfolding.
     """
     options, threads = plan.options, plan.options.threads
-    image = unfold(
+    unfolded = unfold(
         folded_image(lines, pattern.lattices, threads),
         basis.maps,
         pattern.lattices,
@@ -527,13 +563,16 @@ def _unfolded(plan, pattern, basis, lines):
         strength=options.regularisation,
         damping=basis.damping,
         threads=threads,
-    )[:, :, :, None]
+    )
+    image = _by_set(unfolded, basis.maps)
     if not pattern.keeps_lines:  # measured lines have the right intensity, and most of the energy
         image *= basis.conditioning.gain
-    maps = basis.maps.reshape(basis.maps.shape + (1,) * (image.ndim - 4))
-    coils = np.empty((*maps.shape[:4], *image.shape[4:]), np.complex64, order="F")
+    sets = basis.maps.reshape((*basis.maps.shape[:4], -1, *(1,) * (image.ndim - 4)))
+    coils = np.empty((*sets.shape[:4], *image.shape[4:]), np.complex64, order="F")
     for centred, first in moved(pattern.full, (1, 2)):
-        np.multiply(image[centred], maps[centred], out=coils[first])
+        np.multiply(image[centred][:, :, :, :1], sets[centred][:, :, :, :, 0], out=coils[first])
+        for number in range(1, sets.shape[4]):
+            coils[first] += image[centred][:, :, :, number : number + 1] * sets[centred][:, :, :, :, number]
     coils = unshifted_kspace(coils, (1, 2), threads)
     if pattern.keeps_lines:
         measured = resize(lines, (len(lines), *pattern.full[1:]), threads)
@@ -763,11 +802,19 @@ def volume_sensitivities(plan, block, source, calibration):
         return slabs.Sensitivities(None), None
     made, expected = slabs.sensitivities(plan, pattern, calibration)
     if pattern.unfolds and plan.options.maps is not None:
-        made.given = of_slice(plan, block.slice)
+        made.given = maps.of_slice(plan, block.slice)
     if not pattern.unfolds:
         return made, None
     levels = _volume_levels(plan, block, source, expected)
-    shown = (made.part(slice(x, x + 1)) for x in conditioning.planes(len(made.lines)))
+    shown = [made.part(slice(x, x + 1)) for x in conditioning.planes(len(made.lines))]
+
+    def look(sets):
+        return map_sets.residual(sum(part.sums(plan, pattern, sets) for part in shown))
+
+    if made.given is None:
+        made.choice = map_sets.choose(plan.map_sets(pattern), look, made.lines.shape[3])
+        made.sets = made.choice.sets if made.choice else 1
+        shown = [replace(part, sets=made.sets) for part in shown]
     parts = (part.maps(plan, pattern)[:2] for part in shown)
     basis = Basis(levels=levels, damping=made.damping)
     made.conditioning = _conditioning(plan, pattern, basis, parts)
@@ -840,7 +887,7 @@ def volume_image(plan, block, volume, sensitivities, levels, client):
     if sensitivities.sd is not None:
         made["image"] = in_units(made["image"], sensitivities.sd)
     made["image"] = _placed(plan, block, made["image"])
-    return made | _conditioned(sensitivities.conditioning)
+    return made | _conditioned(sensitivities.conditioning) | _counted(sensitivities.choice)
 
 
 def _here(client):
@@ -856,8 +903,8 @@ def _slab(plan, block, sensitivities, levels, samples, x=None):
 def _slab_basis(plan, pattern, sensitivities, levels):
     if not pattern.weighted:
         return Basis()
-    maps, expected, residual = sensitivities.maps(plan, pattern)
-    basis = Basis(maps, expected, levels, damping=sensitivities.damping, residual=residual)
+    own, expected, residual = sensitivities.maps(plan, pattern)
+    basis = Basis(own, expected, levels, damping=sensitivities.damping, residual=residual)
     basis.conditioning = sensitivities.conditioning
     return basis
 

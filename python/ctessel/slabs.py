@@ -7,7 +7,7 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
-from . import runtime
+from . import map_sets, runtime
 from ._arrays import ringing_filter
 from ._coils import pcsos
 from ._helpers import sa
@@ -23,6 +23,7 @@ from .steps import (
     object_mask,
     plane_maps,
     relative_maps,
+    without,
 )
 
 
@@ -97,6 +98,8 @@ class Sensitivities:
     damping: float = 0.0
     conditioning: Conditioning | None = None
     sd: np.ndarray | None = None  # of the image, (x, y, z), where that is its unit
+    sets: int = 1  # of maps
+    choice: map_sets.Choice | None = None
 
     def part(self, x):
         if self.lines is None:
@@ -117,17 +120,24 @@ class Sensitivities:
         residual = calibration_residual(maps, images)[1]
         return maps, pcsos(images, threads=plan.options.threads), residual
 
-    def images(self, plan, size, x=slice(None)):
+    def images(self, plan, size, x=slice(None), window=WINDOW):
         """Low-resolution images of the coils."""
-        lines = low_resolution(self.lines[x], (0, WINDOW, WINDOW), threads=plan.options.threads)
+        lines = low_resolution(self.lines[x], (0, window, window), threads=plan.options.threads)
         lines = resize(lines, size, plan.options.threads)
         return to_image(lines, (1, 2), plan.options.threads, overwrite=True)
 
     def _eigen_maps(self, plan, size):
         planes = np.flatnonzero(self.voxels.any((1, 2)))
-        maps, values = plane_maps(self.lines, size, planes, plan.options.threads)
-        maps[(self.voxels == EMPTY) | ((self.voxels == DIM) & (values <= CROP))] = 0
-        return maps
+        maps, values = plane_maps(self.lines, size, planes, self.sets, plan.options.threads)
+        empty, dim = self.voxels == EMPTY, self.voxels == DIM
+        return without(maps, values, lambda value: empty | (dim & (value <= CROP)))
+
+    def sums(self, plan, pattern, sets):
+        """What `ctessel.map_sets.residual` adds up, with so many sets."""
+        full = (len(self.lines), *pattern.full[1:])
+        size = (full[0], *pattern.calibration_pixels[1:])
+        both = (resize(self.images(plan, size, window=window), full) for window in (WINDOW, 0))
+        return map_sets.sums(replace(self, sets=sets).maps(plan, pattern)[0], *both)
 
 
 def sensitivities(plan, pattern, calibration):

@@ -21,6 +21,8 @@ DARK = 0.05
 WINDOW_LINES = 24
 #: A voxel is inside of the object if its eigenvalue is at least this.
 CROP = 0.8
+#: The same of the second set: what it shows less of is not worth the noise.
+FURTHER = 0.7
 #: Kernel of the maps of large slices. A larger one takes up to twice the time; errors of measured heads
 #: stay within half a percent.
 KERNEL = 5
@@ -175,7 +177,7 @@ def object_mask(magnitude, threshold):
     return ndimage.maximum_filter(inside, [2 * r + 1 for r in reach])
 
 
-def eigen_maps(calibration, size, *, mask=0.05, threads=None):
+def eigen_maps(calibration, size, *, mask=0.05, sets=1, threads=None):
     """Coil sensitivities as eigenvectors of the calibration data, and their combined image.
 
     Maps are those of `ctessel.espirit`. In volumes each plane across the fully sampled readout has its own
@@ -190,11 +192,13 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
         Extents of the maps, over the field of view of the calibration lines.
     mask : float, optional
         Voxels above this share of the brightest magnitude count as inside.
+    sets : int, optional
+        Sets of maps; further ones are 0 where their eigenvalue is small.
     threads : int, optional
 
     Returns
     -------
-    maps : ndarray of complex64, ``(x, y, z, coil)``
+    maps : ndarray of complex64, ``(x, y, z, coil)``, of several sets ``(x, y, z, coil, set)``
         0 outside of the object.
     combined : ndarray of complex64, ``(x, y, z)``
         Combined low-resolution image.
@@ -203,18 +207,30 @@ def eigen_maps(calibration, size, *, mask=0.05, threads=None):
     if calibration.shape[2] == 1:
         across = min(len(calibration), max(calibration.shape[1], WINDOW_LINES))
         lines = np.asfortranarray(calibration[central(len(calibration), across)])
-        maps, values = _slice_maps(lines, size, threads)
+        maps, values = _slice_maps(lines, size, sets, threads)
     else:
-        maps, values = _planes(calibration, size, threads)
+        maps, values = _planes(calibration, size, sets, threads)
     bright = np.abs(combined)
     # Planes beside the object are noise, of which every voxel is an eigenvector's.
-    outside = ((values <= CROP) | (bright < mask / 5 * bright.max())) & ~object_mask(bright, mask)
-    maps[outside] = 0
-    return maps, combined
+    dark = bright < mask / 5 * bright.max()
+    return without(maps, values, lambda value: ((value <= CROP) | dark) & ~object_mask(bright, mask)), combined
 
 
-def _slice_maps(lines, size, threads):
+def without(maps, values, outside):
+    """Maps that are 0 where `outside`, a function of the first set's eigenvalues, says so, and those of further
+    sets also where their own eigenvalues do. They are changed."""
+    if maps.ndim == 4:
+        maps[outside(values)] = 0
+        return maps
+    maps[outside(values[..., 0])] = 0
+    maps[..., 1:] *= (values[..., 1:] > FURTHER)[:, :, :, None]
+    return maps
+
+
+def _slice_maps(lines, size, sets, threads):
     """Maps and eigenvalues of a slice."""
+    if sets > 1:  # the further ones have no phase that is smooth between voxels
+        return espirit(lines, size=size, kernel=SMALL_KERNEL, crop=0, sets=sets, eigenvalue=True, threads=threads)
     coarse = [n if n < COARSE else -(-n // 2) for n in size]
     kernel = SMALL_KERNEL if coarse == list(size) else KERNEL
     made = espirit(lines, size=coarse, kernel=kernel, crop=0, eigenvalue=True, threads=threads)
@@ -238,21 +254,23 @@ def _finer(a, n, axis):
     return (1 - share) * a.take(first % m, axis) + share * a.take((first + 1) % m, axis)
 
 
-def _planes(calibration, size, threads):
+def _planes(calibration, size, sets, threads):
     lines = to_image(resize(calibration, (size[0],), threads), (0,), threads)
-    return plane_maps(lines, size, threads=threads)
+    return plane_maps(lines, size, sets=sets, threads=threads)
 
 
-def plane_maps(lines, size, planes=None, threads=None):
+def plane_maps(lines, size, planes=None, sets=1, threads=None):
     """Maps and eigenvalues of planes across the readout, which is transformed."""
-    maps = np.zeros((*size, lines.shape[3]), np.complex64, order="F")
-    values = np.zeros(size, np.float32, order="F")
+    number = (sets,) if sets > 1 else ()
+    maps = np.zeros((*size, lines.shape[3], *number), np.complex64, order="F")
+    values = np.zeros((*size, *number), np.float32, order="F")
     for x in range(size[0]) if planes is None else planes:
         made = espirit(
             np.asfortranarray(lines[x][:, :, None]),
             size=(*size[1:], 1),
             kernel=PLANE_KERNEL,
             crop=0,
+            sets=sets if sets > 1 else None,
             eigenvalue=True,
             threads=threads,
         )
@@ -266,8 +284,8 @@ def calibration_residual(maps, images):
 
     Parameters
     ----------
-    maps : ndarray of complex64, ``(x, y, z, coil)``
-        The squares of all coils sum to 1, or to 0.
+    maps : ndarray of complex64, ``(x, y, z, coil)`` or ``(x, y, z, coil, set)``
+        The squares of all coils of a set sum to 1, or to 0.
     images : ndarray of complex64, ``(x, y, z, coil)``
         Of the calibration lines.
 
@@ -278,8 +296,11 @@ def calibration_residual(maps, images):
     sums : ndarray of float64, ``(x, 2)``
         For each x the sum of ``|c|^2 - |S^H c|^2`` and that of ``|c|^2`` over the voxels with maps.
     """
-    energy = np.where((maps != 0).any(3), (np.abs(images) ** 2).sum(3), 0)
-    lost = np.maximum(energy - np.abs((maps.conj() * images).sum(3)) ** 2, 0)
+    sets = [maps] if maps.ndim == 4 else np.moveaxis(maps, 4, 0)
+    energy = np.where((sets[0] != 0).any(3), (np.abs(images) ** 2).sum(3), 0)
+    lost = energy
+    for each in sets:
+        lost = np.maximum(lost - np.abs((each.conj() * images).sum(3)) ** 2, 0)
     lost[energy == 0] = 0
     residual = np.divide(lost, energy, out=np.zeros_like(energy), where=energy > 0)
     return residual, np.stack([a.sum((1, 2), dtype=np.float64) for a in (lost, energy)], 1)
@@ -360,7 +381,7 @@ def unfold(
     ----------
     folded : ndarray of complex64, ``(x, folded y, folded z, coil, ...)``
         Result of `folded_image`; one location.
-    maps : ndarray of complex64, ``(x, y, z, coil)``
+    maps : ndarray of complex64, ``(x, y, z, coil)`` or ``(x, y, z, coil, set)``
     lattices : sequence of two Lattice
         For y and z.
     covariance : ndarray of complex64, ``(coil, coil)``, optional
@@ -380,7 +401,7 @@ def unfold(
 
     Returns
     -------
-    ndarray of complex64, ``(x, y, z, ...)``
+    ndarray of complex64, ``(x, y, z, ...)``, of sets of maps ``(x, y, z, set, ...)``
         Unfolded image, scaled like the image of a fully sampled scan.
 
     Notes
@@ -395,6 +416,9 @@ def unfold(
     """
     full = (folded.shape[0], *(lattice.full for lattice in lattices))
     weight = _weight(folded, maps, expected, strength, levels, damping)
+    if maps.ndim > 4:  # every set is judged by itself
+        maps = maps[:, :, :, :, None]
+        weight["mask"] = (maps != 0).any(3)
     image = sense_recon(
         folded,
         maps,

@@ -8,12 +8,16 @@ namespace ctessel_python {
 namespace {
 
 py::tuple espirit(py::handle calibration, py::handle size, py::handle kernel, py::handle threshold,
-                  py::handle crop, py::handle threads) {
+                  py::handle crop, py::handle sets, py::handle threads) {
   const Input lines = input(calibration, "calibration", Kind::kEither, 4, 4);
   const std::vector<int> extents = whole_numbers(size, "size", 3, 3, 1);
   Extents shape(extents.begin(), extents.end());
+  const auto coils = static_cast<int>(lines.view.extent(Dim::coil));
+  Extents set;
+  if (!sets.is_none()) set = {whole_number(sets, "sets", 1, coils)};
+  shape.insert(shape.end(), set.begin(), set.end());
   const py::array eigenvalue = new_array({shape, false, {}});
-  shape.push_back(lines.view.extent(Dim::coil));
+  shape.insert(shape.begin() + 3, coils);
   check_count(shape, "size");  // the larger of the two
   const py::array maps = new_array({shape, true, {}});
   ctessel::EspiritOptions options;

@@ -19,7 +19,7 @@ namespace {
 
 using std::ptrdiff_t;
 
-constexpr int kCoil = 3, kLocation = 7, kMostAxes = 13;
+constexpr int kCoil = 3, kLocation = 7, kSet = 5, kMostAxes = 13;  // kSet: of maps
 
 struct FullSize {
   std::array<int, 3> n;
@@ -51,9 +51,10 @@ FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::
   return full;
 }
 
-/// Extents of the unfolded image: the coils are gone.
-Extents unfolded_shape(const ConstSamples& folded, const FullSize& full) {
+/// Extents of the unfolded image: in place of the coils are the sets of maps, or nothing.
+Extents unfolded_shape(const ConstSamples& folded, const ConstSamples& sens, const FullSize& full) {
   Extents shape(full.n.begin(), full.n.end());
+  if (sens.ndim() > kSet) shape.push_back(sens.extent(Dim(kSet)));
   for (int d = kCoil + 1; d < folded.ndim(); ++d) shape.push_back(folded.extent(Dim(d)));
   check_count(shape, "full_size");
   return shape;
@@ -90,6 +91,7 @@ void check_on_grid(const Input& image, const char* name, const ConstSamples& sen
   if (!image.view) return;
   for (int d = 0; d < 3; ++d) check_extent(image.view, name, d, sens.extent(Dim(d)));
   check_extent(image.view, name, 3, locations);
+  if (image.view.ndim() > 4) check_extent(image.view, name, 4, sens.extent(Dim(kSet)));
 }
 
 void check_covariance(const Input& psi, ptrdiff_t coils) {
@@ -121,7 +123,8 @@ void check(Arguments& a, py::handle full_size) {
   check_on_grid(a.reg, "reg", a.sens.view, locations);
   check_on_grid(a.mask, "mask", a.sens.view, locations);
   check_regularisation(a);
-  for (int d = 1; d < 3 && !a.aliases.empty(); ++d)
+  const bool listed = !a.aliases.empty() || a.sens.view.extent(Dim(kSet)) > 1;
+  for (int d = 1; d < 3 && listed; ++d)
     check_extent(a.sens.view, "sens", d, a.full.n[static_cast<std::size_t>(d)]);
 }
 
@@ -143,6 +146,8 @@ void unfold(const Arguments& a, const Samples& out, const ctessel::SenseOptions&
   try {
     run(team, [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, out, options); });
   } catch (const std::invalid_argument&) {
+    if (a.aliases.empty())
+      fail_value("full_size", "multiples of the folded extents with sets of maps", "others");
     fail_value("aliases", "offsets (y, z) that meet every voxel of full_size once",
                std::to_string(a.aliases.size()) + " that do not");
   }
@@ -152,11 +157,11 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
                        py::handle ref, py::handle reg, py::handle scale, py::handle weight,
                        py::handle mask, py::handle aliases, py::handle out, py::handle threads) {
   Arguments a{input(folded, "folded", Kind::kEither, 4, kMostAxes),
-              input(sens, "sens", Kind::kComplex, 4, 5),
+              input(sens, "sens", Kind::kComplex, 4, 6),
               optional(psi, "psi", Kind::kEither, 2),
               optional(ref, "ref", Kind::kEither, kMostAxes),
-              optional(reg, "reg", Kind::kEither, 4),
-              optional(mask, "mask", Kind::kReal, 4),
+              optional(reg, "reg", Kind::kEither, 5),
+              optional(mask, "mask", Kind::kReal, 5),
               {},
               number(scale, "scale"),
               weight_of(weight),
@@ -166,8 +171,9 @@ py::object sense_recon(py::handle folded, py::handle sens, py::handle psi, py::h
   for (const Input* in : {&a.folded, &a.sens, &a.psi, &a.ref, &a.reg, &a.mask}) {
     if (in->view) read.push_back(in->view);
   }
-  const Result to = result(read, out, {unfolded_shape(a.folded.view, a.full), true, {}}, true);
-  const Samples unfolded = with_axis(to.view, kCoil);
+  const Result to =
+      result(read, out, {unfolded_shape(a.folded.view, a.sens.view, a.full), true, {}}, true);
+  const Samples unfolded = a.sens.view.ndim() > kSet ? to.view : with_axis(to.view, kCoil);
   unfold(a, unfolded, options_of(a), Threads(threads));
   return to.array;
 }
@@ -176,11 +182,11 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
                       py::handle reg, py::handle weight, py::handle mask, py::handle aliases,
                       py::handle threads) {
   Arguments a{{},
-              input(sens, "sensitivities", Kind::kComplex, 4, 5),
+              input(sens, "sensitivities", Kind::kComplex, 4, 6),
               optional(psi, "psi", Kind::kEither, 2),
               {},
-              optional(reg, "reg", Kind::kEither, 4),
-              optional(mask, "mask", Kind::kReal, 4),
+              optional(reg, "reg", Kind::kEither, 5),
+              optional(mask, "mask", Kind::kReal, 5),
               {},
               1,
               weight_of(weight),
@@ -196,6 +202,7 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
   check(a, full_size);
   Extents shape(a.full.n.begin(), a.full.n.end());
   if (a.sens.view.ndim() > kCoil + 1) shape.push_back(fold[kLocation]);
+  if (a.sens.view.ndim() > kSet) shape.push_back(a.sens.view.extent(Dim(kSet)));
   check_count(shape, "full_size");
   ctessel::SenseOptions options = options_of(a);
   py::tuple images(4);

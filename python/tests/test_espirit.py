@@ -1,16 +1,17 @@
 """Sensitivity maps from calibration lines."""
 
 import json
+from functools import partial
 
 import nibabel
 import numpy as np
 import pytest
 from conftest import layouts, random_complex, same_bits
-from scans import error, lines, scan, shifted
+from scans import error, known, lines, scan, shifted
 
 import ctessel
 import ctessel.maps
-from ctessel import cli, phantom, pipeline
+from ctessel import cli, noise as noise_maps, noise_images, phantom, pipeline
 
 
 def test_maps_of_a_head_span_what_another_program_finds(measured):
@@ -58,7 +59,7 @@ def test_sensitivities_go_to_files_and_come_back(tmp_path, capsys):
     whole, last = (nibabel.load(images[at]).get_fdata() for at in (0, 2))
     np.testing.assert_array_equal(last, whole[:, :, 1:])
     told = json.loads(images[1].with_suffix(".json").read_text())
-    assert "sensitivity maps of maps.nii.gz" in told["Steps"]
+    assert "sensitivity maps from maps.nii.gz" in told["Steps"]
     assert all(0 < figure < 0.02 for figure in told["Parameters"]["residual"])
     small = ctessel.maps.read(tmp_path / "maps.cfl", (0, 0, 1, 8, 2))[:-2]
     ctessel.maps.write([tmp_path / "small.nii"], small)
@@ -125,3 +126,61 @@ def test_maps_of_large_slices_are_those_of_every_voxel(shape):
     assert np.median(along) > 0.99999 and np.percentile(along, 1) > 0.999  # the same direction
     assert np.percentile(np.abs(maps - want)[bright], 99) < 0.02  # and phase
     np.testing.assert_allclose(np.linalg.norm(maps, axis=3)[bright], 1, rtol=1e-5)
+
+
+def folded(shape, kept, noise=0.0):
+    """A scan, R = 2, whose field of view is `kept` voxels wide along y, less than the object, and the image of all of
+    its lines."""
+    _, whole = scan(shape, 8, noise=noise)
+    image = pipeline.to_image(whole.kspace, (1,))
+    tight = np.zeros((shape[0], kept, *image.shape[2:]), np.complex64, order="F")
+    for y in range(shape[1]):
+        tight[:, (y - shape[1] // 2 + kept // 2) % kept] += image[:, y]
+    kspace = pipeline.to_kspace(tight, (1,))
+    mask = lines(kept, 2, calibration=20)
+    under = scan((shape[0], kept, shape[2]), 8, y=mask, noise=noise)[1]
+    truth = pipeline.combine(pipeline.to_image(kspace)[..., 0, 0, 0], "sos")
+    return truth, known(under, kspace * mask[None, :, None, None, None, None, None])
+
+
+@pytest.mark.parametrize("whiten", [False, True])
+@pytest.mark.parametrize("shape, kept", [((32, 64, 1), 44), ((9, 48, 24), 32)])
+def test_a_second_set_unfolds_an_object_that_lies_twice_in_a_voxel(tmp_path, monkeypatch, shape, kept, whiten):
+    monkeypatch.setattr(pipeline.plan.__globals__["Plan"], "slab", 8 * 8 * kept * shape[2] * 4)  # four planes
+    truth, under = folded(shape, kept, 0.001)
+    options = partial(pipeline.Options, whiten=whiten)
+    one, both = (pipeline.reconstruct(under, options(map_sets=sets, keep_maps=True)) for sets in (1, "auto"))
+    wrong = [error(result.image[..., 0, 0, 0], truth) for result in (one, both)]
+    assert wrong[1] < 0.6 * wrong[0]
+    assert both.parameters["map_sets"] == [2] and "the object folds onto itself" in both.warnings[0]
+    ((single, double),) = both.parameters["unexplained"]
+    assert double < 0.8 * single
+    same_bits(pipeline.reconstruct(under, options(map_sets=2)).image, both.image)
+    names = ctessel.maps.files_of(tmp_path / "maps.cfl")
+    ctessel.maps.write(names, both.maps)
+    same_bits(pipeline.reconstruct(under, options(maps=names[0])).image, both.image)
+    whole = scan((*shape[:1], 48, *shape[2:]), 8, y=lines(48, 2, calibration=20), noise=0.001)[1]
+    alone = pipeline.reconstruct(whole, options(map_sets=1))
+    own = pipeline.reconstruct(whole, options())
+    same_bits(own.image, alone.image)  # the object lies within its field
+    assert own.parameters["map_sets"] == [1] and not own.warnings
+    if whiten:  # in units of the noise, regularised, and its maps
+        scaled = pipeline.reconstruct(under, pipeline.Options(units="snr", regularisation=0.2, combine="sos"))
+        maps = noise_maps.maps(pipeline.plan(under), under, ["g", "sd", "condition", "residual"], replicas=10)
+        middle = truth > 0.5 * truth.max()
+        ratio = (scaled.image[..., 0, 0, 0] * maps["sd"][..., 0] / truth)[middle]
+        assert 0.7 < np.median(ratio) < 1.4 and all(np.isfinite(a).all() for a in maps.values())
+        made = noise_images.volumes(pipeline.plan(under), under, 20)[..., 0, 0, :]
+        spread = np.linalg.norm(made[middle], axis=1) / 20**0.5
+        assert 0.8 < np.median(spread / maps["sd"][middle, 0]) < 1.2
+
+
+def test_two_sets_are_refused_in_words():
+    _, under = folded((32, 64, 1), 44)
+    for options, words in {
+        pipeline.Options(map_sets=3): 'expected "auto", 1 or 2, got 3',
+        pipeline.Options(map_sets=2, maps="maps.cfl"): "leave --map-sets out",
+        pipeline.Options(map_sets=2, coils=(0, 1, 2)): "no more than half of the 3 coils",
+    }.items():
+        with pytest.raises(ValueError, match=words):
+            pipeline.plan(under, options)

@@ -481,7 +481,7 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
     plan = pipeline.plan(full.layout, options)
     assert list(plan.steps) == [
         "noise covariance of 4000 samples: weight the coils by its inverse",
-        "sensitivity maps (ESPIRiT) from 20 x 1 ACS lines",
+        "sensitivity maps (ESPIRiT) from 20 x 1 ACS lines, two sets where one is not enough",
         "SENSE: R = 2 along y, damped by the variance of the noise, measured lines put back",
         "ringing filter of strength 0.5",
         "zero filling to 64 x 96 x 1",

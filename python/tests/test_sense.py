@@ -36,21 +36,22 @@ def aliases_of(y, z, full, folded, aliases):
 
 
 def least_squares(folded, sens, psi, penalty=None, aliases=None):
-    """`penalty` is the weight of each voxel's squared magnitude."""
-    nx, ny, nz, coils = sens.shape
-    out = np.zeros((nx, ny, nz), complex)
+    """`penalty` is the weight of each voxel's squared magnitude; `sens` may end in an axis of sets."""
+    nx, ny, nz, coils, *sets = sens.shape
+    sens = sens.reshape(nx, ny, nz, coils, -1)
+    out = np.zeros((nx, ny, nz, sens.shape[4]), complex)
     inverse = np.linalg.inv(psi.astype(complex))
     for y in range(folded.shape[1]):
         for z in range(folded.shape[2]):
             lines = aliases_of(y, z, (ny, nz), folded.shape[1:3], aliases)
             for x in range(nx):
-                S = np.array([sens[x, a, b] for a, b in lines]).T.astype(complex)
+                S = np.concatenate([sens[x, a, b] for a, b in lines], 1).astype(complex)
                 SP = S.conj().T @ inverse
-                weights = np.diag([0 if penalty is None else penalty[x, a, b] for a, b in lines])
-                solved = np.linalg.solve(SP @ S + weights, SP @ folded[x, y, z])
-                for (a, b), u in zip(lines, solved):
+                weights = np.repeat([0 if penalty is None else penalty[x, a, b] for a, b in lines], sens.shape[4])
+                solved = np.linalg.solve(SP @ S + np.diag(weights), SP @ folded[x, y, z])
+                for (a, b), u in zip(lines, solved.reshape(len(lines), -1)):
                     out[x, a, b] = u
-    return out
+    return out if sets else out[..., 0]
 
 
 @pytest.mark.parametrize("regularised", [False, True])
@@ -79,6 +80,33 @@ def test_unfolding_is_noise_weighted_least_squares(full, folded_yz, coils, alias
         impulses[..., coil, coil] = 1
     factors = ctessel.sense_recon(impulses, sens, psi=psi, aliases=aliases, **extra).astype(complex)
     np.testing.assert_allclose(sd, np.einsum("xyzc,cd,xyzd->xyz", factors, psi, factors.conj()).real ** 0.5, rtol=1e-5)
+
+
+@pytest.mark.parametrize("regularised", [False, True])
+@pytest.mark.parametrize("full, folded_yz, aliases", [
+    ((2, 8, 1), (4, 1), None), ((3, 4, 6), (2, 3), None), ((3, 8, 4), (4, 2), [(0, 0), (4, 0), (2, 2), (-2, 6)]),
+])
+def test_sets_of_maps_unfold_together(full, folded_yz, aliases, regularised):
+    sens, psi = random_complex(full + (9, 1, 2), 2), covariance(9)
+    folded, extra, penalty = random_complex((full[0], *folded_yz, 9, 2), 1), {"aliases": aliases, "psi": psi}, None
+    if regularised:
+        extra |= {"reg": np.random.default_rng(3).uniform(0.5, 1, full).astype(np.float32), "weight": 2.0}
+        penalty = 1 / (extra["reg"] ** 2.0 * 2)
+    want = np.stack([least_squares(f, sens[:, :, :, :, 0], psi, penalty, aliases) for f in np.moveaxis(folded, 4, 0)], 4)
+    image = ctessel.sense_recon(folded, sens, **extra)
+    np.testing.assert_allclose(image, want, atol=2e-4 * np.abs(want).max())
+    for _, s in layouts(sens):
+        same_bits(ctessel.sense_recon(folded, s, threads=2, **extra), image)
+    g, sd, _ = ctessel.sense_noise(sens, full_size=full, fold_size=folded.shape[:3], **extra)
+    assert sd.shape == (*full, 1, 2) and (g[..., 0] != g[..., 1]).all()
+    # A set that is 0 and left out by its mask leaves the other as it is alone.
+    sens[..., 1] = 0
+    alone = ctessel.sense_recon(folded, sens[..., 0], **extra)
+    both = ctessel.sense_recon(folded, sens, mask=sens.any(3), **extra)
+    np.testing.assert_array_equal(both[:, :, :, 0], alone)
+    assert not both[:, :, :, 1].any()
+    with pytest.raises(ValueError, match="full_size: expected multiples of the folded extents with sets of maps"):
+        ctessel.sense_recon(np.zeros((full[0], full[1] - 1, full[2], 9), np.complex64), sens)
 
 
 def test_further_axes_share_factors_and_locations_have_their_own():
