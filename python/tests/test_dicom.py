@@ -33,6 +33,8 @@ def test_images_come_back_with_the_same_place_and_pixels(tmp_path, kind, changes
     phantom.write(scan := tmp_path / "s.h5", kind, **{"size": 32, "coils": 2, **changes})
     assert recon(scan, "-o", tmp_path / "i.nii", "--combine", "phase") == 0
     assert recon(scan, "-o", tmp_path / "dicom", "--dicom", "--combine", "phase") == 0
+    files = [pydicom.dcmread(file) for file in (tmp_path / "dicom").iterdir()]
+    assert {made.AcquisitionNumber for made in files} == set(range(1, 1 + changes.get("repetitions", 1)))
     (back := tmp_path / "back").mkdir()
     subprocess.run(["dcm2niix", "-f", "%s_%e", "-o", back, tmp_path / "dicom"], check=True, stdout=subprocess.DEVNULL)
     for series, ending, file, step in ((1, "", "i.nii", None), (2, "_ph", "i_phase.nii", 2 * np.pi / 32767)):
