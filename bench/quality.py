@@ -100,9 +100,7 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
         head["kspace_encode_step_1"], head["kspace_encode_step_2"], head["slice"] = y, z, index
         head["position"] = 0, 0, 5 * index
         if block[y, z]:
-            head["flags"] = (
-                acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
-            )
+            head["flags"] = acquisitions.CALIBRATION_AND_IMAGING if sampled[y, z] else acquisitions.CALIBRATION
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(kspace[:, y, z]))
     writer.close()
 
@@ -353,9 +351,7 @@ def tight(name, kspace):
         told = json.loads((FOLDER / "image.json").read_text())["Parameters"]
         made += [bart(kept, 24, ["ecalib", f"-m{sets}", "-r", 24], truth, inside).image for sets in (1, 2)]
         row = {"data": name, "field": share, "sets": told["map_sets"][0]}
-        row |= {
-            f"unexplained by {count}": figure for count, figure in zip(("one", "two"), told["unexplained"][0])
-        }
+        row |= {f"unexplained by {count}": figure for count, figure in zip(("one", "two"), told["unexplained"][0])}
         row.setdefault("unexplained by two", "not tried")
         row |= {program: error(each, truth, inside) for program, each in zip(PROGRAMS, made)}
         print(row, file=sys.stderr)
@@ -369,9 +365,7 @@ def noise_volumes(name, kspace):
     """Spread of volumes of noise over the map of it; the noise scan is drawn from the covariance of the
     samples beside the object."""
     n, edge = kspace.shape[1], kspace.shape[1] // 8
-    images = np.fft.fftshift(
-        np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1)
-    )
+    images = np.fft.fftshift(np.fft.ifft2(np.fft.ifftshift(kspace, (0, 1)), axes=(0, 1), norm="ortho"), (0, 1))
     air = np.concatenate(
         [
             images[x, y, 0].reshape(-1, kspace.shape[3])
@@ -417,9 +411,7 @@ def moved(name, kspace):
         broken[:, n // 2 + line :] *= turn[:, None, None, None]
         image = ours(broken, every(n, 2), around(n, 32)).image
         found = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
-        lines = [
-            f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])
-        ]
+        lines = [f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])]
         row = {
             "data": name,
             "motion": what,

@@ -113,7 +113,9 @@ def _equations(white, diagonal):
     scale[scale == 0] = 1
     matrix = matrix / scale + ~there[:, :, None] * unit  # voxels outside of the object have no weight
     values = np.linalg.eigvalsh(matrix)
-    added = np.repeat(diagonal.reshape(-1, voxels, 1), sets, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
+    added = (
+        np.repeat(diagonal.reshape(-1, voxels, 1), sets, 1) / scale + np.finfo(np.float64).eps * values[:, -1:, None]
+    )
     unfolding = np.linalg.solve(matrix + added * unit, matrix)
     condition = values[:, -1:] / np.maximum(values[:, :1], 1e-12 * values[:, -1:])
     own = np.einsum("gaa->ga", unfolding).real[:, ::sets]  # that of the first set

@@ -83,16 +83,23 @@ def test_unfolding_is_noise_weighted_least_squares(full, folded_yz, coils, alias
 
 
 @pytest.mark.parametrize("regularised", [False, True])
-@pytest.mark.parametrize("full, folded_yz, aliases", [
-    ((2, 8, 1), (4, 1), None), ((3, 4, 6), (2, 3), None), ((3, 8, 4), (4, 2), [(0, 0), (4, 0), (2, 2), (-2, 6)]),
-])
+@pytest.mark.parametrize(
+    "full, folded_yz, aliases",
+    [
+        ((2, 8, 1), (4, 1), None),
+        ((3, 4, 6), (2, 3), None),
+        ((3, 8, 4), (4, 2), [(0, 0), (4, 0), (2, 2), (-2, 6)]),
+    ],
+)
 def test_sets_of_maps_unfold_together(full, folded_yz, aliases, regularised):
     sens, psi = random_complex(full + (9, 1, 2), 2), covariance(9)
     folded, extra, penalty = random_complex((full[0], *folded_yz, 9, 2), 1), {"aliases": aliases, "psi": psi}, None
     if regularised:
         extra |= {"reg": np.random.default_rng(3).uniform(0.5, 1, full).astype(np.float32), "weight": 2.0}
         penalty = 1 / (extra["reg"] ** 2.0 * 2)
-    want = np.stack([least_squares(f, sens[:, :, :, :, 0], psi, penalty, aliases) for f in np.moveaxis(folded, 4, 0)], 4)
+    want = np.stack(
+        [least_squares(f, sens[:, :, :, :, 0], psi, penalty, aliases) for f in np.moveaxis(folded, 4, 0)], 4
+    )
     image = ctessel.sense_recon(folded, sens, **extra)
     np.testing.assert_allclose(image, want, atol=2e-4 * np.abs(want).max())
     for _, s in layouts(sens):
