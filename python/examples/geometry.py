@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """
-Gradients that are not linear
-=============================
+Non-linear gradients
+====================
 
-Where the axes of the scanner point for four positions of the patient, the displacement over three
-planes through the isocentre, and a straight grid as the gradients encode it and corrected. The
-coefficients are made up, of the size of a short whole-body coil's.
+The axes of the scanner for four patient positions, the displacement over three planes through the
+isocentre, and a straight grid, as the gradients encode it and corrected. The coefficients are invented;
+their size is that of a short whole-body coil.
 """
 
 import sys

@@ -3,8 +3,8 @@
 A measured head
 ===============
 
-A fully sampled scan of a head with 16 coils, from which lines are taken away. The scan is no part of
-the package: set ``CTESSEL_DATA`` to a folder with ``brain16_ksp.cfl`` and its header, or give the name
+A fully sampled scan of a head with 16 coils; the example leaves out lines. The scan is not part of the
+package: set ``CTESSEL_DATA`` to a folder with ``brain16_ksp.cfl`` and its header, or give the name
 of any fully sampled BART pair of one slice.
 """
 

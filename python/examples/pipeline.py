@@ -3,12 +3,12 @@
 Homodyne, SENSE and geometry correction on a phantom
 ====================================================
 
-The kernels on NumPy arrays, with transforms of NumPy in between. The phantom is an ellipse with bars
-and a smooth phase, which eight coils see.
+The kernels on NumPy arrays, with transforms by NumPy. The phantom is an ellipse with bars and a smooth
+phase, measured with eight coils.
 
 1. Homodyne: 84 of 128 lines. The error is that of the magnitude.
-2. SENSE from every second line, and the standard deviation of unfolding noise alone.
-3. A straight grid (grey), and where gradients that are not linear encode it (blue).
+2. SENSE from every second line, and the standard deviation of unfolded noise.
+3. A straight grid (grey), and the positions at which non-linear gradients encode it (blue).
 """
 
 import sys
@@ -72,7 +72,7 @@ def homodyne_reconstruction(truth):
 
 
 def sense_with_noise(truth, reduction=2):
-    """Unfolded image, and the noise of unfolding 64 samples of noise alone."""
+    """Unfolded image, and the standard deviation of 64 unfolded images of noise."""
     sens = coil_maps()
     kspace = kspace_of(sens[:, :, 0] * truth[..., None])[:, ::reduction]
     folded = np.float32(np.sqrt(reduction)) * image_of(kspace)[:, :, None]

@@ -3,8 +3,8 @@
 From raw data to an image and its noise
 =======================================
 
-A phantom is written as an ISMRMRD file, as a scanner writes it: every second line, 24 calibration
-lines and a noise scan. `pipeline.plan` says what will be done before any sample is read, and
+This example writes a phantom as an ISMRMRD file, like a scanner: every second line, 24 ACS lines and a
+noise scan. `pipeline.plan` describes what will be done before samples are read, and
 `pipeline.reconstruct` does it.
 """
 
@@ -36,20 +36,20 @@ print(*plan.steps, sep="\n")
 image = pipeline.reconstruct(scan, plan=plan).image.squeeze()
 
 # %%
-# The same by hand, without SENSE: coils are whitened with the noise scan, transformed, and combined.
-# Lines that were not measured are zeros, so that the object lies on top of its own alias.
+# The same by hand, without SENSE: coils are prewhitened with the noise scan, transformed, and combined.
+# Lines that were not measured are zeros, so the image shows the object and its alias.
 lines = pipeline.remove_oversampling(scan.kspace, scan.layout.header.recon_matrix[0])
 white = pipeline.whiten(lines, pipeline.noise_covariance(scan.layout.noise))
 aliased = pipeline.combine(pipeline.to_image(white), "sos").squeeze()
 
 figure, axes = pyplot.subplots(1, 2, figsize=(8, 4.3), layout="constrained")
-for axis, (title, shown) in zip(axes, [("measured lines alone", aliased), ("SENSE", image)]):
+for axis, (title, shown) in zip(axes, [("zero-filled", aliased), ("SENSE", image)]):
     axis.imshow(np.abs(shown).T, origin="lower", cmap="gray")
     axis.set(title=title, xticks=[], yticks=[])
 figure.savefig(pictures / "raw_data.png", dpi=80)
 
 # %%
-# How much noise an acceleration costs follows from the sensitivities alone: the g-factor.
+# The sensitivities determine how much noise an acceleration adds: the g-factor.
 size = white.shape[:3]
 middle = size[1] // 2
 calibration = white[:, middle - 12 : middle + 12, :, :, 0, 0, 0]
