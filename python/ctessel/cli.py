@@ -185,7 +185,7 @@ def _command(commands, name, run, text):
 
 def _add_recon(commands):
     command = _command(commands, "recon", recon, "reconstruct images from a raw data file (ISMRMRD and others)")
-    command.add_argument("raw", metavar="RAW", help="or -, for a stream from stdin")
+    command.add_argument("raw", metavar="RAW", help="raw data file, or - for a stream from stdin")
     command.add_argument(
         "-o",
         "--output",
@@ -243,7 +243,7 @@ def _add_bids(command):
         type=_bids_suffix,
         help="what the images show: T1w (the default), T2w, FLAIR, MEGRE, bold and others",
     )
-    group.add_argument("--task", metavar="NAME", type=_label, help="of bold, cbv and sbref")
+    group.add_argument("--task", metavar="NAME", type=_label, help="name of the task, for bold, cbv and sbref")
 
 
 def _add_input(command):
@@ -316,7 +316,7 @@ def _add_resources(command):
 
 def _add_threads(command):
     command.add_argument(
-        "--threads", type=options.positive, metavar="N", help="threads of the kernels (all processors)"
+        "--threads", type=options.positive, metavar="N", help="threads of the kernels (default: all processors)"
     )
 
 

@@ -93,7 +93,7 @@ def add_steps(command):
         type=level,
         default=0.0,
         metavar="SCALE",
-        help="regularise SENSE; 0 (the default) does not, 1 trusts the intensity of the calibration image",
+        help="regularise SENSE; 1 trusts the intensity of the calibration image, 0 (default) is off; needs a noise scan",
     )
     steps.add_argument("--geometry", metavar="FILE", help="correct the geometry with gradient coefficients")
     add_coefficients(steps, "that of the file")
