@@ -107,6 +107,11 @@ class Pattern:
         return self.lattices[axis].reduction > 1 or shifted_axis(self.lattices) is not None
 
     @property
+    def checks_lines(self):
+        """Whether lines are compared with each other, which shows motion: those of slices."""
+        return self.keeps_lines and self.full[2] == 1
+
+    @property
     def keeps_lines(self):
         """Whether measured lines are lines of the unfolded image, which has no wider field of view."""
         return all(lattice.full == lattice.folded * lattice.step for lattice in self.lattices)
@@ -737,6 +742,8 @@ def _sense_words(made):
     whole = [str(n) for p in made.patterns if not p.unfolds for n in p.repetitions]
     full = f", repetition {', '.join(whole)} fully sampled" if whole else ""
     put_back = ", measured lines put back" if unfolding.keeps_lines else ""
+    if not unfolding.checks_lines:
+        put_back += ", lines not checked for motion"
     return [words, f"SENSE: R = {factors}{alternating}{full}{regularised}{put_back}"]
 
 

@@ -577,7 +577,7 @@ def _unfolded(plan, pattern, basis, lines):
     if pattern.keeps_lines:
         measured = resize(lines, (len(lines), *pattern.full[1:]), threads)
         there = _there(pattern, measured)
-        if pattern.full[2] == 1:
+        if pattern.checks_lines:
             basis.misfit = consistency.misfit(coils, measured, there)
         for centred, first in moved(pattern.full, (1, 2)):
             np.copyto(coils[first], measured[centred], where=there[(slice(None), *centred[1:])])
