@@ -73,7 +73,7 @@ def test_replicas_of_noise_spread_as_predicted(maps, full, fold, unit, regularis
 @pytest.mark.parametrize(
     "bad, message",
     [
-        ({"sensitivities": np.ones(3)}, "sensitivities: expected from 4 to 5 dimensions"),
+        ({"sensitivities": np.ones(3)}, "sensitivities: expected from 4 to 6 dimensions"),
         ({"sensitivities": np.ones((2, 0, 1, 2))}, "sensitivities: expected at least one sample"),
         ({"fold_size": (4, 9, 1)}, r"full_size\[1\]: .* at least .* 9, got 8"),
         ({"fold_size": (4, 4)}, "fold_size: expected 3 values, got 2"),
