@@ -128,7 +128,7 @@ def zsh(parser):
     def plain(text):
         return re.sub(r"([\[\]:\\])", r"\\\1", text.replace("%%", "%"))
 
-    def specification(action):
+    def completion_of(action):
         name = f"{{{','.join(action.option_strings)}}}" if len(action.option_strings) > 1 else action.option_strings[0]
         known = values(action)
         value = (
@@ -145,7 +145,7 @@ def zsh(parser):
     cases = ""
     for name, each in commands(parser).choices.items():
         first = " '1:kind:{_describe kind phantoms}'" if name == "phantom" else ""
-        given = "".join(f" \\\n        {specification(a)}" for a in options(each))
+        given = "".join(f" \\\n        {completion_of(a)}" for a in options(each))
         cases += f"    {name})\n      _arguments{first}{given} \\\n        '*:file:_files' ;;\n"
     return f"""#compdef ctessel
 _ctessel() {{
