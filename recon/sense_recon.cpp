@@ -275,6 +275,7 @@ std::vector<std::array<int, 2>> products(const ConstSamples& folded,
 /// Full lines of an alias along an axis.
 std::vector<int> every_line(int folded, int full, int offset) {
   std::vector<int> lines;
+  lines.reserve(static_cast<std::size_t>(folded));
   for (int i = 0; i < folded; ++i)
     lines.push_back(ctessel::listed_lines(i, folded, full, {offset}).front());
   return lines;
