@@ -96,7 +96,7 @@ def choose(asked, look, coils):
 
 
 def check(asked, given, patterns, coils):
-    """Refuse two sets where there can be none; the message says how to mend it."""
+    """Refuse two sets where there can be none; the message says how to fix it."""
     if asked not in KINDS:
         raise ValueError(f'map_sets: expected "auto", 1 or 2, got {asked!r}')
     if asked == "auto":
