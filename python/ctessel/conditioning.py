@@ -7,6 +7,7 @@ import numpy as np
 
 from ._sense import unfolded_positions
 from .sampling import alias_offsets
+from .steps import by_set
 
 #: If the condition of the equations is higher in half of the object, the coils hardly separate aliases:
 #: measured heads with 16 coils have 2, 4 and 16 for R = 2, 3 and 4, and 1100 for R = 6.
@@ -62,7 +63,7 @@ def look(parts, lattices, covariance=None):
         inverse = np.linalg.inv(np.linalg.cholesky(covariance.astype(np.complex128))).T
     conditions, left, whole = [np.ones(0)], 0.0, 0.0
     for maps, expected, diagonal in parts:
-        maps = np.moveaxis(maps.reshape((*maps.shape[:4], -1)), 4, 3)  # (x, y, z, set, coil)
+        maps = np.moveaxis(by_set(maps), 4, 3)  # (x, y, z, set, coil)
         white = maps.astype(np.complex128) if inverse is None else maps @ inverse
         condition, response = _planes(white, diagonal, lattices)
         inside = (maps[:, :, :, 0] != 0).any(3)

@@ -9,7 +9,7 @@ from typing import NamedTuple
 
 import numpy as np
 
-from .steps import calibration_residual
+from .steps import by_set, calibration_residual
 
 #: What may be asked for.
 KINDS = ("auto", 1, 2)
@@ -58,7 +58,7 @@ def sums(maps, smooth, sharp):
     ndarray of float64, ``(3, 2)``
         Energy that is not explained, and all energy, by the entries of `Residual`.
     """
-    first = maps if maps.ndim == 4 else maps[..., 0]
+    first = by_set(maps)[..., 0]
     pairs = ((first, smooth), (first, sharp), (maps, sharp))
     return np.stack([calibration_residual(*pair)[1].sum(0) for pair in pairs])
 

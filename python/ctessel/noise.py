@@ -20,7 +20,7 @@ from ._sense import sense_noise
 from .fourier import central, resize, to_image
 from .replicas import REPLICAS
 from .sampling import alias_offsets
-from .steps import calibration_residual, low_resolution
+from .steps import by_set, calibration_residual, low_resolution
 
 #: Kinds of maps, and what they show.
 NAMES = {
@@ -180,14 +180,13 @@ def _unfolding(plan, pattern, maps):
     if maps is None:
         return {}
     full = (len(maps), *pattern.full[1:])
-    maps = maps if maps.ndim == 4 else maps[:, :, :, :, None]
+    maps = by_set(maps)[:, :, :, :, None]  # one location
     sizes = {"full_size": full, "psi": plan.covariance, "threads": plan.options.threads}
     folded = (full[0], *(lattice.folded for lattice in pattern.lattices))
     _, alone, _ = sense_noise(maps, fold_size=full, **sizes)
     aliases = alias_offsets(pattern.lattices)
     _, _, condition = sense_noise(maps, fold_size=folded, aliases=aliases, **sizes)
-    first = (slice(None),) * 3 + (0,) * (alone.ndim - 3)  # of sets
-    return {"alone": alone[first], "condition": np.nan_to_num(condition[first], posinf=2.0**52)}
+    return {"alone": alone[..., 0, 0], "condition": np.nan_to_num(condition[..., 0, 0], posinf=2.0**52)}
 
 
 def _amplification(plan, pattern, sd, alone, fills):

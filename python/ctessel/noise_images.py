@@ -12,6 +12,7 @@ import numpy as np
 
 from . import reconstruct, slabs
 from .replicas import drawn
+from .steps import by_set
 
 #: Of the noise: the same volumes each time.
 SEED = 0
@@ -107,7 +108,7 @@ def _of_lines(plan, block, source, frame):
     if held:
         complete = reconstruct.complete_lines(plan, pattern, basis, frame)
         basis.phase = reconstruct.held_phase(plan, pattern, basis, complete)
-    if not held and (basis.maps is None or basis.maps.ndim == 4):
+    if not held and (basis.maps is None or by_set(basis.maps).shape[4] == 1):
         return operator
     return _beside(operator, frame)
 

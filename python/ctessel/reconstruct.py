@@ -31,6 +31,7 @@ from .partial import pocs, prediction_error, smooth_phase
 from .replicas import REPLICAS, in_units, spread
 from .sampling import Lattice, fold_lines
 from .steps import (
+    by_set,
     calibration_residual,
     combine,
     damping,
@@ -409,7 +410,7 @@ def _sensitivities(plan, block, calibration):
     if own is None:
         choice, own = _eigen_maps(plan, pattern, samples, images)
     expected = combine(images, threads=threads)
-    inside = expected[(own[..., 0] if own.ndim > 4 else own).any(3)]
+    inside = expected[by_set(own)[..., 0].any(3)]
     share = damping(samples, inside, plan.covariance is not None, threads)
     return Basis(own, expected, damping=share, residual=calibration_residual(own, images)[1], choice=choice)
 
@@ -537,10 +538,10 @@ def _completed(plan, pattern, basis, lines):
         damping=1e-6 * basis.damping,  # for maps that are 0
         threads=threads,
     )
-    return to_kspace(_by_set(image, basis.maps), (1, 2), threads, overwrite=True)
+    return to_kspace(_image_by_set(image, basis.maps), (1, 2), threads, overwrite=True)
 
 
-def _by_set(image, maps):
+def _image_by_set(image, maps):
     """An unfolded image with an axis of sets."""
     return image if maps.ndim > 4 else image[:, :, :, None]
 
@@ -564,10 +565,11 @@ def _unfolded(plan, pattern, basis, lines):
         damping=basis.damping,
         threads=threads,
     )
-    image = _by_set(unfolded, basis.maps)
+    image = _image_by_set(unfolded, basis.maps)
     if not pattern.keeps_lines:  # measured lines have the right intensity, and most of the energy
         image *= basis.conditioning.gain
-    sets = basis.maps.reshape((*basis.maps.shape[:4], -1, *(1,) * (image.ndim - 4)))
+    sets = by_set(basis.maps)
+    sets = sets.reshape((*sets.shape, *(1,) * (image.ndim - 4)))
     coils = np.empty((*sets.shape[:4], *image.shape[4:]), np.complex64, order="F")
     for centred, first in moved(pattern.full, (1, 2)):
         np.multiply(image[centred][:, :, :, :1], sets[centred][:, :, :, :, 0], out=coils[first])

@@ -219,12 +219,15 @@ def eigen_maps(calibration, size, *, mask=0.05, sets=1, threads=None):
 def without(maps, values, outside):
     """Maps that are 0 where `outside`, a function of the first set's eigenvalues, says so, and those of further
     sets also where their own eigenvalues do. They are changed."""
-    if maps.ndim == 4:
-        maps[outside(values)] = 0
-        return maps
-    maps[outside(values[..., 0])] = 0
-    maps[..., 1:] *= (values[..., 1:] > FURTHER)[:, :, :, None]
+    sets, values = by_set(maps), values.reshape((*values.shape[:3], -1))  # views
+    sets[outside(values[..., 0])] = 0
+    sets[..., 1:] *= (values[..., 1:] > FURTHER)[:, :, :, None]
     return maps
+
+
+def by_set(maps):
+    """A view of maps that has an axis of sets, the fifth one, even if there is one set."""
+    return maps.reshape((*maps.shape[:4], -1))
 
 
 def _slice_maps(lines, size, sets, threads):
@@ -296,7 +299,7 @@ def calibration_residual(maps, images):
     sums : ndarray of float64, ``(x, 2)``
         For each x the sum of ``|c|^2 - |S^H c|^2`` and that of ``|c|^2`` over the voxels with maps.
     """
-    sets = [maps] if maps.ndim == 4 else np.moveaxis(maps, 4, 0)
+    sets = np.moveaxis(by_set(maps), 4, 0)
     energy = np.where((sets[0] != 0).any(3), (np.abs(images) ** 2).sum(3), 0)
     lost = energy
     for each in sets:
