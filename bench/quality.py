@@ -4,9 +4,10 @@
     bench/quality.py BUILD OUTPUT [NAME.cfl...]
 
 Fully sampled k-space, (x, y, 1, coil), comes from pairs NAME.cfl and NAME.hdr as BART writes them,
-by default the measured data that the tests know. Volumes are BART's own phantom, with noise. Lines are left out as a scanner would leave them
-out, the rest goes to both programs, and what they make of it is compared with the image of all
-lines. Writes OUTPUT/quality.md, OUTPUT/quality.json and pictures of the errors.
+by default the measured data that the tests know. Volumes are BART's own phantom, with noise. Lines
+are left out as a scanner would leave them out, the rest goes to both programs, and what they make
+of it is compared with the image of all lines. Writes OUTPUT/quality.md, OUTPUT/quality.json and pictures of the errors. `bench/tables.py
+OUTPUT/quality.json` puts the tables into the pages.
 
 Error: root mean square of the difference over that of the image, inside the object, after the one
 scale factor that makes it least. BART has the best of three regularisations for every row.
@@ -28,6 +29,7 @@ from pathlib import Path
 
 import numpy as np
 from scipy import ndimage
+from tables import quality
 
 REDUCTIONS = [(2, 24), (2, 32), (3, 24), (3, 32)]
 SHARES = [0.5625, 0.625, 0.75]
@@ -120,6 +122,11 @@ def read_nifti(path):
     import nibabel
 
     return np.squeeze(np.asarray(nibabel.load(path).dataobj))
+
+
+def read_parameters():
+    """What the sidecar of the last image says."""
+    return json.loads((FOLDER / "image.json").read_text())["Parameters"]
 
 
 def write_cfl(name, a):
@@ -291,12 +298,15 @@ def partial(name, kspace):
     """Rows of the table of partial scans."""
     truth, n = sum_of_squares(kspace), kspace.shape[1]
     inside = object_of(truth)
-    for share in SHARES:
-        sampled = np.arange(n) >= n - round(share * n)
-        row = {"data": name, "share": share}
+    for step, share in itertools.product((1, 2) if kspace.shape[3] > 3 else (1,), SHARES):
+        measured = np.arange(n) >= n - round(share * n)
+        block = [line for line in around(n, 24) if step > 1 and measured[line]]
+        row = {"data": name, "R": step, "share": share}
         for way in PARTIAL:
-            options = ["--partial", way]
-            row[way] = error(ours(kspace, sampled, options=options).image, truth, inside)
+            outcome = ours(kspace, measured & every(n, step), block, ["--partial", way], steps=(step, 1))
+            row[way] = error(outcome.image, truth, inside)
+            if way == "auto":
+                row["prediction"] = read_parameters()["prediction"][0]
         print(row, file=sys.stderr)
         yield row
 
@@ -348,12 +358,13 @@ def tight(name, kspace):
         inside = object_of(truth)
         kept = folded * (sampled | np.isin(np.arange(n), block))[None, :, None, None]
         made = [ours(folded, sampled, block, ["--map-sets", sets]).image for sets in ("1", "auto")]
-        told = json.loads((FOLDER / "image.json").read_text())["Parameters"]
+        told = read_parameters()
         made += [bart(kept, 24, ["ecalib", f"-m{sets}", "-r", 24], truth, inside).image for sets in (1, 2)]
         row = {"data": name, "field": share, "sets": told["map_sets"][0]}
         row |= {f"unexplained by {count}": figure for count, figure in zip(("one", "two"), told["unexplained"][0])}
         row.setdefault("unexplained by two", "not tried")
         row |= {program: error(each, truth, inside) for program, each in zip(PROGRAMS, made)}
+        row["of two"] = row["ctessel"] / row["BART, two sets"]
         print(row, file=sys.stderr)
         yield row, (truth, inside, dict(zip(PROGRAMS, made)), None)
 
@@ -410,7 +421,7 @@ def moved(name, kspace):
         turn = np.exp(-2j * np.pi * x * voxels / len(x)).astype(np.complex64)
         broken[:, n // 2 + line :] *= turn[:, None, None, None]
         image = ours(broken, every(n, 2), around(n, 32)).image
-        found = json.loads((FOLDER / "image.json").read_text())["Parameters"].get("inconsistent", [])
+        found = read_parameters().get("inconsistent", [])
         lines = [f"{line:+d} ({times:.2g})" for each in found for line, times in zip(each["Lines"], each["Misfit"])]
         row = {
             "data": name,
@@ -497,22 +508,6 @@ def defects_picture(name, shown):
     Path(name).write_bytes(png.encode(png.grey(np.concatenate(rows, 1), low=0, high=1) // 16 * 17))
 
 
-def table(rows):
-    head = list(rows[0])
-    text = [
-        [
-            f"{v:.4f}"
-            if isinstance(v, float) and k not in ("share", "time, ecalib's over ours")
-            else f"{v:.3g}"
-            if isinstance(v, float)
-            else str(v)
-            for k, v in row.items()
-        ]
-        for row in rows
-    ]
-    return "\n".join(f"| {' | '.join(line)} |" for line in [head, ["---"] * len(head), *text])
-
-
 def main():
     build, output, *paths = sys.argv[1:]
     sys.path.insert(0, str(Path(build).resolve() / "package"))
@@ -545,41 +540,19 @@ def main():
             moves += [row for row, _ in shown]
             defects_picture(f"{output}/motion-{name}.png", [about for _, about in shown])
         missing += partial(name, kspace)
-    with open(f"{output}/quality.json", "w") as file:
-        json.dump(
-            {
-                "undersampled": below,
-                "volumes": solid,
-                "shifted": shifts,
-                "partial": missing,
-                "defective": broken,
-                "noise": noisy,
-                "motion": moves,
-                "tight": folds,
-            },
-            file,
-            indent=1,
-        )
-    sections = [
-        "# Error of reconstructions",
-        "## Undersampled",
-        table(below) if below else "None.",
-        "## Volumes",
-        table(solid),
-        "## Shifted sampling patterns",
-        table(shifts) if shifts else "None.",
-        "## Partial Fourier",
-        table(missing),
-        "## A defective coil",
-        table(broken) if broken else "None.",
-        "## Volumes of noise",
-        table(noisy) if noisy else "None.",
-        "## Motion",
-        table(moves) if moves else "None.",
-        "## Fields of view smaller than the object",
-        table(folds) if folds else "None.",
-    ]
-    Path(output, "quality.md").write_text("\n\n".join(sections) + "\n")
+    results = {
+        "undersampled": below,
+        "volumes": solid,
+        "shifted": shifts,
+        "partial": missing,
+        "tight": folds,
+        "defective": broken,
+        "noise": noisy,
+        "motion": moves,
+    }
+    Path(output, "quality.json").write_text(json.dumps(results, indent=1) + "\n")
+    shown = [f"## {name}\n\n{text}" for name, text in quality(results).items()]
+    Path(output, "quality.md").write_text("\n\n".join(shown) + "\n")
 
 
 if __name__ == "__main__":

@@ -19,6 +19,7 @@ matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 import numpy as np  # noqa: E402
 import scipy  # noqa: E402
+from tables import growth_cell, number, pivot, table  # noqa: E402
 
 HOW = """\
 Times of others over ours: above 1, ours is faster. Both sides take turns, in processor time on
@@ -114,7 +115,7 @@ def growth(sweeps):
     for (axis, routine), points in sweeps.items():
         entry = {"axis": axis, "routine": routine, "points": points}
         if axis == "threads":
-            entry["speed_up"] = points[0]["cost"] / points[-1]["cost"]
+            entry["speed_up"], entry["most"] = points[0]["cost"] / points[-1]["cost"], points[-1]["x"]
         else:
             entry["exponent"] = exponent(points, "cost")
             entry["limit_exponent"] = exponent(points, "limit_cost")
@@ -141,37 +142,11 @@ def plot(entries, axis, path):
     plt.close(figure)
 
 
-def table(head, rows):
-    lines = ["| " + " | ".join(head) + " |", "|" + "---|" * 2 + "--:|" * (len(head) - 2)]
-    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
-
-
-def number(value):
-    return "-" if value is None else f"{value:.2f}" if value < 9.95 else f"{value:.0f}"
-
-
 def size(count):
     for unit in ("B", "KiB", "MiB"):
         if count < 1024 or unit == "MiB":
             return f"{count:.0f} {unit}" if unit == "B" or count >= 100 else f"{count:.1f} {unit}"
         count /= 1024
-
-
-def pivot(entries, keys, column, cell):
-    """Rows of a table by `keys`, with one cell for every value of `column`."""
-    columns = list(dict.fromkeys(e[column] for e in entries))
-    cells = {}
-    for e in entries:
-        cells.setdefault(tuple(e[k] for k in keys), {})[e[column]] = cell(e)
-    rows = [[*row, *(values.get(c, "-") for c in columns)] for row, values in cells.items()]
-    return table([*keys, *columns], rows)
-
-
-def growth_cell(entry):
-    if entry["axis"] == "threads":
-        return f"{number(entry['speed_up'])} on {entry['points'][-1]['x']:.0f}"
-    own, limit = (number(entry[k]) for k in ("exponent", "limit_exponent"))
-    return own if limit == "-" else f"{own} ({limit})"
 
 
 def findings(rows, peers, curves):

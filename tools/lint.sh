@@ -46,7 +46,7 @@ check 'shell scripts' shellcheck --severity=warning "${scripts[@]}"
 check spelling codespell --config tools/codespell.cfg "${texts[@]}"
 check Python /usr/bin/python3 -m flake8 --config tools/flake8.cfg "${python[@]}"
 check links /usr/bin/python3 tools/check_links.py
-check 'rows of the measured tables' /usr/bin/python3 tools/check_rows.py
+check 'tables of measured figures' /usr/bin/python3 bench/tables.py --check
 check layers tests/check_layers.sh .
 check 'one version' one_version
 
