@@ -92,11 +92,11 @@ def write_raw(path, kspace, sampled, block, slices=1, steps=None, noise=None):
     text = _ismrmrd.header_text(header, coils=coils, counts={"slice": slices})
     writer = raw.binding(path).Writer(str(path), "dataset", text)
     if noise is not None:
-        head = np.zeros((), acquisitions.HEAD)
+        head = np.zeros((), acquisitions.HEADER)
         head["version"], head["sample_time_us"], head["flags"] = 1, 5, acquisitions.NOISE
         writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(noise, np.complex64))
     for index, (y, z) in itertools.product(range(slices), np.argwhere(sampled | block)):
-        head = np.zeros((), acquisitions.HEAD)
+        head = np.zeros((), acquisitions.HEADER)
         head["version"], head["center_sample"], head["sample_time_us"] = 1, nx // 2, 5
         head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
         head["kspace_encode_step_1"], head["kspace_encode_step_2"], head["slice"] = y, z, index

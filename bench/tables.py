@@ -16,7 +16,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 RESULTS = ROOT / "bench" / "results.json"
-PAGES = [ROOT / "docs" / "quality.md", ROOT / "docs" / "benchmarks.md"]
+PAGES = [path for path in sorted((ROOT / "docs").glob("*.md")) if "<!-- table " in path.read_text()]
 DATA = {"brain16_ksp": "head, axial", "phantom32_ksp": "phantom", "brain1_t1sag_ksp": "head, sagittal"}
 #: Keys that say which row of its kind a row is.
 IDENTITY = {"rows": ("routine", "data"), "peers": ("routine", "data", "peer"), "growth": ("axis", "routine")}
@@ -34,14 +34,15 @@ QUALITY = {
     | {"of ecalib": "ctessel over ecalib", "g, mean": "g, mean", "g, 99 %": "g, 99 %"},
     "partial": {"data": "data", "R": "R", "share": "share of the lines", "zero": "zero filling"}
     | {"homodyne": "homodyne", "pocs": "POCS", "prediction": "prediction", "auto": "auto"},
-    "tight": {"data": "data", "field": "field", "sets": "sets", "one set": "one set", "ctessel": "default"}
+    "tight": {"data": "data", "field": "field", "unexplained by one": "unexplained by one set"}
+    | {"unexplained by two": "by two", "one set": "error, one set", "ctessel": "default"}
     | {"BART, one set": "BART, one set", "BART, two sets": "BART, two sets", "of two": "default over BART's two"},
     "defective": {"data": "data", "defect": "coil 5", "intact": "intact"}
     | {"all coils": "all coils used", "without it": "left out"},
-    "noise": {"data": "data", "mean of spread over map": "mean", "its deviation": "deviation of the voxels"}
+    "noise": {"data": "data", "volumes": "volumes", "mean of spread over map": "mean", "its deviation": "deviation of the voxels"}
     | {"expected": "expected of so many samples"},
     "motion": {"data": "data", "motion": "motion", "error": "error"}
-    | {"lines in the warning": "lines in the warning (misfit over its bound)"},
+    | {"lines in the warning": "lines in the warning (misfit over that of the others)"},
 }
 RATIOS = {"of ecalib", "g, mean", "g, 99 %", "prediction", "of two", *TIME}
 LABELS = {"share", "field"}
@@ -68,12 +69,12 @@ def pivot(entries, keys, column, cell):
 
 
 def figure(key, value):
-    """A cell of a table of errors, which have three digits and no 0 before the point."""
+    """A cell of a table of errors, which have no 0 before the point."""
     if value is None or key in RATIOS:
         return number(value)
-    if not isinstance(value, float) or key in LABELS:
+    if not isinstance(value, float):
         return DATA.get(value, str(value))
-    return f"{value:.3g}".removeprefix("0") if value < 0.9995 else f"{value:.3f}"
+    return f"{value:g}" if key in LABELS else f"{value:.{4 if value < 0.1 else 3}f}".removeprefix("0")
 
 
 def quality(results):

@@ -20,7 +20,7 @@ IGNORED, IMAGING, SEPARATE, NOISE_SCAN = range(4)
 TICK = 2.5
 
 #: Header of one acquisition in the memory layout of libismrmrd, without gaps.
-HEAD = np.dtype([
+HEADER = np.dtype([
     ("version", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"), ("scan_counter", "<u4"),
     ("acquisition_time_stamp", "<u4"), ("physiology_time_stamp", "<u4", 3),
     ("number_of_samples", "<u2"), ("available_channels", "<u2"), ("active_channels", "<u2"),
@@ -167,7 +167,7 @@ def survey(encodings, headers, part=None, skip=()):
     ----------
     encodings : sequence of Header
         One for each encoding of the scan.
-    headers : ndarray of HEAD
+    headers : ndarray of HEADER
         One for each acquisition, in the order of measurement.
     part : tuple of str, int, int, optional
         Axis and the first and last position that are wanted.
@@ -276,13 +276,13 @@ def _in_order(headers, imaging, index):
     return rank[index], {"placements": places, "spacing": spacing}
 
 
-def _has_directions(head):
-    return all(np.any(head[name]) for name in ("read_dir", "phase_dir"))
+def _has_directions(header):
+    return all(np.any(header[name]) for name in ("read_dir", "phase_dir"))
 
 
-def _placement(head):
+def _placement(header):
     position, read, phase, normal = (
-        head[name].astype(float) for name in ("position", "read_dir", "phase_dir", "slice_dir")
+        header[name].astype(float) for name in ("position", "read_dir", "phase_dir", "slice_dir")
     )
     normal = normal if normal.any() else np.cross(read, phase)
     axes = np.array([read, phase, normal])

@@ -171,7 +171,7 @@ class Forecast(Arrived):
     Parameters
     ----------
     header : bytes
-    headers : ndarray of `HEAD`
+    headers : ndarray of `HEADER`
         Those that have arrived.
     acquisitions : Stream
     options : Options
@@ -387,7 +387,7 @@ def _expected(header, headers, counts):
     if len(counts["repetition"]) > 1:
         lines.append(_second(header, headers, counts, first))
     measured = headers[headers["flags"] & (NOISE | NOT_IMAGING) == 0]
-    seen = {int(head["slice"]): head for head in measured[::-1]}
+    seen = {int(header["slice"]): header for header in measured[::-1]}
     if set(seen) != set(counts["slice"]):
         raise ValueError("the positions of some slices are not known yet")
     if len(seen) * sum(template.size for template in lines) > MOST_FORECAST:

@@ -372,7 +372,7 @@ def _add_phantom(commands):
     for name, (what, usual) in PHANTOM_SIZES.items():
         command.add_argument(f"--{name}", type=options.positive, metavar="N", help=f"{what} ({usual})")
     command.add_argument(
-        "--noise", type=options.level, metavar="LEVEL", help="standard deviation per sample and part (0)"
+        "--noise", type=options.nonnegative, metavar="SD", help="standard deviation per sample and part (0)"
     )
     command.add_argument("--seed", type=int, metavar="N", help="of the noise (0)")
 

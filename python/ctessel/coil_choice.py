@@ -80,8 +80,8 @@ def look(centre, outer):
 def correlation(samples):
     """Magnitudes of the correlations of coils, ``(coil, coil)``, of samples ``(sample, coil)``."""
     products = samples.T @ samples.conj()
-    level = np.sqrt(np.diagonal(products).real)
-    return np.abs(products) / np.where(level > 0, level, 1) / np.where(level > 0, level, 1)[:, None]
+    rms = np.sqrt(np.diagonal(products).real)
+    return np.abs(products) / np.where(rms > 0, rms, 1) / np.where(rms > 0, rms, 1)[:, None]
 
 
 @np.errstate(over="ignore", invalid="ignore")  # samples that are too large are refused later, with their image
@@ -138,13 +138,13 @@ def suspects(found, noise, voxels):
 
 
 def _suspects(seen, noise, voxels):
-    levels = [seen.floor]
+    powers = [seen.floor]
     if noise is not None:
-        levels.append(np.mean(np.abs(noise, dtype=np.float64) ** 2, 0))
-    return {**_copies(seen, noise), **_noisy(seen, levels, voxels), **_silent(seen, levels)}
+        powers.append(np.mean(np.abs(noise, dtype=np.float64) ** 2, 0))
+    return {**_copies(seen, noise), **_noisy(seen, powers, voxels), **_silent(seen, powers)}
 
 
-def _silent(seen, levels):
+def _silent(seen, powers):
     """Coils without signal, or without noise if the others have some."""
     share = _share(seen.signal, seen.floor)
     typical = _of_others(share, seen.signal > 0)
@@ -154,18 +154,18 @@ def _silent(seen, levels):
             findings[coil] = "it has only zeros"
         elif share[coil] < SIGNAL and typical[coil] > CLEAR:
             findings[coil] = "it has noise without signal"
-        elif levels[-1][coil] == 0 and levels[-1] is not seen.floor and levels[-1].any():
+        elif powers[-1][coil] == 0 and powers[-1] is not seen.floor and powers[-1].any():
             findings[coil] = "the noise scan has only zeros for it"
     return findings
 
 
-def _noisy(seen, levels, voxels):
+def _noisy(seen, powers, voxels):
     """Coils with much more noise than the others, if it is visible in their image."""
     findings = {}
-    for level in levels:
-        share = _share(seen.signal, level)
-        there = (seen.signal > 0) & (level > 0)
-        louder, less = _share(level, _of_others(level, there)), _share(_of_others(share, there), share)
+    for power in powers:
+        share = _share(seen.signal, power)
+        there = (seen.signal > 0) & (power > 0)
+        louder, less = _share(power, _of_others(power, there)), _share(_of_others(share, there), share)
         for coil in np.flatnonzero(there & (louder > NOISY) & (less > NOISY) & (share < voxels)).tolist():
             findings[coil] = f"its noise is {louder[coil] ** 0.5:.3g} times that of the other coils"
     return findings

@@ -13,7 +13,7 @@ def of_acquisitions(headers, header, read, noise, received=None):
 
     Parameters
     ----------
-    headers : ndarray of `ctessel.acquisitions.HEAD`
+    headers : ndarray of `ctessel.acquisitions.HEADER`
     header : Header
         Of the images.
     read : callable

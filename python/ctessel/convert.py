@@ -13,7 +13,7 @@ from pathlib import Path
 import numpy as np
 
 from . import _ismrmrd, files, formats, nifti, raw, runtime, send, stored, stream
-from .acquisitions import CALIBRATION, HEAD, IGNORED, IMAGING, DefectError
+from .acquisitions import CALIBRATION, HEADER, IGNORED, IMAGING, DefectError
 from .scan import Limit, Placement, printable
 
 _NAMESPACE = "http://www.ismrm.org/ISMRMRD"
@@ -161,8 +161,8 @@ def _to_ismrmrd(found, target, group):
         name = os.fsencode(staged.path(target))
         try:
             writer = raw.binding(target).Writer(name, os.fsencode(group), text)
-            for head, samples in _acquisitions(source, found.header.limits["x"]):
-                writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples))
+            for header, samples in _acquisitions(source, found.header.limits["x"]):
+                writer.append(np.frombuffer(header.tobytes(), np.uint8), np.asfortranarray(samples))
             writer.close()
         except RuntimeError as error:
             raise ValueError(f"{target}: cannot be written ({error}); check folder and free space") from None
@@ -189,20 +189,20 @@ def _acquisitions(source, readout):
             samples = source.separate(min(index, layout.calibration[4] - 1))
             for y, z in np.argwhere((samples != 0).any((0, 3))):
                 at = {"slice": index, "flags": CALIBRATION, "encoding_space_ref": 1}
-                yield _head(y, z, len(samples) // 2, **at), samples[:, y, z]
+                yield _header(y, z, len(samples) // 2, **at), samples[:, y, z]
         frames = source.frames(index, slice(0, layout.shape[6]))
         for repetition, echo, z, y in np.argwhere(layout.lines[:, :, index].transpose(3, 2, 1, 0)):
             centre = layout.shape[0] // 2 - readout.minimum
-            head = _head(y, z, centre, slice=index, contrast=echo, repetition=repetition)
-            yield head, frames[measured, y, z, :, echo, repetition]
+            header = _header(y, z, centre, slice=index, contrast=echo, repetition=repetition)
+            yield header, frames[measured, y, z, :, echo, repetition]
 
 
-def _head(y, z, centre, **fields):
-    head = np.zeros((), HEAD)
+def _header(y, z, centre, **fields):
+    header = np.zeros((), HEADER)
     fields = {"version": 1, "kspace_encode_step_1": y, "kspace_encode_step_2": z, "center_sample": centre, **fields}
     for name, value in fields.items():
-        head[name] = value
-    return head
+        header[name] = value
+    return header
 
 
 def _lost(found):
@@ -268,7 +268,9 @@ def _series(path, group):
             raise DefectError("its images are not (image, channel, z, y, x) with a header each", "write them again")
         formats.check_stored(data)
         pixels = [stored.plain(data[i]).transpose(3, 2, 1, 0) for i in range(len(headers))]
-        return [(head, _attributes(found, i), image) for i, (head, image) in enumerate(zip(headers, pixels))], chosen[0]
+        return [
+            (header, _attributes(found, i), image) for i, (header, image) in enumerate(zip(headers, pixels))
+        ], chosen[0]
 
 
 def _holds_images(item):
@@ -289,8 +291,8 @@ def _attributes(group, index):
 
 def _counted(series):
     """Images with unique counters, slices in the order of their positions; and notes."""
-    headers = [head.copy() for head, _, _ in series]
-    counters = np.array([[int(head[name]) for name in _IMAGE_COUNTERS] for head in headers])
+    headers = [header.copy() for header, _, _ in series]
+    counters = np.array([[int(header[name]) for name in _IMAGE_COUNTERS] for header in headers])
     counters = np.stack([np.unique(column, return_inverse=True)[1] for column in counters.T], 1)
     notes = []
     if len(np.unique(counters, axis=0)) < len(counters):
@@ -299,23 +301,23 @@ def _counted(series):
         counters[:, 2] = np.arange(len(counters))
     for name, extent in (("phase", 3), ("set", 4), ("average", 5)):
         counters[:, 2] = counters[:, 2] * (counters[:, extent].max() + 1) + counters[:, extent]
-    along = [float(head["position"] @ headers[0]["slice_dir"]) for head in headers]
+    along = [float(header["position"] @ headers[0]["slice_dir"]) for header in headers]
     slices = counters[:, 0]
     first = [along[int(np.flatnonzero(slices == s)[0])] for s in range(slices.max() + 1)]
     rank = np.argsort(np.argsort(first, kind="stable"))
-    for head, numbers in zip(headers, counters):
-        head["slice"], head["contrast"], head["repetition"] = rank[numbers[0]], numbers[1], numbers[2]
-    return [(head, *rest) for head, (_, *rest) in zip(headers, series)], notes
+    for header, numbers in zip(headers, counters):
+        header["slice"], header["contrast"], header["repetition"] = rank[numbers[0]], numbers[1], numbers[2]
+    return [(header, *rest) for header, (_, *rest) in zip(headers, series)], notes
 
 
 def _affine(series, shape):
     """Affine of the images, and whether the file has their positions."""
-    by_slice = {int(head["slice"]): head for head, _, _ in series}
+    by_slice = {int(header["slice"]): header for header, _, _ in series}
     headers = [by_slice[index] for index in sorted(by_slice)]
     field = [float(n) for n in headers[0]["field_of_view"]]
     field = [f if 0 < f < np.inf else float(n) for f, n in zip(field, shape)]
     directions = ("read_dir", "phase_dir", "slice_dir")
-    known = all(np.any(head[name]) for head in headers for name in directions)
-    places = [Placement(*(head[name].astype(float) for name in ("position", *directions))) for head in headers]
+    known = all(np.any(header[name]) for header in headers for name in directions)
+    places = [Placement(*(header[name].astype(float) for name in ("position", *directions))) for header in headers]
     header = stored.plain_header(shape[:3], field)
     return nifti.affine(replace(header, placements=places if known else []), shape[:4], field)

@@ -125,8 +125,8 @@ def sense_recon(folded, sens, *, psi=None, full_size=None, ref=None, reg=None, s
     arguments = [folded, labels, _by_location(sens, 4, folded), (20, 21, 22, 3, 7)[: sens.ndim]]
     if ref is not None and reg is not None:
         reg = reg if isinstance(reg, da.Array) else da.from_array(reg, chunks=-1)
-        levels = da.stack([_level(folded), _level(da.asarray(ref))])
-        arguments += [_by_location(reg, 3, folded), (20, 21, 22, 7)[: reg.ndim], levels, (23,)]
+        intensities = da.stack([_intensity(folded), _intensity(da.asarray(ref))])
+        arguments += [_by_location(reg, 3, folded), (20, 21, 22, 7)[: reg.ndim], intensities, (23,)]
     return da.blockwise(
         _sense_block, labels[:3] + labels[4:], *arguments, psi=psi, full=full, scale=scale,
         threads=threads, concatenate=True, adjust_chunks=dict(zip(range(3), full)),
@@ -142,17 +142,17 @@ def _by_location(array, axis, folded):
     return array.rechunk({a: chunks if a == axis else -1 for a in range(array.ndim)})
 
 
-def _level(array):
+def _intensity(array):
     """Root mean square of all samples."""
     return da.sqrt((da.absolute(array).astype(np.float64) ** 2).mean())
 
 
-def _sense_block(folded, sens, reg=None, levels=None, *, psi, full, scale, threads):
+def _sense_block(folded, sens, reg=None, intensities=None, *, psi, full, scale, threads):
     weight = {}
-    level = 0 if reg is None else ctessel.sa(folded)
-    if level > 0:
-        reference = np.full((1, 1, 1), levels[1], np.float32)
-        weight = {"reg": reg, "ref": reference, "scale": scale * level / levels[0]}
+    intensity = 0 if reg is None else ctessel.sa(folded)
+    if intensity > 0:
+        reference = np.full((1, 1, 1), intensities[1], np.float32)
+        weight = {"reg": reg, "ref": reference, "scale": scale * intensity / intensities[0]}
     return ctessel.sense_recon(folded, sens, psi=psi, full_size=full, threads=threads, **weight)
 
 

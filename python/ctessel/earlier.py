@@ -8,7 +8,7 @@ from pathlib import Path
 import numpy as np
 
 from . import stream
-from .acquisitions import HEAD
+from .acquisitions import HEADER
 
 #: Largest number of noise scans that are kept, and largest size of each in bytes.
 KEPT, LARGEST = 16, 64 << 20
@@ -55,17 +55,17 @@ class Shelf:
             file = open(self._path(name), "rb", buffering=0)
         except OSError:
             raise ValueError(f"the noise scan {name[:80]!r} was not received here") from None
-        (head,) = np.frombuffer(file.read(2 + HEAD.itemsize), HEAD, 1, 2)
+        (header,) = np.frombuffer(file.read(2 + HEADER.itemsize), HEADER, 1, 2)
         file.seek(0)
-        if head["active_channels"] <= coils:
+        if header["active_channels"] <= coils:
             return file
         file.close()
-        raise ValueError(f"the noise scan {name[:80]!r} has {head['active_channels']} coils")
+        raise ValueError(f"the noise scan {name[:80]!r} has {header['active_channels']} coils")
 
     def _path(self, name):
         return self._folder / hashlib.sha256(name.encode()).hexdigest()[:32]
 
 
-def _message(head, samples, trajectory):
+def _message(header, samples, trajectory):
     yield struct.pack("<H", stream.ACQUISITION)
-    yield from (array.tobytes(order="F") for array in (head, trajectory, samples))
+    yield from (array.tobytes(order="F") for array in (header, trajectory, samples))

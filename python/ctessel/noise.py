@@ -157,7 +157,7 @@ def _of_volume(plan, block, source, names, replicas, seed):
     """As `_of_slice`, for a volume that is processed in slabs."""
     pattern = plan.patterns[block.pattern]
     calibration = reconstruct.slice_calibration(plan, block, source)
-    sensitivities, levels = reconstruct.volume_sensitivities(plan, block, source, calibration)
+    sensitivities, intensities = reconstruct.volume_sensitivities(plan, block, source, calibration)
     parts = []
     for x in slabs.edges(plan, pattern, plan.readout) if pattern.weighted else ():
         part = sensitivities.part(x)
@@ -171,7 +171,7 @@ def _of_volume(plan, block, source, names, replicas, seed):
     made = {name: np.concatenate([part[name] for part in parts]) for name in (parts or [{}])[0]}
     if not {"g", "sd", "snr"} & set(names):
         return made, None, False
-    sd = reconstruct.volume_deviation(plan, block, source, sensitivities, levels, replicas, seed)
+    sd = reconstruct.volume_deviation(plan, block, source, sensitivities, intensities, replicas, seed)
     return made, sd, False
 
 

@@ -21,7 +21,7 @@ def _number(kind, accept, what):
 
 positive = _number(int, lambda n: n > 0, "a whole number of at least 1")
 index = _number(int, lambda n: n >= 0, "a whole number of at least 0")
-level = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
+nonnegative = _number(float, lambda x: 0 <= x < float("inf"), "a number of at least 0")
 size = _number(float, lambda x: 0 < x < float("inf"), "a number above 0")
 seconds = _number(float, lambda x: 0 < x < 1e6, "a number of seconds")
 port = _number(int, lambda n: 0 <= n < 65536, "0 to 65535")
@@ -90,7 +90,7 @@ def add_steps(command):
     )
     steps.add_argument(
         "--regularise",
-        type=level,
+        type=nonnegative,
         default=0.0,
         metavar="SCALE",
         help="regularise SENSE; 1 trusts the intensity of the calibration image, 0 (default) is off; needs a noise scan",

@@ -15,7 +15,7 @@ import numpy as np
 
 from . import _ismrmrd, acquisitions, raw, runtime
 from .fourier import to_kspace
-from .acquisitions import HEAD
+from .acquisitions import HEADER
 from .files import Staged
 from .scan import Header, Limit
 
@@ -101,7 +101,6 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     ndarray of complex64, ``(x, y, z, slice, echo, repetition)``
         The object, as an image without artefacts and noise.
     """
-    kind = "interleaved" if kind == "turns" else kind  # its name in 0.1
     if kind not in KINDS:
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)
@@ -111,8 +110,8 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
         target = files.path(path)
         try:
             writer = binding.Writer(os.fsencode(target), os.fsencode(group), _header_text(phantom))
-            for done, (head, samples) in enumerate(_acquisitions(phantom, image, lines), 1):
-                writer.append(np.frombuffer(head.tobytes(), np.uint8), samples)
+            for done, (header, samples) in enumerate(_acquisitions(phantom, image, lines), 1):
+                writer.append(np.frombuffer(header.tobytes(), np.uint8), samples)
                 if progress:
                     progress(done, len(lines))
             writer.close()
@@ -255,14 +254,14 @@ def _acquisitions(phantom, image, lines):
     first = _first_sample(phantom)
     last = {line[4:]: number for number, line in enumerate(lines)}  # of a slice, echo and repetition
     for number, (flag, y, z, average, s, e, r) in enumerate(lines):
-        head = _head(phantom, number, flag, y, z, average, s, e, r)
-        head["flags"] |= acquisitions.LAST_IN_SLICE * (last[s, e, r] == number)
+        header = _header(phantom, number, flag, y, z, average, s, e, r)
+        header["flags"] |= acquisitions.LAST_IN_SLICE * (last[s, e, r] == number)
         if flag == "noise":
             samples = np.zeros((2048, phantom.coils), np.complex64)
         else:
             samples = kspace[s][first[0] : first[1], y, z] * np.float32(0.8**e)
         noise = rng.standard_normal((2, *samples.shape), np.float32) * np.float32(phantom.noise)
-        yield head, np.asfortranarray(samples + noise[0] + 1j * noise[1], np.complex64)
+        yield header, np.asfortranarray(samples + noise[0] + 1j * noise[1], np.complex64)
 
 
 def _first_sample(phantom):
@@ -281,8 +280,8 @@ def _kspace(phantom, image):
     return to_kspace(padded)
 
 
-def _head(phantom, number, flag, y, z, average, s, echo, repetition):
-    head = np.zeros((), HEAD)
+def _header(phantom, number, flag, y, z, average, s, echo, repetition):
+    header = np.zeros((), HEADER)
     first, _ = _first_sample(phantom)
     read, phase, normal = _axes(phantom.tilt)
     away = (s - (phantom.slices - 1) / 2) * (phantom.voxel[2] + phantom.gap)
@@ -300,8 +299,8 @@ def _head(phantom, number, flag, y, z, average, s, echo, repetition):
         "average": average, "slice": s, "contrast": echo, "repetition": repetition,
     }  # fmt: skip
     for name, value in values.items():
-        head[name] = value
-    return head
+        header[name] = value
+    return header
 
 
 def _axes(tilt):

@@ -67,9 +67,9 @@ class Pictures:
         self.clipped = 0
         self.count = 0
 
-    def add(self, index, repetition, made, head, ticket=None):
+    def add(self, index, repetition, made, header, ticket=None):
         """Add the images of one slice and repetition, and the header of one of its lines."""
-        self._waiting.append((index, repetition, made, head, ticket))
+        self._waiting.append((index, repetition, made, header, ticket))
         waits = self._kind == "int16" and self._scale is None
         if waits and not self._volume(index, repetition, made):
             return
@@ -97,21 +97,21 @@ class Pictures:
     def _scale_of(self, peak):
         return (self._most // 2) / peak if 0 < peak < np.inf else 1.0
 
-    def _send(self, index, repetition, made, head, ticket):
+    def _send(self, index, repetition, made, header, ticket):
         for echo in range(made["image"].shape[3]):
             at = {"slice": index, "contrast": echo, "repetition": repetition}
             values = made["image"][:, :, :, echo, 0]
             for series, image_type, pixels, notes in self._series(values):
-                self._one(series, image_type, pixels, notes, at, head)
+                self._one(series, image_type, pixels, notes, at, header)
         self._sent(ticket)
 
-    def add_map(self, name, index, values, head):
+    def add_map(self, name, index, values, header):
         """Send a map of a slice, float32 ``(x, y, z)``, or ``(x, y, z, echo, repetition)``."""
         series, role = MAPS[name]
         for echo, repetition in np.ndindex(values.shape[3:] or (1, 1)):
             at = {"slice": index, "contrast": echo, "repetition": repetition}
             pixels = values[:, :, :, echo, repetition] if values.ndim == 5 else values
-            self._one(series, stream.MAGNITUDE, pixels, {"DataRole": [role]}, at, head)
+            self._one(series, stream.MAGNITUDE, pixels, {"DataRole": [role]}, at, header)
 
     def _series(self, values):
         """Series, type, pixels and attributes of each image that is sent for one."""
@@ -141,7 +141,7 @@ class Pictures:
         numbers = {"WindowCenter": half // 2, "WindowWidth": half, "RescaleSlope": float(slope)}
         return {name: [repr(n)] for name, n in {**numbers, "RescaleIntercept": 0}.items()}
 
-    def _one(self, series, image_type, pixels, notes, at, head):
+    def _one(self, series, image_type, pixels, notes, at, header):
         self._numbers[series] = self._numbers.get(series, 0) + 1
         fields = self._places.fields(at["slice"])
         copied = ("measurement_uid", "patient_table_position", "acquisition_time_stamp",
@@ -150,7 +150,7 @@ class Pictures:
             pixels, {**self._attributes(at, fields, image_type), **notes},
             field_of_view=self._plan.field, image_type=image_type, image_series_index=series,
             image_index=self._numbers[series] & 0xFFFF, **at, **fields,
-            **{name: head[name] for name in copied},
+            **{name: header[name] for name in copied},
         ))  # fmt: skip
         self.count += 1
 

@@ -18,7 +18,7 @@ import numpy as np
 
 from . import centre, coil_looks, formats, runtime, stored
 from ._ismrmrd import parse
-from .acquisitions import HEAD, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
+from .acquisitions import HEADER, IGNORED, NOISE_SCAN, RANGE_AXES, Contents, DefectError, survey
 from .fourier import cut_unshifted
 from .runtime import DoesNotFitError
 from .scan import AXES, Layout, Limit, Scan, times_text
@@ -419,7 +419,7 @@ def _headers(reader, path):
     parts = [reader.heads(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
     if not parts:
         raise DefectError("it holds no acquisitions")
-    return np.concatenate(parts).view(HEAD)[:, 0]
+    return np.concatenate(parts).view(HEADER)[:, 0]
 
 
 def _kspace_shape(found):

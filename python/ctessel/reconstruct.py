@@ -39,7 +39,7 @@ from .steps import (
     folded_image,
     homodyne_images,
     low_resolution,
-    reference_level,
+    reference_intensity,
     sensitivity_maps,
     unfold,
 )
@@ -99,7 +99,7 @@ class Basis:
 
     maps: np.ndarray | None = None
     expected: np.ndarray | None = None
-    levels: tuple[float, float] | None = None
+    intensities: tuple[float, float] | None = None
     damping: float = 0.0
     fills: bool = False
     prediction: float | None = None
@@ -368,7 +368,7 @@ def _basis(plan, block, calibration, first):
     basis = Basis() if calibration is None else _sensitivities(plan, block, calibration)
     if first is not None and options.regularisation > 0 and pattern.unfolds:
         folded = _folded(plan, fold_lines(first, pattern.lattices))
-        basis.levels = sa(folded), sa(basis.expected)
+        basis.intensities = sa(folded), sa(basis.expected)
     if pattern.unfolds:
         shown = conditioning.planes(len(basis.maps))
         parts = [(basis.maps[shown], basis.expected[shown])]
@@ -388,11 +388,11 @@ def _conditioning(plan, pattern, basis, parts):
     reduction = prod(float(lattice.reduction) for lattice in pattern.lattices)
 
     def added(maps, expected):
-        if not basis.levels:
+        if not basis.intensities:
             return np.full(expected.shape, reduction * basis.damping)
-        level = reference_level(*basis.levels, plan.options.regularisation, maps.shape[3])
+        intensity = reference_intensity(*basis.intensities, plan.options.regularisation, maps.shape[3])
         power = np.abs(expected).astype(np.float64) ** 2
-        return reduction * level**2 / np.maximum(power, 1e-12 * level**2)
+        return reduction * intensity**2 / np.maximum(power, 1e-12 * intensity**2)
 
     judged = ((maps, expected, added(maps, expected)) for maps, expected in parts)
     return conditioning.look(judged, pattern.lattices, plan.covariance)
@@ -559,8 +559,8 @@ def _unfolded(plan, pattern, basis, lines):
         basis.maps,
         pattern.lattices,
         covariance=plan.covariance,
-        expected=basis.expected if basis.levels else None,
-        levels=basis.levels,
+        expected=basis.expected if basis.intensities else None,
+        intensities=basis.intensities,
         strength=options.regularisation,
         damping=basis.damping,
         threads=threads,
@@ -792,10 +792,10 @@ def slice_calibration(plan, block, source):
 
 def volume_basis(plan, block, source, calibration):
     """The basis of the sensitivities of the volumes, and the intensities for regularisation or None."""
-    made, levels = volume_sensitivities(plan, block, source, calibration)
+    made, intensities = volume_sensitivities(plan, block, source, calibration)
     if plan.in_snr:
-        made.sd = volume_deviation(plan, block, source, made, levels)
-    return made, levels
+        made.sd = volume_deviation(plan, block, source, made, intensities)
+    return made, intensities
 
 
 def volume_sensitivities(plan, block, source, calibration):
@@ -807,7 +807,7 @@ def volume_sensitivities(plan, block, source, calibration):
         made.given = maps.of_slice(plan, block.slice)
     if not pattern.unfolds:
         return made, None
-    levels = _volume_levels(plan, block, source, expected)
+    intensities = _volume_intensities(plan, block, source, expected)
     shown = [made.part(slice(x, x + 1)) for x in conditioning.planes(len(made.lines))]
 
     def look(sets):
@@ -818,12 +818,12 @@ def volume_sensitivities(plan, block, source, calibration):
         made.sets = made.choice.sets if made.choice else 1
         shown = [replace(part, sets=made.sets) for part in shown]
     parts = (part.maps(plan, pattern)[:2] for part in shown)
-    basis = Basis(levels=levels, damping=made.damping)
+    basis = Basis(intensities=intensities, damping=made.damping)
     made.conditioning = _conditioning(plan, pattern, basis, parts)
-    return made, levels
+    return made, intensities
 
 
-def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLICAS, seed=0):
+def volume_deviation(plan, block, source, sensitivities, intensities, replicas=REPLICAS, seed=0):
     """As `deviation`, for a volume that is processed in slabs.
 
     Once the readout is transformed, noise is independent along x: each slab has its own, and later steps
@@ -836,15 +836,15 @@ def volume_deviation(plan, block, source, sensitivities, levels, replicas=REPLIC
     for x in slabs.edges(plan, pattern, len(volume)):
         part = sensitivities.part(x)
         frame = np.array(volume[x], order="F")
-        operator = _slab_operator(plan, pattern, part, levels, frame)
+        operator = _slab_operator(plan, pattern, part, intensities, frame)
         seeds = [seed, block.slice, x.start]
         parts.append(spread(operator, frame, plan.covariance, replicas=replicas, seed=seeds))
     return np.sqrt(slabs.weights(plan, pattern).dot(np.concatenate(parts).transpose(1, 0, 2) ** 2))
 
 
-def _slab_operator(plan, pattern, sensitivities, levels, frame):
+def _slab_operator(plan, pattern, sensitivities, intensities, frame):
     """The operator from lines of a slab to its image, with the phase of `frame` fixed."""
-    basis = _slab_basis(plan, pattern, sensitivities, levels)
+    basis = _slab_basis(plan, pattern, sensitivities, intensities)
     if removes_phase(plan, pattern):
         complete = _completed(plan, pattern, basis, frame) if pattern.weighted else frame
         basis.phase = held_phase(plan, pattern, basis, complete, (1, 2))
@@ -857,7 +857,7 @@ def _slab_operator(plan, pattern, sensitivities, levels, frame):
     return operator
 
 
-def _volume_levels(plan, block, source, expected):
+def _volume_intensities(plan, block, source, expected):
     if plan.options.regularisation == 0:
         return None
     pattern = plan.patterns[block.pattern]
@@ -866,7 +866,7 @@ def _volume_levels(plan, block, source, expected):
     return sa(fold_lines(volume, pattern.lattices)), expected
 
 
-def volume_image(plan, block, volume, sensitivities, levels, client):
+def volume_image(plan, block, volume, sensitivities, intensities, client):
     pattern = plan.patterns[block.pattern]
 
     place = runtime.shared(volume) if _here(client) else None
@@ -875,7 +875,7 @@ def volume_image(plan, block, volume, sensitivities, levels, client):
         for x in slabs.edges(plan, pattern, len(volume)):
             part = sensitivities.part(x)
             samples = (place, x) if place else (np.array(volume[x], order="F"),)
-            yield x, (plan, block, part, levels, *samples)
+            yield x, (plan, block, part, intensities, *samples)
 
     made = {}
     for x, parts in _each(_slab, tasks(), client):
@@ -897,26 +897,26 @@ def _here(client):
     return getattr(client, "here", False)
 
 
-def _slab(plan, block, sensitivities, levels, samples, x=None):
+def _slab(plan, block, sensitivities, intensities, samples, x=None):
     samples = samples if x is None else samples.copy(x)
-    return reconstruct_slab(plan, block, samples, sensitivities, levels)
+    return reconstruct_slab(plan, block, samples, sensitivities, intensities)
 
 
-def _slab_basis(plan, pattern, sensitivities, levels):
+def _slab_basis(plan, pattern, sensitivities, intensities):
     if not pattern.weighted:
         return Basis()
     own, expected, residual = sensitivities.maps(plan, pattern)
-    basis = Basis(own, expected, levels, damping=sensitivities.damping, residual=residual)
+    basis = Basis(own, expected, intensities, damping=sensitivities.damping, residual=residual)
     basis.conditioning = sensitivities.conditioning
     return basis
 
 
-def reconstruct_slab(plan, block, samples, sensitivities, levels):
+def reconstruct_slab(plan, block, samples, sensitivities, intensities):
     """Image of a slab with a transformed readout, as `reconstruct_block` for a block."""
     pattern, threads = plan.patterns[block.pattern], plan.options.threads
     if not pattern.weighted:
         return {"image": _finished(plan, pattern, Basis(), samples, (1, 2))}
-    basis = _slab_basis(plan, pattern, sensitivities, levels)
+    basis = _slab_basis(plan, pattern, sensitivities, intensities)
     made = _beside(plan, basis)
     if plan.completes_slabs(pattern):
         return made | {"image": _lines_image(plan, pattern, basis, samples)}

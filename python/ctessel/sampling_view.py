@@ -104,8 +104,8 @@ def _block(layout):
 
 def _noise(layout, energy):
     if layout.noise is not None and layout.noise.size:
-        levels = np.sqrt(np.mean(np.abs(layout.noise, dtype=float) ** 2, 0) / 2)
-        return f"{np.median(levels):.3g} per part, coils {levels.min():.3g} to {levels.max():.3g}"
+        deviations = np.sqrt(np.mean(np.abs(layout.noise, dtype=float) ** 2, 0) / 2)
+        return f"{np.median(deviations):.3g} per part, coils {deviations.min():.3g} to {deviations.max():.3g}"
     return f"at most {energy.outer:.3g} per part, by the ends of the readouts" if energy.outer > 0 else ""
 
 

@@ -128,18 +128,18 @@ def _images(connection):
         for message in connection.receive():
             if message is None:
                 raise StreamError("the server ended without CLOSE")
-            number, head, body = message
+            number, header, body = message
             if number == stream.CLOSE:
                 return
             if number == stream.IMAGE:
-                yield stream.parse_image(head, body)
+                yield stream.parse_image(header, body)
             elif number in (stream.TEXT, stream.ERROR):
                 _tell(body.tobytes().rstrip(b"\0").decode(errors="replace"))
 
 
 def _tell(words):
-    level, _, rest = words.partition(" ")
-    if level == "ERROR":
+    severity, _, rest = words.partition(" ")
+    if severity == "ERROR":
         raise StreamError(f"the server: {' '.join(rest.split())}")
     print(f"ctessel: {' '.join(words.split())}", file=sys.stderr)
 
@@ -165,11 +165,11 @@ def write(path, images):
 def assembled(series):
     """Images of a series as ``(x, y, z, slice, echo, repetition)``, in their own units."""
     names = ("slice", "contrast", "repetition")
-    extents = [1 + max(int(head[name]) for head, _, _ in series) for name in names]
+    extents = [1 + max(int(header[name]) for header, _, _ in series) for name in names]
     first = _values(*series[0][1:])
     volumes = np.zeros((*first.shape, *extents), first.dtype, order="F")
-    for head, attributes, pixels in series:
-        volumes[(..., *(int(head[name]) for name in names))] = _values(attributes, pixels)
+    for header, attributes, pixels in series:
+        volumes[(..., *(int(header[name]) for name in names))] = _values(attributes, pixels)
     return volumes
 
 
@@ -182,16 +182,16 @@ def _values(attributes, pixels):
 
 def affine(series):
     """Affine from voxel indices to mm (right, anterior, superior), from the headers."""
-    ordered = {int(head["slice"]): head for head, _, _ in series}
-    head, last = ordered[min(ordered)], ordered[max(ordered)]
-    size = head["field_of_view"].astype(float) / head["matrix_size"]
+    ordered = {int(header["slice"]): header for header, _, _ in series}
+    header, last = ordered[min(ordered)], ordered[max(ordered)]
+    size = header["field_of_view"].astype(float) / header["matrix_size"]
     names = ("read_dir", "phase_dir", "slice_dir")
-    columns = np.stack([head[name].astype(float) for name in names], 1)
+    columns = np.stack([header[name].astype(float) for name in names], 1)
     columns *= size
-    position = head["position"].astype(float)
+    position = header["position"].astype(float)
     if len(ordered) > 1:
         columns[:, 2] = (last["position"].astype(float) - position) / (max(ordered) - min(ordered))
-    nx, ny, nz = (int(n) for n in head["matrix_size"])
+    nx, ny, nz = (int(n) for n in header["matrix_size"])
     matrix = np.eye(4)
     matrix[:3, :3] = columns
     matrix[:3, 3] = position - columns @ (nx // 2, ny // 2, nz // 2)

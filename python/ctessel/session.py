@@ -16,7 +16,7 @@ import numpy as np
 
 from . import earlier, noise, raw, runtime, stream
 from ._ismrmrd import parse
-from .acquisitions import HEAD, NOISE, NOT_IMAGING
+from .acquisitions import HEADER, NOISE, NOT_IMAGING
 from .arrived import LAST, UNCLEAR, Arrived, Forecast, contents
 from .files import Staged
 from .pictures import Pictures
@@ -145,15 +145,15 @@ class Session:
 
     def _other(self, message):
         """Handle a message that is neither header nor data."""
-        number, head, body = message[0], message[1], message[2].tobytes()
+        number, header, body = message[0], message[1], message[2].tobytes()
         if number == stream.CONFIG_FILE:
-            self._configure(head.rstrip(b"\0").decode(errors="replace"))
+            self._configure(header.rstrip(b"\0").decode(errors="replace"))
         elif number == stream.CONFIG_TEXT:
             self._log("a configuration as text is not used; the options of the command are used")
         elif number == stream.TEXT:
             self._parameters(stream.parameters(body))
         elif number == stream.QUERY:
-            self.connection.send(stream.response(head, "Unknown query"))
+            self.connection.send(stream.response(header, "Unknown query"))
         elif number == stream.HEADER:
             raise StreamError("a second header; a connection has one scan")
 
@@ -206,7 +206,7 @@ class Session:
                 now, count = time.monotonic(), len(acquisitions)
                 if count > known:
                     first = 0 if known == fetched else known
-                    headers = acquisitions.heads(first, count - first).view(HEAD)[:, 0]
+                    headers = acquisitions.heads(first, count - first).view(HEADER)[:, 0]
                     if known == fetched and not self._suits(headers[:fetched], headers[fetched]):
                         headers["flags"][:fetched] = NOT_IMAGING
                         first = fetched
@@ -361,7 +361,7 @@ class Scan:
 
     def __init__(self, session):
         self._session, self._acquisitions = session, session.connection.acquisitions
-        self._headers, self._parts, self._room = np.zeros(0, HEAD), [], np.zeros(0, HEAD)
+        self._headers, self._parts, self._room = np.zeros(0, HEADER), [], np.zeros(0, HEADER)
         self._forecast = self._pictures = None
         self._hopeless = False
         self._sent, self._waiting = {}, []
@@ -396,9 +396,9 @@ class Scan:
         """Append new headers to an array that grows in larger steps."""
         first, count = self._headers.size, self._headers.size + sum(part.size for part in self._parts)
         if count > self._room.size:
-            self._room = np.zeros(2 * count, HEAD)
+            self._room = np.zeros(2 * count, HEADER)
             self._room[:first] = self._headers
-        np.concatenate([*self._parts, np.zeros(0, HEAD)], out=self._room[first:count])
+        np.concatenate([*self._parts, np.zeros(0, HEADER)], out=self._room[first:count])
         self._headers, self._parts = self._room[:count], []
 
     def _start(self):
@@ -454,8 +454,8 @@ class Scan:
             one = {"image": made["image"][..., at : at + 1]}
             if "snr" in self._session.options()[2]:
                 self._made[block.slice, repetition] = np.abs(one["image"][..., 0])
-            head = headers[source.image(block.slice, repetition)[1][0]]
-            self._deliver(plan, block.slice, repetition, (one, head, now))
+            header = headers[source.image(block.slice, repetition)[1][0]]
+            self._deliver(plan, block.slice, repetition, (one, header, now))
 
     def _deliver(self, plan, index, repetition, image):
         """Send an image; with a correction across slices, wait for all slices of its repetition."""
@@ -468,9 +468,9 @@ class Scan:
             return
         order = sorted(self._stacks.pop(repetition))
         straight = straightened(plan, np.concatenate([stack[at][0]["image"][:, :, :1] for at in order], 2))
-        for at, (one, head, now) in sorted(stack.items()):
+        for at, (one, header, now) in sorted(stack.items()):
             one["image"] = straight[:, :, at : at + 1]
-            self._pictures.add(at, repetition, one, head, now)
+            self._pictures.add(at, repetition, one, header, now)
 
     def _note(self, arrived):
         """Record that an image was sent, and when its last line was received."""
@@ -522,8 +522,8 @@ class Scan:
             return
         for name, values in made.items():
             for index in plan.kept[0]:
-                head = self._headers[source.image(index, 0)[1][0]]
-                self._pictures.add_map(name, index, values[:, :, :, index], head)
+                header = self._headers[source.image(index, 0)[1][0]]
+                self._pictures.add_map(name, index, values[:, :, :, index], header)
 
     def _magnitudes(self, plan):
         """The images of the session, if maps need them."""
@@ -583,11 +583,11 @@ class _File:
             self._warn(f"{self._path} cannot be written ({error}); the raw data are not kept")
 
     def append_waveform(self, message):
-        head = np.frombuffer(message[1], np.uint8)
-        fields = head.view(stream.WAVEFORM_HEAD)[0]
+        header = np.frombuffer(message[1], np.uint8)
+        fields = header.view(stream.WAVEFORM_HEADER)[0]
         shape = (int(fields["number_of_samples"]), int(fields["channels"]))
         samples = message[2].view("<u4").reshape(shape, order="F")
-        self._write(self._writer.append_waveform, head, samples)
+        self._write(self._writer.append_waveform, header, samples)
 
     def commit(self):
         if not self._writer:

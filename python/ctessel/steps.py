@@ -374,7 +374,7 @@ def unfold(
     covariance=None,
     expected=None,
     strength=1.0,
-    levels=None,
+    intensities=None,
     damping=0.0,
     threads=None,
 ):
@@ -393,7 +393,7 @@ def unfold(
         Image with the expected signal as magnitude; it switches on the regularisation.
     strength : float, optional
         Of the regularisation: divides the expected signal intensity.
-    levels : tuple of two float, optional
+    intensities : tuple of two float, optional
         Root-mean-square intensities of the folded data and of the expected image of the whole scan, if
         `folded` is a part of it. By default those of the arguments.
     damping : float, optional
@@ -418,7 +418,7 @@ def unfold(
     (1999).
     """
     full = (folded.shape[0], *(lattice.full for lattice in lattices))
-    weight = _weight(folded, maps, expected, strength, levels, damping)
+    weight = _weight(folded, maps, expected, strength, intensities, damping)
     if maps.ndim > 4:  # every set is judged by itself
         maps = maps[:, :, :, :, None]
         weight["mask"] = (maps != 0).any(3)
@@ -436,20 +436,20 @@ def unfold(
     return _restore_phase(image, lattices)
 
 
-def _weight(folded, maps, expected, strength, levels, damping):
+def _weight(folded, maps, expected, strength, intensities, damping):
     """Arguments of the kernel that switch on the regularisation, if it is used."""
-    level = sa(folded)
-    if not level > 0 or (expected is None and not damping > 0):
+    intensity = sa(folded)
+    if not intensity > 0 or (expected is None and not damping > 0):
         return {}
     if expected is None:
         reference, expected = damping**0.5, np.ones(maps.shape[:3], np.float32, order="F")
     else:
-        reference = reference_level(*(levels or (level, sa(expected))), strength, folded.shape[3])
+        reference = reference_intensity(*(intensities or (intensity, sa(expected))), strength, folded.shape[3])
     # With the intensity as scale, the weight is the same for every part of a scan.
-    return {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32), "scale": level}
+    return {"reg": expected, "ref": np.full((1, 1, 1), reference, np.float32), "scale": intensity}
 
 
-def reference_level(whole, expected, strength, coils):
+def reference_intensity(whole, expected, strength, coils):
     """Intensity of the expected image in one coil, divided by that of the data, times the strength."""
     return strength * expected / whole / np.sqrt(coils)
 

@@ -10,7 +10,7 @@ from dataclasses import dataclass, field, replace
 import numpy as np
 
 from . import runtime
-from .acquisitions import CALIBRATION, CALIBRATION_AND_IMAGING, HEAD, IMAGING, NOISE, NOT_IMAGING
+from .acquisitions import CALIBRATION, CALIBRATION_AND_IMAGING, HEADER, IMAGING, NOISE, NOT_IMAGING
 from .acquisitions import DefectError, survey
 from .fourier import to_kspace
 from .scan import Header, Limit, times_text
@@ -286,8 +286,8 @@ class Lines:
 
     def number(self, measured, centre):
         """Headers of the measured lines, in the order of the file."""
-        runtime.check(3 * HEAD.itemsize * np.count_nonzero(measured), "the list of its lines", "is its matrix right?")
-        headers = np.zeros(np.count_nonzero(measured), HEAD)
+        runtime.check(3 * HEADER.itemsize * np.count_nonzero(measured), "the list of its lines", "is its matrix right?")
+        headers = np.zeros(np.count_nonzero(measured), HEADER)
         found = self.found
         headers["number_of_samples"] = found.last - found.first + 1
         headers["center_sample"] = centre - found.first

@@ -36,7 +36,7 @@ TO_CLIENT = (CLOSE, TEXT, QUERY, RESPONSE, ERROR, IMAGE)
 LONGEST_TEXT = 4 << 20
 
 #: Header of an image, without gaps.
-IMAGE_HEAD = np.dtype([
+IMAGE_HEADER = np.dtype([
     ("version", "<u2"), ("data_type", "<u2"), ("flags", "<u8"), ("measurement_uid", "<u4"),
     ("matrix_size", "<u2", 3), ("field_of_view", "<f4", 3), ("channels", "<u2"),
     ("position", "<f4", 3), ("read_dir", "<f4", 3), ("phase_dir", "<f4", 3),
@@ -47,7 +47,7 @@ IMAGE_HEAD = np.dtype([
     ("user_float", "<f4", 8), ("attribute_string_len", "<u4"),
 ])  # fmt: skip
 #: Header of a waveform; unlike the others it is aligned.
-WAVEFORM_HEAD = np.dtype({
+WAVEFORM_HEADER = np.dtype({
     "names": ["version", "flags", "measurement_uid", "scan_counter", "time_stamp",
               "number_of_samples", "channels", "sample_time_us", "waveform_id"],
     "formats": ["<u2", "<u8", "<u4", "<u4", "<u4", "<u2", "<u2", "<f4", "<u2"],
@@ -71,9 +71,9 @@ def text(id, words):
     return struct.pack("<HI", id, len(body)) + body
 
 
-def line(level, words):
-    """A line for the log of the other end; the level is ERROR, WARNING or INFO."""
-    return text(TEXT, f"{level:<8} ctessel: {' '.join(words.split())}")
+def line(severity, words):
+    """A line for the log of the other end; the severity is ERROR, WARNING or INFO."""
+    return text(TEXT, f"{severity:<8} ctessel: {' '.join(words.split())}")
 
 
 def config_file(name):
@@ -105,32 +105,32 @@ def image(pixels, values, **fields):
     values : dict of str to sequence of str
         Attributes.
     **fields
-        Of `IMAGE_HEAD`, but for extents, type of the pixels and length of the attributes.
+        Of `IMAGE_HEADER`, but for extents, type of the pixels and length of the attributes.
 
     Returns
     -------
     list of buffers
         To be sent one after the other.
     """
-    head, meta = np.zeros((), IMAGE_HEAD), attributes(values)
+    header, meta = np.zeros((), IMAGE_HEADER), attributes(values)
     kind = next(number for number, name in PIXELS.items() if np.dtype(name) == pixels.dtype)
     own = {
         "version": 1, "data_type": kind, "matrix_size": pixels.shape, "channels": 1,
         "attribute_string_len": len(meta),
     }  # fmt: skip
     for name, value in {**own, **fields}.items():
-        head[name] = value
-    start = struct.pack("<H", IMAGE) + head.tobytes() + struct.pack("<Q", len(meta)) + meta
+        header[name] = value
+    start = struct.pack("<H", IMAGE) + header.tobytes() + struct.pack("<Q", len(meta)) + meta
     return [start, np.asfortranarray(pixels).reshape(-1, order="F").view(np.uint8)]
 
 
 def parse_image(start, body):
-    """Header (a record of `IMAGE_HEAD`), attributes, and pixels ``(x, y, z, channel)``."""
-    head = np.frombuffer(start, IMAGE_HEAD, 1)[0]
-    (length,) = struct.unpack_from("<Q", start, IMAGE_HEAD.itemsize)
-    pixels = body[length:].view(PIXELS[int(head["data_type"])])
-    shape = (*head["matrix_size"], head["channels"])
-    return head, parse_attributes(body[:length].tobytes()), pixels.reshape(shape, order="F")
+    """Header (a record of `IMAGE_HEADER`), attributes, and pixels ``(x, y, z, channel)``."""
+    header = np.frombuffer(start, IMAGE_HEADER, 1)[0]
+    (length,) = struct.unpack_from("<Q", start, IMAGE_HEADER.itemsize)
+    pixels = body[length:].view(PIXELS[int(header["data_type"])])
+    shape = (*header["matrix_size"], header["channels"])
+    return header, parse_attributes(body[:length].tobytes()), pixels.reshape(shape, order="F")
 
 
 def attributes(values):

@@ -178,12 +178,12 @@ def _noise(made, run):
     shown = []
     if run.plan.covariance is not None:
         covariance = np.asarray(run.plan.covariance)
-        level = np.sqrt(np.abs(np.diagonal(covariance)))
-        level = np.maximum(level, 1e-6 * level.max() or 1.0)  # no division by 0 for coils without noise
-        correlation = np.abs(covariance) / np.outer(level, level)
+        deviation = np.sqrt(np.abs(np.diagonal(covariance)))
+        deviation = np.maximum(deviation, 1e-6 * deviation.max() or 1.0)  # no division by 0 for coils without noise
+        correlation = np.abs(covariance) / np.outer(deviation, deviation)
         shown.append(made.figure(png.colour(png.fitted(correlation), high=1.0), "Correlation of the noise of the coils",
                                  f"Noise correlation of the coils, 0 (dark) to 1 (yellow). Their amplitudes differ by a factor "
-                                 f"of {level.max() / level.min():.2g}; a coil far off is defective."))  # fmt: skip
+                                 f"of {deviation.max() / deviation.min():.2g}; a coil far off is defective."))  # fmt: skip
     for name, values in run.noise.items():
         title, low, high, caption = _MAPS[name]
         plane = np.nan_to_num(_plane(run, values))

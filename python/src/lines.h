@@ -25,7 +25,7 @@ using Flags = py::array_t<bool, py::array::c_style | py::array::forcecast>;
 using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
 
 constexpr std::size_t kHeadBytes = sizeof(ISMRMRD::ISMRMRD_AcquisitionHeader);
-static_assert(kHeadBytes == 340, "HEAD, of the Python package, describes this layout");
+static_assert(kHeadBytes == 340, "HEADER, of the Python package, describes this layout");
 
 /// The samples of a line that count, in the order of k-space: coil after coil, `pitch` apart.
 struct Line {

@@ -12,7 +12,7 @@ import pytest
 from conftest import same_bits
 
 from ctessel import cli, phantom, pipeline, raw
-from ctessel.stream import IMAGE_HEAD
+from ctessel.stream import IMAGE_HEADER
 
 
 def convert(*words):
@@ -114,7 +114,7 @@ def test_bart_reads_the_pair(tmp_path):
 
 def images(path, headers, pixels, group="dataset/image_0", mode="w"):
     """`pixels` are (image, channel, z, y, x)."""
-    records = np.zeros(len(headers), IMAGE_HEAD)
+    records = np.zeros(len(headers), IMAGE_HEADER)
     for record, head in zip(records, headers):
         for name, value in head.items():
             record[name] = value

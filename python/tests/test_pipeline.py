@@ -387,7 +387,7 @@ def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp
 def write_large_volume(path):
     """192 x 192 x 96 voxels, 16 coils, R = 2 x 2; a narrow object along x, as maps take most of the time."""
     from ctessel import _ismrmrd, _raw
-    from ctessel.acquisitions import HEAD
+    from ctessel.acquisitions import HEADER
 
     shape, field = (192, 192, 96), (192.0, 192.0, 96.0)
     limits = {name: Limit(0, n - 1, n // 2) for name, n in zip("xyz", shape)}
@@ -397,7 +397,7 @@ def write_large_volume(path):
     block = [np.abs(np.arange(n) - n // 2) < 12 for n in shape[1:]]
     samples = random_complex((1, 16), 1) * np.exp(-(((np.arange(192) - 96) / 20) ** 2))[:, None]
     for y, z in np.argwhere(np.outer(lines_y, lines_z) | np.outer(*block)):
-        head = np.zeros((), HEAD)
+        head = np.zeros((), HEADER)
         head["center_sample"], head["kspace_encode_step_1"], head["kspace_encode_step_2"] = 96, y, z
         head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
         level = np.exp(-(abs(y - 96) + abs(z - 48)) / 20)

@@ -15,7 +15,7 @@ import numpy as np
 import pytest
 
 from ctessel import _ismrmrd, _raw, cli, nifti, phantom, pipeline, raw, runtime
-from ctessel.acquisitions import HEAD, flag
+from ctessel.acquisitions import HEADER, flag
 from ctessel.scan import Header, Limit, Placement
 
 SIN, COS = np.sin(np.radians(30)), np.cos(np.radians(30))
@@ -30,7 +30,7 @@ def header(**changes):
 
 
 def acquisition(samples=16, coils=2, seed=0, **fields):
-    head = np.zeros((), HEAD)
+    head = np.zeros((), HEADER)
     directions = {"read_dir": (1, 0, 0), "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1)}
     for name, value in {"center_sample": samples // 2, **directions, **fields}.items():
         head[name] = value

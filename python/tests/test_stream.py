@@ -21,7 +21,7 @@ import pytest
 import scans
 
 from ctessel import _raw, arrived, cli, noise, phantom, pipeline, raw, send, serve, session, stream
-from ctessel.acquisitions import HEAD, NOISE
+from ctessel.acquisitions import HEADER, NOISE
 
 
 class Server:
@@ -105,7 +105,7 @@ def split(sender, **options):
     """The messages of a stream, acquisitions one by one."""
 
     def size(block, at):
-        head = np.frombuffer(block, HEAD, 1, at + 2)[0]
+        head = np.frombuffer(block, HEADER, 1, at + 2)[0]
         return 342 + 8 * int(head["number_of_samples"]) * int(head["active_channels"])
 
     messages = []
@@ -171,7 +171,7 @@ def reconstructed(file, folder, *options):
 
 
 def acquisition(samples, coils, **fields):
-    head = np.zeros((), HEAD)
+    head = np.zeros((), HEADER)
     values = {"number_of_samples": samples, "active_channels": coils, "read_dir": (1, 0, 0),
               "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1)}  # fmt: skip
     for name, value in {**values, **fields}.items():
@@ -186,11 +186,11 @@ def test_headers_are_laid_out_as_in_the_library(tmp_path):
     def names(table, skip=()):
         return [name for name in table.names if name not in skip]
 
-    counters = HEAD.names[HEAD.names.index("kspace_encode_step_1") : HEAD.names.index("user_int")]
-    theirs = [("AcquisitionHeader", HEAD, name, f"idx.{name}" if name in counters else name)
-              for name in names(HEAD)]  # fmt: skip
-    theirs += [("ImageHeader", stream.IMAGE_HEAD, n, n) for n in names(stream.IMAGE_HEAD)]
-    theirs += [("WaveformHeader", stream.WAVEFORM_HEAD, n, n) for n in names(stream.WAVEFORM_HEAD)]
+    counters = HEADER.names[HEADER.names.index("kspace_encode_step_1") : HEADER.names.index("user_int")]
+    theirs = [("AcquisitionHeader", HEADER, name, f"idx.{name}" if name in counters else name)
+              for name in names(HEADER)]  # fmt: skip
+    theirs += [("ImageHeader", stream.IMAGE_HEADER, n, n) for n in names(stream.IMAGE_HEADER)]
+    theirs += [("WaveformHeader", stream.WAVEFORM_HEADER, n, n) for n in names(stream.WAVEFORM_HEADER)]
     rows = "".join(
         f'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{kind}, {theirs}), ' f"sizeof(ISMRMRD_{kind}));\n"
         for kind, _, _, theirs in theirs
@@ -297,7 +297,7 @@ def test_noise_may_come_in_an_earlier_connection(tmp_path, server):
     without = np.asarray(reconstructed(tmp_path / "p.h5", tmp_path, "--no-noise").dataobj)
     messages = split(send.Sender(tmp_path / "p.h5"))
     lines = messages[2:-1]
-    flags = [np.frombuffer(message, HEAD, 1, 2)["flags"][0] for message in lines]
+    flags = [np.frombuffer(message, HEADER, 1, 2)["flags"][0] for message in lines]
     count = next(number for number, flag in enumerate(flags) if not flag & NOISE)
     noise, scan = lines[:count], lines[count:]
     needs = (
@@ -334,7 +334,7 @@ def test_lines_that_change_what_was_sent_have_it_sent_again(tmp_path, server):
     writer = _raw.Writer(str(tmp_path / "q.h5"), "dataset", messages[1][6:].decode())
     for message in messages[2:-1]:
         head = np.frombuffer(message, np.uint8, 340, 2)
-        shape = head.view(HEAD)[0][["number_of_samples", "active_channels"]].tolist()
+        shape = head.view(HEADER)[0][["number_of_samples", "active_channels"]].tolist()
         samples = np.frombuffer(message, np.complex64, -1, 342).reshape(shape, order="F")
         writer.append(head, samples)
     writer.close()
@@ -348,7 +348,7 @@ def test_a_centre_beyond_the_readout_is_that_of_a_longer_one(server, small):
     plain = Peer(server.address).send(*small).end().images[0][2]
     moved = [bytearray(message) for message in small]
     for message in moved[2:-1]:
-        np.frombuffer(message, HEAD, 1, 2)["center_sample"] = 64  # of 64 samples, k = 0 is the 32nd
+        np.frombuffer(message, HEADER, 1, 2)["center_sample"] = 64  # of 64 samples, k = 0 is the 32nd
     np.testing.assert_array_equal(Peer(server.address).send(*moved).end().images[0][2], plain)
 
 
@@ -376,7 +376,7 @@ def test_one_scale_holds_for_a_series(tmp_path, server):
     phantom.write(tmp_path / "p.h5", "repetitions", size=32, slices=2, noise=0)
     messages = split(send.Sender(tmp_path / "p.h5"), parameters='{"parameters": {"pixels": "int16"}}')
     for at, message in enumerate(messages):
-        head = np.frombuffer(message, HEAD, 1, 2)[0] if len(message) > 1400 else None
+        head = np.frombuffer(message, HEADER, 1, 2)[0] if len(message) > 1400 else None
         if head is not None and message[:2] == b"\xf0\x03":
             level = np.float32((1, 1.5, 2.5)[head["repetition"]])
             messages[at] = message[:342] + (level * np.frombuffer(message[342:], "f4")).tobytes()
@@ -449,7 +449,7 @@ def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
     def file():
         return [path for path in tmp_path.iterdir() if path.suffix == ".h5"]
 
-    wave = np.zeros(1, stream.WAVEFORM_HEAD)
+    wave = np.zeros(1, stream.WAVEFORM_HEADER)
     wave["number_of_samples"], wave["channels"] = 3, 2
     extra = struct.pack("<H", stream.WAVEFORM) + wave.tobytes() + bytes(range(24))
     with Server("--save", tmp_path) as made:
@@ -463,7 +463,7 @@ def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
         until(file)
     reader = _raw.Reader(str(file()[0]), "dataset")
     assert reader.header == small[1][6:] and len(reader) == 1
-    np.testing.assert_array_equal(reader.heads(0, 1).view(HEAD)["kspace_encode_step_1"], 99)
+    np.testing.assert_array_equal(reader.heads(0, 1).view(HEADER)["kspace_encode_step_1"], 99)
     np.testing.assert_array_equal(reader.read([0]).samples(0).ravel(order="F").view("f4"), np.arange(512))
     import h5py
 
