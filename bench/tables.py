@@ -39,7 +39,12 @@ QUALITY = {
     | {"BART, one set": "BART, one set", "BART, two sets": "BART, two sets", "of two": "default over BART's two"},
     "defective": {"data": "data", "defect": "coil 5", "intact": "intact"}
     | {"all coils": "all coils used", "without it": "left out"},
-    "noise": {"data": "data", "volumes": "volumes", "mean of spread over map": "mean", "its deviation": "deviation of the voxels"}
+    "noise": {
+        "data": "data",
+        "volumes": "volumes",
+        "mean of spread over map": "mean",
+        "its deviation": "deviation of the voxels",
+    }
     | {"expected": "expected of so many samples"},
     "motion": {"data": "data", "motion": "motion", "error": "error"}
     | {"lines in the warning": "lines in the warning (misfit over that of the others)"},

@@ -22,7 +22,7 @@ function kspace = read_kspace(file)
   [x, y] = ind2sub(extents(1:2), at);
   if any(abs([x y] - 1 - floor(extents(1:2) / 2)) > extents(1:2) / 8)
     refuse(file, sprintf('has its largest sample at (%d, %d) of %d x %d; %s', x, y, extents(1:2), ...
-                         'this is no k-space with line 0 in the centre'));
+                         'expected k-space with line 0 in the centre'));
   end
 end
 
@@ -33,7 +33,7 @@ function kspace = read_mat(file)
   try
     content = load(file);
   catch
-    refuse(file, 'is no MATLAB file');
+    refuse(file, 'is not a MATLAB file');
   end
   if ~isfield(content, 'kspace') || ~isnumeric(content.kspace) || ~iscomplex(content.kspace)
     refuse(file, 'has no complex variable named kspace (kx x ky x kz x coils)');

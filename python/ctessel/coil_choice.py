@@ -216,7 +216,7 @@ def choose(layout, options):
     if not 0 < len(reasons) < count:
         return None
     if not layout.looked:
-        raise ValueError("whether coils are defective shows once the first image of each slice has come")
+        raise ValueError("defective coils can be found only once the first image of each slice has come")
     return Choice(tuple(coil for coil in range(count) if coil not in reasons), count, reasons)
 
 

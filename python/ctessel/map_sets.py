@@ -127,6 +127,6 @@ def warnings(asked, figures):
     one, two = max(used)
     yield (
         f"sensitivities: in {len(used)} of {len(pairs)} calibrated slices the object folds onto itself, as in a field of "
-        f"view that is smaller than it: one set leaves up to {100 * one:.2g} % of the calibration unexplained, two "
+        f"view that is too small: one set leaves up to {100 * one:.2g} % of the calibration unexplained, two "
         f"{100 * two:.2g} %; two are used; measure a wider field, or take one with --map-sets 1"
     )

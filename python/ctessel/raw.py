@@ -239,7 +239,7 @@ def _open_any(path, group, given):
             raise
         return other
     if given.fov or given.lines or given.centre:
-        raise DefectError("says its field of view, lines and centre itself", "leave out --fov, --lines, --centre")
+        raise DefectError("has its own field of view, lines and centre", "leave out --fov, --lines, --centre")
     return stored.Opened(path, "ISMRMRD", reader, parse(reader.header), _headers(reader, path))
 
 

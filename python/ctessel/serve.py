@@ -214,7 +214,7 @@ class Server:
     def _refuse(self, peer, address):
         log(f"{address[0]} refused: {self._most} connections are open")
         peer.setblocking(False)
-        words = f"{self._most} connections are open, no more are served; try again later"
+        words = f"{self._most} connections are open, which is the limit; try again later"
         with contextlib.suppress(OSError):
             peer.send(stream.line("ERROR", words) + stream.close())
             peer.shutdown(socket.SHUT_WR)

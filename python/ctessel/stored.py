@@ -141,7 +141,7 @@ def _header(reader, measured, given):
     stored, extents = reader.stored, reader.stored.extents
     if stored.header is not None:
         if given.fov or given.lines or given.centre:
-            raise DefectError("says its field of view, lines and centre itself", "leave out --fov, --lines, --centre")
+            raise DefectError("has its own field of view, lines and centre", "leave out --fov, --lines, --centre")
         return stored.header, [], True
     centre = _three(given.centre, extents, lambda _, n: n // 2)
     # The smallest even matrix that holds all lines, k = 0 at its n // 2.

@@ -206,7 +206,7 @@ _FIGURES = {
     "prediction": ("Roughness of the phase: partial Fourier", "The outermost quarter of the lines on the short side of "
                    "k = 0 was hidden and predicted. This is the error of the prediction, divided by the lines: below 1 the "
                    "missing lines are predicted (POCS), otherwise they stay zero."),
-    "map_sets": ("Sets of sensitivities", "Two where the object folds onto itself in a field of view that is smaller."),
+    "map_sets": ("Sets of sensitivities", "Two where the field of view is smaller than the object, which folds onto itself."),
     "residual": ("Fit of the sensitivities", "Share of the energy of the calibration data that the sensitivities do not "
                  "explain. Noise explains a part of it; more indicates motion, or maps of another scan."),
 }  # fmt: skip

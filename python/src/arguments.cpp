@@ -65,7 +65,8 @@ void check_extents(const py::array& a, const char* name) {
 
 void check_apart(const ConstSamples& result, const ConstSamples& read, const char* name) {
   if (!ctessel::overlap(result, read)) return;
-  fail_value(name, "memory apart from the other arrays", "an array that shares memory with one");
+  fail_value(name, "memory that is not shared with other arrays",
+             "an array that shares memory with one");
 }
 
 /// A writable array of exactly this shape and kind of sample: the caller's own, or an error.

@@ -159,7 +159,7 @@ std::string read_text(hid_t file, const std::string& group) {
   const Handle set = open_data_set(file, group, "xml", "header");
   const Handle type(H5Dget_type(set), H5Tclose), space(H5Dget_space(set), H5Sclose);
   if (H5Tget_class(type) != H5T_STRING || H5Sget_simple_extent_npoints(space) != 1)
-    throw std::runtime_error("its header is no text");
+    throw std::runtime_error("its header is not text");
   if (H5Tis_variable_str(type) > 0) {
     char* text = nullptr;
     check(H5Dread(set, type, H5S_ALL, H5S_ALL, H5P_DEFAULT, &text));
