@@ -18,6 +18,9 @@ mkdir -p "$out/installed" "$out/home"
 tarball=$(octave/package.sh "$out")
 tar -xzOf "$tarball" --wildcards '*/COPYING' | grep -q 'Arm Limited' || { echo 'no NOTICE' >&2; exit 1; }
 
+octave/index_entry.sh "$tarball" https://example.org/ | grep -q "^  sha256: \"$(sha256sum <"$tarball" | cut -d ' ' -f 1)\"" ||
+  { echo 'the entry for the index has another sum than the tarball' >&2; exit 1; }
+
 export CTESSEL_DATA=${CTESSEL_DATA:-$PWD/../shared/data}
 HOME=$out/home octave-cli --norc --no-history --quiet --path "$PWD/octave" --path "$PWD/demo" \
   --eval "test_package('$tarball', '$out/installed')"

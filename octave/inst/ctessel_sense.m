@@ -13,9 +13,9 @@
 %                x, the object starts at the first sample of coil 1 with a REAL part other than 0.
 %                All later lines of the column count as object. So extend the maps into the air. If
 %                no coil has a sensitivity at a line of the object, the voxels that alias with it are
-%                not finite, and a warning says so. A sixth dimension are sets of maps, for voxels in
-%                which the object folds onto itself (see ctessel_espirit). Y and z are then those of the
-%                image, and multiples of those of FOLDED.
+%                not finite, and a warning says so. A sixth dimension holds sets of maps, for voxels
+%                in which the object folds onto itself (see ctessel_espirit). MAPS then have the y and z of
+%                the image, which are multiples of those of FOLDED.
 %   full_size    unfolded extents [X Y] or [X Y Z]. X is that of FOLDED; the factors Y / y and Z / z
 %                may be fractions. If left out or []: x of FOLDED, y and z of MAPS.
 %   covariance   noise of the coils, coil x coil. If left out or []: the identity. Without
