@@ -8,6 +8,7 @@ tools/viewer.sh >&2
 
 export PATH=/usr/bin:$PATH # Debian's Python and cmake, whatever else is installed
 out=build/python/dist
+echo 'Building the Python package: a few minutes' >&2
 rm -rf "$out"
 mkdir -p "$out"
 /usr/bin/python3 -m build --no-isolation --outdir "$out" . >"$out/log" 2>&1 || { cat "$out/log" >&2; exit 1; }

@@ -76,13 +76,21 @@ def main(argv=None):
 
 
 def _main(argv):
-    parser = _parser()
-    arguments = parser.parse_args(argv)
+    arguments, unknown = _parser().parse_known_args(argv)
     arguments.command_line = shlex.join(["ctessel", *(sys.argv[1:] if argv is None else argv)])
     try:
+        if unknown:
+            raise UsageError(_unknown(unknown[0], arguments.parser))
         return arguments.run(arguments) or DONE
     except UsageError as error:
-        parser.error(str(error))
+        arguments.parser.error(str(error))
+
+
+def _unknown(word, parser):
+    import difflib
+
+    near = difflib.get_close_matches(word.partition("=")[0], parser._option_string_actions, 1)
+    return f"unknown argument {word}{f' (did you mean {near[0]}?)' if near else ''}"
 
 
 def _cancelled(number, error):
@@ -144,10 +152,17 @@ def _explain(error):
 # ---- Arguments -----------------------------------------------------------------------------------
 
 
+class _Parser(argparse.ArgumentParser):
+    """Its errors are one line."""
+
+    def error(self, message):
+        self.exit(USAGE, f"{self.prog}: {message}; see {self.prog} --help\n")
+
+
 def _parser():
     from . import __version__
 
-    parser = argparse.ArgumentParser(
+    parser = _Parser(
         prog="ctessel",
         description="From MRI raw data to images.",
         epilog=EXIT_CODES,
@@ -179,7 +194,7 @@ def _command(commands, name, run, text):
         epilog=EXIT_CODES,
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
-    command.set_defaults(run=run)
+    command.set_defaults(run=run, parser=command)
     return command
 
 
@@ -311,7 +326,9 @@ def _add_resources(command):
     )
     resources.add_argument("--scratch", metavar="FOLDER", help="keep k-space in a file in this folder, not in memory")
     resources.add_argument("--workers", type=options.positive, metavar="N", help="processes on this machine")
-    resources.add_argument("--scheduler", metavar="ADDRESS", help="address of a Dask scheduler")
+    resources.add_argument(
+        "--scheduler", type=_address, metavar="ADDRESS", help="address of a Dask scheduler, such as tcp://node1:8786"
+    )
 
 
 def _add_threads(command):
@@ -368,7 +385,7 @@ def _add_phantom(commands):
     command = _command(commands, "phantom", phantom, "write raw data of a phantom")
     command.epilog = f"kinds:\n{_phantom_kinds()}\n\n{command.epilog}"
     command.add_argument("kind", metavar="KIND", help="kind of scan, see below; 'list' shows all")
-    command.add_argument("-o", "--output", metavar="RAW.h5", help="ISMRMRD file")
+    command.add_argument("-o", "--output", metavar="RAW.h5", type=_raw_name, help="ISMRMRD file")
     for name, (what, usual) in PHANTOM_SIZES.items():
         command.add_argument(f"--{name}", type=options.positive, metavar="N", help=f"{what} ({usual})")
     command.add_argument(
@@ -512,6 +529,18 @@ def _html_name(text):
     if not text.endswith(".html"):
         raise argparse.ArgumentTypeError(f"{text}: expected the name of a page, ending in .html")
     return Path(text)
+
+
+def _address(text):
+    if not text.rpartition(":")[2].isdigit():
+        raise argparse.ArgumentTypeError(f"expected an address such as tcp://node1:8786, got {text!r}")
+    return text
+
+
+def _raw_name(text):
+    if not text.endswith((".h5", ".mrd")):
+        raise argparse.ArgumentTypeError(f"{text}: expected the name of an ISMRMRD file, ending in .h5 or .mrd")
+    return text
 
 
 def _label(text):

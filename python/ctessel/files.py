@@ -143,6 +143,8 @@ def check_output(path):
     path = Path(path).absolute()
     if path.is_dir():
         raise ValueError(f"{path}: is a folder; name a file")
+    if not path.parent.exists():
+        raise ValueError(f"{path.parent}: no such folder; make it first, or name another")
     if not path.parent.is_dir() or not os.access(path.parent, os.W_OK | os.X_OK):
         raise ValueError(f"{path.parent}: cannot be written to; name a writable folder")
 

@@ -140,7 +140,7 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     assert code("recon", scan, "-o", target, "--geometry", tmp_path / "no.coef") == cli.DEFECT
     one_line("no.coef: No such file")
     for rest in ([], ["--dry-run"]):
-        for where, words in ((tmp_path / "none" / "i.nii", "none: cannot be written to"), (folder, "is a folder")):
+        for where, words in ((tmp_path / "none" / "i.nii", "none: no such folder; make it"), (folder, "is a folder")):
             for names in (["-o", where], ["-o", target, "--preview", where.with_suffix(".png")]):
                 assert code("recon", scan, *names, *rest) == cli.DEFECT
                 one_line(words)
@@ -153,15 +153,18 @@ def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, 
     one_line("i.json: is the raw data file")
     (tmp_path / "i.json").unlink()
     assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
-    one_line("none: cannot be written to")
+    one_line("none: no such folder; make it")
     assert code("merge", target, "-o", target) == cli.DEFECT
     one_line("is missing")
     for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--preview", "i.gif"],
                   ["recon", scan, "-o", target, "--ringing", 2],
                   ["recon", scan, "-o", target, "--range", "x", 0, 1],
-                  ["recon", scan, "-o", target, "--skip", "slice", -1], ["phantom", "cube", "-o", target]):  # fmt: skip
+                  ["recon", scan, "-o", target, "--skip", "slice", -1], ["phantom", "cube"], [],
+                  ["phantom", "full", "-o", target], ["recon", scan, "-o", target, "--scheduler", "node1"]):  # fmt: skip
         assert code(*wrong) == cli.USAGE
-    capsys.readouterr()
+        one_line("; see ctessel")
+    assert code("recon", scan, "-o", target, "--regularize", 1) == cli.USAGE
+    one_line("ctessel recon: unknown argument --regularize (did you mean --regularise?); see ctessel recon --help")
     most = resource.getrlimit(resource.RLIMIT_FSIZE)
     for where in ([], ["--scratch", tmp_path]):
         resource.setrlimit(resource.RLIMIT_FSIZE, (65536, most[1]))  # as little as a full disk takes
