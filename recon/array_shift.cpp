@@ -1,8 +1,8 @@
 // Circular shifts between the first element of an axis and its centre, in place and into another array.
 //
-// In place: one rotation. An axis of N blocks of B contiguous floats is turned by m = floor(N / 2)
+// In place: one rotation. An axis of N blocks of B contiguous floats is rotated by m = floor(N / 2)
 // blocks, or back. Its first m blocks and m later ones trade places in one pass that reads and writes
-// every float once. On an odd axis one block is left over, the traded parts land one block apart from
+// every float once. On an odd axis one block is left over, the traded parts land one block beside
 // where they came from, and only that block needs scratch memory.
 // Into another array: rows go where they belong, each in one piece or in two.
 
@@ -28,7 +28,7 @@ constexpr ptrdiff_t kTrade = 16, kLineFloats = kLine / 4;
 using Quad [[gnu::vector_size(16), gnu::aligned(4), gnu::may_alias]] = float;
 
 /// The values from `low` on go to `to`, those from `high` on take their place. All are held in
-/// registers in between, each by a name of its own: the compiler keeps an array of them in memory.
+/// registers in between, each by its own name: the compiler keeps an array of them in memory.
 void trade(float* low, const float* high, float* to) {
   const Quad *l = reinterpret_cast<const Quad*>(low), *h = reinterpret_cast<const Quad*>(high);
   const Quad l0 = l[0], l1 = l[1], l2 = l[2], l3 = l[3];
@@ -55,7 +55,7 @@ void copy_floats(float* to, const float* from, ptrdiff_t n) {
 
 /// Element 0 to the centre. Upwards: what a step stores over was read `odd` floats before or is
 /// held.
-void turn_forward(float* line, Halves l, float* held) {
+void rotate_forward(float* line, Halves l, float* held) {
   float *to = line + l.half, *high = to + l.odd;
   copy_floats(held, to, l.odd);
   ptrdiff_t i = 0;
@@ -65,7 +65,7 @@ void turn_forward(float* line, Halves l, float* held) {
 }
 
 /// The centre to element 0: the same steps with the two ends exchanged, hence downwards.
-void turn_back(float* line, Halves l, float* held) {
+void rotate_back(float* line, Halves l, float* held) {
   float *high = line + l.half, *to = high + l.odd;
   copy_floats(held, high + l.half, l.odd);
   ptrdiff_t i = l.half;
@@ -103,9 +103,9 @@ void rotate_volume(float* volume, const Lines& a, bool forward, float* held) {
   for (float* line = volume; line < end; line += a.step) {
     prefetch_ahead(line, a.step, end);
     if (forward) {
-      turn_forward(line, l, held);
+      rotate_forward(line, l, held);
     } else {
-      turn_back(line, l, held);
+      rotate_back(line, l, held);
     }
   }
 }
@@ -145,19 +145,19 @@ std::optional<Lines> dense_lines(const Samples& s, Dim d) {
 
 // ---- Into another array -------------------------------------------------------------------------
 
-/// An axis of both sides, and by how many entries it is turned.
-struct Turn {
+/// An axis of both sides, and by how many entries it is rotated.
+struct Rotation {
   ptrdiff_t n, from, to, m;
 };
 
-/// Rows of `floats` floats side by side, or of n such units turned by m.
-struct TurnedRows {
+/// Rows of `floats` floats side by side, or of n such units rotated by m.
+struct RotatedRows {
   ptrdiff_t floats, n = 1, m = 0;
-  std::vector<Turn> outer;
+  std::vector<Rotation> outer;
 
   ptrdiff_t count() const {
     ptrdiff_t rows = 1;
-    for (const Turn& t : outer) rows *= t.n;
+    for (const Rotation& r : outer) rows *= r.n;
     return rows;
   }
 };
@@ -166,13 +166,13 @@ constexpr ptrdiff_t kRowFloats = 1 << 12;  // of a row that is long enough
 constexpr ptrdiff_t kStreamed = 1 << 20;   // floats that leave little else in the caches
 
 /// Empty where the two do not run on along the same axis.
-std::optional<TurnedRows> turned_rows(const ConstSamples& from, const Samples& to,
-                                      const Extents& distances) {
-  TurnedRows rows{in_pairs(from) && in_pairs(to) ? 2 : 1, 1, 0, {}};
+std::optional<RotatedRows> rotated_rows(const ConstSamples& from, const Samples& to,
+                                        const Extents& distances) {
+  RotatedRows rows{in_pairs(from) && in_pairs(to) ? 2 : 1, 1, 0, {}};
   bool open = true;
   for (int k : memory_order(to)) {
-    const Turn t{to.extent(Dim(k)), from.stride(Dim(k)), to.stride(Dim(k)),
-                 distances[static_cast<std::size_t>(k)]};
+    const Rotation t{to.extent(Dim(k)), from.stride(Dim(k)), to.stride(Dim(k)),
+                     distances[static_cast<std::size_t>(k)]};
     if (t.n == 1) continue;
     const bool side_by_side = t.from == rows.floats && t.to == rows.floats;
     open = open && rows.n == 1 && side_by_side && rows.floats < kRowFloats;
@@ -188,7 +188,7 @@ std::optional<TurnedRows> turned_rows(const ConstSamples& from, const Samples& t
   return rows;
 }
 
-void turn_rows(const float* from, float* to, const TurnedRows& rows) {
+void rotate_rows(const float* from, float* to, const RotatedRows& rows) {
   const bool stream = rows.count() * rows.n * rows.floats >= kStreamed;
   const auto move = [&](float* out, const float* in, ptrdiff_t floats) {
     const auto bytes = floats * static_cast<ptrdiff_t>(sizeof(float));
@@ -200,7 +200,7 @@ void turn_rows(const float* from, float* to, const TurnedRows& rows) {
   for_each_chunk(rows.count(), [&](std::int64_t begin, std::int64_t end) {
     for (auto r = static_cast<ptrdiff_t>(begin); r < end; ++r) {
       ptrdiff_t index = r, f = 0, t = 0;
-      for (const Turn& a : rows.outer) {
+      for (const Rotation& a : rows.outer) {
         const ptrdiff_t i = index % a.n;
         f += (i + a.n - a.m) % a.n * a.from, t += i * a.to;
         index /= a.n;
@@ -214,26 +214,26 @@ void turn_rows(const float* from, float* to, const TurnedRows& rows) {
 }
 
 /// Block by block, for layouts that differ.
-void turn_blocks(const ConstSamples& from, const Samples& to, const Extents& distances,
-                 std::size_t d = 0) {
+void rotate_blocks(const ConstSamples& from, const Samples& to, const Extents& distances,
+                   std::size_t d = 0) {
   while (d < distances.size() && distances[d] == 0) ++d;
   if (d == distances.size()) return copy(from, to);
   const ptrdiff_t m = distances[d], rest = from.extents[d] - m;
   const Dim axis{static_cast<int>(d)};
-  turn_blocks(from.slice(axis, 0, rest), to.slice(axis, m, rest), distances, d + 1);
-  turn_blocks(from.slice(axis, rest, m), to.slice(axis, 0, m), distances, d + 1);
+  rotate_blocks(from.slice(axis, 0, rest), to.slice(axis, m, rest), distances, d + 1);
+  rotate_blocks(from.slice(axis, rest, m), to.slice(axis, 0, m), distances, d + 1);
 }
 
-void turn(const ConstSamples& from, const Samples& to, const Extents& distances) {
+void rotate_into(const ConstSamples& from, const Samples& to, const Extents& distances) {
   if (to.size() == 0) return;
-  const auto rows = turned_rows(from, to, distances);
+  const auto rows = rotated_rows(from, to, distances);
   const bool pairs = in_pairs(from) && in_pairs(to);
-  if (!rows || (!pairs && !from.im != !to.im)) return turn_blocks(from, to, distances);
-  turn_rows(from.re, to.re, *rows);
-  if (to.im && !pairs) turn_rows(from.im, to.im, *rows);
+  if (!rows || (!pairs && !from.im != !to.im)) return rotate_blocks(from, to, distances);
+  rotate_rows(from.re, to.re, *rows);
+  if (to.im && !pairs) rotate_rows(from.im, to.im, *rows);
 }
 
-/// By how many entries each axis is turned; an axis that is named twice turns twice.
+/// By how many entries each axis is rotated; an axis that is named twice rotates twice.
 Extents distances_of(const Extents& extents, const std::vector<Dim>& axes, bool forward) {
   Extents m(extents.size(), 0);
   for (Dim axis : axes) {
@@ -245,7 +245,7 @@ Extents distances_of(const Extents& extents, const std::vector<Dim>& axes, bool 
   return m;
 }
 
-/// Data with gaps: parts of them go through memory of their own, cut along the slowest axis that is
+/// Data with gaps: parts of them go through scratch memory, cut along the slowest axis that is
 /// not shifted.
 void shift_with_gaps(const Samples& data, const Extents& distances) {
   Dim cut{-1};
@@ -260,7 +260,7 @@ void shift_with_gaps(const Samples& data, const Extents& distances) {
         data.im ? Samples::pairs(own.data(), piece.extents)
                 : Samples::parts(reinterpret_cast<float*>(own.data()), nullptr, piece.extents);
     copy(piece, scratch);
-    turn(scratch, piece, distances);
+    rotate_into(scratch, piece, distances);
   }
 }
 
@@ -277,7 +277,7 @@ void shift(const Samples& data, const std::vector<Dim>& axes, bool forward) {
 void shift(const ConstSamples& data, const Samples& out, const std::vector<Dim>& axes,
            bool forward) {
   require_same_extents(data, out, "shift: data and out");
-  turn(data, out, distances_of(data.extents, axes, forward));
+  rotate_into(data, out, distances_of(data.extents, axes, forward));
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // Sine and cosine of many angles at once, the bits of the maths library.
 //
-// The GNU C library works single-precision sines out in double: a reduction by quarter turns and a
+// The GNU C library works single-precision sines out in double: a reduction by multiples of pi / 2 and a
 // polynomial, rounded once at the end. Lanes do the same here, with the same coefficients: those of
 // sinf and cosf in Arm Optimized Routines, copyright (c) 2018 Arm Limited, MIT licence, whose text is in
 // NOTICE. The library's builds differ in whether
 // products are fused into sums, and so by a few units of a double: where that could tip the last
 // rounding, or where the reduction has cancelled most digits, the library itself is asked. A
-// library with other polynomials is told by its values at a few angles and then does all the work.
+// library with other polynomials is recognised by its values at a few angles and then does all the work.
 #include "block_sincos.h"
 
 #include <algorithm>
@@ -26,16 +26,16 @@ struct Pair {
   double sine, cosine;
 };
 
-constexpr double kQuarterTurn = 0x1.921FB54442D18p0;
-constexpr double kQuarterTurnsPerRadian = 0x1.45F306DC9C883p+23;  // times 2^24
-constexpr float kLargest = 100;              // the reduction's error is known up to here
-constexpr float kSmallest = 1e-3f;           // below, cancelled digits could show
-constexpr std::uint32_t kMargin = 1u << 16;  // in units of a double's last place
+constexpr double kHalfPi = 0x1.921FB54442D18p0;
+constexpr double kPerRadian = 0x1.45F306DC9C883p+23;  // times 2^24
+constexpr float kLargest = 100;                       // the reduction's error is known up to here
+constexpr float kSmallest = 1e-3f;                    // below, cancelled digits could show
+constexpr std::uint32_t kMargin = 1u << 16;           // in units of a double's last place
 
 [[gnu::always_inline]] inline Pair polynomials(float angle) {
   const double x = angle;
-  const int quarter = (static_cast<int>(x * kQuarterTurnsPerRadian) + 0x800000) >> 24;  // nearest
-  const double y = x - quarter * kQuarterTurn, y2 = y * y, y3 = y * y2, y4 = y2 * y2;
+  const int quarter = (static_cast<int>(x * kPerRadian) + 0x800000) >> 24;  // nearest
+  const double y = x - quarter * kHalfPi, y2 = y * y, y3 = y * y2, y4 = y2 * y2;
   const double s = y + y3 * -0x1.555545995a603p-3 +
                    y3 * y2 * (0x1.1107605230bc4p-7 + y2 * -0x1.994eb3774cf24p-13);
   const double c = 1.0 + y2 * -0x1.ffffffd0c621cp-2 + y4 * 0x1.55553e1068f19p-5 +

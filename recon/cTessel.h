@@ -8,7 +8,7 @@
 //
 // The caller owns every array. Nothing is printed, and only what a routine's errors name is validated:
 // the rest is the caller's duty. std::bad_alloc leaves a routine uncaught; in a parallel region, or in
-// a module with a C++ runtime of its own, it ends the process. Routines may be called from several
+// a module with its own C++ runtime, it ends the process. Routines may be called from several
 // threads at once on disjoint outputs; each uses the OpenMP default number of threads, and results are
 // the same bits for every thread count. Memory is what a call allocates beyond its inputs and outputs,
 // without a few bytes per line of an axis; ./bench.sh measures it.
@@ -87,7 +87,7 @@ void TS_ringing_filter(float* re, float* im, int ndims, int* dims, double* stren
 
 /// Root sum of squares over the coils: out = sqrt(out + sum over coils of re^2 + im^2).
 ///
-/// The sum starts with what `out` holds, so that sets of coils can be taken in turn; pass zeros
+/// The sum starts with what `out` holds, so that sets of coils can be added one after another; pass zeros
 /// otherwise. It runs coil by coil, real part before imaginary part, rounded to float at each step.
 ///
 ///   re, im       in      coil images, x fastest; im may be null
@@ -145,7 +145,7 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 ///   full_size         in   unfolded extents x, y, z; x is that of the folded images
 ///   ref_re, ref_im    in   reference image for the regularisation weight; ref_im may be null
 ///   reg_re, reg_im    in   (x', y', z', location): expected magnitude; reg_im may be null
-///   scale             in   divisor of the folded level in the regularisation weight
+///   scale             in   divisor of the folded root mean square in the regularisation weight
 ///   out_re, out_im    out  (x, y, z, 1, p, q, r, location, ...), owned and cleared by the caller:
 ///                          only pixels inside the object are written
 ///   outdims           in   fold_ndims extents of the output: those of full_size, 1 for the coils,
@@ -310,7 +310,7 @@ double plgndr(int l, int m, float x);
 ///   npts    in   samples x_i = i step - 1 with step = 2 / (npts - 1), each rounded to float
 ///   table   out  (nl, nm, npts), l fastest, owned by the caller
 ///
-/// Entries with m > l are 0, and so is a sample that rounding puts outside [-1, 1] or that is no
+/// Entries with m > l are 0, and so is a sample that rounding puts outside [-1, 1] or that is not
 /// number (npts = 1). npts < 1 writes nothing. Threads: one. Memory: 128 bytes for each order.
 void create_plgndr_lookup(int nl, int nm, int npts, float* table);
 

@@ -39,8 +39,8 @@ void require_combined(const ConstSamples& data, Dim coil, const ConstSamples& ou
   require_same_extents({data.re, nullptr, one, data.strides}, out, "one coil of data, and out");
 }
 
-/// Runs body(out row, data row of coil 0) over all voxels in blocks of at most `most`, with a body
-/// of its own on each thread.
+/// Runs body(out row, data row of coil 0) over all voxels in blocks of at most `most`, with its own
+/// body on each thread.
 template <class Body>
 void for_each_block(const Samples& out, const ConstSamples& first, ptrdiff_t most,
                     const Body& shared) {
@@ -58,7 +58,7 @@ void for_each_block(const Samples& out, const ConstSamples& first, ptrdiff_t mos
 
 constexpr ptrdiff_t kBlock = 65536;  // sums of one block: 256 KiB, a part of the L2 cache
 
-/// Images S floats apart, their samples `step` apart.
+/// Images, one every S floats, with a sample every `step` floats.
 struct Images {
   const float *re, *im;
   ptrdiff_t step, S, count;
@@ -199,7 +199,7 @@ void store(const Sums& sums, ptrdiff_t v, float* out_re, float* out_im) {
   *out_im = m * std::sin(phase);
 }
 
-/// One coil's series to the next, and the output's images V_out floats apart.
+/// One coil's series to the next, and an image of the output every V_out floats.
 struct CombineRow {
   ptrdiff_t coils, S, D, V, V_out;
   std::vector<Sums> sums{};
@@ -242,7 +242,7 @@ void TS_perform_sos(float* re, float* im, int ndims, int* dims, int coildim, flo
   const ptrdiff_t S = product(dims, 0, coildim - 1), coils = dims[coildim - 1],
                   n = product(outdims, 0, ndims);
   if (S <= 0) return;
-  // Whole runs of the S voxels below the coils, then what is left of one: its coils are S apart, too.
+  // Whole runs of the S voxels below the coils, then what is left of one: its coils lie S floats from each other, too.
   const auto sum = [&](ptrdiff_t first, ptrdiff_t below, ptrdiff_t above) {
     if (below * above == 0) return;
     const ptrdiff_t at = first * coils;

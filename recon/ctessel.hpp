@@ -187,11 +187,11 @@ struct SenseOptions {
   ///              of the imaginary part is 1 / sqrt 2 of it. In the unit of the folded images if
   ///              covariance(c, c) = mean |noise|^2.
   ///   condition  of A, largest over smallest eigenvalue, at most 2^52
-  ///   response   Re [U S]_ii: the level that regularisation leaves of the voxel, else 1
+  ///   response   Re [U S]_ii: the share of the voxel that regularisation leaves, else 1
   /// Between the voxels of a coarser grid sd is that of the factors there, g and response follow from
   /// those of the neighbours, and the condition is the nearest voxel's.
   Samples g = {}, sd = {}, condition = {}, response = {};
-  /// Where the voxels lie that alias, for lines on a lattice that is no product of y and z (CAIPIRINHA):
+  /// Where the voxels lie that alias, for a sampling pattern that is not a product of y and z (CAIPIRINHA):
   /// offsets along y and z in full voxels, the same for every folded voxel and round the edges of the
   /// image, so that alias k of folded (y, z) is voxel ((y + first_y + aliases[k][0]) mod full y,
   /// (z + first_z + aliases[k][1]) mod full z), first = ceil((full - folded) / 2). Every voxel must be
@@ -253,7 +253,7 @@ void ringing_filter(const ConstSamples& data, const Samples& out, const RingingW
 
 /// Root sum of squares over the coils, out = sqrt(out + sum over coils of |data|^2), in the order of
 /// TS_perform_sos. `out` is real and has extent 1 along `coil`; pass zeros unless sets of coils are
-/// taken in turn. Threads: split over voxels. Memory: none; where the samples of `out` have gaps,
+/// taken one after another. Threads: split over voxels. Memory: none; where the samples of `out` have gaps,
 /// 256 KiB on each thread.
 void sos(const ConstSamples& data, Dim coil, const Samples& out);
 
@@ -264,7 +264,7 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 
 // ---- SENSE --------------------------------------------------------------------------------------
 //
-// Pruessmann et al., Magn. Reson. Med. 42:952 (1999); shifted lattices: Breuer et al., Magn. Reson. Med.
+// Pruessmann et al., Magn. Reson. Med. 42:952 (1999); shifted patterns: Breuer et al., Magn. Reson. Med.
 // 55:549 (2006).
 
 /// Unfolds undersampled multi-coil images: the noise-weighted least-squares solution of every voxel's

@@ -5,7 +5,7 @@
 // CTESSEL_DISPATCH) and sums keep their order. Put it on functions without OpenMP parallel regions;
 // their outlined bodies would stay at the baseline.
 // CTESSEL_BY_WIDTH defines a function whose body is a template over the doubles in a vector, for
-// code that is written in vectors: one wider than the processor's would be taken apart into single
+// code that is written in vectors: one wider than the processor's would be split into single
 // numbers.
 // The sanitizers' runtimes are not up yet when the choice is made, so they get the baseline.
 #pragma once

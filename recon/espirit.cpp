@@ -30,7 +30,7 @@ using Complex = std::complex<double>;
 using Places = std::vector<Complex>;
 
 /// Orthonormal bases are multiplied by the matrix so many times before the signal space is read off.
-constexpr int kTurns = 3;
+constexpr int kRepetitions = 3;
 /// Columns of a calibration matrix of which any share may be signal. Of more a third at most: data that
 /// fill the rest are noise alone, which costs time and says nothing.
 constexpr Index kSmall = 256;
@@ -254,7 +254,7 @@ Matrix strongest(const Matrix& gram, Index width, double threshold) {
     shifted.re[at(i * gram.cols + i)] += 1e-3 * threshold * trace(gram);
   }
   Matrix basis = scattered(gram.rows, width);
-  for (int turn = 0; turn < kTurns; ++turn) {
+  for (int i = 0; i < kRepetitions; ++i) {
     basis = orthonormal(product(shifted, basis));
   }
   basis = orthonormal(basis);
@@ -314,9 +314,9 @@ Matrix waves(Index size, Index first, Index terms) {
   const Index centre = size / 2;
   for (Index k = 0; k < terms; ++k) {
     for (Index x = 0; x < size; ++x) {
-      const double turns =
+      const double cycles =
           static_cast<double>((first + k) * (x - centre)) / static_cast<double>(size);
-      out.set(k, x, std::polar(1.0, 2 * std::numbers::pi * turns));
+      out.set(k, x, std::polar(1.0, 2 * std::numbers::pi * cycles));
     }
   }
   return out;
@@ -334,11 +334,11 @@ class Polynomials {
   /// Values along x at (y, z): a row a polynomial.
   Matrix row(Index y, Index z) const {
     const Matrix terms = summed(summed(terms_, waves_[2], z), waves_[1], y);
-    Matrix turned(terms.cols, terms.rows), out(terms.cols, waves_[0].cols);
+    Matrix transposed(terms.cols, terms.rows), out(terms.cols, waves_[0].cols);
     for (Index k = 0; k < terms.rows; ++k) {
-      for (Index i = 0; i < terms.cols; ++i) turned.set(i, k, terms.get(k, i));
+      for (Index i = 0; i < terms.cols; ++i) transposed.set(i, k, terms.get(k, i));
     }
-    multiply_rows(turned, waves_[0], {0, turned.rows}, false, out);
+    multiply_rows(transposed, waves_[0], {0, transposed.rows}, false, out);
     return out;
   }
 
@@ -451,7 +451,7 @@ CTESSEL_INLINE void take_out(const Matrix& u, Index first, Index n, Matrix& v) {
   }
 }
 
-/// Turns the columns of `v` into unit eigenvectors of the largest eigenvalue but for those of the
+/// Makes the columns of `v` unit eigenvectors of the largest eigenvalue but for those of the
 /// `found` ones, by repeated products.
 CTESSEL_CLONES
 void to_eigenvectors(const Matrix& m, const std::vector<Matrix>& found, Matrix& v,
@@ -484,8 +484,8 @@ Complex reference_phase(const Matrix& low, const Matrix& v, Index x) {
     projected += std::conj(v.get(c, x)) * low.get(c, x);
     weighted += std::abs(low.get(c, x)) * low.get(c, x);
   }
-  const Complex turn = projected * std::conj(weighted);
-  return std::abs(turn) > 0 ? turn / std::abs(turn) : 1.0;
+  const Complex phase = projected * std::conj(weighted);
+  return std::abs(phase) > 0 ? phase / std::abs(phase) : 1.0;
 }
 
 /// Where the rows of one (y, z) begin in a view.
@@ -498,8 +498,8 @@ void store_maps(const Matrix& low, Matrix v, const std::vector<double>& eigenval
                 Index y, Index z, const Samples& maps) {
   std::vector<float> re(at(v.cols)), im(re);
   for (Index x = 0; x < v.cols; ++x) {
-    const Complex turn = eigenvalues[at(x)] > crop ? reference_phase(low, v, x) : 0.0;
-    for (Index c = 0; c < v.rows; ++c) v.set(c, x, v.get(c, x) * turn);
+    const Complex phase = eigenvalues[at(x)] > crop ? reference_phase(low, v, x) : 0.0;
+    for (Index c = 0; c < v.rows; ++c) v.set(c, x, v.get(c, x) * phase);
   }
   for (Index c = 0; c < v.rows; ++c) {
     for (Index x = 0; x < v.cols; ++x) {

@@ -164,7 +164,7 @@ ctessel::FactorLines::FactorLines(const FactorProblem& problem, Range columns)
   if (!p_.mask.re && p_.maps.im && !p_.nowhere) find_first();
 }
 
-/// Floats from a volume's first sample to this thread's columns in a row, planes of rows in turn.
+/// Floats from a volume's first sample to this thread's columns in a row, row after row and plane after plane.
 int64_t ctessel::FactorLines::offset(int64_t row) const {
   return x0_ * p_.maps.x + p_.maps.line(row % p_.ny, row / p_.ny, p_.nz);
 }

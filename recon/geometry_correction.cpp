@@ -87,15 +87,15 @@ std::unique_ptr<float[]> build_table(float step) {
   return table;
 }
 
-/// The terms of one table row per lane, turned four rows by four terms at a time.
+/// The terms of one table row per lane, transposed four rows by four terms at a time.
 void look_up_terms(const float* const* rows, Terms& terms) {
   static_assert(kTerms % 4 == 0 && kLanes % 4 == 0);
   for (int lane = 0; lane < kLanes; lane += 4) {
     const char* four[4];
     for (int i = 0; i < 4; ++i) four[i] = reinterpret_cast<const char*>(rows[lane + i]);
     for (int term = 0; term < kTerms; term += 4) {
-      ctessel::turn_square(std::uint32_t{}, four, term * std::ptrdiff_t{sizeof(float)},
-                           reinterpret_cast<char*>(&terms[term][lane]), sizeof terms[term]);
+      ctessel::transpose_square(std::uint32_t{}, four, term * std::ptrdiff_t{sizeof(float)},
+                                reinterpret_cast<char*>(&terms[term][lane]), sizeof terms[term]);
     }
   }
 }
@@ -159,7 +159,7 @@ struct Outputs {
   float *x, *y, *z;
 };
 
-/// Everything a thread needs to turn points into positions. table is null for a short list.
+/// Everything a thread needs to find the positions of points. table is null for a short list.
 struct Task {
   const Expansion& e;
   const float *x, *y, *z;

@@ -210,12 +210,12 @@ CTESSEL_INLINE void fill_row(const double* c, int entries, const Lanes<W>& z,
 
 /// (x + i y)^m, and m (x + i y)^(m-1): the derivatives of the real and imaginary part.
 template <int W>
-struct Turns {
+struct Powers {
   Lanes<W> re, im, slope_re, slope_im;
 };
 
 template <int W>
-CTESSEL_INLINE void turn(const Lanes<W>& x, const Lanes<W>& y, int to, Turns<W>& t) {
+CTESSEL_INLINE void raise(const Lanes<W>& x, const Lanes<W>& y, int to, Powers<W>& t) {
   for (int i = 0; i < kTogether<W>; ++i) {
     const auto re = t.re.v[i], im = t.im.v[i];
     t.slope_re.v[i] = re * to;
@@ -233,7 +233,7 @@ struct Sums {
 
 template <int W, bool Slopes>
 CTESSEL_INLINE void add_series(const Series& s, const Row<W>& row, const Row<W>& next,
-                               const Turns<W>& t, Sums<W>& sums) {
+                               const Powers<W>& t, Sums<W>& sums) {
   Lanes<W> here = {}, along = {}, across = {};
   for (int k = s.first; k <= s.last; ++k) {
     const Factors& f = s.factors[k];
@@ -272,17 +272,17 @@ CTESSEL_INLINE void sum_up(const Sequence& e, int first, Batch& b) {
   add_product(square, y, y);
   add_product(square, z, z);
   Sums<W> sums = {};
-  Turns<W> turns = {};
-  for (int i = 0; i < kTogether<W>; ++i) turns.re.v[i] += 1;
+  Powers<W> powers = {};
+  for (int i = 0; i < kTogether<W>; ++i) powers.re.v[i] += 1;
   Row<W> rows[2];
   const int* entries = e.entries[Slopes];
   fill_row(e.recurrence[0], entries[0], z, square, rows[0]);
   for (int m = 0; m < e.degrees; ++m) {
-    if (m > 0) turn(x, y, m, turns);
+    if (m > 0) raise(x, y, m, powers);
     Row<W>&row = rows[m % 2], &next = rows[1 - m % 2];
     fill_row(e.recurrence[m + 1], entries[m + 1], z, square, next);
     for (int k = e.first[m]; k < e.first[m + 1]; ++k) {
-      add_series<W, Slopes>(e.series[k], row, next, turns, sums);
+      add_series<W, Slopes>(e.series[k], row, next, powers, sums);
     }
   }
   for (int axis = 0; axis < 3; ++axis) {

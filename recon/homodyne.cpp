@@ -130,7 +130,7 @@ void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, cons
   const Roots roots(kspace, sampled);
   if (roots.filtered > 0) {
     const auto rows = [&](const WeightRows& r, float* w) { fill(roots, r, w); };
-    weigh(kspace, out, {rows}, Share::volumes);
+    apply_weights(kspace, out, {rows}, Share::volumes);
   } else if (kspace.re != out.re) {  // every weight is 1
     copy(kspace, out);
   }
@@ -141,7 +141,7 @@ void homodyne_filter(const ConstSamples& kspace, const LineRanges& sampled, cons
 namespace {
 
 /// d = Re(d conj(L) / |L|), each product and the difference in double. A missing imaginary part of
-/// L is no part of the magnitude; a missing one of the data takes the sine's term away. Steps, where
+/// L counts nothing in the magnitude; a missing one of the data takes the sine's term away. Steps, where
 /// they are not 0, and parts are known when compiled, so that the usual layouts are read and written
 /// as whole vectors.
 template <int DataStep, bool DataComplex, int LowStep, bool LowComplex>
@@ -387,8 +387,8 @@ void remove_phase(const Samples& image, const ConstSamples& low) {
       same && image.re == low.re && image.im == low.im && image.strides == low.strides;
   std::vector<float> store;
   const bool own = !sample_for_sample && (overlap(image, low) || (!same && !is_packed(low)));
-  const ConstSamples apart = (own ? copy_of(low, store) : low).with_axes(image.ndim());
-  same ? remove_same_phase(image, apart) : remove_resampled_phase(image, apart);
+  const ConstSamples phase = (own ? copy_of(low, store) : low).with_axes(image.ndim());
+  same ? remove_same_phase(image, phase) : remove_resampled_phase(image, phase);
 }
 
 }  // namespace ctessel

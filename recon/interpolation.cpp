@@ -101,7 +101,7 @@ double pos2interpolate(double pos, int idx, const float* A, const float* B) {
   using ctessel::to_int;
   const bool first = A[0] != -1 && B[0] != -1, second = A[1] != -1 && B[1] != -1;
   const double a0 = A[0], a1 = A[1], b0 = B[0], b1 = B[1];
-  // The pairs take turns, and which of several matching rules comes first decides the result.
+  // The pairs alternate, and which of several matching rules comes first decides the result.
   if (first && to_int(a0) == idx) return b0;
   if (second && to_int(a1 + 1) == idx) return b1 + 1;
   if (first && idx < to_int(a0) && pos > to_int(b0)) return b0;

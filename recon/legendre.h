@@ -20,7 +20,7 @@ struct LegendreLanes {
 void legendre_start(LegendreLanes& lanes, const float* x);
 
 /// P_l^m of every lane for l = m .. orders - 1, rounded to float: out[l - m]. Degrees must be asked
-/// for in turn, from 0 on. The bits are those of plgndr.
+/// for one after another, from 0 on. The bits are those of plgndr.
 void legendre_degree(LegendreLanes& lanes, int m, int orders, float (*out)[kLanes]);
 
 /// Distance of the samples of a table over [-1, 1].

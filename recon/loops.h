@@ -23,7 +23,7 @@ inline Range static_chunk(std::int64_t n, int T, int t) {
   return {begin, std::min(begin + chunk, n)};
 }
 
-/// A frame of its own beyond that of the team, which no exception leaves: where both are one, GCC 14
+/// A stack frame besides that of the team, which no exception leaves: where both are one, GCC 14
 /// for 32 bits hands a wrong exception to the runtime, which then crashes in place of saying its name.
 template <class Body>
 [[gnu::noinline]] void run_chunk(const Body& body, Range chunk) {

@@ -66,7 +66,7 @@ void filter(const ConstSamples& from, const Samples& to, const double* strength,
                   window(to.extent(Dim::z), strength[2], width[2])};
   // Weights that are finite and not negative leave a 0 as it is by themselves.
   const auto rows = [&](const WeightRows& r, float* out) { fill(w, r, out); };
-  weigh(from, to, {rows, !w.finite()}, share);
+  apply_weights(from, to, {rows, !w.finite()}, share);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // One walk over two strided arrays serves every copy. Where both run fastest along the same axis it
 // goes row by row. Otherwise it goes through square tiles, read along the axes that run on in the
 // one and written along those that run on in the other, so that cache lines are used whole on both
-// sides; squares of words are turned in registers.
+// sides; squares of words are transposed in registers.
 
 #include "samples.h"
 
@@ -60,7 +60,7 @@ using Copy = Move<Word, 1, 1>;  // by words, so that the bits of a NaN stay
 
 using Side = ptrdiff_t Step::*;
 
-/// Axes by rising step on the writing side, which is turned to run upwards from `start` on, and
+/// Axes by rising step on the writing side, which is reversed to run upwards from `start` on, and
 /// joined where both sides run on without a gap.
 std::vector<Step> walk_order(const std::vector<ptrdiff_t>& shape,
                              const std::vector<ptrdiff_t>& from, const std::vector<ptrdiff_t>& to,
@@ -211,15 +211,15 @@ Plan plan_tiles(std::vector<Step> axes, std::size_t fastest_read) {
   return p;
 }
 
-/// Turns n rows of m words into m columns of n.
+/// Transposes n rows of m words into m columns of n.
 template <class Word>
-CTESSEL_INLINE void turn(const char* const* rows, ptrdiff_t n, ptrdiff_t m, char* to,
-                         ptrdiff_t pitch) {
+CTESSEL_INLINE void transpose(const char* const* rows, ptrdiff_t n, ptrdiff_t m, char* to,
+                              ptrdiff_t pitch) {
   constexpr ptrdiff_t kWord = sizeof(Word), kSide = 16 / kWord;
   const ptrdiff_t squares = n - n % kSide, across = m - m % kSide;
   for (ptrdiff_t i = 0; i < squares; i += kSide) {
     for (ptrdiff_t j = 0; j < across; j += kSide) {
-      turn_square(Word{}, rows + i, j * kWord, to + j * pitch + i * kWord, pitch);
+      transpose_square(Word{}, rows + i, j * kWord, to + j * pitch + i * kWord, pitch);
     }
   }
   for (ptrdiff_t i = 0; i < n; ++i) {
@@ -229,13 +229,13 @@ CTESSEL_INLINE void turn(const char* const* rows, ptrdiff_t n, ptrdiff_t m, char
   }
 }
 
-CTESSEL_CLONES void turn_words(std::uint32_t, const char* const* rows, ptrdiff_t n, ptrdiff_t m,
-                               char* to, ptrdiff_t pitch) {
-  turn<std::uint32_t>(rows, n, m, to, pitch);
+CTESSEL_CLONES void transpose_words(std::uint32_t, const char* const* rows, ptrdiff_t n,
+                                    ptrdiff_t m, char* to, ptrdiff_t pitch) {
+  transpose<std::uint32_t>(rows, n, m, to, pitch);
 }
-CTESSEL_CLONES void turn_words(std::uint64_t, const char* const* rows, ptrdiff_t n, ptrdiff_t m,
-                               char* to, ptrdiff_t pitch) {
-  turn<std::uint64_t>(rows, n, m, to, pitch);
+CTESSEL_CLONES void transpose_words(std::uint64_t, const char* const* rows, ptrdiff_t n,
+                                    ptrdiff_t m, char* to, ptrdiff_t pitch) {
+  transpose<std::uint64_t>(rows, n, m, to, pitch);
 }
 
 /// Tiles that share their rows: part of the writing run, a long part of the reading run, one entry of
@@ -321,10 +321,10 @@ class Tiles {
   void move(const Block& block, ptrdiff_t j, ptrdiff_t nr) {
     const ptrdiff_t rows = block.rows * M::kIns, columns = nr * M::kOuts;
     if (plan_.read.step != M::kFrom) gather(rows, nr);
-    turn_words(typename M::Word{}, rows_.data(), rows, columns, turned_.data(), kPitch);
+    transpose_words(typename M::Word{}, rows_.data(), rows, columns, transposed_.data(), kPitch);
     list_offsets(plan_.read.axes, &Step::to, j, nr, to_.data());
     for (ptrdiff_t k = 0; k < columns; ++k) {
-      deliver(block, turned_.data() + k * kPitch,
+      deliver(block, transposed_.data() + k * kPitch,
               m_.out[size(k % M::kOuts)] + block.start.to + to_[size(k / M::kOuts)]);
       for (ptrdiff_t i = k; i < ahead_; i += columns) fetch(next_rows_[size(i)]);
     }
@@ -348,10 +348,10 @@ class Tiles {
     }
   }
 
-  void deliver(const Block& block, const char* turned, char* column) const {
+  void deliver(const Block& block, const char* transposed, char* column) const {
     const ptrdiff_t begin = block.begin - shift(column), first = std::max(begin, ptrdiff_t{0}),
                     n = std::min(begin + kSquare, plan_.write.n) - first, step = plan_.write.step;
-    const char* from = turned + (first - block.first) * M::kTo;
+    const char* from = transposed + (first - block.first) * M::kTo;
     char* to = column + first * step;
     if (n <= 0) return;
     if (stream_) return stream_bytes(to, from, n * M::kTo);
@@ -366,7 +366,7 @@ class Tiles {
   ptrdiff_t ahead_ = 0, ahead_samples_ = 0;  // rows to ask for, and their length
   std::array<ptrdiff_t, kSquare> to_;
   std::array<const char*, kMostRows * M::kIns> rows_, next_rows_;
-  alignas(kLine) std::array<char, kSquare * M::kOuts * kPitch> turned_;
+  alignas(kLine) std::array<char, kSquare * M::kOuts * kPitch> transposed_;
   std::array<char, kMostRows * kSquare * M::kIns * M::kFrom> gathered_;
 };
 
@@ -457,13 +457,14 @@ bool overlap(const ConstSamples& a, const ConstSamples& b) {
     return std::pair{part + low, part + high + 1};
   };
   const std::less<const float*> before;
-  const auto apart = [&](const float* p, const float* q) {
+  const auto disjoint = [&](const float* p, const float* q) {
     if (!p || !q) return true;
     const auto [first, last] = ends(a, p);
     const auto [begin, end] = ends(b, q);
     return !before(first, end) || !before(begin, last);
   };
-  return !(apart(a.re, b.re) && apart(a.re, b.im) && apart(a.im, b.re) && apart(a.im, b.im));
+  return !(disjoint(a.re, b.re) && disjoint(a.re, b.im) && disjoint(a.im, b.re) &&
+           disjoint(a.im, b.im));
 }
 
 void load_row(const ConstRow& from, float* re, float* im) {

@@ -83,7 +83,7 @@ bool factors_fit(const Extents& sens, const Eigen::Vector3f& R) {
   return slots != kTooMany && product({sens.d[0], y, z, slots}) != kTooMany;
 }
 
-/// Level of the folded data over the reference, squared, per unfolded pixel. The ratio
+/// Root mean square of the folded data over that of the reference, squared, per unfolded pixel. The ratio
 /// along z is not forced to 1 for data of two dimensions, unlike the reduction factor: a scale that
 /// suits a slice cut from a volume then suits the volume too.
 double regularisation_weight(double fold_rms, double scale, double reference_rms,

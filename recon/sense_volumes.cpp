@@ -67,7 +67,7 @@ struct Upcoming {
   int64_t coil, step;  // to the next coil and column
 };
 
-/// u = sum over the coils, in ascending order, of m v for n columns. Rows of m are `next` apart. What
+/// u = sum over the coils, in ascending order, of m v for n columns. A row of m follows every `next` floats. What
 /// comes next is asked for.
 template <bool Whole>
 [[gnu::always_inline]] inline void add_coils(const float* m, int64_t next, int64_t im,
@@ -163,7 +163,7 @@ double rest(const double* v, int64_t n) {
 struct Line {
   int64_t row = -1, last_use = 0;
   bool finite = true;
-  const std::complex<double>* first = nullptr;  // of slots that are `pitch` apart
+  const std::complex<double>* first = nullptr;  // of slots, one every `pitch` numbers
   int64_t pitch = 0;
   ctessel::LineVector<std::complex<double>> own;
   const std::complex<double>* slot(int64_t j) const { return first + j * pitch; }

@@ -1,5 +1,5 @@
 // One notation for what plain loops cannot say: vectors of a fixed width, inlining into each version
-// of a hot loop, stores past the caches, and squares turned in registers.
+// of a hot loop, stores past the caches, and squares transposed in registers.
 #pragma once
 
 #ifdef __SSE2__
@@ -70,10 +70,10 @@ inline void finish_streams() {
 #endif
 }
 
-/// Turns a square of four by four words of 4 bytes, or two by two of 8: row i is read from rows[i] +
+/// Transposes a square of four by four words of 4 bytes, or two by two of 8: row i is read from rows[i] +
 /// at bytes, column j written to `to` + j pitch.
-CTESSEL_INLINE void turn_square(std::uint32_t, const char* const* rows, std::ptrdiff_t at, char* to,
-                                std::ptrdiff_t pitch) {
+CTESSEL_INLINE void transpose_square(std::uint32_t, const char* const* rows, std::ptrdiff_t at,
+                                     char* to, std::ptrdiff_t pitch) {
   using Four = Vector<std::uint32_t, 4>;
   const Four a = load<Four>(rows[0] + at), b = load<Four>(rows[1] + at),
              c = load<Four>(rows[2] + at), d = load<Four>(rows[3] + at);
@@ -87,8 +87,8 @@ CTESSEL_INLINE void turn_square(std::uint32_t, const char* const* rows, std::ptr
   store<Four>(to + 3 * pitch, __builtin_shufflevector(AB, CD, 2, 3, 6, 7));
 }
 
-CTESSEL_INLINE void turn_square(std::uint64_t, const char* const* rows, std::ptrdiff_t at, char* to,
-                                std::ptrdiff_t pitch) {
+CTESSEL_INLINE void transpose_square(std::uint64_t, const char* const* rows, std::ptrdiff_t at,
+                                     char* to, std::ptrdiff_t pitch) {
   using Two = Vector<std::uint64_t, 2>;
   const Two a = load<Two>(rows[0] + at), b = load<Two>(rows[1] + at);
   store<Two>(to, __builtin_shufflevector(a, b, 0, 2));

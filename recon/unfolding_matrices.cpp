@@ -1,6 +1,6 @@
 // Unfolding matrices of eight neighbouring voxels, formed and inverted side by side.
 //
-// The steps in order: load, weigh, form, invert, apply_inverse. Each works on W voxels at once, as
+// The steps in order: load, apply_covariance, form, invert, apply_inverse. Each works on W voxels at once, as
 // many as a vector of the processor holds; sums run in the same order for each W.
 
 #include "unfolding_matrices.h"
@@ -54,7 +54,7 @@ CTESSEL_INLINE void load(const Slice& t, int64_t n, const float* samples, int64_
 
 /// W = S^H Psi^-1 for C coils from c on.
 template <int W, int C>
-CTESSEL_INLINE void weigh_coils(const Slice& t, int64_t k, int64_t c) {
+CTESSEL_INLINE void apply_covariance_to_coils(const Slice& t, int64_t k, int64_t c) {
   Lanes<W> re[C] = {}, im[C] = {};
   for (int64_t d = 0; d < t.nc; ++d) {
     const Lanes<W> x = lane<W>(t.s, 2 * (k * t.nc + d)), y = lane<W>(t.s, 2 * (k * t.nc + d) + 1);
@@ -71,7 +71,7 @@ CTESSEL_INLINE void weigh_coils(const Slice& t, int64_t k, int64_t c) {
 }
 
 template <int W>
-CTESSEL_INLINE void weigh(const Slice& t, int64_t n) {
+CTESSEL_INLINE void apply_covariance(const Slice& t, int64_t n) {
   for (int64_t k = 0; k < n; ++k) {
     int64_t c = 0;
     if (!t.psi_inverse) {
@@ -80,8 +80,8 @@ CTESSEL_INLINE void weigh(const Slice& t, int64_t n) {
         lane<W>(t.w, 2 * (k * t.nc + c) + 1) = -lane<W>(t.s, 2 * (k * t.nc + c) + 1);
       }
     }
-    for (; c + 4 <= t.nc; c += 4) weigh_coils<W, 4>(t, k, c);
-    for (; c < t.nc; ++c) weigh_coils<W, 1>(t, k, c);
+    for (; c + 4 <= t.nc; c += 4) apply_covariance_to_coils<W, 4>(t, k, c);
+    for (; c < t.nc; ++c) apply_covariance_to_coils<W, 1>(t, k, c);
   }
 }
 
@@ -149,7 +149,7 @@ CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
 }
 
 /// Where the quotient's nearest multiple of 2^-20 times the pivot gives x back exactly, that multiple.
-/// The sensitivities of equal aliases, or opposite ones, or ones that a power of two apart, then
+/// The sensitivities of equal aliases, or opposite ones, or ones that differ by a power of two, then
 /// cancel exactly, as the exact quotient makes them; the pivot's rounded reciprocal leaves a rest.
 template <int W>
 CTESSEL_INLINE void make_exact(const Lanes<W>& x_re, const Lanes<W>& x_im, const Lanes<W>& pivot_re,
@@ -178,7 +178,7 @@ CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
   }
 }
 
-/// Turns (B | 1) into (1 | B^-1).
+/// Transforms (B | 1) to (1 | B^-1).
 template <int W>
 CTESSEL_INLINE void invert(double* b, int64_t n) {
   for (int64_t p = 0; p < n; ++p) {
@@ -198,7 +198,7 @@ CTESSEL_INLINE void invert(double* b, int64_t n) {
   }
 }
 
-/// Stores W complex numbers, real and imaginary parts in turn.
+/// Stores W complex numbers, real and imaginary parts alternating.
 template <int W, std::size_t... I>
 CTESSEL_INLINE void store_pairs(const Lanes<W>& re, const Lanes<W>& im, double* out,
                                 std::index_sequence<I...>) {
@@ -326,7 +326,7 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
                                 int64_t pitch) {
   const int64_t n = N ? N : aliases;
   load<W>(t, n, samples, pitch);
-  weigh<W>(t, n);
+  apply_covariance<W>(t, n);
   form<W, N>(t, n);
   if (t.noise) keep_gram<W>(t, n);
   invert<W>(t.b, n);

@@ -49,7 +49,7 @@ struct VoxelBatch {
 };
 
 /// U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every voxel, exactly 0 for absent aliases. The samples
-/// of S come by factor slot and part (real, imaginary), `pitch` floats apart. No test for
+/// of S come by factor slot and part (real, imaginary), one every `pitch` floats. No test for
 /// singularity: it gives NaN throughout.
 void solve(VoxelBatch& batch, const float* samples, std::int64_t pitch);
 

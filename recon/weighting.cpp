@@ -75,15 +75,15 @@ class Walk {
   /// Pieces of a volume: some rows of one plane each.
   ptrdiff_t pieces() const { return per_plane() * axes_[order_[2]].n; }
 
-  /// Weighs one piece of some volumes.
-  void weigh(ptrdiff_t piece, ptrdiff_t first, ptrdiff_t last, std::vector<float>& weights) const {
+  /// Applies the weights of one piece to some volumes.
+  void apply(ptrdiff_t piece, ptrdiff_t first, ptrdiff_t last, std::vector<float>& weights) const {
     WeightRows w{order_[0], order_[1], {0, 0, 0}, 0, run_.step.n};
     w.first[order_[1]] = piece % per_plane() * rows_;
     w.first[order_[2]] = piece / per_plane();
     w.rows = std::min(rows_, axes_[order_[1]].n - w.first[order_[1]]);
     weights.resize(static_cast<std::size_t>(w.n * w.rows));
     weighting_.fill(w, weights.data());
-    for (ptrdiff_t v = first; v < last; ++v) weigh_rows(w, weights.data(), v);
+    for (ptrdiff_t v = first; v < last; ++v) scale_rows(w, weights.data(), v);
   }
 
  private:
@@ -102,7 +102,7 @@ class Walk {
     }
   }
 
-  void weigh_rows(const WeightRows& w, const float* weights, ptrdiff_t volume) const {
+  void scale_rows(const WeightRows& w, const float* weights, ptrdiff_t volume) const {
     const Step& next = axes_[w.next];
     auto [from, to] = offsets_of(outer_, volume);
     ptrdiff_t runs = w.rows, n = w.n;
@@ -111,11 +111,11 @@ class Walk {
       n *= std::exchange(runs, 1);
     }
     for (; runs > 0; --runs, from += next.from, to += next.to, weights += n) {
-      weigh_run(from, to, weights, n);
+      scale_samples(from, to, weights, n);
     }
   }
 
-  void weigh_run(ptrdiff_t from, ptrdiff_t to, const float* w, ptrdiff_t n) const {
+  void scale_samples(ptrdiff_t from, ptrdiff_t to, const float* w, ptrdiff_t n) const {
     const float *re = from_.re + from, *im = to_.im ? from_.im + from : nullptr;
     float *out = to_.re + to, *out_im = to_.im ? to_.im + to : nullptr;
     if (run_.dense() && !weighting_.keeps_zeros) {
@@ -123,10 +123,10 @@ class Walk {
       if (im && !pairs_) scale_run(im, w, out_im, n, run_.block);
       return;
     }
-    const ptrdiff_t samples = run_.block / (pairs_ ? 2 : 1), apart = pairs_ ? 2 : 1;
+    const ptrdiff_t samples = run_.block / (pairs_ ? 2 : 1), spacing = pairs_ ? 2 : 1;
     for (ptrdiff_t i = 0; i < n; ++i) {
       for (ptrdiff_t k = 0; k < samples; ++k) {
-        const ptrdiff_t f = i * run_.step.from + k * apart, t = i * run_.step.to + k * apart;
+        const ptrdiff_t f = i * run_.step.from + k * spacing, t = i * run_.step.to + k * spacing;
         const bool keep = weighting_.keeps_zeros && re[f] == 0 && (!im || im[f] == 0);
         const float weight = keep ? 1.0f : w[i];
         out[t] = re[f] * weight;
@@ -148,7 +148,8 @@ class Walk {
 
 }  // namespace
 
-void weigh(const ConstSamples& from, const Samples& to, const Weighting& weighting, Share share) {
+void apply_weights(const ConstSamples& from, const Samples& to, const Weighting& weighting,
+                   Share share) {
   if (to.size() == 0) return;
   const Walk walk(from, to, weighting);
   const ptrdiff_t volumes = walk.volumes(), pieces = walk.pieces();
@@ -158,7 +159,7 @@ void weigh(const ConstSamples& from, const Samples& to, const Weighting& weighti
     std::vector<float> weights;
     const auto first = static_cast<ptrdiff_t>(begin), last = static_cast<ptrdiff_t>(end);
     for (ptrdiff_t p = split_volumes ? 0 : first; p < (split_volumes ? pieces : last); ++p) {
-      walk.weigh(p, split_volumes ? first : 0, split_volumes ? last : volumes, weights);
+      walk.apply(p, split_volumes ? first : 0, split_volumes ? last : volumes, weights);
     }
   });
 }

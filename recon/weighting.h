@@ -26,6 +26,7 @@ enum class Share { volumes, planes };
 
 /// to = from times the weights; `to` may be `from`. Both have the same extents.
 /// Memory: weights of up to 64 KiB, or of one row, on each thread.
-void weigh(const ConstSamples& from, const Samples& to, const Weighting& weighting, Share share);
+void apply_weights(const ConstSamples& from, const Samples& to, const Weighting& weighting,
+                   Share share);
 
 }  // namespace ctessel

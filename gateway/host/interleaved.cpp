@@ -2,8 +2,8 @@
 // MATLAB from R2018a on.
 //
 // mxGetData hands out the caller's own storage, so writing through it reaches the caller's variable
-// and every variable that shares it. Exceptions are values that Octave keeps in a form of their own,
-// such as the diagonal matrix that eye makes: it hands out a full copy of those.
+// and every variable that shares it. Exceptions are values that Octave keeps in another form, such
+// as the diagonal matrix that eye makes: it hands out a full copy of those.
 
 #include <mex.h>
 
@@ -28,16 +28,16 @@ int to_int(mwSize n) {
 }
 
 #ifdef CTESSEL_OCTAVE
-// Octave 7 allocates complex single arrays half as large as they are. Give them a buffer of their
-// own.
-void mend_buffer(mxArray* a) {
+// Octave 7 allocates complex single arrays half as large as they are. Give them their own
+// buffer.
+void fix_buffer(mxArray* a) {
   const std::size_t n = mxGetNumberOfElements(a);
   if (n == 0) return;
   mxFree(mxGetData(a));
   mxSetData(a, mxCalloc(n, 2 * sizeof(float)));
 }
 #else
-void mend_buffer(mxArray*) {}
+void fix_buffer(mxArray*) {}
 #endif
 
 }  // namespace
@@ -77,7 +77,7 @@ Array* create_complex_single(int ndims, const int* dims) {
     std::copy_n(dims, wide.size(), wide.begin());
     a = mxCreateNumericArray(static_cast<mwSize>(ndims), wide.data(), mxSINGLE_CLASS, mxCOMPLEX);
   }
-  mend_buffer(a);
+  fix_buffer(a);
   return reinterpret_cast<Array*>(a);
 }
 

@@ -416,7 +416,7 @@ def _headers(reader, path):
     step = 1 << 14
     if 32 * len(reader) > os.path.getsize(path):  # do not read billions of acquisitions that are missing
         raise DefectError(f"it is too short for its {len(reader)} acquisitions", "copy it again")
-    parts = [reader.heads(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
+    parts = [reader.headers(i, min(step, len(reader) - i)) for i in range(0, len(reader), step)]
     if not parts:
         raise DefectError("it holds no acquisitions")
     return np.concatenate(parts).view(HEADER)[:, 0]

@@ -206,7 +206,7 @@ class Session:
                 now, count = time.monotonic(), len(acquisitions)
                 if count > known:
                     first = 0 if known == fetched else known
-                    headers = acquisitions.heads(first, count - first).view(HEADER)[:, 0]
+                    headers = acquisitions.headers(first, count - first).view(HEADER)[:, 0]
                     if known == fetched and not self._suits(headers[:fetched], headers[fetched]):
                         headers["flags"][:fetched] = NOT_IMAGING
                         first = fetched

@@ -37,7 +37,7 @@ bool fits(const py::dtype& t, Kind kind) {
 
 /// Numbers of any type as complex64 or float32. Masked entries would count as samples, and of complex
 /// numbers for a real argument the imaginary parts would be lost: both are refused. So is what NumPy
-/// would convert although it is no number, as texts and dates.
+/// would convert although it is not a number, such as texts and dates.
 py::array as_samples(py::handle object, const char* name, Kind kind) {
   const std::string expected = std::string("an array of ") + type_text(kind);
   if (py::hasattr(object, "mask") && py::hasattr(object, "filled")) {
@@ -63,7 +63,7 @@ void check_extents(const py::array& a, const char* name) {
   }
 }
 
-void check_apart(const ConstSamples& result, const ConstSamples& read, const char* name) {
+void check_separate(const ConstSamples& result, const ConstSamples& read, const char* name) {
   if (!ctessel::overlap(result, read)) return;
   fail_value(name, "memory that is not shared with other arrays",
              "an array that shares memory with one");
@@ -241,7 +241,7 @@ Result result(const std::vector<ConstSamples>& read, py::handle out, const Layou
     return {a, view_of(a), false};
   }
   const Samples v = output(out, "out", layout.shape, layout.complex);
-  for (const ConstSamples& r : read) check_apart(v, r, "out");
+  for (const ConstSamples& r : read) check_separate(v, r, "out");
   constexpr float kZero[2] = {0, 0};
   if (zeros) {
     const Extents still(v.extents.size(), 0);  // one sample for all
@@ -250,10 +250,11 @@ Result result(const std::vector<ConstSamples>& read, py::handle out, const Layou
   return {py::reinterpret_borrow<py::object>(out), v, false};
 }
 
-void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, const char* name) {
+void check_separate_or_same(const ConstSamples& result, const ConstSamples& read,
+                            const char* name) {
   const bool same =
       result.re == read.re && result.extents == read.extents && result.strides == read.strides;
-  if (!same) check_apart(result, read, name);
+  if (!same) check_separate(result, read, name);
 }
 
 thread_local double bytes_of_call = 0;

@@ -85,13 +85,13 @@ struct Result {
 /// Where a function that can work in place leaves its result.
 Result result(const Input& data, py::handle object, py::handle out, bool inplace);
 
-/// `out` when given, of this shape and kind and apart from what is read; otherwise a new array.
+/// `out` when given, of this shape and kind, in memory that is not read; otherwise a new array.
 /// `zeros` for kernels that add to their output or write parts of it.
 Result result(const std::vector<ConstSamples>& read, py::handle out, const Layout& layout,
               bool zeros);
 
 /// A result may replace samples that are read at the same place only.
-void check_apart_or_same(const ConstSamples& result, const ConstSamples& read, const char* name);
+void check_separate_or_same(const ConstSamples& result, const ConstSamples& read, const char* name);
 
 /// Of anything that Python takes as an index, NumPy's integers too; not of bool, which is one as well,
 /// nor of floats, whose fraction would be lost in silence.
@@ -113,7 +113,7 @@ std::vector<int> whole_numbers(py::handle object, const char* name, std::size_t 
 int axis_number(py::handle object, const char* name, int ndim);
 
 /// The number of threads of the kernels that the calling thread runs, put back at the end. One
-/// where all there is to do is to move or weigh a few bytes: waking a team takes longer, and the
+/// where all there is to do is to move or scale a few bytes: waking a team takes longer, and the
 /// bits are the same.
 class Threads {
  public:
@@ -143,7 +143,7 @@ extern thread_local double bytes_of_call;
 [[noreturn]] void fail_memory(const char* routine);
 
 /// Defines a function; where its memory runs out the message names it, and the size of its arrays.
-/// Memory runs out here or in NumPy, which raises an error of its own.
+/// Memory runs out here or in NumPy, which raises its own error.
 template <class R, class... Args>
 void define(py::module_& m, const char* name, R (*function)(Args...)) {
   m.def(name, [=](Args... args) -> R {

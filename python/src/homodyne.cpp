@@ -85,7 +85,7 @@ py::tuple multiply(py::handle data, py::handle low, py::handle out, bool inplace
   check_not_empty(in.view, "data");
   check_low(in.view, image.view);
   const Result to = result(in, data, out, inplace);
-  check_apart_or_same(to.view, image.view, inplace ? "low" : "out");
+  check_separate_or_same(to.view, image.view, inplace ? "low" : "out");
   ptrdiff_t lost = 0;
   run({threads, in.view.size()}, [&] {
     const ptrdiff_t before = ctessel::count_nan(in.view);

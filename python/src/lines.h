@@ -27,7 +27,7 @@ using Bytes = py::array_t<std::uint8_t, py::array::c_style>;
 constexpr std::size_t kHeadBytes = sizeof(ISMRMRD::ISMRMRD_AcquisitionHeader);
 static_assert(kHeadBytes == 340, "HEADER, of the Python package, describes this layout");
 
-/// The samples of a line that count, in the order of k-space: coil after coil, `pitch` apart.
+/// The samples of a line that count, in the order of k-space: coil after coil, one every `pitch` samples.
 struct Line {
   const Sample* first;
   ptrdiff_t samples, coils, pitch;

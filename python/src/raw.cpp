@@ -121,7 +121,7 @@ class Input {
     return Handle(file, H5Fclose);
   }
 
-  /// By device and inode: one file may have several names, and one name several files in turn.
+  /// By device and inode: one file may have several names, and one name several files one after another.
   static hid_t shared(hid_t file) {
     static std::vector<hid_t> known;
     std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
@@ -313,16 +313,16 @@ class Reader {
   std::size_t size() const { return size_; }
 
   /// Headers as bytes, of which NumPy makes columns: no object is made for each.
-  Bytes heads(std::size_t first, std::size_t count) const {
+  Bytes headers(std::size_t first, std::size_t count) const {
     check_range(first, count);
-    Bytes heads({count, kHeadBytes});
-    std::uint8_t* to = heads.mutable_data();
+    Bytes headers({count, kHeadBytes});
+    std::uint8_t* to = headers.mutable_data();
     {
       const py::gil_scoped_release release;
       const Quiet quiet;
       read_into(part(first, count), *head_type_, to, H5P_DEFAULT);
     }
-    return heads;
+    return headers;
   }
 
   /// Acquisitions of these numbers, which grow. Meanwhile other threads transform what was read before.
@@ -499,7 +499,7 @@ PYBIND11_MODULE(_raw, m) {
       .def(py::init<const std::string&, const std::string&>(), py::arg("path"), py::arg("group"))
       .def_property_readonly("header", [](const Reader& r) { return py::bytes(r.header()); })
       .def("__len__", &Reader::size)
-      .def("heads", &Reader::heads, py::arg("first"), py::arg("count"))
+      .def("headers", &Reader::headers, py::arg("first"), py::arg("count"))
       .def("read", &Reader::read, py::arg("numbers"));
   py::class_<Acquisitions>(m, "Acquisitions")
       .def("messages", &Acquisitions::messages)

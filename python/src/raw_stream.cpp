@@ -63,13 +63,13 @@ class Stream {
   std::uint64_t held() const { return parser_.budget().held(); }
   std::uint64_t received() const { return received_; }
 
-  Bytes heads(std::size_t first, std::size_t count) const {
+  Bytes headers(std::size_t first, std::size_t count) const {
     check_range(first, count);
-    Bytes heads({count, kHeadBytes});
+    Bytes headers({count, kHeadBytes});
     for (std::size_t i = 0; i < count; ++i)
-      std::memcpy(heads.mutable_data() + i * kHeadBytes, message(first + i).head.data(),
+      std::memcpy(headers.mutable_data() + i * kHeadBytes, message(first + i).head.data(),
                   kHeadBytes);
-    return heads;
+    return headers;
   }
 
   /// Samples that count, (sample, coil), in the order of k-space.
@@ -142,7 +142,7 @@ class Stream {
     return true;
   }
 
-  /// What was read before the end is told first.
+  /// What was read before the end is delivered first.
   bool end(std::size_t fresh) const {
     if (fresh == 0 && !parser_.between())
       throw Fault("a stream that was cut in the middle of a message");
@@ -220,7 +220,7 @@ void bind_stream(py::module_& m) {
       .def("__len__", &Stream::size)
       .def_property_readonly("held", &Stream::held)
       .def_property_readonly("received", &Stream::received)
-      .def("heads", &Stream::heads, py::arg("first"), py::arg("count"))
+      .def("headers", &Stream::headers, py::arg("first"), py::arg("count"))
       .def("samples", &Stream::samples, py::arg("number"))
       .def("as_sent", &Stream::as_sent, py::arg("number"))
       .def("put", &Stream::put, py::arg("numbers"), py::arg("x"), py::arg("array").noconvert(),

@@ -463,7 +463,7 @@ def test_raw_data_are_kept_complete_or_not_at_all(tmp_path, small):
         until(file)
     reader = _raw.Reader(str(file()[0]), "dataset")
     assert reader.header == small[1][6:] and len(reader) == 1
-    np.testing.assert_array_equal(reader.heads(0, 1).view(HEADER)["kspace_encode_step_1"], 99)
+    np.testing.assert_array_equal(reader.headers(0, 1).view(HEADER)["kspace_encode_step_1"], 99)
     np.testing.assert_array_equal(reader.read([0]).samples(0).ravel(order="F").view("f4"), np.arange(512))
     import h5py
 
