@@ -21,10 +21,9 @@ CTESSEL_INLINE void reflect(double* a, std::int64_t n, std::int64_t k, double* s
   double *v = scratch, *p = scratch + 2 * n * kVoxels;
   Lanes<W> rest{};
   for (std::int64_t i = k + 1; i < n; ++i) {
-    const Lanes<W> re = lane<W>(a, 2 * (i * n + k)), im = lane<W>(a, 2 * (i * n + k) + 1);
-    lane<W>(v, 2 * i) = re;
-    lane<W>(v, 2 * i + 1) = im;
-    if (i > k + 1) rest += re * re + im * im;
+    const ComplexLanes<W> entry(a, i * n + k);
+    entry.store(v, i);
+    if (i > k + 1) rest += entry.re * entry.re + entry.im * entry.im;
   }
   Lanes<W>&first_re = lane<W>(v, 2 * (k + 1)), &first_im = lane<W>(v, 2 * (k + 1) + 1);
   Lanes<W> first = first_re * first_re + first_im * first_im;
@@ -37,27 +36,20 @@ CTESSEL_INLINE void reflect(double* a, std::int64_t n, std::int64_t k, double* s
   const Lanes<W> scale = rest > 0.0 ? 1.0 / (length * (length + first)) : Lanes<W>{};
   Lanes<W> along{};
   for (std::int64_t i = k + 1; i < n; ++i) {
-    Lanes<W> re{}, im{};
-    for (std::int64_t j = k + 1; j < n; ++j) {
-      const Lanes<W> ar = lane<W>(a, 2 * (i * n + j)), ai = lane<W>(a, 2 * (i * n + j) + 1),
-                     vr = lane<W>(v, 2 * j), vi = lane<W>(v, 2 * j + 1);
-      re += ar * vr - ai * vi;
-      im += ar * vi + ai * vr;
-    }
-    lane<W>(p, 2 * i) = scale * re;
-    lane<W>(p, 2 * i + 1) = scale * im;
-    along += lane<W>(v, 2 * i) * re + lane<W>(v, 2 * i + 1) * im;
+    ComplexLanes<W> sum;
+    for (std::int64_t j = k + 1; j < n; ++j) sum.add_product({a, i * n + j}, {v, j});
+    lane<W>(p, 2 * i) = scale * sum.re;
+    lane<W>(p, 2 * i + 1) = scale * sum.im;
+    along += lane<W>(v, 2 * i) * sum.re + lane<W>(v, 2 * i + 1) * sum.im;
   }
   along *= 0.5 * scale * scale;
   for (std::int64_t i = 2 * (k + 1); i < 2 * n; ++i) lane<W>(p, i) -= along * lane<W>(v, i);
   for (std::int64_t i = k + 1; i < n; ++i) {
-    const Lanes<W> vr = lane<W>(v, 2 * i), vi = lane<W>(v, 2 * i + 1), pr = lane<W>(p, 2 * i),
-                   pi = lane<W>(p, 2 * i + 1);
+    const ComplexLanes<W> x(v, i), y(p, i);
     for (std::int64_t j = k + 1; j < n; ++j) {
-      const Lanes<W> wr = lane<W>(v, 2 * j), wi = lane<W>(v, 2 * j + 1), qr = lane<W>(p, 2 * j),
-                     qi = lane<W>(p, 2 * j + 1);
-      lane<W>(a, 2 * (i * n + j)) -= vr * qr + vi * qi + pr * wr + pi * wi;
-      lane<W>(a, 2 * (i * n + j) + 1) -= vi * qr - vr * qi + pi * wr - pr * wi;
+      const ComplexLanes<W> w(v, j), q(p, j);
+      lane<W>(a, 2 * (i * n + j)) -= x.re * q.re + x.im * q.im + y.re * w.re + y.im * w.im;
+      lane<W>(a, 2 * (i * n + j) + 1) -= x.im * q.re - x.re * q.im + y.im * w.re - y.re * w.im;
     }
   }
 }
@@ -135,8 +127,8 @@ CTESSEL_INLINE void find_condition(double* a, std::int64_t n, double* scratch, L
   for (std::int64_t k = 0; k < n; ++k) {
     if (k + 2 < n) reflect<W>(a, n, k, scratch, lane<W>(beside, k));
     if (k + 2 == n) {
-      const Lanes<W> re = lane<W>(a, 2 * (n * n - 2)), im = lane<W>(a, 2 * (n * n - 2) + 1);
-      lane<W>(beside, k) = re * re + im * im;
+      const ComplexLanes<W> entry(a, n * n - 2);
+      lane<W>(beside, k) = entry.re * entry.re + entry.im * entry.im;
     }
     if (k + 1 == n) lane<W>(beside, k) = Lanes<W>{};
     lane<W>(diagonal, k) = lane<W>(a, 2 * (k * n + k));

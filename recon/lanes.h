@@ -7,7 +7,7 @@
 
 namespace ctessel {
 
-constexpr int kVoxels = 8;
+constexpr std::int64_t kVoxels = 8;
 
 template <int W>
 struct Vectors;
@@ -33,5 +33,23 @@ template <int W>
 CTESSEL_INLINE Lanes<W>& lane(double* p, std::int64_t i) {
   return *reinterpret_cast<Lanes<W>*>(p + kVoxels * i);
 }
+
+/// Complex numbers, from and to arrays in which entry i has its real parts before its imaginary ones.
+template <int W>
+struct ComplexLanes {
+  Lanes<W> re{}, im{};
+
+  ComplexLanes() = default;
+  CTESSEL_INLINE ComplexLanes(double* p, std::int64_t i)
+      : re(lane<W>(p, 2 * i)), im(lane<W>(p, 2 * i + 1)) {}
+  CTESSEL_INLINE void store(double* p, std::int64_t i) const {
+    lane<W>(p, 2 * i) = re;
+    lane<W>(p, 2 * i + 1) = im;
+  }
+  CTESSEL_INLINE void add_product(const ComplexLanes& a, const ComplexLanes& b) {
+    re += a.re * b.re - a.im * b.im;
+    im += a.re * b.im + a.im * b.re;
+  }
+};
 
 }  // namespace ctessel

@@ -14,6 +14,7 @@
 
 namespace {
 
+using ctessel::ComplexLanes;
 using ctessel::lane;
 using ctessel::Lanes;
 using ctessel::Mask;
@@ -26,9 +27,11 @@ struct Slice {
   double *s, *w, *b, *u;  // S, W = S^H Psi^-1 and U: entry (k, c) at k nc + c
   const double* regularised;
   const int64_t* present;
-  const double* psi_inverse;       // null for the identity
-  double *noise, *gram, *scratch;  // null where not wanted
-  bool plain;                      // without regularisation
+  const double* psi_inverse;  // null for the identity
+  double* noise;              // null where not wanted
+  bool plain;                 // without regularisation
+  double* gram(int64_t n) const { return noise + 4 * n * ctessel::kVoxels; }
+  double* scratch(int64_t n) const { return gram(n) + 2 * n * n * ctessel::kVoxels; }
 };
 
 template <int W>
@@ -55,30 +58,26 @@ CTESSEL_INLINE void load(const Slice& t, int64_t n, const float* samples, int64_
 /// W = S^H Psi^-1 for C coils from c on.
 template <int W, int C>
 CTESSEL_INLINE void apply_covariance_to_coils(const Slice& t, int64_t k, int64_t c) {
-  Lanes<W> re[C] = {}, im[C] = {};
+  ComplexLanes<W> sum[C];
   for (int64_t d = 0; d < t.nc; ++d) {
-    const Lanes<W> x = lane<W>(t.s, 2 * (k * t.nc + d)), y = lane<W>(t.s, 2 * (k * t.nc + d) + 1);
+    const ComplexLanes<W> s(t.s, k * t.nc + d);
     for (int i = 0; i < C; ++i) {
       const double* p = t.psi_inverse + 2 * ((c + i) * t.nc + d);
-      re[i] += x * p[0] + y * p[1];
-      im[i] += x * p[1] - y * p[0];
+      sum[i].re += s.re * p[0] + s.im * p[1];
+      sum[i].im += s.re * p[1] - s.im * p[0];
     }
   }
-  for (int i = 0; i < C; ++i) {
-    lane<W>(t.w, 2 * (k * t.nc + c + i)) = re[i];
-    lane<W>(t.w, 2 * (k * t.nc + c + i) + 1) = im[i];
-  }
+  for (int i = 0; i < C; ++i) sum[i].store(t.w, k * t.nc + c + i);
 }
 
 template <int W>
 CTESSEL_INLINE void apply_covariance(const Slice& t, int64_t n) {
   for (int64_t k = 0; k < n; ++k) {
     int64_t c = 0;
-    if (!t.psi_inverse) {
-      for (; c < t.nc; ++c) {
-        lane<W>(t.w, 2 * (k * t.nc + c)) = lane<W>(t.s, 2 * (k * t.nc + c));
-        lane<W>(t.w, 2 * (k * t.nc + c) + 1) = -lane<W>(t.s, 2 * (k * t.nc + c) + 1);
-      }
+    for (; !t.psi_inverse && c < t.nc; ++c) {
+      ComplexLanes<W> s(t.s, k * t.nc + c);
+      s.im = -s.im;
+      s.store(t.w, k * t.nc + c);
     }
     for (; c + 4 <= t.nc; c += 4) apply_covariance_to_coils<W, 4>(t, k, c);
     for (; c < t.nc; ++c) apply_covariance_to_coils<W, 1>(t, k, c);
@@ -89,30 +88,27 @@ CTESSEL_INLINE void apply_covariance(const Slice& t, int64_t n) {
 /// which then leave the others alone.
 template <int W, int L>
 CTESSEL_INLINE void form_entries(const Slice& t, int64_t n, int64_t k, int64_t l) {
-  Lanes<W> re[L] = {}, im[L] = {};
+  ComplexLanes<W> sum[L];
   for (int64_t c = 0; c < t.nc; ++c) {
-    const Lanes<W> wr = lane<W>(t.w, 2 * (k * t.nc + c)), wi = lane<W>(t.w, 2 * (k * t.nc + c) + 1);
-    for (int i = 0; i < L; ++i) {
-      const Lanes<W> sr = lane<W>(t.s, 2 * ((l + i) * t.nc + c)),
-                     si = lane<W>(t.s, 2 * ((l + i) * t.nc + c) + 1);
-      re[i] += wr * sr - wi * si;
-      im[i] += wr * si + wi * sr;
-    }
+    const ComplexLanes<W> w(t.w, k * t.nc + c);
+    for (int i = 0; i < L; ++i) sum[i].add_product(w, {t.s, (l + i) * t.nc + c});
   }
   for (int i = 0; i < L; ++i) {
     if (k == l + i) {
       const Lanes<W> gain = lane<W>(const_cast<double*>(t.regularised), k);
-      re[i] = there<W>(t, k) ? re[i] + gain : Lanes<W>{} + 1.0;
+      sum[i].re = there<W>(t, k) ? sum[i].re + gain : Lanes<W>{} + 1.0;
     }
-    lane<W>(t.b, 2 * (k * 2 * n + l + i)) = re[i];
-    lane<W>(t.b, 2 * (k * 2 * n + l + i) + 1) = im[i];
+    sum[i].store(t.b, k * 2 * n + l + i);
   }
 }
+
+/// Entries of a row that are formed together.
+constexpr int together(int aliases) { return aliases ? aliases : 4; }
 
 /// b = (W S + R | 1): n rows of 2 n entries.
 template <int W, int N>
 CTESSEL_INLINE void form(const Slice& t, int64_t n) {
-  constexpr int kTogether = N ? N : 4;
+  constexpr int kTogether = together(N);
   for (int64_t k = 0; k < n; ++k) {
     int64_t l = 0;
     for (; l + kTogether <= n; l += kTogether) form_entries<W, kTogether>(t, n, k, l);
@@ -125,18 +121,17 @@ CTESSEL_INLINE void form(const Slice& t, int64_t n) {
 }
 
 template <int W>
-CTESSEL_INLINE void square(double* b, int64_t entry, Lanes<W>& out) {
-  const Lanes<W> re = lane<W>(b, 2 * entry), im = lane<W>(b, 2 * entry + 1);
-  out = re * re + im * im;
+CTESSEL_INLINE void square(const ComplexLanes<W>& v, Lanes<W>& out) {
+  out = v.re * v.re + v.im * v.im;
 }
 
 /// Brings the largest remaining entry of column p into row p, each lane for itself.
 template <int W>
 CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
   Lanes<W> best, candidate;
-  square<W>(b, p * 2 * n + p, best);
+  square<W>({b, p * 2 * n + p}, best);
   for (int64_t i = p + 1; i < n; ++i) {
-    square<W>(b, i * 2 * n + p, candidate);
+    square<W>({b, i * 2 * n + p}, candidate);
     const Mask<W> swap = candidate > best;
     best = swap ? candidate : best;
     for (int64_t j = 2 * p; j < 4 * n; ++j) {
@@ -152,29 +147,31 @@ CTESSEL_INLINE void choose_pivot(double* b, int64_t n, int64_t p) {
 /// The sensitivities of equal aliases, or opposite ones, or ones that differ by a power of two, then
 /// cancel exactly, as the exact quotient makes them; the pivot's rounded reciprocal leaves a rest.
 template <int W>
-CTESSEL_INLINE void make_exact(const Lanes<W>& x_re, const Lanes<W>& x_im, const Lanes<W>& pivot_re,
-                               const Lanes<W>& pivot_im, Lanes<W>& re, Lanes<W>& im) {
+CTESSEL_INLINE void make_exact(const ComplexLanes<W>& x, const ComplexLanes<W>& pivot,
+                               ComplexLanes<W>& quotient) {
   constexpr double kToGrid = 0x1.8p32;  // 52 bits above 2^-20
-  const Lanes<W> t_re = re + kToGrid - kToGrid, t_im = im + kToGrid - kToGrid;
+  const Lanes<W> re = quotient.re + kToGrid - kToGrid, im = quotient.im + kToGrid - kToGrid;
   const Mask<W> exact =
-      (t_re * pivot_re - t_im * pivot_im == x_re) & (t_re * pivot_im + t_im * pivot_re == x_im);
-  re = exact ? t_re : re;
-  im = exact ? t_im : im;
+      (re * pivot.re - im * pivot.im == x.re) & (re * pivot.im + im * pivot.re == x.im);
+  quotient.re = exact ? re : quotient.re;
+  quotient.im = exact ? im : quotient.im;
 }
 
 /// Divides row p by its pivot, scaled so that the pivot's square neither over- nor underflows.
 template <int W>
 CTESSEL_INLINE void divide_row(double* row, int64_t n, int64_t p) {
-  const Lanes<W> re = lane<W>(row, 2 * p), im = lane<W>(row, 2 * p + 1);
+  const ComplexLanes<W> pivot(row, p);
+  const Lanes<W> re = pivot.re, im = pivot.im;
   const Lanes<W> x = re < 0.0 ? -re : re, y = im < 0.0 ? -im : im, size = x > y ? x : y;
   const Lanes<W> r = re / size, i = im / size, squared = (r * r + i * i) * size;
   const Lanes<W> inv_re = r / squared, inv_im = -(i / squared);
   for (int64_t j = p + 1; j < 2 * n; ++j) {
-    const Lanes<W> a = lane<W>(row, 2 * j), c = lane<W>(row, 2 * j + 1);
-    Lanes<W> quotient_re = a * inv_re - c * inv_im, quotient_im = a * inv_im + c * inv_re;
-    if (j < n) make_exact<W>(a, c, re, im, quotient_re, quotient_im);
-    lane<W>(row, 2 * j) = quotient_re;
-    lane<W>(row, 2 * j + 1) = quotient_im;
+    const ComplexLanes<W> a(row, j);
+    ComplexLanes<W> quotient;
+    quotient.re = a.re * inv_re - a.im * inv_im;
+    quotient.im = a.re * inv_im + a.im * inv_re;
+    if (j < n) make_exact<W>(a, pivot, quotient);
+    quotient.store(row, j);
   }
 }
 
@@ -188,11 +185,11 @@ CTESSEL_INLINE void invert(double* b, int64_t n) {
     for (int64_t i = 0; i < n; ++i) {
       if (i == p) continue;
       double* row = b + i * 4 * n * ctessel::kVoxels;
-      const Lanes<W> fr = lane<W>(row, 2 * p), fi = lane<W>(row, 2 * p + 1);
+      const ComplexLanes<W> factor(row, p);
       for (int64_t j = p + 1; j < 2 * n; ++j) {
-        const Lanes<W> xr = lane<W>(pivot_row, 2 * j), xi = lane<W>(pivot_row, 2 * j + 1);
-        lane<W>(row, 2 * j) -= fr * xr - fi * xi;
-        lane<W>(row, 2 * j + 1) -= fr * xi + fi * xr;
+        const ComplexLanes<W> x(pivot_row, j);
+        lane<W>(row, 2 * j) -= factor.re * x.re - factor.im * x.im;
+        lane<W>(row, 2 * j + 1) -= factor.re * x.im + factor.im * x.re;
       }
     }
   }
@@ -210,21 +207,15 @@ CTESSEL_INLINE void store_pairs(const Lanes<W>& re, const Lanes<W>& im, double* 
 /// U = B^-1 W of alias k for C coils from c on.
 template <int W, int C>
 CTESSEL_INLINE void apply_to_coils(const Slice& t, int64_t n, int64_t k, int64_t c) {
-  Lanes<W> re[C] = {}, im[C] = {};
+  ComplexLanes<W> sum[C];
   for (int64_t l = 0; l < n; ++l) {
-    const Lanes<W> br = lane<W>(t.b, 2 * (k * 2 * n + n + l)),
-                   bi = lane<W>(t.b, 2 * (k * 2 * n + n + l) + 1);
-    for (int i = 0; i < C; ++i) {
-      const Lanes<W> wr = lane<W>(t.w, 2 * (l * t.nc + c + i)),
-                     wi = lane<W>(t.w, 2 * (l * t.nc + c + i) + 1);
-      re[i] += br * wr - bi * wi;
-      im[i] += br * wi + bi * wr;
-    }
+    const ComplexLanes<W> b(t.b, k * 2 * n + n + l);
+    for (int i = 0; i < C; ++i) sum[i].add_product(b, {t.w, l * t.nc + c + i});
   }
   for (int i = 0; i < C; ++i) {
-    re[i] = there<W>(t, k) ? re[i] : Lanes<W>{};
-    im[i] = there<W>(t, k) ? im[i] : Lanes<W>{};
-    store_pairs<W>(re[i], im[i], t.u + 2 * ctessel::kVoxels * (k * t.nc + c + i),
+    const Lanes<W> re = there<W>(t, k) ? sum[i].re : Lanes<W>{},
+                   im = there<W>(t, k) ? sum[i].im : Lanes<W>{};
+    store_pairs<W>(re, im, t.u + 2 * ctessel::kVoxels * (k * t.nc + c + i),
                    std::make_index_sequence<W>());
   }
 }
@@ -241,10 +232,10 @@ CTESSEL_INLINE void apply_inverse(const Slice& t, int64_t n) {
 /// A = S^H Psi^-1 S, which the inversion uses up.
 template <int W>
 CTESSEL_INLINE void keep_gram(const Slice& t, int64_t n) {
+  double* gram = t.gram(n);
   for (int64_t k = 0; k < n; ++k) {
-    for (int64_t j = 0; j < 2 * n; ++j)
-      lane<W>(t.gram, 2 * k * n + j) = lane<W>(t.b, 4 * k * n + j);
-    Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    for (int64_t j = 0; j < 2 * n; ++j) lane<W>(gram, 2 * k * n + j) = lane<W>(t.b, 4 * k * n + j);
+    Lanes<W>& own = lane<W>(gram, 2 * (k * n + k));
     if (!t.plain) {  // afresh: what regularisation adds may be far larger
       own = Lanes<W>{};
       for (int64_t c = k * t.nc; c < (k + 1) * t.nc; ++c) {
@@ -266,16 +257,10 @@ CTESSEL_INLINE void propagate(const Slice& t, int64_t n, int64_t k, Lanes<W>& va
   if (t.plain) return;
   variance = Lanes<W>{};
   for (int64_t j = 0; j < n; ++j) {
-    Lanes<W> re{}, im{};
-    for (int64_t l = 0; l < n; ++l) {
-      const Lanes<W> br = lane<W>(inverse, 2 * l), bi = lane<W>(inverse, 2 * l + 1),
-                     ar = lane<W>(t.gram, 2 * (l * n + j)),
-                     ai = lane<W>(t.gram, 2 * (l * n + j) + 1);
-      re += br * ar - bi * ai;
-      im += br * ai + bi * ar;
-    }
-    if (j == k) response = re;
-    variance += re * lane<W>(inverse, 2 * j) + im * lane<W>(inverse, 2 * j + 1);
+    ComplexLanes<W> sum;
+    for (int64_t l = 0; l < n; ++l) sum.add_product({inverse, l}, {t.gram(n), l * n + j});
+    if (j == k) response = sum.re;
+    variance += sum.re * lane<W>(inverse, 2 * j) + sum.im * lane<W>(inverse, 2 * j + 1);
   }
 }
 
@@ -283,19 +268,20 @@ CTESSEL_INLINE void propagate(const Slice& t, int64_t n, int64_t k, Lanes<W>& va
 /// diagonal there: that lies between the other eigenvalues.
 template <int W>
 CTESSEL_INLINE void find_condition_of_gram(const Slice& t, int64_t n, Lanes<W>& condition) {
+  double* gram = t.gram(n);
   Lanes<W> largest{}, trace{};
   for (int64_t k = 0; k < n; ++k) {
-    const Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    const Lanes<W>& own = lane<W>(gram, 2 * (k * n + k));
     largest = own > largest ? own : largest;
   }
   for (int64_t k = 0; k < n; ++k) {
-    Lanes<W>& own = lane<W>(t.gram, 2 * (k * n + k));
+    Lanes<W>& own = lane<W>(gram, 2 * (k * n + k));
     own = own == 0.0 ? largest : own;
     trace += own;
   }
   const Lanes<W> scale = 1.0 / trace;
-  for (int64_t j = 0; j < 2 * n * n; ++j) lane<W>(t.gram, j) *= scale;
-  ctessel::find_condition<W>(t.gram, n, t.scratch, condition);
+  for (int64_t j = 0; j < 2 * n * n; ++j) lane<W>(gram, j) *= scale;
+  ctessel::find_condition<W>(gram, n, t.scratch(n), condition);
 }
 
 /// Standard deviation, that of the alias alone, condition and response: 0 without signal.
@@ -303,7 +289,7 @@ template <int W>
 CTESSEL_INLINE void describe_noise(const Slice& t, int64_t n) {
   for (int64_t k = 0; k < n; ++k) {
     Lanes<W>&sd = lane<W>(t.noise, 4 * k), &alone = lane<W>(t.noise, 4 * k + 1);
-    alone = lane<W>(t.gram, 2 * (k * n + k));
+    alone = lane<W>(t.gram(n), 2 * (k * n + k));
     propagate<W>(t, n, k, sd, lane<W>(t.noise, 4 * k + 3));
     ctessel::take_root<W>(sd);
   }
@@ -320,10 +306,13 @@ CTESSEL_INLINE void describe_noise(const Slice& t, int64_t n) {
   }
 }
 
-/// All steps, with loops of fixed length where N is not 0.
+/// All steps, with loops of fixed length for up to N aliases.
 template <int W, int N>
 CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* samples,
                                 int64_t pitch) {
+  if constexpr (N > 0) {
+    if (aliases != N) return solve_slice<W, N - 1>(t, aliases, samples, pitch);
+  }
   const int64_t n = N ? N : aliases;
   load<W>(t, n, samples, pitch);
   apply_covariance<W>(t, n);
@@ -336,35 +325,21 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
 template <int W>
 CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t pitch) {
   const auto* psi_inverse = reinterpret_cast<const double*>(batch.psi_inverse);
-  for (int first = 0; first < ctessel::kVoxels; first += W) {
+  for (int64_t first = 0; first < ctessel::kVoxels; first += W) {
+    const auto from = [first](auto& entries) {
+      return entries.empty() ? nullptr : entries[0].voxel + first;
+    };
     const Slice t{batch.coils,
-                  batch.sensitivity[0].voxel + first,
-                  batch.weighted[0].voxel + first,
-                  batch.matrix[0].voxel + first,
+                  from(batch.sensitivity),
+                  from(batch.weighted),
+                  from(batch.matrix),
                   reinterpret_cast<double*>(batch.result.data()) + 2 * first,  // pairs
-                  batch.regularised[0].voxel + first,
-                  batch.present[0].voxel + first,
+                  from(batch.regularised),
+                  from(batch.present),
                   psi_inverse,
-                  batch.noise.empty() ? nullptr : batch.noise[0].voxel + first,
-                  batch.noise.empty() ? nullptr : batch.gram[0].voxel + first,
-                  batch.noise.empty() ? nullptr : batch.scratch[0].voxel + first,
+                  from(batch.noise),
                   batch.plain};
-    switch (batch.aliases) {
-      case 1:
-        solve_slice<W, 1>(t, 1, samples + first, pitch);
-        break;
-      case 2:
-        solve_slice<W, 2>(t, 2, samples + first, pitch);
-        break;
-      case 3:
-        solve_slice<W, 3>(t, 3, samples + first, pitch);
-        break;
-      case 4:
-        solve_slice<W, 4>(t, 4, samples + first, pitch);
-        break;
-      default:
-        solve_slice<W, 0>(t, batch.aliases, samples + first, pitch);
-    }
+    solve_slice<W, 4>(t, batch.aliases, samples + first, pitch);
     if (t.noise) describe_noise<W>(t, batch.aliases);
   }
 }
@@ -385,9 +360,7 @@ ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<dou
   matrix.resize(4 * n * n);
   result.resize(entries);
   if (!with_noise) return;
-  noise.resize(4 * n);
-  gram.resize(2 * n * n);
-  scratch.resize(6 * n);
+  noise.resize(10 * n + 2 * n * n);
 }
 
 void ctessel::solve(VoxelBatch& batch, const float* samples, int64_t pitch) {

@@ -44,8 +44,8 @@ struct VoxelBatch {
   /// Of every alias, if wanted: the standard deviation sqrt([U Psi U^H]_ii); 1 / sqrt(A_ii), which it
   /// would be without the other aliases, A = S^H Psi^-1 S; the condition of A; the response
   /// Re [U S]_ii. 0 where no coil sees the alias.
+  /// Behind these follow A and what finding its condition takes.
   std::vector<Entry> noise;
-  std::vector<Entry> gram, scratch;
 };
 
 /// U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every voxel, exactly 0 for absent aliases. The samples
