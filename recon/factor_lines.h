@@ -16,14 +16,16 @@
 namespace ctessel {
 
 /// An array on the grid of the maps or images, and its steps from sample to sample. im may be null.
-struct Volume {
-  const float *re = nullptr, *im = nullptr;
+template <class Float>
+struct BasicVolume {
+  Float *re = nullptr, *im = nullptr;
   std::int64_t x = 1, y = 0, z = 0, coil = 0, set = 0;
   /// Floats to line y of slice z. Slices of the second set follow the nz of the first one.
   std::int64_t line(std::int64_t row, std::int64_t slice, std::int64_t nz) const {
     return row * y + slice % nz * z + slice / nz * set;
   }
 };
+using Volume = BasicVolume<const float>;
 
 /// n samples of a row to parts without gaps.
 inline void load_row(const float* re, const float* im, std::int64_t step, std::int64_t n,

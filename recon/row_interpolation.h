@@ -25,9 +25,17 @@ inline Corners corner_rows(std::int64_t row, std::int64_t nx, std::int64_t plane
   return corners;
 }
 
-template <int Rows, class Value>
-[[gnu::always_inline]] inline void sum_rows(const Value* const* rows, const double* weight,
-                                            std::int64_t n, Value* __restrict out) {
+/// Weighted sum of `count` rows, at most Rows, of n values each. Inline, for callers that come in
+/// versions for wider vectors.
+template <int Rows = 4, class Value>
+[[gnu::always_inline]] inline void blend_rows(const Value* const* rows, const double* weight,
+                                              int count, std::int64_t n, Value* __restrict out) {
+  if constexpr (Rows == 0) {
+    std::fill_n(out, n, Value(0));
+    return;
+  } else if (count != Rows) {
+    return blend_rows<Rows - 1>(rows, weight, count, n, out);
+  }
   const Value* from[Rows];
   double by[Rows];
   std::copy_n(rows, Rows, from);
@@ -36,25 +44,6 @@ template <int Rows, class Value>
     double sum = 0;
     for (int r = 0; r < Rows; ++r) sum += by[r] * from[r][i];
     out[i] = static_cast<Value>(sum);
-  }
-}
-
-/// Weighted sum of `count` rows, at most four, of n values each. Inline, for callers that come in
-/// versions for wider vectors.
-template <class Value>
-[[gnu::always_inline]] inline void blend_rows(const Value* const* rows, const double* weight,
-                                              int count, std::int64_t n, Value* out) {
-  switch (count) {
-    case 4:
-      return sum_rows<4>(rows, weight, n, out);
-    case 3:
-      return sum_rows<3>(rows, weight, n, out);
-    case 2:
-      return sum_rows<2>(rows, weight, n, out);
-    case 1:
-      return sum_rows<1>(rows, weight, n, out);
-    default:
-      std::fill_n(out, n, Value(0));
   }
 }
 

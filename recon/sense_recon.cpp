@@ -96,17 +96,12 @@ double regularisation_weight(double fold_rms, double scale, double reference_rms
 
 /// A whole data set. Folded images and output have thirteen axes.
 struct DataSet {
-  ConstSamples folded, maps, mask, expected;
-  int64_t expected_size;  // samples of a location
+  ConstSamples folded, maps;
   Samples out;
   int64_t out_samples;  // of a packed output that volumes may overrun; 0 if they fit
-  Eigen::MatrixXcd psi;
   Eigen::Vector3f reduction;
   Eigen::VectorXi full;
-  double lambda;
-  Samples g, sd, condition, response;
-  std::vector<std::array<int, 2>> aliases = {};  // empty: products of y and z
-  int64_t sets = 1;
+  ctessel::SenseOptions options;  // its weight is the one in use, 0 without regularisation
 };
 
 /// A view of parts without gaps, of thirteen axes: a volume of nx rows and ny rows a plane, and the
@@ -147,7 +142,8 @@ struct Location {
 };
 
 /// Entry l of the axis of locations, behind which there may be one of sets.
-ctessel::Volume volume_of(const ConstSamples& s, Dim axis, int64_t l) {
+template <class Float>
+ctessel::BasicVolume<Float> volume_of(const ctessel::BasicSamples<Float>& s, Dim axis, int64_t l) {
   if (!s) return {};
   const int64_t at = l * s.stride(axis);
   const Dim set{static_cast<int>(axis) + 1};
@@ -173,34 +169,21 @@ void take_list(ctessel::UnfoldAxis& axis, const ctessel::AliasAxis& list) {
   axis.full = list.nearest;
 }
 
-bool wants_noise(const DataSet& d) { return d.g || d.sd || d.condition || d.response; }
-
-ctessel::NoiseImages noise_of(const DataSet& d, const ctessel::FactorProblem& factors, int64_t l) {
-  const auto image = [l](const Samples& s) -> ctessel::NoiseImage {
-    if (!s) return {};
-    return {s.re + l * s.stride(Dim(3)), s.stride(Dim::x), s.stride(Dim::y), s.stride(Dim::z),
-            s.stride(Dim(4))};
-  };
-  return {image(d.g), image(d.sd), image(d.condition), image(d.response),
-          factors.psi_inverse.size() ? d.psi.data() : nullptr};
-}
-
 /// What unfolding needs to know of one location beside its factors.
 ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem& factors,
-                                 const Location& location) {
+                                 const Location& location, const Eigen::MatrixXcd& psi) {
   float edges_y[] = {-1, -1}, edges_z[] = {-1, -1};
   if (!factors.listed) factors.record_edges(edges_y, edges_z);
-  ctessel::SenseProblem problem{.factors = factors,
-                                .folded = volume_of(d.folded, Dim::location, 0),
-                                .out_re = d.out.re,
-                                .out_im = d.out.im,
-                                .out_x = d.out.stride(Dim::x),
-                                .out_y = d.out.stride(Dim::y),
-                                .out_z = d.out.stride(Dim::z),
-                                .out_set = d.out.stride(Dim::coil),
-                                .volumes = location.count(),
-                                .place = [=](int64_t volume) { return location.place(volume); },
-                                .noise = noise_of(d, factors, location.l)};
+  const auto noise = [&](const Samples& image) { return volume_of(image, Dim(3), location.l); };
+  ctessel::SenseProblem problem{
+      .factors = factors,
+      .folded = volume_of(d.folded, Dim::location, 0),
+      .out = volume_of(d.out, Dim::location, 0),
+      .volumes = d.out ? location.count() : 0,
+      .place = [=](int64_t volume) { return location.place(volume); },
+      .noise = {noise(d.options.g), noise(d.options.sd), noise(d.options.condition),
+                noise(d.options.response), factors.psi_inverse.size() ? psi.data() : nullptr}};
+  problem.out.set = problem.out.coil;  // in place of the coils are the sets
   problem.lay_out(first_four(d.folded), d.full, edges_y, edges_z);
   if (factors.listed) {
     take_list(problem.y, factors.y);
@@ -211,34 +194,50 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
 
 void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
   std::vector<int> y, z;
-  for (const auto& [dy, dz] : d.aliases) {
+  for (const auto& [dy, dz] : d.options.aliases) {
     y.push_back(dy);
     z.push_back(dz);
   }
-  factors.list(y, z, d.sets);
+  factors.list(y, z, d.maps.extent(kSet));
+}
+
+Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
+  if (!s) return Eigen::MatrixXcd::Identity(coils, coils);
+  Eigen::MatrixXcd psi(coils, coils);
+  for (std::ptrdiff_t c = 0; c < coils; ++c) {
+    for (std::ptrdiff_t r = 0; r < coils; ++r) {
+      const std::ptrdiff_t at = r * s.stride(Dim(0)) + c * s.stride(Dim(1));
+      psi(r, c) = {s.re[at], s.im ? s.im[at] : 0.0f};
+    }
+  }
+  return psi;
 }
 
 /// Unfolds every volume; of the last location only the first `last_count` if that is not -1.
 void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
   // Without a map nothing bounds the other extents, nor the lists of lines made from them.
   if (first_four(d.maps).minCoeff() < 1) return;
-  ctessel::FactorProblem factors(first_four(d.maps), d.psi, d.reduction, first_four(d.folded),
+  const ctessel::SenseOptions& options = d.options;
+  const Eigen::MatrixXcd psi = covariance_of(options.covariance, d.maps.extent(Dim::coil));
+  ctessel::FactorProblem factors(first_four(d.maps), psi, d.reduction, first_four(d.folded),
                                  d.full);
   if (std::min({factors.nx, int64_t{factors.y.lines}, int64_t{factors.z.lines}, factors.nc,
                 int64_t{d.folded.extent(Dim::x)}}) < 1) {
     return;
   }
-  if (!d.aliases.empty()) list_aliases(d, factors);
+  if (!options.aliases.empty()) list_aliases(d, factors);
+  const ConstSamples& expected = options.expected;
+  factors.expected_size = ConstSamples::parts(nullptr, nullptr,
+                                              {expected.extent(Dim::x), expected.extent(Dim::y),
+                                               expected.extent(Dim::z)})
+                              .size();
+  factors.lambda = options.weight;
+  factors.noise = options.g || options.sd || options.condition || options.response;
   for (int64_t l = 0; l < locations; ++l) {
     factors.maps = volume_of(d.maps, Dim(4), l);
-    factors.mask = volume_of(d.mask, Dim(3), l);
-    factors.expected = volume_of(d.expected, Dim(3), l);
-    factors.expected_size = d.expected ? d.expected_size : 0;
-    factors.lambda = d.lambda;
-    factors.noise = wants_noise(d);
-    const Location location{d, l};
-    ctessel::SenseProblem problem = problem_of(d, factors, location);
-    if (!d.out) problem.volumes = 0;
+    factors.mask = volume_of(options.mask, Dim(3), l);
+    factors.expected = volume_of(expected, Dim(3), l);
+    ctessel::SenseProblem problem = problem_of(d, factors, {d, l}, psi);
     if (l + 1 == locations && last_count >= 0) problem.volumes = last_count;
     ctessel::unfold_volumes(problem);
   }
@@ -352,53 +351,30 @@ void clear(const Samples& s) {
   ctessel::copy(zeros, {s.re, nullptr, s.extents, s.strides});
 }
 
-Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
-  if (!s) return Eigen::MatrixXcd::Identity(coils, coils);
-  Eigen::MatrixXcd psi(coils, coils);
-  for (std::ptrdiff_t c = 0; c < coils; ++c) {
-    for (std::ptrdiff_t r = 0; r < coils; ++r) {
-      const std::ptrdiff_t at = r * s.stride(Dim(0)) + c * s.stride(Dim(1));
-      psi(r, c) = {s.re[at], s.im ? s.im[at] : 0.0f};
-    }
-  }
-  return psi;
-}
-
 }  // namespace
 
 void ctessel::sense(const ConstSamples& folded, const ConstSamples& maps,
                     const std::array<int, 3>& full_size, const Samples& out,
                     const SenseOptions& options) {
   require_fit(folded, maps, full_size, out, options);
-  const int64_t sets = maps.extent(kSet);
-  const auto aliases =
-      sets > 1 && options.aliases.empty() ? products(folded, full_size) : options.aliases;
-  require_every_voxel(folded, maps, full_size, aliases);
+  SenseOptions used = options;
+  if (maps.extent(kSet) > 1 && options.aliases.empty()) used.aliases = products(folded, full_size);
+  require_every_voxel(folded, maps, full_size, used.aliases);
   const ::Extents fold(4, first_four(folded).data());
-  const int64_t grid = maps.extent(Dim::x) * maps.extent(Dim::y) * maps.extent(Dim::z);
-  double weight = options.weight;
+  if (!options.expected) used.weight = 0;
   if (options.expected && options.reference) {
-    weight = regularisation_weight(root_mean_square(folded), options.scale,
-                                   root_mean_square(options.reference), fold, full_size.data());
+    used.weight =
+        regularisation_weight(root_mean_square(folded), options.scale,
+                              root_mean_square(options.reference), fold, full_size.data());
   }
   const DataSet data{folded.with_axes(13),
                      maps,
-                     options.mask,
-                     options.expected,
-                     grid,
                      out.with_axes(13),
                      0,
-                     covariance_of(options.covariance, maps.extent(Dim::coil)),
                      reduction_factors(fold, 3, full_size.data()),
                      Eigen::Map<const Eigen::VectorXi>(full_size.data(), 3),
-                     options.expected ? weight : 0.0,
-                     options.g,
-                     options.sd,
-                     options.condition,
-                     options.response,
-                     aliases,
-                     sets};
-  for (const Samples* noise : {&data.g, &data.sd, &data.condition, &data.response}) clear(*noise);
+                     used};
+  for (const Samples* noise : {&used.g, &used.sd, &used.condition, &used.response}) clear(*noise);
   unfold_locations(data, folded.extent(Dim::location), -1);
 }
 
@@ -422,7 +398,6 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
   if (F.d[7] == 0) return 1;
   if (psi_dims[0] != S.d[3] || psi_dims[1] != S.d[3] || (!fit && S.coils() != 0)) return -1;
 
-  const auto psi = ConstSamples::parts(psi_re, psi_im, {S.d[3], S.d[3]});
   const auto on_grid = [&](float* re, float* im, const Extents& n, std::size_t axis, int64_t step) {
     ConstSamples s = packed<const float>(re, im, n, S.d[0], S.d[1], step);
     s.strides[axis] = static_cast<std::ptrdiff_t>(step);
@@ -430,21 +405,16 @@ int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dim
   };
   DataSet data{packed<const float>(fold_re, fold_im, F, F.d[0], F.d[1], F.coils()),
                on_grid(sens_re, sens_im, S, 4, S.coils()),
-               {},
-               regularised ? on_grid(reg_re, reg_im, Reg, 3, Reg.volume()) : ConstSamples(),
-               Reg.volume(),
                packed(out_re, out_im, F, full_size[0], full_size[1], O.coils()),
                O.total(),
-               covariance_of(psi, S.d[3]),
                R,
                Eigen::Map<const Eigen::VectorXi>(full_size, 3),
-               0,
-               {},
-               {},
-               {},
                {}};
+  data.options.covariance = ConstSamples::parts(psi_re, psi_im, {S.d[3], S.d[3]});
+  data.options.weight = 0;
   if (regularised) {
-    data.lambda =
+    data.options.expected = on_grid(reg_re, reg_im, Reg, 3, Reg.volume());
+    data.options.weight =
         regularisation_weight(TS_SA(fold_re, fold_im, static_cast<int>(F.total())), scale,
                               TS_SA(ref_re, ref_im, static_cast<int>(Ref.total())), F, full_size);
   }

@@ -239,7 +239,7 @@ class Tile {
  private:
   static constexpr std::size_t kWindow = std::size_t{4} * kBlock;
   struct Target {
-    int64_t y, z, set;
+    int64_t y, slice;  // slices of the second set follow those of the first one
   };
 
   static bool is_aligned(const ctessel::RowGrid& x, Range columns) {
@@ -445,11 +445,8 @@ class Tile {
     const std::complex<double>* slots = nearest.slot(f_.slots() + f_.aliases() + k);
     for (int64_t i = 0; i < width_; ++i) {
       if (!mask_[size(k * width_ + i)]) continue;
-      const auto put = [&](const ctessel::NoiseImage& image, double value) {
-        if (image.re) {
-          image.re[(x0_ + i) * image.x + to.y * image.y + to.z * image.z + to.set * image.set] =
-              static_cast<float>(value);
-        }
+      const auto put = [&](const ctessel::BasicVolume<float>& image, double value) {
+        if (image.re) image.re[place_of(image, to, i)] = static_cast<float>(value);
       };
       const int64_t column = p_.x.nearest[size(x0_ + i)] - first_;
       put(p_.noise.g, alone[i] == 0 ? 0.0 : voxels[i] / alone[i]);
@@ -500,27 +497,31 @@ class Tile {
     }
   }
 
-  /// Full line, slice and set of alias k.
+  /// Floats to column i of the tile.
+  int64_t place_of(const ctessel::BasicVolume<float>& image, const Target& at, int64_t i) const {
+    return (x0_ + i) * image.x + image.line(at.y, at.slice, p_.full_z);
+  }
+
+  /// Full line and slice of alias k.
   Target target(int y, int z, int64_t k) const {
     const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(z)]);
-    const int64_t slice = p_.z.full[size(int64_t{z} * p_.z.room + of.z)];
-    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)], slice % p_.full_z, slice / p_.full_z};
+    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)],
+            p_.z.full[size(int64_t{z} * p_.z.room + of.z)]};
   }
 
   void deliver(int y, int z, const VolumePlace& place) {
     const auto first = [&](int64_t position) {
       const Target to = target(y, z, position);
-      return x0_ + p_.full_x * (to.y + p_.full_y * to.z);
+      return x0_ + p_.full_x * (to.y + p_.full_y * (to.slice % p_.full_z));
     };
     const auto put = [&](int64_t k, int64_t position, int64_t i, int64_t count) {
       const Target to = target(y, z, position);
-      const int64_t at = place.out + (x0_ + i) * p_.out_x + to.y * p_.out_y + to.z * p_.out_z +
-                         to.set * p_.out_set;
+      const int64_t at = place.out + place_of(p_.out, to, i);
       const float* u = u_.data() + 2 * k * width_ + i;
       ctessel::store_row(
           u, u + width_,
-          {p_.out_re + at, p_.out_im ? p_.out_im + at : nullptr,
-           static_cast<std::ptrdiff_t>(p_.out_x), static_cast<std::ptrdiff_t>(count)});
+          {p_.out.re + at, p_.out.im ? p_.out.im + at : nullptr,
+           static_cast<std::ptrdiff_t>(p_.out.x), static_cast<std::ptrdiff_t>(count)});
     };
     inside_ &= ctessel::deliver(n_, width_, place.room, mask_.data(), first, put);
   }

@@ -15,15 +15,9 @@ struct VolumePlace {
   std::int64_t in, out, room;
 };
 
-/// An image of noise and its steps; null where it is not wanted.
-struct NoiseImage {
-  float* re = nullptr;
-  std::int64_t x = 0, y = 0, z = 0, set = 0;
-};
-
-/// What noise becomes in the image of one location.
+/// What noise becomes in the image of one location; null where it is not wanted.
 struct NoiseImages {
-  NoiseImage g, sd, condition, response;
+  BasicVolume<float> g, sd, condition, response;
   const std::complex<double>* psi = nullptr;  // null for the identity
 };
 
@@ -31,9 +25,7 @@ struct NoiseImages {
 struct SenseProblem {
   const FactorProblem& factors;
   Volume folded;
-  float *out_re, *out_im;
-  std::int64_t out_x, out_y, out_z;  // steps
-  std::int64_t out_set = 0;
+  BasicVolume<float> out;
   std::int64_t volumes = 1;
   std::function<VolumePlace(std::int64_t volume)> place;
   NoiseImages noise = {};

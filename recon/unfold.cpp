@@ -89,16 +89,13 @@ int unfold(float* fold_re, float* fold_im, Eigen::VectorXi& fold4, Eigen::Vector
   const int Ay = most(1), Az = static_cast<int>(std::min<int64_t>(most(2), room_z));
   const ctessel::FactorProblem stored(factors, factor_dims, coils, Ay, Az);
   const int64_t pixels = int64_t{full_size[0]} * full_size[1] * full_size[2];
-  ctessel::SenseProblem problem{.factors = stored,
-                                .folded = {fold_re, fold_im, 1, nx, plane, plane * fold4[2]},
-                                .out_re = out_re,
-                                .out_im = out_im,
-                                .out_x = 1,
-                                .out_y = full_size[0],
-                                .out_z = int64_t{full_size[0]} * full_size[1],
-                                .place = [=](int64_t) {
-                                  return ctessel::VolumePlace{0, 0, pixels};
-                                }};
+  ctessel::SenseProblem problem{
+      .factors = stored,
+      .folded = {fold_re, fold_im, 1, nx, plane, plane * fold4[2]},
+      .out = {out_re, out_im, 1, full_size[0], int64_t{full_size[0]} * full_size[1]},
+      .place = [=](int64_t) {
+        return ctessel::VolumePlace{0, 0, pixels};
+      }};
   problem.lay_out(fold4, full_size, edges_y, edges_z);
   return ctessel::unfold_volumes(problem) ? 1 : -1;
 }
