@@ -27,7 +27,7 @@ namespace {
 
 using Index = std::ptrdiff_t;
 using Complex = std::complex<double>;
-using Places = std::vector<Complex>;
+using Parts = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 
 /// Orthonormal bases are multiplied by the matrix so many times before the signal space is read off.
 constexpr int kRepetitions = 3;
@@ -45,26 +45,28 @@ std::size_t at(Index i) { return static_cast<std::size_t>(i); }
 
 /// Complex rows as parts, one row behind the other.
 struct Matrix {
+  Parts re, im;
   Index rows = 0, cols = 0;
-  std::vector<double> re, im;
 
   Matrix() = default;
-  Matrix(Index r, Index c) : rows(r), cols(c), re(at(r * c)), im(at(r * c)) {}
+  Matrix(Parts real, Parts imaginary)
+      : re(std::move(real)), im(std::move(imaginary)), rows(re.rows()), cols(re.cols()) {}
+  Matrix(Index r, Index c) : Matrix(Parts::Zero(r, c), Parts::Zero(r, c)) {}
+  explicit Matrix(const Eigen::MatrixXcd& m) : Matrix(m.real(), m.imag()) {}
 
-  Complex get(Index r, Index c) const { return {re[at(r * cols + c)], im[at(r * cols + c)]}; }
+  Complex get(Index r, Index c) const { return {re(r, c), im(r, c)}; }
   void set(Index r, Index c, Complex v) {
-    re[at(r * cols + c)] = v.real();
-    im[at(r * cols + c)] = v.imag();
+    re(r, c) = v.real();
+    im(r, c) = v.imag();
   }
+  Eigen::MatrixXcd pairs() const {
+    Eigen::MatrixXcd out(rows, cols);
+    out.real() = re;
+    out.imag() = im;
+    return out;
+  }
+  Matrix adjoint() const { return {re.transpose(), -im.transpose()}; }
 };
-
-Matrix adjoint(const Matrix& m) {
-  Matrix out(m.cols, m.rows);
-  for (Index r = 0; r < m.rows; ++r) {
-    for (Index c = 0; c < m.cols; ++c) out.set(c, r, std::conj(m.get(r, c)));
-  }
-  return out;
-}
 
 /// y += a x, n complex numbers in parts.
 CTESSEL_INLINE void add_scaled(double ar, double ai, const double* xr, const double* xi, double* yr,
@@ -88,7 +90,7 @@ CTESSEL_INLINE void multiply_block(const Matrix& a, const double* panel, Index i
     std::memcpy(&xr, panel + 2 * k * width, sizeof(V));
     std::memcpy(&xi, panel + (2 * k + 1) * width, sizeof(V));
     for (int r = 0; r < n; ++r) {
-      const double ar = a.re[at((i + r) * a.cols + k)], ai = a.im[at((i + r) * a.cols + k)];
+      const double ar = a.re(i + r, k), ai = a.im(i + r, k);
       re[r] += ar * xr - ai * xi;
       im[r] += ar * xi + ai * xr;
     }
@@ -143,25 +145,9 @@ Matrix product(const Matrix& a, const Matrix& b, bool upper = false) {
 
 /// adjoint(m) m.
 Matrix gram_of(const Matrix& m) {
-  Matrix out = product(adjoint(m), m, true);
+  Matrix out = product(m.adjoint(), m, true);
   for (Index r = 0; r < out.rows; ++r) {
     for (Index c = 0; c < r; ++c) out.set(r, c, std::conj(out.get(c, r)));
-  }
-  return out;
-}
-
-Eigen::MatrixXcd small(const Matrix& m) {
-  Eigen::MatrixXcd out(m.rows, m.cols);
-  for (Index r = 0; r < m.rows; ++r) {
-    for (Index c = 0; c < m.cols; ++c) out(r, c) = m.get(r, c);
-  }
-  return out;
-}
-
-Matrix large(const Eigen::MatrixXcd& m) {
-  Matrix out(m.rows(), m.cols());
-  for (Index r = 0; r < m.rows(); ++r) {
-    for (Index c = 0; c < m.cols(); ++c) out.set(r, c, m(r, c));
   }
   return out;
 }
@@ -221,28 +207,22 @@ Matrix scattered(Index rows, Index cols) {
     state = state * 6364136223846793005u + 1442695040888963407u;
     return static_cast<double>(state >> 11) / 4503599627370496.0 - 1;
   };
-  for (double& v : out.re) v = next();
-  for (double& v : out.im) v = next();
-  return out;
-}
-
-Matrix ones(Index rows, Index cols) {
-  Matrix out(rows, cols);
-  std::fill(out.re.begin(), out.re.end(), 1.0);
+  for (Parts* part : {&out.re, &out.im}) std::generate_n(part->data(), part->size(), next);
   return out;
 }
 
 /// The same space with orthonormal columns.
 Matrix orthonormal(const Matrix& m) {
-  const Eigen::MatrixXcd gram = small(gram_of(m));
+  const Eigen::MatrixXcd gram = gram_of(m).pairs();
   const Eigen::MatrixXcd lower = gram.llt().matrixL();
   const Eigen::MatrixXcd unit = Eigen::MatrixXcd::Identity(gram.rows(), gram.cols());
-  return product(m, large(lower.triangularView<Eigen::Lower>().solve(unit).adjoint()));
+  const Eigen::MatrixXcd inverse = lower.triangularView<Eigen::Lower>().solve(unit).adjoint();
+  return product(m, Matrix(inverse));
 }
 
 double trace(const Matrix& m) {
   double sum = 0;
-  for (Index i = 0; i < m.rows; ++i) sum += m.re[at(i * m.cols + i)];
+  for (Index i = 0; i < m.rows; ++i) sum += m.re(i, i);
   return sum;
 }
 
@@ -250,20 +230,18 @@ double trace(const Matrix& m) {
 /// a basis of `width` columns; fewer columns than that are kept unless the basis is too narrow.
 Matrix strongest(const Matrix& gram, Index width, double threshold) {
   Matrix shifted = gram;  // keeps products with it far from singular
-  for (Index i = 0; i < gram.rows; ++i) {
-    shifted.re[at(i * gram.cols + i)] += 1e-3 * threshold * trace(gram);
-  }
+  shifted.re.diagonal().array() += 1e-3 * threshold * trace(gram);
   Matrix basis = scattered(gram.rows, width);
   for (int i = 0; i < kRepetitions; ++i) {
     basis = orthonormal(product(shifted, basis));
   }
   basis = orthonormal(basis);
   const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXcd> within(
-      small(product(adjoint(basis), product(gram, basis))));
+      product(basis.adjoint(), product(gram, basis)).pairs());
   const Eigen::VectorXd& values = within.eigenvalues();
   Index kept = 0;
   while (kept < width && values(width - 1 - kept) > threshold * values(width - 1)) ++kept;
-  return product(basis, large(within.eigenvectors().rightCols(kept)));
+  return product(basis, Matrix(within.eigenvectors().rightCols(kept)));
 }
 
 Matrix signal_space(const Matrix& rows, Index coils, double threshold) {
@@ -280,7 +258,7 @@ Matrix signal_space(const Matrix& rows, Index coils, double threshold) {
 /// The projection as convolutions: for every shift between two places of the window and every pair of
 /// coils c <= d the sum of its entries, pairs fastest.
 Matrix convolutions(const Matrix& space, const Windows& w) {
-  const Matrix projection = product(space, adjoint(space));
+  const Matrix projection = product(space, space.adjoint());
   const Index span[2] = {2 * w.kernel[0] - 1, 2 * w.kernel[1] - 1};
   Matrix out(span[0] * span[1] * (2 * w.kernel[2] - 1), w.coils * (w.coils + 1) / 2);
   Index first = 0;
@@ -300,8 +278,7 @@ Matrix convolutions(const Matrix& space, const Windows& w) {
     });
     ++first;
   });
-  for (double& v : out.re) v /= static_cast<double>(w.volume());
-  for (double& v : out.im) v /= static_cast<double>(w.volume());
+  for (Parts* part : {&out.re, &out.im}) *part /= static_cast<double>(w.volume());
   return out;
 }
 
@@ -334,10 +311,8 @@ class Polynomials {
   /// Values along x at (y, z): a row a polynomial.
   Matrix row(Index y, Index z) const {
     const Matrix terms = summed(summed(terms_, waves_[2], z), waves_[1], y);
-    Matrix transposed(terms.cols, terms.rows), out(terms.cols, waves_[0].cols);
-    for (Index k = 0; k < terms.rows; ++k) {
-      for (Index i = 0; i < terms.cols; ++i) transposed.set(i, k, terms.get(k, i));
-    }
+    const Matrix transposed(terms.re.transpose(), terms.im.transpose());
+    Matrix out(terms.cols, waves_[0].cols);
     multiply_rows(transposed, waves_[0], {0, transposed.rows}, false, out);
     return out;
   }
@@ -503,8 +478,8 @@ void store_maps(const Matrix& low, Matrix v, const std::vector<double>& eigenval
   }
   for (Index c = 0; c < v.rows; ++c) {
     for (Index x = 0; x < v.cols; ++x) {
-      re[at(x)] = static_cast<float>(v.re[at(c * v.cols + x)]);
-      im[at(x)] = static_cast<float>(v.im[at(c * v.cols + x)]);
+      re[at(x)] = static_cast<float>(v.re(c, x));
+      im[at(x)] = static_cast<float>(v.im(c, x));
     }
     store_row(re.data(), im.data(),
               row_of(maps, Dim::x, place(maps, y, z) + c * maps.stride(Dim::coil)));
@@ -556,7 +531,8 @@ void espirit(const ConstSamples& calibration, const Samples& maps, const Espirit
   const Matrix space = signal_space(rows, windows.coils, options.threshold);
   const Polynomials matrices = coil_matrices(convolutions(space, windows), windows, size);
   const Polynomials images = low_resolution(calibration, windows, size);
-  const Matrix any = product(scattered(windows.coils, 1), ones(1, size[0]));
+  const Matrix column = scattered(windows.coils, 1);
+  const Matrix any(column.re.replicate(1, size[0]), column.im.replicate(1, size[0]));
   for_each_chunk(size[1] * size[2], [&](std::int64_t begin, std::int64_t end) {
     std::vector<double> eigenvalues(at(size[0]));
     std::vector<float> values(at(size[0]));
