@@ -1,7 +1,11 @@
-"""Raw data files as others write them: by h5py alone, with nothing of ours."""
+"""Raw data files as others write them: by h5py alone, with nothing of ours, or by the format's own tools."""
+
+import shutil
+import subprocess
 
 import h5py
 import numpy as np
+import pytest
 
 IDX = np.dtype([
     *((name, "<u2") for name in ("kspace_encode_step_1", "kspace_encode_step_2", "average", "slice", "contrast",
@@ -64,9 +68,18 @@ def write(path, lines, text, group="dataset", kind=None):
     with h5py.File(path, "w") as file:
         kind = kind or h5py.string_dtype("ascii")
         file.create_dataset(f"{group}/xml", data=np.array([text.encode()], dtype=kind))
-        data = file.create_dataset(
-            f"{group}/data", (len(lines),), RECORD, maxshape=(None,), chunks=(max(1, len(lines)),)
-        )
+        count = len(lines)
+        data = file.create_dataset(f"{group}/data", (count,), RECORD, maxshape=(None,), chunks=(max(1, count),))
         if lines:
             data[:] = np.array(lines, RECORD)
     return path
+
+
+def reconstructed(path, options):
+    """A phantom of the format's own tools, and the image that they make of it; (x, y)."""
+    if not shutil.which("ismrmrd_recon_cartesian_2d"):
+        pytest.skip("ismrmrd-tools is not installed")
+    for command in (f"generate_cartesian_shepp_logan {options} -o {path.name}", f"recon_cartesian_2d {path.name}"):
+        subprocess.run(f"ismrmrd_{command}".split(), cwd=path.parent, check=True, stdout=subprocess.DEVNULL)
+    with h5py.File(path) as file:
+        return file["dataset/cpp/data"][0, 0, 0].T

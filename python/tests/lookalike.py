@@ -21,10 +21,8 @@ def kspace(shape, slices=1, echoes=1, repetitions=1, coils=4, seed=0):
         * (1 + 0.5 * (x > 0.1) * (y < 0.2))
         * np.exp(0.6j * x - 0.4j * y)
     )
-    made = pipeline.to_kspace(body[..., None] * maps(shape, coils))[..., None, None, None]
-    made = made * (
-        1 + np.arange(slices)[:, None, None] / 4 + np.arange(echoes)[:, None] / 8 + np.arange(repetitions) / 16
-    )
+    level = 1 + np.arange(slices)[:, None, None] / 4 + np.arange(echoes)[:, None] / 8 + np.arange(repetitions) / 16
+    made = pipeline.to_kspace(body[..., None] * maps(shape, coils))[..., None, None, None] * level
     noise = rng.standard_normal((2, *made.shape)) * 1e-3
     return np.asfortranarray(made + noise[0] + 1j * noise[1], np.complex64)
 

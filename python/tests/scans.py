@@ -5,8 +5,8 @@ from dataclasses import replace
 import numpy as np
 from conftest import random_complex
 
-from ctessel import phantom as phantoms
-from ctessel import pipeline
+from ctessel import _raw, phantom as phantoms, pipeline
+from ctessel.acquisitions import HEADER
 from ctessel.scan import Header, Limit, Placement, Scan
 
 FIELD = 240.0
@@ -28,11 +28,8 @@ def coils(shape, count):
     x, y, z = axes(shape)
     turns = 2 * np.pi * np.arange(count) / count
 
-    def one(a):
-        away = (x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2 + (z - np.cos(2 * a) / 2) ** 2
-        return np.exp(-away / 2 + 1j * a)
-
-    return np.stack([one(a) for a in turns], -1).astype(np.complex64)
+    away = [(x - np.cos(a)) ** 2 + (y - np.sin(a)) ** 2 + (z - np.cos(2 * a) / 2) ** 2 for a in turns]
+    return np.exp(-np.stack(away, -1) / 2 + 1j * turns).astype(np.complex64)
 
 
 def lines(count, step=1, offset=0, calibration=0, first=None, last=None):
@@ -55,29 +52,12 @@ def header(shape, oversampling=1, slices=1):
     depth = FIELD if shape[2] > 1 else 5.0
     places = [Placement(np.array([0, 0, 6.0 * i]), *np.eye(3)) for i in range(slices)]
     limits = {a: Limit(0, n - 1, n // 2) for a, n in zip("xyz", encoded)}
-    return Header(
-        encoded,
-        (FIELD * oversampling, FIELD, depth),
-        tuple(shape),
-        (FIELD, FIELD, depth),
-        limits,
-        placements=places,
-    )
+    fields = (FIELD * oversampling, FIELD, depth), (FIELD, FIELD, depth)
+    return Header(encoded, fields[0], tuple(shape), fields[1], limits, placements=places)
 
 
-def scan(
-    shape=(48, 48, 1),
-    count=6,
-    y=None,
-    z=None,
-    slices=1,
-    repetitions=1,
-    oversampling=1,
-    noise=0.0,
-    mask=None,
-    growth=1 / 8,
-    seed=0,
-):
+def scan(shape=(48, 48, 1), count=6, y=None, z=None, slices=1, repetitions=1, oversampling=1, noise=0.0, mask=None,
+         growth=1 / 8, seed=0):  # fmt: skip
     """Root sum of squares of the coil images, and the scan; repetitions grow brighter."""
     images = coils(shape, count) * phantom(shape)[..., None]
     level = 1 + np.arange(slices)[:, None, None] / 4 + np.arange(repetitions) * growth
@@ -101,6 +81,23 @@ def known(scan, kspace=None, **changes):
 def error(image, truth):
     """Of magnitudes, relative."""
     return np.linalg.norm(np.abs(image) - truth) / np.linalg.norm(truth)
+
+
+def acquired(**fields):
+    """The header of a line that was measured along the scanner's axes."""
+    head = np.zeros((), HEADER)
+    for name, value in {"read_dir": (1, 0, 0), "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1), **fields}.items():
+        head[name] = value
+    return head
+
+
+def write_lines(path, acquisitions, text):
+    """A file of headers and samples, (sample, coil)."""
+    writer = _raw.Writer(str(path), "dataset", text)
+    for head, samples in acquisitions:
+        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples, np.complex64))
+    writer.close()
+    return path
 
 
 def write_broken(monkeypatch, path, kind, coil, **changes):

@@ -27,18 +27,10 @@ def test_shifts_are_numpys_for_every_order_and_axis(shape, real):
         same_bits(a, data)
 
 
-@pytest.mark.parametrize(
-    "shape, target",
-    [
-        ((2,), (5,)),
-        ((2,), (6,)),
-        ((3, 4), (3, 9)),
-        ((5, 4, 3), (8, 7, 4)),
-        ((5, 4, 3), (6,)),
-        ((4, 3, 2, 3), (4, 4, 7)),
-        ((64, 50, 24, 3), (64, 96, 31)),
-    ],
-)
+@pytest.mark.parametrize("shape, target", [
+    ((2,), (5,)), ((2,), (6,)), ((3, 4), (3, 9)), ((5, 4, 3), (8, 7, 4)), ((5, 4, 3), (6,)), ((4, 3, 2, 3), (4, 4, 7)),
+    ((64, 50, 24, 3), (64, 96, 31)),
+])  # fmt: skip
 def test_zero_pad_puts_an_odd_spare_zero_in_front(shape, target):
     data = random_complex(shape)
     full = list(target) + list(shape[len(target) :])
@@ -61,16 +53,10 @@ def window(n, width, strength):
     return np.where(inside, 0.54 + 0.46 * np.cos(2 * np.pi * j / period), 0)
 
 
-@pytest.mark.parametrize(
-    "shape, strength, width",
-    [
-        ((9,), 0.4, None),
-        ((8, 7), 0.915, (5, 7)),
-        ((6, 5, 4), (0.1, 3, -1), (6, 4, 0)),
-        ((6, 5, 4, 3), (0.2, 0.5, 0.9), (4, 5, 2)),
-        ((65, 47, 7, 17), 0.6, None),
-    ],
-)
+@pytest.mark.parametrize("shape, strength, width", [
+    ((9,), 0.4, None), ((8, 7), 0.915, (5, 7)), ((6, 5, 4), (0.1, 3, -1), (6, 4, 0)),
+    ((6, 5, 4, 3), (0.2, 0.5, 0.9), (4, 5, 2)), ((65, 47, 7, 17), 0.6, None),
+])  # fmt: skip
 def test_ringing_filter_is_the_separable_window(shape, strength, width):
     data = random_complex(shape)
     axes = min(3, len(shape))

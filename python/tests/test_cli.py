@@ -13,6 +13,7 @@ import foreign
 import nibabel
 import numpy as np
 import pytest
+from command import pixels, recon, refused, run, sidecar
 
 from ctessel import cli, files, phantom, runtime
 
@@ -24,11 +25,6 @@ def scan(tmp_path_factory):
     return file
 
 
-def recon(scan, output, *options):
-    assert cli.main(["recon", str(scan), "-o", str(output), *map(str, options)]) == 0
-    return nibabel.load(output)
-
-
 def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     image = recon(scan, tmp_path / "i.nii.gz", "--preview", tmp_path / "i.png", "--combine", "phase", "--ringing", 0.2,
                   "--pad", 64, 64, 1, "--regularise", 1, "--position", "FFS")  # fmt: skip
@@ -37,25 +33,21 @@ def test_files_tell_place_time_and_what_was_done(scan, tmp_path):
     assert image.header.get_xyzt_units() == ("mm", "sec")
     np.testing.assert_allclose(image.get_qform(), image.get_sform(), atol=1e-4)
     assert image.header["qform_code"] == image.header["sform_code"] == 1
-    told = json.loads((tmp_path / "i.json").read_text())
+    told = sidecar(tmp_path / "i.nii.gz")
     assert told["RepetitionTime"] == 0.27 and told["RepetitionTimeExcitation"] == 0.5 and told["EchoTime"] == 0.005
-    assert told["PatientPosition"] == "FFS"
-    assert told["SpacingBetweenSlices"] == pytest.approx(5)
+    assert told["PatientPosition"] == "FFS" and told["SpacingBetweenSlices"] == pytest.approx(5)
     assert told["Parameters"]["options"]["regularisation"] == 1
     assert told["Versions"]["numpy"] == np.__version__
     for words in ("ringing", "SENSE: R = 2"):
         assert any(words in step for step in told["Steps"])
-    phase = nibabel.load(tmp_path / "i_phase.nii.gz").get_fdata()
-    assert 0 < np.abs(phase).max() <= np.float32(np.pi)
-    names = {"i.nii.gz", "i.json", "i_phase.nii.gz", "i_phase.json", "i.png"}
-    assert {p.name for p in tmp_path.iterdir()} == names
+    assert 0 < np.abs(pixels(tmp_path / "i_phase.nii.gz")).max() <= np.float32(np.pi)
+    assert {p.name for p in tmp_path.iterdir()} == {"i.nii.gz", "i.json", "i_phase.nii.gz", "i_phase.json", "i.png"}
     assert (tmp_path / "i.png").stat().st_size > 1000
 
 
-@pytest.mark.parametrize(
-    "axis, cuts, scale",
-    [("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1), ("echo", [0, 1, 3], 0)],
-)
+@pytest.mark.parametrize("axis, cuts, scale", [
+    ("slice", [0, 1, 3], 0), ("slice", [0, 2, 3], 1), ("repetition", [0, 3, 4], 1), ("echo", [0, 1, 3], 0),
+])  # fmt: skip
 def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, capsys, axis, cuts, scale):
     if axis == "echo":
         phantom.write(scan := tmp_path / "echoes.h5", "echoes", size=16, coils=2)
@@ -63,20 +55,21 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, capsys, axis, cut
     for first, after in zip(cuts, cuts[1:]):
         part = tmp_path / f"part{first}.nii.gz"
         recon(scan, part, "--range", axis, first, after - 1, "--regularise", scale)
-    parts = [str(tmp_path / f"part{first}.nii.gz") for first in cuts[-2::-1]]
-    assert cli.main(["merge", *parts, "-o", str(tmp_path / "merged.nii")]) == 0
+    parts = [tmp_path / f"part{first}.nii.gz" for first in cuts[-2::-1]]
+    assert run("merge", *parts, "-o", tmp_path / "merged.nii") == 0
     merged = nibabel.load(tmp_path / "merged.nii")
     np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
     np.testing.assert_allclose(merged.affine, whole.affine, atol=1e-4)
     names = ("merged", "whole", f"part{cuts[1]}")
-    *times, last = (json.loads((tmp_path / f"{name}.json").read_text())["EchoTime"] for name in names)
+    *times, last = (sidecar(tmp_path / name)["EchoTime"] for name in names)
     assert times[0] == times[1] and last == (times[0][1:] if axis == "echo" else times[0])
-    assert cli.main(["merge", parts[0], parts[0], "-o", str(tmp_path / "twice.nii")]) == cli.DEFECT
+    assert run("merge", parts[0], parts[0], "-o", tmp_path / "twice.nii") == cli.DEFECT
     assert not (tmp_path / "twice.nii").exists()
+    capsys.readouterr()
     last = nibabel.load(parts[0])
     nibabel.save(nibabel.Nifti1Image(last.get_fdata(), last.affine + [[0, 0, 0, 1], *[[0] * 4] * 3]), parts[0])
-    assert cli.main(["merge", *parts, "-o", str(tmp_path / "moved.nii")]) == cli.DEFECT
-    assert f"{parts[0]}: does not start where {parts[-1]} ends" in capsys.readouterr().err
+    words = f"{parts[0]}: does not start where {parts[-1]} ends"
+    refused(capsys, words, "merge", *parts, "-o", tmp_path / "moved.nii")
 
 
 @pytest.mark.parametrize("axis, field", [("repetition", "repetition"), ("echo", "contrast")])
@@ -88,122 +81,86 @@ def test_a_bad_image_in_the_middle_is_left_out_or_merged_around(tmp_path, capsys
 
     whole, broken = files("whole.h5"), files("broken.h5", 2)
     want = recon(whole, tmp_path / "whole.nii").get_fdata()
-    assert cli.main(["recon", str(broken), "-o", str(tmp_path / "no.nii")]) == cli.DEFECT
-    told = capsys.readouterr().err
-    assert told.endswith(f"--skip {axis} 2\n") and told.count("\n") == 1
+    refused(capsys, f"--skip {axis} 2\n", "recon", broken, "-o", tmp_path / "no.nii")
     others = np.delete(want, 2, -1)
     skipped = recon(broken, tmp_path / "skipped.nii", "--skip", axis, 2)
     np.testing.assert_array_equal(skipped.get_fdata(), others)
-    sidecar = json.loads((tmp_path / "skipped.json").read_text())
-    assert sidecar["Skipped"] == [{"Axis": axis, "Position": 2}]
     times = [0.002, 0.004, 0.008] if axis == "echo" else [0.002, 0.004, 0.006, 0.008]
-    assert sidecar["EchoTime"] == times
+    known = {"Skipped": [{"Axis": axis, "Position": 2}], "EchoTime": times}
+    assert known.items() <= sidecar(tmp_path / "skipped.nii").items()
     parts = [tmp_path / "a.nii", tmp_path / "b.nii"]
     recon(broken, parts[0], "--range", axis, 0, 1)
     last = recon(broken, parts[1], "--range", axis, 2, 3, "--skip", axis, 2).get_fdata()
     np.testing.assert_array_equal(last[..., 0].squeeze(), want[..., 3].squeeze())
     recon(broken, parts[1], "--range", axis, 3, 3)
-    merge = ["merge", *map(str, parts), "-o", str(tmp_path / "merged.nii")]
-    assert cli.main(merge) == cli.DEFECT
-    assert f"{axis} 2 is missing; give that part too, or leave them out with --gaps" in capsys.readouterr().err
-    assert cli.main([*merge, "--gaps"]) == 0
-    np.testing.assert_array_equal(nibabel.load(tmp_path / "merged.nii").get_fdata(), others)
-    merged = json.loads((tmp_path / "merged.json").read_text())
-    assert merged["Skipped"] == [{"Axis": axis, "Position": 2}] and merged["EchoTime"] == times
-    for words in (
-        ["--skip", axis, 4],
-        ["--skip", axis, 0, "--range", axis, 0, 0],
-        ["--range", axis, 3, 4, "--skip", axis, 2],
-    ):
-        assert cli.main(["recon", str(broken), "-o", str(tmp_path / "no.nii"), *map(str, words)]) == cli.DEFECT
-        assert capsys.readouterr().err.count("\n") == 1
+    merge = ["merge", *parts, "-o", tmp_path / "merged.nii"]
+    refused(capsys, f"{axis} 2 is missing; give that part too, or leave them out with --gaps", *merge)
+    assert run(*merge, "--gaps") == 0
+    np.testing.assert_array_equal(pixels(tmp_path / "merged.nii"), others)
+    assert known.items() <= sidecar(tmp_path / "merged.nii").items()
+    for words in ("--skip {} 4", "--skip {0} 0 --range {0} 0 0", "--range {0} 3 4 --skip {0} 2"):
+        refused(capsys, "", "recon", broken, "-o", tmp_path / "no.nii", *words.format(axis).split())
     assert not (tmp_path / "no.nii").exists()
 
 
 def test_what_cannot_be_done_is_refused_before_the_work(scan, tmp_path, capsys, monkeypatch):
-    target, folder = str(tmp_path / "i.nii"), tmp_path / "folder.nii"
+    target, folder = tmp_path / "i.nii", tmp_path / "folder.nii"
     for ending in (".nii", ".png", ".json"):
         folder.with_suffix(ending).mkdir()
-
-    def code(*arguments):
-        try:
-            return cli.main(list(map(str, arguments)))
-        except SystemExit as exit:
-            return exit.code
-
-    def one_line(*words):
-        told = capsys.readouterr().err
-        assert told.count("\n") == 1 and all(word in told for word in words), told
-
-    assert code("recon", scan, "-o", target, "--range", "slice", 1, 3) == cli.DEFECT
-    one_line("slice 0 to 2")
-    assert code("recon", scan, "-o", target, "--geometry", tmp_path / "no.coef") == cli.DEFECT
-    one_line("no.coef: No such file")
+    refused(capsys, "slice 0 to 2", "recon", scan, "-o", target, "--range", "slice", 1, 3)
+    refused(capsys, "no.coef: No such file", "recon", scan, "-o", target, "--geometry", tmp_path / "no.coef")
     for rest in ([], ["--dry-run"]):
         for where, words in ((tmp_path / "none" / "i.nii", "none: no such folder; make it"), (folder, "is a folder")):
             for names in (["-o", where], ["-o", target, "--preview", where.with_suffix(".png")]):
-                assert code("recon", scan, *names, *rest) == cli.DEFECT
-                one_line(words)
-        assert code("recon", scan, "-o", tmp_path / "folder.nii.gz", *rest) == cli.DEFECT
-        one_line("folder.json: is a folder")
+                refused(capsys, words, "recon", scan, *names, *rest)
+        refused(capsys, "folder.json: is a folder", "recon", scan, "-o", tmp_path / "folder.nii.gz", *rest)
     for ending in (".nii", ".png", ".json"):
         folder.with_suffix(ending).rmdir()
     (tmp_path / "i.json").symlink_to(scan)
-    assert code("recon", tmp_path / "i.json", "-o", target) == cli.DEFECT
-    one_line("i.json: is the raw data file")
+    refused(capsys, "i.json: is the raw data file", "recon", tmp_path / "i.json", "-o", target)
     (tmp_path / "i.json").unlink()
-    assert code("phantom", "full", "-o", tmp_path / "none" / "p.h5") == cli.DEFECT
-    one_line("none: no such folder; make it")
-    assert code("merge", target, "-o", target) == cli.DEFECT
-    one_line("is missing")
+    refused(capsys, "none: no such folder; make it", "phantom", "full", "-o", tmp_path / "none" / "p.h5")
+    refused(capsys, "is missing", "merge", target, "-o", target)
     for wrong in (["recon", scan], ["recon", scan, "-o", "i.png"], ["recon", scan, "-o", target, "--preview", "i.gif"],
                   ["recon", scan, "-o", target, "--ringing", 2],
                   ["recon", scan, "-o", target, "--range", "x", 0, 1],
                   ["recon", scan, "-o", target, "--skip", "slice", -1], ["phantom", "cube"], [],
                   ["phantom", "full", "-o", target], ["recon", scan, "-o", target, "--scheduler", "node1"]):  # fmt: skip
-        assert code(*wrong) == cli.USAGE
-        one_line("; see ctessel")
-    assert code("recon", scan, "-o", target, "--regularize", 1) == cli.USAGE
-    one_line("ctessel recon: unknown argument --regularize (did you mean --regularise?); see ctessel recon --help")
+        refused(capsys, "; see ctessel", *wrong, code=cli.USAGE)
+    words = "ctessel recon: unknown argument --regularize (did you mean --regularise?); see ctessel recon --help"
+    refused(capsys, words, "recon", scan, "-o", target, "--regularize", 1, code=cli.USAGE)
     most = resource.getrlimit(resource.RLIMIT_FSIZE)
     for where in ([], ["--scratch", tmp_path]):
         resource.setrlimit(resource.RLIMIT_FSIZE, (65536, most[1]))  # as little as a full disk takes
         try:
-            assert code("recon", scan, "-o", target, *where) == cli.DEFECT
+            refused(capsys, f"ctessel: {tmp_path}: File too large", "recon", scan, "-o", target, *where)
         finally:
             resource.setrlimit(resource.RLIMIT_FSIZE, most)
-        one_line(f"ctessel: {tmp_path}: File too large")
     monkeypatch.setattr(runtime, "available", lambda: 1_000_000)
-    assert code("recon", scan, "-o", target) == cli.MEMORY
-    one_line("needs", "1 MB are free", "--scratch", "--range repetition 0 1")
-    assert code("phantom", "full", "-o", tmp_path / "p.h5") == cli.MEMORY
-    one_line("the phantom needs", "smaller size")
-    assert code("recon", scan, "-o", target, "--dry-run", "--combine", "phase") == 0
+    told = refused(capsys, "needs", "recon", scan, "-o", target, code=cli.MEMORY)
+    assert all(words in told for words in ("1 MB are free", "--scratch", "--range repetition 0 1"))
+    told = refused(capsys, "the phantom needs", "phantom", "full", "-o", tmp_path / "p.h5", code=cli.MEMORY)
+    assert "smaller size" in told
+    assert run("recon", scan, "-o", target, "--dry-run", "--combine", "phase") == 0
     told = capsys.readouterr().out
     assert "SENSE" in told and "_phase.json" in told
     monkeypatch.delattr("ctessel._raw")
     monkeypatch.setitem(sys.modules, "ctessel._raw", None)
-    assert code("info", scan) == cli.DEFECT
-    one_line("apt-get install libismrmrd-dev")
+    refused(capsys, "apt-get install libismrmrd-dev", "info", scan)
     assert not list(tmp_path.iterdir())
 
 
 def test_what_makes_another_image_than_expected_is_told(tmp_path, capsys):
-    lines, target = foreign.records(foreign.image(32, 16)), str(tmp_path / "i.nii")
+    lines = foreign.records(foreign.image(32, 16))
     file = foreign.write(tmp_path / "twice.h5", [*lines, *lines[3:5]], foreign.header(32, 16))
-    assert cli.main(["recon", str(file), "-o", target]) == 0
+    recon(file, tmp_path / "i.nii")
     told = capsys.readouterr().err
     assert told.startswith("ctessel: warning: 2 of 16 lines were not measured 1 time like the others, but 2 times")
-    assert json.loads((tmp_path / "i.json").read_text())["Warnings"] == [told[len("ctessel: warning: ") : -1]]
-    huge = foreign.records(np.full((2, 16, 32), 1e38, np.complex64))
-    file = foreign.write(tmp_path / "huge.h5", huge, foreign.header(32, 16))
-    assert cli.main(["recon", str(file), "-o", str(tmp_path / "huge.nii")]) == cli.DEFECT
-    assert "acquisition 0 holds values that are not finite or above 1e15; " in capsys.readouterr().err
-    assert not (tmp_path / "huge.nii").exists()
+    assert sidecar(tmp_path / "i.nii")["Warnings"] == [told[len("ctessel: warning: ") : -1]]
 
 
 def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
-    assert cli.main(["info", str(scan)]) == 0
+    assert run("info", scan) == 0
     told = " ".join(capsys.readouterr().out.split())
     for words in ("coils 4", "slices 3", "repetitions 4", "noise scan 2048 samples", "spacing 5 mm", "TR 500 ms",
                   "SENSE: R = 2 along y", "lines 36 of 48"):  # fmt: skip
@@ -213,26 +170,21 @@ def test_info_tells_what_is_in_a_file_and_what_would_be_done(scan, capsys):
 def test_names_that_are_no_text_work(scan, tmp_path):
     name = os.fsdecode(b"\xff\n.h5")
     (tmp_path / name).write_bytes(scan.read_bytes())
-    command = [sys.executable, "-m", "ctessel"]
-    for words in (
-        ["info", name],
-        ["recon", name, "-o", f"{name}.nii"],
-        ["recon", name, "-o", f"{name}.nii", "--dry-run"],
-    ):
-        run = subprocess.run([*command, *words], cwd=tmp_path, capture_output=True)
-        assert (run.returncode, run.stderr) == (0, b"")
+    reconstruct = ["recon", name, "-o", f"{name}.nii"]
+    for words in (["info", name], reconstruct, [*reconstruct, "--dry-run"]):
+        done = subprocess.run([sys.executable, "-m", "ctessel", *words], cwd=tmp_path, capture_output=True)
+        assert (done.returncode, done.stderr) == (0, b"")
     assert json.loads((tmp_path / f"{name}.json").read_text())["Sources"] == ["\ufffd\n.h5"]
 
 
 def test_kinds_of_phantoms_are_described(capsys, monkeypatch):
     assert list(cli.PHANTOM_KINDS) == list(phantom.KINDS)
-    assert cli.main(["phantom", "list"]) == 0
+    assert run("phantom", "list") == 0
     assert capsys.readouterr().out.split("\n") == [*phantom.KINDS, ""]  # one name a line, for scripts
     monkeypatch.setattr(sys.stdout, "isatty", lambda: True)
-    assert cli.main(["phantom", "list"]) == 0
+    assert run("phantom", "list") == 0
     described = capsys.readouterr().out
-    with pytest.raises(SystemExit):
-        cli.main(["phantom", "--help"])
+    assert run("phantom", "--help") == 0
     assert "echoes           3 echoes\n" in described and described.rstrip() in capsys.readouterr().out
 
 
@@ -256,9 +208,9 @@ def test_missing_packages_are_named_together_with_the_command_that_fits(monkeypa
 
 def test_readers_may_stop_reading(scan):
     for words in (f"info {scan}", "phantom list"):
-        run = subprocess.run(f"{sys.executable} -m ctessel {words} | true; exit ${{PIPESTATUS[0]}}", shell=True,
-                             executable="/bin/bash", stderr=subprocess.PIPE)  # fmt: skip
-        assert (run.returncode, run.stderr) == (0, b"")
+        script = f"{sys.executable} -m ctessel {words} | true; exit ${{PIPESTATUS[0]}}"
+        done = subprocess.run(["bash", "-c", script], stderr=subprocess.PIPE)
+        assert (done.returncode, done.stderr) == (0, b"")
 
 
 # Writing stops half-way, and says so.
@@ -277,22 +229,22 @@ sys.exit(cli.main(sys.argv[1:]))
 
 def half_written(scan, folder):
     """A run that has begun to write its image."""
-    command = [sys.executable, "-c", HALF, "recon", str(scan), "-o", str(folder / "i.nii")]
-    run = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    assert run.stdout.readline() == "half\n"
-    return run
+    command = [sys.executable, "-c", HALF, "recon", scan, "-o", folder / "i.nii"]
+    begun = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    assert begun.stdout.readline() == "half\n"
+    return begun
 
 
 @pytest.mark.parametrize("number, code", [(signal.SIGINT, 130), (signal.SIGTERM, 143)])
 def test_cancel_leaves_nothing(scan, tmp_path, number, code):
     (tmp_path / "i.nii").write_text("older")
-    run = half_written(scan, tmp_path)
+    begun = half_written(scan, tmp_path)
     assert len(list(tmp_path.iterdir())) == 2
     before = time.monotonic()
     for _ in range(3):  # as the impatient do
-        run.send_signal(number)
-    told = run.communicate()[1]
-    assert (run.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
+        begun.send_signal(number)
+    told = begun.communicate()[1]
+    assert (begun.returncode, told.strip()) == (code, "ctessel: cancelled, nothing was written")
     assert time.monotonic() - before < 5
     assert [p.name for p in tmp_path.iterdir()] == ["i.nii"]
     assert (tmp_path / "i.nii").read_text() == "older"
@@ -314,13 +266,12 @@ HOLD = "import sys, time; from ctessel import files\nwith files.folder(sys.argv[
 
 
 def test_folders_for_samples_of_killed_runs_go_and_those_in_use_stay(tmp_path):
-    command = [sys.executable, "-c", HOLD, str(tmp_path)]
-    run = subprocess.Popen(command, stdout=subprocess.PIPE)
-    assert run.stdout.readline() == b"\n"
+    other = subprocess.Popen([sys.executable, "-c", HOLD, tmp_path], stdout=subprocess.PIPE)
+    assert other.stdout.readline() == b"\n"
     with files.folder(tmp_path) as first:
         assert len(list(tmp_path.iterdir())) == 2
-        run.kill()
-        run.communicate()
+        other.kill()
+        other.communicate()
         with files.folder(tmp_path) as second:
             assert set(tmp_path.iterdir()) == {first.parent, second.parent}
     assert not list(tmp_path.iterdir())
@@ -382,7 +333,7 @@ def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):
         pty, side = os.openpty()
     except OSError:
         pytest.skip("no terminals here")
-    command = [sys.executable, "-m", "ctessel", "recon", str(scan), "-o", str(tmp_path / "i.nii")]
+    command = [sys.executable, "-m", "ctessel", "recon", scan, "-o", tmp_path / "i.nii"]
     subprocess.run(command, stderr=side, check=True)
     os.close(side)
     told = os.read(pty, 1 << 16).decode()
@@ -394,10 +345,10 @@ def test_progress_shows_the_time_left_on_a_terminal(scan, tmp_path):
 def test_an_option_that_cannot_help_or_that_harms_is_said(tmp_path):
     phantom.write(full := tmp_path / "full.h5", "full", size=32, coils=2)
     recon(full, tmp_path / "i.nii", "--regularise", 1, "--pad", 32, 24, 1)
-    told = json.loads((tmp_path / "i.json").read_text())
+    told = sidecar(tmp_path / "i.nii")
     assert told["Parameters"]["options"]["regularisation"] == 0
     unused, coarse = sorted(told["Warnings"], reverse=True)
     assert "strength 1 is not used" in unused
     assert "along y the image has 0.75 of the resolution that was measured; 32 voxels keep it" in coarse
     recon(full, tmp_path / "i.nii", "--pad", 64, 32, 1)
-    assert "Warnings" not in json.loads((tmp_path / "i.json").read_text())
+    assert "Warnings" not in sidecar(tmp_path / "i.nii")

@@ -7,17 +7,9 @@ from conftest import layouts, random_complex, same_bits
 import ctessel
 
 
-@pytest.mark.parametrize(
-    "shape, axis",
-    [
-        ((7,), 0),
-        ((5, 4), 1),
-        ((5, 4, 3, 6), 3),
-        ((5, 4, 3, 6), 0),
-        ((3, 2, 2, 4, 3), -2),
-        ((65, 47, 11, 7), 3),
-    ],
-)
+@pytest.mark.parametrize("shape, axis", [
+    ((7,), 0), ((5, 4), 1), ((5, 4, 3, 6), 3), ((5, 4, 3, 6), 0), ((3, 2, 2, 4, 3), -2), ((65, 47, 11, 7), 3),
+])  # fmt: skip
 def test_sos_is_the_root_of_the_summed_squares(shape, axis):
     data = random_complex(shape)
     want = np.sqrt((np.abs(data.astype(complex)) ** 2).sum(axis))

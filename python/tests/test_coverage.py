@@ -1,13 +1,12 @@
 """Lines that were measured against those that a scan should have: lattices, lost lines, warnings."""
 
-import json
 import re
 from dataclasses import replace
 
 import foreign
-import nibabel
 import numpy as np
 import pytest
+from command import recon, refused, run, sidecar
 from conftest import random_complex
 from scans import lines, scan, shifted
 
@@ -71,10 +70,9 @@ SHIFTED = [
 ]
 
 
-@pytest.mark.parametrize("shape, step_y, step_z, shift, offset, stated, steps, shifts", SHIFTED)
-def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(
-    shape, step_y, step_z, shift, offset, stated, steps, shifts
-):
+@pytest.mark.parametrize("lattice", SHIFTED)
+def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(lattice):
+    shape, step_y, step_z, shift, offset, stated, steps, shifts = lattice
     mask = shifted(shape, step_y, step_z, shift, offset)
     lost = np.argwhere(mask & (np.indices(shape)[0] % 17 == 5))[:2]
     y, z = np.ogrid[: shape[0], : shape[1]]
@@ -86,11 +84,9 @@ def test_a_shifted_lattice_is_found_and_folds_to_whole_voxels(
         assert tuple(lattice.step for lattice in lattices) == steps
         assert tuple(lattice.shift for lattice in lattices) == shifts
     full = [lattice.full for lattice in lattices]
-    image = random_complex((2, *full, 3), 1)
-    image = pipeline.to_image(
-        pipeline.resize(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), (2, *full)), (1, 2)
-    )
-    folded = pipeline.folded_image(pipeline.resize(pipeline.to_kspace(image, (1, 2)), (2, *shape)), lattices)
+    kspace = pipeline.resize(pipeline.to_kspace(random_complex((2, *full, 3), 1), (1, 2)), (2, *shape))
+    image = pipeline.to_image(pipeline.resize(kspace, (2, *full)), (1, 2))
+    folded = pipeline.folded_image(kspace, lattices)
     y, z = np.ogrid[: full[0], : full[1]]  # lattices that miss k = 0 leave a phase
     turns = [(at - n // 2) * lattice.offset / n for at, n, lattice in zip((y, z), full, lattices)]
     image = image * np.exp(-2j * np.pi * (turns[0] + turns[1]))[..., None]
@@ -189,58 +185,52 @@ def test_slices_with_other_lines_are_refused():
         pipeline.plan(some)
 
 
-def brain_file(path, brain, kept, **places):
-    kspace = brain[:, :, 0].transpose(2, 1, 0)  # coil, y, x
-    ready = [foreign.record(1e7 * kspace[:, y], y, **places) for y in kept]
-    return foreign.write(path, ready, foreign.header(*brain.shape[:2]))
+def levelled(brain):
+    """One slice as (coil, y, x), of the size of a scanner's numbers."""
+    return 1e7 * brain[:, :, 0].transpose(2, 1, 0)
 
 
 @pytest.mark.parametrize("lost", [[4], [30, 31]])
 def test_a_lost_line_of_a_measured_head_costs_a_line(tmp_path, measured, capsys, lost):
     """Magnitudes differ by no more than what the lines hold: transforms are unitary."""
-    brain, images = measured("brain16_ksp"), []
+    kspace, images = levelled(measured("brain16_ksp")), []
     for name, gone in (("whole", []), ("lost", lost)):
-        file = brain_file(tmp_path / f"{name}.h5", brain, [y for y in range(128) if y not in gone])
-        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii"]) == 0
-        images.append(nibabel.load(tmp_path / f"{name}.nii").get_fdata())
+        kept = [foreign.record(kspace[:, y], y) for y in range(128) if y not in gone]
+        file = foreign.write(tmp_path / f"{name}.h5", kept, foreign.header(128, 128))
+        images.append(recon(file, tmp_path / f"{name}.nii").get_fdata())
     whole, other = images
-    assert 0 < np.linalg.norm(other - whole) <= 1.001 * np.linalg.norm(1e7 * brain[:, lost])
+    assert 0 < np.linalg.norm(other - whole) <= 1.001 * np.linalg.norm(kspace[:, lost])
     told = capsys.readouterr().err.splitlines()
     assert len(told) == 1 and told[0].startswith("ctessel: warning: ")
     assert all(f"ky {y - 64}" in told[0] for y in lost)
-    assert json.loads((tmp_path / "lost.json").read_text())["Warnings"] == [told[0][len("ctessel: warning: ") :]]
-    assert "Warnings" not in json.loads((tmp_path / "whole.json").read_text())
-    strict = ["recon", f"{tmp_path}/lost.h5", "-o", f"{tmp_path}/strict.nii", "--strict"]
+    assert sidecar(tmp_path / "lost.nii")["Warnings"] == [told[0][len("ctessel: warning: ") :]]
+    assert "Warnings" not in sidecar(tmp_path / "whole.nii")
     for more in ([], ["--dry-run"]):
-        assert cli.main(strict + more) == cli.DEFECT
+        assert run("recon", file, "-o", tmp_path / "strict.nii", "--strict", *more) == cli.DEFECT
         warning, end = capsys.readouterr().err.splitlines()
         assert warning == told[0] and "--strict" in end
     assert not list(tmp_path.glob("strict*"))
 
 
 def test_a_full_first_frame_calibrates_the_frames_after_it(tmp_path, measured):
-    brain = measured("brain16_ksp")
-    kspace = 1e7 * brain[:, :, 0].transpose(2, 1, 0)
-    ready = [foreign.record(kspace[:, y], y) for y in range(128)]
+    kspace = levelled(measured("brain16_ksp"))
+    ready = foreign.records(kspace)
     ready += [foreign.record(kspace[:, y], y, repetition=1) for y in range(0, 128, 2)]
     file = foreign.write(tmp_path / "mixed.h5", ready, foreign.header(128, 128))
-    assert cli.main(["recon", str(file), "-o", f"{tmp_path}/i.nii"]) == 0
-    full, half = np.moveaxis(nibabel.load(tmp_path / "i.nii").get_fdata()[:, :, 0], -1, 0)
+    full, half = np.moveaxis(recon(file, tmp_path / "i.nii").get_fdata()[:, :, 0], -1, 0)
     head = full > 0.1 * np.percentile(full, 99.5)
     assert np.linalg.norm((half - full)[head]) < 0.05 * np.linalg.norm(full[head])
 
 
 def test_info_and_recon_agree_on_a_line_of_a_wrong_repetition(tmp_path, capsys):
-    ready = [
-        foreign.record(line, y, repetition=9 * (y == 3)) for y, line in enumerate(foreign.image(32, 16).swapaxes(0, 1))
-    ]
-    file = str(foreign.write(tmp_path / "stray.h5", ready, foreign.header(32, 16)))
-    assert cli.main(["info", file]) == 0
+    kspace = foreign.image(32, 16)
+    ready = [foreign.record(kspace[:, y], y, repetition=9 * (y == 3)) for y in range(16)]
+    file = foreign.write(tmp_path / "stray.h5", ready, foreign.header(32, 16))
+    assert run("info", file) == 0
     words = "repetition 1 has 1 line, others 15; leave it out with --range repetition 0 0"
     assert words in capsys.readouterr().out
-    assert cli.main(["recon", file, "-o", f"{tmp_path}/i.nii"]) == cli.DEFECT
-    assert words in capsys.readouterr().err
-    assert cli.main(["recon", file, "-o", f"{tmp_path}/i.nii", "--range", "repetition", "0", "0"]) == 0
+    refused(capsys, words, "recon", file, "-o", tmp_path / "i.nii")
+    recon(file, tmp_path / "i.nii", "--range", "repetition", 0, 0)
     assert "1 line was lost and zero-filled: ky -5" in capsys.readouterr().err
 
 
@@ -250,10 +240,8 @@ CALIBRATION_AND_IMAGING = 1 << 20
 def partial_file(path, kspace, first, centre, flagged=()):
     """Lines from `first` (counted from k = 0) on, numbered from 0; `centre` is what the header says."""
     n = kspace.shape[1]
-    kept = range(n // 2 + first, n)
-    ready = [
-        foreign.record(kspace[:, y], y - kept[0], flags=CALIBRATION_AND_IMAGING * (y - n // 2 in flagged)) for y in kept
-    ]
+    kept, flags = range(n // 2 + first, n), {y + n // 2: CALIBRATION_AND_IMAGING for y in flagged}
+    ready = [foreign.record(kspace[:, y], y - kept[0], flags=flags.get(y, 0)) for y in kept]
     text = foreign.header(kspace.shape[2], n)
     text = text.replace(f"<center>{n // 2}</center>", f"<center>{centre}</center>")
     return foreign.write(path, ready, text)
@@ -262,22 +250,13 @@ def partial_file(path, kspace, first, centre, flagged=()):
 @pytest.mark.parametrize("flagged", [range(-8, 8), ()])
 def test_a_wrong_centre_is_seen_in_the_samples(tmp_path, measured, capsys, flagged):
     """The middle of the measured lines in place of k = 0 makes a partial scan look complete."""
-    kspace = 1e7 * measured("brain16_ksp")[:, :, 0].transpose(2, 1, 0)
-    images = []
+    kspace, images = levelled(measured("brain16_ksp")), []
     for name, centre in (("right", 20), ("wrong", 42)):
         file = partial_file(tmp_path / f"{name}.h5", kspace, -20, centre, flagged)
-        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii", "--no-homodyne"]) == 0
-        images.append(nibabel.load(tmp_path / f"{name}.nii").get_fdata())
-        told = capsys.readouterr().err.splitlines()
-        assert told == (
-            []
-            if name == "right"
-            else [
-                "ctessel: warning: k = 0 along y is line 20 by the energy of k-space, but line 42 by the header; "
-                "line 20 is used"
-            ]
-        )
-    steps = json.loads((tmp_path / "wrong.json").read_text())["Steps"]
+        images.append(recon(file, tmp_path / f"{name}.nii", "--no-homodyne").get_fdata())
+        words = "k = 0 along y is line 20 by the energy of k-space, but line 42 by the header; line 20 is used"
+        assert capsys.readouterr().err == ("" if name == "right" else f"ctessel: warning: {words}\n")
+    steps = sidecar(tmp_path / "wrong.nii")["Steps"]
     assert any("partial Fourier along y, lines -20 to 63" in step for step in steps)
     np.testing.assert_allclose(*images, atol=1e-4 * images[0].max())
 
@@ -286,6 +265,5 @@ def test_a_wrong_centre_is_seen_in_the_samples(tmp_path, measured, capsys, flagg
 def test_measured_scans_keep_the_centre_of_their_header(tmp_path, measured, capsys, name):
     kspace = measured(name)[:, :, 0].transpose(2, 1, 0)
     for first in (-kspace.shape[1] // 2, -20):
-        file = partial_file(tmp_path / "p.h5", kspace, first, -first)
-        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/i.nii"]) == 0
+        recon(partial_file(tmp_path / "p.h5", kspace, first, -first), tmp_path / "i.nii")
         assert capsys.readouterr().err == ""

@@ -6,19 +6,19 @@ import subprocess
 import sys
 from pathlib import Path
 
+import dask.array as da
+import distributed
+import nibabel
 import numpy as np
 import pytest
+from command import recon, run
 from conftest import random_complex, same_bits
+from processes import memory
 from scans import lines, scan
 
-import ctessel
-from ctessel import pipeline
+import ctessel.dask
+from ctessel import phantom, pipeline
 from ctessel.pipeline import Options
-
-da = pytest.importorskip("dask.array")
-pytest.importorskip("distributed")
-
-import ctessel.dask  # noqa: E402
 
 
 @pytest.fixture(scope="module")
@@ -34,22 +34,12 @@ PSI = np.diag(np.float32([1, 2, 3, 4])).astype(np.complex64)
 RANGES = (None, (-1, 3), None)
 
 
-@pytest.mark.parametrize(
-    "name, arguments, keywords",
-    [
-        ("fftshift", (), {}),
-        ("ifftshift", ([3, -1],), {}),
-        ("zero_pad", ((13, 9),), {}),
-        ("ringing_filter", (0.5,), {"width": [8, 8, 4]}),
-        ("sos", (), {}),
-        ("sos", (0,), {}),
-        ("pcsos", (), {}),
-        ("homodyne_recon", (RANGES,), {}),
-        ("homodyne_recon", (RANGES,), {"field": (6, 8, 6)}),
-        ("whiten", (PSI,), {}),
-        ("sense_recon", (SENS,), {"psi": PSI}),
-    ],
-)
+@pytest.mark.parametrize("name, arguments, keywords", [
+    ("fftshift", (), {}), ("ifftshift", ([3, -1],), {}), ("zero_pad", ((13, 9),), {}),
+    ("ringing_filter", (0.5,), {"width": [8, 8, 4]}), ("sos", (), {}), ("sos", (0,), {}), ("pcsos", (), {}),
+    ("homodyne_recon", (RANGES,), {}), ("homodyne_recon", (RANGES,), {"field": (6, 8, 6)}),
+    ("whiten", (PSI,), {}), ("sense_recon", (SENS,), {"psi": PSI}),
+])  # fmt: skip
 def test_chunks_have_the_bits_of_one_call(name, arguments, keywords):
     single = getattr(ctessel, name, None) or getattr(pipeline, name)
     chunked = getattr(ctessel.dask, name)(da.from_array(DATA, chunks=CHUNKS), *arguments, **keywords)
@@ -118,50 +108,34 @@ def test_nothing_is_lost_with_a_worker(client, tmp_path, monkeypatch):
         list(ctessel.dask.run_tasks(client, deadly, [(0, (3, str(tmp_path), blocks[0]))]))
 
 
-def held():
-    """Largest resident memory of this process so far, in bytes."""
-    with open("/proc/self/status") as status:
-        return next(int(line.split()[1]) for line in status if line.startswith("VmHWM")) * 1024
-
-
 def test_memory_of_workers_does_not_grow_with_the_scan(client):
     _, first = scan((192, 192, 1), 8, slices=24)
     plan = pipeline.plan(first)
     part = pipeline.select(plan, "slice", 0, 1)
     pipeline.reconstruct(first, client=client, plan=part)  # workers import what they need
     client.run(lambda: open("/proc/self/clear_refs", "w").write("5"))
-    before = max(client.run(held).values())
+    before = max(client.run(memory, "VmHWM").values())
     pipeline.reconstruct(first, client=client)
     block = plan.memory() - plan.memory(workers=0)
-    assert max(client.run(held).values()) - before < block + (8 << 20)
+    assert max(client.run(memory, "VmHWM").values()) - before < block + (8 << 20)
 
 
-def test_a_scheduler_without_workers_is_one_line():
-    from distributed import LocalCluster
-
-    with LocalCluster(n_workers=0, processes=False, dashboard_address=None) as cluster:
-        with pytest.raises(ConnectionError, match=r"has no workers; start one with 'python3 -m .* (tcp|inproc)://"):
-            with ctessel.dask.connect(scheduler=cluster.scheduler_address, patience=0.3):
-                pass
-
-
-def test_no_scheduler_is_one_line():
-    with pytest.raises(ConnectionError, match="no Dask scheduler answers at tcp://127.0.0.1:1"):
-        with ctessel.dask.connect(scheduler="tcp://127.0.0.1:1", patience=0.2):
-            pass
+def test_no_scheduler_and_one_without_workers_are_one_line():
+    with distributed.LocalCluster(n_workers=0, processes=False, dashboard_address=None) as cluster:
+        for scheduler, words in (
+            (cluster.scheduler_address, r"has no workers; start one with 'python3 -m .* (tcp|inproc)://"),
+            ("tcp://127.0.0.1:1", "no Dask scheduler answers at tcp://127.0.0.1:1"),
+        ):
+            with pytest.raises(ConnectionError, match=words):
+                ctessel.dask.connect(scheduler=scheduler, patience=0.3).__enter__()
     with ctessel.dask.connect() as nothing:
         assert nothing is None
 
 
 def test_array_of_batch_jobs_makes_the_image_of_one_run(tmp_path):
-    nibabel = pytest.importorskip("nibabel")
-    pytest.importorskip("ctessel._raw")
-    from ctessel import cli, phantom
-
     kind = {"size": 48, "coils": 4, "slices": 2, "repetitions": 2, "noise": 0.02}
     phantom.write(tmp_path / "raw.h5", "undersampled", **kind)
-    whole = f"recon {tmp_path}/raw.h5 -o {tmp_path}/whole.nii.gz --ringing 0.3"
-    assert cli.main(whole.split()) == 0
+    want = recon(tmp_path / "raw.h5", tmp_path / "whole.nii.gz", "--ringing", 0.3)
     command = tmp_path / "ctessel"  # the module that is tested, under the command's name
     command.write_text(f'#!/bin/sh\nexec {sys.executable} -m ctessel "$@"\n')
     command.chmod(0o755)
@@ -173,12 +147,10 @@ def test_array_of_batch_jobs_makes_the_image_of_one_run(tmp_path):
     }  # fmt: skip
     for task in range(1, 4):  # three tasks that count from 1, for two repetitions: one has none
         env = {**os.environ, **job, "SLURM_ARRAY_TASK_ID": str(task)}
-        run = ["bash", script, "raw.h5", "image.nii.gz", "2"]
-        subprocess.run(run, cwd=tmp_path, env=env, check=True)
-    parts = sorted(map(str, tmp_path.glob("image.part-*.nii.gz")))
-    assert len(parts) == 2
-    assert cli.main(["merge", *parts, "-o", str(tmp_path / "image.nii.gz")]) == 0
-    got, want = (nibabel.load(tmp_path / f"{name}.nii.gz") for name in ("image", "whole"))
+        subprocess.run(["bash", script, "raw.h5", "image.nii.gz", "2"], cwd=tmp_path, env=env, check=True)
+    parts = sorted(tmp_path.glob("image.part-*.nii.gz"))
+    assert len(parts) == 2 and run("merge", *parts, "-o", tmp_path / "image.nii.gz") == 0
+    got = nibabel.load(tmp_path / "image.nii.gz")
     assert got.shape == want.shape == (48, 48, 2, 2)
     np.testing.assert_array_equal(got.get_fdata(), want.get_fdata())
     np.testing.assert_array_equal(got.affine, want.affine)

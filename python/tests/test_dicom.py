@@ -3,19 +3,17 @@
 import json
 import shutil
 import subprocess
+import sys
 
 import foreign
 import nibabel
 import numpy as np
 import pytest
+from command import recon, refused, run
 
-from ctessel import cli, phantom, runtime
+from ctessel import phantom, runtime
 
 pydicom = pytest.importorskip("pydicom", reason="needs python3-pydicom")
-
-
-def recon(scan, *options):
-    return cli.main(["recon", str(scan), *map(str, options)])
 
 
 def program(name, package):
@@ -31,8 +29,8 @@ def program(name, package):
 def test_images_come_back_with_the_same_place_and_pixels(tmp_path, kind, changes):
     program("dcm2niix", "dcm2niix")
     phantom.write(scan := tmp_path / "s.h5", kind, **{"size": 32, "coils": 2, **changes})
-    assert recon(scan, "-o", tmp_path / "i.nii", "--combine", "phase") == 0
-    assert recon(scan, "-o", tmp_path / "dicom", "--dicom", "--combine", "phase") == 0
+    recon(scan, tmp_path / "i.nii", "--combine", "phase")
+    assert run("recon", scan, "-o", tmp_path / "dicom", "--dicom", "--combine", "phase") == 0
     files = [pydicom.dcmread(file) for file in (tmp_path / "dicom").iterdir()]
     assert {made.AcquisitionNumber for made in files} == set(range(1, 1 + changes.get("repetitions", 1)))
     (back := tmp_path / "back").mkdir()
@@ -59,7 +57,7 @@ def test_the_standards_checker_finds_no_error(tmp_path):
         "<acquisitionSystemInformation><systemVendor>any</systemVendor></acquisitionSystemInformation>"
         "<experimentalConditions>")  # fmt: skip
     scan = foreign.write(tmp_path / "s.h5", lines, text)
-    assert recon(scan, "-o", tmp_path / "out", "--dicom", "--combine", "phase") == 0
+    assert run("recon", scan, "-o", tmp_path / "out", "--dicom", "--combine", "phase") == 0
     for part in ("magnitude", "phase"):
         file = tmp_path / "out" / f"{part}_00001.dcm"
         told = subprocess.run(["dciodvfy", file], capture_output=True, text=True).stderr
@@ -74,10 +72,7 @@ def test_folders_of_other_images_are_refused(tmp_path, capsys, monkeypatch):
     (out / "older.dcm").write_text("")
     (tmp_path / "file").write_text("")
     for where, words in ((out, "name a new folder"), (tmp_path / "file", "cannot be written to")):
-        assert recon(scan, "-o", where, "--dicom") == cli.DEFECT
-        told = capsys.readouterr().err
-        assert words in told and told.count("\n") == 1
-    monkeypatch.setitem(__import__("sys").modules, "pydicom", None)
-    assert recon(scan, "-o", tmp_path / "new", "--dicom") == cli.DEFECT
-    assert runtime.installing("pydicom") in capsys.readouterr().err
+        refused(capsys, words, "recon", scan, "-o", where, "--dicom")
+    monkeypatch.setitem(sys.modules, "pydicom", None)
+    refused(capsys, runtime.installing("pydicom"), "recon", scan, "-o", tmp_path / "new", "--dicom")
     assert not (tmp_path / "new").exists()

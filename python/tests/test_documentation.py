@@ -55,16 +55,10 @@ def test_a_users_script_passes_strict_types(tmp_path):
     mypy = shutil.which("mypy")
     if not mypy:
         pytest.skip("mypy is not installed")
-    script = tmp_path / "user.py"
-    script.write_text(USER)
+    (tmp_path / "user.py").write_text(USER)
     package = str(Path(ctessel.__file__).parents[1])
     # mypy finds what is installed by itself, and refuses to be told of it.
     path = {} if package in site.getsitepackages() else {"MYPYPATH": package}
-    run = subprocess.run(
-        [mypy, "--strict", "--python-executable", sys.executable, "--follow-imports=silent", str(script)],
-        capture_output=True,
-        text=True,
-        env={"PATH": "/usr/bin:/bin", **path},
-        cwd=tmp_path,
-    )
+    check = [mypy, "--strict", "--python-executable", sys.executable, "--follow-imports=silent", "user.py"]
+    run = subprocess.run(check, capture_output=True, text=True, env={"PATH": "/usr/bin:/bin", **path}, cwd=tmp_path)
     assert run.returncode == 0, run.stdout + run.stderr

@@ -1,28 +1,25 @@
 """Sensitivity maps from calibration lines."""
 
-import json
 from functools import partial
 
-import nibabel
 import numpy as np
 import pytest
+from command import pixels, recon, refused, sidecar
 from conftest import layouts, random_complex, same_bits
 from scans import error, known, lines, scan, shifted
 
 import ctessel
 import ctessel.maps
-from ctessel import cli, noise as noise_maps, noise_images, phantom, pipeline
+from ctessel import noise as noise_maps, noise_images, phantom, pipeline
 
 
 def test_maps_of_a_head_span_what_another_program_finds(measured):
     """`brain16_sens` comes from BART's ecalib on the same lines."""
     kspace, theirs = measured("brain16_ksp"), measured("brain16_sens")
-    image = ctessel.sos(ctessel.fftshift(np.fft.ifft2(ctessel.ifftshift(kspace, (0, 1)), axes=(0, 1))
-                                         .astype(np.complex64), (0, 1)))  # fmt: skip
+    image = ctessel.sos(ctessel.to_image(kspace))
     inside = image > 0.1 * np.percentile(image, 99.5)
-    ours, eigenvalue = ctessel.espirit(
-        np.asfortranarray(kspace[52:76, 52:76]), size=kspace.shape[:3], crop=0, eigenvalue=True
-    )
+    near = np.asfortranarray(kspace[52:76, 52:76])
+    ours, eigenvalue = ctessel.espirit(near, size=kspace.shape[:3], crop=0, eigenvalue=True)
     together = np.abs((ours.conj() * theirs).sum(3))[inside]
     assert np.median(together) >= 0.999 and np.percentile(together, 1) >= 0.99
     assert np.median(eigenvalue[inside]) > 0.99
@@ -35,36 +32,31 @@ def test_arguments_and_layouts():
     for _, a in layouts(lines):
         same_bits(ctessel.espirit(a, size=(12, 14, 1), kernel=4, crop=0, threads=3), want)
     for match, changes in {
-        "size: expected 3 values": {"size": (4, 4)},
-        "kernel": {"kernel": 0},
-        "threshold": {"threshold": 1.5},
-        "crop": {"crop": -1},
-        "calibration": {"calibration": lines[0]},
+        "size: expected 3 values": {"size": (4, 4)}, "kernel": {"kernel": 0}, "threshold": {"threshold": 1.5},
+        "crop": {"crop": -1}, "calibration": {"calibration": lines[0]},
         "finite": {"calibration": np.full((8, 8, 1, 2), np.nan, np.complex64)},
-    }.items():
+    }.items():  # fmt: skip
         with pytest.raises(ValueError, match=match):
             ctessel.espirit(**{"calibration": lines, "size": (8, 8, 1)} | changes)
 
 
 def test_sensitivities_go_to_files_and_come_back(tmp_path, capsys):
     """The same image from them; what they leave of the calibration is told."""
-    raw, images = tmp_path / "raw.h5", [tmp_path / f"{name}.nii" for name in "abc"]
+    raw, own, given, part = (tmp_path / name for name in ("raw.h5", "own.nii", "given.nii", "part.nii"))
     phantom.write(raw, "noise", size=48, slices=2)
     for name in ("maps.cfl", "maps.nii.gz"):
-        assert cli.main(["recon", f"{raw}", "-o", f"{images[0]}", "--save-maps", f"{tmp_path / name}"]) == 0
-        assert cli.main(["recon", f"{raw}", "-o", f"{images[1]}", "--maps", f"{tmp_path / name}"]) == 0
-        assert images[0].read_bytes() == images[1].read_bytes()
-    part = ["recon", f"{raw}", "-o", f"{images[2]}", "--maps", f"{tmp_path / 'maps.cfl'}", "--range", "slice", "1", "1"]
-    assert cli.main(part) == 0  # the maps of all slices serve
-    whole, last = (nibabel.load(images[at]).get_fdata() for at in (0, 2))
-    np.testing.assert_array_equal(last, whole[:, :, 1:])
-    told = json.loads(images[1].with_suffix(".json").read_text())
+        recon(raw, own, "--save-maps", tmp_path / name)
+        recon(raw, given, "--maps", tmp_path / name)
+        assert own.read_bytes() == given.read_bytes()
+    last = recon(raw, part, "--maps", tmp_path / "maps.cfl", "--range", "slice", 1, 1)  # the maps of all slices serve
+    np.testing.assert_array_equal(last.get_fdata(), pixels(own)[:, :, 1:])
+    told = sidecar(given)
     assert "sensitivity maps from maps.nii.gz" in told["Steps"]
     assert all(0 < figure < 0.02 for figure in told["Parameters"]["residual"])
     small = ctessel.maps.read(tmp_path / "maps.cfl", (0, 0, 1, 8, 2))[:-2]
     ctessel.maps.write([tmp_path / "small.nii"], small)
-    assert cli.main(["recon", f"{raw}", "-o", f"{images[2]}", "--maps", f"{tmp_path / 'small.nii'}"]) == 1
-    assert "its maps have 46 x 48 x 1 voxels, the grid that is unfolded has 48 x 48 x 1" in capsys.readouterr().err
+    words = "its maps have 46 x 48 x 1 voxels, the grid that is unfolded has 48 x 48 x 1"
+    refused(capsys, words, "recon", raw, "-o", part, "--maps", tmp_path / "small.nii")
 
 
 @pytest.mark.parametrize(
@@ -117,9 +109,7 @@ def test_the_residual_of_a_calibration_shows_what_maps_do_not_explain():
 def test_maps_of_large_slices_are_those_of_every_voxel(shape):
     """They are found at every other one, along axes that are long enough."""
     _, whole = scan(shape, 4, noise=0.001)
-    near = np.asfortranarray(
-        whole.kspace[shape[0] // 2 - 12 : shape[0] // 2 + 12, shape[1] // 2 - 12 : shape[1] // 2 + 12, :, :, 0, 0, 0]
-    )
+    near = np.asfortranarray(pipeline.resize(whole.kspace[..., 0, 0, 0], (24, 24)))
     maps, combined = pipeline.eigen_maps(near, shape)
     want = ctessel.espirit(near, size=shape, kernel=5, crop=0)
     bright = np.abs(combined) > 0.3 * np.abs(combined).max()

@@ -57,19 +57,16 @@ def test_a_grid_is_its_voxels():
     assert field.inverse(affine=affine, shape=(4, 3, 2))[0].shape == (4, 3, 2, 3)
 
 
-@pytest.mark.parametrize(
-    "call, error, text",
-    [
-        (lambda f: f.position(), ValueError, "points: expected an array of points, or affine"),
-        (lambda f: f.position([1, 2]), ValueError, r"points: expected shape \(..., 3\), got shape \(2,\)"),
-        (lambda f: f.position(["a", "b", "c"]), TypeError, "points: expected real numbers, got list"),
-        (lambda f: f.jacobian(affine=np.eye(3), shape=(1, 1, 1)), ValueError, r"affine: .* got shape \(3, 3\)"),
-        (lambda f: f.jacobian(affine=np.eye(4), shape=(1, 1)), ValueError, "shape: expected three extents"),
-        (lambda f: f.evaluate(["speed"], [0, 0, 0]), ValueError, "wanted: .* got 'speed'"),
-        (lambda f: ctessel.GradientField(LINEAR[:2], 1), ValueError, "the z gradient has no linear term"),
-        (lambda f: ctessel.GradientField([("w", "A", 1, 1, 1)], 1), ValueError, "terms: expected axes x, y, z"),
-    ],
-)
+@pytest.mark.parametrize("call, error, text", [
+    (lambda f: f.position(), ValueError, "points: expected an array of points, or affine"),
+    (lambda f: f.position([1, 2]), ValueError, r"points: expected shape \(..., 3\), got shape \(2,\)"),
+    (lambda f: f.position(["a", "b", "c"]), TypeError, "points: expected real numbers, got list"),
+    (lambda f: f.jacobian(affine=np.eye(3), shape=(1, 1, 1)), ValueError, r"affine: .* got shape \(3, 3\)"),
+    (lambda f: f.jacobian(affine=np.eye(4), shape=(1, 1)), ValueError, "shape: expected three extents"),
+    (lambda f: f.evaluate(["speed"], [0, 0, 0]), ValueError, "wanted: .* got 'speed'"),
+    (lambda f: ctessel.GradientField(LINEAR[:2], 1), ValueError, "the z gradient has no linear term"),
+    (lambda f: ctessel.GradientField([("w", "A", 1, 1, 1)], 1), ValueError, "terms: expected axes x, y, z"),
+])  # fmt: skip
 def test_what_cannot_be_is_refused(call, error, text):
     with pytest.raises(error, match=text):
         call(ctessel.GradientField(LINEAR, 1))
@@ -107,54 +104,41 @@ def test_forms_of_files(tmp_path, name, content, radius, axes, terms):
 
 
 # Per cm: at (2, 3, 5) cm, r^2 = 38.
-@pytest.mark.parametrize(
-    "line, axis, polynomial",
-    [
-        ("SCALEX2 1e-3", 0, 2 * 5),
-        ("SCALEX3 1e-3", 0, 2 * (5 * 25 - 38)),
-        ("SCALEY2 1e-3", 1, 3 * 5),
-        ("SCALEY4 1e-3", 1, 3 * (7 * 125 - 3 * 5 * 38)),
-        ("SCALEX5 1e-3", 0, 2 * (21 * 625 - 14 * 25 * 38 + 38**2)),
-        ("SCALEZ2 1e-3", 2, 3 * 25 - 38),
-        ("SCALEZ3 1e-3", 2, 5 * 125 - 3 * 5 * 38),
-        ("SCALEZ4 1e-3", 2, 35 * 625 - 30 * 25 * 38 + 3 * 38**2),
-        ("SCALEZ5 1e-3", 2, 63 * 3125 - 70 * 125 * 38 + 15 * 5 * 38**2),
-    ],
-)
-def test_scaled_text_is_polynomials_per_cm(tmp_path, line, axis, polynomial):
-    found = read(tmp_path / "c.dat", f"COMMENT\nSCALEX1 0\n{line}\nSCALEX9 0\n")
-    moved = found.field.displacement([20, 30, 50])
-    want = np.zeros(3)
-    want[axis] = 10 * 1e-3 * polynomial
-    np.testing.assert_allclose(moved, want, rtol=1e-12, atol=1e-15)
+def test_scaled_text_is_polynomials_per_cm(tmp_path):
+    for name, polynomial in {
+        "X2": 2 * 5, "X3": 2 * (5 * 25 - 38), "X5": 2 * (21 * 625 - 14 * 25 * 38 + 38**2),
+        "Y2": 3 * 5, "Y4": 3 * (7 * 125 - 3 * 5 * 38),
+        "Z2": 3 * 25 - 38, "Z3": 5 * 125 - 3 * 5 * 38, "Z4": 35 * 625 - 30 * 25 * 38 + 3 * 38**2,
+        "Z5": 63 * 3125 - 70 * 125 * 38 + 15 * 5 * 38**2,
+    }.items():  # fmt: skip
+        found = read(tmp_path / "c.dat", f"COMMENT\nSCALEX1 0\nSCALE{name} 1e-3\nSCALEX9 0\n")
+        want = 10 * 1e-3 * polynomial * np.eye(3)["XYZ".index(name[0])]
+        moved = found.field.displacement([20, 30, 50])
+        np.testing.assert_allclose(moved, want, rtol=1e-12, atol=1e-15, err_msg=name)
 
 
-@pytest.mark.parametrize(
-    "name, content, text",
-    [
-        ("a.txt", "hello\n", "line 1: expected 'axis n m value' or 'r0 value', got 'hello'"),
-        ("a.txt", "# nothing\n", "no coefficients; expected lines such as 'x 3 1 -0.018'"),
-        ("a.txt", "x C 3 1 1\n", "line 1: unknown kind of term 'C'; A is cosine, B is sine"),
-        ("a.txt", "x 26 1 1\n", "x A(26, 1): orders go from 1 to 25"),
-        ("a.txt", "x A 26 1 1\n", "line 1: x A(26, 1): orders go to 25"),
-        ("a.txt", "y 4 0 1\n", "y B(4, 0): there is no sine term of degree 0"),
-        ("a.txt", "x 3 1 1\nx 3 1 2\n", "x A(3, 1) is given twice"),
-        ("a.txt", "x 3 1 1e999\n", "x A(3, 1): expected a finite number"),
-        ("a.txt", "r0 -1\nx 3 1 1\n", "radius: expected a number above 0"),
-        ("a.txt", b"\x01\x00\x02", "is not text; the names of binary coefficient files end in .gc"),
-        ("a.grad", "1 C( 3, 0) 1 z\n", "line 1: unknown kind of term 'C'"),
-        ("a.grad", "1 A( 3, 0) 1 w\n", "line 1: unknown axis 'w'"),
-        ("a.grad", "1 A( 3, 0) one z\n", "line 1: expected 'number A(n, m) value axis'"),
-        ("a.coef", "gamma_x 3 1 1;", "line 1: unknown kind of term 'gamma'"),
-        ("a.coef", "alpha_x 3 1", "line 1: expected 'alpha_x n m value;', got 'alpha_x 3 1'"),
-        ("a.coef", "alpha_x 3 1 1;", "this kind of file has no radius; state it with --radius in mm"),
-        ("a.dat", "SCALEX6 1", "line 1: SCALEX6: orders above 5 must be 0"),
-        ("a.dat", "SCALEQ1 1", "line 1: expected 'SCALEXn value'"),
-        ("a.gc", b"\x01\x00\x00\x00\x00\x00", "is not a binary coefficient file"),
-        ("a.gc", b"text", "is not a binary coefficient file"),
-        ("a.gc", struct.pack("<3h f2h", 1, 0, 0, 1, 2, 3), "x A(2, 3): orders go to 25, degrees to the order"),
-    ],
-)
+@pytest.mark.parametrize("name, content, text", [
+    ("a.txt", "hello\n", "line 1: expected 'axis n m value' or 'r0 value', got 'hello'"),
+    ("a.txt", "# nothing\n", "no coefficients; expected lines such as 'x 3 1 -0.018'"),
+    ("a.txt", "x C 3 1 1\n", "line 1: unknown kind of term 'C'; A is cosine, B is sine"),
+    ("a.txt", "x 26 1 1\n", "x A(26, 1): orders go from 1 to 25"),
+    ("a.txt", "x A 26 1 1\n", "line 1: x A(26, 1): orders go to 25"),
+    ("a.txt", "y 4 0 1\n", "y B(4, 0): there is no sine term of degree 0"),
+    ("a.txt", "x 3 1 1\nx 3 1 2\n", "x A(3, 1) is given twice"),
+    ("a.txt", "x 3 1 1e999\n", "x A(3, 1): expected a finite number"),
+    ("a.txt", "r0 -1\nx 3 1 1\n", "radius: expected a number above 0"),
+    ("a.txt", b"\x01\x00\x02", "is not text; the names of binary coefficient files end in .gc"),
+    ("a.grad", "1 C( 3, 0) 1 z\n", "line 1: unknown kind of term 'C'"),
+    ("a.grad", "1 A( 3, 0) 1 w\n", "line 1: unknown axis 'w'"),
+    ("a.grad", "1 A( 3, 0) one z\n", "line 1: expected 'number A(n, m) value axis'"),
+    ("a.coef", "gamma_x 3 1 1;", "line 1: unknown kind of term 'gamma'"),
+    ("a.coef", "alpha_x 3 1", "line 1: expected 'alpha_x n m value;', got 'alpha_x 3 1'"),
+    ("a.coef", "alpha_x 3 1 1;", "this kind of file has no radius; state it with --radius in mm"),
+    ("a.dat", "SCALEX6 1", "line 1: SCALEX6: orders above 5 must be 0"),
+    ("a.dat", "SCALEQ1 1", "line 1: expected 'SCALEXn value'"),
+    *(("a.gc", content, "is not a binary coefficient file") for content in (b"\x01\x00\x00\x00\x00\x00", b"text")),
+    ("a.gc", struct.pack("<3h f2h", 1, 0, 0, 1, 2, 3), "x A(2, 3): orders go to 25, degrees to the order"),
+])  # fmt: skip
 def test_files_of_another_kind_are_refused_by_name(tmp_path, name, content, text):
     with pytest.raises(ValueError) as error:
         read(tmp_path / name, content)

@@ -48,27 +48,18 @@ def test_centre_of_real_data_and_its_place():
     assert not padded[:, :5].any() and not padded[:, 12:].any()
 
 
-@pytest.mark.parametrize(
-    "name, range, message",
-    [
-        ("kx", (-40, 20), "kx: expected missing lines on the negative side"),
-        ("ky", (-64, 70), "from -64 to 63, got"),
-        ("ky", (-21.9, 20), "ky: .* whole numbers from -64 to 63"),
-        ("kz", (-2, 63), "at least 0.55 of the extent"),
-        ("ky", (30, -20), "ky: expected the first and the last"),
-        ("ky", (-64, 63), None),
-        ("ky", (-20, 63), None),
-    ],
-)
+@pytest.mark.parametrize("name, range, message", [
+    ("kx", (-40, 20), "kx: expected missing lines on the negative side"), ("ky", (-64, 70), "from -64 to 63, got"),
+    ("ky", (-21.9, 20), "ky: .* whole numbers from -64 to 63"), ("kz", (-2, 63), "at least 0.55 of the extent"),
+    ("ky", (30, -20), "ky: expected the first and the last"),
+])  # fmt: skip
 def test_ranges_that_cannot_be_used_are_refused(name, range, message):
     data = random_complex((128, 2, 1) if name == "kx" else (2, 128, 128))
-    if message is None:
-        homodyne.filter(data, **{name: range})
-        return
     before = data.copy()
     with pytest.raises(ValueError, match=message):
         homodyne.filter(data, inplace=True, **{name: range})
     same_bits(data, before)
+    homodyne.filter(data, **{name: (-64, 63)})
 
 
 @pytest.mark.parametrize("shape", [(7, 5), (16, 12, 6, 3), (65, 47, 7, 17)])

@@ -3,23 +3,24 @@
 import foreign
 import lookalike
 import numpy as np
-import pytest
+from command import refused, run
+from matplotlib import image
 from scans import lines
 
-from ctessel import cli, phantom
+from ctessel import phantom
 
 
 def info(capsys, path, *more):
     """The facts that are printed, and the lines of the drawing."""
-    assert cli.main(["info", str(path), *map(str, more)]) == 0
+    assert run("info", path, *more) == 0
     facts, drawing, *_ = capsys.readouterr().out.split("\n\n")
-    return dict(line.split("  ", 1) for line in facts.splitlines()), drawing.splitlines()
+    named = (line.split("  ", 1) for line in facts.splitlines())
+    return {name.strip(): text.strip() for name, text in named}, drawing.splitlines()
 
 
 def test_lines_noise_and_calibration_are_found_again(tmp_path, capsys):
     phantom.write(tmp_path / "p.h5", "noise", size=64, coils=4, noise=0.05)
-    facts, drawing = info(capsys, tmp_path / "p.h5")
-    words = {name.strip(): text.strip() for name, text in facts.items()}
+    words, drawing = info(capsys, tmp_path / "p.h5")
     assert words["lines along y"] == "-32 to 30 of -32 to 31, in steps of 2; calibration -12 to 11"
     row = np.full(64, ".")
     row[::2], row[20:44] = "#", "C"
@@ -35,9 +36,8 @@ def test_volumes_and_turns_are_drawn(tmp_path, capsys):
     facts, drawing = info(capsys, lookalike.cfl(tmp_path / "v", samples))
     assert len(drawing) == 20 + 2 and "a character is 3 lines" in drawing[-1]  # 3 lines along z in one
     assert set(drawing[16]) == {".", "+", "C"} and set(drawing[17]) == {"."}
-    assert [c for c in drawing[5] if c != "C"] == [
-        "#" if i % 2 == 0 else "." for i in [*range(20), *range(29, 48)]
-    ]  # 28 joins the block
+    beside = [*range(20), *range(29, 48)]  # 28 joins the block
+    assert [c for c in drawing[5] if c != "C"] == ["#" if i % 2 == 0 else "." for i in beside]
     phantom.write(tmp_path / "t.h5", "interleaved", size=32, coils=4)
     _, drawing = info(capsys, tmp_path / "t.h5")
     assert drawing[:2] == ["#." * 16 + "  2 repetitions", ".#" * 16 + "  2 repetitions"]
@@ -51,10 +51,7 @@ def test_the_echo_peaks_where_its_energy_is(tmp_path, capsys):
     samples = lookalike.kspace((32, 64, 1))
     for centre, words in ((32, "x +0, y +0"), (30, "x +0, y +2"), (35, "x +0, y -3")):
         path = lookalike.cfl(tmp_path / "c", samples)
-        facts, _ = info(capsys, path, "--centre", centre)
-        assert [text for name, text in facts.items() if name.strip() == "echo peaks"][
-            0
-        ].strip() == f"{words} from k = 0"
+        assert info(capsys, path, "--centre", centre)[0]["echo peaks"] == f"{words} from k = 0"
 
 
 def test_what_was_left_out_is_told_by_kind(tmp_path, capsys):
@@ -68,8 +65,6 @@ def test_what_was_left_out_is_told_by_kind(tmp_path, capsys):
 
 
 def test_the_picture_shows_this_scan(tmp_path, capsys):
-    from matplotlib import image
-
     pictures = []
     for number, step in enumerate((1, 2, 2)):
         samples = lookalike.keep(lookalike.kspace((16, 48, 1)), lines(48, step, calibration=8 * (number == 2)))
@@ -80,7 +75,5 @@ def test_the_picture_shows_this_scan(tmp_path, capsys):
     counts = [{name: (np.abs(p - value).max(2) < 3).sum() for name, value in colour.items()} for p in pictures]
     assert counts[0]["line"] > 1.7 * counts[1]["line"] > 1000
     assert counts[2]["calibration"] > 10 * counts[0]["calibration"]
-    assert cli.main(["info", str(path), "--plot", str(tmp_path / "none" / "a.png")]) == 1
-    assert "cannot be written to" in capsys.readouterr().err
-    with pytest.raises(SystemExit, match="2"):
-        cli.main(["info", str(path), "--plot", "a.jpg"])
+    refused(capsys, "cannot be written to", "info", path, "--plot", tmp_path / "none" / "a.png")
+    assert run("info", path, "--plot", "a.jpg") == 2

@@ -5,6 +5,7 @@ import json
 import nibabel
 import numpy as np
 import pytest
+from command import pixels, recon, refused, run, sidecar
 from conftest import same_bits
 
 from ctessel import cli, noise, noise_images, phantom, pipeline, raw
@@ -54,31 +55,24 @@ def test_noise_spreads_as_the_map_of_the_image_says(tmp_path, kind, changes, opt
         assert 0.5 < ratio.std() * np.sqrt(2 * COUNT) < 1.6
 
 
-def recon(scan, *options):
-    assert cli.main(["recon", str(scan), *map(str, options)]) == 0
-
-
 def test_files_of_noise_lie_beside_the_image_and_among_derivatives(tmp_path):
     written(tmp_path / "s.h5", "noise", size=32, slices=3, echoes=2)
-    output, folder = tmp_path / "i.nii.gz", tmp_path / "study"
-    recon(tmp_path / "s.h5", "-o", output, "--noise-images", 5, "--combine", "phase", "--bids", folder,
-          "--subject", "01", "--suffix", "MEGRE", "--maps-out", "sd")  # fmt: skip
-    image, got = nibabel.load(output), nibabel.load(tmp_path / "i_noise.nii.gz")
+    folder, made = tmp_path / "study", tmp_path / "i_noise.nii.gz"
+    options = "--noise-images 5 --combine phase --subject 01 --suffix MEGRE --maps-out sd --bids".split()
+    image, got = recon(tmp_path / "s.h5", tmp_path / "i.nii.gz", *options, folder), nibabel.load(made)
     assert got.shape == (32, 32, 3, 5, 2) and (got.affine == image.affine).all()
-    phase = nibabel.load(tmp_path / "i_noise_phase.nii.gz").get_fdata()
+    phase = pixels(tmp_path / "i_noise_phase.nii.gz")
     assert np.abs(phase).max() <= np.float32(np.pi) and phase.std() > 1.5
-    told = json.loads((tmp_path / "i_noise.json").read_text())
+    told = sidecar(made)
     assert told["Seed"] == 0 and "without its object" in told["Noise"] and "RepetitionTime" not in told
     stem = folder / "derivatives/ctessel/sub-01/anat/sub-01_echo-2_part-mag_desc-noise_MEGRE.nii.gz"
-    np.testing.assert_array_equal(nibabel.load(stem).get_fdata(), got.get_fdata()[..., 1])
+    np.testing.assert_array_equal(pixels(stem), got.get_fdata()[..., 1])
     about = json.loads((folder / "derivatives/ctessel/dataset_description.json").read_text())
     assert about["DatasetType"] == "derivative" and about["GeneratedBy"][0]["Name"] == "ctessel"
     for number, options in enumerate((["--workers", 2], ["--scratch", tmp_path], ["--range", "slice", 1, 1])):
-        other = tmp_path / f"{number}.nii"
-        recon(tmp_path / "s.h5", "-o", other, "--noise-images", 2, *options)
-        part = nibabel.load(tmp_path / f"{number}_noise.nii").get_fdata()
+        recon(tmp_path / "s.h5", tmp_path / f"{number}.nii", "--noise-images", 2, *options)
         whole = got.get_fdata()[:, :, 1:2] if "--range" in options else got.get_fdata()
-        np.testing.assert_array_equal(part, whole[..., :2, :])
+        np.testing.assert_array_equal(pixels(tmp_path / f"{number}_noise.nii"), whole[..., :2, :])
 
 
 @pytest.mark.parametrize("kind, options, words", [
@@ -89,10 +83,7 @@ def test_files_of_noise_lie_beside_the_image_and_among_derivatives(tmp_path):
 def test_what_has_no_noise_is_refused_before_the_work(tmp_path, capsys, kind, options, words):
     known = {"noise": 0.02, "noise_scan": True, "partitions": 16} if kind == "3d" else {}
     phantom.write(tmp_path / "s.h5", kind, size=32, coils=4, **known)
-    arguments = ["recon", str(tmp_path / "s.h5"), "-o", str(tmp_path / "i.nii"), "--noise-images", "2", *options]
-    assert cli.main(arguments) == cli.DEFECT
-    err = capsys.readouterr().err
-    assert words in err and err.count("\n") == 1 and not (tmp_path / "i.nii").exists()
-    with pytest.raises(SystemExit):
-        cli.main(["recon", "s.h5", "-o", "folder", "--dicom", "--noise-images", "2"])
+    refused(capsys, words, "recon", tmp_path / "s.h5", "-o", tmp_path / "i.nii", "--noise-images", 2, *options)
+    assert not (tmp_path / "i.nii").exists()
+    assert run("recon", "s.h5", "-o", "folder", "--dicom", "--noise-images", 2) == cli.USAGE
     assert "--noise-images needs -o IMAGE.nii.gz or --bids" in capsys.readouterr().err

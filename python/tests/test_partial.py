@@ -75,9 +75,8 @@ def test_homodyne_hands_out_the_phase_that_it_removes(shape, count, noise):
     """That of the lines on both sides of k = 0; magnitudes are those of images without it, bit for bit."""
     mask = lines(48, first=-9)
     _, part = scan(shape, count, mask, noise=noise)
-    magnitude, image = (
-        pipeline.reconstruct(part, Options(partial="homodyne", combine=combine)).image for combine in ("sos", "pcsos")
-    )
+    both = (Options(partial="homodyne", combine=combine) for combine in ("sos", "pcsos"))
+    magnitude, image = (pipeline.reconstruct(part, options).image for options in both)
     np.testing.assert_allclose(np.abs(image), magnitude, rtol=1e-5, atol=1e-6 * magnitude.max())
     near = np.abs(np.arange(48) - 24)[None, :, None, None, None, None, None] <= 9
     centre = pipeline.reconstruct(known(part, part.kspace * near), Options(partial="zero"))

@@ -9,13 +9,14 @@ from collections import Counter
 from dataclasses import replace
 from fractions import Fraction
 
+import command
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import FIELD, coils, error, header, known, lines, phantom, scan
+from scans import FIELD, acquired, coils, error, header, known, lines, phantom, scan, write_lines
 
 import ctessel
-from ctessel import pipeline
+from ctessel import _ismrmrd, phantom as phantoms, pipeline
 from ctessel.pipeline import Options
 from ctessel.scan import Header, Limit, Placement, Scan
 
@@ -29,7 +30,6 @@ def test_grids_keep_their_centre():
         np.testing.assert_allclose(pipeline.to_kspace(point), np.full((n, 1, 1), n**-0.5), atol=ROUNDING)
         for m in range(3, 14):
             assert np.flatnonzero(pipeline.resize(point, (m,))) == [m // 2], (n, m)
-    for n in (7, 8):
         image = random_complex((n, 5, 1), n)
         mirrored = pipeline.flip(pipeline.to_kspace(image), (0,))
         np.testing.assert_allclose(pipeline.to_image(mirrored), pipeline.flip(image, (0,)), atol=1e-5)
@@ -103,9 +103,8 @@ def partial_scan(axis, side, shape):
     if axis == 0:
         partial.layout.header.limits["x"] = Limit(first + n // 2, last + n // 2, n // 2)
     else:
-        partial = known(
-            partial, lines=partial.layout.lines & kept.reshape([-1 if a == axis else 1 for a in range(1, 6)])
-        )
+        kept = kept.reshape([-1 if a == axis else 1 for a in range(1, 6)])
+        partial = known(partial, lines=partial.layout.lines & kept)
     return truth, partial
 
 
@@ -115,23 +114,15 @@ def test_partial_scans_are_closer_than_zero_filled_ones(axis, side, shape):
     truth, partial = partial_scan(axis, side, shape)
     words = "; ".join(pipeline.plan(partial, Options(partial="homodyne")).steps)
     assert f"homodyne along {'xyz'[axis]}" in words and ("mirrored" in words) == (side < 0)
-    images = {
-        way: pipeline.reconstruct(partial, Options(partial=way)).image for way in ("auto", "zero", "homodyne", "pocs")
-    }
-    zero_filled = error(images["zero"], truth)
-    assert error(images["homodyne"], truth) < 0.65 * zero_filled
-    assert error(images["pocs"], truth) < 0.65 * zero_filled
-    same_bits(images["auto"], images["pocs"])
+    ways = (Options(partial=way) for way in ("auto", "zero", "homodyne", "pocs"))
+    auto, zero, *images = (pipeline.reconstruct(partial, options).image for options in ways)
+    assert max(error(image, truth) for image in images) < 0.65 * error(zero, truth)
+    same_bits(auto, images[1])
 
 
 def test_lines_are_recognised():
-    for n, step, offset, calibration in (
-        (64, 2, 0, 24),
-        (64, 2, 1, 24),
-        (64, 3, 2, 20),
-        (63, 4, 3, 16),
-        (49, 5, 0, 0),  # its slot of line -25 stays empty
-    ):
+    several = (64, 2, 0, 24), (64, 2, 1, 24), (64, 3, 2, 20), (63, 4, 3, 16)
+    for n, step, offset, calibration in (*several, (49, 5, 0, 0)):  # its slot of line -25 stays empty
         mask = lines(n, step, offset, calibration)[:, None]
         lattice, flat = pipeline.undersampling(mask)
         assert lattice.step == step and (lattice.offset - offset) % step == 0 and lattice.reduction == step
@@ -163,15 +154,9 @@ def test_an_axis_is_partial_beyond_a_step_and_two_percent(first, step, partial):
     assert pipeline.partial_ranges(some.layout) == [None, (first, last) if partial else None, None]
 
 
-@pytest.mark.parametrize(
-    "shape, y, z",
-    [
-        ((16, 48, 1), (2, 0), (1, 0)),
-        ((16, 48, 1), (2, 1), (1, 0)),
-        ((16, 48, 1), (3, 1), (1, 0)),
-        ((8, 24, 24), (2, 1), (2, 0)),
-    ],
-)
+@pytest.mark.parametrize("shape, y, z", [
+    ((16, 48, 1), (2, 0), (1, 0)), ((16, 48, 1), (2, 1), (1, 0)), ((16, 48, 1), (3, 1), (1, 0)), ((8, 24, 24), (2, 1), (2, 0)),
+])  # fmt: skip
 def test_sense_with_known_maps_is_the_phantom(shape, y, z):
     truth, full = scan(shape, 8)
     masks = lines(shape[1], *y), lines(shape[2], *z)
@@ -189,16 +174,12 @@ def narrow_scan(ratio, shape=(48, 48, 1), count=8, beyond=0):
     folded = np.zeros((shape[0], n, *image.shape[2:]), np.complex64)
     for line in range(shape[1]):
         folded[:, ctessel.folded_pos(line, shape[1], n)] += image[:, line]
-    narrowed = replace(
-        full.layout.header,
-        encoded_matrix=(shape[0], n, 1),
-        encoded_fov=(FIELD, FIELD / ratio, 5.0),
-        limits={**full.layout.header.limits, "y": Limit(0, n - 1, n // 2)},
-    )
     wide = shape[1] + 2 * beyond
     separate = pipeline.to_kspace(np.pad(image, [(0, 0), (beyond, beyond), (0, 0), (0, 0)]))
     lowres = separate[:, wide // 2 - 14 : wide // 2 + 14][..., None, None, None]
-    narrowed = replace(narrowed, calibration_fov=(FIELD, FIELD * wide / shape[1], 5.0))
+    limits = {**full.layout.header.limits, "y": Limit(0, n - 1, n // 2)}
+    narrowed = replace(full.layout.header, encoded_matrix=(shape[0], n, 1), encoded_fov=(FIELD, FIELD / ratio, 5.0),
+                       limits=limits, calibration_fov=(FIELD, FIELD * wide / shape[1], 5.0))  # fmt: skip
     kspace = pipeline.to_kspace(folded) / np.float32(ratio) ** 0.5  # as samples of the whole field
     narrow = Scan.of(kspace[..., None, None, None], narrowed, calibration=lowres)
     return truth, narrow
@@ -249,12 +230,8 @@ def test_regularised_sense_has_less_noise_and_a_weight_that_does_not_depend_on_t
     truth = truth[:, :, :, 0, 0, 0]
     assert error(single, truth) < 0.8 * error(plain, truth)
     twice = (np.concatenate([a, a], 3) for a in (folded, maps / np.float32(2**0.5)))  # and twice the noise
-    double = pipeline.unfold(
-        *twice,
-        lattices,
-        covariance=np.kron(2 * np.eye(2), covariance).astype(np.complex64),
-        expected=expected * np.float32(2**0.5),
-    )
+    both = np.kron(2 * np.eye(2), covariance).astype(np.complex64)
+    double = pipeline.unfold(*twice, lattices, covariance=both, expected=expected * np.float32(2**0.5))
     np.testing.assert_allclose(double, single * 2**0.5, atol=1e-4)
     with pytest.raises(ValueError, match="needs a noise scan"):
         pipeline.plan(known(noisy, noise=None), Options(regularisation=1))
@@ -358,24 +335,15 @@ LEAST = 450 << 20  # with k-space in a file: all data of the process
 
 
 def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp_path):
-    pytest.importorskip("ctessel._raw")
     write_large_volume(tmp_path / "v.h5")
     seen = {}
     for name, limit, options in (("here", resource.RLIM_INFINITY, []), ("file", LEAST, ["--scratch", tmp_path])):
         run = [
             sys.executable,
-            "-W",
-            "ignore",
-            "-m",
-            "ctessel",
-            "recon",
-            tmp_path / "v.h5",
-            "-o",
-            tmp_path / f"{name}.nii",
+            *f"-W ignore -m ctessel recon {tmp_path}/v.h5 -o {tmp_path}/{name}.nii".split(),
+            *options,
         ]
-        process = subprocess.Popen(
-            [*run, *options], preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit))
-        )
+        process = subprocess.Popen(run, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit)))
         _, status, usage = os.wait4(process.pid, 0)
         assert status == 0, name
         seen[name] = 1024 * usage.ru_maxrss
@@ -386,69 +354,18 @@ def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp
 
 def write_large_volume(path):
     """192 x 192 x 96 voxels, 16 coils, R = 2 x 2; a narrow object along x, as maps take most of the time."""
-    from ctessel import _ismrmrd, _raw
-    from ctessel.acquisitions import HEADER
-
     shape, field = (192, 192, 96), (192.0, 192.0, 96.0)
     limits = {name: Limit(0, n - 1, n // 2) for name, n in zip("xyz", shape)}
     text = Header(shape, field, shape, field, limits, (2, 2), "embedded")
-    writer = _raw.Writer(str(path), "dataset", _ismrmrd.header_text(text, coils=16, counts={}))
     lines_y, lines_z = (lines(n, 2) for n in shape[1:])
     block = [np.abs(np.arange(n) - n // 2) < 12 for n in shape[1:]]
     samples = random_complex((1, 16), 1) * np.exp(-(((np.arange(192) - 96) / 20) ** 2))[:, None]
-    for y, z in np.argwhere(np.outer(lines_y, lines_z) | np.outer(*block)):
-        head = np.zeros((), HEADER)
-        head["center_sample"], head["kspace_encode_step_1"], head["kspace_encode_step_2"] = 96, y, z
-        head["read_dir"], head["phase_dir"], head["slice_dir"] = np.eye(3)
-        level = np.exp(-(abs(y - 96) + abs(z - 48)) / 20)
-        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples * level, np.complex64))
-    writer.close()
-
-
-def blob(points):
-    """Smooth object off the centre, and its width in mm."""
-    width = 40.0
-    return (
-        np.exp(-((points - np.reshape([60, -50, 40], (3, 1, 1, 1))) ** 2).sum(0) / (2 * width**2)),
-        width,
-    )
-
-
-@pytest.mark.parametrize("order, patient", [(3, "HFS"), (1, "HFS"), (3, "FFS")])
-def test_geometry_finds_the_object_where_it_is(tmp_path, order, patient):
-    (tmp_path / "coil.txt").write_text("r0 250\nx 3 1 -0.06\nx 2 1 0.1\ny 3 1 -0.06\nz 3 0 -0.3 # zonal\n")
-    table = pipeline.read_coefficients(tmp_path / "coil.txt")
-    turn = np.array([[0.8, 0.6, 0], [-0.6, 0.8, 0], [0, 0, 1]])
-    placement = Placement(np.array([10.0, 0, 5]), *turn)
-    shape, field = (56, 56, 56), (280.0, 280.0, 280.0)
-    points = pipeline.voxel_positions(shape, placement, field)
-    signs = np.reshape({"HFS": (1, 1, 1), "FFS": (-1, 1, -1)}[patient], (3, 1, 1, 1))
-
-    x, y, z = np.zeros((14, 12)), np.zeros((14, 12)), np.zeros(17)
-    x[1, 1] = y[1, 1] = z[1] = 1
-    x[3, 1] = y[3, 1] = -0.06
-    x[2, 1], z[3] = 0.1, -0.3
-
-    def encoded(p):  # the table path
-        parts = (signs * p).astype(np.float32)
-        return signs * np.stack(ctessel.geometry_correction(*parts, x, y, z, 250))
-
-    true = points.copy()
-    for _ in range(12):  # where an object must be to be encoded at these points
-        true += points - encoded(true)
-    gradient = np.stack([np.stack(np.gradient(c, 5.0)) for c in true])
-    density = np.abs(np.linalg.det(np.moveaxis(gradient, (0, 1), (-2, -1))))
-    want, width = blob(points)
-    seen = (blob(true)[0] * density * np.exp(0.3j)).astype(np.complex64)
-    image = pipeline.geometry(seen, placement, field, table, position=patient, order=order)
-    inside = np.s_[8:-8, 8:-8, 8:-8]
-    # Half a squared voxel times the curvature for straight lines; 0.1 mm of the kernel's table; and
-    # the differences of the density here, over two voxels.
-    bound = 5.0**2 / 8 * 3 / width**2 + 0.1 * np.sqrt(3) / (width * np.e**0.5) + 0.004
-    assert np.abs(np.abs(image) - want)[inside].max() < bound
-    assert np.abs(np.abs(seen) - want)[inside].max() > 5 * bound
-    kept = np.abs(image[inside]) > 0.1
-    np.testing.assert_allclose(np.angle(image[inside])[kept], 0.3, atol=1e-4)
+    measured = (
+        (acquired(center_sample=96, kspace_encode_step_1=y, kspace_encode_step_2=z),
+         samples * np.exp(-(abs(y - 96) + abs(z - 48)) / 20))
+        for y, z in np.argwhere(np.outer(lines_y, lines_z) | np.outer(*block))
+    )  # fmt: skip
+    write_lines(path, measured, _ismrmrd.header_text(text, coils=16, counts={}))
 
 
 # x y z against x: the slices are displaced within and across their planes.
@@ -501,21 +418,13 @@ def test_plan_reads_no_samples_and_faults_name_their_mend():
         (known(few, lines=few.layout.lines & False), Options(), "no line was measured"),
         (full, Options(matrix=(32, 48, 2)), "expected one voxel along z"),
         (full, Options(combine="mean"), 'expected "pcsos" or "sos"'),
-        (
-            full,
-            Options(coefficients=pipeline.Coefficients((), 250.0, "LPS"), position="up"),
-            "expected one of HFS",
-        ),
+        (full, Options(coefficients=pipeline.Coefficients((), 250.0, "LPS"), position="up"), "expected one of HFS"),
     ):
         with pytest.raises(ValueError, match=re.escape(message)):
             pipeline.plan(faulty, options)
 
 
 def test_everything_is_decided_once(tmp_path, monkeypatch):
-    pytest.importorskip("ctessel._raw")
-    from ctessel import cli
-    from ctessel import phantom as phantoms
-
     calls = Counter()
 
     def counted(module, name):
@@ -532,8 +441,7 @@ def test_everything_is_decided_once(tmp_path, monkeypatch):
     counted(ctessel.coverage, "samplings")
     counted(ctessel.raw, "open_reader")
     phantoms.write(tmp_path / "p.h5", "noise", size=48, coils=4, slices=2, repetitions=3)
-    recon = f"recon {tmp_path}/p.h5 -o {tmp_path}/i.nii"
-    for part in ("", " --range repetition 1 2", " --range slice 0 0"):
+    for part in ("", "--range repetition 1 2", "--range slice 0 0"):
         calls.clear()
-        assert cli.main((recon + part).split()) == 0
+        command.recon(tmp_path / "p.h5", tmp_path / "i.nii", *part.split())
         assert set(calls.values()) == {1} and len(calls) == 7, (part, calls)

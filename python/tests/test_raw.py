@@ -1,8 +1,6 @@
 """Raw data files: what others wrote, lines in every order, places in the patient, and defects."""
 
 import os
-import re
-import shutil
 import subprocess
 import sys
 import tracemalloc
@@ -13,9 +11,12 @@ import h5py
 import nibabel
 import numpy as np
 import pytest
+from command import recon, refused, run
+from processes import memory
+from scans import acquired, write_lines
 
-from ctessel import _ismrmrd, _raw, cli, nifti, phantom, pipeline, raw, runtime
-from ctessel.acquisitions import HEADER, flag
+from ctessel import _ismrmrd, _raw, nifti, phantom, pipeline, raw, runtime
+from ctessel.acquisitions import flag
 from ctessel.scan import Header, Limit, Placement
 
 SIN, COS = np.sin(np.radians(30)), np.cos(np.radians(30))
@@ -30,45 +31,30 @@ def header(**changes):
 
 
 def acquisition(samples=16, coils=2, seed=0, **fields):
-    head = np.zeros((), HEADER)
-    directions = {"read_dir": (1, 0, 0), "phase_dir": (0, 1, 0), "slice_dir": (0, 0, 1)}
-    for name, value in {"center_sample": samples // 2, **directions, **fields}.items():
-        head[name] = value
     rng = np.random.default_rng(seed)
-    return head, (rng.standard_normal((samples, coils, 2)) @ [1, 1j]).astype(np.complex64)
+    return acquired(**{"center_sample": samples // 2, **fields}), (
+        rng.standard_normal((samples, coils, 2)) @ [1, 1j]
+    ).astype(np.complex64)
 
 
 def write(path, acquisitions, text=None):
-    writer = _raw.Writer(str(path), "dataset", text or _ismrmrd.header_text(header(), coils=2, counts={}))
-    for head, samples in acquisitions:
-        writer.append(np.frombuffer(head.tobytes(), np.uint8), np.asfortranarray(samples))
-    writer.close()
-    return path
+    return write_lines(path, acquisitions, text or _ismrmrd.header_text(header(), coils=2, counts={}))
 
 
-def lines(**fields):
-    return [acquisition(kspace_encode_step_1=y, seed=y, **fields) for y in range(8)]
+def lines(ys=range(8), seed=0, **fields):
+    return [acquisition(kspace_encode_step_1=y, seed=seed + y, **fields) for y in ys]
 
 
-@pytest.mark.parametrize("options, recon, bound", [
+@pytest.mark.parametrize("options, more, bound", [
     ("-n 0.05", "", 1e-6),
     ("-n 0.05 -r 3", "", 1e-6),
     ("-n 0.05 -C -k", "--no-noise", 1e-6),
     ("-n 0.001 -C", "", 2e-2),
     ("-n 0.0005 -a 2 -w 16 -r 2 -C", "", 2e-2),
 ], ids=["full", "repetitions", "noise scan left out", "whitened", "undersampled"])  # fmt: skip
-def test_images_of_foreign_files_agree_with_foreign_reconstructions(tmp_path, options, recon, bound):
-    if not shutil.which("ismrmrd_recon_cartesian_2d"):
-        pytest.skip("ismrmrd-tools is not installed")
-    for command in (
-        f"ismrmrd_generate_cartesian_shepp_logan -m 64 -c 8 {options} -o raw.h5",
-        "ismrmrd_recon_cartesian_2d raw.h5",
-    ):
-        subprocess.run(command.split(), cwd=tmp_path, check=True, stdout=subprocess.DEVNULL)
-    with h5py.File(tmp_path / "raw.h5") as file:
-        theirs = file["dataset/cpp/data"][0, 0, 0].T
-    assert cli.main(["recon", f"{tmp_path}/raw.h5", "-o", f"{tmp_path}/i.nii", *recon.split()]) == 0
-    ours = nibabel.load(tmp_path / "i.nii").get_fdata()
+def test_images_of_foreign_files_agree_with_foreign_reconstructions(tmp_path, options, more, bound):
+    theirs = foreign.reconstructed(tmp_path / "raw.h5", f"-m 64 -c 8 {options}")
+    ours = recon(tmp_path / "raw.h5", tmp_path / "i.nii", *more.split()).get_fdata()
     last = ours.reshape(64, 64, -1)[..., -1]  # theirs keeps the line that was written last
     last *= np.vdot(last, theirs) / np.vdot(last, last)  # whitening and transforms scale
     assert np.linalg.norm(last - theirs) < bound * np.linalg.norm(theirs)
@@ -94,10 +80,7 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
         wide["discard_pre"], wide["discard_post"], wide["center_sample"] = 3, 1, 11
         wide["average"] = 1
         padding = np.full((1, 2), 1e9, np.complex64)
-        mixed += [
-            (turned, samples[::-1]),
-            (wide, np.concatenate([*[padding] * 3, 2 * samples, padding])),
-        ]
+        mixed += [(turned, samples[::-1]), (wide, np.concatenate([*[padding] * 3, 2 * samples, padding]))]
     scan = raw.read(write(tmp_path / "mixed.h5", mixed))
     np.testing.assert_array_equal(scan.kspace, np.float32(3) * plain.kspace / np.float32(2))  # once, and twice it
     for y, (_, samples) in enumerate(lines()):
@@ -111,10 +94,8 @@ def test_lines_arrive_whatever_their_order_direction_and_number(tmp_path):
 def test_reversed_readouts_count_their_centre_either_way(tmp_path, n, which):
     kspace = foreign.image(n, 16)
     for centre in (n - 1 - n // 2, n - n // 2):  # of the reversed line; of even lines, as in the others
-        lines = foreign.records(kspace)
-        lines[which] = [
-            foreign.record(kspace[:, y, ::-1], y, flags=1 << 21, center_sample=centre) for y in range(16)[which]
-        ]
+        lines, turned = foreign.records(kspace), {"flags": 1 << 21, "center_sample": centre}
+        lines[which] = [foreign.record(kspace[:, y, ::-1], y, **turned) for y in range(16)[which]]
         file = foreign.write(tmp_path / f"{centre}.h5", lines, foreign.header(n, 16))
         read = raw.read(file).kspace[:, :, 0, :, 0, 0, 0]
         np.testing.assert_array_equal(read, kspace.transpose(2, 1, 0))
@@ -148,14 +129,10 @@ def test_a_file_stays_readable_when_others_close_it(tmp_path):
 
 
 def test_calibration_completes_each_image_or_stays_apart(tmp_path):
-    def measured(flags, ys, **fields):
-        return [acquisition(kspace_encode_step_1=y, seed=y, flags=flags, **fields) for y in ys]
-
     for repetitions, joined in ((1, True), (2, False)):
         scan = raw.read(write(tmp_path / f"{repetitions}.h5", [
-            *measured(flag(20), [3, 5]), *measured(flag(21), [4]),
-            *(a for r in range(repetitions) for a in measured(0, [0, 2, 6], repetition=r)),
-            *(a for r in range(1, repetitions) for a in measured(0, [4], repetition=r)),
+            *lines([3, 5], flags=flag(20)), *lines([4], flags=flag(21)), *lines([0, 2, 6]),
+            *(a for r in range(1, repetitions) for a in lines([0, 2, 4, 6], repetition=r)),
         ]))  # fmt: skip
         assert (scan.calibration is None) == joined
         assert scan.layout.sampled[:, 0].tolist() == [y in (0, 2, 4, 6) or joined and y in (3, 5) for y in range(8)]
@@ -183,7 +160,7 @@ def test_affine_of_hand_worked_orientations(read, phase, normal, matrix):
 
 
 def test_a_whole_calibration_readout_does_not_hide_a_partial_one_of_the_images(tmp_path):
-    images = [acquisition(11, kspace_encode_step_1=y, center_sample=3) for y in range(0, 8, 2)]
+    images = lines(range(0, 8, 2), samples=11, center_sample=3)
     text = _ismrmrd.header_text(header(calibration_mode="separate"), coils=2, counts={})
     scan = raw.read(write(tmp_path / "c.h5", [*lines(flags=flag(20)), *images], text))
     assert pipeline.partial_ranges(scan.layout)[0] == (-3, 7)
@@ -194,14 +171,10 @@ def test_a_whole_calibration_readout_does_not_hide_a_partial_one_of_the_images(t
 ])  # fmt: skip
 def test_calibration_for_other_images_spoils_none(tmp_path, name, calibrated, joined):
     """Images have the numbers 1 and 2 of an axis."""
-
-    def measured(ys, number, **fields):
-        return [acquisition(kspace_encode_step_1=y, seed=10 * number + y, **{name: number}, **fields) for y in ys]
-
     repeated = [3, 5] if joined or name != "slice" else [3, 4, 5]
     scan = raw.read(write(tmp_path / "c.h5", [
-        *(a for n in (1, 2) for a in measured([0, 2, 4, 6], n)),
-        *(a for n in calibrated for a in measured(repeated, n, flags=flag(20))),
+        *(a for n in (1, 2) for a in lines([0, 2, 4, 6], 10 * n, **{name: n})),
+        *(a for n in calibrated for a in lines(repeated, 10 * n, flags=flag(20), **{name: n})),
     ]))  # fmt: skip
     kspace = np.moveaxis(scan.kspace, {"slice": 4, "contrast": 5, "repetition": 6}[name], 0)
     want = {y: [acquisition(seed=10 * n + y)[1] for n in (1, 2)] for y in range(8)}
@@ -209,16 +182,13 @@ def test_calibration_for_other_images_spoils_none(tmp_path, name, calibrated, jo
         np.testing.assert_array_equal(kspace[:, :, y, 0].reshape(2, 16, 2), want[y])
     assert (scan.calibration is None) == joined
     if not joined:
-        lines = np.moveaxis(scan.calibration[:, 0, 0, :, :, 0, 0], 2, 0)
         own = want[3] if name == "slice" else [acquisition(seed=10 * calibrated[0] + 3)[1]]
-        np.testing.assert_array_equal(lines, own)
+        np.testing.assert_array_equal(np.moveaxis(scan.calibration[:, 0, 0, :, :, 0, 0], 2, 0), own)
 
 
 def test_calibration_of_the_first_repetition_serves_a_part(tmp_path):
-    file = write(tmp_path / "c.h5", [
-        acquisition(kspace_encode_step_1=y, seed=y, repetition=r, flags=f)
-        for r, f, ys in ((0, flag(20), (3, 5)), (0, flag(21), (4,)), (0, 0, (2, 6)), (1, 0, (2, 4, 6))) for y in ys
-    ])  # fmt: skip
+    first = [*lines([3, 5], flags=flag(20)), *lines([4], flags=flag(21)), *lines([2, 6])]
+    file = write(tmp_path / "c.h5", [*first, *lines([2, 4, 6], repetition=1)])
     scan = raw.read(file, range=("repetition", 1, 1))
     for i, y in enumerate((3, 4, 5)):
         np.testing.assert_array_equal(scan.calibration[:, i, 0, :, 0, 0, 0], acquisition(seed=y)[1])
@@ -226,34 +196,28 @@ def test_calibration_of_the_first_repetition_serves_a_part(tmp_path):
 
 def test_slices_are_put_in_the_order_of_their_places(tmp_path):
     where = [7.0, 1.0, 4.0]
-    file = write(
-        tmp_path / "s.h5",
-        [a for s, z in enumerate(where) for a in lines(slice=s, position=(0, 0, z), user_int=s)],
-    )
+    measured = [a for s, z in enumerate(where) for a in lines(slice=s, position=(0, 0, z), user_int=s)]
+    file = write(tmp_path / "s.h5", measured)
     scan = raw.read(file)
     assert [p.position[2] for p in scan.layout.header.placements] == [1, 4, 7] and scan.layout.header.spacing == 3
     part = raw.read(file, range=("slice", 1, 2))
     np.testing.assert_array_equal(part.kspace, scan.kspace[:, :, :, :, 1:])
-    turned = [Placement(p.position, p.phase, p.read, p.slice) for p in scan.layout.header.placements[:1]]
-    uneven = [*scan.layout.header.placements[:2], Placement(np.array([0, 0, 9.0]), *np.eye(3))]
+    first, *others = scan.layout.header.placements
+    turned = [Placement(first.position, first.phase, first.read, first.slice), *others]
+    uneven = [first, others[0], Placement(np.array([0, 0, 9.0]), *np.eye(3))]
     through_centre = [Placement(np.zeros(3), *np.roll(np.eye(3), i, 0)) for i in range(3)]
-    for places, words in (
-        (turned + scan.layout.header.placements[1:], "not parallel"),
-        (through_centre, "not parallel"),
-        (uneven, "unevenly"),
-    ):
+    for places, words in ((turned, "not parallel"), (through_centre, "not parallel"), (uneven, "unevenly")):
         with pytest.raises(ValueError, match=words):
             nifti.affine(header(placements=places), (8, 8, 1, 3), (16, 24, 3))
 
 
 def test_slices_without_places_merge(tmp_path):
     file = write(tmp_path / "s.h5", [a for s in range(2) for a in lines(slice=s)])
-    for name, part in (("whole", ()), ("a", (0, 0)), ("b", (1, 1))):
-        options = ["--range", "slice", *map(str, part)] if part else []
-        assert cli.main(["recon", str(file), "-o", f"{tmp_path}/{name}.nii", *options]) == 0
-    names = [f"{tmp_path}/{name}.nii" for name in "ab"]
-    assert cli.main(["merge", *names, "-o", f"{tmp_path}/merged.nii"]) == 0
-    merged, whole = (nibabel.load(tmp_path / f"{name}.nii") for name in ("merged", "whole"))
+    whole, parts = recon(file, tmp_path / "whole.nii"), [tmp_path / f"{n}.nii" for n in range(2)]
+    for n, part in enumerate(parts):
+        recon(file, part, "--range", "slice", n, n)
+    assert run("merge", *parts, "-o", tmp_path / "merged.nii") == 0
+    merged = nibabel.load(tmp_path / "merged.nii")
     np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
     np.testing.assert_array_equal(merged.affine, whole.affine)
     assert merged.header["sform_code"] == whole.header["sform_code"] == 0
@@ -302,10 +266,10 @@ def cut(path):
     (lambda path: None, "No such file"),
     (lambda path: path.mkdir(), "Is a directory"),
     (lambda path: path.write_text("PK"), "not an HDF5 file"),
-    (lambda path: os.mkfifo(path), "is a pipe, not a file"),
+    (os.mkfifo, "is a pipe, not a file"),
     (lambda path: path.symlink_to("/dev/zero"), "is a device or a socket, not a file"),
     (lambda path: path.symlink_to(path), "Too many levels of symbolic links"),
-    (lambda path: link_elsewhere(path), "is in another file"),
+    (link_elsewhere, "is in another file"),
     *((lambda path, time=time: foreign.write(path, foreign.records(foreign.image(32, 16)), foreign.header(32, 16, te=time)),
        f"TE of its header is {time or 'empty'}; expected milliseconds") for time in ("inf", "nan", "0", "-1", "soon", "")),
     (cut, "cut short"),
@@ -326,20 +290,19 @@ def cut(path):
     (lambda path: write(path, [acquisition(12, kspace_encode_step_1=y, center_sample=4, contrast=e, flags=e * flag(22))
                                for e in (0, 1) for y in range(8)]), "--range echo 0 0"),
     *((lambda path, flags=flags, by=by: write(path, [*lines(), *((h, s * np.float32(by)) for h, s in lines(flags=flags))]),
-       "not finite or above 1e15") for flags in (0, flag(19)) for by in (np.nan, 1e17)),
+       "acquisition 8 holds values that are not finite or above 1e15") for flags in (0, flag(19)) for by in (np.nan, 1e17)),
 ])  # fmt: skip
 def test_defects_are_told_in_one_line_with_the_mend(tmp_path, capsys, make, words):
-    path = tmp_path / "raw.h5"
+    path, image = tmp_path / "raw.h5", tmp_path / "i.nii"
     make(path)
-    assert cli.main(["recon", str(path), "-o", f"{tmp_path}/i.nii"]) == cli.DEFECT
-    told = capsys.readouterr().err
-    assert told.count("\n") == 1 and told.startswith(f"ctessel: {path}: ") and "; " in told
+    told = refused(capsys, "; ", "recon", path, "-o", image)
+    assert told.startswith(f"ctessel: {path}: ")
     with pytest.raises(raw.RawError, match=words):
         raw.read(path)
-    assert not (tmp_path / "i.nii").exists()
+    assert not image.exists()
     _, found, mend = told.partition("--range")
     if found:
-        assert cli.main(["recon", str(path), "-o", f"{tmp_path}/i.nii", found, *mend.split()]) == 0
+        recon(path, image, found, *mend.split())
 
 
 def test_reading_changes_no_file_and_locks_nobody_out(tmp_path):
@@ -351,8 +314,7 @@ def test_reading_changes_no_file_and_locks_nobody_out(tmp_path):
     before = {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in (whole, empty, short)}
     held = _raw.Reader(str(whole), "dataset")
     for path, words in ((whole, ""), (empty, "the file is empty"), (short, "cut short")):
-        command = [sys.executable, "-m", "ctessel", "info", str(path)]
-        told = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True).stderr
+        told = subprocess.run([sys.executable, "-m", "ctessel", "info", path], capture_output=True, text=True).stderr
         assert words in told and told.count("\n") == bool(words), told
     assert len(held) == 8
     assert before == {path: (path.stat().st_mtime_ns, path.read_bytes()) for path in before}
@@ -366,21 +328,17 @@ def test_free_memory_is_what_the_control_group_leaves(tmp_path):
     assert 4700 in runtime._group_rests(tmp_path)
 
 
-def resident(field):
-    return 1024 * int(re.search(rf"{field}:\s+(\d+)", Path("/proc/self/status").read_text())[1])
-
-
 def test_samples_are_in_memory_once(tmp_path):
     phantom.write(tmp_path / "p.h5", "repetitions", repetitions=20, noise=0.0)
     found = raw.contents(tmp_path / "p.h5")
     Path("/proc/self/clear_refs").write_text("5")  # the peak starts anew
-    before = resident("VmRSS")
+    before = memory("VmRSS")
     tracemalloc.start()
     scan = raw.read(tmp_path / "p.h5", found=found)
     peak = tracemalloc.get_traced_memory()[1]
     tracemalloc.stop()
     assert scan.kspace.nbytes > 40e6 and peak < scan.kspace.nbytes + 2 * raw.BLOCK_BYTES
-    held = resident("VmHWM") - before  # the lines in the file, too, of which a few blocks are here at once
+    held = memory("VmHWM") - before  # the lines in the file, too, of which a few blocks are here at once
     assert held < scan.kspace.nbytes + 6 * raw.BLOCK_BYTES
     on_disk = raw.read(tmp_path / "p.h5", found=found, scratch=tmp_path)
     np.testing.assert_array_equal(on_disk.kspace, scan.kspace)

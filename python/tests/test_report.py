@@ -11,9 +11,10 @@ import foreign
 import nibabel
 import numpy as np
 import pytest
+from command import recon, refused, run, sidecar
 from PIL import Image
 
-from ctessel import __version__, cli, page, phantom, png
+from ctessel import __version__, page, phantom, png
 
 HOSTILE = "</script><b>\"'&--> " + "long" * 200
 
@@ -54,9 +55,8 @@ def decoded(file):
 
 
 def report(scan, folder, *options):
-    target = folder / "report.html"
-    assert cli.main(["recon", str(scan), "-o", str(folder / "i.nii"), "--report", str(target), *map(str, options)]) == 0
-    return target.read_text()
+    recon(scan, folder / "i.nii", "--report", folder / "report.html", *options)
+    return (folder / "report.html").read_text()
 
 
 def blocks(path, coils=3, change=1.0, **fields):
@@ -72,7 +72,7 @@ def blocks(path, coils=3, change=1.0, **fields):
 def test_a_report_says_what_was_done_without_javascript(tmp_path, kind, changes):
     phantom.write(scan := tmp_path / "scan.h5", kind, **changes)
     text = report(scan, tmp_path, "--ringing", 0.2)
-    made, heads = Document(text), json.loads((tmp_path / "i.json").read_text())["Steps"]
+    made, heads = Document(text), sidecar(tmp_path / "i.nii")["Steps"]
     assert len(made.all("h1")) == 1 and len(made.all("h2")) >= 3 and made.all("html")[0]["lang"] == "en"
     assert "Methods" in made.words["h2"] and any("1983" in words for words in made.words["li"])
     words = " ".join(sum(made.words.values(), []))
@@ -113,9 +113,8 @@ def test_warnings_come_first_and_lost_lines_are_shown(tmp_path):
 
 
 def test_scans_without_signal_have_a_report(tmp_path):
-    scan = foreign.write(
-        tmp_path / "s.h5", foreign.records(np.zeros((2, 16, 32), np.complex64)), foreign.header(32, 16)
-    )
+    nothing = foreign.records(np.zeros((2, 16, 32), np.complex64))
+    scan = foreign.write(tmp_path / "s.h5", nothing, foreign.header(32, 16))
     with warnings.catch_warnings():
         warnings.simplefilter("error", RuntimeWarning)
         assert not Document(report(scan, tmp_path)).picture("Image of slice 0").any()
@@ -132,7 +131,7 @@ def test_names_in_files_stay_text(tmp_path):
     image.header["descrip"] = b"</script><b>"
     image.to_filename(tmp_path / "x<b>.nii.gz")
     (tmp_path / "x<b>.json").write_text(json.dumps({"Warnings": [HOSTILE], HOSTILE: HOSTILE, "Steps": [HOSTILE]}))
-    assert cli.main(["view", str(tmp_path / "x<b>.nii.gz"), "-o", str(tmp_path / "v.html")]) == 0
+    assert run("view", tmp_path / "x<b>.nii.gz", "-o", tmp_path / "v.html") == 0
     made = Document((tmp_path / "v.html").read_text())
     assert not made.all("b") and made.words["h2"][0] == "Warnings" and len(made.all("img")) == 4
     assert HOSTILE in made.words["td"] and "</script><b>" in made.words["td"]
@@ -145,14 +144,11 @@ def test_a_page_that_cannot_be_is_refused_before_reading(tmp_path, capsys, monke
     (tmp_path / "folder.html").mkdir()
     monkeypatch.setattr("ctessel.raw.read", lambda *_, **__: pytest.fail("was read"))
     for name in ("none/r.html", "folder.html"):
-        assert cli.main(["recon", str(scan), "-o", str(tmp_path / "i.nii"), "--report", str(tmp_path / name)]) == 1
-        told = capsys.readouterr().err
-        assert told.count("\n") == 1 and not (tmp_path / "i.nii").exists()
+        refused(capsys, "", "recon", scan, "-o", tmp_path / "i.nii", "--report", tmp_path / name)
     (tmp_path / "no.nii").write_text("no image")
-    for names, words in ((["none.nii"], "no such file"), (["no.nii"], "is it a NIfTI image?"), (["s.h5"], ".nii")):
-        assert cli.main(["view", *(str(tmp_path / n) for n in names), "-o", str(tmp_path / "v.html")]) == 1
-        told = capsys.readouterr().err
-        assert told.count("\n") == 1 and words in told and not (tmp_path / "v.html").exists()
+    for name, words in (("none.nii", "no such file"), ("no.nii", "is it a NIfTI image?"), ("s.h5", ".nii")):
+        refused(capsys, words, "view", tmp_path / name, "-o", tmp_path / "v.html")
+    assert not (tmp_path / "i.nii").exists() and not (tmp_path / "v.html").exists()
 
 
 def test_pages_are_small_volumes_are_capped_and_a_missing_viewer_is_told(tmp_path, monkeypatch):

@@ -15,24 +15,12 @@ from kernels import CALLS, DATA
 
 import ctessel
 
-POINTS = DATA.real[..., 0] * np.float32(0.05)
-TABLES = np.ones((14, 12)) * 1e-9, np.ones((14, 12)) * 1e-9, np.ones(17)
-
-GEOMETRY = (
-    ctessel.geometry_correction,
-    {
-        "x": POINTS,
-        "y": POINTS,
-        "z": POINTS,
-        "coeff_x": TABLES[0],
-        "coeff_y": TABLES[1],
-        "coeff_z": TABLES[2],
-        "r0": 0.2,
-    },
-)
+POINTS, TABLE = DATA.real[..., 0] * np.float32(0.05), np.full((14, 12), 1e-9)
+GEOMETRY = {**dict.fromkeys("xyz", POINTS), "coeff_x": TABLE, "coeff_y": TABLE, "coeff_z": np.ones(17), "r0": 0.2}
+KERNELS = {**CALLS, "geometry": (ctessel.geometry_correction, GEOMETRY)}
 
 
-@pytest.mark.parametrize("kernel, arguments", [*CALLS.values(), GEOMETRY], ids=[*CALLS, "geometry"])
+@pytest.mark.parametrize("kernel, arguments", KERNELS.values(), ids=KERNELS)
 def test_same_bits_from_any_number_of_threads_and_callers(kernel, arguments):
     def call(threads):
         result = kernel(**arguments, threads=threads)
@@ -110,11 +98,7 @@ def test_a_forked_child_can_call():
 
 @pytest.mark.parametrize("chosen", ({}, {"OMP_WAIT_POLICY": "active"}))
 def test_waiting_threads_sleep_soon_unless_asked_otherwise(chosen):
-    told = subprocess.run(
-        [sys.executable, "-c", "import ctessel, os; print('GOMP_SPINCOUNT' in os.environ)"],
-        env={"PATH": "", "OMP_DISPLAY_ENV": "verbose", **chosen},
-        capture_output=True,
-        text=True,
-    )
+    ask = [sys.executable, "-c", "import ctessel, os; print('GOMP_SPINCOUNT' in os.environ)"]
+    told = subprocess.run(ask, env={"OMP_DISPLAY_ENV": "verbose", **chosen}, capture_output=True, text=True)
     assert ("GOMP_SPINCOUNT = '1000'" in told.stderr) is not bool(chosen), told.stderr
     assert told.stdout == "False\n"  # children and other libraries have their own choice

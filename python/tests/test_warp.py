@@ -7,9 +7,12 @@ import subprocess
 import nibabel
 import numpy as np
 import pytest
+from command import pixels, refused, run, sidecar
+from conftest import same_bits
 
-from ctessel import cli, warp
+from ctessel import cli, pipeline, warp
 from ctessel.gradients import Coefficients, Term, read_coefficients
+from ctessel.scan import Placement
 
 LINEAR = (Term("x", "A", 1, 1, 1.0), Term("y", "B", 1, 1, 1.0), Term("z", "A", 1, 0, 1.0))
 TERMS = (
@@ -29,11 +32,8 @@ def grid_of(steps, shape, turn=TURN):
     return warp.Grid(affine.astype(np.float32).astype(float), shape)  # as a file holds it
 
 
-GRIDS = [
-    grid_of((-3.0, 4, 5), (20, 18, 14)),
-    grid_of((3.0, 4, 5), (20, 18, 14)),
-    grid_of((-3, -4, 5.0), (9, 8, 7), np.eye(3)),
-]
+GRIDS = [grid_of((side * 3.0, 4, 5), (20, 18, 14)) for side in (-1, 1)]
+GRIDS.append(grid_of((-3, -4, 5.0), (9, 8, 7), np.eye(3)))
 
 
 def world(grid):
@@ -78,10 +78,9 @@ def test_an_object_is_found_where_it_is(position, axis):
     true, step = encoded, 1e-3
     for _ in range(60):
         true = encoded - polynomial(axis, true)
-    slopes = [
-        (polynomial(axis, true + d) - polynomial(axis, true - d))[..., axis] / (2 * step) for d in step * np.eye(3)
-    ]
-    image = density(true @ to_scanner) / (1 + slopes[axis])  # to_scanner is its own inverse
+    along = step * np.eye(3)[axis]
+    slope = (polynomial(axis, true + along) - polynomial(axis, true - along))[..., axis] / (2 * step)
+    image = density(true @ to_scanner) / (1 + slope)  # to_scanner is its own inverse
     coefficients = Coefficients((*LINEAR, SECOND[axis]), 250.0, "LPS")
     correction = warp.Correction(coefficients, position)
     got = warp.unwarp(image.astype(np.float32), grid, correction)
@@ -102,23 +101,18 @@ def test_an_object_is_found_where_it_is(position, axis):
 def test_forward_and_inverse_are_the_identity(dims, grid):
     back = warp.Correction(FIELD, "FFS", dims, distort=True)
     there = warp.Correction(FIELD, "FFS", dims)
-    moved, size = back.evaluate(grid, ["displacement", "determinant"])
-    start = world(grid)
-    points = (start + moved)[::3, ::3, ::3].reshape(-1, 3)
+    moved, size = (values[::3, ::3, ::3] for values in back.evaluate(grid, ["displacement", "determinant"]))
+    start = world(grid)[::3, ::3, ::3]
     normal = np.cross(grid.affine[:3, 0], grid.affine[:3, 1])
-    for point, encoded, scale in zip(
-        points, start[::3, ::3, ::3].reshape(-1, 3), size[::3, ::3, ::3].flat, strict=True
-    ):
+    for at in np.ndindex(size.shape):
         affine = grid.affine.copy()
-        affine[:3, 3] = point
-        here = warp.Grid(affine, (1, 1, 1))
-        step, factor = there.evaluate(here, ["displacement", "determinant"])
-        np.testing.assert_allclose(point + step[0, 0, 0], encoded, atol=1e-4)
-        assert factor[0, 0, 0] * scale == pytest.approx(1, abs=1e-9)
+        affine[:3, 3] = start[at] + moved[at]
+        step, factor = there.evaluate(warp.Grid(affine, (1, 1, 1)), ["displacement", "determinant"])
+        np.testing.assert_allclose(affine[:3, 3] + step[0, 0, 0], start[at], atol=1e-4)
+        assert factor[0, 0, 0] * size[at] == pytest.approx(1, abs=1e-9)
         across = step[0, 0, 0] @ normal / np.linalg.norm(normal)
-        size_of_step = np.linalg.norm(step)
         if dims < 3:
-            assert abs(across) == pytest.approx(0 if dims == 2 else size_of_step, abs=1e-9)
+            assert abs(across) == pytest.approx(0 if dims == 2 else np.linalg.norm(step), abs=1e-9)
 
 
 @pytest.mark.parametrize("dims", [3, 2, 1])
@@ -167,10 +161,6 @@ def smooth(grid, seed=0):
     return (100 + 10 * waves).astype(np.float32)
 
 
-def run(*words):
-    return cli.main([str(w) for w in words])
-
-
 def made(tmp_path, table, grid, *options, kind="itk"):
     image = save(tmp_path / "a.nii.gz", smooth(grid), grid, PatientPosition="HFP", ImageType=["ND"])
     out = tmp_path / f"{kind}.nii.gz"
@@ -183,15 +173,13 @@ def made(tmp_path, table, grid, *options, kind="itk"):
 def test_conventions_of_warp_files(tmp_path, table, grid, direction):
     correction = warp.Correction(read_coefficients(table), "HFP", distort=direction == "distort")
     target = world(grid) + correction.evaluate(grid, ["displacement"])[0]
-    files = {
-        k: made(tmp_path, table, grid, "--direction", direction, kind=k)[1] for k in ("itk", "fsl", "fsl-abs", "ras")
-    }
-    itk = files["itk"]
+    options, kinds = (table, grid, "--direction", direction), ("itk", "fsl", "fsl-abs", "ras")
+    itk, fsl, fsl_abs, ras = (made(tmp_path, *options, kind=kind)[1] for kind in kinds)
     assert itk.shape == (*grid.shape, 1, 3) and itk.header["intent_code"] == 1007
     assert itk.header["sform_code"] == itk.header["qform_code"] == 1
     moved = itk.get_fdata()[:, :, :, 0] * (-1, -1, 1)
     np.testing.assert_allclose(world(grid) + moved, target, atol=1e-5)
-    np.testing.assert_allclose(files["ras"].get_fdata(), target, atol=1e-5)
+    np.testing.assert_allclose(ras.get_fdata(), target, atol=1e-5)
 
     def scaled(points):  # FSL's coordinates by their definition
         voxels = (points - grid.affine[:3, 3]) @ np.linalg.inv(grid.affine[:3, :3]).T
@@ -199,8 +187,8 @@ def test_conventions_of_warp_files(tmp_path, table, grid, direction):
             voxels[..., 0] = grid.shape[0] - 1 - voxels[..., 0]
         return voxels * itk.header.get_zooms()[:3]
 
-    np.testing.assert_allclose(files["fsl-abs"].get_fdata(), scaled(target), atol=1e-4)
-    np.testing.assert_allclose(files["fsl"].get_fdata(), scaled(target) - scaled(world(grid)), atol=1e-5)
+    np.testing.assert_allclose(fsl_abs.get_fdata(), scaled(target), atol=1e-4)
+    np.testing.assert_allclose(fsl.get_fdata(), scaled(target) - scaled(world(grid)), atol=1e-5)
 
 
 @pytest.mark.skipif(not shutil.which("mrtransform"), reason="no mrtransform")
@@ -209,15 +197,11 @@ def test_another_tool_with_our_warp_gives_our_image(tmp_path, table, grid):
     image, _ = made(tmp_path, table, grid, kind="itk")
     made(tmp_path, table, grid, kind="ras")
     assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "u.nii", "--no-intensity") == 0
-    ours = nibabel.load(tmp_path / "u.nii").get_fdata()
-    quiet = ["-quiet", "-force"]
-    subprocess.run(
-        ["mrtransform", image, "-warp", tmp_path / "ras.nii.gz", "-interp", "cubic", tmp_path / "m.nii", *quiet],
-        check=True,
-    )
-    theirs = nibabel.load(tmp_path / "m.nii").get_fdata()
+    ours = pixels(tmp_path / "u.nii")
+    command = ["mrtransform", image, "-warp", "ras.nii.gz", "-interp", "cubic", "m.nii", "-quiet", "-force"]
+    subprocess.run(command, cwd=tmp_path, check=True)
     inner = (slice(4, -4),) * 3
-    error = np.abs(ours - theirs)[inner].max()
+    error = np.abs(ours - pixels(tmp_path / "m.nii"))[inner].max()
     assert error < 0.015 and np.abs(ours - smooth(grid))[inner].max() > 10 * error
 
 
@@ -225,7 +209,7 @@ def test_another_tool_with_our_warp_gives_our_image(tmp_path, table, grid):
 def test_deviations_turn_b_vectors_as_the_field_does(tmp_path, table, grid):
     files = [tmp_path / "g.nii.gz", tmp_path / "j.nii"]
     made(tmp_path, table, grid, "--grad-dev", files[0], "--jacobian", files[1])
-    deviation, size = (nibabel.load(f).get_fdata() for f in files)
+    deviation, size = (pixels(f) for f in files)
     assert deviation.shape == (*grid.shape, 9)
     jacobian = warp.Correction(read_coefficients(table), "HFP").evaluate(grid, ["jacobian"])[0]
     np.testing.assert_allclose(size, np.abs(np.linalg.det(jacobian)), atol=1e-6)
@@ -246,7 +230,7 @@ def test_a_field_over_a_cube_of_the_scanner(tmp_path, table):
     image = nibabel.load(out)
     assert image.shape == (7, 7, 7, 3) and np.abs(image.get_fdata()[3, 3, 3]).max() == 0
     np.testing.assert_array_equal(image.affine[:3, 3], [-60, -60, -60])
-    known = json.loads((tmp_path / "w.json").read_text())
+    known = sidecar(out)
     assert known["WarpType"] == "ras" and known["PatientPosition"] == "HFS"
 
 
@@ -255,26 +239,22 @@ def test_where_the_inverse_does_not_converge(tmp_path, capsys):
     table, out = tmp_path / "c.txt", tmp_path / "w.nii.gz"
     table.write_text(f"x 3 1 {1 / 3}\n")
     assert run("warp", table, "-o", out, "--direction", "distort", "--extent", 400, "--spacing", 100) == 0
-    lost = np.isnan(nibabel.load(out).get_fdata()[..., 0, 0])
+    lost = np.isnan(pixels(out)[..., 0, 0])
     assert lost[0].any() and not lost[2].any()
     lines = capsys.readouterr().err.splitlines()
-    assert (
-        lines[-1]
-        == f"ctessel: warning: {lost.sum()} voxels have no position: the inverse does not converge there (NaN)"
-    )
+    nowhere = "voxels have no position: the inverse does not converge there (NaN)"
+    assert lines[-1] == f"ctessel: warning: {lost.sum()} {nowhere}"
     assert lines[0].startswith("ctessel: warning: the field: reaches 346 mm from the isocentre")
 
 
 # ---- Images --------------------------------------------------------------------------------------
 
 
-def unwarped(tmp_path, data, grid, table, *options, **sidecar):
-    image, out = (
-        save(tmp_path / "in.nii.gz", data, grid, **{"PatientPosition": "HFS", **sidecar}),
-        tmp_path / "out.nii.gz",
-    )
+def unwarped(tmp_path, data, grid, table, *options, **entries):
+    image = save(tmp_path / "in.nii.gz", data, grid, **{"PatientPosition": "HFS", **entries})
+    out = tmp_path / "out.nii.gz"
     assert run("unwarp", image, "--coefficients", table, "-o", out, *options) == 0
-    return nibabel.load(out), json.loads((tmp_path / "out.json").read_text())
+    return nibabel.load(out), sidecar(out)
 
 
 def test_linear_gradients_change_no_bit(tmp_path):
@@ -329,6 +309,20 @@ def test_interpolations_of_fine_detail(table):
     assert error["cubic"] < 0.02 and error["sinc"] < 0.02 and error["linear"] > 0.1, error
 
 
+@pytest.mark.parametrize("order, interpolation", [(3, "cubic"), (1, "linear")])
+def test_a_slab_of_a_scan_is_corrected_where_it_lies(order, interpolation):
+    image, field, centre = smooth(GRIDS[0]) * np.complex64(np.exp(0.3j)), (60.0, 72.0, 70.0), np.array([10.0, 0, 5])
+    along = [(np.arange(n) - n // 2) * f / n for n, f in zip(image.shape, field)]
+    points = centre + np.stack(np.meshgrid(*along, indexing="ij"), -1) @ TURN.T
+    placement = Placement(centre, *TURN.T)
+    grid = warp.scan_grid([placement], image.shape, field)
+    voxels = np.moveaxis(pipeline.voxel_positions(image.shape, placement, field), 0, -1)
+    for found in (world(grid) * (-1, -1, 1), voxels):
+        np.testing.assert_allclose(found, points, atol=1e-9)
+    want = warp.unwarp(image, grid, warp.Correction(FIELD, "FFS"), interpolation=interpolation)
+    same_bits(pipeline.geometry(image, placement, field, FIELD, position="FFS", order=order), want)
+
+
 def test_a_slice_is_corrected_in_its_plane(tmp_path, table, capsys):
     thick = grid_of((-4.0, 4, 5), (32, 30, 3))
     column = np.repeat(smooth(thick)[:, :, 1:2], 3, axis=2)
@@ -340,27 +334,24 @@ def test_a_slice_is_corrected_in_its_plane(tmp_path, table, capsys):
     assert "a single slice is sampled only within its plane" in capsys.readouterr().err
 
 
-@pytest.mark.parametrize(
-    "sidecar, mode, warns",
-    [
-        ({}, "3d", "no sidecar says whether the scanner corrected it"),
-        ({"ImageType": ["M", "ND"]}, "3d", ""),
-        ({"ImageType": "ORIGINAL\\M\\ND"}, "3d", ""),
-        ({"ImageType": ["M", "DIS2D"], "NonlinearGradientCorrection": True}, "through-plane", ""),
-        ({"ImageType": ["M", "DIS3D"]}, "none", "was corrected before"),
-        ({"NonlinearGradientCorrection": True}, "none", "was corrected on the scanner"),
-        ({"NonlinearGradientCorrection": False}, "3d", ""),
-        ({"ImageType": ["ND"], "GradientCorrection": {"Mode": "3d"}}, "none", "was corrected before"),
-    ],
-)
-def test_auto_corrects_what_is_left(tmp_path, table, capsys, sidecar, mode, warns):
+@pytest.mark.parametrize("entries, mode, warns", [
+    ({}, "3d", "no sidecar says whether the scanner corrected it"),
+    ({"ImageType": ["M", "ND"]}, "3d", ""),
+    ({"ImageType": "ORIGINAL\\M\\ND"}, "3d", ""),
+    ({"ImageType": ["M", "DIS2D"], "NonlinearGradientCorrection": True}, "through-plane", ""),
+    ({"ImageType": ["M", "DIS3D"]}, "none", "was corrected before"),
+    ({"NonlinearGradientCorrection": True}, "none", "was corrected on the scanner"),
+    ({"NonlinearGradientCorrection": False}, "3d", ""),
+    ({"ImageType": ["ND"], "GradientCorrection": {"Mode": "3d"}}, "none", "was corrected before"),
+])  # fmt: skip
+def test_auto_corrects_what_is_left(tmp_path, table, capsys, entries, mode, warns):
     grid = GRIDS[1]
-    got, known = unwarped(tmp_path, smooth(grid), grid, table, **sidecar)
+    got, known = unwarped(tmp_path, smooth(grid), grid, table, **entries)
     stderr = capsys.readouterr().err
     assert (warns in stderr) if warns else stderr == ""
     if mode == "none":
         np.testing.assert_array_equal(got.get_fdata(dtype=np.float32), smooth(grid))
-        assert known.get("GradientCorrection") == sidecar.get("GradientCorrection")
+        assert known.get("GradientCorrection") == entries.get("GradientCorrection")
         return
     assert known["GradientCorrection"]["Mode"] == mode
     correction = warp.Correction(read_coefficients(table), "HFS", warp.MODES[mode])
@@ -376,69 +367,57 @@ def bad(tmp_path, name):
         nibabel.Nifti1Image(data, None).to_filename(path)
     elif name == "text":
         path.write_text("no image")
-    elif name == "cut":
-        save(path, data, GRIDS[2], PatientPosition="HFS", ImageType=["ND"])
+    elif name != "absent":
+        known = {"HFDR": {"PatientPosition": "HFDR"}, "cut": {"PatientPosition": "HFS", "ImageType": ["ND"]}}
+        save(path, data, GRIDS[2], **known.get(name, {"ImageType": ["ND"]}))
+    if name == "cut":
         path.write_bytes(path.read_bytes()[:1000])
-    elif name in ("HFDR", "unknown"):
-        save(path, data, GRIDS[2], **({"PatientPosition": name} if name == "HFDR" else {"ImageType": ["ND"]}))
-    elif name == "sidecar":
-        save(path, data, GRIDS[2])
+    if name == "sidecar":
         (tmp_path / "bad.json").write_text("{")
     return path
 
 
-@pytest.mark.parametrize(
-    "name, text",
-    [
-        ("absent", "bad.nii: no such file; check the name"),
-        ("flat", "bad.nii: has voxels without a volume; its affine or extents are unusable"),
-        ("nowhere", "bad.nii: has no position in the scanner (codes of sform and qform are 0)"),
-        ("text", "bad.nii: cannot be read"),
-        ("cut", "bad.nii: cannot be read"),
-        ("unknown", "bad.nii: bad.json has no PatientPosition; state it with --position, for example HFS"),
-        ("HFDR", "position: expected one of HFS, HFP, FFS, FFP, got 'HFDR'"),
-        ("sidecar", "bad.json: cannot be read"),
-    ],
-)
+@pytest.mark.parametrize("name, text", [
+    ("absent", "bad.nii: no such file; check the name"),
+    ("flat", "bad.nii: has voxels without a volume; its affine or extents are unusable"),
+    ("nowhere", "bad.nii: has no position in the scanner (codes of sform and qform are 0)"),
+    ("text", "bad.nii: cannot be read"), ("cut", "bad.nii: cannot be read"),
+    ("unknown", "bad.nii: bad.json has no PatientPosition; state it with --position, for example HFS"),
+    ("HFDR", "position: expected one of HFS, HFP, FFS, FFP, got 'HFDR'"), ("sidecar", "bad.json: cannot be read"),
+])  # fmt: skip
 def test_images_that_cannot_be_used_leave_one_line_and_no_file(tmp_path, table, capsys, name, text):
-    image = bad(tmp_path, name)
+    image, out = bad(tmp_path, name), tmp_path / "o.nii.gz"
     before = sorted(tmp_path.iterdir())
-    assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "o.nii.gz", "--mode", "3d") == cli.DEFECT
-    lines = capsys.readouterr().err.splitlines()
-    assert len(lines) == 1 and lines[0].startswith("ctessel: ") and text in lines[0]
+    told = refused(capsys, text, "unwarp", image, "--coefficients", table, "-o", out, "--mode", "3d")
+    assert told.startswith("ctessel: ")
     if name != "cut":
-        assert run("warp", table, "--like", image, "-o", tmp_path / "o.nii.gz") == cli.DEFECT
+        assert run("warp", table, "--like", image, "-o", out) == cli.DEFECT
     assert sorted(tmp_path.iterdir()) == before
 
 
 def test_wrong_use(tmp_path, table, capsys):
-    image = save(tmp_path / "a.nii", smooth(GRIDS[2]), GRIDS[2], PatientPosition="HFS")
+    image, out = save(tmp_path / "a.nii", smooth(GRIDS[2]), GRIDS[2], PatientPosition="HFS"), tmp_path / "w.nii"
     for words in (
         ["warp", table, "-o", tmp_path / "w.txt"],
-        ["warp", table, "-o", tmp_path / "w.nii", "--like", image, "--extent", 100],
-        ["warp", table, "-o", tmp_path / "w.nii", "--dims", 4],
-        ["warp", table, "-o", tmp_path / "w.nii", "--spacing", 0],
-        ["unwarp", image, "--coefficients", table, "-o", tmp_path / "w.nii", "--axes", "xyz"],
-        ["unwarp", image, "-o", tmp_path / "w.nii"],
+        ["warp", table, "-o", out, "--like", image, "--extent", 100],
+        *(["warp", table, "-o", out, *option] for option in (["--dims", 4], ["--spacing", 0])),
+        ["unwarp", image, "--coefficients", table, "-o", out, "--axes", "xyz"],
+        ["unwarp", image, "-o", out],
     ):
-        with pytest.raises(SystemExit) as error:
-            run(*words)
-        assert error.value.code == cli.USAGE
-    assert run("unwarp", image, "--coefficients", image, "-o", tmp_path / "w.nii") == cli.DEFECT
-    assert "a.nii: is not text" in capsys.readouterr().err
-    assert run("warp", table, "-o", tmp_path / "w.nii", "--jacobian", tmp_path / "w.nii") == cli.DEFECT
-    assert "w.nii: is named for two files" in capsys.readouterr().err
-    assert run("unwarp", image, "--coefficients", table, "-o", tmp_path / "none" / "w.nii") == cli.DEFECT
-    assert "none: no such folder" in capsys.readouterr().err
-    assert not (tmp_path / "w.nii").exists()
+        assert run(*words) == cli.USAGE
+    capsys.readouterr()
+    refused(capsys, "a.nii: is not text", "unwarp", image, "--coefficients", image, "-o", out)
+    refused(capsys, "w.nii: is named for two files", "warp", table, "-o", out, "--jacobian", out)
+    elsewhere = tmp_path / "none" / "w.nii"
+    refused(capsys, "none: no such folder", "unwarp", image, "--coefficients", table, "-o", elsewhere)
+    assert not out.exists()
 
 
 def test_a_guess_of_axes_is_told(tmp_path, capsys):
-    coil, out = tmp_path / "c.dat", tmp_path / "w.nii"
-    coil.write_text("SCALEZ3 1e-4\n")
-    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0 and not capsys.readouterr().err
-    coil.write_text("SCALEZ2 1e-4\n")
-    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50) == 0
-    assert "LPS is assumed; state it with --axes" in capsys.readouterr().err
-    assert run("warp", coil, "-o", out, "--extent", 100, "--spacing", 50, "--axes", "RAS") == 0
-    assert not capsys.readouterr().err
+    coil = tmp_path / "c.dat"
+    told = "LPS is assumed; state it with --axes"
+    for text, axes, words in (("SCALEZ3", [], ""), ("SCALEZ2", [], told), ("SCALEZ2", ["--axes", "RAS"], "")):
+        coil.write_text(f"{text} 1e-4\n")
+        assert run("warp", coil, "-o", tmp_path / "w.nii", "--extent", 100, "--spacing", 50, *axes) == 0
+        error = capsys.readouterr().err
+        assert words in error and bool(error) == bool(words)

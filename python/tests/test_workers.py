@@ -11,9 +11,11 @@ from pathlib import Path
 
 import numpy as np
 import pytest
+from command import recon
 from conftest import same_bits
+from processes import children, until
 
-from ctessel import cli, phantom, pipeline, raw, reconstruct
+from ctessel import phantom, pipeline, raw, reconstruct
 from ctessel.pipeline import Options
 from ctessel.workers import Workers
 
@@ -24,9 +26,7 @@ def workers():
         yield started
 
 
-@pytest.mark.parametrize(
-    "kind", ["undersampled-3", "interleaved", "averages", "partial-readout", "3d-undersampled", "echoes"]
-)
+@pytest.mark.parametrize("kind", "undersampled-3 interleaved averages partial-readout 3d-undersampled echoes".split())
 def test_a_file_gives_the_samples_of_the_whole_block_by_block(tmp_path, kind):
     phantom.write(tmp_path / "p.h5", kind, size=32, coils=2, noise=0.01)
     found = raw.contents(tmp_path / "p.h5", cut=True)
@@ -65,15 +65,12 @@ def test_workers_make_the_sensitivities_of_a_slice_once_where_there_are_enough(t
 
 
 def test_the_command_gives_the_bits_of_one_process(tmp_path):
-    nibabel = pytest.importorskip("nibabel")
     for kind in ("slices", "3d-undersampled", "3d-caipi"):
         phantom.write(tmp_path / "p.h5", kind, size=32, coils=4)
-        images = []
-        for options in ([], ["--workers", "2"], ["--workers", "2", "--scratch", str(tmp_path)]):
-            assert cli.main(["recon", str(tmp_path / "p.h5"), "-o", str(tmp_path / "i.nii"), *options]) == 0
-            images.append(np.array(nibabel.load(tmp_path / "i.nii").dataobj))
-        same_bits(images[1], images[0])
-        same_bits(images[2], images[0])
+        want = recon(tmp_path / "p.h5", tmp_path / "i.nii").get_fdata()
+        for more in ([], ["--scratch", tmp_path]):
+            got = recon(tmp_path / "p.h5", tmp_path / "i.nii", "--workers", 2, *more).get_fdata()
+            np.testing.assert_array_equal(got, want)
 
 
 @pytest.mark.parametrize("disposable", [True, False])
@@ -121,10 +118,6 @@ def test_nothing_is_lost_with_a_worker(tmp_path):
             list(started.run_tasks(deadly, [(0, (3, None))]))
 
 
-def children(number):
-    return [int(word) for word in Path(f"/proc/{number}/task/{number}/children").read_text().split()]
-
-
 def runs(number):
     """Whether there is such a process that has not ended: a container's first one may not collect it."""
     with contextlib.suppress(OSError):
@@ -138,11 +131,9 @@ def works(number):
     return False
 
 
-@pytest.mark.parametrize(
-    "how, busy", [(signal.SIGINT, 0), (signal.SIGTERM, 0), (signal.SIGKILL, 0), (signal.SIGKILL, 2)]
-)
+@pytest.mark.parametrize("how, busy", [("SIGINT", 0), ("SIGTERM", 0), ("SIGKILL", 0), ("SIGKILL", 2)])
 def test_no_worker_outlives_a_run_that_is_cancelled(tmp_path, how, busy):
-    file = tmp_path / "p.h5"
+    file, how = tmp_path / "p.h5", signal.Signals[how]
     phantom.write(file, "undersampled", size=96, coils=8, slices=40)
     (tmp_path / "out").mkdir()
     command = [sys.executable, "-m", "ctessel", "recon", file, "-o", tmp_path / "out" / "i.nii", "--workers", "2"]
@@ -161,7 +152,4 @@ def test_no_worker_outlives_a_run_that_is_cancelled(tmp_path, how, busy):
     else:
         assert (run.returncode, told.strip()) == (128 + how, "ctessel: cancelled, nothing was written")
         assert not list((tmp_path / "out").iterdir())
-    patience = time.monotonic() + 10
-    while any(runs(n) for n in started):
-        assert time.monotonic() < patience
-        time.sleep(0.02)
+    until(lambda: not any(map(runs, started)), seconds=10)

@@ -1,0 +1,21 @@
+"""Other processes: how much memory they take, who their children are, and waiting for them."""
+
+import re
+import time
+from pathlib import Path
+
+
+def memory(field, number="self"):
+    """Bytes of a field of a process's status: ``VmRSS`` now, ``VmHWM`` at the most."""
+    return 1024 * int(re.search(rf"{field}:\s+(\d+)", Path(f"/proc/{number}/status").read_text())[1])
+
+
+def children(number):
+    return [int(word) for word in Path(f"/proc/{number}/task/{number}/children").read_text().split()]
+
+
+def until(condition, seconds=30):
+    end = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < end, "it did not happen in time"
+        time.sleep(0.02)
