@@ -72,6 +72,12 @@ def scan(shape=(48, 48, 1), count=6, y=None, z=None, slices=1, repetitions=1, ov
     return truth, Scan.of(kspace, header(shape, oversampling, slices), sampled, noise=measured)
 
 
+def scan_of(kspace, lines=None, noise=None):
+    """A scan of one image, (x, y, z, coil)."""
+    kspace = np.asfortranarray(kspace[..., None, None, None], np.complex64)
+    return Scan.of(kspace, header(kspace.shape[:3]), lines, noise=noise)
+
+
 def known(scan, kspace=None, **changes):
     """The scan with other k-space, or with other things known about it."""
     kspace = scan.kspace if kspace is None else kspace
@@ -81,6 +87,11 @@ def known(scan, kspace=None, **changes):
 def error(image, truth):
     """Of magnitudes, relative."""
     return np.linalg.norm(np.abs(image) - truth) / np.linalg.norm(truth)
+
+
+def level(image, truth):
+    """Factor that brings the second image closest to the first."""
+    return (image * truth).sum() / (truth**2).sum()
 
 
 def acquired(**fields):

@@ -12,14 +12,8 @@ from ctessel.scan import Scan
 ARRAYS = ["brain16_ksp", "brain2_body_ksp", "phantom32_ksp", "phantom1_grid_ksp", "brain1_t1sag_ksp"]
 
 
-def choice(kspace, noise=None):
-    kspace = np.asfortranarray(kspace[..., None, None, None], np.complex64)
-    found = Scan.of(kspace, scans.header(kspace.shape[:3]), noise=noise)
-    return pipeline.plan(found).choice
-
-
 def reasons(kspace, noise=None):
-    made = choice(kspace, noise)
+    made = pipeline.plan(scans.scan_of(kspace, noise=noise)).choice
     return made.reasons if made else {}
 
 

@@ -13,7 +13,7 @@ import command
 import numpy as np
 import pytest
 from conftest import random_complex, same_bits
-from scans import FIELD, acquired, coils, error, header, known, lines, phantom, scan, write_lines
+from scans import FIELD, acquired, coils, error, known, level, lines, phantom, scan, scan_of, write_lines
 
 import ctessel
 from ctessel import _ismrmrd, phantom as phantoms, pipeline
@@ -251,16 +251,6 @@ def test_parts_merge_to_the_whole_or_are_refused():
         pipeline.merge([last, first], gaps=True)
 
 
-def head_scan(brain, mask, noise):
-    kspace = np.asfortranarray((brain * mask[None, :, None, None])[..., None, None, None])
-    return Scan.of(kspace, header(brain.shape[:3]), mask[:, None], noise=noise)
-
-
-def least_squares(image, truth, where):
-    """Factor that brings the second image closest to the first."""
-    return (image * truth)[where].sum() / (truth[where] ** 2).sum()
-
-
 def test_all_scans_of_a_head_have_one_level_with_and_without_a_noise_scan(measured):
     brain, covariance = measured("brain16_ksp"), measured("brain16_ncov")[:, :, 0, 0]
     mixing = np.linalg.cholesky(covariance.astype(complex))
@@ -269,17 +259,18 @@ def test_all_scans_of_a_head_have_one_level_with_and_without_a_noise_scan(measur
         "full": lines(128), "R = 2": lines(128, 2, 0, 32), "R = 3": lines(128, 3, 0, 32),
         "partial": lines(128, first=-20), "R = 2, partial": lines(128, 2, 0, 24, first=-24),
     }  # fmt: skip
-    options = Options(combine="sos", partial="zero")
-    images = {
-        (name, scanned): pipeline.reconstruct(head_scan(brain, mask, noise if scanned else None), options).image
-        for name, mask in masks.items() for scanned in (False, True)
-    }  # fmt: skip
-    truth = images["full", False]
+    images = {}
+    for name, mask in masks.items():
+        for measured_noise in (None, noise):
+            kept = scan_of(brain * mask[None, :, None, None], mask[:, None], measured_noise)
+            image = pipeline.reconstruct(kept, Options(combine="sos", partial="zero")).image
+            images[name, measured_noise is None] = image
+    truth = images["full", True]
     head = truth > 0.08 * np.percentile(truth, 99.5)
-    zero_filled = least_squares(images["partial", False], truth, head)  # less than all lines hold
+    zero_filled = level(images["partial", True][head], truth[head])  # less than all lines hold
     for (name, _), image in images.items():
-        level = least_squares(image, truth, head)
-        assert abs(level / (zero_filled if "partial" in name else 1) - 1) < 0.01, (name, level)
+        want = zero_filled if "partial" in name else 1
+        assert abs(level(image[head], truth[head]) / want - 1) < 0.01, name
 
 
 def test_a_field_wider_than_the_encoded_one_is_told_and_stretches_nothing():

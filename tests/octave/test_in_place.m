@@ -66,8 +66,6 @@ faults = {
   {'filter', d, [], r, 'ab'},          'kz-range must be of type double.'
   {'filter', d, r * 1i, r, r},         'kx-range must be real valued.'
   {'filter', d, ones(1, 2, 2), r, r},  'The kx-range must be 1 dimensional vector.'
-  {'filter', d, r, ones(2, 2), r},     'The ky-range coordinates must be 1 dimensional vector.'
-  {'filter', d, r, r, 1:3},            'The kz-range must be of length 2.'
   {'filter', d, [], sparse([0 7]), []}, 'ky-range must be of type double.'
   {'filter', d, zeros(1, 0), r, r},    'The kx-range must be of length 2.'
   {'multiply', d, double(d)},          'LowRes must be of type single.'
