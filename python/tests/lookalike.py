@@ -16,11 +16,8 @@ def kspace(shape, slices=1, echoes=1, repetitions=1, coils=4, seed=0):
     """Of an object that fills half of the field, brighter from image to image; with a little noise."""
     rng = np.random.default_rng(seed)
     x, y, z = axes(shape)
-    body = (
-        (x**2 / 0.4 + y**2 / 0.5 + z**2 / 0.6 < 1)
-        * (1 + 0.5 * (x > 0.1) * (y < 0.2))
-        * np.exp(0.6j * x - 0.4j * y)
-    )
+    inside = x**2 / 0.4 + y**2 / 0.5 + z**2 / 0.6 < 1
+    body = inside * (1 + 0.5 * (x > 0.1) * (y < 0.2)) * np.exp(0.6j * x - 0.4j * y)
     level = 1 + np.arange(slices)[:, None, None] / 4 + np.arange(echoes)[:, None] / 8 + np.arange(repetitions) / 16
     made = pipeline.to_kspace(body[..., None] * maps(shape, coils))[..., None, None, None] * level
     noise = rng.standard_normal((2, *made.shape)) * 1e-3

@@ -48,12 +48,8 @@ def matlab_7(path, samples):
 WRITERS = [fastmri, m4raw, cfl, matlab_73, matlab_7]
 R2 = lines(48, 2, calibration=16)
 #: Slices, repetitions and lines.
-KINDS = {
-    "full": (3, 1, lines(48)),
-    "undersampled": (2, 1, R2),
-    "partial": (2, 1, lines(48, first=-6)),
-    "repetitions": (2, 3, R2),
-}
+KINDS = {"full": (3, 1, lines(48)), "undersampled": (2, 1, R2), "repetitions": (2, 3, R2)}
+KINDS["partial"] = 2, 1, lines(48, first=-6)
 
 
 def scan_of(kind):

@@ -329,11 +329,8 @@ def test_a_volume_needs_its_samples_once_and_none_of_the_memory_with_scratch(tmp
     write_large_volume(tmp_path / "v.h5")
     seen = {}
     for name, limit, options in (("here", resource.RLIM_INFINITY, []), ("file", LEAST, ["--scratch", tmp_path])):
-        run = [
-            sys.executable,
-            *f"-W ignore -m ctessel recon {tmp_path}/v.h5 -o {tmp_path}/{name}.nii".split(),
-            *options,
-        ]
+        words = f"-W ignore -m ctessel recon {tmp_path}/v.h5 -o {tmp_path}/{name}.nii".split()
+        run = [sys.executable, *words, *options]
         process = subprocess.Popen(run, preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_DATA, (limit, limit)))
         _, status, usage = os.wait4(process.pid, 0)
         assert status == 0, name

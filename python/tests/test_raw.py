@@ -31,10 +31,8 @@ def header(**changes):
 
 
 def acquisition(samples=16, coils=2, seed=0, **fields):
-    rng = np.random.default_rng(seed)
-    return acquired(**{"center_sample": samples // 2, **fields}), (
-        rng.standard_normal((samples, coils, 2)) @ [1, 1j]
-    ).astype(np.complex64)
+    values = np.random.default_rng(seed).standard_normal((samples, coils, 2)) @ [1, 1j]
+    return acquired(**{"center_sample": samples // 2, **fields}), values.astype(np.complex64)
 
 
 def write(path, acquisitions, text=None):

@@ -182,15 +182,11 @@ def test_headers_are_laid_out_as_in_the_library(tmp_path):
     theirs = [("AcquisitionHeader", HEADER, n, f"idx.{n}" if n in counters else n) for n in HEADER.names]
     for kind, table in (("ImageHeader", stream.IMAGE_HEADER), ("WaveformHeader", stream.WAVEFORM_HEADER)):
         theirs += [(kind, table, n, n) for n in table.names]
-    rows = "".join(
-        f'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{kind}, {theirs}), sizeof(ISMRMRD_{kind}));\n'
-        for kind, _, _, theirs in theirs
-    )
-    (tmp_path / "offsets.cpp").write_text(
-        "#include <cstddef>\n#include <cstdio>\n#include <ismrmrd/ismrmrd.h>\n"
-        "#include <ismrmrd/waveform.h>\nusing namespace ISMRMRD;\n"
-        f"int main() {{\n{rows}}}\n"
-    )
+    row = 'std::printf("%zu %zu\\n", offsetof(ISMRMRD_{0}, {1}), sizeof(ISMRMRD_{0}));\n'
+    rows = "".join(row.format(kind, name) for kind, _, _, name in theirs)
+    files = ("cstddef", "cstdio", "ismrmrd/ismrmrd.h", "ismrmrd/waveform.h")
+    included = "".join(f"#include <{file}>\n" for file in files)
+    (tmp_path / "offsets.cpp").write_text(f"{included}using namespace ISMRMRD;\nint main() {{\n{rows}}}\n")
     subprocess.run(["g++", "-w", "offsets.cpp", "-o", "offsets"], cwd=tmp_path, check=True)
     printed = subprocess.run([tmp_path / "offsets"], capture_output=True, text=True, check=True).stdout
     for (_, table, name, _), line in zip(theirs, printed.splitlines()):
