@@ -294,6 +294,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     for (int left = input.within(0, 7); left > 0; --left) append_message(stream, input);
     if (input.within(0, 3) == 0) stream.resize(input.within<std::size_t>(0, stream.size()));
   }
-  Run(input, std::move(stream), input.flag() ? 1u << 26 : 1024).feed();
+  Run(input, std::move(stream), input.flag() ? 1u << 26 : 256).feed();  // a message, or a few
   return 0;
 }

@@ -43,6 +43,23 @@ TEST_CASE("Two host threads at once get what each gets alone", "[threads]") {
   CHECK((same[0] && same[1]));
 }
 
+// Long enough that threads of one processor interrupt each other in the middle of a block.
+TEST_CASE("Threads share no work space", "[threads]") {
+  const ctessel::Extents in = {96, 96, 24, 4, 1, 1, 1, 1, 1, 2},
+                         out = {96, 96, 24, 1, 1, 1, 1, 1, 1, 2};
+  const auto re = every::noise(1769472, 1), im = every::noise(1769472, 2);
+  const auto combined = [&](int threads) {
+    omp_set_num_threads(threads);
+    std::vector<float> a(442368), b(a);
+    ctessel::pcsos(ctessel::ConstSamples::parts(re.data(), im.data(), in), ctessel::Dim::coil,
+                   ctessel::Samples::parts(a.data(), b.data(), out));
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+  };
+  const auto alone = combined(1);
+  CHECK(differences(combined(7), alone) == "");
+}
+
 TEST_CASE("Inside a caller's parallel region the results are the same", "[threads]") {
   const auto alone = all_results();
   for (int levels : {1, 2}) {

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "cTessel.h"
+#include "ctessel.hpp"
 #include "dispatch.h"
 #include "homodyne.h"
 #include "host/memory.h"
@@ -126,6 +126,22 @@ TEST_CASE("Single samples beyond 2^31 are found where they are", "[large]") {
   CHECK(sum.values() == std::vector<float>{0, 0, 0, 0, 0, 13, 0, 0});
   CHECK(out_re.values() == sum.values());
   CHECK((sum.intact() && out_re.intact() && out_im.intact()));
+
+  // Two coils at four times, the last of which gives the negative one the greater weight.
+  int series[] = {1 << 14, 1 << 15, 1, 2, 1, 1, 1, 1, 1, 4};
+  big.data()[6] = 4;
+  big.data()[volume / 2 + 6] = -3;
+  big.data()[3 * volume + volume / 2 + 6] = 9;
+  TS_perform_pcsos(big.data(), nullptr, 4, series, 4, out_re.data(), out_im.data(), outdims);
+  CHECK(out_re.values()[6] == -5);
+  const auto times = static_cast<std::ptrdiff_t>(volume);
+  const std::vector<std::ptrdiff_t> strides = {1, 8, 8, times / 2, 0, 0, 0, 0, 0, times};
+  const float* const at = big.data();
+  float* const to = big.data() + 64;
+  ctessel::pcsos({at, nullptr, {8, 1, 1, 2, 1, 1, 1, 1, 1, 4}, strides}, ctessel::Dim::coil,
+                 {to, to + 8, {8, 1, 1, 1, 1, 1, 1, 1, 1, 4}, strides});
+  CHECK(to[6] == -5);
+  CHECK(to[3 * volume + 6] == 9);
 
   int box[] = {1 << 11, 1 << 10, 1 << 11};
   big.data()[4 * volume - 1] = 6;

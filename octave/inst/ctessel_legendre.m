@@ -30,5 +30,6 @@ end
 %!   end
 %! end
 %!error <ctessel_legendre: M must be a whole number from 0 to 2; got 3> ctessel_legendre(2, 3, 0)
+%!error <N must be a whole number from 0 to 2147483645; got 2.147484e.09> ctessel_legendre(2147483646, 0, 0)
 %!error <X must be from -1 to 1; got 1.5> ctessel_legendre(2, 0, 1.5)
 %!error <X must be from -1 to 1; got \[0 NaN\]> ctessel_legendre(2, 0, [0 NaN])

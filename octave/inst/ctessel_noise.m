@@ -104,7 +104,7 @@ end
 %! end
 %! assert(~any([g(1:2, :) sd(1:2, :) condition(1:2, :)](:)) && isa(g, 'single'))
 %!test % fully measured: no amplification; regularisation lowers noise; a mask, two locations
-%! assert(ctessel_noise(maps, [12 24], [12 24])(3:12, :), ones(10, 24, 'single'), 1e-5)
+%! assert(ctessel_noise(maps, [12 24 1], [12 24])(3:12, :), ones(10, 24, 'single'), 1e-5)
 %! [~, plain] = ctessel_noise(maps, [12 24], [12 8]);
 %! [~, quiet] = ctessel_noise(maps, [12 24], [12 8], [], ones(12, 24), 1e-2);
 %! assert(all(quiet(3:12, :)(:) < plain(3:12, :)(:)))

@@ -187,6 +187,7 @@ end
 %! assert(homodyne_recon(zeros(16, 16, 1, 2), [-3 7], [-3 7]), zeros(16, 16, 1, 2, 'single'))
 %! assert(size(homodyne_recon(ones(16, 1), [-3 7])), [16 1])
 %!error <Invalid call> homodyne_recon(1)
+%!error <Invalid call> homodyne_recon(ones(16), [], [], [], [])
 %!error <homodyne_recon: KSPACE must be a full numeric or logical array; got 16x16 sparse double array>
 %! homodyne_recon(speye(16), [-3 7])
 %!error <KSPACE must be more than one sample; got 1x1> homodyne_recon(1, [])

@@ -241,8 +241,10 @@ def test_parts_merge_to_the_whole_or_are_refused():
     _, whole = scan((24, 32, 1), 4, lines(32, 2, 0, 16), slices=3, repetitions=2)
     plan = pipeline.plan(whole)
     last, first, middle = (pipeline.reconstruct(whole, plan=pipeline.select(plan, "slice", n, n)) for n in (2, 0, 1))
+    last.parameters["inconsistent"], first.parameters["inconsistent"] = ["last"], ["first"]
     merged = pipeline.merge([last, first, middle])
     assert merged.selection == ("slice", 0, 2) and merged.steps == list(plan.steps)
+    assert merged.parameters["inconsistent"] == ["first", "last"]
     with pytest.raises(ValueError, match="each index must be there once"):
         pipeline.merge([last, first, middle, last])
     with pytest.raises(ValueError, match="outside 0 to 2"):
