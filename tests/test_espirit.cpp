@@ -258,6 +258,9 @@ TEST_CASE("espirit refuses what it cannot use, before it writes", "[espirit]") {
     in.im = in.re + 1;
   });
   CHECK(maps == Pairs(2 * 64, {5, 5}));
+  ctessel::EspiritOptions smallest;
+  smallest.kernel = 1;
+  CHECK_NOTHROW(ctessel::espirit(from, to, smallest));
   // Nothing measured: no object anywhere.
   ctessel::espirit(ctessel::ConstSamples::pairs(Pairs(128).data(), {8, 8, 1, 2}), to);
   CHECK(maps == Pairs(2 * 64));

@@ -15,6 +15,7 @@ TEST_CASE("Corners past the end count as 0 and rows wrap around", "[interpolatio
   CHECK(at(1, 1.25f, 0) == 3.0f);  // so does the sample past the last
   CHECK(at(0, 0, 0.5f) == 0.5f);   // and the plane
   CHECK(at(5, 0, 0) == 0.0f);
+  CHECK(TS_linear_interpolation(Eigen::VectorXf(), 0, 0, 0, Eigen::Vector3i(2, 2, 1)) == 0.0f);
   CHECK(at(0, -0.5f, 0) == 0.5f);  // -0.5 truncates to sample 0 with fraction -0.5: 1.5 - 1
 }
 

@@ -491,6 +491,9 @@ TEST_CASE("Extents that cannot be are refused before memory is touched", "[sense
     ctessel::sense({nullptr, nullptr, {2, 2, 1, 4}, {}}, {nullptr, nullptr, {n, 4, 1, 3}, {}},
                    {2, 4, 1}, {});
   };
+  const ctessel::ConstSamples many(nullptr, nullptr, ctessel::Extents(14, 1), {});
+  CHECK_THROWS_WITH(ctessel::sense(many, many, {1, 1, 1}, {}),
+                    "sense: folded images have at most 13 axes");
   if (sizeof(std::ptrdiff_t) == 4) return;
   CHECK_THROWS_WITH(with_columns(kMax), "sense: maps must have extent 4 along axis 3, not 3");
   CHECK_THROWS_WITH(with_columns(static_cast<std::ptrdiff_t>(kMax + 1LL)),
