@@ -1,7 +1,6 @@
 """Chunks give the bits of single calls, on worker processes as well, also when one of them ends."""
 
 import os
-import signal
 import subprocess
 import sys
 from pathlib import Path
@@ -13,7 +12,7 @@ import numpy as np
 import pytest
 from command import recon, run
 from conftest import random_complex, same_bits
-from processes import memory
+from processes import deadly, memory
 from scans import lines, scan
 
 import ctessel.dask
@@ -85,27 +84,16 @@ def test_workers_run_operations_and_whole_scans(client, monkeypatch):
     assert os.listdir(ctessel_folder) == []
 
 
-def deadly(number, folder, data):
-    """Ends its own process the first time that block 3 is worked on."""
-    mark = os.path.join(folder, "died")
-    if number == 3 and not os.path.exists(mark):
-        open(mark, "w").close()
-        os.kill(os.getpid(), signal.SIGKILL)
-    return data * number
-
-
 @pytest.mark.filterwarnings("ignore")
 def test_nothing_is_lost_with_a_worker(client, tmp_path, monkeypatch):
-    blocks = [np.full(1000, i, np.complex64) for i in range(12)]
-    tasks = ((i, (i, str(tmp_path), block)) for i, block in enumerate(blocks))
-    results = dict(ctessel.dask.run_tasks(client, deadly, tasks))
-    assert (tmp_path / "died").exists() and sorted(results) == list(range(12))
+    blocks, mark = [np.full(1000, i, np.complex64) for i in range(12)], tmp_path / "died"
+    results = dict(ctessel.dask.run_tasks(client, deadly, ((i, (i, mark, block)) for i, block in enumerate(blocks))))
+    assert mark.exists() and sorted(results) == list(range(12))
     for i, result in results.items():
         np.testing.assert_array_equal(result, blocks[i] * i)
-    (tmp_path / "died").unlink()
     monkeypatch.setattr(client.cluster.scheduler, "allowed_failures", 0)
     with pytest.raises(MemoryError, match="give them more"):
-        list(ctessel.dask.run_tasks(client, deadly, [(0, (3, str(tmp_path), blocks[0]))]))
+        list(ctessel.dask.run_tasks(client, deadly, [(0, (3, None, blocks[0]))]))
 
 
 def test_memory_of_workers_does_not_grow_with_the_scan(client):

@@ -13,7 +13,7 @@ import numpy as np
 import pytest
 from command import recon
 from conftest import same_bits
-from processes import children, until
+from processes import children, deadly, until
 
 from ctessel import phantom, pipeline, raw, reconstruct
 from ctessel.pipeline import Options
@@ -101,21 +101,12 @@ def test_a_file_that_changes_is_refused(tmp_path, workers):
         pipeline.reconstruct(source, client=workers)
 
 
-def deadly(number, mark):
-    """Ends its own process the first time that number 3 is worked on."""
-    if number == 3 and not (mark and mark.exists()):
-        if mark:
-            mark.touch()
-        os.kill(os.getpid(), signal.SIGKILL)
-    return number**2
-
-
 def test_nothing_is_lost_with_a_worker(tmp_path):
     with Workers(2) as started:
-        tasks = [(f"at {n}", (n, tmp_path / "died")) for n in range(12)]
+        tasks = [(f"at {n}", (n, tmp_path / "died", n)) for n in range(12)]
         assert dict(started.run_tasks(deadly, tasks)) == {f"at {n}": n**2 for n in range(12)}
         with pytest.raises(MemoryError, match="start fewer"):
-            list(started.run_tasks(deadly, [(0, (3, None))]))
+            list(started.run_tasks(deadly, [(0, (3, None, 1))]))
 
 
 def runs(number):
