@@ -24,15 +24,22 @@ while read -r packages; do
 done < <(grep -vE '^ *(#|$)' "$1")
 [ ${#missing[@]} -gt 0 ] || exit 0
 
+names() {  # of this Debian
+  local alternatives
+  for alternatives in "${missing[@]}"; do
+    first known "$alternatives" || echo "${alternatives%%|*}"
+  done | paste -sd ' '
+}
+
 as_root=()
 if [ "$(id -u)" -ne 0 ]; then
   if ! command -v sudo >/dev/null; then
-    echo "Missing packages. As root: apt-get update && apt-get install ${missing[*]%%|*}" >&2
+    echo "Missing packages. As root: apt-get update && apt-get install --no-install-recommends $(names)" >&2
     exit 1
   fi
   as_root=(sudo)
 fi
-echo "Installing: ${missing[*]}"
+echo "Installing: ${missing[*]%%|*}"
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 fail() {
@@ -41,9 +48,6 @@ fail() {
   exit 1
 }
 "${as_root[@]}" apt-get update >"$log" 2>&1 || fail
-packages=()
-for alternatives in "${missing[@]}"; do
-  packages+=("$(first known "$alternatives" || echo "${alternatives%%|*}")")
-done
+read -ra packages < <(names)
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
   "${packages[@]}" >"$log" 2>&1 || fail

@@ -714,7 +714,7 @@ def merge(arguments):
     """``ctessel merge``"""
     from . import nifti
 
-    nifti.merge(arguments.parts, arguments.output, arguments.gaps)
+    _tell(nifti.merge(arguments.parts, arguments.output, arguments.gaps))
 
 
 def view(arguments):

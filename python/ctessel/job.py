@@ -276,6 +276,7 @@ class Job:
             result,
             bids.entries(self.plan, self._header, image),
             header=self.found.header,
+            extents=self.found.extents,
             skipped=self.found.skipped,
             source=self.found.path,
             position=self.arguments.position,

@@ -209,6 +209,11 @@ def merge(paths, output, gaps=False):
     gaps : bool, optional
         Echoes or repetitions between the parts may be missing. The sidecar lists them as skipped.
 
+    Returns
+    -------
+    list of str
+        Warnings: what lies before the first part or behind the last one is missing.
+
     Raises
     ------
     ValueError
@@ -223,7 +228,7 @@ def merge(paths, output, gaps=False):
     joined = np.concatenate(data, FILE_AXES[axis])
     sidecar = {
         **first.sidecar,
-        "Range": {"Axis": axis, "First": first.first, "Last": parts[-1].last},
+        "Range": {**first.sidecar["Range"], "Last": parts[-1].last},
     }
     for name, more in (("Skipped", [{"Axis": axis, "Position": n} for n in missing]), ("Warnings", [])):
         entries = [entry for part in parts for entry in part.listed(name)] + more
@@ -247,6 +252,19 @@ def merge(paths, output, gaps=False):
         )
         files.path(sidecar_path(output)).write_text(json.dumps(sidecar, indent=2) + "\n")
         files.commit()
+    return _ends(sidecar)
+
+
+def _ends(sidecar):
+    """A warning if the positions of a joined image are not those of the whole scan."""
+    part = sidecar["Range"]
+    axis = part["Axis"]
+    left = set(range(part.get("Count", 0))) - set(range(part["First"], part["Last"] + 1))
+    left -= {entry["Position"] for entry in sidecar.get("Skipped", []) if entry["Axis"] == axis}
+    if not left:
+        return []
+    has = f"the image has {axis} {part['First']} to {part['Last']}"
+    return [f"{has}, the scan has 0 to {part['Count'] - 1}: is a part missing?"]
 
 
 class _Part:

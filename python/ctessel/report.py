@@ -54,7 +54,7 @@ def _aligned(facts):
     return [f"{name:{width}}  {text}" for name, text in facts.items()]
 
 
-def sidecar(result, measured, *, header, skipped, source, position, geometry, known):
+def sidecar(result, measured, *, header, extents, skipped, source, position, geometry, known):
     """The sidecar of an image, with keys of the BIDS standard if it has them.
 
     Parameters
@@ -63,6 +63,8 @@ def sidecar(result, measured, *, header, skipped, source, position, geometry, kn
     measured : dict
         Entries by `ctessel.bids.entries`.
     header : Header
+    extents : dict
+        Slices, echoes and repetitions of the whole scan.
     skipped : sequence of (str, int)
         Axis and position of what was left out.
     source : str
@@ -82,7 +84,8 @@ def sidecar(result, measured, *, header, skipped, source, position, geometry, kn
         "GradientCorrection": geometry and {"Coefficients": printable(geometry)},
         "Sources": [printable(source)],
         "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
-        "Range": result.selection and dict(zip(("Axis", "First", "Last"), result.selection)),
+        "Range": result.selection
+        and dict(zip(("Axis", "First", "Last", "Count"), (*result.selection, extents[result.selection[0]]))),
         "Skipped": [{"Axis": axis, "Position": number} for axis, number in skipped],
         "Steps": result.steps,
         "Warnings": result.warnings,

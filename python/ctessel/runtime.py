@@ -33,7 +33,8 @@ def installing(package):
 
     In a virtual environment pip installs what its Python sees, and needs no root.
     """
-    names = [package, *(name for name in SCANS if name != package and _missing(name))]
+    others = (*SCANS, "distributed") if package == "dask" else SCANS
+    names = [package, *(name for name in others if name != package and _missing(name))]
     if sys.prefix == sys.base_prefix:
         return " ".join(["apt-get install", *(f"python3-{name}" for name in names)])
     return " ".join(["pip install", *names])

@@ -13,7 +13,7 @@
 #SBATCH --time=00:30:00
 set -euo pipefail
 
-if [ $# -ne 3 ]; then
+if [ $# -ne 3 ] || [[ ! $3 =~ ^[1-9][0-9]*$ ]]; then
   echo "usage: slurm_array.sh RAW.h5 IMAGE.nii.gz COUNT    # COUNT: positions along ${AXIS:-slice} in all" >&2
   exit 2
 fi
@@ -24,7 +24,8 @@ if [ "$first" -gt "$last" ]; then
   echo "task $task of $tasks: nothing to do for $count positions along ${AXIS:-slice}"
   exit 0
 fi
-part=$(printf '%s.part-%04d.nii.gz' "${image%.nii.gz}" "$task")
+image=${image%.gz}
+part=$(printf '%s.part-%04d.nii.gz' "${image%.nii}" "$task")
 read -ra options <<<"${OPTIONS:-}"
 export OMP_NUM_THREADS=${SLURM_CPUS_PER_TASK:-1}
 exec ctessel recon "$raw" -o "$part" --range "${AXIS:-slice}" "$first" "$last" \

@@ -57,6 +57,10 @@ def test_merged_parts_are_the_whole_to_the_bit(scan, tmp_path, capsys, axis, cut
         recon(scan, part, "--range", axis, first, after - 1, "--regularise", scale)
     parts = [tmp_path / f"part{first}.nii.gz" for first in cuts[-2::-1]]
     assert run("merge", *parts, "-o", tmp_path / "merged.nii") == 0
+    assert not capsys.readouterr().err
+    assert run("merge", parts[-1], "-o", tmp_path / "ends.nii") == 0
+    part, every = f"has {axis} 0 to {cuts[1] - 1}", f"has 0 to {cuts[-1] - 1}"
+    assert capsys.readouterr().err == f"ctessel: warning: the image {part}, the scan {every}: is a part missing?\n"
     merged = nibabel.load(tmp_path / "merged.nii")
     np.testing.assert_array_equal(merged.get_fdata(), whole.get_fdata())
     np.testing.assert_allclose(merged.affine, whole.affine, atol=1e-4)
@@ -204,6 +208,8 @@ def test_missing_packages_are_named_together_with_the_command_that_fits(monkeypa
         monkeypatch.setattr(sys, "prefix", prefix)
         monkeypatch.setattr(cli.runtime, "SCANS", ("tqdm", "h5py"))
         assert cli.runtime.installing("nothing") == words
+    monkeypatch.setitem(sys.modules, "distributed", None)
+    assert cli.runtime.installing("dask") == "pip install dask tqdm h5py distributed"
 
 
 def test_readers_may_stop_reading(scan):

@@ -70,8 +70,9 @@ def test_steps_by_hand(kind, tmp_path, monkeypatch):
 
 def test_the_batch_script_says_what_it_needs():
     script = CHECKOUT / "python" / "examples" / "slurm_array.sh"
-    run = subprocess.run(["bash", script, "raw.h5"], capture_output=True, text=True)
-    assert run.returncode == 2 and run.stderr.startswith("usage: slurm_array.sh RAW.h5 IMAGE.nii.gz COUNT")
+    for words in (["raw.h5"], ["raw.h5", "image.nii.gz", "all"]):
+        run = subprocess.run(["bash", script, *words], capture_output=True, text=True)
+        assert run.returncode == 2 and run.stderr.startswith("usage: slurm_array.sh RAW.h5 IMAGE.nii.gz COUNT")
 
 
 def test_octave(tmp_path):
