@@ -313,13 +313,11 @@ void TS_ifftshift_dim3(float* re, float* im, int* dims, int ndims, int dim) {
 }
 
 void TS_fftshift(float* re, float* im, int* dims, int ndims, int dim) {
-  if (dim == 1) TS_fftshift_dim1(re, im, dims, ndims, 1);
-  if (dim == 2) TS_fftshift_dim2(re, im, dims, ndims, 2);
-  if (dim == 3) TS_fftshift_dim3(re, im, dims, ndims, 3);
+  if (dim < 1 || dim > 3) return;
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, dim, dim), true);
 }
 
 void TS_ifftshift(float* re, float* im, int* dims, int ndims, int dim) {
-  if (dim == 1) TS_ifftshift_dim1(re, im, dims, ndims, 1);
-  if (dim == 2) TS_ifftshift_dim2(re, im, dims, ndims, 2);
-  if (dim == 3) TS_ifftshift_dim3(re, im, dims, ndims, 3);
+  if (dim < 1 || dim > 3) return;
+  ctessel::rotate(re, im, ctessel::lines_of(dims, ndims, dim, dim), false);
 }

@@ -285,12 +285,10 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
   const ptrdiff_t total = product(dims, 0, axes), n = product(outdims, 0, ndims),
                   coils = dims[coildim - 1];
   const ConstSamples data = ConstSamples::parts(re, im, Extents(dims, dims + axes));
-  if (dims[9] <= 0) {  // a mean over nothing
-    std::fill_n(out_re, n, NAN);
-    std::fill_n(out_im, n, NAN);
-  } else if (coils <= 0) {
-    std::fill_n(out_re, n, 0.0f);
-    std::fill_n(out_im, n, 0.0f);
+  if (dims[9] <= 0 || coils <= 0) {
+    const float value = dims[9] <= 0 ? NAN : 0.0f;  // a mean over nothing, or a sum
+    std::fill_n(out_re, n, value);
+    std::fill_n(out_im, n, value);
   } else if (coildim < 10 && n == total / coils) {
     Extents one = data.extents;
     one[static_cast<std::size_t>(coildim - 1)] = 1;

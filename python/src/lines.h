@@ -116,24 +116,38 @@ inline Line line_of(const ISMRMRD::ISMRMRD_AcquisitionHeader& h, const Sample* a
           ISMRMRD::ismrmrd_is_flag_set(h.flags, ISMRMRD::ISMRMRD_ACQ_IS_REVERSE)};
 }
 
-/// A line as an array (sample, coil), in the order of k-space.
-inline Samples samples_of(const Line& line) {
+/// The samples that count of an acquisition, (sample, coil), in the order of k-space.
+template <class Acquisitions>
+Samples samples_of(const Acquisitions& from, std::size_t number) {
+  const Line line = from.line(number);
   Samples array({line.samples, line.coils});
   if (array.size() > 0) Target(array, 1, 0).put(line, 0, 0, false);
   return array;
 }
 
-/// Lines `numbers`, as `line` finds them, from sample `x` of those that start at `offsets` on.
-template <class Find>
-void put_lines(const Find& line, const Indices& numbers, const Indices& x, const Target& target,
-               const Indices& offsets, const Flags& add) {
-  const auto which = numbers.unchecked<1>(), from = x.unchecked<1>(), at = offsets.unchecked<1>();
+/// Acquisitions `numbers` from sample `x` of the lines on that start at `offsets`.
+template <class Acquisitions>
+void put_lines(const Acquisitions& from, const Indices& numbers, const Indices& x,
+               py::array_t<Sample> array, const Indices& offsets, unsigned coil_axis,
+               unsigned shift, const Flags& add) {
+  const Target target(array, coil_axis, shift);
+  const auto which = numbers.unchecked<1>(), first = x.unchecked<1>(), at = offsets.unchecked<1>();
   const auto adds = add.unchecked<1>();
-  if (from.size() != which.size() || at.size() != which.size() || adds.size() != which.size())
+  if (first.size() != which.size() || at.size() != which.size() || adds.size() != which.size())
     throw py::value_error("expected a place, an offset and a flag for each acquisition");
   const py::gil_scoped_release release;
   for (ptrdiff_t i = 0; i < which.size(); ++i)
-    target.put(line(static_cast<std::size_t>(which(i))), at(i), from(i), adds(i));
+    target.put(from.line(static_cast<std::size_t>(which(i))), at(i), first(i), adds(i));
+}
+
+/// What Python does with acquisitions of a file and of a connection alike.
+template <class Acquisitions>
+py::class_<Acquisitions> bind_lines(py::class_<Acquisitions> type) {
+  type.def("samples", samples_of<Acquisitions>, py::arg("number"))
+      .def("put", put_lines<Acquisitions>, py::arg("numbers"), py::arg("x"),
+           py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("shift"),
+           py::arg("add"));
+  return type;
 }
 
 }  // namespace ctessel_lines

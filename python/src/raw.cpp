@@ -18,6 +18,7 @@
 #include <memory_resource>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -263,21 +264,7 @@ class Acquisitions {
     return text;
   }
 
-  /// Samples that count of acquisition `number` of the file, (sample, coil), in the order of k-space.
-  Samples samples(std::size_t number) const { return samples_of(line(number)); }
-
-  /// Acquisitions `numbers` of the file, from sample `x` of the lines that start at `offsets` on.
-  void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
-           const Indices& offsets, unsigned coil_axis, unsigned shift, const Flags& add) const {
-    put_lines([this](std::size_t number) { return line(number); }, numbers, x,
-              Target(array, coil_axis, shift), offsets, add);
-  }
-
- private:
-  std::string name(std::size_t i) const { return "acquisition " + std::to_string(numbers_[i]); }
-
-  ISMRMRD_AcquisitionHeader head(std::size_t i) const { return head_of(records_[i].head); }
-
+  /// Acquisition `number` of the file.
   Line line(std::size_t number) const {
     const auto at = std::lower_bound(numbers_.begin(), numbers_.end(), number);
     if (at == numbers_.end() || *at != number)
@@ -285,6 +272,11 @@ class Acquisitions {
     const auto i = static_cast<std::size_t>(at - numbers_.begin());
     return line_of(head(i), static_cast<const Sample*>(records_[i].data.p), number);
   }
+
+ private:
+  std::string name(std::size_t i) const { return "acquisition " + std::to_string(numbers_[i]); }
+
+  ISMRMRD_AcquisitionHeader head(std::size_t i) const { return head_of(records_[i].head); }
 
   std::vector<hsize_t> numbers_;
   std::vector<Record> records_;
@@ -296,20 +288,18 @@ class Reader {
  public:
   Reader(const std::string& path, const std::string& group) {
     const Quiet quiet;
-    file_ = std::make_unique<Input>(path);
-    header_ = read_text(*file_, group);
-    open_data(group);
+    open_.emplace(path, group);
+    const hssize_t points =
+        H5Sget_simple_extent_npoints(Handle(H5Dget_space(open_->data), H5Sclose));
+    size_ = points < 0 ? 0 : static_cast<std::size_t>(points);
   }
 
   ~Reader() {
     const Quiet quiet;
-    data_.reset();
-    head_type_.reset();
-    record_type_.reset();
-    file_.reset();
+    open_.reset();
   }
 
-  const std::string& header() const { return header_; }
+  const std::string& header() const { return open_->header; }
   std::size_t size() const { return size_; }
 
   /// Headers as bytes, of which NumPy makes columns: no object is made for each.
@@ -320,7 +310,7 @@ class Reader {
     {
       const py::gil_scoped_release release;
       const Quiet quiet;
-      read_into(part(first, count), *head_type_, to, H5P_DEFAULT);
+      read_into(part(first, count), open_->head_type, to, H5P_DEFAULT);
     }
     return headers;
   }
@@ -341,25 +331,30 @@ class Reader {
     const Handle how(H5Pcreate(H5P_DATASET_XFER), H5Pclose);
     check(H5Pset_vlen_mem_manager(how, Acquisitions::allocate, block.get(), Acquisitions::keep,
                                   block.get()));
-    read_into(selected(block->numbers()), *record_type_, block->records(), how);
+    read_into(selected(block->numbers()), open_->record_type, block->records(), how);
     block->check();
     return block;
   }
 
  private:
-  void open_data(const std::string& group) {
-    data_ = std::make_unique<Handle>(open_data_set(*file_, group, "data", "acquisitions"));
-    const Handle space(H5Dget_space(*data_), H5Sclose), type(H5Dget_type(*data_), H5Tclose);
-    const hssize_t points = H5Sget_simple_extent_npoints(space);
-    size_ = points < 0 ? 0 : static_cast<std::size_t>(points);
-    const Handle head = packed_head(type);
-    head_type_ = std::make_unique<Handle>(H5Tcreate(H5T_COMPOUND, kHeadBytes), H5Tclose);
-    check(H5Tinsert(*head_type_, "head", 0, head));
-    const Handle samples(H5Tvlen_create(H5T_NATIVE_FLOAT), H5Tclose);
-    record_type_ = std::make_unique<Handle>(H5Tcreate(H5T_COMPOUND, sizeof(Record)), H5Tclose);
-    check(H5Tinsert(*record_type_, "head", offsetof(Record, head), head));
-    check(H5Tinsert(*record_type_, "data", offsetof(Record, data), samples));
-  }
+  struct Open {
+    Input file;
+    std::string header;
+    Handle data, head_type, record_type;
+
+    Open(const std::string& path, const std::string& group)
+        : file(path),
+          header(read_text(file, group)),
+          data(open_data_set(file, group, "data", "acquisitions")),
+          head_type(H5Tcreate(H5T_COMPOUND, kHeadBytes), H5Tclose),
+          record_type(H5Tcreate(H5T_COMPOUND, sizeof(Record)), H5Tclose) {
+      const Handle head = packed_head(Handle(H5Dget_type(data), H5Tclose));
+      const Handle samples(H5Tvlen_create(H5T_NATIVE_FLOAT), H5Tclose);
+      check(H5Tinsert(head_type, "head", 0, head));
+      check(H5Tinsert(record_type, "head", offsetof(Record, head), head));
+      check(H5Tinsert(record_type, "data", offsetof(Record, data), samples));
+    }
+  };
 
   /// The file's own description of a header, without gaps: the layout of libismrmrd's structure.
   static Handle packed_head(hid_t type) {
@@ -378,7 +373,7 @@ class Reader {
   }
 
   Handle part(hsize_t first, hsize_t count) const {
-    Handle space(H5Dget_space(*data_), H5Sclose);
+    Handle space(H5Dget_space(open_->data), H5Sclose);
     check(H5Sselect_hyperslab(space, H5S_SELECT_SET, &first, nullptr, &count, nullptr));
     return space;
   }
@@ -388,7 +383,7 @@ class Reader {
     if (numbers.empty()) return part(0, 0);
     if (numbers.back() - numbers.front() + 1 == numbers.size())
       return part(numbers.front(), numbers.size());
-    Handle space(H5Dget_space(*data_), H5Sclose);
+    Handle space(H5Dget_space(open_->data), H5Sclose);
     check(H5Sselect_elements(space, H5S_SELECT_SET, numbers.size(), numbers.data()));
     return space;
   }
@@ -398,12 +393,10 @@ class Reader {
     if (points <= 0) return;
     const auto count = static_cast<hsize_t>(points);
     const Handle memory(H5Screate_simple(1, &count, nullptr), H5Sclose);
-    check(H5Dread(*data_, type, memory, space, how, to));
+    check(H5Dread(open_->data, type, memory, space, how, to));
   }
 
-  std::unique_ptr<Input> file_;
-  std::unique_ptr<Handle> data_, head_type_, record_type_;
-  std::string header_;
+  std::optional<Open> open_;
   std::size_t size_ = 0;
 };
 
@@ -501,12 +494,7 @@ PYBIND11_MODULE(_raw, m) {
       .def("__len__", &Reader::size)
       .def("headers", &Reader::headers, py::arg("first"), py::arg("count"))
       .def("read", &Reader::read, py::arg("numbers"));
-  py::class_<Acquisitions>(m, "Acquisitions")
-      .def("messages", &Acquisitions::messages)
-      .def("samples", &Acquisitions::samples, py::arg("number"))
-      .def("put", &Acquisitions::put, py::arg("numbers"), py::arg("x"),
-           py::arg("array").noconvert(), py::arg("offsets"), py::arg("coil_axis"), py::arg("shift"),
-           py::arg("add"));
+  bind_lines(py::class_<Acquisitions>(m, "Acquisitions")).def("messages", &Acquisitions::messages);
   m.def("list_groups", list_groups, py::arg("path"));
   m.def("put", put, py::arg("block").noconvert(), py::arg("array").noconvert(), py::arg("offsets"),
         py::arg("coil_axis"), py::arg("shift"), py::arg("add"));

@@ -72,9 +72,6 @@ class Stream {
     return headers;
   }
 
-  /// Samples that count, (sample, coil), in the order of k-space.
-  Samples samples(std::size_t number) const { return samples_of(line(number)); }
-
   /// Header, samples (sample, coil) and trajectory (dimension, sample) as they came, to be saved: copies,
   /// as the samples here may be given back at any time.
   py::tuple as_sent(std::size_t number) const {
@@ -90,10 +87,10 @@ class Stream {
     return py::make_tuple(Bytes(ptrdiff_t{kHeadBytes}, m.head.data()), all, trajectory);
   }
 
-  void put(const Indices& numbers, const Indices& x, py::array_t<Sample> array,
-           const Indices& offsets, unsigned coil_axis, unsigned shift, const Flags& add) const {
-    put_lines([this](std::size_t number) { return line(number); }, numbers, x,
-              Target(array, coil_axis, shift), offsets, add);
+  Line line(std::size_t number) const {
+    const Message& m = present(number);
+    const std::uint8_t* samples = m.body.data() + trajectory_bytes(m.head.data());
+    return line_of(head_of(m.head.data()), reinterpret_cast<const Sample*>(samples), number);
   }
 
   /// Gives back the memory of samples; headers stay, as later images are planned with all of them.
@@ -189,12 +186,6 @@ class Stream {
     return m;
   }
 
-  Line line(std::size_t number) const {
-    const Message& m = present(number);
-    const std::uint8_t* samples = m.body.data() + trajectory_bytes(m.head.data());
-    return line_of(head_of(m.head.data()), reinterpret_cast<const Sample*>(samples), number);
-  }
-
   Parser parser_;
   const bool waveforms_;
   mutable std::mutex lock_;  // one thread receives while another works
@@ -212,7 +203,7 @@ void bind_stream(py::module_& m) {
       PyErr_SetString(PyExc_TimeoutError, "silence");
     }
   });
-  py::class_<Stream>(m, "Stream")
+  bind_lines(py::class_<Stream>(m, "Stream"))
       .def(py::init<const std::vector<std::uint16_t>&, std::uint64_t, bool>(), py::arg("accepted"),
            py::arg("text"), py::arg("waveforms"))
       .def("allow", &Stream::allow, py::arg("channels"), py::arg("pixels"), py::arg("bytes"))
@@ -221,9 +212,6 @@ void bind_stream(py::module_& m) {
       .def_property_readonly("held", &Stream::held)
       .def_property_readonly("received", &Stream::received)
       .def("headers", &Stream::headers, py::arg("first"), py::arg("count"))
-      .def("samples", &Stream::samples, py::arg("number"))
       .def("as_sent", &Stream::as_sent, py::arg("number"))
-      .def("put", &Stream::put, py::arg("numbers"), py::arg("x"), py::arg("array").noconvert(),
-           py::arg("offsets"), py::arg("coil_axis"), py::arg("shift"), py::arg("add"))
       .def("forget", &Stream::forget, py::arg("numbers"));
 }

@@ -6,6 +6,7 @@
 // before memory is taken for it. Layout of the headers: ismrmrd/ismrmrd.h, version 1.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -66,43 +67,38 @@ class Budget {
   std::atomic<std::uint64_t> limit_{0}, held_{0};
 };
 
+/// Ends memory that was counted in a budget, or nowhere.
+struct Release {
+  std::shared_ptr<Budget> budget;
+  std::uint64_t size = 0;
+  void operator()(const std::uint8_t* bytes) const {
+    delete[] bytes;
+    if (budget) budget->give(size);
+  }
+};
+
 /// Uninitialised memory whose size is counted in a budget, or nowhere.
 class Buffer {
  public:
   Buffer() = default;
-  Buffer(std::uint64_t size, std::shared_ptr<Budget> budget) : budget_(std::move(budget)) {
-    if (budget_) budget_->take(size);
-    size_ = static_cast<std::size_t>(size);
+  Buffer(std::uint64_t size, std::shared_ptr<Budget> budget) {
+    if (budget) budget->take(size);
+    const Release release{std::move(budget), size};
     try {
-      if (size_ != size) throw std::bad_alloc();  // where addresses have 32 bits
-      bytes_.reset(new std::uint8_t[size_]);
+      if (size > SIZE_MAX) throw std::bad_alloc();  // where addresses have 32 bits
+      bytes_ = {new std::uint8_t[static_cast<std::size_t>(size)], release};
     } catch (...) {
-      if (budget_) budget_->give(size);
+      release(nullptr);
       throw;
     }
   }
-  Buffer(Buffer&& other) noexcept { swap(other); }
-  Buffer& operator=(Buffer&& other) noexcept {
-    Buffer moved(std::move(other));
-    swap(moved);
-    return *this;
+  std::uint8_t* data() const { return bytes_.get(); }
+  std::size_t size() const {
+    return bytes_ ? static_cast<std::size_t>(bytes_.get_deleter().size) : 0;
   }
-  ~Buffer() {
-    if (budget_) budget_->give(size_);
-  }
-  std::uint8_t* data() { return bytes_.get(); }
-  const std::uint8_t* data() const { return bytes_.get(); }
-  std::size_t size() const { return size_; }
 
  private:
-  void swap(Buffer& other) {
-    std::swap(bytes_, other.bytes_);
-    std::swap(size_, other.size_);
-    std::swap(budget_, other.budget_);
-  }
-  std::unique_ptr<std::uint8_t[]> bytes_;
-  std::size_t size_ = 0;
-  std::shared_ptr<Budget> budget_;
+  std::unique_ptr<std::uint8_t[], Release> bytes_;
 };
 
 struct Message {
@@ -141,7 +137,7 @@ class Parser {
  public:
   Parser(std::vector<std::uint16_t> accepted, Limits limits)
       : limits_(limits), accepted_(std::move(accepted)), budget_(std::make_shared<Budget>()) {
-    start(Part::kId, sizeof(std::uint16_t));
+    start_message();
   }
 
   Limits& limits() { return limits_; }
@@ -149,7 +145,9 @@ class Parser {
   const Budget& budget() const { return *budget_; }
 
   /// Where the next bytes belong, and the most that belong there; never none.
-  std::uint8_t* place() { return bytes() + done_; }
+  std::uint8_t* place() {
+    return (part_ == Part::kBody ? message_.body.data() : message_.head.data()) + done_;
+  }
   std::size_t room() const { return size_ - done_; }
 
   /// Takes note of bytes that were put there. Returns whether a message is complete: `take` it.
@@ -165,7 +163,7 @@ class Parser {
   Message take() {
     Message message = std::move(message_);
     message_ = Message();
-    start(Part::kId, sizeof(std::uint16_t));
+    start_message();
     return message;
   }
 
@@ -175,27 +173,22 @@ class Parser {
  private:
   enum class Part { kId, kHead, kBody };
 
-  std::uint8_t* bytes() {
-    switch (part_) {
-      case Part::kId:
-        return id_;
-      case Part::kHead:
-        return message_.head.data();
-      default:
-        return message_.body.data();
-    }
-  }
-
   void start(Part part, std::size_t size) {
     part_ = part;
     size_ = size;
     done_ = 0;
   }
 
+  /// The id is read to where the header follows.
+  void start_message() {
+    message_.head.resize(sizeof message_.id);
+    start(Part::kId, sizeof message_.id);
+  }
+
   /// Of length 0 a part is complete at once; `advance` goes on to the next.
   void next_part() {
     if (part_ == Part::kId) {
-      message_.id = field<std::uint16_t>(id_, 0);
+      message_.id = field<std::uint16_t>(message_.head.data(), 0);
       message_.head.resize(head_bytes(message_.id));
       start(Part::kHead, message_.head.size());
     } else {
@@ -205,9 +198,7 @@ class Parser {
   }
 
   std::size_t head_bytes(std::uint16_t id) const {
-    bool known = false;
-    for (const std::uint16_t a : accepted_) known = known || a == id;
-    if (!known)
+    if (std::find(accepted_.begin(), accepted_.end(), id) == accepted_.end())
       throw Fault("a message with the id " + std::to_string(id) + ", which is not used here");
     switch (id) {
       case kConfigFile:
@@ -301,7 +292,6 @@ class Parser {
   std::vector<std::uint16_t> accepted_;
   std::shared_ptr<Budget> budget_;
   Part part_ = Part::kId;
-  std::uint8_t id_[sizeof(std::uint16_t)] = {};
   std::size_t size_ = 0, done_ = 0;
   Message message_;
 };
