@@ -90,11 +90,6 @@ void take(const float* __restrict from, int64_t n, float* __restrict out, float*
 }
 
 CTESSEL_CLONES
-void look(const float* __restrict from, int64_t n, float* __restrict met) {
-  for (int64_t i = 0; i < n; ++i) met[i] += 0.0f * from[i];
-}
-
-CTESSEL_CLONES
 void note_first(const float* __restrict row, int64_t n, int line, int* __restrict first) {
   for (int64_t i = 0; i < n; ++i) {
     const int found = row[i] != 0 ? line : kNever;
@@ -278,17 +273,12 @@ void ctessel::FactorLines::gather_direct(int y, int z) {
   for (int64_t k = 0; k < batch_.aliases; ++k) {
     const FactorProblem::Entries of = p_.entries(y, z, k);
     const int64_t at = p_.y.nearest[of.y] + p_.ny * p_.z.nearest[of.z];
-    const bool any = include(y, z, k);
+    include(y, z, k);
     for (int64_t c = 0; c < p_.nc; ++c) {
       const Parts parts = row(at, c, width_, 0);
       float* out = samples_.data() + 2 * factor_slot(c, batch_.aliases, k) * pitch_;
-      if (any) {
-        take(parts.re, width_, out, met_.data());
-        take(parts.im, width_, out + pitch_, met_.data());
-      } else {
-        look(parts.re, width_, met_.data());
-        look(parts.im, width_, met_.data());
-      }
+      take(parts.re, width_, out, met_.data());
+      take(parts.im, width_, out + pitch_, met_.data());
     }
   }
 }

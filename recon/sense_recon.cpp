@@ -192,13 +192,11 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
   return problem;
 }
 
-void list_aliases(const DataSet& d, ctessel::FactorProblem& factors) {
-  std::vector<int> y, z;
-  for (const auto& [dy, dz] : d.options.aliases) {
-    y.push_back(dy);
-    z.push_back(dz);
-  }
-  factors.list(y, z, d.maps.extent(kSet));
+/// Offsets of aliases along y or z.
+std::vector<int> offsets_along(const std::vector<std::array<int, 2>>& aliases, std::size_t axis) {
+  std::vector<int> offsets;
+  for (const auto& alias : aliases) offsets.push_back(alias[axis]);
+  return offsets;
 }
 
 Eigen::MatrixXcd covariance_of(const ConstSamples& s, std::ptrdiff_t coils) {
@@ -225,7 +223,10 @@ void unfold_locations(const DataSet& d, int64_t locations, int64_t last_count) {
                 int64_t{d.folded.extent(Dim::x)}}) < 1) {
     return;
   }
-  if (!options.aliases.empty()) list_aliases(d, factors);
+  if (!options.aliases.empty()) {
+    factors.list(offsets_along(options.aliases, 0), offsets_along(options.aliases, 1),
+                 d.maps.extent(kSet));
+  }
   const ConstSamples& expected = options.expected;
   factors.expected_size = ConstSamples::parts(nullptr, nullptr,
                                               {expected.extent(Dim::x), expected.extent(Dim::y),
@@ -271,28 +272,6 @@ std::vector<std::array<int, 2>> products(const ConstSamples& folded,
   return aliases;
 }
 
-/// Full lines of an alias along an axis.
-std::vector<int> every_line(int folded, int full, int offset) {
-  std::vector<int> lines;
-  lines.reserve(static_cast<std::size_t>(folded));
-  for (int i = 0; i < folded; ++i)
-    lines.push_back(ctessel::listed_lines(i, folded, full, {offset}).front());
-  return lines;
-}
-
-/// Marks the voxels of an alias; false if one was met before.
-bool mark(const std::vector<int>& y, const std::vector<int>& z, int64_t full_y,
-          std::vector<bool>& met) {
-  for (int b : z) {
-    for (int a : y) {
-      const auto at = static_cast<std::size_t>(a + full_y * b);
-      if (met[at]) return false;
-      met[at] = true;
-    }
-  }
-  return true;
-}
-
 void require_every_voxel(const ConstSamples& folded, const ConstSamples& maps,
                          const std::array<int, 3>& full,
                          const std::vector<std::array<int, 2>>& aliases) {
@@ -304,9 +283,21 @@ void require_every_voxel(const ConstSamples& folded, const ConstSamples& maps,
   const auto n = static_cast<int64_t>(aliases.size());
   bool fit = full[1] % ny == 0 && full[2] % nz == 0 && n == int64_t{full[1] / ny} * (full[2] / nz);
   std::vector<bool> met(fit ? static_cast<std::size_t>(int64_t{full[1]} * full[2]) : 0);
-  for (std::size_t k = 0; fit && k < aliases.size(); ++k) {
-    fit = mark(every_line(ny, full[1], aliases[k][0]), every_line(nz, full[2], aliases[k][1]),
-               full[1], met);
+  const auto lines = [&](int count, std::size_t axis) {  // of every folded line
+    std::vector<std::vector<int>> all;
+    for (int i = 0; fit && i < count; ++i)
+      all.push_back(ctessel::listed_lines(i, count, full[axis + 1], offsets_along(aliases, axis)));
+    return all;
+  };
+  const auto all_z = lines(nz, 1);
+  for (const auto& y : lines(ny, 0)) {
+    for (const auto& z : all_z) {
+      for (std::size_t k = 0; k < aliases.size(); ++k) {
+        const auto at = static_cast<std::size_t>(y[k] + int64_t{full[1]} * z[k]);
+        fit &= !met[at];
+        met[at] = true;
+      }
+    }
   }
   if (!fit) refuse("aliases must meet every voxel along y and z once");
 }
