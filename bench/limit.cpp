@@ -33,7 +33,7 @@ template <int Lanes>
   benchmark::ClobberMemory();
 }
 
-/// a = a b + c in as many registers as there are, products and sums rounded apart.
+/// a = a b + c in as many registers as there are, products and sums rounded separately.
 template <class Vector, int Count>
 [[gnu::always_inline]] inline void multiply_add() {
   Vector a[Count] = {};

@@ -5,7 +5,7 @@
 // point beyond inputs and outputs, and `documented`, what the docstring says; `added`, what an option
 // adds to the time, as a share of what the case compares it with. Counters of a point:
 // `cost` and `limit_cost`, times over that of a fixed stretch of arithmetic. All but the `threads`
-// sweeps run on one thread. CTESSEL_QUICK in the environment: smallest sizes, few turns.
+// sweeps run on one thread. CTESSEL_QUICK in the environment: smallest sizes, few rounds.
 
 #include <benchmark/benchmark.h>
 #include <omp.h>

@@ -1,4 +1,4 @@
-// How everything here is timed, decided once: two or three sides take turns, each turn gives one
+// How everything here is timed, decided once: two or three sides alternate, each round gives one
 // ratio, and the median of these ratios counts. The machine's speed drifts and other programs come
 // and go; what neighbours in time have in common cancels.
 //
@@ -21,8 +21,8 @@ struct Side {
 };
 
 struct Timing {
-  double budget;      // seconds for all turns together
-  std::size_t least;  // turns at least
+  double budget;      // seconds for all rounds together
+  std::size_t least;  // rounds at least
   clockid_t clock = CLOCK_THREAD_CPUTIME_ID;
 };
 
@@ -54,16 +54,16 @@ inline double median(std::vector<double> v) {
   return *middle;
 }
 
-/// Each side's time over that of the first one: the median over the turns, or, by the clock on the
+/// Each side's time over that of the first one: the median over the rounds, or, by the clock on the
 /// wall, the shortest over the shortest.
 inline std::vector<double> against_first(const std::vector<Side>& sides, const Timing& timing) {
-  constexpr std::size_t kMostTurns = 25;
+  constexpr std::size_t kMostRounds = 25;
   std::vector<int> repeats;
   for (const Side& side : sides) repeats.push_back(repeats_for(side));
   std::vector<std::vector<double>> times(sides.size()), ratios(sides.size());
   const double start = now(CLOCK_MONOTONIC);
-  for (std::size_t turn = 0; turn < kMostTurns; ++turn) {
-    if (turn >= timing.least && now(CLOCK_MONOTONIC) - start > timing.budget) break;
+  for (std::size_t round = 0; round < kMostRounds; ++round) {
+    if (round >= timing.least && now(CLOCK_MONOTONIC) - start > timing.budget) break;
     for (std::size_t i = 0; i < sides.size(); ++i) {
       times[i].push_back(seconds(sides[i], repeats[i], timing.clock));
       ratios[i].push_back(times[i].back() / times[0].back());

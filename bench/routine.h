@@ -125,7 +125,7 @@ inline Floats values(double count, std::uint32_t seed = 1) {
 
 /// Calls f where the compiler cannot fold it into the loop, as it cannot with a library's routine.
 template <class F, class Argument>
-[[gnu::noinline]] double apart(const F& f, Argument argument) {
+[[gnu::noinline]] double call_uninlined(const F& f, Argument argument) {
   return f(argument);
 }
 

@@ -1,4 +1,4 @@
-// Geometry correction and the harmonics against the naive version. Apart from the other kernels
+// Geometry correction and the harmonics against the naive version. Not with the other kernels
 // because the reference needs a table of two million entries.
 
 #include <cstring>
@@ -35,7 +35,7 @@ void harmonics(Input& input) {
   require(same(table.values(), entries) && table.intact(), "table");
 }
 
-/// Tables of any size that the routine takes apart, with a mark in front of what it must not read.
+/// Tables of any size that the routine splits, with a mark in front of what it must not read.
 void packing(Input& input) {
   const int nm = input.within(0, 12), nn = input.within(0, 14), nz = input.within(0, 17);
   std::vector<float> a(static_cast<std::size_t>(12 * nn)), b(a.size()),

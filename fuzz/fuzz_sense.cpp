@@ -1,5 +1,5 @@
 // The steps of the SENSE reconstruction on any geometry and any values against the naive reference,
-// the driver against its steps, and listed aliases against folded pixels one by one. Apart from the other kernels, which are faster.
+// the driver against its steps, and listed aliases against folded pixels one by one. Not with the other kernels, which are faster.
 
 #include <omp.h>
 
@@ -275,8 +275,8 @@ void sense_recon(Input& input) {
   // Rows that are longer or shorter than the image's are the caller's fault, and so are volumes that lie
   // closer together than their pixels need: threads would then meet at the same pixels.
   const auto depth = static_cast<std::ptrdiff_t>(std::min<std::size_t>(call.out.size(), 3));
-  const bool apart = std::equal(call.out.begin(), call.out.begin() + depth, call.full.begin());
-  if (call.full[0] != call.fold[0] || !apart) omp_set_num_threads(1);
+  const bool separate = std::equal(call.out.begin(), call.out.begin() + depth, call.full.begin());
+  if (call.full[0] != call.fold[0] || !separate) omp_set_num_threads(1);
   const int status = call(parts, re.data(), im.data());
   require(re.intact() && im.intact(), "guard zones of the output");
   require(status == 1 || status == -1, "status");
@@ -290,10 +290,11 @@ void sense_recon(Input& input) {
 
 using List = std::vector<std::array<int, 2>>;
 
-/// Voxels that alias in a lattice of any steps and shift, in any order and number of turns; or any list.
+/// Voxels that alias in a sampling pattern of any steps and shift, in any order and wrapped any number of
+/// times; or any list.
 List any_list(Input& input, const std::array<int, 2>& steps, const std::array<int, 2>& folded) {
   List list;
-  const bool swapped = input.flag(), lattice = input.within(0, 7) > 0;
+  const bool swapped = input.flag(), regular = input.within(0, 7) > 0;
   const int own = swapped ? 1 : 0, other = 1 - own, shift = input.within(0, steps[other] - 1);
   for (int t = 0; t < steps[other]; ++t) {
     for (int r = 0; r < steps[own]; ++r) {
@@ -301,11 +302,11 @@ List any_list(Input& input, const std::array<int, 2>& steps, const std::array<in
       at[own] = folded[own] * r - shift * t * folded[own] / steps[other] +
                 folded[own] * steps[own] * input.within(-2, 2);
       at[other] = folded[other] * t + folded[other] * steps[other] * input.within(-2, 2);
-      if (!lattice) at[own] += input.within(-1, 1);
+      if (!regular) at[own] += input.within(-1, 1);
       list.insert(list.begin() + input.within<std::ptrdiff_t>(0, std::ssize(list)), at);
     }
   }
-  if (!lattice && list.size() > 1 && input.flag()) list.pop_back();
+  if (!regular && list.size() > 1 && input.flag()) list.pop_back();
   return list;
 }
 

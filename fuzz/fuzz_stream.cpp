@@ -117,7 +117,7 @@ T number(std::span<const std::uint8_t> bytes, std::size_t offset) {
 
 constexpr std::uint64_t kRefused = UINT64_MAX;
 
-/// Bytes after the head of a message, or that it is refused.
+/// Bytes after the header of a message, or that it is refused.
 std::uint64_t naive_body(std::uint16_t id, const Bytes& h) {
   const auto within = [](std::uint64_t n, std::uint64_t most) { return n <= most ? n : kRefused; };
   switch (id) {
@@ -212,7 +212,7 @@ Expected naive_parse(const Bytes& stream) {
 }
 
 void compare(const Message& got, const Plain& want) {
-  require(got.id == want.id && got.head == want.head, "id and head of a message");
+  require(got.id == want.id && got.head == want.head, "id and header of a message");
   require(got.body.size() == want.body.size() &&
               std::equal(want.body.begin(), want.body.end(), got.body.data()),
           "body of a message");

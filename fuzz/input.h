@@ -13,7 +13,7 @@
 
 using Floats = std::vector<float>;
 
-/// Turns bytes into values, from the last byte on; once they are used up every value is the lowest.
+/// Makes values of bytes, from the last byte on; once they are used up every value is the lowest.
 class Input {
  public:
   Input(const std::uint8_t* bytes, std::size_t left) : bytes_(bytes), left_(left) {}

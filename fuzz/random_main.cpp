@@ -1,4 +1,4 @@
-// Runs a target on random bytes, on 1, 2, 3 and 7 threads in turn: what a fuzzer would find soon is
+// Runs a target on random bytes, on 1, 2, 3 and 7 threads: what a fuzzer would find soon is
 // found by every compiler, at every word size.
 //
 //   random_NAME [RUNS [SEED]]

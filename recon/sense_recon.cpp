@@ -195,6 +195,7 @@ ctessel::SenseProblem problem_of(const DataSet& d, const ctessel::FactorProblem&
 /// Offsets of aliases along y or z.
 std::vector<int> offsets_along(const std::vector<std::array<int, 2>>& aliases, std::size_t axis) {
   std::vector<int> offsets;
+  offsets.reserve(aliases.size());
   for (const auto& alias : aliases) offsets.push_back(alias[axis]);
   return offsets;
 }

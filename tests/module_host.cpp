@@ -150,7 +150,7 @@ void run_operations() {
     const mxArray* inputs[] = {&filter, &mine, &kx, &ky, &kz};
     check(call(inputs, 5) && plhs[0] == created.get(), "filter returns and stores its output");
     const naive::Volume centre = naive::filter(data, ranges);
-    check(holds(mine, data), "filter weighs the caller's array in place");
+    check(holds(mine, data), "filter weights the caller's array in place");
     check(holds(*created, centre), "filter returns the unweighted centre");
 
     naive::Volume image = ramp({6, 5, 2, 2}, complex), low = ramp({6, 5, 2, 2}, true);

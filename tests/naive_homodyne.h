@@ -54,7 +54,7 @@ inline int calculate_filter(int N, const double* range, float* weights, int* bou
   return 1;
 }
 
-/// ranges[d] is empty or [first, last]. Returns the centre block and weighs data.
+/// ranges[d] is empty or [first, last]. Returns the centre block and weights data.
 inline Volume filter(Volume& data, const std::vector<double> (&ranges)[3]) {
   std::vector<float> w[3];
   int bounds[3][2], filtered = 0;

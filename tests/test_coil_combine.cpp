@@ -10,7 +10,7 @@ TEST_CASE("Coils may lie in the tenth dimension itself", "[pcsos]") {
   Guarded<float> a(2, 9), b(2, 9);
   TS_perform_pcsos(re, im, 10, dims, 10, a.data(), b.data(), outdims);
   for (int n = 0; n < 2; ++n) {
-    // Coil c weighs as the mean over the tenth dimension from its own entry on, of three as always.
+    // The weight of coil c is the mean over the tenth dimension from its own entry on, of three as always.
     std::complex<double> sum;
     double squares = 0;
     for (int c = 0; c < 3; ++c) {

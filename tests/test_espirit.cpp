@@ -79,11 +79,11 @@ struct Naive {
   Eigen::MatrixXcd voxel(const Eigen::Vector3i& at, const Box& size) const {
     const int k = kernel.count();
     const auto phase = [&](int i) {
-      double turns = 0;
+      double cycles = 0;
       for (int d = 0; d < 3; ++d) {
-        turns += double(kernel.at(i % k)(d)) * (at(d) - size.n[d] / 2) / size.n[d];
+        cycles += double(kernel.at(i % k)(d)) * (at(d) - size.n[d] / 2) / size.n[d];
       }
-      return std::polar(1.0, kTurn * turns);
+      return std::polar(1.0, kTurn * cycles);
     };
     Eigen::MatrixXcd out = Eigen::MatrixXcd::Zero(coils, coils);
     for (int i = 0; i < k * coils; ++i) {
@@ -158,7 +158,7 @@ TEST_CASE("espirit agrees with the naive version", "[espirit]") {
       }
       if (sets > 1 && got.eigenvalue[count + i] <= 0.5f) CHECK(both.col(1).norm() == 0);
       if (got.eigenvalue[i] <= 0.5f) CHECK(map.norm() == 0);
-      if (largest < 0.9 || next > 0.5 * largest) continue;  // products tell such pairs apart slowly
+      if (largest < 0.9 || next > 0.5 * largest) continue;  // products separate such pairs slowly
       ++inside;
       CHECK(got.eigenvalue[i] == Approx(largest).epsilon(2e-3));
       CHECK(std::abs(solver.eigenvectors().col(c.coils - 1).dot(map)) == Approx(1).margin(2e-3));
@@ -178,13 +178,13 @@ TEST_CASE("espirit gives the phase of the coils' weighted sum", "[espirit]") {
     for (int c = 0; c < 4; ++c) {
       Complex low = 0;
       for (int k = 0; k < box.count(); ++k) {
-        double turns = 0, window = 1;
+        double cycles = 0, window = 1;
         for (int d = 0; d < 2; ++d) {
           const double at = box.at(k)(d) - 8;
-          turns += at * (box.at(i)(d) - 8) / 16.0;
+          cycles += at * (box.at(i)(d) - 8) / 16.0;
           window *= 0.5 + 0.5 * std::cos(kTurn * at / 17);
         }
-        low += window * Complex(data[c * box.count() + k]) * std::polar(1.0, kTurn * turns);
+        low += window * Complex(data[c * box.count() + k]) * std::polar(1.0, kTurn * cycles);
       }
       projected += std::conj(Complex(got.maps[c * box.count() + i])) * low;
       weighted += std::abs(low) * low;
@@ -220,9 +220,9 @@ TEST_CASE("espirit's bits depend on neither threads nor layout", "[espirit]") {
   ctessel::espirit(
       ctessel::ConstSamples::parts(re.data(), im.data(), {12, 12, 5, 3}, ctessel::Order::c), parts,
       options);
-  Pairs turned(want.maps.size());
-  ctessel::copy(parts, ctessel::Samples::pairs(turned.data(), extents));
-  CHECK(differences(turned, want.maps) == "");
+  Pairs in_pairs(want.maps.size());
+  ctessel::copy(parts, ctessel::Samples::pairs(in_pairs.data(), extents));
+  CHECK(differences(in_pairs, want.maps) == "");
 }
 
 TEST_CASE("espirit refuses what it cannot use, before it writes", "[espirit]") {

@@ -75,7 +75,7 @@ constexpr std::uint32_t kBitsOf70 = 0x428c0000u;  // 11 times 2 pi is 69.1
 TEST_CASE("block_sincos gives the bits of the maths library", "[sincos]") {
   CHECK(sincos_differences(kBitsOf70, 997) == 0);
   std::vector<float> odd = {0, -0.0f, 1e-45f, -1, 100, 1e30f, -1e30f, INFINITY, -INFINITY, NAN};
-  for (int k = 1; k <= 44; ++k) {  // next to quarter turns the reduction cancels most
+  for (int k = 1; k <= 44; ++k) {  // next to multiples of pi / 2 the reduction cancels most
     const float quarter = static_cast<float>(k * 1.5707963267948966);
     for (float angle : {std::nextafter(quarter, 0.0f), quarter, std::nextafter(quarter, 99.0f)})
       odd.push_back(angle);

@@ -85,8 +85,8 @@ TEST_CASE("Ranges that are symmetric, empty or rejected", "[filter]") {
 TEST_CASE("multiply on hand-worked samples", "[multiply]") {
   for (Layout layout : kLayouts) {
     Array data = host::single({3}, {1, 2, 3}, {4, 5, 6}, layout);
-    const Array quarter_turn = host::single({3}, {0, 0, 0}, {2, 0.5f, 0}, layout);
-    REQUIRE(call({&kMultiply, &data, &quarter_turn}) == "");
+    const Array imaginary = host::single({3}, {0, 0, 0}, {2, 0.5f, 0}, layout);
+    REQUIRE(call({&kMultiply, &data, &imaginary}) == "");
     CHECK((data.real()[0] == 4 && data.real()[1] == 5 && std::isnan(data.real()[2])));
     CHECK(data.imaginary() == std::vector<float>{0, 0, 0});
     Array itself = host::single({2}, {3, -4}, {4, 3}, layout);
@@ -108,14 +108,14 @@ TEST_CASE("A low-resolution image in the data's own storage counts as it was", "
         Array whole = host::single({4200}, re, im, Layout::kPairs), data = whole, low = whole;
         data.dims = dims;
         low.dims = low_dims;
-        Array apart = data;
+        Array copy = data;
         const Array alone =
             host::single(low_dims, {re.begin() + offset, re.begin() + offset + 4000},
                          {im.begin() + offset, im.begin() + offset + 4000}, Layout::kPairs);
         low.borrowed = data.re.data() + 2 * offset;
         REQUIRE(call({&kMultiply, &data, &low}) == "");
-        REQUIRE(call({&kMultiply, &apart, &alone}) == "");
-        CHECK(differences(data.real(), apart.real()) == "");
+        REQUIRE(call({&kMultiply, &copy, &alone}) == "");
+        CHECK(differences(data.real(), copy.real()) == "");
       });
     }
   }
@@ -131,11 +131,11 @@ TEST_CASE("Separate parts may share storage with the image, too", "[multiply]") 
   // Real parts of the phase among the image's imaginary ones, and the other way round.
   for (const std::array<int, 2>& at : {std::array{21, 40}, std::array{40, 1}, std::array{3, 18}}) {
     CAPTURE(at);
-    std::vector<float> shared = v, apart = v;
+    std::vector<float> shared = v, copy = v;
     const auto image = [](float* all) { return ctessel::Samples::parts(all, all + 20, {5, 2, 2}); };
     ctessel::remove_phase(image(shared.data()), view(shared.data(), at[0], at[1]));
-    ctessel::remove_phase(image(apart.data()), view(v.data(), at[0], at[1]));
-    CHECK(differences(shared, apart) == "");
+    ctessel::remove_phase(image(copy.data()), view(v.data(), at[0], at[1]));
+    CHECK(differences(shared, copy) == "");
   }
 }
 

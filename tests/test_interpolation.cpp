@@ -42,10 +42,10 @@ TEST_CASE("pos2interpolate: the first matching rule decides", "[interpolation]")
     CHECK(pos2interpolate(c.pos, c.idx, A, B) == c.want);
   }
   // Two rules hold at once: which one is tried first decides.
-  const float touching[] = {10, 9}, next[] = {10, 11}, apart[] = {10, 5};
+  const float touching[] = {10, 9}, next[] = {10, 11}, crossed[] = {10, 5};
   CHECK(pos2interpolate(3.0, 10, touching, B) == 3.5);  // on the first, one past the second
   CHECK(pos2interpolate(3.0, 11, next, B) == 4.5);      // one past the first, on the second
-  CHECK(pos2interpolate(5.0, 9, apart, B) == 3.5);      // both crossed, the first from below
+  CHECK(pos2interpolate(5.0, 9, crossed, B) == 3.5);    // both crossed, the first from below
   CHECK(pos2interpolate(4.0, 12, next, B) == 8.5);      // one past the second
   const float none[] = {-1, -1}, nan[] = {NAN, NAN};
   CHECK(pos2interpolate(4.2, 9, none, B) == 4.2);

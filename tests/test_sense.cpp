@@ -50,7 +50,7 @@ struct Scene {
             const double angle = 2.4 * c, u = double(x) / maps[0] - 0.5 - 0.7 * std::cos(angle),
                          v = double(y) / maps[1] - 0.5 - 0.7 * std::sin(angle),
                          w = double(z) / maps[2] - 0.5 - 0.5 * std::cos(1.7 * c);
-            // Some roughness, so that many aliases can be told apart.
+            // Some roughness, so that many aliases can be separated.
             const Complex value =
                 std::polar(std::exp(-2 * (u * u + v * v + w * w)), 5 * u + c + 4 * v) +
                 0.4 * Complex(random.real(), random.real());
@@ -234,10 +234,10 @@ TEST_CASE("The largest entry of a column is its pivot, of any size", "[sense]") 
   std::array<int, 3> row{0, 1, 2};
   do {
     CAPTURE(row);
-    for (const Complex& turn : {Complex(1), Complex(0, 1), Complex(0.6, -0.8)}) {
+    for (const Complex& phase : {Complex(1), Complex(0, 1), Complex(0.6, -0.8)}) {
       Eigen::Matrix3cd weights;  // no covariance's inverse, but of every rank
       weights << 1e-30, 0.3, 1.1, 1e-12, 1.7, 0.4, 1, 0.2, 0.6;
-      weights = (turn * weights(row, Eigen::all)).eval();
+      weights = (phase * weights(row, Eigen::all)).eval();
       check(weights, 1);
       check(weights * 0x1p-478, 0x1p-26f);  // squares near the smallest there are
     }
@@ -417,9 +417,9 @@ TEST_CASE("sense takes samples as they lie, with the bits of TS_sense_recon", "[
                  psi_re.data(), psi_im.data(), 2, psi, full, image.data(), nullptr, 2, ref,
                  image.data(), nullptr, 4, std::array{11, 10, 6, 2}.data(), 2, want_re.data(),
                  want_im.data(), out);
-  const double level = TS_SA(fold_re.data(), fold_im.data(), 2112) / 2 /
+  const double ratio = TS_SA(fold_re.data(), fold_im.data(), 2112) / 2 /
                        TS_SA(image.data(), nullptr, 15),
-               weight = level * level / (2.5 * 2);
+               weight = ratio * ratio / (2.5 * 2);
   for (const bool pairs : {false, true}) {
     for (const auto order : {ctessel::Order::fortran, ctessel::Order::c}) {
       CAPTURE(pairs, order == ctessel::Order::c);

@@ -94,15 +94,15 @@ struct Scene {
 
 /// Offsets of the voxels that alias where the lines of kz, every step_z-th one, move on by `shift` from
 /// one line of ky, every step_y-th one, to the next; in any order and any number of times round the image.
-std::vector<std::array<int, 2>> lattice(std::array<int, 3> full, int step_y, int step_z,
-                                        int shift) {
+std::vector<std::array<int, 2>> shifted_pattern(std::array<int, 3> full, int step_y, int step_z,
+                                                int shift) {
   Random random(5);
   std::vector<std::array<int, 2>> offsets;
   const int ny = full[1] / step_y, nz = full[2] / step_z;
-  for (int turn = 0; turn < step_z; ++turn)
+  for (int wrap = 0; wrap < step_z; ++wrap)
     for (int copy = 0; copy < step_y; ++copy)
-      offsets.push_back({ny * copy - shift * turn * ny / step_z + full[1] * random.integer(-2, 2),
-                         nz * turn + full[2] * random.integer(-2, 2)});
+      offsets.push_back({ny * copy - shift * wrap * ny / step_z + full[1] * random.integer(-2, 2),
+                         nz * wrap + full[2] * random.integer(-2, 2)});
   for (int i = int(offsets.size()) - 1; i > 0; --i)
     std::swap(offsets[i], offsets[random.integer(0, i)]);
   return offsets;
@@ -152,7 +152,7 @@ Setup shifted(std::array<int, 4> maps, int step_y, int step_z, int shift, double
               double weight = 0) {
   const std::array<int, 3> full{maps[0], maps[1], maps[2]},
       folded{maps[0], maps[1] / step_y, maps[2] / step_z};
-  return {maps, folded, full, unit, weight, lattice(full, step_y, step_z, shift)};
+  return {maps, folded, full, unit, weight, shifted_pattern(full, step_y, step_z, shift)};
 }
 
 double relative(double got, double want) { return std::abs(got - want) / std::abs(want); }
@@ -234,7 +234,7 @@ TEST_CASE("Images of noise leave the image's bits alone and hold for its factors
         Setup{{7, 9, 1, 4}, {15, 8, 1}, {15, 20, 1}, 1e-14},  // coarser, 2.5
         Setup{{20, 10, 1, 4}, {33, 5, 1}, {33, 10, 1}, 0},    // along x alone
         Setup{{6, 7, 5, 6}, {9, 6, 4}, {9, 12, 8}, 1, 0.5},
-        Setup{{11, 8, 4, 6}, {20, 4, 2}, {20, 8, 4}, 2, 0, lattice({20, 8, 4}, 2, 2, 1)}}) {
+        Setup{{11, 8, 4, 6}, {20, 4, 2}, {20, 8, 4}, 2, 0, shifted_pattern({20, 8, 4}, 2, 2, 1)}}) {
     CAPTURE(setup.maps, setup.folded);
     Scene s(setup);
     // One volume for each coil, which is 1 there and 0 elsewhere: the image is that coil's factors.
