@@ -98,7 +98,8 @@ def _cancelled(number, error):
     for other in runtime.SIGNALS:
         signal.signal(other, signal.SIG_IGN)
     what = "all had been" if getattr(error, "written", False) else "nothing was"
-    print(f"\nctessel: cancelled, {what} written", file=sys.stderr, flush=True)
+    said = getattr(error, "said", f"cancelled, {what} written")
+    print(f"\nctessel: {said}", file=sys.stderr, flush=True)
     return 128 + number
 
 

@@ -299,4 +299,8 @@ def serve(arguments):
         return int(bool(session(0, settings, time.strftime("%Y%m%dT%H%M%S"), target=1).error))
     server = Server(arguments.host, arguments.port, settings, arguments.connections)
     log(f"listens on {server.address[0]}:{server.address[1]}")
-    server.run()
+    try:
+        server.run()
+    except (KeyboardInterrupt, SystemExit) as error:
+        error.said = "the server has ended"
+        raise

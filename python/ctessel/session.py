@@ -160,7 +160,7 @@ class Session:
     def _configure(self, name):
         if name in self._settings.configs:
             self._words = {**self._settings.words, **self._settings.configs[name]}
-        elif name:
+        elif name not in ("", "ctessel"):  # the name that `ctessel send` gives
             self._log(f"no configuration is called {name[:80]!r}; the options of the command are used")
 
     def _parameters(self, found):

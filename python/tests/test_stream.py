@@ -604,6 +604,7 @@ def test_sigterm_ends_sessions_cleanly(tmp_path, small):
         peer.end()
         assert peer.closed and "the server ends" in peer.lines[-1]
         assert made.process.wait(20) == 143
+        assert made.log[-1] == "ctessel: the server has ended"
     assert not list(tmp_path.iterdir())
 
 
