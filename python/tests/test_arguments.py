@@ -83,6 +83,7 @@ def test_every_array_argument_is_checked(call, good):
     (homodyne.multiply, {"data": DATA}, {"low": DATA[..., :2]}, "low: expected extent 3 along axis 3"),
     (homodyne.multiply, {"data": DATA}, {"low": DATA[0]}, "low: expected 4 dimensions"),
     (homodyne.multiply, {"data": DATA}, {"low": DATA[:, :, ::-1], "inplace": True}, "low: .* shares memory"),
+    (ctessel.geometry_correction, GEOMETRY, {"y": np.zeros((5, 2), np.float32)}, "y: expected the shape of x"),
     (ctessel.geometry_correction, GEOMETRY, {"r0": 0}, "r0: expected a radius above 0"),
     (ctessel.geometry_correction, GEOMETRY, {"coeff_y": ONES[2]}, r"coeff_y: .* at most \(14, 12\), got shape \(17,\)"),
     (ctessel.find, {"array": np.arange(3)}, {"value": 1}, "array: .* got an array of int64"),
