@@ -113,9 +113,16 @@ def test_other_numbers_are_converted_once(given):
         ctessel.fftshift(given, inplace=True)
 
 
-def test_memory_that_there_is_not_is_named():
+def test_memory_that_there_is_not_is_named_and_other_errors_stay():
     with pytest.raises(MemoryError, match="^zero_pad: not enough memory; its arrays take [0-9]{8,} MB"):
         ctessel.zero_pad(np.ones((1, 1, 1), np.complex64), (2**20, 2**20, 2**18))
+
+    class Broken:
+        def __index__(self):
+            raise LookupError("own")
+
+    with pytest.raises(LookupError, match="own"):
+        ctessel.zero_pad(DATA, (Broken(),))
 
 
 @pytest.mark.parametrize("shape", [(0,), (3, 0), (0, 2, 2), (2, 2, 2, 0)])
