@@ -89,17 +89,8 @@ void load_row(const ConstRow& from, float* re, float* im);
 /// Parts without gaps to a row. im null counts as zeros.
 void store_row(const float* re, const float* im, const Row& to);
 
-/// Axes from the fastest to the slowest in memory, and a view with its axes in such an order.
+/// Axes from the fastest to the slowest in memory.
 std::vector<int> memory_order(const ConstSamples& s);
-template <class Float>
-BasicSamples<Float> permuted(BasicSamples<Float> s, const std::vector<int>& order) {
-  const BasicSamples<Float> as = s;
-  for (std::size_t k = 0; k < order.size(); ++k) {
-    s.extents[k] = as.extent(Dim(order[k]));
-    s.strides[k] = as.stride(Dim(order[k]));
-  }
-  return s;
-}
 
 /// Whether each imaginary part follows its real part.
 inline bool in_pairs(const ConstSamples& s) { return s.im && s.im == s.re + 1; }

@@ -101,6 +101,7 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     ndarray of complex64, ``(x, y, z, slice, echo, repetition)``
         The object, as an image without artefacts and noise.
     """
+    kind = "interleaved" if kind == "turns" else kind  # the name in older scripts
     if kind not in KINDS:
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)

@@ -60,7 +60,7 @@ def test_images_of_foreign_files_agree_with_foreign_reconstructions(tmp_path, op
 
 @pytest.mark.parametrize("kind, bound", [
     ("echoes", 1e-6), ("partial", 0.03), ("partial-end", 0.03), ("partial-readout", 0.03), ("undersampled", 0.02),
-    ("undersampled-3", 0.03), ("interleaved", 0.01), ("3d-undersampled", 0.05), ("3d-caipi", 0.05),
+    ("undersampled-3", 0.03), ("turns", 0.01), ("3d-undersampled", 0.05), ("3d-caipi", 0.05),
 ])  # fmt: skip
 def test_phantoms_come_back(tmp_path, kind, bound):
     truth = np.abs(phantom.write(tmp_path / "p.h5", kind, size=64))
