@@ -84,8 +84,7 @@ def sidecar(result, measured, *, header, extents, skipped, source, position, geo
         "GradientCorrection": geometry and {"Coefficients": printable(geometry)},
         "Sources": [printable(source)],
         "Position": "of the file" if known else "not in the file; axial at the isocentre assumed",
-        "Range": result.selection
-        and dict(zip(("Axis", "First", "Last", "Count"), (*result.selection, extents[result.selection[0]]))),
+        "Range": result.selection and _range(*result.selection, extents),
         "Skipped": [{"Axis": axis, "Position": number} for axis, number in skipped],
         "Steps": result.steps,
         "Warnings": result.warnings,
@@ -95,6 +94,11 @@ def sidecar(result, measured, *, header, extents, skipped, source, position, geo
         "Versions": versions(),
     }
     return {name: value for name, value in entries.items() if value}
+
+
+def _range(axis, first, last, extents):
+    """The part of the scan that an image shows."""
+    return {"Axis": axis, "First": first, "Last": last, "Count": extents[axis]}
 
 
 def versions():

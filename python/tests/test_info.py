@@ -75,5 +75,5 @@ def test_the_picture_shows_this_scan(tmp_path, capsys):
     counts = [{name: (np.abs(p - value).max(2) < 3).sum() for name, value in colour.items()} for p in pictures]
     assert counts[0]["line"] > 1.7 * counts[1]["line"] > 1000
     assert counts[2]["calibration"] > 10 * counts[0]["calibration"]
-    refused(capsys, "cannot be written to", "info", path, "--plot", tmp_path / "none" / "a.png")
+    refused(capsys, "no such folder", "info", path, "--plot", tmp_path / "none" / "a.png")
     assert run("info", path, "--plot", "a.jpg") == 2
