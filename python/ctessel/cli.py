@@ -732,7 +732,7 @@ def phantom(arguments):
     if arguments.kind == "list":
         _say(_phantom_kinds() if sys.stdout.isatty() else "\n".join(phantoms.KINDS))
         return
-    if arguments.kind not in (*phantoms.KINDS, "turns"):
+    if arguments.kind not in phantoms.KINDS.keys() | phantoms.OLDER_NAMES.keys():
         raise UsageError(f"argument KIND: expected one of {', '.join(phantoms.KINDS)}, got {arguments.kind}")
     if arguments.output is None:
         raise UsageError("the following arguments are required: -o/--output")

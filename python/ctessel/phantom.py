@@ -78,6 +78,8 @@ KINDS = {
     ),
     "oblique": Phantom(slices=3, tilt=(30.0, 20.0), position=(12.0, -30.0, 45.0)),
 }
+#: Kinds that scripts may still call by another name.
+OLDER_NAMES = {"turns": "interleaved"}
 
 
 def write(path, kind="full", *, group="dataset", progress=None, **changes):
@@ -101,7 +103,7 @@ def write(path, kind="full", *, group="dataset", progress=None, **changes):
     ndarray of complex64, ``(x, y, z, slice, echo, repetition)``
         The object, as an image without artefacts and noise.
     """
-    kind = "interleaved" if kind == "turns" else kind  # the name in older scripts
+    kind = OLDER_NAMES.get(kind, kind)
     if kind not in KINDS:
         raise ValueError(f"kind: expected one of {', '.join(KINDS)}, got {kind!r}")
     phantom = replace(KINDS[kind], **changes)
