@@ -79,7 +79,7 @@ CTESSEL_INLINE void add_scaled(double ar, double ai, const double* xr, const dou
 }
 
 /// Rows i .. i + n - 1 of a product, for as many columns as V has numbers: sums stay in registers.
-/// `panel` holds these columns of b, parts of a row behind each other.
+/// `panel` holds these columns of b, parts of a row behind each other, and any numbers behind the last.
 template <int n, class V>
 CTESSEL_INLINE void multiply_block(const Matrix& a, const double* panel, Index i, Index column,
                                    Matrix& out) {
@@ -95,38 +95,30 @@ CTESSEL_INLINE void multiply_block(const Matrix& a, const double* panel, Index i
       im[r] += ar * xi + ai * xr;
     }
   }
+  const std::size_t bytes = at(std::min(width, out.cols - column)) * sizeof(double);
   for (int r = 0; r < n; ++r) {
-    std::memcpy(out.re.data() + (i + r) * out.cols + column, &re[r], sizeof(V));
-    std::memcpy(out.im.data() + (i + r) * out.cols + column, &im[r], sizeof(V));
+    std::memcpy(out.re.data() + (i + r) * out.cols + column, &re[r], bytes);
+    std::memcpy(out.im.data() + (i + r) * out.cols + column, &im[r], bytes);
   }
-}
-
-template <class V>
-CTESSEL_INLINE void multiply_columns(const Matrix& a, const Matrix& b, Range rows, Index column,
-                                     Matrix& out, double* panel) {
-  constexpr Index width = sizeof(V) / sizeof(double);
-  for (Index k = 0; k < b.rows; ++k) {
-    std::copy_n(b.re.data() + k * b.cols + column, width, panel + 2 * k * width);
-    std::copy_n(b.im.data() + k * b.cols + column, width, panel + (2 * k + 1) * width);
-  }
-  auto i = static_cast<Index>(rows.begin);
-  for (; i + 4 <= rows.end; i += 4) multiply_block<4, V>(a, panel, i, column, out);
-  for (; i < rows.end; ++i) multiply_block<1, V>(a, panel, i, column, out);
 }
 
 template <int width>
 CTESSEL_INLINE void multiply(const Matrix& a, const Matrix& b, Range rows, bool upper,
                              Matrix& out) {
+  using V = Vector<double, width>;
   std::vector<double> panel(at(2 * b.rows * width));
-  Index column = 0;
-  const auto reached = [&](Index columns) {
-    return Range{rows.begin, upper ? std::min<std::int64_t>(rows.end, column + columns) : rows.end};
-  };
-  for (; column + width <= b.cols; column += width) {
-    multiply_columns<Vector<double, width>>(a, b, reached(width), column, out, panel.data());
-  }
-  for (; column < b.cols; ++column) {
-    multiply_columns<Vector<double, 1>>(a, b, reached(1), column, out, panel.data());
+  for (Index column = 0; column < b.cols; column += width) {
+    const Index columns = std::min<Index>(width, b.cols - column);
+    for (Index k = 0; k < b.rows; ++k) {
+      const Index from = k * b.cols + column;
+      std::copy_n(b.re.data() + from, columns, panel.data() + 2 * k * width);
+      std::copy_n(b.im.data() + from, columns, panel.data() + (2 * k + 1) * width);
+    }
+    const auto last = static_cast<Index>(rows.end);
+    const Index end = upper ? std::min(last, column + columns) : last;
+    auto i = static_cast<Index>(rows.begin);
+    for (; i + 4 <= end; i += 4) multiply_block<4, V>(a, panel.data(), i, column, out);
+    for (; i < end; ++i) multiply_block<1, V>(a, panel.data(), i, column, out);
   }
 }
 
@@ -498,16 +490,6 @@ void check(const ConstSamples& calibration, const ConstSamples& maps,
         "maps: expected as many coils as the calibration has, no more sets, and extents of at "
         "least 1");
   }
-  for (Index c = 0; c < calibration.extent(Dim::coil); ++c) {
-    const Index n[] = {calibration.extent(Dim::x), calibration.extent(Dim::y),
-                       calibration.extent(Dim::z)};
-    for_each_place(n, [&](Index x, Index y, Index z) {
-      const Complex v = sample(calibration, x, y, z, c);
-      if (!std::isfinite(v.real()) || !std::isfinite(v.imag())) {
-        refuse("calibration: expected finite samples");
-      }
-    });
-  }
   if (options.kernel < 1) refuse("kernel: expected at least 1 sample");
   if (!(options.threshold > 0 && options.threshold < 1)) {
     refuse("threshold: expected a share of the largest eigenvalue, more than 0 and less than 1");
@@ -527,6 +509,9 @@ void espirit(const ConstSamples& calibration, const Samples& maps, const Espirit
   check(calibration, maps, options);
   const Windows windows(calibration, options.kernel);
   const Matrix rows = calibration_matrix(calibration, windows);
+  if (!rows.re.allFinite() || !rows.im.allFinite()) {
+    throw std::invalid_argument("calibration: expected finite samples");
+  }
   const Index size[] = {maps.extent(Dim::x), maps.extent(Dim::y), maps.extent(Dim::z)};
   const Matrix space = signal_space(rows, windows.coils, options.threshold);
   const Polynomials matrices = coil_matrices(convolutions(space, windows), windows, size);

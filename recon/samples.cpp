@@ -26,12 +26,10 @@ namespace {
 
 using std::ptrdiff_t;
 
-constexpr ptrdiff_t kSquare = 64;                     // samples along either side of a tile
-constexpr ptrdiff_t kMostRows = kSquare + kLine / 4;  // of a tile whose columns begin with lines
-constexpr ptrdiff_t kUnit = 16 * kSquare;             // samples that a thread reads on
-constexpr ptrdiff_t kRow = 1 << 14;                   // samples of a row that it copies at once
-constexpr ptrdiff_t kShort = 16;                      // samples of a row that is worth a call
-constexpr ptrdiff_t kStream = 1 << 22;                // bytes that leave little else in the caches
+constexpr ptrdiff_t kSquare = 64;       // samples along either side of a tile
+constexpr ptrdiff_t kRow = 1 << 14;     // samples of a row that it copies at once
+constexpr ptrdiff_t kShort = 16;        // samples of a row that is worth a call
+constexpr ptrdiff_t kStream = 1 << 22;  // bytes that leave little else in the caches
 
 /// What a copy does to one sample: Ins words, one from each of the arrays read, and Outs words,
 /// one to each of the arrays written; where one side has a single array its words lie side by side.
@@ -132,16 +130,19 @@ void move_run(const M& m, Offsets o, ptrdiff_t n) {
 }
 
 template <class M>
-void move_row(M m, Offsets o, Step axis, ptrdiff_t n) {
+void move_word(const M& m, Offsets o) {
   constexpr std::size_t kWord = sizeof(typename M::Word);
-  if (axis.from == M::kFrom && axis.to == M::kTo) return move_run(m, o, n);
-  for (; n > 0; --n, o.from += axis.from, o.to += axis.to) {
-    for (std::size_t p = 0; p < M::kIns; ++p) {
-      for (std::size_t q = 0; q < M::kOuts; ++q) {
-        std::memcpy(m.out[q] + o.to + p * kWord, m.in[p] + o.from + q * kWord, kWord);
-      }
+  for (std::size_t p = 0; p < M::kIns; ++p) {
+    for (std::size_t q = 0; q < M::kOuts; ++q) {
+      std::memcpy(m.out[q] + o.to + p * kWord, m.in[p] + o.from + q * kWord, kWord);
     }
   }
+}
+
+template <class M>
+void move_row(M m, Offsets o, Step axis, ptrdiff_t n) {
+  if (axis.from == M::kFrom && axis.to == M::kTo) return move_run(m, o, n);
+  for (; n > 0; --n, o.from += axis.from, o.to += axis.to) move_word(m, o);
 }
 
 template <class M>
@@ -165,51 +166,6 @@ void walk_rows(const M& m, const Step& row, std::vector<Step> axes) {
 }
 
 // ---- Tile by tile ----
-
-/// Axes along which one side runs on with one step, fastest first.
-struct Run {
-  std::vector<Step> axes;
-  ptrdiff_t n = 1, step = 0;
-};
-
-/// Takes axis i out of `axes`, to lengthen a run.
-void lengthen(Run& run, std::vector<Step>& axes, std::size_t i) {
-  run.n *= axes[i].n;
-  run.axes.push_back(axes[i]);
-  axes.erase(axes.begin() + static_cast<ptrdiff_t>(i));
-}
-
-bool lengthen(Run& run, std::vector<Step>& axes, Side side) {
-  for (std::size_t i = 0; i < axes.size(); ++i) {
-    if (axes[i].*side != run.step * run.n) continue;
-    lengthen(run, axes, i);
-    return true;
-  }
-  return false;
-}
-
-/// A tile has part of either run as its sides.
-struct Plan {
-  Run read, write;
-  std::vector<Step> others;
-};
-
-Plan plan_tiles(std::vector<Step> axes, std::size_t fastest_read) {
-  Plan p;
-  p.read.step = axes[fastest_read].from;
-  p.write.step = axes[0].to;
-  lengthen(p.read, axes, fastest_read);
-  lengthen(p.write, axes, std::size_t{0});
-  for (bool longer = true; longer;) {  // the shorter side first, until both fill a tile
-    if (std::min(p.read.n, kSquare) < std::min(p.write.n, kSquare)) {
-      longer = lengthen(p.read, axes, &Step::from) || lengthen(p.write, axes, &Step::to);
-    } else {
-      longer = lengthen(p.write, axes, &Step::to) || lengthen(p.read, axes, &Step::from);
-    }
-  }
-  p.others = axes;
-  return p;
-}
 
 /// Transposes n rows of m words into m columns of n.
 template <class Word>
@@ -238,144 +194,68 @@ CTESSEL_CLONES void transpose_words(std::uint64_t, const char* const* rows, ptrd
   transpose<std::uint64_t>(rows, n, m, to, pitch);
 }
 
-/// Tiles that share their rows: part of the writing run, a long part of the reading run, one entry of
-/// the other axes.
-struct Block {
-  Offsets start;
-  ptrdiff_t begin, first, rows, read, read_end;
-  std::array<ptrdiff_t, kMostRows> from;
+/// Axes along which one side runs on with one step, fastest first: as many of the others as fill a
+/// tile.
+struct Run {
+  std::vector<Step> axes;
+  ptrdiff_t n;
+
+  Run(const Step& first, Side side, std::vector<Step>& others) : axes{first}, n(first.n) {
+    while (n < kSquare) {
+      const auto next = std::find_if(others.begin(), others.end(),
+                                     [&](const Step& a) { return a.*side == first.*side * n; });
+      if (next == others.end()) return;
+      n *= next->n;
+      axes.push_back(*next);
+      others.erase(next);
+    }
+  }
+  ptrdiff_t tiles() const { return (n + kSquare - 1) / kSquare; }
 };
 
-/// One thread's work on tiles.
+/// Moves entries r .. r + kSquare - 1 of the reading run and w .. w + kSquare - 1 of the writing run.
 template <class M>
-class Tiles {
- public:
-  Tiles(const M& m, const Plan& plan)
-      : m_(m),
-        plan_(plan),
-        stream_(m.stream && plan.write.step == M::kTo),
-        even_(std::all_of(plan.read.axes.begin(), plan.read.axes.end(),
-                          [](const Step& a) { return a.to % kLine == 0; })),
-        blocks_((plan.write.n + kSquare - 1) / kSquare + 1),
-        chunks_((plan.read.n + kUnit - 1) / kUnit) {}
-
-  ptrdiff_t units() const { return count_of(plan_.others) * blocks_ * chunks_; }
-
-  void run(ptrdiff_t unit, ptrdiff_t end) {
-    Block block, next;
-    bool more = find_block(unit, end, next);
-    if (more) list_rows(next, next.read);
-    while (more) {
-      block = next;
-      more = find_block(++unit, end, next);
-      for (ptrdiff_t j = block.read; j < block.read_end; j += kSquare) {
-        rows_.swap(next_rows_);
-        ahead_ = 0;
-        if (j + kSquare < block.read_end) {
-          list_rows(block, j + kSquare);
-        } else if (more) {
-          list_rows(next, next.read);
-        }
-        move(block, j, std::min(kSquare, block.read_end - j));
-      }
+void move_tile(const M& m, Offsets start, const Run& read, ptrdiff_t r, const Run& write,
+               ptrdiff_t w) {
+  constexpr ptrdiff_t kPitch = kSquare * M::kTo + kLine;
+  const ptrdiff_t nr = std::min(kSquare, read.n - r), nw = std::min(kSquare, write.n - w),
+                  read_step = read.axes[0].from, write_step = write.axes[0].to;
+  const auto at = [](const auto& list, ptrdiff_t i) { return list[static_cast<std::size_t>(i)]; };
+  std::array<ptrdiff_t, kSquare> from, to;
+  list_offsets(write.axes, &Step::from, w, nw, from.data());
+  list_offsets(read.axes, &Step::to, r, nr, to.data());
+  start.from += r * read_step, start.to += w * write_step;
+  if (read_step != M::kFrom || write_step != M::kTo) {
+    for (ptrdiff_t i = 0; i < nr * nw; ++i) {
+      const ptrdiff_t k = i % nr, j = i / nr;
+      move_word(m,
+                {start.from + at(from, j) + k * read_step, start.to + at(to, k) + j * write_step});
     }
+    return;
   }
-
- private:
-  static constexpr ptrdiff_t kWord = sizeof(typename M::Word), kPitch = kMostRows * M::kTo;
-  static std::size_t size(ptrdiff_t n) { return static_cast<std::size_t>(n); }
-
-  /// By how many samples a column's tiles begin early, so that they begin with whole lines.
-  ptrdiff_t shift(const char* column) const { return stream_ ? into_line(column) / M::kTo : 0; }
-
-  /// The first block that is not empty, from `unit` on. Where columns lie differently in their lines,
-  /// its rows are those of the earliest to those of the latest.
-  bool find_block(ptrdiff_t& unit, ptrdiff_t end, Block& block) const {
-    for (; unit < end; ++unit) {
-      block.begin = unit / chunks_ % blocks_ * kSquare;
-      block.start = offsets_of(plan_.others, unit / chunks_ / blocks_);
-      block.read = unit % chunks_ * kUnit;
-      block.read_end = std::min(block.read + kUnit, plan_.read.n);
-      const ptrdiff_t own = shift(m_.out[0] + block.start.to), most = kLine / M::kTo - 1;
-      const bool alike = even_ && own == shift(m_.out[M::kOuts - 1] + block.start.to);
-      const ptrdiff_t late = alike || !stream_ ? own : 0, early = alike || !stream_ ? own : most;
-      block.first = std::max(block.begin - early, ptrdiff_t{0});
-      block.rows = std::min(block.begin - late + kSquare, plan_.write.n) - block.first;
-      if (block.rows <= 0) continue;
-      list_offsets(plan_.write.axes, &Step::from, block.first, block.rows, block.from.data());
-      return true;
-    }
-    return false;
+  std::array<const char*, kSquare * M::kIns> rows;
+  alignas(kLine) std::array<char, kSquare * M::kOuts * kPitch> columns;
+  for (ptrdiff_t i = 0; i < nw * M::kIns; ++i)
+    rows[static_cast<std::size_t>(i)] = at(m.in, i % M::kIns) + start.from + at(from, i / M::kIns);
+  transpose_words(typename M::Word{}, rows.data(), nw * M::kIns, nr * M::kOuts, columns.data(),
+                  kPitch);
+  for (ptrdiff_t k = 0; k < nr * M::kOuts; ++k) {
+    char* column = at(m.out, k % M::kOuts) + start.to + at(to, k / M::kOuts);
+    (m.stream ? stream_bytes : copy_bytes)(column, columns.data() + k * kPitch, nw * M::kTo);
   }
-
-  /// Where the next tile's rows begin, to ask for them while this one is written.
-  void list_rows(const Block& block, ptrdiff_t j) {
-    const ptrdiff_t at = block.start.from + j * plan_.read.step;
-    ahead_ = block.rows * M::kIns;
-    for (ptrdiff_t i = 0; i < ahead_; ++i) {
-      next_rows_[size(i)] = m_.in[size(i % M::kIns)] + at + block.from[size(i / M::kIns)];
-    }
-    ahead_samples_ = std::min(kSquare, block.read_end - j);
-  }
-
-  void move(const Block& block, ptrdiff_t j, ptrdiff_t nr) {
-    const ptrdiff_t rows = block.rows * M::kIns, columns = nr * M::kOuts;
-    if (plan_.read.step != M::kFrom) gather(rows, nr);
-    transpose_words(typename M::Word{}, rows_.data(), rows, columns, transposed_.data(), kPitch);
-    list_offsets(plan_.read.axes, &Step::to, j, nr, to_.data());
-    for (ptrdiff_t k = 0; k < columns; ++k) {
-      deliver(block, transposed_.data() + k * kPitch,
-              m_.out[size(k % M::kOuts)] + block.start.to + to_[size(k / M::kOuts)]);
-      for (ptrdiff_t i = k; i < ahead_; i += columns) fetch(next_rows_[size(i)]);
-    }
-  }
-
-  // Inline, as the compiler drops calls of functions without any effect but this.
-  CTESSEL_INLINE void fetch(const char* row) const {
-    const ptrdiff_t last = (ahead_samples_ - 1) * plan_.read.step;
-    const char *line = row + std::min(last, ptrdiff_t{0}),
-               *end = row + std::max(last, ptrdiff_t{0});
-    for (line -= into_line(line); line <= end; line += kLine) __builtin_prefetch(line, 0, 2);
-  }
-
-  void gather(ptrdiff_t rows, ptrdiff_t nr) {
-    const ptrdiff_t step = plan_.read.step;
-    for (ptrdiff_t i = 0; i < rows; ++i) {
-      const char* from = rows_[size(i)];
-      char* row = gathered_.data() + i * kSquare * M::kFrom;
-      for (ptrdiff_t k = 0; k < nr; ++k) std::memcpy(row + k * M::kFrom, from + k * step, M::kFrom);
-      rows_[size(i)] = row;
-    }
-  }
-
-  void deliver(const Block& block, const char* transposed, char* column) const {
-    const ptrdiff_t begin = block.begin - shift(column), first = std::max(begin, ptrdiff_t{0}),
-                    n = std::min(begin + kSquare, plan_.write.n) - first, step = plan_.write.step;
-    const char* from = transposed + (first - block.first) * M::kTo;
-    char* to = column + first * step;
-    if (n <= 0) return;
-    if (stream_) return stream_bytes(to, from, n * M::kTo);
-    if (step == M::kTo) return copy_bytes(to, from, n * M::kTo);
-    for (ptrdiff_t i = 0; i < n; ++i) std::memcpy(to + i * step, from + i * M::kTo, M::kTo);
-  }
-
-  const M& m_;
-  const Plan& plan_;
-  const bool stream_, even_;
-  const ptrdiff_t blocks_, chunks_;
-  ptrdiff_t ahead_ = 0, ahead_samples_ = 0;  // rows to ask for, and their length
-  std::array<ptrdiff_t, kSquare> to_;
-  std::array<const char*, kMostRows * M::kIns> rows_, next_rows_;
-  alignas(kLine) std::array<char, kSquare * M::kOuts * kPitch> transposed_;
-  std::array<char, kMostRows * kSquare * M::kIns * M::kFrom> gathered_;
-};
+}
 
 template <class M>
-void walk_tiles(const M& m, const Plan& plan) {
-  share(m, Tiles<M>(m, plan).units(), [&](std::int64_t begin, std::int64_t end) {
-    Tiles<M>(m, plan).run(static_cast<ptrdiff_t>(begin), static_cast<ptrdiff_t>(end));
-    finish_streams();
-  });
+void walk_tiles(const M& m, const Run& read, const Run& write, const std::vector<Step>& others) {
+  share(m, count_of(others) * write.tiles() * read.tiles(),
+        [&](std::int64_t begin, std::int64_t end) {
+          for (auto tile = static_cast<ptrdiff_t>(begin); tile < end; ++tile) {
+            const ptrdiff_t column = tile / read.tiles();
+            move_tile(m, offsets_of(others, column / write.tiles()), read,
+                      tile % read.tiles() * kSquare, write, column % write.tiles() * kSquare);
+          }
+          finish_streams();
+        });
 }
 
 template <class M>
@@ -392,7 +272,11 @@ void walk(M m, const std::vector<ptrdiff_t>& shape, const std::vector<ptrdiff_t>
   };
   const auto fastest = std::max_element(axes.begin(), axes.end(), slower);
   if (fastest != axes.begin() && fastest->from != 0) {
-    return walk_tiles(m, plan_tiles(axes, static_cast<std::size_t>(fastest - axes.begin())));
+    const Step reading = *fastest, writing = axes.front();
+    axes.erase(fastest);
+    axes.erase(axes.begin());
+    const Run read(reading, &Step::from, axes), write(writing, &Step::to, axes);
+    return walk_tiles(m, read, write, axes);
   }
   const Step row = axes.front();
   axes.erase(axes.begin());

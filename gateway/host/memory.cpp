@@ -3,8 +3,8 @@
 #include "memory.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace host {
 
@@ -13,10 +13,6 @@ constexpr float kGuard = -12345.678f;
 }
 
 Guarded::Guarded(std::size_t n) : store_(n + 2 * kZone, kGuard) { std::fill_n(data(), n, 0.0f); }
-
-Guarded::Guarded(const std::vector<float>& content) : store_(content.size() + 2 * kZone, kGuard) {
-  std::copy(content.begin(), content.end(), data());
-}
 
 bool Guarded::intact() const {
   if (store_.empty()) return true;
@@ -32,21 +28,36 @@ std::size_t Array::count() const {
 }
 
 namespace {
-std::vector<float> every(const float* from, std::size_t n, std::size_t step) {
-  std::vector<float> out(n);  // by bytes: a NaN's bits stay
-  for (std::size_t i = 0; i < n; ++i) std::memcpy(&out[i], from + step * i, sizeof(float));
+
+void copy_bits(const float* from, float* to) {
+  std::memcpy(to, from, sizeof(float));
+}  // a NaN's, too
+
+std::vector<float> every(const float* from, std::size_t n, std::ptrdiff_t step) {
+  std::vector<float> out(from ? n : 0);
+  for (float& v : out) copy_bits(std::exchange(from, from + step), &v);
   return out;
 }
+
+/// n samples of 0.
+Array zeros(std::vector<int> dims, std::size_t n, bool complex, Layout layout) {
+  Array a{"single", std::move(dims)};
+  a.complex = complex;
+  a.layout = layout;
+  const bool pairs = complex && layout == Layout::kPairs;
+  a.re = Guarded(pairs ? 2 * n : n);
+  if (complex && !pairs) a.im = Guarded(n);
+  return a;
+}
+
 }  // namespace
 
 std::vector<float> Array::real() const {
-  return every(re.data(), count(), complex && layout == Layout::kPairs ? 2 : 1);
+  return every(samples(this).re, count(), samples(this).step);
 }
 
 std::vector<float> Array::imaginary() const {
-  if (!complex) return {};
-  if (layout == Layout::kParts) return every(im.data(), count(), 1);
-  return every(re.data() + 1, count(), 2);
+  return every(samples(this).im, count(), samples(this).step);
 }
 
 State& state() {
@@ -56,39 +67,23 @@ State& state() {
 
 Array single(std::vector<int> dims, const std::vector<float>& re, const std::vector<float>& im,
              Layout layout) {
-  Array a;
-  a.class_name = "single";
-  a.dims = std::move(dims);
-  a.complex = !im.empty();
-  a.layout = layout;
-  if (a.complex && layout == Layout::kPairs) {
-    std::vector<float> pairs(2 * re.size());
-    for (std::size_t i = 0; i < re.size(); ++i) {
-      std::memcpy(&pairs[2 * i], &re[i], sizeof(float));
-      std::memcpy(&pairs[2 * i + 1], &im[i], sizeof(float));
-    }
-    a.re = Guarded(pairs);
-  } else {
-    a.re = Guarded(re);
-    if (a.complex) a.im = Guarded(im);
+  Array a = zeros(std::move(dims), re.size(), !im.empty(), layout);
+  const Samples s = samples(&a);
+  for (std::size_t i = 0; i < re.size(); ++i) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(i) * s.step;
+    copy_bits(&re[i], s.re + at);
+    if (s.im) copy_bits(&im[i], s.im + at);
   }
   return a;
 }
 
 Array doubles(std::vector<int> dims, std::vector<double> values) {
-  Array a;
-  a.class_name = "double";
-  a.dims = std::move(dims);
-  a.values = std::move(values);
-  return a;
+  return {"double", std::move(dims), {}, std::move(values)};
 }
 
 Array text(std::string characters) {
-  Array a;
-  a.class_name = "char";
-  a.dims = {1, static_cast<int>(characters.size())};
-  a.text = std::move(characters);
-  return a;
+  const auto n = static_cast<int>(characters.size());
+  return {"char", {1, n}, std::move(characters)};
 }
 
 bool is_char(const Array* a) { return a->class_name == "char"; }
@@ -121,16 +116,11 @@ Samples samples(const Array* array) {
 double* doubles(const Array* a) { return const_cast<Array*>(a)->values.data(); }
 
 Array* create_complex_single(int ndims, const int* dims) {
-  auto array =
-      std::make_unique<Array>(single(std::vector<int>(dims, dims + ndims), {}, {}, state().layout));
   double count = 1;
-  for (int d : array->dims) count *= d;
+  for (int d = 0; d < ndims; ++d) count *= dims[d];
   if (count > 1e8) error("Out of memory.");  // as a host does
-  array->complex = true;
-  const bool parts = array->layout == Layout::kParts;
-  array->re = Guarded(parts ? array->count() : 2 * array->count());
-  if (parts) array->im = Guarded(array->count());
-  state().created.push_back(std::move(array));
+  state().created.push_back(std::make_unique<Array>(
+      zeros({dims, dims + ndims}, static_cast<std::size_t>(count), true, state().layout)));
   return state().created.back().get();
 }
 

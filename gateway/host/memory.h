@@ -17,7 +17,6 @@ class Guarded {
  public:
   Guarded() = default;
   explicit Guarded(std::size_t n);  // zeros
-  explicit Guarded(const std::vector<float>& content);
   float* data() { return store_.empty() ? nullptr : store_.data() + kZone; }
   const float* data() const { return const_cast<Guarded*>(this)->data(); }
   bool intact() const;
@@ -30,11 +29,11 @@ class Guarded {
 struct Array {
   std::string class_name;
   std::vector<int> dims;
-  std::string text;            // class "char"
-  std::vector<double> values;  // class "double"
+  std::string text = {};            // class "char"
+  std::vector<double> values = {};  // class "double"
   bool complex = false;
   Layout layout = Layout::kParts;
-  Guarded re, im;             // class "single"; pairs are all in re
+  Guarded re = {}, im = {};   // class "single"; pairs are all in re
   float* borrowed = nullptr;  // pairs, or real values, in other storage than re
 
   std::size_t count() const;

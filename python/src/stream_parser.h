@@ -20,15 +20,12 @@
 
 namespace ctessel_stream {
 
+/// Those of messages that are more than a text.
 enum Id : std::uint16_t {
   kConfigFile = 1,
-  kConfigText = 2,
-  kHeader = 3,
   kClose = 4,
-  kText = 5,
   kQuery = 6,
   kResponse = 7,
-  kError = 8,
   kAcquisition = 1008,
   kImage = 1022,
   kWaveform = 1026,
@@ -67,38 +64,26 @@ class Budget {
   std::atomic<std::uint64_t> limit_{0}, held_{0};
 };
 
-/// Ends memory that was counted in a budget, or nowhere.
-struct Release {
-  std::shared_ptr<Budget> budget;
-  std::uint64_t size = 0;
-  void operator()(const std::uint8_t* bytes) const {
-    delete[] bytes;
-    if (budget) budget->give(size);
-  }
-};
-
 /// Uninitialised memory whose size is counted in a budget, or nowhere.
 class Buffer {
  public:
   Buffer() = default;
-  Buffer(std::uint64_t size, std::shared_ptr<Budget> budget) {
-    if (budget) budget->take(size);
-    const Release release{std::move(budget), size};
-    try {
-      if (size > SIZE_MAX) throw std::bad_alloc();  // where addresses have 32 bits
-      bytes_ = {new std::uint8_t[static_cast<std::size_t>(size)], release};
-    } catch (...) {
-      release(nullptr);
-      throw;
+  Buffer(std::uint64_t size, const std::shared_ptr<Budget>& budget) {
+    if (budget) {
+      budget->take(size);
+      share_ = {nullptr, [budget, size](void*) { budget->give(size); }};
     }
+    if (size > SIZE_MAX) throw std::bad_alloc();  // where addresses have 32 bits
+    size_ = static_cast<std::size_t>(size);
+    bytes_ = std::make_unique_for_overwrite<std::uint8_t[]>(size_);
   }
   std::uint8_t* data() const { return bytes_.get(); }
-  std::size_t size() const {
-    return bytes_ ? static_cast<std::size_t>(bytes_.get_deleter().size) : 0;
-  }
+  std::size_t size() const { return bytes_ ? size_ : 0; }
 
  private:
-  std::unique_ptr<std::uint8_t[], Release> bytes_;
+  std::unique_ptr<std::uint8_t[]> bytes_;
+  std::shared_ptr<void> share_;  // of the budget, given back at the end
+  std::size_t size_ = 0;
 };
 
 struct Message {
@@ -141,8 +126,7 @@ class Parser {
   }
 
   Limits& limits() { return limits_; }
-  Budget& budget() { return *budget_; }
-  const Budget& budget() const { return *budget_; }
+  Budget& budget() const { return *budget_; }
 
   /// Where the next bytes belong, and the most that belong there; never none.
   std::uint8_t* place() {
@@ -200,24 +184,17 @@ class Parser {
   std::size_t head_bytes(std::uint16_t id) const {
     if (std::find(accepted_.begin(), accepted_.end(), id) == accepted_.end())
       throw Fault("a message with the id " + std::to_string(id) + ", which is not used here");
-    switch (id) {
-      case kConfigFile:
-        return 1024;
-      case kClose:
-        return 0;
-      case kQuery:
-        return 24;
-      case kResponse:
-        return 16;
-      case kAcquisition:
-        return AcquisitionLayout::kBytes;
-      case kImage:
-        return ImageLayout::kBytes + sizeof(std::uint64_t);  // and the length of the attributes
-      case kWaveform:
-        return WaveformLayout::kBytes;
-      default:
-        return sizeof(std::uint32_t);
-    }
+    constexpr std::pair<Id, std::size_t> kBytes[] = {
+        {kConfigFile, 1024},
+        {kClose, 0},
+        {kQuery, 24},
+        {kResponse, 16},
+        {kAcquisition, AcquisitionLayout::kBytes},
+        {kImage, ImageLayout::kBytes + sizeof(std::uint64_t)},  // and the length of the attributes
+        {kWaveform, WaveformLayout::kBytes}};
+    for (const auto& [known, bytes] : kBytes)
+      if (id == known) return bytes;
+    return sizeof(std::uint32_t);
   }
 
   Buffer body() const {
@@ -227,9 +204,8 @@ class Parser {
       case kClose:
         return {};
       case kQuery:
-        return {text(field<std::uint64_t>(head, 16)), nullptr};
       case kResponse:
-        return {text(field<std::uint64_t>(head, 8)), nullptr};
+        return {text(field<std::uint64_t>(head, message_.head.size() - 8)), nullptr};
       case kAcquisition:
         return {acquisition(head), budget_};
       case kImage:
