@@ -23,9 +23,7 @@ namespace {
 using std::ptrdiff_t;
 
 ptrdiff_t product(const int* dims, int begin, int end) {
-  ptrdiff_t n = 1;
-  for (int d = begin; d < end; ++d) n *= dims[d];
-  return n;
+  return static_cast<ptrdiff_t>(merged_outer(end, dims, begin));
 }
 
 /// The images of one coil: all that an output voxel or row belongs to.

@@ -155,15 +155,11 @@ void add_up(const Expansion& e, const float* ratio, const Angles& angles, const 
       sums.z[j] += terms[kTesseral + n - 1][j] * rho[n][j] * e.zonal[n - 1];
 }
 
-struct Outputs {
-  float *x, *y, *z;
-};
-
 /// Everything a thread needs to find the positions of points. table is null for a short list.
 struct Task {
   const Expansion& e;
   const float *x, *y, *z;
-  Outputs out;
+  float *xd, *yd, *zd;
   float step;
   const float* table;
 };
@@ -175,9 +171,9 @@ void finish(const Task& task, const Terms& terms, Batch& batch) {
   Sums sums;
   add_up(task.e, batch.ratio, angles, terms, sums);
   for (int j = 0; j < batch.count; ++j) {
-    task.out.x[batch.point[j]] = task.e.scale_x * sums.x[j];
-    task.out.y[batch.point[j]] = task.e.scale_y * sums.y[j];
-    task.out.z[batch.point[j]] = task.e.scale_z * sums.z[j];
+    task.xd[batch.point[j]] = task.e.scale_x * sums.x[j];
+    task.yd[batch.point[j]] = task.e.scale_y * sums.y[j];
+    task.zd[batch.point[j]] = task.e.scale_z * sums.z[j];
   }
   batch.count = 0;
 }
@@ -245,7 +241,7 @@ void TS_geometry_correction(float* x, float* y, float* z, float* xd, float* yd, 
   const float step = ctessel::lookup_step(kSamples);
   std::unique_ptr<float[]> table;
   if (npts >= kLongList) table = build_table(step);
-  const Task task = {e, x, y, z, {xd, yd, zd}, step, table.get()};
+  const Task task = {e, x, y, z, xd, yd, zd, step, table.get()};
   ctessel::for_each_chunk(npts,
                           [&](std::int64_t begin, std::int64_t end) { correct(task, begin, end); });
 }

@@ -24,10 +24,8 @@ using Row = BasicRow<float>;
 using ConstRow = BasicRow<const float>;
 
 /// The row of a view along axis d that begins `offset` floats from the view's first sample.
-inline ConstRow row_of(const ConstSamples& s, Dim d, std::ptrdiff_t offset = 0) {
-  return {s.re + offset, s.im ? s.im + offset : nullptr, s.stride(d), s.extent(d)};
-}
-inline Row row_of(const Samples& s, Dim d, std::ptrdiff_t offset = 0) {
+template <class Float>
+BasicRow<Float> row_of(const BasicSamples<Float>& s, Dim d, std::ptrdiff_t offset = 0) {
   return {s.re + offset, s.im ? s.im + offset : nullptr, s.stride(d), s.extent(d)};
 }
 

@@ -11,6 +11,7 @@
 
 #include "dispatch.h"
 #include "loops.h"
+#include "simd.h"
 
 namespace ctessel {
 
@@ -20,32 +21,23 @@ using std::ptrdiff_t;
 
 constexpr ptrdiff_t kWeights = 1 << 14;  // formed at a time: 64 KiB
 
-CTESSEL_CLONES void scale(const float* in, const float* w, float* out, ptrdiff_t n) {
-#pragma omp simd
-  for (ptrdiff_t i = 0; i < n; ++i) out[i] = in[i] * w[i];
-}
-
-CTESSEL_CLONES void scale_pairs(const float* in, const float* w, float* out, ptrdiff_t n) {
+/// One weight for every `block` floats, which are known when compiled where they are few.
+template <int Block>
+CTESSEL_INLINE void scale(const float* in, const float* w, float* out, ptrdiff_t n) {
 #pragma omp simd
   for (ptrdiff_t i = 0; i < n; ++i) {
-    out[2 * i] = in[2 * i] * w[i];
-    out[2 * i + 1] = in[2 * i + 1] * w[i];
+    for (ptrdiff_t k = 0; k < Block; ++k) out[Block * i + k] = in[Block * i + k] * w[i];
   }
 }
 
-/// One weight for every `block` floats.
-CTESSEL_CLONES void scale_blocks(const float* in, const float* w, float* out, ptrdiff_t n,
-                                 ptrdiff_t block) {
+CTESSEL_CLONES void scale_run(const float* in, const float* w, float* out, ptrdiff_t n,
+                              ptrdiff_t block) {
+  if (block == 1) return scale<1>(in, w, out, n);
+  if (block == 2) return scale<2>(in, w, out, n);
   for (ptrdiff_t i = 0; i < n; ++i) {
 #pragma omp simd
     for (ptrdiff_t k = i * block; k < (i + 1) * block; ++k) out[k] = in[k] * w[i];
   }
-}
-
-void scale_run(const float* in, const float* w, float* out, ptrdiff_t n, ptrdiff_t block) {
-  if (block == 1) return scale(in, w, out, n);
-  if (block == 2) return scale_pairs(in, w, out, n);
-  scale_blocks(in, w, out, n, block);
 }
 
 /// Where the samples of one run lie: `block` floats with one weight side by side, `step` from weight

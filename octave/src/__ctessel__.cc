@@ -18,30 +18,25 @@ namespace {
 
 using Values = octave_value_list;
 
-/// Extents as the kernels take them, filled up with ones to `least` entries.
-std::vector<int> extents(const dim_vector& dims, int least) {
-  const int n = static_cast<int>(dims.ndims());
-  std::vector<int> e(static_cast<std::size_t>(std::max(n, least)), 1);
-  for (int d = 0; d < n; ++d) e[static_cast<std::size_t>(d)] = static_cast<int>(dims(d));
-  return e;
-}
-
-dim_vector shape(const std::vector<int>& e) {
-  dim_vector dims = dim_vector::alloc(static_cast<int>(e.size()));
-  for (int d = 0; d < dims.ndims(); ++d) dims(d) = e[static_cast<std::size_t>(d)];
-  dims.chop_trailing_singletons();
-  return dims;
-}
+using ctessel::ConstSamples;
+using ctessel::Dim;
+using ctessel::Extents;
+using ctessel::Samples;
 
 // ---- Arrays -------------------------------------------------------------------------------------
 
-using ctessel::ConstSamples;
-using ctessel::Dim;
-using ctessel::Samples;
+/// Filled up with ones to `least` entries.
+Extents extents(const dim_vector& dims, int least) {
+  Extents e(static_cast<std::size_t>(std::max<int>(dims.ndims(), least)), 1);
+  for (int d = 0; d < dims.ndims(); ++d) e[static_cast<std::size_t>(d)] = dims(d);
+  return e;
+}
 
-ctessel::Extents extents_of(const dim_vector& dims, int least) {
-  const std::vector<int> e = extents(dims, least);
-  return {e.begin(), e.end()};
+dim_vector shape(const Extents& e) {
+  dim_vector dims = dim_vector::alloc(static_cast<int>(e.size()));
+  std::copy(e.begin(), e.end(), &dims(0));
+  dims.chop_trailing_singletons();
+  return dims;
 }
 
 /// Single values of either kind, and views of them.
@@ -63,13 +58,13 @@ struct Single {
   dim_vector dims() const { return is_complex ? pairs.dims() : values.dims(); }
   /// As many axes at least: ten, so that every axis which a kernel names is there.
   ConstSamples view(int axes = 10) const {
-    if (is_complex) return ConstSamples::pairs(pairs.data(), extents_of(dims(), axes));
-    return ConstSamples::parts(values.data(), nullptr, extents_of(dims(), axes));
+    if (is_complex) return ConstSamples::pairs(pairs.data(), extents(dims(), axes));
+    return ConstSamples::parts(values.data(), nullptr, extents(dims(), axes));
   }
   /// To write into. Storage shared with a variable of the user's is copied first.
   Samples target(int axes = 10) {
-    if (is_complex) return Samples::pairs(pairs.fortran_vec(), extents_of(dims(), axes));
-    return Samples::parts(values.fortran_vec(), nullptr, extents_of(dims(), axes));
+    if (is_complex) return Samples::pairs(pairs.fortran_vec(), extents(dims(), axes));
+    return Samples::parts(values.fortran_vec(), nullptr, extents(dims(), axes));
   }
   octave_value value() const { return is_complex ? octave_value(pairs) : octave_value(values); }
 };
@@ -90,7 +85,7 @@ Values shift_axes(const Values& args) {
 /// x, [nx ny nz]
 Values zero_pad(const Values& args) {
   const Single x(args(1));
-  std::vector<int> target = extents(x.dims(), 3);
+  Extents target = extents(x.dims(), 3);
   const Array<int> n = args(2).int_vector_value();
   std::copy_n(n.data(), 3, target.begin());
   Single out(shape(target), x.is_complex);
@@ -118,7 +113,7 @@ template <Combine* kernel, bool Complex>
 Values combine(const Values& args) {
   const Single coils(args(1));
   const int dim = args(2).int_value();
-  std::vector<int> combined = extents(coils.dims(), std::max(10, dim));
+  Extents combined = extents(coils.dims(), std::max(10, dim));
   combined[static_cast<std::size_t>(dim - 1)] = 1;
   Single out(shape(combined), Complex);
   const auto axes = static_cast<int>(combined.size());
@@ -137,7 +132,7 @@ Values sense(const Values& args) {
   const Single folded(args(1)), maps(args(2), true), covariance(args(4)), expected(args(5)),
       reference(args(6));
   const Array<int> full = args(3).int_vector_value();
-  std::vector<int> unfolded = extents(folded.dims(), 4);
+  Extents unfolded = extents(folded.dims(), 4);
   std::copy_n(full.data(), 3, unfolded.begin());
   unfolded[3] = extents(maps.dims(), 6)[5];
   Single out(shape(unfolded), true);
@@ -158,8 +153,8 @@ Values sense(const Values& args) {
 Values noise(const Values& args) {
   const Single maps(args(1), true), covariance(args(4)), expected(args(5)), mask(args(7));
   const Array<int> full = args(2).int_vector_value(), fold = args(3).int_vector_value();
-  const std::vector<int> grid = extents(maps.dims(), 5);
-  const std::vector<int> image = {full(0), full(1), full(2), grid[4]};
+  const Extents grid = extents(maps.dims(), 5);
+  const Extents image = {full(0), full(1), full(2), grid[4]};
   Single g(shape(image), false), sd(shape(image), false), condition(shape(image), false);
   ctessel::SenseOptions options;
   options.covariance = given(covariance);
@@ -170,8 +165,7 @@ Values noise(const Values& args) {
   options.sd = sd.target();
   options.condition = condition.target();
   const ConstSamples folded(nullptr, nullptr,
-                            {fold(0), fold(1), fold(2), grid[3], 1, 1, 1, grid[4]},
-                            ctessel::Extents(8, 0));
+                            {fold(0), fold(1), fold(2), grid[3], 1, 1, 1, grid[4]}, Extents(8, 0));
   ctessel::sense(folded, maps.view(), {full(0), full(1), full(2)}, {}, options);
   return ovl(g.value(), sd.value(), condition.value());
 }
@@ -180,8 +174,8 @@ Values noise(const Values& args) {
 Values espirit(const Values& args) {
   const Single calibration(args(1));
   const Array<int> size = args(2).int_vector_value();
-  const int coils = extents(calibration.dims(), 4)[3], sets = args(6).int_value();
-  Single maps(shape({size(0), size(1), size(2), coils, sets}), true);
+  const int sets = args(6).int_value();
+  Single maps(shape({size(0), size(1), size(2), extents(calibration.dims(), 4)[3], sets}), true);
   Single eigenvalue(shape({size(0), size(1), size(2), sets}), false);
   ctessel::EspiritOptions options;
   options.kernel = args(3).int_value();

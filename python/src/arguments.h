@@ -162,7 +162,6 @@ void define(py::module_& m, const char* name, R (*function)(Args...)) {
 void bind_arrays(py::module_& m);
 void bind_coils(py::module_& m);
 void bind_sense(py::module_& m);
-void bind_espirit(py::module_& m);
 void bind_geometry(py::module_& m);
 void bind_gradient_field(py::module_& m);
 void bind_helpers(py::module_& m);

@@ -151,3 +151,6 @@ py::class_<Acquisitions> bind_lines(py::class_<Acquisitions> type) {
 }
 
 }  // namespace ctessel_lines
+
+/// Adds `Stream`, which receives ISMRMRD's streaming protocol.
+void bind_stream(pybind11::module_& m);

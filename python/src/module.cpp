@@ -16,7 +16,6 @@ PYBIND11_MODULE(_core, m) {
   ctessel_python::bind_arrays(m);
   ctessel_python::bind_coils(m);
   ctessel_python::bind_sense(m);
-  ctessel_python::bind_espirit(m);
   ctessel_python::bind_geometry(m);
   ctessel_python::bind_gradient_field(m);
   ctessel_python::bind_helpers(m);

@@ -25,7 +25,6 @@
 #include <vector>
 
 #include "lines.h"
-#include "raw_stream.h"
 
 namespace {
 

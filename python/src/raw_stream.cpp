@@ -1,8 +1,6 @@
 // Raw data that come through a socket or a pipe. Samples stay where they were received until they are
 // put to their places in k-space.
 
-#include "raw_stream.h"
-
 #include <poll.h>
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>

@@ -21,31 +21,24 @@ using std::ptrdiff_t;
 
 constexpr int kCoil = 3, kLocation = 7, kSet = 5, kMostAxes = 13;  // kSet: of maps
 
-struct FullSize {
-  std::array<int, 3> n;
-};
+using FullSize = std::array<int, 3>;
 
-FullSize three_extents(py::handle object, const std::string& name) {
-  FullSize size;
-  numbers(object, name.c_str(), 3, 3);
-  const auto entries = py::reinterpret_borrow<py::sequence>(object);
-  for (std::size_t d = 0; d < 3; ++d) {
-    const py::object entry = entries[d];
-    size.n[d] = whole_number(entry, name + "[" + std::to_string(d) + "]", 1, INT_MAX);
-  }
-  return size;
+FullSize three_extents(py::handle object, const char* name) {
+  numbers(object, name, 3, 3);
+  const std::vector<int> n = whole_numbers(object, name, 3, 3, 1);
+  return {n[0], n[1], n[2]};
 }
 
 FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::handle object) {
-  FullSize full{{static_cast<int>(folded.extent(Dim(0))), static_cast<int>(sens.extent(Dim(1))),
-                 static_cast<int>(sens.extent(Dim(2)))}};
+  FullSize full{static_cast<int>(folded.extent(Dim(0))), static_cast<int>(sens.extent(Dim(1))),
+                static_cast<int>(sens.extent(Dim(2)))};
   if (!object.is_none()) full = three_extents(object, "full_size");
   for (int d = 0; d < 3; ++d) {
-    if (d == 0 ? full.n[0] != folded.extent(Dim(0)) : full.n[d] < folded.extent(Dim(d))) {
+    if (d == 0 ? full[0] != folded.extent(Dim(0)) : full[d] < folded.extent(Dim(d))) {
       fail_value("full_size[" + std::to_string(d) + "]",
                  (d == 0 ? "the folded extent " : "at least the folded extent ") +
                      std::to_string(folded.extent(Dim(d))),
-                 std::to_string(full.n[d]));
+                 std::to_string(full[d]));
     }
   }
   return full;
@@ -53,7 +46,7 @@ FullSize full_size_of(const ConstSamples& folded, const ConstSamples& sens, py::
 
 /// Extents of the unfolded image: in place of the coils are the sets of maps, or nothing.
 Extents unfolded_shape(const ConstSamples& folded, const ConstSamples& sens, const FullSize& full) {
-  Extents shape(full.n.begin(), full.n.end());
+  Extents shape(full.begin(), full.end());
   if (sens.ndim() > kSet) shape.push_back(sens.extent(Dim(kSet)));
   for (int d = kCoil + 1; d < folded.ndim(); ++d) shape.push_back(folded.extent(Dim(d)));
   check_count(shape, "full_size");
@@ -125,7 +118,7 @@ void check(Arguments& a, py::handle full_size) {
   check_regularisation(a);
   const bool listed = !a.aliases.empty() || a.sens.view.extent(Dim(kSet)) > 1;
   for (int d = 1; d < 3 && listed; ++d)
-    check_extent(a.sens.view, "sens", d, a.full.n[static_cast<std::size_t>(d)]);
+    check_extent(a.sens.view, "sens", d, a.full[static_cast<std::size_t>(d)]);
 }
 
 ctessel::SenseOptions options_of(const Arguments& a) {
@@ -144,7 +137,7 @@ ctessel::SenseOptions options_of(const Arguments& a) {
 void unfold(const Arguments& a, const Samples& out, const ctessel::SenseOptions& options,
             const Threads& team) {
   try {
-    run(team, [&] { ctessel::sense(a.folded.view, a.sens.view, a.full.n, out, options); });
+    run(team, [&] { ctessel::sense(a.folded.view, a.sens.view, a.full, out, options); });
   } catch (const std::invalid_argument&) {
     if (a.aliases.empty())
       fail_value("full_size", "multiples of the folded extents with sets of maps", "others");
@@ -193,14 +186,14 @@ py::tuple sense_noise(py::handle sens, py::handle psi, py::handle full_size, py:
               aliases_of(aliases)};
   check_not_empty(a.sens.view, "sensitivities");
   Extents fold(8, 1);  // of images that need not exist
-  std::ranges::copy(three_extents(fold_size, "fold_size").n, fold.begin());
+  std::ranges::copy(three_extents(fold_size, "fold_size"), fold.begin());
   fold[kCoil] = a.sens.view.extent(Dim(kCoil));
   fold[kLocation] = a.sens.view.extent(Dim(kCoil + 1));
   // With extents and no samples the checks are those of images that are unfolded.
   a.folded.view = Samples(nullptr, nullptr, fold, Extents(8, 0));
   if (!a.reg.view) a.weight.reset();
   check(a, full_size);
-  Extents shape(a.full.n.begin(), a.full.n.end());
+  Extents shape(a.full.begin(), a.full.end());
   if (a.sens.view.ndim() > kCoil + 1) shape.push_back(fold[kLocation]);
   if (a.sens.view.ndim() > kSet) shape.push_back(a.sens.view.extent(Dim(kSet)));
   check_count(shape, "full_size");
