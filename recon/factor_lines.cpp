@@ -270,11 +270,15 @@ void ctessel::FactorLines::gather(int y, int z) {
 }
 
 void ctessel::FactorLines::gather_direct(int y, int z) {
+  const int next = y + 1 < p_.y.lines ? y + 1 : y;
+  const int64_t more = std::min(batch_.aliases, p_.count(next, z));
   for (int64_t k = 0; k < batch_.aliases; ++k) {
-    const FactorProblem::Entries of = p_.entries(y, z, k);
+    const FactorProblem::Entries of = p_.entries(y, z, k), then = p_.entries(next, z, k);
     const int64_t at = p_.y.nearest[of.y] + p_.ny * p_.z.nearest[of.z];
+    const int64_t upcoming = p_.y.nearest[then.y] + p_.ny * p_.z.nearest[then.z];
     include(y, z, k);
     for (int64_t c = 0; c < p_.nc; ++c) {
+      if (k < more) prefetch(upcoming, c - 1);
       const Parts parts = row(at, c, width_, 0);
       float* out = samples_.data() + 2 * factor_slot(c, batch_.aliases, k) * pitch_;
       take(parts.re, width_, out, met_.data());

@@ -262,8 +262,8 @@ class Tile {
   /// False if something was not finite: all tiles then have to be unfolded with neighbours.
   bool unfold_directly() {
     Line& line = new_line();
-    for (int y = 0; y < p_.y.lines; ++y) {
-      for (int z = 0; z < p_.z.lines; ++z) {
+    for (int z = 0; z < p_.z.lines; ++z) {
+      for (int y = 0; y < p_.y.lines; ++y) {
         lines_->form(y, z, true, own_slots(line), pitch_);
         finite_ &= aligned_ || is_finite(line);  // factors of pixels show in what they give
         finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
