@@ -153,6 +153,7 @@ ctessel::FactorLines::FactorLines(const FactorProblem& problem, Range columns)
       zeros_(size(pitch_)),
       samples_(size(2 * p_.slots() * pitch_)),
       scratch_(size(8 * pitch_)),
+      last_(size(p_.slots() * kLanes)),
       batch_(p_.nc, p_.aliases(), p_.psi_inverse.size() ? p_.psi_inverse.data() : nullptr,
              p_.noise) {
   batch_.plain = p_.lambda == 0;
@@ -215,10 +216,10 @@ bool ctessel::FactorLines::include(int y, int z, int64_t k) {
   }
   bool any = false;
   for (int64_t i = 0; i < width_; ++i) {
-    flags[i] = mask ? mask[i * p_.mask.x] != 0 : first[i] <= line;
+    flags[i] = !p_.nowhere && (mask ? mask[i * p_.mask.x] != 0 : first[i] <= line);
     any |= flags[i] != 0;
   }
-  return any && !p_.nowhere;
+  return any;
 }
 
 /// Asks for a row of the next coil: it lies a volume further, where the processor's own prefetching
@@ -304,34 +305,31 @@ double ctessel::FactorLines::regularisation(int y, int z, int64_t k, int64_t i) 
 
 /// Sets up presence and regularisation of the voxels from column i on; false if all are empty.
 bool ctessel::FactorLines::prepare(int64_t i, int y, int z) {
-  bool any = false;
+  unsigned char any = 0;
   for (int64_t k = 0; k < batch_.aliases; ++k) {
     const unsigned char* flags = included_.data() + k * pitch_ + i;
     for (int64_t j = 0; j < kLanes; ++j) {
-      const bool there = i + j < width_ && flags[j] != 0 && !p_.nowhere;
-      any |= there;
-      batch_.present[size(k)].voxel[j] = there ? -1 : 0;
-      batch_.regularised[size(k)].voxel[j] =
-          there && p_.lambda != 0 ? regularisation(y, z, k, i + j) : 0.0;
+      any |= flags[j];
+      batch_.present[size(k)].voxel[j] = -int64_t{flags[j]};
+      if (p_.lambda == 0) continue;
+      batch_.regularised[size(k)].voxel[j] = flags[j] != 0 ? regularisation(y, z, k, i + j) : 0.0;
     }
   }
-  return any;
+  return any != 0;
 }
 
 /// Factors of the voxels from column i on.
 void ctessel::FactorLines::finish(int64_t i, int y, int z, std::complex<double>* out,
                                   int64_t pitch) {
-  const bool any = prepare(i, y, z);
-  if (any) solve(batch_, samples_.data() + i, pitch_);
-  const int64_t used = std::min<int64_t>(kLanes, width_ - i);
-  for (int64_t c = 0; c < p_.nc; ++c) {
-    for (int64_t k = 0; k < batch_.aliases; ++k) {
-      auto* to = out + factor_slot(c, batch_.aliases, k) * pitch + i;
-      if (any) {
-        std::copy_n(batch_.u(k, c), used, to);
-      } else {
-        std::fill_n(to, used, 0.0);
-      }
+  const bool any = prepare(i, y, z), whole = i + kLanes <= width_;
+  std::complex<double>* to = whole ? out + i : last_.data();
+  if (any) solve(batch_, samples_.data() + i, pitch_, to, whole ? pitch : kLanes);
+  for (int64_t j = 0; j < p_.nc * batch_.aliases && !(any && whole); ++j) {
+    const int64_t used = std::min<int64_t>(kLanes, width_ - i);
+    if (any) {
+      std::copy_n(to + j * kLanes, used, out + j * pitch + i);
+    } else {
+      std::fill_n(out + j * pitch + i, used, 0.0);
     }
   }
   if (p_.noise) finish_noise(i, any, out + p_.slots() * pitch + i, pitch);

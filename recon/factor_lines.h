@@ -137,6 +137,7 @@ class FactorLines {
   std::vector<unsigned char> included_;  // by alias and column, of the line in work
   std::vector<float> met_, zeros_;       // 0, or NaN for a column with a sample that is not finite
   LineVector<float> samples_, scratch_;  // by slot, part and column
+  LineVector<std::complex<double>> last_;  // factors of the last columns where they fill no batch
   VoxelBatch batch_;
 };
 

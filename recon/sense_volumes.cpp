@@ -616,8 +616,7 @@ int64_t tile_width(const SenseProblem& p) {
 bool needs_no_neighbours(const SenseProblem& p) {
   // A column of factors that no pixel lies on would not be looked at between two tiles.
   const auto skips = [](int a, int b) { return b > a + 1; };
-  bool whole = p.factors.y.same_grid && p.factors.z.same_grid &&
-               (p.nx > 1 || p.factors.nx == 1) &&
+  bool whole = p.factors.y.same_grid && p.factors.z.same_grid && (p.nx > 1 || p.factors.nx == 1) &&
                std::ranges::adjacent_find(p.x.index, skips) == p.x.index.end();
   for (const auto& [axis, lines] :
        {std::pair(&p.y, p.factors.y.lines), {&p.z, p.factors.z.lines}}) {

@@ -5,6 +5,7 @@
 
 #include "unfolding_matrices.h"
 
+#include <cstring>
 #include <utility>
 
 #include "dispatch.h"
@@ -24,7 +25,9 @@ using std::int64_t;
 /// W voxels of a batch: every array from the first of them on.
 struct Slice {
   int64_t nc;
-  double *s, *w, *b, *u;  // S, W = S^H Psi^-1 and U: entry (k, c) at k nc + c
+  double *s, *w, *b;  // S and W = S^H Psi^-1: entry (k, c) at k nc + c
+  double* u;          // U, pairs; slots are u_pitch apart
+  int64_t u_pitch;
   const double* regularised;
   const int64_t* present;
   const double* psi_inverse;  // null for the identity
@@ -199,9 +202,9 @@ CTESSEL_INLINE void invert(double* b, int64_t n) {
 template <int W, std::size_t... I>
 CTESSEL_INLINE void store_pairs(const Lanes<W>& re, const Lanes<W>& im, double* out,
                                 std::index_sequence<I...>) {
-  auto* pairs = reinterpret_cast<Lanes<W>*>(out);
-  pairs[0] = __builtin_shufflevector(re, im, (I / 2 + I % 2 * W)...);
-  pairs[1] = __builtin_shufflevector(re, im, (W / 2 + I / 2 + I % 2 * W)...);
+  const Lanes<W> pairs[] = {__builtin_shufflevector(re, im, (I / 2 + I % 2 * W)...),
+                            __builtin_shufflevector(re, im, (W / 2 + I / 2 + I % 2 * W)...)};
+  std::memcpy(out, pairs, sizeof(pairs));
 }
 
 /// U = B^-1 W of alias k for C coils from c on.
@@ -215,7 +218,7 @@ CTESSEL_INLINE void apply_to_coils(const Slice& t, int64_t n, int64_t k, int64_t
   for (int i = 0; i < C; ++i) {
     const Lanes<W> re = there<W>(t, k) ? sum[i].re : Lanes<W>{},
                    im = there<W>(t, k) ? sum[i].im : Lanes<W>{};
-    store_pairs<W>(re, im, t.u + 2 * ctessel::kVoxels * (k * t.nc + c + i),
+    store_pairs<W>(re, im, t.u + t.u_pitch * ctessel::factor_slot(c + i, n, k),
                    std::make_index_sequence<W>());
   }
 }
@@ -323,7 +326,8 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
 }
 
 template <int W>
-CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t pitch) {
+CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t pitch,
+                                std::complex<double>* u, int64_t u_pitch) {
   const auto* psi_inverse = reinterpret_cast<const double*>(batch.psi_inverse);
   for (int64_t first = 0; first < ctessel::kVoxels; first += W) {
     const auto from = [first](auto& entries) {
@@ -333,7 +337,8 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
                   from(batch.sensitivity),
                   from(batch.weighted),
                   from(batch.matrix),
-                  reinterpret_cast<double*>(batch.result.data()) + 2 * first,  // pairs
+                  reinterpret_cast<double*>(u + first),
+                  2 * u_pitch,
                   from(batch.regularised),
                   from(batch.present),
                   psi_inverse,
@@ -344,8 +349,9 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
   }
 }
 
-CTESSEL_BY_WIDTH(void solve_here(VoxelBatch& batch, const float* samples, int64_t pitch),
-                 solve_batch, (batch, samples, pitch))
+CTESSEL_BY_WIDTH(void solve_here(VoxelBatch& batch, const float* samples, int64_t pitch,
+                                 std::complex<double>* u, int64_t u_pitch),
+                 solve_batch, (batch, samples, pitch, u, u_pitch))
 
 }  // namespace
 
@@ -358,11 +364,11 @@ ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<dou
   sensitivity.resize(entries);
   weighted.resize(entries);
   matrix.resize(4 * n * n);
-  result.resize(entries);
   if (!with_noise) return;
   noise.resize(10 * n + 2 * n * n);
 }
 
-void ctessel::solve(VoxelBatch& batch, const float* samples, int64_t pitch) {
-  solve_here(batch, samples, pitch);
+void ctessel::solve(VoxelBatch& batch, const float* samples, int64_t pitch, std::complex<double>* u,
+                    int64_t u_pitch) {
+  solve_here(batch, samples, pitch, u, u_pitch);
 }

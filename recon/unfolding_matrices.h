@@ -26,10 +26,6 @@ struct VoxelBatch {
   VoxelBatch(std::int64_t coils, std::int64_t most, const std::complex<double>* psi_inverse,
              bool with_noise = false);
 
-  /// U of an alias and a coil, one value per voxel.
-  const std::complex<double>* u(std::int64_t alias, std::int64_t coil) const {
-    return reinterpret_cast<const std::complex<double>*>(&result[entry(alias, coil)]);
-  }
   /// Place of the first of two entries, the real and the imaginary part.
   std::size_t entry(std::int64_t alias, std::int64_t coil) const {
     return static_cast<std::size_t>(2 * (alias * coils + coil));
@@ -40,7 +36,7 @@ struct VoxelBatch {
   std::vector<Flags> present;      // in: all bits set where an alias takes part
   std::vector<Entry> regularised;  // in: what the diagonal gains
   bool plain = false;              // in: nothing is regularised
-  std::vector<Entry> sensitivity, weighted, matrix, result;
+  std::vector<Entry> sensitivity, weighted, matrix;
   /// Of every alias, if wanted: the standard deviation sqrt([U Psi U^H]_ii); 1 / sqrt(A_ii), which it
   /// would be without the other aliases, A = S^H Psi^-1 S; the condition of A; the response
   /// Re [U S]_ii. 0 where no coil sees the alias.
@@ -49,8 +45,9 @@ struct VoxelBatch {
 };
 
 /// U = (S^H Psi^-1 S + R)^-1 S^H Psi^-1 of every voxel, exactly 0 for absent aliases. The samples
-/// of S come by factor slot and part (real, imaginary), one every `pitch` floats. No test for
-/// singularity: it gives NaN throughout.
-void solve(VoxelBatch& batch, const float* samples, std::int64_t pitch);
+/// of S come by factor slot and part (real, imaginary), one every `pitch` floats; slot j of U goes to
+/// u[j u_pitch] and the seven places behind it. No test for singularity: it gives NaN throughout.
+void solve(VoxelBatch& batch, const float* samples, std::int64_t pitch, std::complex<double>* u,
+           std::int64_t u_pitch);
 
 }  // namespace ctessel
