@@ -25,7 +25,8 @@ using std::int64_t;
 /// W voxels of a batch: every array from the first of them on.
 struct Slice {
   int64_t nc;
-  double *s, *w, *b;  // S and W = S^H Psi^-1: entry (k, c) at k nc + c
+  double *s, *w, *b;  // S, W = S^H Psi^-1: entry (k, c) at k nc + c. Without Psi w holds S, too:
+  double sign;        // imaginary parts of W change sign then
   double* u;          // U, pairs; slots are u_pitch apart
   int64_t u_pitch;
   const double* regularised;
@@ -77,11 +78,6 @@ template <int W>
 CTESSEL_INLINE void apply_covariance(const Slice& t, int64_t n) {
   for (int64_t k = 0; k < n; ++k) {
     int64_t c = 0;
-    for (; !t.psi_inverse && c < t.nc; ++c) {
-      ComplexLanes<W> s(t.s, k * t.nc + c);
-      s.im = -s.im;
-      s.store(t.w, k * t.nc + c);
-    }
     for (; c + 4 <= t.nc; c += 4) apply_covariance_to_coils<W, 4>(t, k, c);
     for (; c < t.nc; ++c) apply_covariance_to_coils<W, 1>(t, k, c);
   }
@@ -93,7 +89,8 @@ template <int W, int L>
 CTESSEL_INLINE void form_entries(const Slice& t, int64_t n, int64_t k, int64_t l) {
   ComplexLanes<W> sum[L];
   for (int64_t c = 0; c < t.nc; ++c) {
-    const ComplexLanes<W> w(t.w, k * t.nc + c);
+    ComplexLanes<W> w(t.w, k * t.nc + c);
+    w.im *= t.sign;
     for (int i = 0; i < L; ++i) sum[i].add_product(w, {t.s, (l + i) * t.nc + c});
   }
   for (int i = 0; i < L; ++i) {
@@ -207,17 +204,19 @@ CTESSEL_INLINE void store_pairs(const Lanes<W>& re, const Lanes<W>& im, double* 
   std::memcpy(out, pairs, sizeof(pairs));
 }
 
-/// U = B^-1 W of alias k for C coils from c on.
+/// U = B^-1 W of alias k for C coils from c on, without Psi as the conjugate of conj(B^-1) S. No sum is -0:
+/// nor is it after a change of sign.
 template <int W, int C>
 CTESSEL_INLINE void apply_to_coils(const Slice& t, int64_t n, int64_t k, int64_t c) {
   ComplexLanes<W> sum[C];
   for (int64_t l = 0; l < n; ++l) {
-    const ComplexLanes<W> b(t.b, k * 2 * n + n + l);
+    ComplexLanes<W> b(t.b, k * 2 * n + n + l);
+    b.im *= t.sign;
     for (int i = 0; i < C; ++i) sum[i].add_product(b, {t.w, l * t.nc + c + i});
   }
   for (int i = 0; i < C; ++i) {
     const Lanes<W> re = there<W>(t, k) ? sum[i].re : Lanes<W>{},
-                   im = there<W>(t, k) ? sum[i].im : Lanes<W>{};
+                   im = there<W>(t, k) ? t.sign * sum[i].im + 0.0 : Lanes<W>{};
     store_pairs<W>(re, im, t.u + t.u_pitch * ctessel::factor_slot(c + i, n, k),
                    std::make_index_sequence<W>());
   }
@@ -243,7 +242,7 @@ CTESSEL_INLINE void keep_gram(const Slice& t, int64_t n) {
       own = Lanes<W>{};
       for (int64_t c = k * t.nc; c < (k + 1) * t.nc; ++c) {
         own += lane<W>(t.w, 2 * c) * lane<W>(t.s, 2 * c) -
-               lane<W>(t.w, 2 * c + 1) * lane<W>(t.s, 2 * c + 1);
+               t.sign * lane<W>(t.w, 2 * c + 1) * lane<W>(t.s, 2 * c + 1);
       }
     }
     own = there<W>(t, k) ? own : Lanes<W>{};
@@ -318,7 +317,7 @@ CTESSEL_INLINE void solve_slice(const Slice& t, int64_t aliases, const float* sa
   }
   const int64_t n = N ? N : aliases;
   load<W>(t, n, samples, pitch);
-  apply_covariance<W>(t, n);
+  if (t.psi_inverse) apply_covariance<W>(t, n);
   form<W, N>(t, n);
   if (t.noise) keep_gram<W>(t, n);
   invert<W>(t.b, n);
@@ -335,8 +334,9 @@ CTESSEL_INLINE void solve_batch(VoxelBatch& batch, const float* samples, int64_t
     };
     const Slice t{batch.coils,
                   from(batch.sensitivity),
-                  from(batch.weighted),
+                  from(psi_inverse ? batch.weighted : batch.sensitivity),
                   from(batch.matrix),
+                  psi_inverse ? 1.0 : -1.0,
                   reinterpret_cast<double*>(u + first),
                   2 * u_pitch,
                   from(batch.regularised),
@@ -362,7 +362,7 @@ ctessel::VoxelBatch::VoxelBatch(int64_t nc, int64_t most, const std::complex<dou
   present.resize(n);
   regularised.resize(n);
   sensitivity.resize(entries);
-  weighted.resize(entries);
+  if (inverse) weighted.resize(entries);
   matrix.resize(4 * n * n);
   if (!with_noise) return;
   noise.resize(10 * n + 2 * n * n);
