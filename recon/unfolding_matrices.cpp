@@ -151,10 +151,12 @@ CTESSEL_INLINE void make_exact(const ComplexLanes<W>& x, const ComplexLanes<W>& 
                                ComplexLanes<W>& quotient) {
   constexpr double kToGrid = 0x1.8p32;  // 52 bits above 2^-20
   const Lanes<W> re = quotient.re + kToGrid - kToGrid, im = quotient.im + kToGrid - kToGrid;
-  const Mask<W> exact =
-      (re * pivot.re - im * pivot.im == x.re) & (re * pivot.im + im * pivot.re == x.im);
-  quotient.re = exact ? re : quotient.re;
-  quotient.im = exact ? im : quotient.im;
+  // As one comparison: the compiler takes the lanes apart to join two.
+  const Lanes<W> off_re = re * pivot.re - im * pivot.im - x.re,
+                 off_im = re * pivot.im + im * pivot.re - x.im;
+  const Lanes<W> off = off_re == 0.0 ? off_im : off_re;
+  quotient.re = off == 0.0 ? re : quotient.re;
+  quotient.im = off == 0.0 ? im : quotient.im;
 }
 
 /// Divides row p by its pivot, scaled so that the pivot's square neither over- nor underflows.
