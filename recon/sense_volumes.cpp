@@ -35,6 +35,7 @@ using std::int64_t;
 constexpr int kBlock = 8;              // folded lines whose rows of factors are kept between slices
 constexpr int64_t kCache = 700 << 10;  // bytes of a tile, of which the second cache has room
 constexpr int64_t kChunk = 16;         // columns whose sums stay in registers
+constexpr int64_t kTogether = 4;       // coils that are added to them at once
 
 std::size_t size(int64_t n) { return static_cast<std::size_t>(n); }
 
@@ -116,7 +117,7 @@ struct Upcoming {
   int64_t coil, step;  // to the next coil and column
 };
 
-/// u = sum over the coils, in ascending order, of m v for n columns. A row of m follows every `next` floats. What
+/// Adds m v of nc coils, in ascending order, to n columns of u. A row of m follows every `next` floats. What
 /// comes next is asked for.
 template <bool Whole>
 [[gnu::always_inline]] inline void add_coils(const float* m, int64_t next, int64_t im,
@@ -124,7 +125,9 @@ template <bool Whole>
                                              int64_t nc, const Upcoming& ahead, int64_t at,
                                              int64_t n, float* u_re, float* u_im) {
   const int64_t count = Whole ? kChunk : n;
-  float re[kChunk] = {}, imaginary[kChunk] = {};
+  float re[kChunk], imaginary[kChunk];
+  std::copy_n(u_re + at, count, re);
+  std::copy_n(u_im + at, count, imaginary);
   for (int64_t c = 0; c < nc; ++c, m += next) {
     const float *a = v_re[c] + at, *b = v_im[c] + at;
     __builtin_prefetch(ahead.re + c * ahead.coil + at * ahead.step);
@@ -134,10 +137,8 @@ template <bool Whole>
       imaginary[i] += m[i] * b[i] + m[im + i] * a[i];
     }
   }
-  for (int64_t i = 0; i < count; ++i) {
-    u_re[at + i] = re[i];
-    u_im[at + i] = imaginary[i];
-  }
+  std::copy_n(re, count, u_re + at);
+  std::copy_n(imaginary, count, u_im + at);
 }
 
 /// One alias of a line: m has a row of real and, `im` further, one of imaginary parts per coil.
@@ -218,12 +219,22 @@ struct Line {
   const std::complex<double>* slot(int64_t j) const { return first + j * pitch; }
 };
 
-/// Unfolds some columns x of all volumes.
+/// Narrowed factors of a folded line's n aliases in a tile's columns, by slot and part; which aliases are
+/// in the object, by alias and column, and which are anywhere in the line.
+struct Ready {
+  int y = 0, z = 0;
+  int64_t n = 0;
+  ctessel::LineVector<float> m;
+  std::vector<unsigned char> mask, present;
+};
+
+/// Unfolds some columns x of all volumes, `lines` folded lines of each volume at once: what lies side by
+/// side in memory is read so.
 class Tile {
  public:
   /// With neighbours, or directly where lines need none. `own`: all pixels of the image are the
   /// factors' own, so that their noise is known already.
-  Tile(const SenseProblem& problem, Range columns, bool between, bool own)
+  Tile(const SenseProblem& problem, Range columns, int64_t lines, bool between, bool own)
       : p_(problem),
         f_(problem.factors),
         own_(own),
@@ -237,13 +248,9 @@ class Tile {
         m_pitch_((width_ + kChunk - 1) / kChunk * kChunk),
         rows_(int64_t{f_.y.lines} * f_.z.lines),
         aligned_(is_aligned(p_.x, columns)),
-        m_(size(2 * f_.slots() * m_pitch_)),
-        u_(size(2 * f_.aliases() * width_)),
-        v_(size(p_.folded.x == 1 ? 0 : 2 * f_.nc * width_)),
-        v_re_(size(f_.nc)),
-        v_im_(size(f_.nc)),
-        mask_(size(f_.aliases() * width_)),
-        present_(size(f_.aliases())),
+        ready_(size(lines)),
+        u_(size(2 * f_.aliases() * width_ * lines)),
+        v_(size(p_.folded.x == 1 ? 0 : 2 * kTogether * width_)),
         noise_(size(f_.noise ? 4 * m_pitch_ : 0)),
         sd_(size(f_.noise ? width_ : 0)),
         zeros_(size(width_)) {
@@ -252,6 +259,11 @@ class Tile {
       index_.push_back(p_.x.index[size(i)] - static_cast<int>(first_));
       low_.insert(low_.end(), 2, 1 - fraction);
       high_.insert(high_.end(), 2, fraction);
+    }
+    for (Ready& line : ready_) {
+      line.m.resize(size(2 * f_.slots() * m_pitch_));
+      line.mask.resize(size(f_.aliases() * width_));
+      line.present.resize(size(f_.aliases()));
     }
     window_.reserve(kWindow);
     if (is_stored()) return;
@@ -269,6 +281,7 @@ class Tile {
         finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
       }
     }
+    unfold_volumes();
     return finite_ && lines_->finite();
   }
 
@@ -280,9 +293,10 @@ class Tile {
     for (int y = 0; y < p_.y.lines; y += kBlock) {
       const int end = std::min(y + kBlock, p_.y.lines);
       for (int z = 0; z < p_.z.lines; ++z) {
-        for (int i = y; i < end; ++i) unfold_line(i, z);
+        for (int i = y; i < end; ++i) find_factors(i, z);
       }
     }
+    unfold_volumes();
     return inside_;
   }
 
@@ -384,7 +398,7 @@ class Tile {
     for (int64_t j = 0; is_stored() && j <= f_.slots(); ++j) first_samples_[size(j)] = stored(j, 0);
   }
 
-  void unfold_line(int y, int z) {
+  void find_factors(int y, int z) {
     const float py = p_.y.coord[size(y)], pz = p_.z.coord[size(z)];
     const int iy = ctessel::to_int(py), iz = ctessel::to_int(pz);
     const double fa = static_cast<double>(py) - iy, fc = static_cast<double>(pz) - iz;
@@ -437,43 +451,47 @@ class Tile {
   }
 
   /// Marks the aliases whose factor at the nearest grid point is not 0; false if there is none.
-  bool find_present(const Line& nearest) {
+  bool find_present(const Line& nearest, Ready& line) const {
     bool any = false;
-    for (int64_t k = 0; k < n_; ++k) {
+    for (int64_t k = 0; k < line.n; ++k) {
       bool here = false;
       for (int64_t i = 0; i < width_; ++i) {
         const int64_t at = p_.x.nearest[size(x0_ + i)] - first_;
         const bool there = nearest.slot(k)[at] != 0.0;
-        mask_[size(k * width_ + i)] = there;
+        line.mask[size(k * width_ + i)] = there;
         here |= there;
       }
-      present_[size(k)] = here;
+      line.present[size(k)] = here;
       any |= here;
     }
     return any;
   }
 
-  /// Applies a folded line's factors, of which `row` gives a slot's, to all volumes. Where all that
-  /// they are blended from is finite, pixels on the factors' columns need not look at the next one.
+  /// Narrows a folded line's factors, of which `row` gives a slot's, and applies them to all volumes with
+  /// those of the lines before. Where all that they are blended from is finite, pixels on the factors'
+  /// columns need not look at the next one.
   template <class Row>
   void finish(int y, int z, const Line& nearest, bool finite, const Row& row) {
-    n_ = ctessel::alias_count(f_.listed, p_.y.count[size(y)], p_.z.count[size(z)]);
-    if (!find_present(nearest)) return;
+    if (waiting_ == ready_.size()) unfold_volumes();
+    Ready& line = ready_[waiting_];
+    line.y = y, line.z = z;
+    line.n = ctessel::alias_count(f_.listed, p_.y.count[size(y)], p_.z.count[size(z)]);
+    if (!find_present(nearest, line)) return;
+    ++waiting_;
     for (int64_t c = 0; c < f_.nc; ++c) {
-      for (int64_t k = 0; k < n_; ++k) {
-        if (!present_[size(k)]) continue;
-        const int64_t j = ctessel::factor_slot(c, n_, k);
-        narrow_slot(row(j), finite, m_.data() + 2 * j * m_pitch_);
+      for (int64_t k = 0; k < line.n; ++k) {
+        if (!line.present[size(k)]) continue;
+        const int64_t j = ctessel::factor_slot(c, line.n, k);
+        narrow_slot(row(j), finite, line.m.data() + 2 * j * m_pitch_);
       }
     }
-    for (int64_t k = 0; k < n_ && f_.noise; ++k) {
-      if (!present_[size(k)]) continue;
+    for (int64_t k = 0; k < line.n && f_.noise; ++k) {
+      if (!line.present[size(k)]) continue;
       float* m = noise_.data();
       narrow_slot(row(f_.slots() + k), finite, m);
       narrow_slot(row(f_.slots() + f_.aliases() + k), finite, m + 2 * m_pitch_);
-      write_noise(target(y, z, k), k, nearest);
+      write_noise(line, k, nearest);
     }
-    for (int64_t v = 0; v < p_.volumes; ++v) unfold_volume(y, z, v);
   }
 
   void narrow_slot(const double* row, bool finite, float* out) const {
@@ -486,19 +504,20 @@ class Tile {
 
   /// Noise of alias k. Of factors between those of voxels it follows from the factors; g is then that
   /// of the voxels, weighted with what the alias would have alone, and the condition the nearest one's.
-  void write_noise(const Target& to, int64_t k, const Line& nearest) {
+  void write_noise(const Ready& line, int64_t k, const Line& nearest) {
+    const Target to = target(line, k);
     const float *voxels = noise_.data(), *alone = voxels + m_pitch_,
                 *response = alone + 2 * m_pitch_;
     const auto* psi = reinterpret_cast<const double*>(p_.noise.psi);
     if (own_) {
       std::copy_n(voxels, width_, sd_.data());
     } else {
-      deviations(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, psi, f_.nc, width_,
-                 sd_.data());
+      deviations(line.m.data() + 2 * k * m_pitch_, 2 * line.n * m_pitch_, m_pitch_, psi, f_.nc,
+                 width_, sd_.data());
     }
     const std::complex<double>* slots = nearest.slot(f_.slots() + f_.aliases() + k);
     for (int64_t i = 0; i < width_; ++i) {
-      if (!mask_[size(k * width_ + i)]) continue;
+      if (!line.mask[size(k * width_ + i)]) continue;
       const auto put = [&](const ctessel::BasicVolume<float>& image, double value) {
         if (image.re) image.re[place_of(image, to, i)] = static_cast<float>(value);
       };
@@ -510,35 +529,53 @@ class Tile {
     }
   }
 
-  void unfold_volume(int y, int z, int64_t v) {
-    const VolumePlace place = p_.place(v);
-    const bool last = v + 1 == p_.volumes;
-    Upcoming ahead =
-        upcoming(p_.place(last ? 0 : v + 1), last ? std::min(y + 1, p_.y.lines - 1) : y, z);
-    inside_ &= coils_ > 0;
-    if (coils_ == 0) return;
-    load_folded(place.in + x0_ * p_.folded.x + y * p_.folded.y + z * p_.folded.z);
-    for (int64_t k = 0; k < n_; ++k) {
-      if (!present_[size(k)]) continue;
-      float *re = u_.data() + 2 * k * width_, *im = re + width_;
-      combine(m_.data() + 2 * k * m_pitch_, 2 * n_ * m_pitch_, m_pitch_, v_re_.data(), v_im_.data(),
-              coils_, ahead, width_, re, im);
-      ahead.coil = ahead.step = 0;  // once is enough
-      if (v == 0) finite_ &= all_finite(re, 2 * width_);
+  /// Unfolds the lines that wait, in every volume: few coils at a time, so that the lines of a coil are read
+  /// on, and few pages are in use.
+  void unfold_volumes() {
+    for (int64_t v = 0; v < p_.volumes; ++v) {
+      const bool last = v + 1 == p_.volumes;
+      const VolumePlace place = p_.place(v), then = p_.place(last ? 0 : v + 1);
+      std::fill(u_.begin(), u_.end(), 0.0f);
+      for (int64_t c = 0; c < coils_; c += kTogether) {
+        for (std::size_t i = 0; i < waiting_; ++i) {
+          const int y = ready_[i].y, next = last ? y + static_cast<int>(ready_.size()) : y;
+          load_folded(place, y, ready_[i].z, c);
+          add_coils(ready_[i], c, upcoming(then, std::min(next, p_.y.lines - 1), ready_[i].z, c),
+                    image(i));
+        }
+      }
+      for (std::size_t i = 0; i < waiting_ && coils_ > 0; ++i) deliver(ready_[i], image(i), place);
+      inside_ &= coils_ > 0 || waiting_ == 0;
     }
-    deliver(y, z, place);
+    if (p_.volumes > 0) finite_ &= all_finite(u_.data(), static_cast<int64_t>(u_.size()));
+    waiting_ = 0;
   }
 
-  Upcoming upcoming(const VolumePlace& place, int y, int z) const {
+  /// Of line i that waits: rows of both parts, by alias.
+  float* image(std::size_t i) { return u_.data() + i * size(2 * f_.aliases() * width_); }
+
+  /// Adds what the loaded coils, from `first` on, contribute to a line.
+  void add_coils(const Ready& line, int64_t first, Upcoming ahead, float* u) const {
+    for (int64_t k = 0; k < line.n; ++k) {
+      if (!line.present[size(k)]) continue;
+      const float* m = line.m.data() + 2 * ctessel::factor_slot(first, line.n, k) * m_pitch_;
+      combine(m, 2 * line.n * m_pitch_, m_pitch_, v_re_, v_im_, std::min(kTogether, coils_ - first),
+              ahead, width_, u + 2 * k * width_, u + (2 * k + 1) * width_);
+      ahead.coil = ahead.step = 0;  // once is enough
+    }
+  }
+
+  Upcoming upcoming(const VolumePlace& place, int y, int z, int64_t coil) const {
     const ctessel::Volume& f = p_.folded;
-    const int64_t at = place.in + x0_ * f.x + y * f.y + z * f.z;
+    const int64_t at = place.in + x0_ * f.x + y * f.y + z * f.z + coil * f.coil;
     const bool parts = f.im && f.im != f.re + 1;  // of pairs sixteen columns lie in two cache lines
     return {f.re + at, (parts ? f.im : f.re + kChunk) + at, f.coil, f.x};
   }
 
-  void load_folded(int64_t at) {
+  void load_folded(const VolumePlace& place, int y, int z, int64_t first) {
     const ctessel::Volume& f = p_.folded;
-    for (int64_t c = 0; c < coils_; ++c, at += f.coil) {
+    int64_t at = place.in + x0_ * f.x + y * f.y + z * f.z + first * f.coil;
+    for (int64_t c = 0; c < std::min(kTogether, coils_ - first); ++c, at += f.coil) {
       const float *re = f.re + at, *im = f.im ? f.im + at : nullptr;
       if (f.x != 1) {
         float* copy = v_.data() + 2 * c * width_;
@@ -546,8 +583,8 @@ class Tile {
         re = copy;
         im = copy + width_;
       }
-      v_re_[size(c)] = re;
-      v_im_[size(c)] = im ? im : zeros_.data();
+      v_re_[c] = re;
+      v_im_[c] = im ? im : zeros_.data();
     }
   }
 
@@ -557,27 +594,27 @@ class Tile {
   }
 
   /// Full line and slice of alias k.
-  Target target(int y, int z, int64_t k) const {
-    const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(z)]);
-    return {p_.y.full[size(int64_t{y} * p_.y.room + of.y)],
-            p_.z.full[size(int64_t{z} * p_.z.room + of.z)]};
+  Target target(const Ready& line, int64_t k) const {
+    const ctessel::AliasEntries of = ctessel::alias_entries(f_.listed, k, p_.z.count[size(line.z)]);
+    return {p_.y.full[size(int64_t{line.y} * p_.y.room + of.y)],
+            p_.z.full[size(int64_t{line.z} * p_.z.room + of.z)]};
   }
 
-  void deliver(int y, int z, const VolumePlace& place) {
+  void deliver(const Ready& line, const float* image, const VolumePlace& place) {
     const auto first = [&](int64_t position) {
-      const Target to = target(y, z, position);
+      const Target to = target(line, position);
       return x0_ + p_.full_x * (to.y + p_.full_y * (to.slice % p_.full_z));
     };
     const auto put = [&](int64_t k, int64_t position, int64_t i, int64_t count) {
-      const Target to = target(y, z, position);
+      const Target to = target(line, position);
       const int64_t at = place.out + place_of(p_.out, to, i);
-      const float* u = u_.data() + 2 * k * width_ + i;
+      const float* u = image + 2 * k * width_ + i;
       ctessel::store_row(
           u, u + width_,
           {p_.out.re + at, p_.out.im ? p_.out.im + at : nullptr,
            static_cast<std::ptrdiff_t>(p_.out.x), static_cast<std::ptrdiff_t>(count)});
     };
-    inside_ &= ctessel::deliver(n_, width_, place.room, mask_.data(), first, put);
+    inside_ &= ctessel::deliver(line.n, width_, place.room, line.mask.data(), first, put);
   }
 
   const SenseProblem& p_;
@@ -591,26 +628,35 @@ class Tile {
   const bool aligned_;                       // pixels lie on the factors' columns
   std::optional<FactorLines> lines_, past_;  // where factors are formed
   std::vector<Line> window_;
-  int64_t uses_ = 0, n_ = 0;  // n_: aliases of the line in work
+  int64_t uses_ = 0;
   bool finite_ = true, inside_ = true;
   std::vector<int> index_;
   ctessel::LineVector<double> low_, high_, low_row_, high_row_, row_;
   std::vector<std::complex<double>> first_samples_;  // of every slot
-  ctessel::LineVector<float> m_, u_, v_;             // factors by slot and part
-  std::vector<const float*> v_re_, v_im_;
-  std::vector<unsigned char> mask_, present_;  // by alias and column; by alias
-  ctessel::LineVector<float> noise_;           // of an alias: both slots, narrowed
+  std::vector<Ready> ready_;
+  std::size_t waiting_ = 0;  // of these
+  ctessel::LineVector<float> u_, v_;
+  const float *v_re_[kTogether], *v_im_[kTogether];
+  ctessel::LineVector<float> noise_;  // of an alias: both slots, narrowed
   ctessel::LineVector<double> sd_;
   const std::vector<float> zeros_;
 };
 
-/// Columns whose samples, factors and narrowed factors fit the cache.
-int64_t tile_width(const SenseProblem& p) {
-  const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
-  const double bytes =
-      static_cast<double>(std::max<int64_t>(p.factors.slots(), 1)) * (24 * ratio + 8);
-  return std::clamp<int64_t>(static_cast<int64_t>(kCache / bytes) / kChunk * kChunk, kChunk, 1024);
-}
+/// Columns whose samples, factors and narrowed factors fit the cache, and of how many lines the narrowed
+/// ones do.
+struct TileSize {
+  int64_t width, lines = 1;
+  explicit TileSize(const SenseProblem& p) {
+    const double ratio = static_cast<double>(p.factors.nx) / static_cast<double>(p.nx);
+    const auto slots = static_cast<double>(std::max<int64_t>(p.factors.slots(), 1));
+    const double formed = 24 * ratio, narrowed = 8;  // bytes of a slot and column
+    const auto columns = static_cast<int64_t>(kCache / (slots * (formed + narrowed)));
+    width = std::clamp<int64_t>(columns / kChunk * kChunk, kChunk, 1024);
+    if (p.volumes == 1) return;
+    const double each = kCache / (slots * static_cast<double>(std::min(width, p.nx)));
+    lines = static_cast<int64_t>(std::clamp((each - formed) / narrowed, 1.0, 1.0 * kBlock));
+  }
+};
 
 /// Whether lines lie on the factors' own and need no neighbours, nor the last column one behind it.
 bool needs_no_neighbours(const SenseProblem& p) {
@@ -629,11 +675,11 @@ bool needs_no_neighbours(const SenseProblem& p) {
 /// Work on every tile, with neighbours or directly; false where one of them says so.
 template <class Work>
 bool for_each_tile(const SenseProblem& p, bool between, bool own, const Work& work) {
-  const int64_t width = tile_width(p);
+  const TileSize tile_size(p);
   std::atomic<bool> all = true;
   ctessel::for_each_chunk(p.nx, [&](int64_t begin, int64_t end) {
-    for (int64_t x = begin; x < end; x += width) {
-      Tile tile(p, {x, std::min(x + width, end)}, between, own);
+    for (int64_t x = begin; x < end; x += tile_size.width) {
+      Tile tile(p, {x, std::min(x + tile_size.width, end)}, tile_size.lines, between, own);
       if (!work(tile)) all = false;
     }
   });
