@@ -277,7 +277,6 @@ class Tile {
     for (int z = 0; z < p_.z.lines; ++z) {
       for (int y = 0; y < p_.y.lines; ++y) {
         lines_->form(y, z, true, own_slots(line), pitch_);
-        finite_ &= aligned_ || is_finite(line);  // factors of pixels show in what they give
         finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
       }
     }
@@ -338,14 +337,10 @@ class Tile {
     line.row = row;
     line.last_use = uses_;
     is_stored() ? find_stored(line) : form_line(line);
-    line.finite = is_finite(line);
+    line.finite = true;
+    for (int64_t j = 0; j < f_.all_slots(); ++j)
+      line.finite &= rest(slot(line, j), 2 * pitch_) == 0;
     return line;
-  }
-
-  bool is_finite(const Line& line) const {
-    bool finite = true;
-    for (int64_t j = 0; j < f_.all_slots(); ++j) finite &= rest(slot(line, j), 2 * pitch_) == 0;
-    return finite;
   }
 
   std::complex<double>* own_slots(Line& line) const {
@@ -660,10 +655,12 @@ struct TileSize {
 
 /// Whether lines lie on the factors' own and need no neighbours, nor the last column one behind it.
 bool needs_no_neighbours(const SenseProblem& p) {
-  // A column of factors that no pixel lies on would not be looked at between two tiles.
+  // Every column of factors must be some pixel's nearest: what is not finite shows in that pixel.
+  const std::vector<int>& nearest = p.x.nearest;
   const auto skips = [](int a, int b) { return b > a + 1; };
-  bool whole = p.factors.y.same_grid && p.factors.z.same_grid && (p.nx > 1 || p.factors.nx == 1) &&
-               std::ranges::adjacent_find(p.x.index, skips) == p.x.index.end();
+  bool whole = nearest.front() == 0 && nearest.back() + 1 == p.factors.nx &&
+               std::ranges::adjacent_find(nearest, skips) == nearest.end() &&
+               p.factors.y.same_grid && p.factors.z.same_grid;
   for (const auto& [axis, lines] :
        {std::pair(&p.y, p.factors.y.lines), {&p.z, p.factors.z.lines}}) {
     whole &= axis->lines == lines;
