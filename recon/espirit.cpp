@@ -212,17 +212,11 @@ Matrix orthonormal(const Matrix& m) {
   return product(m, Matrix(inverse));
 }
 
-double trace(const Matrix& m) {
-  double sum = 0;
-  for (Index i = 0; i < m.rows; ++i) sum += m.re(i, i);
-  return sum;
-}
-
 /// Eigenvectors of a Hermitian matrix whose eigenvalues exceed `threshold` times the largest, found in
 /// a basis of `width` columns; fewer columns than that are kept unless the basis is too narrow.
 Matrix strongest(const Matrix& gram, Index width, double threshold) {
   Matrix shifted = gram;  // keeps products with it far from singular
-  shifted.re.diagonal().array() += 1e-3 * threshold * trace(gram);
+  shifted.re.diagonal().array() += 1e-3 * threshold * gram.re.trace();
   Matrix basis = scattered(gram.rows, width);
   for (int i = 0; i < kRepetitions; ++i) {
     basis = orthonormal(product(shifted, basis));
@@ -238,7 +232,7 @@ Matrix strongest(const Matrix& gram, Index width, double threshold) {
 
 Matrix signal_space(const Matrix& rows, Index coils, double threshold) {
   const Matrix gram = gram_of(rows);
-  if (!(trace(gram) > 0)) return Matrix(gram.rows, 0);
+  if (!(gram.re.trace() > 0)) return Matrix(gram.rows, 0);
   const Index most = gram.rows > kSmall ? gram.rows / 3 : gram.rows;
   for (Index width = 4 * coils;; width *= 2) {
     width = std::min(width, most);

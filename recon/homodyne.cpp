@@ -283,25 +283,19 @@ class Resampler {
   /// One thread's rows: four places for spread ones, each with the linear offset of what it holds.
   struct Scratch {
     explicit Scratch(const Resampler& r) : n(r.x_.index.size()), spread(16 * n), values(2 * n) {}
-    const float* ends(std::size_t place, bool imaginary) const {
-      return spread.data() + (4 * place + (imaginary ? 2U : 0U)) * n;
-    }
     std::size_t n;
     std::vector<float> spread, values;
-    ptrdiff_t end = -1;  // of the volume, past which rows count as zeros
+    ptrdiff_t volume = -1;  // past whose end rows count as zeros
     ptrdiff_t held[4];
-    std::size_t places[4];  // of the rows around
   };
 
   ConstRow row(ptrdiff_t y, ptrdiff_t z, ptrdiff_t r, Scratch& s) const {
     const auto iy = static_cast<std::size_t>(y), iz = static_cast<std::size_t>(z);
-    const ptrdiff_t base = volume_ * r + nx_ * y_.index[iy] + plane_ * z_.index[iz];
-    const ptrdiff_t around[] = {base, base + nx_, base + plane_, base + nx_ + plane_};
-    hold(around, volume_ * (r + 1), s);
     float *re = s.values.data(), *im = low_.im ? re + s.n : nullptr;
     Spread parts[] = {{{}, re}, {{}, im}};
-    for (std::size_t k = 0; k < 4; ++k) {
-      for (std::size_t p = 0; p < 2; ++p) parts[p].ends[k] = s.ends(s.places[k], p == 1);
+    for (ptrdiff_t k = 0; k < 4; ++k) {
+      parts[0].ends[k] = spread(y_.index[iy] + k % 2, z_.index[iz] + k / 2, r, s);
+      parts[1].ends[k] = parts[0].ends[k] + 2 * s.n;
     }
     // The last fraction alone is a float.
     interpolate_row(parts, low_.im, x_.fraction.data(), y_.fraction[iy],
@@ -310,22 +304,17 @@ class Resampler {
   }
 
  private:
-  /// Spreads those of four rows that are not held, into the places of rows that are not wanted.
-  void hold(const ptrdiff_t (&rows)[4], ptrdiff_t end, Scratch& s) const {
-    if (std::exchange(s.end, end) != end) std::fill_n(s.held, 4, ptrdiff_t{-1});
-    for (std::size_t k = 0; k < 4; ++k) {
-      auto* place = std::find(s.held, s.held + 4, rows[k]);
-      if (place == s.held + 4) {
-        place = std::find_if(s.held, s.held + 4, [&](ptrdiff_t held) {
-          return std::find(rows, rows + 4, held) == rows + 4;
-        });
-        *place = rows[k];
-        float* ends = s.spread.data() + 4 * static_cast<std::size_t>(place - s.held) * s.n;
-        spread_part(low_.re, rows[k], end, s.n, ends);
-        if (low_.im) spread_part(low_.im, rows[k], end, s.n, ends + 2 * s.n);
-      }
-      s.places[k] = static_cast<std::size_t>(place - s.held);
-    }
+  /// A row on the grid along x, spread unless it is held. Those around the same row have places of their
+  /// own.
+  const float* spread(ptrdiff_t y, ptrdiff_t z, ptrdiff_t r, Scratch& s) const {
+    if (std::exchange(s.volume, r) != r) std::fill_n(s.held, 4, ptrdiff_t{-1});
+    const auto place = static_cast<std::size_t>(y % 2 + 2 * (z % 2));
+    const ptrdiff_t row = volume_ * r + nx_ * y + plane_ * z, end = volume_ * (r + 1);
+    float* ends = s.spread.data() + 4 * place * s.n;
+    if (std::exchange(s.held[place], row) == row) return ends;
+    spread_part(low_.re, row, end, s.n, ends);
+    if (low_.im) spread_part(low_.im, row, end, s.n, ends + 2 * s.n);
+    return ends;
   }
 
   /// Positions ascend: the last ones may lie past the end of the volume.

@@ -38,30 +38,22 @@ CTESSEL_INLINE void store(void* to, V v) {
   std::memcpy(to, &v, sizeof(v));
 }
 
-/// By how many bytes p lies behind the start of its cache line.
-inline std::ptrdiff_t into_line(const void* p) {
-  return static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(p) % kLine);
-}
-
 /// Writes whole lines past the caches, which would read them first. finish_streams() follows before
 /// another thread may read them.
 inline void stream_bytes(char* to, const char* from, std::ptrdiff_t bytes) {
-  const auto copy = [&](std::ptrdiff_t i, std::ptrdiff_t n) {
-    std::memcpy(to + i, from + i, static_cast<std::size_t>(n));
-  };
+  std::ptrdiff_t i = 0;
 #ifdef __SSE2__
-  std::ptrdiff_t i = std::min(bytes, (kLine - into_line(to)) % kLine);
-  copy(0, i);
+  const auto into_line = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(to) % kLine);
+  i = std::min(bytes, (kLine - into_line) % kLine);
+  std::memcpy(to, from, static_cast<std::size_t>(i));
   for (; i + kLine <= bytes; i += kLine) {
     for (std::ptrdiff_t k = i; k < i + kLine; k += 16) {
       _mm_stream_si128(reinterpret_cast<__m128i*>(to + k),
                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + k)));
     }
   }
-  copy(i, bytes - i);
-#else
-  copy(0, bytes);
 #endif
+  std::memcpy(to + i, from + i, static_cast<std::size_t>(bytes - i));
 }
 
 inline void finish_streams() {

@@ -71,8 +71,6 @@ class Handle {
     if (id_ >= 0) close_(id_);
   }
   Handle(Handle&& other) noexcept : id_(std::exchange(other.id_, -1)), close_(other.close_) {}
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
   operator hid_t() const { return id_; }
 
  private:
@@ -96,8 +94,6 @@ class Quiet {
     H5Eclear2(H5E_DEFAULT);
     H5Eset_auto2(H5E_DEFAULT, print_, data_);
   }
-  Quiet(const Quiet&) = delete;
-  Quiet& operator=(const Quiet&) = delete;
 
  private:
   std::lock_guard<std::mutex> guard_;
@@ -105,46 +101,37 @@ class Quiet {
   void* data_ = nullptr;
 };
 
-/// One handle for all who read a file: HDF5 keeps the first one's memory in the types of the data, and
-/// uses it after that handle was closed.
-class Input {
- public:
-  explicit Input(const std::string& path) : file_(open(path)) {}
-  operator hid_t() const { return file_; }
+struct stat status_of(hid_t file) {
+  void* descriptor = nullptr;
+  check(H5Fget_vfd_handle(file, H5P_DEFAULT, &descriptor));
+  struct stat status;
+  if (fstat(*static_cast<int*>(descriptor), &status) != 0)
+    throw std::runtime_error("its state is unknown");
+  return status;
+}
 
- private:
-  /// The first handle of a file counts its readers.
-  static Handle open(const std::string& path) {
-    const Handle own(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
-    const hid_t file = shared(own);
-    H5Iinc_ref(file);
-    return Handle(file, H5Fclose);
+/// The first handle of a file: by device and inode, as one file may have several names, and one name
+/// several files one after another.
+hid_t shared(hid_t file) {
+  static std::vector<hid_t> known;
+  std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
+  const struct stat status = status_of(file);
+  for (const hid_t other : known) {
+    const struct stat s = status_of(other);
+    if (s.st_dev == status.st_dev && s.st_ino == status.st_ino) return other;
   }
+  known.push_back(file);
+  return file;
+}
 
-  /// By device and inode: one file may have several names, and one name several files one after another.
-  static hid_t shared(hid_t file) {
-    static std::vector<hid_t> known;
-    std::erase_if(known, [](hid_t id) { return H5Iis_valid(id) <= 0; });
-    const struct stat status = status_of(file);
-    for (const hid_t other : known) {
-      const struct stat s = status_of(other);
-      if (s.st_dev == status.st_dev && s.st_ino == status.st_ino) return other;
-    }
-    known.push_back(file);
-    return file;
-  }
-
-  static struct stat status_of(hid_t file) {
-    void* descriptor = nullptr;
-    check(H5Fget_vfd_handle(file, H5P_DEFAULT, &descriptor));
-    struct stat status;
-    if (fstat(*static_cast<int*>(descriptor), &status) != 0)
-      throw std::runtime_error("its state is unknown");
-    return status;
-  }
-
-  Handle file_;
-};
+/// One handle for all who read a file, which counts them: HDF5 keeps the first one's memory in the types
+/// of the data, and uses it after that handle was closed.
+Handle open_file(const std::string& path) {
+  const Handle own(H5Fopen(path.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT), H5Fclose);
+  const hid_t file = shared(own);
+  H5Iinc_ref(file);
+  return Handle(file, H5Fclose);
+}
 
 /// A data set of a group; `what` names it in errors.
 Handle open_data_set(hid_t file, const std::string& group, const char* name, const char* what) {
@@ -186,7 +173,7 @@ py::list list_groups(const std::string& path) {
   std::vector<std::string> groups;
   {
     const Quiet quiet;
-    check(H5Lvisit(Input(path), H5_INDEX_NAME, H5_ITER_INC, note_group, &groups));
+    check(H5Lvisit(open_file(path), H5_INDEX_NAME, H5_ITER_INC, note_group, &groups));
   }
   py::list names;
   for (const std::string& group : groups) names.append(py::bytes(group));
@@ -337,12 +324,12 @@ class Reader {
 
  private:
   struct Open {
-    Input file;
+    Handle file;
     std::string header;
     Handle data, head_type, record_type;
 
     Open(const std::string& path, const std::string& group)
-        : file(path),
+        : file(open_file(path)),
           header(read_text(file, group)),
           data(open_data_set(file, group, "data", "acquisitions")),
           head_type(H5Tcreate(H5T_COMPOUND, kHeadBytes), H5Tclose),
@@ -400,40 +387,32 @@ class Reader {
 };
 
 /// A file that libismrmrd appends to.
-class Output {
- public:
-  Output(const std::string& path, const std::string& group) {
-    if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
-      throw std::runtime_error(library_reason());
-    if (ismrmrd_open_dataset(&set_, true) == ISMRMRD_NOERROR) return;
-    // Only closing frees the names, and that needs an open file.
-    std::free(set_.filename);
-    std::free(set_.groupname);
-    throw std::runtime_error(library_reason());
-  }
-  ~Output() { ismrmrd_close_dataset(&set_); }
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-  const ISMRMRD_Dataset* get() const { return &set_; }
-
- private:
-  ISMRMRD_Dataset set_{};
-};
-
 class Writer {
  public:
   Writer(const std::string& path, const std::string& group, const std::string& header) {
     const Quiet quiet;
-    file_ = std::make_unique<Output>(path, group);
-    if (ismrmrd_write_header(file_->get(), header.c_str()) != ISMRMRD_NOERROR)
+    if (ismrmrd_init_dataset(&set_, path.c_str(), group.c_str()) != ISMRMRD_NOERROR)
       throw std::runtime_error(library_reason());
+    if (ismrmrd_open_dataset(&set_, true) != ISMRMRD_NOERROR) {
+      // Only closing frees the names, and that needs an open file.
+      std::free(set_.filename);
+      std::free(set_.groupname);
+      throw std::runtime_error(library_reason());
+    }
+    open_ = ismrmrd_write_header(&set_, header.c_str()) == ISMRMRD_NOERROR;
+    if (open_) return;
+    const std::string reason = library_reason();
+    ismrmrd_close_dataset(&set_);
+    throw std::runtime_error(reason);
   }
+  Writer(const Writer&) = delete;
+  Writer& operator=(const Writer&) = delete;
 
   ~Writer() { close(); }  // where Python forgets a writer, as after an error
 
   void close() {
     const Quiet quiet;
-    file_.reset();
+    if (std::exchange(open_, false)) ismrmrd_close_dataset(&set_);
   }
 
   /// Samples (sample, coil), trajectory (dimension, sample); their numbers replace the header's, which
@@ -452,7 +431,7 @@ class Writer {
     acquisition.head.trajectory_dimensions = static_cast<std::uint16_t>(trajectory.shape(0));
     acquisition.data = const_cast<complex_float_t*>(samples.data());  // read only
     acquisition.traj = const_cast<float*>(trajectory.data());
-    write([&] { return ismrmrd_append_acquisition(file_->get(), &acquisition); });
+    write([&] { return ismrmrd_append_acquisition(&set_, &acquisition); });
   }
 
   /// Samples (sample, channel) of a header as it is on the wire.
@@ -464,19 +443,20 @@ class Writer {
     waveform.head.number_of_samples = static_cast<std::uint16_t>(samples.shape(0));
     waveform.head.channels = static_cast<std::uint16_t>(samples.shape(1));
     waveform.data = const_cast<std::uint32_t*>(samples.data());
-    write([&] { return ismrmrd_append_waveform(file_->get(), &waveform); });
+    write([&] { return ismrmrd_append_waveform(&set_, &waveform); });
   }
 
  private:
   template <class Append>
   void write(const Append& append) {
-    if (!file_) throw std::runtime_error("the file has been closed");
+    if (!open_) throw std::runtime_error("the file has been closed");
     const py::gil_scoped_release release;
     const Quiet quiet;
     if (append() != ISMRMRD_NOERROR) throw std::runtime_error(library_reason());
   }
 
-  std::unique_ptr<Output> file_;
+  ISMRMRD_Dataset set_{};
+  bool open_ = false;
 };
 
 /// libismrmrd would print its errors; `library_reason` takes them from its stack instead.

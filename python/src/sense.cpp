@@ -87,12 +87,6 @@ void check_on_grid(const Input& image, const char* name, const ConstSamples& sen
   if (image.view.ndim() > 4) check_extent(image.view, name, 4, sens.extent(Dim(kSet)));
 }
 
-void check_covariance(const Input& psi, ptrdiff_t coils) {
-  if (!psi.view) return;
-  check_extent(psi.view, "psi", 0, coils);
-  check_extent(psi.view, "psi", 1, coils);
-}
-
 /// The kernel takes what it can use: reg alone with weight 1, ref alone not at all.
 void check_regularisation(const Arguments& a) {
   if (a.weight && a.ref.view) fail_value("weight", "None beside ref", std::to_string(*a.weight));
@@ -111,7 +105,7 @@ void check(Arguments& a, py::handle full_size) {
                   locations = a.folded.view.extent(Dim(kLocation));
   check_extent(a.sens.view, "sens", kCoil, coils);
   check_extent(a.sens.view, "sens", kCoil + 1, locations);
-  check_covariance(a.psi, coils);
+  for (int d = 0; d < 2 && a.psi.view; ++d) check_extent(a.psi.view, "psi", d, coils);
   a.full = full_size_of(a.folded.view, a.sens.view, full_size);
   check_on_grid(a.reg, "reg", a.sens.view, locations);
   check_on_grid(a.mask, "mask", a.sens.view, locations);
