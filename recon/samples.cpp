@@ -26,6 +26,7 @@ namespace {
 
 using std::ptrdiff_t;
 
+constexpr ptrdiff_t kAhead = 1 << 12;   // samples of a run whose tiles are asked for ahead
 constexpr ptrdiff_t kSquare = 64;       // samples along either side of a tile
 constexpr ptrdiff_t kRow = 1 << 14;     // samples of a row that it copies at once
 constexpr ptrdiff_t kShort = 16;        // samples of a row that is worth a call
@@ -194,16 +195,17 @@ CTESSEL_CLONES void transpose_words(std::uint64_t, const char* const* rows, ptrd
   transpose<std::uint64_t>(rows, n, m, to, pitch);
 }
 
-/// Axes along which one side runs on with one step, fastest first: as many of the others as fill a
-/// tile.
+/// Axes along which one side runs on with one step, fastest first.
 struct Run {
   std::vector<Step> axes;
   ptrdiff_t n;
 
-  Run(const Step& first, Side side, std::vector<Step>& others) : axes{first}, n(first.n) {
-    while (n < kSquare) {
+  explicit Run(const Step& first) : axes{first}, n(first.n) {}
+  /// By others, until it has at least so many entries.
+  void lengthen(Side side, std::vector<Step>& others, ptrdiff_t least) {
+    while (n < least) {
       const auto next = std::find_if(others.begin(), others.end(),
-                                     [&](const Step& a) { return a.*side == first.*side * n; });
+                                     [&](const Step& a) { return a.*side == axes[0].*side * n; });
       if (next == others.end()) return;
       n *= next->n;
       axes.push_back(*next);
@@ -213,13 +215,23 @@ struct Run {
   ptrdiff_t tiles() const { return (n + kSquare - 1) / kSquare; }
 };
 
+// Inline, as the compiler drops calls of functions without any effect but this.
+CTESSEL_INLINE void fetch(const char* p, ptrdiff_t bytes) {
+  for (ptrdiff_t i = -into_line(p); i < bytes; i += kLine) __builtin_prefetch(p + i, 0, 2);
+}
+
 /// Moves entries r .. r + kSquare - 1 of the reading run and w .. w + kSquare - 1 of the writing run.
 template <class M>
 void move_tile(const M& m, Offsets start, const Run& read, ptrdiff_t r, const Run& write,
                ptrdiff_t w) {
-  constexpr ptrdiff_t kPitch = kSquare * M::kTo + kLine;
-  const ptrdiff_t nr = std::min(kSquare, read.n - r), nw = std::min(kSquare, write.n - w),
-                  read_step = read.axes[0].from, write_step = write.axes[0].to;
+  constexpr ptrdiff_t kPitch = kSquare * M::kTo + kLine, kTile = kSquare * M::kFrom;
+  const bool ahead = r + kSquare < read.n;
+  const ptrdiff_t read_step = read.axes[0].from, write_step = write.axes[0].to;
+  // Tiles begin early, so that columns which are streamed begin with whole lines.
+  const ptrdiff_t early = w - (m.stream ? into_line(m.out[0] + start.to) / M::kTo : 0);
+  w = std::max(early, ptrdiff_t{0});
+  const ptrdiff_t nr = std::min(kSquare, read.n - r), nw = std::min(early + kSquare, write.n) - w;
+  if (nw <= 0) return;
   const auto at = [](const auto& list, ptrdiff_t i) { return list[static_cast<std::size_t>(i)]; };
   std::array<ptrdiff_t, kSquare> from, to;
   list_offsets(write.axes, &Step::from, w, nw, from.data());
@@ -242,20 +254,22 @@ void move_tile(const M& m, Offsets start, const Run& read, ptrdiff_t r, const Ru
   for (ptrdiff_t k = 0; k < nr * M::kOuts; ++k) {
     char* column = at(m.out, k % M::kOuts) + start.to + at(to, k / M::kOuts);
     (m.stream ? stream_bytes : copy_bytes)(column, columns.data() + k * kPitch, nw * M::kTo);
+    for (ptrdiff_t i = k; ahead && i < nw * M::kIns; i += nr * M::kOuts)
+      fetch(at(rows, i) + kTile, kTile);
   }
 }
 
 template <class M>
 void walk_tiles(const M& m, const Run& read, const Run& write, const std::vector<Step>& others) {
-  share(m, count_of(others) * write.tiles() * read.tiles(),
-        [&](std::int64_t begin, std::int64_t end) {
-          for (auto tile = static_cast<ptrdiff_t>(begin); tile < end; ++tile) {
-            const ptrdiff_t column = tile / read.tiles();
-            move_tile(m, offsets_of(others, column / write.tiles()), read,
-                      tile % read.tiles() * kSquare, write, column % write.tiles() * kSquare);
-          }
-          finish_streams();
-        });
+  const ptrdiff_t down = write.tiles() + 1, across = read.tiles();
+  share(m, count_of(others) * down * across, [&](std::int64_t begin, std::int64_t end) {
+    for (auto tile = static_cast<ptrdiff_t>(begin); tile < end; ++tile) {
+      const ptrdiff_t column = tile / across;
+      move_tile(m, offsets_of(others, column / down), read, tile % across * kSquare, write,
+                column % down * kSquare);
+    }
+    finish_streams();
+  });
 }
 
 template <class M>
@@ -275,7 +289,10 @@ void walk(M m, const std::vector<ptrdiff_t>& shape, const std::vector<ptrdiff_t>
     const Step reading = *fastest, writing = axes.front();
     axes.erase(fastest);
     axes.erase(axes.begin());
-    const Run read(reading, &Step::from, axes), write(writing, &Step::to, axes);
+    Run read(reading), write(writing);
+    read.lengthen(&Step::from, axes, kSquare);
+    write.lengthen(&Step::to, axes, kSquare);
+    read.lengthen(&Step::from, axes, kAhead);
     return walk_tiles(m, read, write, axes);
   }
   const Step row = axes.front();
