@@ -38,13 +38,17 @@ CTESSEL_INLINE void store(void* to, V v) {
   std::memcpy(to, &v, sizeof(v));
 }
 
+/// By how many bytes p lies behind the start of its cache line.
+inline std::ptrdiff_t into_line(const void* p) {
+  return static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(p) % kLine);
+}
+
 /// Writes whole lines past the caches, which would read them first. finish_streams() follows before
 /// another thread may read them.
 inline void stream_bytes(char* to, const char* from, std::ptrdiff_t bytes) {
   std::ptrdiff_t i = 0;
 #ifdef __SSE2__
-  const auto into_line = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(to) % kLine);
-  i = std::min(bytes, (kLine - into_line) % kLine);
+  i = std::min(bytes, (kLine - into_line(to)) % kLine);
   std::memcpy(to, from, static_cast<std::size_t>(i));
   for (; i + kLine <= bytes; i += kLine) {
     for (std::ptrdiff_t k = i; k < i + kLine; k += 16) {
