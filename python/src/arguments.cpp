@@ -17,11 +17,6 @@ namespace {
 
 constexpr int kAligned = 0x0100;  // NumPy's flag
 
-/// Numbers of the other byte order have the same kind and size.
-bool native(const py::dtype& t) { return t.byteorder() != '>'; }
-bool is_complex64(const py::dtype& t) { return t.kind() == 'c' && t.itemsize() == 8 && native(t); }
-bool is_float32(const py::dtype& t) { return t.kind() == 'f' && t.itemsize() == 4 && native(t); }
-
 std::string array_text(const py::array& a) {
   return "an array of " + py::str(a.dtype()).cast<std::string>();
 }
@@ -31,8 +26,9 @@ const char* type_text(Kind kind) {
   return kTexts[static_cast<int>(kind)];
 }
 
-bool fits(const py::dtype& t, Kind kind) {
-  return (kind != Kind::kReal && is_complex64(t)) || (kind != Kind::kComplex && is_float32(t));
+bool fits(const py::array& a, Kind kind) {
+  return (kind != Kind::kReal && py::isinstance<py::array_t<std::complex<float>>>(a)) ||
+         (kind != Kind::kComplex && py::isinstance<py::array_t<float>>(a));
 }
 
 /// Numbers of any type as complex64 or float32. Masked entries would count as samples, and of complex
@@ -47,7 +43,7 @@ py::array as_samples(py::handle object, const char* name, Kind kind) {
   if (!a || std::string("cfiub").find(a.dtype().kind()) == std::string::npos) {
     fail_type(name, expected, describe(object));
   }
-  if (fits(a.dtype(), kind)) return a;
+  if (fits(a, kind)) return a;
   const bool complex = kind == Kind::kComplex || a.dtype().kind() == 'c';
   if (complex && kind == Kind::kReal) fail_type(name, expected, array_text(a));
   return a.attr("astype")(complex ? "complex64" : "float32");
@@ -75,7 +71,7 @@ Samples output(py::handle object, const char* name, const Extents& shape, bool c
   const std::string expected = std::string("an array of ") + type_text(kind);
   if (!py::isinstance<py::array>(object)) fail_type(name, expected, describe(object));
   const auto a = py::reinterpret_borrow<py::array>(object);
-  if (!fits(a.dtype(), kind)) fail_type(name, expected, array_text(a));
+  if (!fits(a, kind)) fail_type(name, expected, array_text(a));
   const Extents own(a.shape(), a.shape() + a.ndim());
   if (own != shape) fail_value(name, "shape " + text_of(shape), "shape " + text_of(own));
   if (!a.writeable()) fail_value(name, "a writable array", "a read-only one");
