@@ -139,8 +139,8 @@ struct Call {
   enum Part { kFold = 0, kSens = 2, kPsi = 4, kRef = 6, kReg = 8, kOut = 10, kParts = 10 };
   explicit Call(Input& input) : scale(any_float(input)) {
     fold.resize(input.within<std::size_t>(2, 9), 1);
-    constexpr int kMost[] = {7, 3, 3,
-                             6};  // columns between the maps' own, more coils than go together
+    // Columns between the maps' own, and more coils than go together.
+    constexpr int kMost[] = {7, 3, 3, 6};
     for (std::size_t d = 0; d < fold.size(); ++d) fold[d] = extent(input, d < 4 ? kMost[d] : 2);
     const auto folded = [&](std::size_t d) { return d < fold.size() ? fold[d] : 1; };
     full = {folded(0), folded(1) + extent(input, 3) - 1, folded(2) + extent(input, 3) - 1};

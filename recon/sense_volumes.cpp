@@ -1,10 +1,10 @@
 // Unfolding of all volumes of a location with factors that are never stored as a whole.
 //
-// A tile is some columns of pixels. Its factors are formed one folded line at a time, narrowed to
-// single precision at the pixels' places, and applied to the line of every volume. Lines that lie on
-// the factor grid's own rows need no neighbours: what interpolation takes with weight 0 changes
-// nothing as long as it is finite. So tiles are first worked on directly, and all once more with every
-// neighbour where something was not finite.
+// A tile is some columns of pixels. Its factors are formed one folded line at a time and narrowed to
+// single precision at the pixels' places. Up to eight lines of them wait, and are then applied to these
+// lines of every volume. Lines that lie on the factor grid's own rows need no neighbours: what
+// interpolation takes with weight 0 changes nothing as long as it is finite. So tiles are first worked
+// on directly, and all once more with every neighbour where something was not finite.
 
 #include "sense_volumes.h"
 
@@ -230,6 +230,7 @@ class Tile {
     for (int z = 0; z < p_.z.lines; ++z) {
       for (int y = 0; y < p_.y.lines; ++y) {
         lines_->form(y, z, true, own_slots(line), pitch_);
+        if (p_.volumes == 0 && !own_) finite_ &= is_finite(line);  // no image shows it
         finish(y, z, line, true, [&](int64_t j) { return slot(line, j); });
       }
     }
@@ -290,10 +291,15 @@ class Tile {
     line.row = row;
     line.last_use = uses_;
     is_stored() ? find_stored(line) : form_line(line);
-    line.finite = true;
-    for (int64_t j = 0; j < f_.all_slots(); ++j)
-      line.finite &= rest(slot(line, j), 2 * pitch_) == 0;
+    line.finite = is_finite(line);
     return line;
+  }
+
+  /// Whether all factors are finite; noise need not be.
+  bool is_finite(const Line& line) const {
+    bool finite = true;
+    for (int64_t j = 0; j < f_.slots(); ++j) finite &= rest(slot(line, j), 2 * pitch_) == 0;
+    return finite;
   }
 
   std::complex<double>* own_slots(Line& line) const {
@@ -343,6 +349,7 @@ class Tile {
   void find_first_samples() {
     first_samples_.resize(size(f_.all_slots() + 1));
     if (past_) past_->form(0, 0, false, first_samples_.data(), 1);
+    first_samples_[size(f_.slots())] = 0;  // noise is no factor's next slot
     for (int64_t j = 0; is_stored() && j <= f_.slots(); ++j) first_samples_[size(j)] = stored(j, 0);
   }
 
@@ -371,11 +378,21 @@ class Tile {
     }
   }
 
+  /// Whether a slot holds noise, to which neighbours of weight 0 add nothing even where they are not
+  /// finite.
+  bool is_noise(int64_t j) const { return j >= f_.slots(); }
+
   const double* blend_lines(const Line* const* lines, const double* weight, int count, int64_t j,
                             double* out) const {
     const double* rows[4];
-    for (int r = 0; r < count; ++r) rows[r] = slot(*lines[r], j);
-    blend(rows, weight, count, 2 * pitch_, out);
+    double by[4];
+    int used = 0;
+    for (int r = 0; r < count; ++r) {
+      if (is_noise(j) && weight[r] == 0) continue;
+      rows[used] = slot(*lines[r], j);
+      by[used++] = weight[r];
+    }
+    blend(rows, by, used, 2 * pitch_, out);
     return out;
   }
 
@@ -388,6 +405,7 @@ class Tile {
       blend_lines(slices, between, slices[0] ? 1 + (slices[1] != nullptr) : 0, j,
                   (r == 0 ? low_row_ : high_row_).data());
     }
+    if (is_noise(j) && fa == 0) return low_row_.data();
     if (!first_samples_.empty() && around.offset[1] + 1 == rows_) {
       const std::complex<double> next = between[0] * first_samples_[size(j + 1)];
       high_row_[size(2 * span_)] += next.real();
@@ -436,8 +454,8 @@ class Tile {
     for (int64_t k = 0; k < line.n && f_.noise; ++k) {
       if (!line.present[size(k)]) continue;
       float* m = noise_.data();
-      narrow_slot(row(f_.slots() + k), finite, m);
-      narrow_slot(row(f_.slots() + f_.aliases() + k), finite, m + 2 * m_pitch_);
+      narrow_noise(row(f_.slots() + k), m);
+      narrow_noise(row(f_.slots() + f_.aliases() + k), m + 2 * m_pitch_);
       write_noise(line, k, nearest);
     }
   }
@@ -447,6 +465,19 @@ class Tile {
       narrow(row, width_, out, out + m_pitch_);
     } else {
       narrow_between(row, index_.data(), low_.data(), high_.data(), width_, out, out + m_pitch_);
+    }
+  }
+
+  /// The same of noise, in which pixels on the factors' columns never look at the next one.
+  void narrow_noise(const double* row, float* out) const {
+    if (aligned_) return narrow(row, width_, out, out + m_pitch_);
+    for (int64_t i = 0; i < width_; ++i) {
+      const double* at = row + int64_t{2} * index_[size(i)];
+      const double low = low_[size(i)], high = high_[size(i)];
+      for (int64_t part = 0; part < 2; ++part) {
+        out[part * m_pitch_ + i] =
+            static_cast<float>(high == 0 ? at[part] : low * at[part] + high * at[part + 2]);
+      }
     }
   }
 
@@ -600,7 +631,7 @@ struct TileSize {
     const double formed = 24 * ratio, narrowed = 8;  // bytes of a slot and column
     const auto columns = static_cast<int64_t>(kCache / (slots * (formed + narrowed)));
     width = std::clamp<int64_t>(columns / kChunk * kChunk, kChunk, 1024);
-    if (p.volumes == 1) return;
+    if (p.volumes < 2) return;  // lines that wait would only take room
     const double each = kCache / (slots * static_cast<double>(std::min(width, p.nx)));
     lines = static_cast<int64_t>(std::clamp((each - formed) / narrowed, 1.0, 1.0 * kBlock));
   }

@@ -256,7 +256,7 @@ template <int W>
 CTESSEL_INLINE void propagate(const Slice& t, int64_t n, int64_t k, Lanes<W>& variance,
                               Lanes<W>& response) {
   double* inverse = t.b + 2 * (k * 2 * n + n) * ctessel::kVoxels;
-  variance = lane<W>(inverse, 2 * k);
+  variance = lane<W>(inverse, 2 * k) + 0.0;  // no -0
   response = Lanes<W>{} + 1.0;
   if (t.plain) return;
   variance = Lanes<W>{};

@@ -1,5 +1,6 @@
 // What unfolding makes of noise, against matrices written out and against unfolded unit noise.
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <complex>
@@ -260,6 +261,43 @@ TEST_CASE("Images of noise leave the image's bits alone and hold for its factors
       CHECK((s.g[p] >= 0.999f || sd == 0 || setup.weight > 0));
       CHECK((s.condition[p] >= 1 || sd == 0));
     }
+  }
+}
+
+TEST_CASE("Noise that is not finite stays in its voxels and out of the image", "[sense_noise]") {
+  // One coil, nothing expected in the first folded voxel's aliases: no row follows the last slot.
+  Scene slots({{3, 1, 4, 1}, {3, 1, 2}, {3, 1, 4}, 0, 1});
+  for (auto* v : {&slots.re, &slots.mask, &slots.expected}) v->assign(v->size(), 1.0f);
+  slots.im.assign(slots.im.size(), 0.0f);
+  slots.expected[3] = slots.expected[9] = 0;
+  // Two aliases with equal maps, images on the maps' columns and between them.
+  std::vector<Scene> scenes = {slots};
+  for (int columns : {5, 9}) {
+    Scene& s = scenes.emplace_back(Setup{{5, 6, 1, 2}, {columns, 3, 1}, {columns, 6, 1}});
+    s.mask.assign(s.mask.size(), 1.0f);
+    const auto one_column = [&](int row, int coil) { return 2 + 5 * (row + 6 * coil); };
+    for (int coil : {0, 1}) {
+      for (auto* part : {&s.re, &s.im})
+        (*part)[one_column(0, coil)] = (*part)[one_column(3, coil)] = coil + 1.0f;
+    }
+  }
+  for (Scene& s : scenes) {
+    const auto folded = ConstSamples::parts(s.fold_re.data(), s.fold_im.data(), s.fold());
+    const Samples out = Samples::parts(s.out_re.data(), s.out_im.data(), s.image());
+    ctessel::sense(folded, s.maps(), s.setup.full, out, s.options());
+    const auto re = s.out_re, im = s.out_im;
+    ctessel::sense(folded, s.maps(), s.setup.full, out, s.with_noise());
+    CHECK(differences(s.out_re, re) == "");
+    CHECK(differences(s.out_im, im) == "");
+    const auto g = s.g, sd = s.sd, response = s.response;
+    ctessel::sense(folded, s.maps(), s.setup.full, {}, s.with_noise());
+    CHECK(differences(s.g, g) == "");
+    CHECK(differences(s.sd, sd) == "");
+    CHECK(differences(s.response, response) == "");
+    const auto beyond = [](float v) { return !std::isfinite(v); };
+    const bool own = s.setup.folded[0] == s.setup.maps[0];
+    CHECK(std::count_if(re.begin(), re.end(), beyond) > 2);
+    CHECK(std::count_if(g.begin(), g.end(), beyond) == (own ? 2 : 6));
   }
 }
 
