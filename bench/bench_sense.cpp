@@ -144,7 +144,7 @@ Case recon(const Setting& setting) {
   };
   c.limits = {{Kind::kDouble, factor_work(*s, false) + s->volumes * unfold_work(*s)},
               {Kind::kRead, s->volumes * s->bytes()}};
-  c.documented = (setting.coarse ? 13 : 1) << 20;
+  c.documented = 1.3 * (1 << 20);
   c.difference = [=] { return s->difference(); };
   c.tolerance = 1e-5;
   return c;
@@ -211,7 +211,7 @@ Case noise(const Setting& setting) {
   c.part = [=] { s->find_factors(); };
   c.naive = [=] { s->unfold_units(); };
   c.limits = {{Kind::kDouble, factor_work(*s, setting.option) + unfold_work(*s)}};
-  c.documented = 1 << 20;
+  c.documented = 1.3 * (1 << 20);
   c.difference = [=] { return difference(s->sd, s->plain); };
   c.tolerance = 1e-4;
   return c;

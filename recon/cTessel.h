@@ -161,8 +161,9 @@ void TS_perform_pcsos(float* re, float* im, int ndims, int* dims, int coildim, f
 /// past the output's end, with earlier volumes written. Coils that only one of the folded images and
 /// the maps have take no part. Too few locations in sens or reg are the caller's fault.
 /// The results are those of get_combination_factors and unfold, to the bit. Threads: split over x.
-/// Memory: on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to
-/// 1400 pairs of a coil and an alias; it does not grow with the extents nor with the volumes.
+/// Memory: on each thread 1.3 MiB where the maps have the image's lines, no more columns, and all is
+/// finite, else at most 13 MiB, for up to 1400 pairs of a coil and an alias; it does not grow with the
+/// extents nor with the volumes.
 /// Source: Pruessmann et al., SENSE: sensitivity encoding for fast MRI, MRM 1999;42:952.
 int TS_sense_recon(float* fold_re, float* fold_im, int fold_ndims, int* fold_dims, float* sens_re,
                    float* sens_im, int sens_ndims, int* sens_dims, float* psi_re, float* psi_im,

@@ -281,8 +281,9 @@ void pcsos(const ConstSamples& data, Dim coil, const Samples& out);
 ///                   and of folded only the extents count
 ///
 /// Errors: std::invalid_argument where extents do not fit, or aliases do not meet every voxel once.
-/// Threads: split over x. Memory: a bit per voxel of a plane x where aliases are listed or maps have sets; on each thread 1 MiB where maps and images lie on one grid, else at most 13 MiB, for up to 1400 pairs of a
-/// coil and an alias of a set.
+/// Threads: split over x. Memory: a bit per voxel of a plane x where aliases are listed or maps have
+/// sets; on each thread 1.3 MiB where the maps have the image's lines, no more columns, and all is
+/// finite, else at most 13 MiB, for up to 1400 pairs of a coil and an alias of a set.
 void sense(const ConstSamples& folded, const ConstSamples& maps,
            const std::array<int, 3>& full_size, const Samples& out,
            const SenseOptions& options = {});
