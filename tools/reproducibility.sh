@@ -16,7 +16,7 @@ build() {  # NAME COMPILER FLAG...
   shift
   mkdir -p "$out/$name"
   printf '%s\n' "${sources[@]}" |
-    xargs -P "$(nproc)" -I{} sh -c '"$@" -c {} -o "$0/$(basename {} .cpp).o"' "$out/$name" "$@" "${flags[@]}"
+    xargs -P "$(nproc)" -I{} sh -c '"$@" -c {} -o "$0/$(echo {} | tr / _).o"' "$out/$name" "$@" "${flags[@]}"
   "$@" -fopenmp "$out/$name"/*.o -o "$out/$name/reproducibility"
   "$out/$name/reproducibility" write "$out/$name.txt"
 }
