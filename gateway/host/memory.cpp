@@ -29,9 +29,8 @@ std::size_t Array::count() const {
 
 namespace {
 
-void copy_bits(const float* from, float* to) {
-  std::memcpy(to, from, sizeof(float));
-}  // a NaN's, too
+/// Of a NaN, too, which a host may change where it is loaded as a number.
+void copy_bits(const float* from, float* to) { std::memcpy(to, from, sizeof(float)); }
 
 std::vector<float> every(const float* from, std::size_t n, std::ptrdiff_t step) {
   std::vector<float> out(from ? n : 0);
